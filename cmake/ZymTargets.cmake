@@ -1,0 +1,80 @@
+# Shared build rules. Every target of the project links zym_options, so that flags live in one place.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE Release)
+endif()
+# -O3 in place of CMake's default set; asserts stay in debug and sanitizer builds only.
+set(CMAKE_CXX_FLAGS_RELEASE "-O3 -DNDEBUG")
+set(CMAKE_C_FLAGS_RELEASE "-O3 -DNDEBUG")
+
+add_library(zym_options INTERFACE)
+target_include_directories(zym_options INTERFACE
+  "${PROJECT_SOURCE_DIR}" "${PROJECT_SOURCE_DIR}/include")
+# A fused multiply-add happens where the code says fma and nowhere else: results are part of the
+# interface, so the compiler must not contract a * b + c on its own.
+target_compile_options(zym_options INTERFACE -ffp-contract=off
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wno-sign-conversion -Werror)
+
+if(ZYM_SANITIZE)
+  target_compile_options(zym_options INTERFACE
+    -fsanitize=${ZYM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(zym_options INTERFACE -fsanitize=${ZYM_SANITIZE})
+endif()
+if(ZYM_COVERAGE)
+  target_compile_options(zym_options INTERFACE --coverage)
+  target_link_options(zym_options INTERFACE --coverage)
+endif()
+
+# zym_add_library(name SOURCES ... DEPS ...): one static library per folder, linked into the plugin.
+function(zym_add_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC zym_options ${ARG_DEPS})
+endfunction()
+
+# zym_add_test(name SOURCES ... DEPS ... [LABELS ...] [TIMEOUT s]): a GoogleTest program whose test
+# cases become CTest tests of their own.
+function(zym_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 300)
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE zym_options ${ARG_DEPS} GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+endfunction()
+
+# zym_add_benchmark(name SOURCES ... DEPS ...): a Google Benchmark program.
+function(zym_add_benchmark name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE zym_options ${ARG_DEPS} benchmark::benchmark_main)
+endfunction()
+
+# zym_add_fuzzer(name SOURCES ... DEPS ...): a libFuzzer target with ZYM_FUZZ; otherwise the same
+# source with a small main that replays the seeds of fuzz/seeds/<name>, registered as a test.
+function(zym_add_fuzzer name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE zym_options ${ARG_DEPS})
+  if(ZYM_FUZZ)
+    target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  else()
+    target_sources(${name} PRIVATE "${PROJECT_SOURCE_DIR}/fuzz/replay_main.cpp")
+    add_test(NAME fuzz.${name} COMMAND ${name} "${PROJECT_SOURCE_DIR}/fuzz/seeds/${name}")
+  endif()
+endfunction()

@@ -1,0 +1,69 @@
+// Writes one ZYM2 container. Tensor bytes are streamed, so a model of any size is written in
+// constant memory (the index costs some 200 bytes a tensor).
+//
+//   ZYM2Writer writer;
+//   Status s = writer.create("model.zym");
+//   writer.addMetaStr("general.architecture", "qwen35");
+//   writer.setTokenizer(std::move(tables));
+//   if (s.ok()) s = writer.addTensor("token_embd.weight", QuantType::F32, {64, 300}, data, bytes);
+//   if (s.ok()) s = writer.finish();
+//
+// The file grows under a temporary name in the target's folder; finish() writes the index, the
+// other sections and the header, syncs, and renames. Until finish() succeeds the target is
+// untouched; a failure, abandon() or destruction removes the temporary file. After a failure every
+// later call returns the first failure's status. One thread at a time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "container/status.h"
+#include "container/tokenizer_data.h"
+#include "container/zym2_format.h"
+#include "quant/quant_type.h"
+
+namespace kel {
+
+class ZYM2Writer {
+ public:
+  ZYM2Writer() = default;
+  ~ZYM2Writer();
+  ZYM2Writer(const ZYM2Writer&) = delete;
+  ZYM2Writer& operator=(const ZYM2Writer&) = delete;
+
+  // Starts a file that finish() will name path. An existing target is replaced only by finish().
+  Status create(const std::string& path);
+
+  // Metadata, in call order, at any time before finish(). Keys are at most 65,535 bytes.
+  void addMetaU32(std::string_view key, uint32_t value);
+  void addMetaI32(std::string_view key, int32_t value);
+  void addMetaF32(std::string_view key, float value);
+  void addMetaU64(std::string_view key, uint64_t value);
+  void addMetaStr(std::string_view key, std::string_view value);
+  void addMetaU32Array(std::string_view key, const std::vector<uint32_t>& values);
+
+  // Optional sections, at any time before finish().
+  void setTokenizer(TokenizerData tables);
+  void setText(std::string bytes);
+  void setHeaderWords(uint32_t wordA, uint64_t wordB, uint64_t wordC);
+  // Quant info is written by default (all zero); false leaves the section out.
+  void setQuantInfo(bool present);
+
+  // A tensor in one call. dims: innermost first, at most four. data: byteSize bytes.
+  Status addTensor(std::string_view name, QuantType type, const std::vector<uint64_t>& dims,
+                   const void* data, uint64_t byteSize);
+  // The same in pieces: begin, any number of writes, end. The stored byte size is what was written.
+  Status beginTensor(std::string_view name, QuantType type, const std::vector<uint64_t>& dims);
+  Status writeTensorData(const void* data, size_t nBytes);
+  Status endTensor();
+
+  // Completes the file: index, remaining sections, header, sync, rename, sync of the folder.
+  Status finish();
+  // Drops the file; the target stays as it was. Safe at any time.
+  void abandon();
+};
+
+}  // namespace kel
