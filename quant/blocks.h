@@ -1,8 +1,9 @@
 // Block formats: storage sizes, half precision, decoders and encoders of every quantised format.
 //
-// Layouts and formulas are stated beside each function's definition and in docs/container.md; all
-// multi-byte fields are little-endian. A row of n elements is ceil(n / block) consecutive blocks.
-// Every function is pure: no state, no allocation, any number of threads on disjoint buffers.
+// Layouts and formulas are stated beside each function's definition and in docs/block-formats.md;
+// all multi-byte fields are little-endian. A row of n elements is ceil(n / block) consecutive
+// blocks. Encoded buffers need no alignment. Every function is pure: no state, no allocation, no
+// failure, any number of threads on disjoint buffers.
 #pragma once
 
 #include <cstddef>
@@ -49,8 +50,10 @@ void dequantQ6K(const void* src, float* dst, size_t n);
 // scale is read from the first super-block alone and serves all of them.
 void dequantQ8K(const void* src, float* dst, size_t n);
 
-// Encoders: dst receives quantizedBytes(type, n) bytes; elements from n to the end of the last
-// block count as 0. NaN and infinity propagate as the arithmetic dictates.
+// Encoders: dst receives exactly quantizedBytes(type, n) bytes; only n elements of src are read,
+// and those from n to the end of the last block count as 0. Infinities, and finite values so large
+// that a scale overflows half precision, give infinite or NaN scales; an element whose code cannot
+// be computed (NaN) takes the lowest code.
 void quantQ40(const float* src, void* dst, size_t n);
 void quantQ80(const float* src, void* dst, size_t n);
 void quantQ4K(const float* src, void* dst, size_t n);
