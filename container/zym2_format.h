@@ -3,10 +3,14 @@
 // The three change together.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
 namespace kel::zym2 {
+
+// Fields are copied between file and memory as they are.
+static_assert(std::endian::native == std::endian::little, "the container is little-endian");
 
 constexpr uint32_t kMagic = 0x324D595A;  // "ZYM2"
 constexpr uint32_t kVersion = 2;

@@ -78,6 +78,9 @@ class ZYM2Reader {
   // The index entry (128 bytes) of the first tensor whose name equals the first 64 bytes of name;
   // null when there is none, name is null, or the reader is closed. Binary search.
   const uint8_t* findTensor(const char* name) const;
+  // The index entry at a position; null when the reader is closed or index is past the end.
+  const uint8_t* tensorEntry(size_t index) const;
+  // The same two lookups as views.
   TensorEntryView tensorView(size_t index) const;
   TensorEntryView tensorView(const char* name) const;
 
@@ -89,29 +92,19 @@ class ZYM2Reader {
   bool readTokenizer(TokenizerData& out) const;
 
  private:
-  struct MetaEntry {
-    std::string key;
-    zym2::MetaType type = zym2::MetaType::U32;
-    uint32_t u32 = 0;
-    int32_t i32 = 0;
-    float f32 = 0;
-    uint64_t u64 = 0;
-    std::string str;
-    std::vector<uint32_t> array;
-    uint64_t arrayCount = 0;
-  };
-
-  Status validate();
+  Status mapFile(const char* path);
+  Status validateHeader();
+  Status validateSections() const;
   Status parseMeta();
   Status parseQuantInfo();
-  const MetaEntry* findMeta(const char* key, zym2::MetaType type) const;
+  const MetaEntryView* findMeta(const char* key, zym2::MetaType type) const;
 
   zym2::Header headerCopy{};
   const zym2::SectionEntry* table = nullptr;
   const uint8_t* base = nullptr;
   uint64_t mappedBytes = 0;
   int32_t fd = -1;
-  std::vector<MetaEntry> meta;
+  std::vector<MetaEntryView> meta;  // in file order
   std::vector<zym2::QuantRecord> quantInfo;
   bool opened = false;
 };
