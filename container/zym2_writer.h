@@ -16,10 +16,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
+#include "container/output_file.h"
 #include "container/status.h"
 #include "container/tokenizer_data.h"
 #include "container/zym2_format.h"
@@ -64,6 +67,31 @@ class ZYM2Writer {
   Status finish();
   // Drops the file; the target stays as it was. Safe at any time.
   void abandon();
+
+ private:
+  bool beginMeta(std::string_view key, zym2::MetaType type, size_t valueLength);
+  Status writeSections();
+  Status writeSection(zym2::SectionType type, std::string_view bytes);
+  void addSection(zym2::SectionType type, uint64_t offset);  // what was appended since offset
+  Status writeTokenizer();
+  Status writeIndex();
+  Status writeHead();
+  Status fail(const std::string& what);
+  Status check(Status status);  // remembers a failure and drops the file
+
+  OutputFile out;
+  Status failure;
+  zym2::Header header{};
+  std::string meta;  // the entries as stored
+  uint32_t metaCount = 0;
+  std::optional<TokenizerData> tokenizer;
+  std::optional<std::string> text;
+  bool quantInfo = true;
+  uint64_t weightsOffset = 0;
+  bool inTensor = false;
+  std::unordered_set<std::string> names;
+  std::vector<zym2::TensorEntry> tensors;  // in call order until finish() sorts them
+  std::vector<zym2::SectionEntry> sections;
 };
 
 }  // namespace kel
