@@ -1,0 +1,48 @@
+// Loads the built plugin as a host does: dlopen and the public header, nothing else.
+#pragma once
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include "zym/plugin.h"
+
+namespace testing_abi {
+
+class PluginLibrary {
+ public:
+  PluginLibrary() : library(dlopen(ZYM_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL)) {
+    if (library == nullptr) {
+      ADD_FAILURE() << dlerror();
+      return;
+    }
+    init = resolve<ZYMPluginInitFn>("zym_plugin_init");
+    runtimes = resolve<ZYMPluginRuntimesFn>("zym_plugin_runtimes");
+    runtimesV2 = resolve<ZYMPluginRuntimesV2Fn>("zym_plugin_runtimes_v2");
+    runtimesV2S = resolve<ZYMPluginRuntimesV2SFn>("zym_plugin_runtimes_v2s");
+  }
+  PluginLibrary(const PluginLibrary&) = delete;
+  PluginLibrary& operator=(const PluginLibrary&) = delete;
+
+  ZYMPluginInitFn init = nullptr;
+  ZYMPluginRuntimesFn runtimes = nullptr;
+  ZYMPluginRuntimesV2Fn runtimesV2 = nullptr;
+  ZYMPluginRuntimesV2SFn runtimesV2S = nullptr;
+
+ private:
+  template <typename Function>
+  Function resolve(const char* name) {
+    void* const symbol = dlsym(library, name);
+    EXPECT_NE(nullptr, symbol) << name;
+    return reinterpret_cast<Function>(symbol);
+  }
+
+  void* library;  // stays loaded until the process ends, as OpenMP's threads live in it
+};
+
+// One load per test program.
+inline const PluginLibrary& plugin() {
+  static const PluginLibrary library;
+  return library;
+}
+
+}  // namespace testing_abi
