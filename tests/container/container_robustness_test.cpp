@@ -1,19 +1,17 @@
 // Damaged containers of every kind: whatever the bytes, opening and asking neither crashes nor
 // reads outside the file. The sanitizer builds give these tests their teeth.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 
 #include "container/zym_loader.h"
 #include "tests/support/container_samples.h"
+#include "tests/support/container_walk.h"
 
 namespace {
 
 using kel::Status;
-using kel::ZYM2Reader;
 using kel::ZYMLoader;
 using kel::test::ContainerImage;
 using kel::zym2::SectionType;
@@ -23,56 +21,6 @@ constexpr SectionType kSectionTypes[] = {SectionType::Meta,       SectionType::T
                                          SectionType::Text,       SectionType::TensorIndex,
                                          SectionType::WeightData, SectionType::QuantInfo};
 
-// A file in memory that every mutation overwrites.
-class MemoryFile {
- public:
-  MemoryFile() : fd(::memfd_create("container", MFD_CLOEXEC)) {}
-  ~MemoryFile() { ::close(fd); }
-  MemoryFile(const MemoryFile&) = delete;
-  MemoryFile& operator=(const MemoryFile&) = delete;
-
-  void write(const test::Bytes& bytes) const {
-    const auto size = static_cast<off_t>(bytes.size());
-    if (::ftruncate(fd, size) != 0 || ::pwrite(fd, bytes.data(), bytes.size(), 0) != size) {
-      throw std::runtime_error("cannot write to memory");
-    }
-  }
-  std::string path() const { return "/proc/self/fd/" + std::to_string(fd); }
-
- private:
-  int fd;
-};
-
-// Asks an open loader everything. Tensor bytes are left alone: views carry addresses as stored.
-size_t walk(const ZYMLoader& loader) {
-  size_t seen = loader.text.size() + loader.tokenizer.tokens.size();
-  ZYM2Reader::MetaEntryView entry;
-  for (size_t i = 0; loader.reader.metaAt(i, entry); ++i)
-    seen += entry.key.size();
-  std::string str;
-  uint32_t u32 = 0;
-  const uint32_t* data = nullptr;
-  size_t count = 0;
-  if (loader.reader.getMetaStr("general.architecture", str)) seen += str.size();
-  if (loader.reader.getMetaU32("u32", u32)) seen += u32 & 1;
-  if (loader.reader.getMetaU32Array("array", data, count)) {
-    for (size_t i = 0; i < count; ++i)
-      seen += data[i] & 1;
-  }
-  for (size_t i = 0; i <= loader.tensorCount; ++i)
-    seen += loader.reader.tensorView(i).rank;
-  for (const kel::TensorView& record : loader.tensors) {
-    seen += loader.findTensor(record.name) != nullptr ? 1 : 0;
-    seen += loader.reader.findTensor(record.name.c_str()) != nullptr ? 1 : 0;
-    seen += loader.reader.tensorView(record.name.c_str()).rank;
-  }
-  for (const char* name : {"a", "b", "c", "", "zz"}) {
-    seen += loader.findTensor(name) != nullptr ? 1 : 0;
-    seen += loader.reader.tensorView(name).rank;
-  }
-  return seen;
-}
-
 class RobustnessTest : public testing::Test {
  protected:
   // Opens the bytes and, where they open, walks them. A status that fails carries a message.
@@ -80,7 +28,7 @@ class RobustnessTest : public testing::Test {
     file.write(bytes);
     const Status status = loader.open(path.c_str());
     if (status.ok()) {
-      EXPECT_GT(walk(loader), 0U);
+      EXPECT_GT(test::walk(loader), 0U);
     } else {
       EXPECT_EQ(nullptr, loader.findTensor("a"));
       EXPECT_FALSE(status.message.empty());
@@ -110,7 +58,7 @@ class RobustnessTest : public testing::Test {
   }
 
   const ContainerImage whole = test::sampleImage();
-  const MemoryFile file;
+  const test::MemoryFile file;
   const std::string path = file.path();
   ZYMLoader loader;
 };
