@@ -1,0 +1,22 @@
+#include "tests/session/allocation_counter.h"
+
+#include <cstdlib>
+#include <new>
+
+namespace kel::testing {
+
+size_t nAllocations = 0;
+
+}  // namespace kel::testing
+
+void* operator new(size_t size) {
+  ++kel::testing::nAllocations;
+  if (void* memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+  std::free(memory);
+}
