@@ -1,0 +1,47 @@
+// Small single-precision kernels of the forward pass: norms, activations, bfloat16, dot product.
+//
+// Plain sequential functions: any thread, no allocation, no errors. Elementwise functions may be
+// called with out equal to x. The matrix-vector products are in qwen35/products.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qwen35 {
+
+// Sum of a[i] * b[i], n floats each, in single precision.
+//
+// n a multiple of 8: the order of additions is that of KernelTable (qwen35/simd/kernel_table.h).
+// Otherwise the products are added to one running sum in index order, each rounded before it is
+// added, except that the last n mod 16 are added with fused multiply-adds.
+float dotF32(const float* a, const float* b, size_t n);
+
+// Root-mean-square norm of one row: out[i] = (inv * x[i]) * w[i], inv = 1 / sqrt(mean(x^2) + eps).
+// "Root Mean Square Layer Normalization" (2019), eq. 4, with eps added under the root.
+//
+// x, w, out: n floats. The squares are summed in double in index order and divided by n in double;
+// all that follows is single precision. w multiplies as stored, without "1 +".
+void rmsNorm(const float* x, const float* w, float* out, size_t n, float eps);
+
+// Scales each of nBlocks consecutive blocks of blockLen floats to unit length:
+// out = x * inv, inv = 1 / sqrt(sum(x^2) + eps). The squares are summed in double in index order.
+void l2NormBlocks(const float* x, float* out, size_t nBlocks, size_t blockLen, float eps);
+
+// out[i] = x[i] / (1 + exp(-x[i])).
+void silu(const float* x, float* out, size_t n);
+
+// out[i] = 1 / (1 + exp(-x[i])).
+void sigmoid(const float* x, float* out, size_t n);
+
+// out[i] = log1p(exp(x[i])), or x[i] itself above 20, where the two agree to single precision and
+// the exponential would overflow later.
+void softplus(const float* x, float* out, size_t n);
+
+// The float whose upper 16 bits are h and whose lower 16 bits are zero.
+float bf16ToF32(uint16_t h);
+
+// The upper 16 bits of f, rounded to nearest, ties to even. Deliberate: NaN and infinity take the
+// same path as every value, so a NaN with all low bits set can round into the sign bit.
+uint16_t f32ToBf16(float f);
+
+}  // namespace qwen35

@@ -1,0 +1,66 @@
+// The vectorised kernels: one table of functions per instruction set, all with the same results.
+//
+// A contract here fixes the order of every rounding, so that any two tables give the same bits
+// (of a NaN result only that it is a NaN). kernels_scalar.cpp states each contract as plain loops
+// and is the reference. docs/kernels.md shows how to add a table.
+//
+// Row sum: how the products of one row are added. It serves a dot product, a matrix-vector product
+// and any product that takes several rows or several inputs at a time: each keeps one vector of
+// kLanes sums per pair of row and input.
+//   1. Element i belongs to lane i % kLanes. In rising i, chain[lane] = fma(w[i], x[i],
+//      chain[lane]); the chains start at 0.
+//   2. After every kChunk elements, and after the last, total[lane] += chain[lane] and the chains
+//      restart at 0; the totals start at 0. Short chains keep long rows accurate: the error grows
+//      with the number of additions into one sum, which are 64 and 64 for 32,768 elements.
+//   3. The totals fold by halves: lane l + lane l + 4, then 2, then 1.
+//
+// The functions know nothing of threads: each writes its outputs alone, allocates nothing, and may
+// be called from any thread. Weights may lie at any address; floats are aligned as floats.
+#pragma once
+
+#include <cstddef>
+
+namespace qwen35 {
+
+constexpr size_t kLanes = 8;
+constexpr size_t kChunk = 512;
+
+// out[r] = row r of W times x, for `rows` consecutive rows of `cols` elements each; out is
+// overwritten and overlaps no input. rows and cols may be 0 (an empty row gives 0).
+using RowsProduct = void (*)(const void* W, const float* x, float* out, size_t rows, size_t cols);
+
+struct KernelTable {
+  const char* name;  // "scalar", "avx2", ...
+
+  // Sum of a[i] * b[i], n floats each. n % kLanes == 0: the row sum above. Otherwise one running
+  // sum in index order: sum += a[i] * b[i] with both roundings, and sum = fma(a[i], b[i], sum) for
+  // the last n % 16 elements.
+  float (*dot)(const float* a, const float* b, size_t n);
+
+  // Each row as `dot`: any cols.
+  RowsProduct rowsF32;
+  RowsProduct rowsBf16;
+
+  // Row sums over the exact values of the decoders of quant/blocks.h; cols is a multiple of the
+  // format's block length (32 for Q8_0, 256 for the others).
+  RowsProduct rowsQ80;
+  RowsProduct rowsQ4K;
+  RowsProduct rowsQ5K;
+
+  // acc[d] = acc[d] + (e[p] * r) * V[p][d], for p in rising order and every d, each product and
+  // each sum rounded (nothing fused). V: [rows][n], e: [rows], acc: [n], not overlapping.
+  void (*addWeightedRows)(const float* e, float r, const float* V, float* acc, size_t rows,
+                          size_t n);
+
+  // One update of a gated delta rule's state and its read-out. S: [D][D], row i of key element i;
+  // q, k, v: [D]; v enters as the value and leaves as the output. For every column j:
+  //   S(i, j) = S(i, j) * decay for all i
+  //   kv = fma(k[i], S(i, j), kv) from 0 in rising i;  u = (v[j] - kv) * beta
+  //   S(i, j) = fma(k[i], u, S(i, j)) for all i
+  //   o = fma(S(i, j), q[i], o) from 0 in rising i;    v[j] = scale * o
+  // "Gated Delta Networks: Improving Mamba2 with Delta Rule" (2024), eq. 10, transposed.
+  void (*deltaStep)(float* S, const float* q, const float* k, float* v, size_t D, float decay,
+                    float beta, float scale);
+};
+
+}  // namespace qwen35
