@@ -1,0 +1,229 @@
+#include "qwen35/products.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "quant/blocks.h"
+#include "qwen35/kernels.h"
+#include "qwen35/simd/dispatch.h"
+
+namespace qwen35 {
+
+using kel::QuantType;
+
+namespace {
+
+// Rows whose sums are held on the stack between the product and the addition to the output.
+constexpr size_t kRowsPerPass = 64;
+
+// One matrix with what it takes to multiply its rows. `product` is null where rows are decoded to
+// scratch first: for a type that has no product, and for rows that end inside a block.
+struct RowSource {
+  const uint8_t* data;
+  QuantType type;
+  size_t cols;
+  size_t stride;  // bytes
+  RowsProduct product;
+};
+
+RowsProduct rowsProduct(QuantType type, size_t cols) {
+  const KernelTable& table = kernels();
+  const bool wholeBlocks = cols % kel::quant::kBlockLen == 0;
+  const bool wholeSuperBlocks = cols % kel::quant::kSuperBlockLen == 0;
+  switch (type) {
+    case QuantType::F32:
+      return table.rowsF32;
+    case QuantType::BF16:
+      return table.rowsBf16;
+    case QuantType::Q8_0:
+      return wholeBlocks ? table.rowsQ80 : nullptr;
+    case QuantType::Q4_K:
+      return wholeSuperBlocks ? table.rowsQ4K : nullptr;
+    case QuantType::Q5_K:
+      return wholeSuperBlocks ? table.rowsQ5K : nullptr;
+    default:
+      return nullptr;
+  }
+}
+
+RowSource rowSource(const void* data, QuantType type, size_t cols) {
+  return {static_cast<const uint8_t*>(data), type, cols, rowBytes(type, cols),
+          rowsProduct(type, cols)};
+}
+
+// sums[i] = row first + i times x, for `count` rows; scratch: cols floats, used when there is no
+// product.
+void multiplyRows(const RowSource& W, size_t first, size_t count, const float* x, float* sums,
+                  float* scratch) {
+  if (W.product != nullptr) {
+    W.product(W.data + first * W.stride, x, sums, count, W.cols);
+    return;
+  }
+  for (size_t i = 0; i < count; ++i) {
+    decodeRow(W.type, W.data + (first + i) * W.stride, scratch, W.cols);
+    sums[i] = dotF32(scratch, x, W.cols);
+  }
+}
+
+void addProductOfRange(const RowSource& W, RowRange range, const float* x, float* y,
+                       float* scratch) {
+  float sums[kRowsPerPass];
+  for (size_t r = range.begin; r < range.end; r += kRowsPerPass) {
+    const size_t count = std::min(kRowsPerPass, range.end - r);
+    multiplyRows(W, r, count, x, sums, scratch);
+    for (size_t i = 0; i < count; ++i) {
+      y[r + i] += sums[i];
+    }
+  }
+}
+
+// Leaves the last row of the range in the scratch row, where a row by row product would have left
+// it: a later product of a type that decodes nothing reads it.
+void keepLastRow(const RowSource& W, RowRange range, float* scratch) {
+  if (range.begin < range.end) {
+    decodeRow(W.type, W.data + (range.end - 1) * W.stride, scratch, W.cols);
+  }
+}
+
+// Calls body(t, rows of thread t) on every thread of the team that OpenMP grants.
+template <typename Body>
+void overRows(size_t rows, const Body& body) {
+#pragma omp parallel
+  {
+    const auto t = static_cast<size_t>(omp_get_thread_num());
+    body(t, threadRows(rows, static_cast<size_t>(omp_get_num_threads()), t));
+  }
+}
+
+void addProduct(const RowSource& W, const float* x, float* y, size_t rows) {
+  overRows(rows,
+           [&](size_t, RowRange range) { addProductOfRange(W, range, x, y, /*scratch=*/nullptr); });
+}
+
+void fitScratch(ThreadRows& scratch, size_t cols) {
+  const auto nThreads = static_cast<size_t>(omp_get_max_threads());
+  if (scratch.size() != nThreads || scratch[0].size() < cols) {
+    scratch.assign(nThreads, std::vector<float>(cols, 0.0f));
+  }
+}
+
+// One set per calling thread, so that two models driven by two host threads do not meet. The
+// threads of a team use the caller's set.
+ThreadRows& gemvScratch() {
+  static thread_local ThreadRows bufs;
+  return bufs;
+}
+
+ThreadRows& headScratch() {
+  static thread_local ThreadRows scrs;
+  return scrs;
+}
+
+}  // namespace
+
+size_t rowCount(const kel::TensorView& W) {
+  size_t rows = 1;
+  for (size_t d = 1; d < std::min<size_t>(W.rank, 4); ++d) {
+    rows *= W.dims[d];
+  }
+  return rows;
+}
+
+size_t rowBytes(QuantType type, size_t cols) {
+  using namespace kel::quant;
+  switch (type) {
+    case QuantType::F32:
+      return cols * sizeof(float);
+    case QuantType::BF16:
+      return cols * sizeof(uint16_t);
+    case QuantType::Q8_0:
+      return cols / kBlockLen * kQ80Bytes;
+    case QuantType::Q4_K:
+      return cols / kSuperBlockLen * kQ4KBytes;
+    case QuantType::Q5_K:
+      return cols / kSuperBlockLen * kQ5KBytes;
+    default:
+      return 0;
+  }
+}
+
+void decodeRow(QuantType type, const void* row, float* dst, size_t n) {
+  switch (type) {
+    case QuantType::F32:
+      if (n > 0) {
+        std::memcpy(dst, row, n * sizeof(float));
+      }
+      break;
+    case QuantType::BF16:
+      for (size_t i = 0; i < n; ++i) {
+        uint16_t half;
+        std::memcpy(&half, static_cast<const uint8_t*>(row) + i * sizeof half, sizeof half);
+        dst[i] = bf16ToF32(half);
+      }
+      break;
+    case QuantType::Q8_0:
+      kel::quant::dequantQ80(row, dst, n);
+      break;
+    case QuantType::Q4_K:
+      kel::quant::dequantQ4K(row, dst, n);
+      break;
+    case QuantType::Q5_K:
+      kel::quant::dequantQ5K(row, dst, n);
+      break;
+    default:
+      break;
+  }
+}
+
+RowRange threadRows(size_t rows, size_t nThreads, size_t t) {
+  const size_t share = rows / nThreads;
+  const size_t longer = rows % nThreads;
+  const size_t begin = t * share + std::min(t, longer);
+  return {begin, begin + share + (t < longer ? 1 : 0)};
+}
+
+void matvecF32Add(const float* W, const float* x, float* y, size_t rows, size_t cols) {
+  addProduct(rowSource(W, QuantType::F32, cols), x, y, rows);
+}
+
+void matvecBf16Add(const uint16_t* W, const float* x, float* y, size_t rows, size_t cols) {
+  addProduct(rowSource(W, QuantType::BF16, cols), x, y, rows);
+}
+
+void gemvRow(Model& /*m*/, const kel::TensorView* W, const float* x, float* y) {
+  const size_t rows = rowCount(*W);
+  const RowSource source = rowSource(W->data, W->type, W->dims[0]);
+  if (W->type == QuantType::F32 || W->type == QuantType::BF16) {
+    addProduct(source, x, y, rows);
+    return;
+  }
+  ThreadRows& bufs = gemvScratch();
+  fitScratch(bufs, source.cols);
+  overRows(rows, [&](size_t t, RowRange range) {
+    addProductOfRange(source, range, x, y, bufs[t].data());
+    keepLastRow(source, range, bufs[t].data());
+  });
+}
+
+void outputHead(const kel::TensorView* W, const float* x, float* logits) {
+  const RowSource source = rowSource(W->data, W->type, W->dims[0]);
+  ThreadRows& scrs = headScratch();
+  fitScratch(scrs, source.cols);
+  overRows(W->dims[1], [&](size_t t, RowRange range) {
+    multiplyRows(source, range.begin, range.end - range.begin, x, logits + range.begin,
+                 scrs[t].data());
+    keepLastRow(source, range, scrs[t].data());
+  });
+}
+
+const ThreadRows& gemvScratchForTesting() {
+  return gemvScratch();
+}
+
+const ThreadRows& headScratchForTesting() {
+  return headScratch();
+}
+
+}  // namespace qwen35
