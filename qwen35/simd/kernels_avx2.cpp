@@ -1,0 +1,465 @@
+// The kernels for AVX2 with FMA: the contracts of kernel_table.h, eight lanes to a register.
+//
+// Only this file is compiled for those instructions. Everything but the table is in an anonymous
+// namespace and nothing comes from inline code of other headers: the linker could pick such a copy
+// for the whole program, and an older processor would meet it.
+#include <immintrin.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "qwen35/simd/tables.h"
+
+namespace qwen35 {
+
+namespace {
+
+static_assert(kLanes == 8, "one register holds the lanes of a row sum");
+
+// Rows multiplied side by side: each has one chain of dependent additions, and four of them hide
+// the latency of the multiply-add.
+constexpr size_t kRowsAtOnce = 4;
+
+constexpr size_t kLineBytes = 64;
+
+float halfToFloat(uint16_t half) {
+  const uint32_t magnitude = static_cast<uint32_t>(half & 0x7FFFu) << 13;
+  const uint32_t sign = static_cast<uint32_t>(half & 0x8000u) << 16;
+  float value;
+  if ((half & 0x7C00u) == 0x7C00u) {
+    const uint32_t bits = sign | magnitude | 0x7F800000u;
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+  }
+  // The exponents of the two formats lie 112 apart; the product is exact, for subnormals too.
+  const uint32_t bits = sign | magnitude;
+  std::memcpy(&value, &bits, sizeof value);
+  return value * 0x1p112f;
+}
+
+float loadHalf(const uint8_t* at) {
+  uint16_t half;
+  std::memcpy(&half, at, sizeof half);
+  return halfToFloat(half);
+}
+
+__m128i load8Bytes(const uint8_t* at) {
+  return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(at));
+}
+
+__m256i load32Bytes(const uint8_t* at) {
+  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+}
+
+// Folds the lanes of a row sum by halves.
+float fold(__m256 total) {
+  const __m128 four = _mm_add_ps(_mm256_castps256_ps128(total), _mm256_extractf128_ps(total, 1));
+  const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));
+  return _mm_cvtss_f32(_mm_add_ss(two, _mm_movehdup_ps(two)));
+}
+
+// A format says how one block of each of R rows, `stride` bytes apart, is multiplied with the
+// block's inputs and added to the rows' chains.
+
+struct F32 {
+  static constexpr size_t kBlockLen = 8;
+  static constexpr size_t kBlockBytes = 32;
+
+  static float load(const uint8_t* row, size_t i) {
+    float value;
+    std::memcpy(&value, row + i * sizeof value, sizeof value);
+    return value;
+  }
+
+  template <size_t R>
+  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+    const __m256 input = _mm256_loadu_ps(x);
+    for (size_t r = 0; r < R; ++r) {
+      const __m256 weights = _mm256_castsi256_ps(load32Bytes(W + r * stride));
+      chain[r] = _mm256_fmadd_ps(weights, input, chain[r]);
+    }
+  }
+};
+
+struct BF16 {
+  static constexpr size_t kBlockLen = 8;
+  static constexpr size_t kBlockBytes = 16;
+
+  static float load(const uint8_t* row, size_t i) {
+    uint16_t half;
+    std::memcpy(&half, row + i * sizeof half, sizeof half);
+    const uint32_t bits = static_cast<uint32_t>(half) << 16;
+    float value;
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+  }
+
+  template <size_t R>
+  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+    const __m256 input = _mm256_loadu_ps(x);
+    for (size_t r = 0; r < R; ++r) {
+      const __m128i halves = _mm_loadu_si128(reinterpret_cast<const __m128i*>(W + r * stride));
+      const __m256i weights = _mm256_slli_epi32(_mm256_cvtepu16_epi32(halves), 16);
+      chain[r] = _mm256_fmadd_ps(_mm256_castsi256_ps(weights), input, chain[r]);
+    }
+  }
+};
+
+struct Q80 {
+  static constexpr size_t kBlockLen = 32;
+  static constexpr size_t kBlockBytes = 34;
+
+  template <size_t R>
+  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+    for (size_t r = 0; r < R; ++r) {
+      const uint8_t* block = W + r * stride;
+      const __m256 scale = _mm256_set1_ps(loadHalf(block));
+      for (size_t i = 0; i < kBlockLen; i += kLanes) {
+        const __m256i codes = _mm256_cvtepi8_epi32(load8Bytes(block + 2 + i));
+        const __m256 weights = _mm256_mul_ps(_mm256_cvtepi32_ps(codes), scale);
+        chain[r] = _mm256_fmadd_ps(weights, _mm256_loadu_ps(x + i), chain[r]);
+      }
+    }
+  }
+};
+
+// What the formats with eight scaled and shifted sub-blocks of 32 share. A super-block opens with
+// two halves (super-scale, super-minimum) and 12 bytes of 6-bit scales and minimums.
+constexpr size_t kSuperLen = 256;
+constexpr size_t kSubLen = 32;
+constexpr size_t kSubBlocks = kSuperLen / kSubLen;
+constexpr size_t kHeadBytes = 16;
+
+struct SubBlockScales {
+  alignas(32) float scale[kSubBlocks];
+  alignas(32) float min[kSubBlocks];
+};
+
+// Four 6-bit fields to a word, in bytes: the first four scales and minimums are the low bits of
+// words 0 and 1; of the last four, word 2 holds the low four bits (scales in its low nibbles,
+// minimums in its high ones) and words 0 and 1 hold the two upper bits.
+SubBlockScales loadScales(const uint8_t* super) {
+  uint32_t word[3];
+  std::memcpy(word, super + 4, sizeof word);
+  const uint64_t scaleBytes =
+      (word[0] & 0x3F3F3F3Fu) |
+      static_cast<uint64_t>((word[2] & 0x0F0F0F0Fu) | ((word[0] >> 2) & 0x30303030u)) << 32;
+  const uint64_t minBytes =
+      (word[1] & 0x3F3F3F3Fu) |
+      static_cast<uint64_t>(((word[2] >> 4) & 0x0F0F0F0Fu) | ((word[1] >> 2) & 0x30303030u)) << 32;
+  const auto widen = [](uint64_t bytes) {
+    const __m128i packed = _mm_cvtsi64_si128(static_cast<long long>(bytes));
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(packed));
+  };
+  SubBlockScales out;
+  _mm256_store_ps(out.scale, _mm256_mul_ps(_mm256_set1_ps(loadHalf(super)), widen(scaleBytes)));
+  _mm256_store_ps(out.min, _mm256_mul_ps(_mm256_set1_ps(loadHalf(super + 2)), widen(minBytes)));
+  return out;
+}
+
+// Adds eight weights, given by their codes, to a chain.
+__m256 addCodes(__m256i codes, __m256 scale, __m256 min, const float* x, __m256 chain) {
+  const __m256 weights = _mm256_fmsub_ps(_mm256_cvtepi32_ps(codes), scale, min);
+  return _mm256_fmadd_ps(weights, _mm256_loadu_ps(x), chain);
+}
+
+struct Q4K {
+  static constexpr size_t kBlockLen = kSuperLen;
+  static constexpr size_t kBlockBytes = 144;
+
+  // Two sub-blocks: the low nibbles of 32 bytes, then the high nibbles.
+  static __m256 addPair(const uint8_t* bytes, const SubBlockScales& s, size_t sub, const float* x,
+                        __m256 chain) {
+    const __m256i nibble = _mm256_set1_epi32(15);
+    __m256i pairs[kSubLen / kLanes];
+    for (size_t i = 0; i < kSubLen / kLanes; ++i) {
+      pairs[i] = _mm256_cvtepu8_epi32(load8Bytes(bytes + i * kLanes));
+    }
+    const __m256 lowScale = _mm256_set1_ps(s.scale[sub]);
+    const __m256 lowMin = _mm256_set1_ps(s.min[sub]);
+    for (size_t i = 0; i < kSubLen / kLanes; ++i) {
+      const __m256i codes = _mm256_and_si256(pairs[i], nibble);
+      chain = addCodes(codes, lowScale, lowMin, x + i * kLanes, chain);
+    }
+    const __m256 highScale = _mm256_set1_ps(s.scale[sub + 1]);
+    const __m256 highMin = _mm256_set1_ps(s.min[sub + 1]);
+    for (size_t i = 0; i < kSubLen / kLanes; ++i) {
+      const __m256i codes = _mm256_srli_epi32(pairs[i], 4);
+      chain = addCodes(codes, highScale, highMin, x + kSubLen + i * kLanes, chain);
+    }
+    return chain;
+  }
+
+  template <size_t R>
+  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+    SubBlockScales s[R];
+    for (size_t r = 0; r < R; ++r) {
+      s[r] = loadScales(W + r * stride);
+    }
+    const uint8_t* codes = W + kHeadBytes;
+    for (size_t sub = 0; sub < kSubBlocks; sub += 2, codes += kSubLen, x += 2 * kSubLen) {
+      for (size_t r = 0; r < R; ++r) {
+        chain[r] = addPair(codes + r * stride, s[r], sub, x, chain[r]);
+      }
+    }
+  }
+};
+
+struct Q5K {
+  static constexpr size_t kBlockLen = kSuperLen;
+  static constexpr size_t kBlockBytes = 176;
+
+  // One sub-block: its 32 codes without the fifth bit, and the bytes whose bit `sub` is that bit.
+  static __m256 addSub(__m256i nibbles, __m256i fifthBits, const SubBlockScales& s, size_t sub,
+                       const float* x, __m256 chain) {
+    const __m256i bit = _mm256_set1_epi8(static_cast<char>(1u << sub));
+    const __m256i isSet = _mm256_cmpeq_epi8(_mm256_and_si256(fifthBits, bit), bit);
+    const __m256i sixteen = _mm256_and_si256(isSet, _mm256_set1_epi8(16));
+    // Through memory: widening from there is cheaper than moving bytes across the register.
+    alignas(32) uint8_t codes[kSubLen];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(codes), _mm256_or_si256(nibbles, sixteen));
+    const __m256 scale = _mm256_set1_ps(s.scale[sub]);
+    const __m256 min = _mm256_set1_ps(s.min[sub]);
+    for (size_t i = 0; i < kSubLen; i += kLanes) {
+      chain = addCodes(_mm256_cvtepu8_epi32(load8Bytes(codes + i)), scale, min, x + i, chain);
+    }
+    return chain;
+  }
+
+  template <size_t R>
+  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+    const __m256i nibble = _mm256_set1_epi8(15);
+    SubBlockScales s[R];
+    for (size_t r = 0; r < R; ++r) {
+      s[r] = loadScales(W + r * stride);
+    }
+    for (size_t sub = 0; sub < kSubBlocks; sub += 2, x += 2 * kSubLen) {
+      for (size_t r = 0; r < R; ++r) {
+        const uint8_t* block = W + r * stride;
+        const __m256i fifthBits = load32Bytes(block + kHeadBytes);
+        const __m256i pairs = load32Bytes(block + kHeadBytes + kSubLen + sub / 2 * kSubLen);
+        const __m256i low = _mm256_and_si256(pairs, nibble);
+        const __m256i high = _mm256_and_si256(_mm256_srli_epi16(pairs, 4), nibble);
+        chain[r] = addSub(low, fifthBits, s[r], sub, x, chain[r]);
+        chain[r] = addSub(high, fifthBits, s[r], sub + 1, x + kSubLen, chain[r]);
+      }
+    }
+  }
+};
+
+// The row sums of R rows, cols a multiple of the block length. While it works it asks for the same
+// place of the next R rows: rows are short, and the processor's own prefetching starts anew at
+// each of the R streams.
+template <typename Format, size_t R>
+void rowSums(const uint8_t* W, size_t stride, const float* x, float* out, size_t cols) {
+  __m256 total[R];
+  for (size_t r = 0; r < R; ++r) {
+    total[r] = _mm256_setzero_ps();
+  }
+  for (size_t i = 0; i < cols;) {
+    const size_t end = cols - i > kChunk ? i + kChunk : cols;
+    __m256 chain[R];
+    for (size_t r = 0; r < R; ++r) {
+      chain[r] = _mm256_setzero_ps();
+    }
+    for (; i < end; i += Format::kBlockLen, W += Format::kBlockBytes) {
+      for (size_t r = 0; r < R; ++r) {
+        const uintptr_t ahead = reinterpret_cast<uintptr_t>(W) + (R + r) * stride;
+        for (size_t line = 0; line < Format::kBlockBytes; line += kLineBytes) {
+          _mm_prefetch(reinterpret_cast<const char*>(ahead + line), _MM_HINT_T0);
+        }
+      }
+      Format::template addBlock<R>(W, stride, x + i, chain);
+    }
+    for (size_t r = 0; r < R; ++r) {
+      total[r] = _mm256_add_ps(total[r], chain[r]);
+    }
+  }
+  for (size_t r = 0; r < R; ++r) {
+    out[r] = fold(total[r]);
+  }
+}
+
+template <typename Format>
+void blockRows(const void* W, const float* x, float* out, size_t rows, size_t cols) {
+  const auto* row = static_cast<const uint8_t*>(W);
+  const size_t stride = cols / Format::kBlockLen * Format::kBlockBytes;
+  size_t r = 0;
+  for (; rows - r >= kRowsAtOnce; r += kRowsAtOnce, row += kRowsAtOnce * stride) {
+    rowSums<Format, kRowsAtOnce>(row, stride, x, out + r, cols);
+  }
+  for (; r < rows; ++r, row += stride) {
+    rowSums<Format, 1>(row, stride, x, out + r, cols);
+  }
+}
+
+// The running sum for lengths that are no multiple of the lanes.
+template <typename Format>
+float runningSum(const uint8_t* row, const float* x, size_t n) {
+  const size_t plain = n - n % 16;
+  float sum = 0.0f;
+  for (size_t i = 0; i < plain; ++i) {
+    sum += Format::load(row, i) * x[i];
+  }
+  for (size_t i = plain; i < n; ++i) {
+    sum = __builtin_fmaf(Format::load(row, i), x[i], sum);
+  }
+  return sum;
+}
+
+template <typename Format>
+void loadedRows(const void* W, const float* x, float* out, size_t rows, size_t cols) {
+  if (cols % kLanes == 0) {
+    blockRows<Format>(W, x, out, rows, cols);
+    return;
+  }
+  const auto* row = static_cast<const uint8_t*>(W);
+  constexpr size_t kElementBytes = Format::kBlockBytes / Format::kBlockLen;
+  for (size_t r = 0; r < rows; ++r, row += cols * kElementBytes) {
+    out[r] = runningSum<Format>(row, x, cols);
+  }
+}
+
+float dot(const float* a, const float* b, size_t n) {
+  float sum;
+  loadedRows<F32>(a, b, &sum, 1, n);
+  return sum;
+}
+
+// Adds rows to kRegisters * kLanes columns of acc, which stay in registers meanwhile.
+template <size_t kRegisters>
+void addWeightedColumns(const float* e, float r, const float* V, float* acc, size_t rows,
+                        size_t n) {
+  __m256 sum[kRegisters];
+  for (size_t c = 0; c < kRegisters; ++c) {
+    sum[c] = _mm256_loadu_ps(acc + c * kLanes);
+  }
+  for (size_t p = 0; p < rows; ++p, V += n) {
+    const __m256 weight = _mm256_set1_ps(e[p] * r);
+    for (size_t c = 0; c < kRegisters; ++c) {
+      const __m256 product = _mm256_mul_ps(weight, _mm256_loadu_ps(V + c * kLanes));
+      sum[c] = _mm256_add_ps(sum[c], product);
+    }
+  }
+  for (size_t c = 0; c < kRegisters; ++c) {
+    _mm256_storeu_ps(acc + c * kLanes, sum[c]);
+  }
+}
+
+void addWeightedRows(const float* e, float r, const float* V, float* acc, size_t rows, size_t n) {
+  constexpr size_t kWide = 8;
+  constexpr size_t kRowsPerTile = 16;  // their values are read once from memory, then from cache
+  for (size_t p = 0; p < rows; p += kRowsPerTile) {
+    const size_t count = rows - p < kRowsPerTile ? rows - p : kRowsPerTile;
+    const float* tile = V + p * n;
+    size_t d = 0;
+    for (; n - d >= kWide * kLanes; d += kWide * kLanes) {
+      addWeightedColumns<kWide>(e + p, r, tile + d, acc + d, count, n);
+    }
+    for (; n - d >= kLanes; d += kLanes) {
+      addWeightedColumns<1>(e + p, r, tile + d, acc + d, count, n);
+    }
+    for (; d < n; ++d) {
+      for (size_t row = 0; row < count; ++row) {
+        acc[d] += (e[p + row] * r) * tile[row * n + d];
+      }
+    }
+  }
+}
+
+struct DeltaStep {
+  const float* q;
+  const float* k;
+  size_t D;
+  float decay;
+  float beta;
+  float scale;
+};
+
+// kRegisters * kLanes columns of the state. The first pass only reads: the second decays each
+// element again, which costs less than storing it twice. Four registers of columns fit the first
+// cache between the two.
+template <size_t kRegisters>
+void deltaColumns(const DeltaStep& step, float* S, float* v) {
+  const __m256 decay = _mm256_set1_ps(step.decay);
+  __m256 kv[kRegisters];
+  for (size_t c = 0; c < kRegisters; ++c) {
+    kv[c] = _mm256_setzero_ps();
+  }
+  for (size_t i = 0; i < step.D; ++i) {
+    const __m256 key = _mm256_set1_ps(step.k[i]);
+    for (size_t c = 0; c < kRegisters; ++c) {
+      const __m256 state = _mm256_loadu_ps(S + i * step.D + c * kLanes);
+      kv[c] = _mm256_fmadd_ps(key, _mm256_mul_ps(state, decay), kv[c]);
+    }
+  }
+  __m256 u[kRegisters];
+  __m256 o[kRegisters];
+  for (size_t c = 0; c < kRegisters; ++c) {
+    const __m256 error = _mm256_sub_ps(_mm256_loadu_ps(v + c * kLanes), kv[c]);
+    u[c] = _mm256_mul_ps(error, _mm256_set1_ps(step.beta));
+    o[c] = _mm256_setzero_ps();
+  }
+  for (size_t i = 0; i < step.D; ++i) {
+    const __m256 key = _mm256_set1_ps(step.k[i]);
+    const __m256 query = _mm256_set1_ps(step.q[i]);
+    for (size_t c = 0; c < kRegisters; ++c) {
+      float* at = S + i * step.D + c * kLanes;
+      const __m256 state = _mm256_fmadd_ps(key, u[c], _mm256_mul_ps(_mm256_loadu_ps(at), decay));
+      _mm256_storeu_ps(at, state);
+      o[c] = _mm256_fmadd_ps(state, query, o[c]);
+    }
+  }
+  for (size_t c = 0; c < kRegisters; ++c) {
+    _mm256_storeu_ps(v + c * kLanes, _mm256_mul_ps(_mm256_set1_ps(step.scale), o[c]));
+  }
+}
+
+void deltaColumn(const DeltaStep& step, float* S, float* v) {
+  float kv = 0.0f;
+  for (size_t i = 0; i < step.D; ++i) {
+    kv = __builtin_fmaf(step.k[i], S[i * step.D] * step.decay, kv);
+  }
+  const float u = (*v - kv) * step.beta;
+  float o = 0.0f;
+  for (size_t i = 0; i < step.D; ++i) {
+    S[i * step.D] = __builtin_fmaf(step.k[i], u, S[i * step.D] * step.decay);
+    o = __builtin_fmaf(S[i * step.D], step.q[i], o);
+  }
+  *v = step.scale * o;
+}
+
+void deltaStep(float* S, const float* q, const float* k, float* v, size_t D, float decay,
+               float beta, float scale) {
+  constexpr size_t kWide = 4;
+  const DeltaStep step{q, k, D, decay, beta, scale};
+  size_t j = 0;
+  for (; D - j >= kWide * kLanes; j += kWide * kLanes) {
+    deltaColumns<kWide>(step, S + j, v + j);
+  }
+  for (; D - j >= kLanes; j += kLanes) {
+    deltaColumns<1>(step, S + j, v + j);
+  }
+  for (; j < D; ++j) {
+    deltaColumn(step, S + j, v + j);
+  }
+}
+
+}  // namespace
+
+const KernelTable& avx2Kernels() {
+  static constexpr KernelTable kTable = {
+      .name = "avx2",
+      .dot = dot,
+      .rowsF32 = loadedRows<F32>,
+      .rowsBf16 = loadedRows<BF16>,
+      .rowsQ80 = blockRows<Q80>,
+      .rowsQ4K = blockRows<Q4K>,
+      .rowsQ5K = blockRows<Q5K>,
+      .addWeightedRows = addWeightedRows,
+      .deltaStep = deltaStep,
+  };
+  return kTable;
+}
+
+}  // namespace qwen35
