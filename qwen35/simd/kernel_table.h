@@ -9,10 +9,12 @@
 // kLanes sums per pair of row and input.
 //   1. Element i belongs to lane i % kLanes. In rising i, chain[lane] = fma(w[i], x[i],
 //      chain[lane]); the chains start at 0.
-//   2. After every kChunk elements, and after the last, total[lane] += chain[lane] and the chains
-//      restart at 0; the totals start at 0. Short chains keep long rows accurate: the error grows
-//      with the number of additions into one sum, which are 64 and 64 for 32,768 elements.
+//   2. After every kChunk elements, and after the last, part[lane] += chain[lane] and the chains
+//      restart at 0. After every kSpan elements, and after the last, total[lane] += part[lane] and
+//      the parts restart at 0. Parts and totals start at 0.
 //   3. The totals fold by halves: lane l + lane l + 4, then 2, then 1.
+// The three levels are there for accuracy: the error of a sum grows with the number of additions
+// into it, which are 32, 16 and 8 for 32,768 elements. A chunk is one super-block of the K formats.
 //
 // The functions know nothing of threads: each writes its outputs alone, allocates nothing, and may
 // be called from any thread. Weights may lie at any address; floats are aligned as floats.
@@ -23,7 +25,8 @@
 namespace qwen35 {
 
 constexpr size_t kLanes = 8;
-constexpr size_t kChunk = 512;
+constexpr size_t kChunk = 256;
+constexpr size_t kSpan = 4096;
 
 // out[r] = row r of W times x, for `rows` consecutive rows of `cols` elements each; out is
 // overwritten and overlaps no input. rows and cols may be 0 (an empty row gives 0).

@@ -247,33 +247,56 @@ struct Q5K {
   }
 };
 
-// The row sums of R rows, cols a multiple of the block length. While it works it asks for the same
-// place of the next R rows: rows are short, and the processor's own prefetching starts anew at
-// each of the R streams.
+template <size_t R>
+void setZero(__m256 (&sums)[R]) {
+  for (size_t r = 0; r < R; ++r) {
+    sums[r] = _mm256_setzero_ps();
+  }
+}
+
+template <size_t R>
+void addTo(__m256 (&sums)[R], const __m256 (&finished)[R]) {
+  for (size_t r = 0; r < R; ++r) {
+    sums[r] = _mm256_add_ps(sums[r], finished[r]);
+  }
+}
+
+// Asks for the block at W in each of the R rows that follow the R rows in work: rows are short, and
+// the processor's own prefetching starts anew at each of the R streams.
+template <typename Format, size_t R>
+void prefetchNextRows(const uint8_t* W, size_t stride) {
+  for (size_t r = 0; r < R; ++r) {
+    const uintptr_t block = reinterpret_cast<uintptr_t>(W) + (R + r) * stride;
+    for (size_t line = 0; line < Format::kBlockBytes; line += kLineBytes) {
+      _mm_prefetch(reinterpret_cast<const char*>(block + line), _MM_HINT_T0);
+    }
+  }
+}
+
+size_t endOfGroup(size_t begin, size_t groupLen, size_t end) {
+  return end - begin > groupLen ? begin + groupLen : end;
+}
+
+// The row sums of R rows, cols a multiple of the block length.
 template <typename Format, size_t R>
 void rowSums(const uint8_t* W, size_t stride, const float* x, float* out, size_t cols) {
   __m256 total[R];
-  for (size_t r = 0; r < R; ++r) {
-    total[r] = _mm256_setzero_ps();
-  }
+  setZero(total);
   for (size_t i = 0; i < cols;) {
-    const size_t end = cols - i > kChunk ? i + kChunk : cols;
-    __m256 chain[R];
-    for (size_t r = 0; r < R; ++r) {
-      chain[r] = _mm256_setzero_ps();
-    }
-    for (; i < end; i += Format::kBlockLen, W += Format::kBlockBytes) {
-      for (size_t r = 0; r < R; ++r) {
-        const uintptr_t ahead = reinterpret_cast<uintptr_t>(W) + (R + r) * stride;
-        for (size_t line = 0; line < Format::kBlockBytes; line += kLineBytes) {
-          _mm_prefetch(reinterpret_cast<const char*>(ahead + line), _MM_HINT_T0);
-        }
+    const size_t spanEnd = endOfGroup(i, kSpan, cols);
+    __m256 part[R];
+    setZero(part);
+    while (i < spanEnd) {
+      const size_t chunkEnd = endOfGroup(i, kChunk, spanEnd);
+      __m256 chain[R];
+      setZero(chain);
+      for (; i < chunkEnd; i += Format::kBlockLen, W += Format::kBlockBytes) {
+        prefetchNextRows<Format, R>(W, stride);
+        Format::template addBlock<R>(W, stride, x + i, chain);
       }
-      Format::template addBlock<R>(W, stride, x + i, chain);
+      addTo(part, chain);
     }
-    for (size_t r = 0; r < R; ++r) {
-      total[r] = _mm256_add_ps(total[r], chain[r]);
-    }
+    addTo(total, part);
   }
   for (size_t r = 0; r < R; ++r) {
     out[r] = fold(total[r]);

@@ -20,15 +20,19 @@ class RowSum {
       for (size_t lane = 0; lane < kLanes; ++lane) {
         chain[lane] = std::fma(w[i + lane], x[i + lane], chain[lane]);
       }
-      inChunk += kLanes;
-      if (inChunk == kChunk) {
-        endChunk();
+      taken += kLanes;
+      if (taken % kChunk == 0) {
+        addTo(part, chain);
+      }
+      if (taken % kSpan == 0) {
+        addTo(total, part);
       }
     }
   }
 
   float finish() {
-    endChunk();
+    addTo(part, chain);
+    addTo(total, part);
     for (size_t half = kLanes / 2; half > 0; half /= 2) {
       for (size_t lane = 0; lane < half; ++lane) {
         total[lane] += total[lane + half];
@@ -38,17 +42,17 @@ class RowSum {
   }
 
  private:
-  void endChunk() {
+  static void addTo(float (&sum)[kLanes], float (&finished)[kLanes]) {
     for (size_t lane = 0; lane < kLanes; ++lane) {
-      total[lane] += chain[lane];
-      chain[lane] = 0.0f;
+      sum[lane] += finished[lane];
+      finished[lane] = 0.0f;
     }
-    inChunk = 0;
   }
 
   float chain[kLanes] = {};
+  float part[kLanes] = {};
   float total[kLanes] = {};
-  size_t inChunk = 0;
+  size_t taken = 0;
 };
 
 // Element i of a row of floats, or of the upper halves of floats, at any address.
