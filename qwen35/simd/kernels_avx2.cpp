@@ -163,6 +163,27 @@ __m256 addCodes(__m256i codes, __m256 scale, __m256 min, const float* x, __m256 
   return _mm256_fmadd_ps(weights, _mm256_loadu_ps(x), chain);
 }
 
+// Adds sub-blocks `sub` and `sub` + 1, given by pairs of codes: the first code in the low kBits of
+// an element, the second right above.
+template <int kBits>
+__m256 addCodePairs(const __m256i (&pairs)[kSubLen / kLanes], const SubBlockScales& s, size_t sub,
+                    const float* x, __m256 chain) {
+  const __m256i lowBits = _mm256_set1_epi32((1 << kBits) - 1);
+  const __m256 lowScale = _mm256_set1_ps(s.scale[sub]);
+  const __m256 lowMin = _mm256_set1_ps(s.min[sub]);
+  for (size_t i = 0; i < kSubLen / kLanes; ++i) {
+    const __m256i codes = _mm256_and_si256(pairs[i], lowBits);
+    chain = addCodes(codes, lowScale, lowMin, x + i * kLanes, chain);
+  }
+  const __m256 highScale = _mm256_set1_ps(s.scale[sub + 1]);
+  const __m256 highMin = _mm256_set1_ps(s.min[sub + 1]);
+  for (size_t i = 0; i < kSubLen / kLanes; ++i) {
+    const __m256i codes = _mm256_srli_epi32(pairs[i], kBits);
+    chain = addCodes(codes, highScale, highMin, x + kSubLen + i * kLanes, chain);
+  }
+  return chain;
+}
+
 struct Q4K {
   static constexpr size_t kBlockLen = kSuperLen;
   static constexpr size_t kBlockBytes = 144;
@@ -170,24 +191,11 @@ struct Q4K {
   // Two sub-blocks: the low nibbles of 32 bytes, then the high nibbles.
   static __m256 addPair(const uint8_t* bytes, const SubBlockScales& s, size_t sub, const float* x,
                         __m256 chain) {
-    const __m256i nibble = _mm256_set1_epi32(15);
     __m256i pairs[kSubLen / kLanes];
     for (size_t i = 0; i < kSubLen / kLanes; ++i) {
       pairs[i] = _mm256_cvtepu8_epi32(load8Bytes(bytes + i * kLanes));
     }
-    const __m256 lowScale = _mm256_set1_ps(s.scale[sub]);
-    const __m256 lowMin = _mm256_set1_ps(s.min[sub]);
-    for (size_t i = 0; i < kSubLen / kLanes; ++i) {
-      const __m256i codes = _mm256_and_si256(pairs[i], nibble);
-      chain = addCodes(codes, lowScale, lowMin, x + i * kLanes, chain);
-    }
-    const __m256 highScale = _mm256_set1_ps(s.scale[sub + 1]);
-    const __m256 highMin = _mm256_set1_ps(s.min[sub + 1]);
-    for (size_t i = 0; i < kSubLen / kLanes; ++i) {
-      const __m256i codes = _mm256_srli_epi32(pairs[i], 4);
-      chain = addCodes(codes, highScale, highMin, x + kSubLen + i * kLanes, chain);
-    }
-    return chain;
+    return addCodePairs<4>(pairs, s, sub, x, chain);
   }
 
   template <size_t R>
@@ -209,40 +217,57 @@ struct Q5K {
   static constexpr size_t kBlockLen = kSuperLen;
   static constexpr size_t kBlockBytes = 176;
 
-  // One sub-block: its 32 codes without the fifth bit, and the bytes whose bit `sub` is that bit.
-  static __m256 addSub(__m256i nibbles, __m256i fifthBits, const SubBlockScales& s, size_t sub,
-                       const float* x, __m256 chain) {
-    const __m256i bit = _mm256_set1_epi8(static_cast<char>(1u << sub));
-    const __m256i isSet = _mm256_cmpeq_epi8(_mm256_and_si256(fifthBits, bit), bit);
-    const __m256i sixteen = _mm256_and_si256(isSet, _mm256_set1_epi8(16));
-    // Through memory: widening from there is cheaper than moving bytes across the register.
-    alignas(32) uint8_t codes[kSubLen];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(codes), _mm256_or_si256(nibbles, sixteen));
-    const __m256 scale = _mm256_set1_ps(s.scale[sub]);
-    const __m256 min = _mm256_set1_ps(s.min[sub]);
-    for (size_t i = 0; i < kSubLen; i += kLanes) {
-      chain = addCodes(_mm256_cvtepu8_epi32(load8Bytes(codes + i)), scale, min, x + i, chain);
+  // 16 in every byte whose bit kSub is set: the fifth bits of sub-block kSub.
+  template <size_t kSub>
+  static __m256i fifthBits(__m256i bytes) {
+    const __m256i sixteen = _mm256_set1_epi8(16);
+    if constexpr (kSub <= 4) {
+      return _mm256_and_si256(_mm256_slli_epi16(bytes, 4 - kSub), sixteen);
+    } else {
+      return _mm256_and_si256(_mm256_srli_epi16(bytes, kSub - 4), sixteen);
     }
-    return chain;
+  }
+
+  // Sub-blocks kSub and kSub + 1: the low nibbles of 32 bytes, then the high nibbles.
+  template <size_t kSub>
+  static __m256 addPair(const uint8_t* block, const SubBlockScales& s, const float* x,
+                        __m256 chain) {
+    const __m256i nibble = _mm256_set1_epi8(15);
+    const __m256i bits = load32Bytes(block + kHeadBytes);
+    const __m256i pairs = load32Bytes(block + kHeadBytes + kSubLen + kSub / 2 * kSubLen);
+    const __m256i low = _mm256_or_si256(_mm256_and_si256(pairs, nibble), fifthBits<kSub>(bits));
+    const __m256i high = _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(pairs, 4), nibble),
+                                         fifthBits<kSub + 1>(bits));
+    // Words of a low and a high code; each half of a register holds eight neighbours. They widen
+    // through memory, which is cheaper than from the upper half of a register.
+    alignas(32) uint8_t words[2 * kSubLen];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(words), _mm256_unpacklo_epi8(low, high));
+    _mm256_store_si256(reinterpret_cast<__m256i*>(words + 32), _mm256_unpackhi_epi8(low, high));
+    __m256i codes[kSubLen / kLanes];
+    for (size_t i = 0; i < kSubLen / kLanes; ++i) {
+      const uint8_t* eight = words + (i / 2 + i % 2 * 2) * 16;
+      codes[i] = _mm256_cvtepu16_epi32(_mm_load_si128(reinterpret_cast<const __m128i*>(eight)));
+    }
+    return addCodePairs<8>(codes, s, kSub, x, chain);
   }
 
   template <size_t R>
   static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
-    const __m256i nibble = _mm256_set1_epi8(15);
     SubBlockScales s[R];
     for (size_t r = 0; r < R; ++r) {
       s[r] = loadScales(W + r * stride);
     }
-    for (size_t sub = 0; sub < kSubBlocks; sub += 2, x += 2 * kSubLen) {
-      for (size_t r = 0; r < R; ++r) {
-        const uint8_t* block = W + r * stride;
-        const __m256i fifthBits = load32Bytes(block + kHeadBytes);
-        const __m256i pairs = load32Bytes(block + kHeadBytes + kSubLen + sub / 2 * kSubLen);
-        const __m256i low = _mm256_and_si256(pairs, nibble);
-        const __m256i high = _mm256_and_si256(_mm256_srli_epi16(pairs, 4), nibble);
-        chain[r] = addSub(low, fifthBits, s[r], sub, x, chain[r]);
-        chain[r] = addSub(high, fifthBits, s[r], sub + 1, x + kSubLen, chain[r]);
-      }
+    for (size_t r = 0; r < R; ++r) {
+      chain[r] = addPair<0>(W + r * stride, s[r], x, chain[r]);
+    }
+    for (size_t r = 0; r < R; ++r) {
+      chain[r] = addPair<2>(W + r * stride, s[r], x + 64, chain[r]);
+    }
+    for (size_t r = 0; r < R; ++r) {
+      chain[r] = addPair<4>(W + r * stride, s[r], x + 128, chain[r]);
+    }
+    for (size_t r = 0; r < R; ++r) {
+      chain[r] = addPair<6>(W + r * stride, s[r], x + 192, chain[r]);
     }
   }
 };
