@@ -46,11 +46,12 @@ float dotOf(const float* a, const float* b, size_t n) {
 
 }  // namespace
 
-void decodeThenDotQ4K(const uint8_t* W, const float* x, float* out, float* scratch, size_t rows,
-                      size_t cols) {
+void decodeThenDotQ4K(const uint8_t* weights, const float* x, float* out, float* scratch,
+                      size_t rows, size_t cols) {
   for (size_t r = 0; r < rows; ++r) {
-    for (size_t i = 0; i < cols; i += kel::quant::kSuperBlockLen, W += kel::quant::kQ4KBytes) {
-      decodeBlock(W, scratch + i);
+    for (size_t i = 0; i < cols;
+         i += kel::quant::kSuperBlockLen, weights += kel::quant::kQ4KBytes) {
+      decodeBlock(weights, scratch + i);
     }
     out[r] = dotOf(scratch, x, cols);
   }

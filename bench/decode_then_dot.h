@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// out[r] = row r of W times x, for Q4_K rows of `cols` elements; scratch: cols floats. Plain loops
-// in a file compiled with the flags of the AVX2 kernels, so that the compiler may vectorise them.
-void decodeThenDotQ4K(const uint8_t* W, const float* x, float* out, float* scratch, size_t rows,
-                      size_t cols);
+// out[r] = row r times x, for Q4_K rows of `cols` elements; scratch: cols floats. Plain loops in a
+// file compiled with the flags of the AVX2 kernels, so that the compiler may vectorise them.
+void decodeThenDotQ4K(const uint8_t* weights, const float* x, float* out, float* scratch,
+                      size_t rows, size_t cols);

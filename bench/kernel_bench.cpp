@@ -115,7 +115,7 @@ void gemv(benchmark::State& state, QuantType type, size_t rows, size_t cols, int
   omp_set_num_threads(nThreads);
   size_t next = 0;
   const auto start = std::chrono::steady_clock::now();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto step : state) {
     overMatrix(pool, rows, next, [&](const uint8_t* data, size_t count) {
       view.data = data;
       view.dims[1] = count;
@@ -135,7 +135,7 @@ void decodeThenDot(benchmark::State& state, size_t rows, size_t cols, int nThrea
   std::vector<float> y(rows, 0.0f);
   size_t next = 0;
   const auto start = std::chrono::steady_clock::now();
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto step : state) {
     overMatrix(pool, rows, next, [&](const uint8_t* data, size_t count) {
 #pragma omp parallel num_threads(nThreads)
       {
@@ -157,14 +157,14 @@ void deltaStep(benchmark::State& state) {
   constexpr size_t kHeads = 32;
   constexpr size_t kLayers = 24;
   constexpr size_t kDim = 128;
-  std::vector<float> S(kLayers * kHeads * kDim * kDim, 0.1f);
+  std::vector<float> states(kLayers * kHeads * kDim * kDim, 0.1f);
   const std::vector<float> q = randomFloats(kDim, 3, -0.1f, 0.1f);
   const std::vector<float> k = randomFloats(kDim, 4, -0.1f, 0.1f);
   std::vector<float> v = randomFloats(kDim, 5);
   size_t layer = 0;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto step : state) {
     for (size_t head = 0; head < kHeads; ++head) {
-      float* matrix = S.data() + (layer * kHeads + head) * kDim * kDim;
+      float* matrix = states.data() + (layer * kHeads + head) * kDim * kDim;
       qwen35::kernels().deltaStep(matrix, q.data(), k.data(), v.data(), kDim, 0.9f, 0.5f, 0.1f);
     }
     layer = (layer + 1) % kLayers;
@@ -179,12 +179,12 @@ void addWeightedRows(benchmark::State& state) {
   constexpr size_t kPositions = 4096;
   constexpr size_t kDim = 256;
   constexpr size_t kCaches = 16;
-  const std::vector<float> V(kCaches * kPositions * kDim, 0.5f);
+  const std::vector<float> values(kCaches * kPositions * kDim, 0.5f);
   const std::vector<float> e = randomFloats(kPositions, 6, 0.0f);
   std::vector<float> acc(kDim, 0.0f);
   size_t cache = 0;
-  for (auto _ : state) {
-    qwen35::kernels().addWeightedRows(e.data(), 0.5f, V.data() + cache * kPositions * kDim,
+  for ([[maybe_unused]] auto step : state) {
+    qwen35::kernels().addWeightedRows(e.data(), 0.5f, values.data() + cache * kPositions * kDim,
                                       acc.data(), kPositions, kDim);
     cache = (cache + 1) % kCaches;
   }

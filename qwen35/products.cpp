@@ -55,24 +55,24 @@ RowSource rowSource(const void* data, QuantType type, size_t cols) {
 
 // sums[i] = row first + i times x, for `count` rows; scratch: cols floats, used when there is no
 // product.
-void multiplyRows(const RowSource& W, size_t first, size_t count, const float* x, float* sums,
+void multiplyRows(const RowSource& weights, size_t first, size_t count, const float* x, float* sums,
                   float* scratch) {
-  if (W.product != nullptr) {
-    W.product(W.data + first * W.stride, x, sums, count, W.cols);
+  if (weights.product != nullptr) {
+    weights.product(weights.data + first * weights.stride, x, sums, count, weights.cols);
     return;
   }
   for (size_t i = 0; i < count; ++i) {
-    decodeRow(W.type, W.data + (first + i) * W.stride, scratch, W.cols);
-    sums[i] = dotF32(scratch, x, W.cols);
+    decodeRow(weights.type, weights.data + (first + i) * weights.stride, scratch, weights.cols);
+    sums[i] = dotF32(scratch, x, weights.cols);
   }
 }
 
-void addProductOfRange(const RowSource& W, RowRange range, const float* x, float* y,
+void addProductOfRange(const RowSource& weights, RowRange range, const float* x, float* y,
                        float* scratch) {
   float sums[kRowsPerPass];
   for (size_t r = range.begin; r < range.end; r += kRowsPerPass) {
     const size_t count = std::min(kRowsPerPass, range.end - r);
-    multiplyRows(W, r, count, x, sums, scratch);
+    multiplyRows(weights, r, count, x, sums, scratch);
     for (size_t i = 0; i < count; ++i) {
       y[r + i] += sums[i];
     }
@@ -81,9 +81,9 @@ void addProductOfRange(const RowSource& W, RowRange range, const float* x, float
 
 // Leaves the last row of the range in the scratch row, where a row by row product would have left
 // it: a later product of a type that decodes nothing reads it.
-void keepLastRow(const RowSource& W, RowRange range, float* scratch) {
+void keepLastRow(const RowSource& weights, RowRange range, float* scratch) {
   if (range.begin < range.end) {
-    decodeRow(W.type, W.data + (range.end - 1) * W.stride, scratch, W.cols);
+    decodeRow(weights.type, weights.data + (range.end - 1) * weights.stride, scratch, weights.cols);
   }
 }
 
@@ -97,9 +97,10 @@ void overRows(size_t rows, const Body& body) {
   }
 }
 
-void addProduct(const RowSource& W, const float* x, float* y, size_t rows) {
-  overRows(rows,
-           [&](size_t, RowRange range) { addProductOfRange(W, range, x, y, /*scratch=*/nullptr); });
+void addProduct(const RowSource& weights, const float* x, float* y, size_t rows) {
+  overRows(rows, [&](size_t, RowRange range) {
+    addProductOfRange(weights, range, x, y, /*scratch=*/nullptr);
+  });
 }
 
 void fitScratch(ThreadRows& scratch, size_t cols) {
@@ -123,10 +124,10 @@ ThreadRows& headScratch() {
 
 }  // namespace
 
-size_t rowCount(const kel::TensorView& W) {
+size_t rowCount(const kel::TensorView& weights) {
   size_t rows = 1;
-  for (size_t d = 1; d < std::min<size_t>(W.rank, 4); ++d) {
-    rows *= W.dims[d];
+  for (size_t d = 1; d < std::min<size_t>(weights.rank, 4); ++d) {
+    rows *= weights.dims[d];
   }
   return rows;
 }
@@ -184,18 +185,18 @@ RowRange threadRows(size_t rows, size_t nThreads, size_t t) {
   return {begin, begin + share + (t < longer ? 1 : 0)};
 }
 
-void matvecF32Add(const float* W, const float* x, float* y, size_t rows, size_t cols) {
-  addProduct(rowSource(W, QuantType::F32, cols), x, y, rows);
+void matvecF32Add(const float* weights, const float* x, float* y, size_t rows, size_t cols) {
+  addProduct(rowSource(weights, QuantType::F32, cols), x, y, rows);
 }
 
-void matvecBf16Add(const uint16_t* W, const float* x, float* y, size_t rows, size_t cols) {
-  addProduct(rowSource(W, QuantType::BF16, cols), x, y, rows);
+void matvecBf16Add(const uint16_t* weights, const float* x, float* y, size_t rows, size_t cols) {
+  addProduct(rowSource(weights, QuantType::BF16, cols), x, y, rows);
 }
 
-void gemvRow(Model& /*m*/, const kel::TensorView* W, const float* x, float* y) {
-  const size_t rows = rowCount(*W);
-  const RowSource source = rowSource(W->data, W->type, W->dims[0]);
-  if (W->type == QuantType::F32 || W->type == QuantType::BF16) {
+void gemvRow(Model& /*m*/, const kel::TensorView* weights, const float* x, float* y) {
+  const size_t rows = rowCount(*weights);
+  const RowSource source = rowSource(weights->data, weights->type, weights->dims[0]);
+  if (weights->type == QuantType::F32 || weights->type == QuantType::BF16) {
     addProduct(source, x, y, rows);
     return;
   }
@@ -207,11 +208,11 @@ void gemvRow(Model& /*m*/, const kel::TensorView* W, const float* x, float* y) {
   });
 }
 
-void outputHead(const kel::TensorView* W, const float* x, float* logits) {
-  const RowSource source = rowSource(W->data, W->type, W->dims[0]);
+void outputHead(const kel::TensorView* weights, const float* x, float* logits) {
+  const RowSource source = rowSource(weights->data, weights->type, weights->dims[0]);
   ThreadRows& scrs = headScratch();
   fitScratch(scrs, source.cols);
-  overRows(W->dims[1], [&](size_t t, RowRange range) {
+  overRows(weights->dims[1], [&](size_t t, RowRange range) {
     multiplyRows(source, range.begin, range.end - range.begin, x, logits + range.begin,
                  scrs[t].data());
     keepLastRow(source, range, scrs[t].data());

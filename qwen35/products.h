@@ -24,7 +24,7 @@ struct Model;
 using ThreadRows = std::vector<std::vector<float>>;
 
 // dims[1] * ... * dims[rank - 1]; 1 for a tensor of fewer than two dimensions.
-size_t rowCount(const kel::TensorView& W);
+size_t rowCount(const kel::TensorView& weights);
 
 // Bytes from one row of `cols` elements to the next, whole blocks only: a row length that is no
 // multiple of the block is cut down. 0 for a type that has no product.
@@ -42,10 +42,10 @@ struct RowRange {
 };
 RowRange threadRows(size_t rows, size_t nThreads, size_t t);
 
-// y[r] += row r of W times x, for a row-major matrix W: [rows][cols]; x: [cols], y: [rows]. Each
-// row is summed as dotF32 does.
-void matvecF32Add(const float* W, const float* x, float* y, size_t rows, size_t cols);
-void matvecBf16Add(const uint16_t* W, const float* x, float* y, size_t rows, size_t cols);
+// y[r] += row r times x. weights: [rows][cols], row-major; x: [cols]; y: [rows]. Each row is
+// summed as dotF32 does.
+void matvecF32Add(const float* weights, const float* x, float* y, size_t rows, size_t cols);
+void matvecBf16Add(const uint16_t* weights, const float* x, float* y, size_t rows, size_t cols);
 
 // The same for a tensor of any type: y[r] += dotF32(row r decoded, x). The model is not used.
 //
@@ -54,12 +54,12 @@ void matvecBf16Add(const uint16_t* W, const float* x, float* y, size_t rows, siz
 // cols, every row is replaced by cols zeros. Afterwards row t holds the last row of thread t's
 // range, decoded. A type that has no product (F16, Q4_0, Q6_K, IQ4_XS) decodes nothing and is
 // silently multiplied as whatever the scratch row holds.
-void gemvRow(Model& m, const kel::TensorView* W, const float* x, float* y);
+void gemvRow(Model& m, const kel::TensorView* weights, const float* x, float* y);
 
-// logits[r] = dotF32(row r of W decoded, x), assigned, for the dims[1] rows of the output matrix;
-// x: [dims[0]], logits: [dims[1]]. Keeps scratch rows of its own, under gemvRow's rules but for
-// every element type.
-void outputHead(const kel::TensorView* W, const float* x, float* logits);
+// logits[r] = dotF32(row r decoded, x), assigned, for the dims[1] rows of the output matrix;
+// x: [dims[0]], logits: [dims[1]]. Keeps scratch rows of its own, under gemvRow's rules but
+// for every element type.
+void outputHead(const kel::TensorView* weights, const float* x, float* logits);
 
 // The calling thread's scratch rows of gemvRow and of outputHead, for tests.
 const ThreadRows& gemvScratchForTesting();

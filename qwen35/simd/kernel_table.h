@@ -28,9 +28,10 @@ constexpr size_t kLanes = 8;
 constexpr size_t kChunk = 256;
 constexpr size_t kSpan = 4096;
 
-// out[r] = row r of W times x, for `rows` consecutive rows of `cols` elements each; out is
+// out[r] = row r times x, for `rows` consecutive rows of `cols` elements each; out is
 // overwritten and overlaps no input. rows and cols may be 0 (an empty row gives 0).
-using RowsProduct = void (*)(const void* W, const float* x, float* out, size_t rows, size_t cols);
+using RowsProduct = void (*)(const void* weights, const float* x, float* out, size_t rows,
+                             size_t cols);
 
 struct KernelTable {
   const char* name;  // "scalar", "avx2", ...
@@ -50,19 +51,19 @@ struct KernelTable {
   RowsProduct rowsQ4K;
   RowsProduct rowsQ5K;
 
-  // acc[d] = acc[d] + (e[p] * r) * V[p][d], for p in rising order and every d, each product and
-  // each sum rounded (nothing fused). V: [rows][n], e: [rows], acc: [n], not overlapping.
-  void (*addWeightedRows)(const float* e, float r, const float* V, float* acc, size_t rows,
+  // acc[d] = acc[d] + (e[p] * r) * values[p][d], for p in rising order and every d, each product
+  // and each sum rounded (nothing fused). values: [rows][n], e: [rows], acc: [n], not overlapping.
+  void (*addWeightedRows)(const float* e, float r, const float* values, float* acc, size_t rows,
                           size_t n);
 
-  // One update of a gated delta rule's state and its read-out. S: [D][D], row i of key element i;
-  // q, k, v: [D]; v enters as the value and leaves as the output. For every column j:
-  //   S(i, j) = S(i, j) * decay for all i
-  //   kv = fma(k[i], S(i, j), kv) from 0 in rising i;  u = (v[j] - kv) * beta
-  //   S(i, j) = fma(k[i], u, S(i, j)) for all i
-  //   o = fma(S(i, j), q[i], o) from 0 in rising i;    v[j] = scale * o
+  // One update of a gated delta rule's state and its read-out. state: [dim][dim], row i of key
+  // element i; q, k, v: [dim]; v enters as the value and leaves as the output. For every column j:
+  //   s(i, j) = s(i, j) * decay for all i
+  //   kv = fma(k[i], s(i, j), kv) from 0 in rising i;  u = (v[j] - kv) * beta
+  //   s(i, j) = fma(k[i], u, s(i, j)) for all i
+  //   o = fma(s(i, j), q[i], o) from 0 in rising i;    v[j] = scale * o
   // "Gated Delta Networks: Improving Mamba2 with Delta Rule" (2024), eq. 10, transposed.
-  void (*deltaStep)(float* S, const float* q, const float* k, float* v, size_t D, float decay,
+  void (*deltaStep)(float* state, const float* q, const float* k, float* v, size_t dim, float decay,
                     float beta, float scale);
 };
 

@@ -58,8 +58,8 @@ float fold(__m256 total) {
   return _mm_cvtss_f32(_mm_add_ss(two, _mm_movehdup_ps(two)));
 }
 
-// A format says how one block of each of R rows, `stride` bytes apart, is multiplied with the
-// block's inputs and added to the rows' chains.
+// A format says how one block of each of R rows is multiplied with the block's inputs and added to
+// the rows' chains. The first row's block is at `first`, the others follow `stride` bytes apart.
 
 struct F32 {
   static constexpr size_t kBlockLen = 8;
@@ -72,10 +72,10 @@ struct F32 {
   }
 
   template <size_t R>
-  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+  static void addBlock(const uint8_t* first, size_t stride, const float* x, __m256 (&chain)[R]) {
     const __m256 input = _mm256_loadu_ps(x);
     for (size_t r = 0; r < R; ++r) {
-      const __m256 weights = _mm256_castsi256_ps(load32Bytes(W + r * stride));
+      const __m256 weights = _mm256_castsi256_ps(load32Bytes(first + r * stride));
       chain[r] = _mm256_fmadd_ps(weights, input, chain[r]);
     }
   }
@@ -95,10 +95,10 @@ struct BF16 {
   }
 
   template <size_t R>
-  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+  static void addBlock(const uint8_t* first, size_t stride, const float* x, __m256 (&chain)[R]) {
     const __m256 input = _mm256_loadu_ps(x);
     for (size_t r = 0; r < R; ++r) {
-      const __m128i halves = _mm_loadu_si128(reinterpret_cast<const __m128i*>(W + r * stride));
+      const __m128i halves = _mm_loadu_si128(reinterpret_cast<const __m128i*>(first + r * stride));
       const __m256i weights = _mm256_slli_epi32(_mm256_cvtepu16_epi32(halves), 16);
       chain[r] = _mm256_fmadd_ps(_mm256_castsi256_ps(weights), input, chain[r]);
     }
@@ -110,9 +110,9 @@ struct Q80 {
   static constexpr size_t kBlockBytes = 34;
 
   template <size_t R>
-  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+  static void addBlock(const uint8_t* first, size_t stride, const float* x, __m256 (&chain)[R]) {
     for (size_t r = 0; r < R; ++r) {
-      const uint8_t* block = W + r * stride;
+      const uint8_t* block = first + r * stride;
       const __m256 scale = _mm256_set1_ps(loadHalf(block));
       for (size_t i = 0; i < kBlockLen; i += kLanes) {
         const __m256i codes = _mm256_cvtepi8_epi32(load8Bytes(block + 2 + i));
@@ -199,12 +199,12 @@ struct Q4K {
   }
 
   template <size_t R>
-  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+  static void addBlock(const uint8_t* first, size_t stride, const float* x, __m256 (&chain)[R]) {
     SubBlockScales s[R];
     for (size_t r = 0; r < R; ++r) {
-      s[r] = loadScales(W + r * stride);
+      s[r] = loadScales(first + r * stride);
     }
-    const uint8_t* codes = W + kHeadBytes;
+    const uint8_t* codes = first + kHeadBytes;
     for (size_t sub = 0; sub < kSubBlocks; sub += 2, codes += kSubLen, x += 2 * kSubLen) {
       for (size_t r = 0; r < R; ++r) {
         chain[r] = addPair(codes + r * stride, s[r], sub, x, chain[r]);
@@ -252,22 +252,22 @@ struct Q5K {
   }
 
   template <size_t R>
-  static void addBlock(const uint8_t* W, size_t stride, const float* x, __m256 (&chain)[R]) {
+  static void addBlock(const uint8_t* first, size_t stride, const float* x, __m256 (&chain)[R]) {
     SubBlockScales s[R];
     for (size_t r = 0; r < R; ++r) {
-      s[r] = loadScales(W + r * stride);
+      s[r] = loadScales(first + r * stride);
     }
     for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<0>(W + r * stride, s[r], x, chain[r]);
+      chain[r] = addPair<0>(first + r * stride, s[r], x, chain[r]);
     }
     for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<2>(W + r * stride, s[r], x + 64, chain[r]);
+      chain[r] = addPair<2>(first + r * stride, s[r], x + 64, chain[r]);
     }
     for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<4>(W + r * stride, s[r], x + 128, chain[r]);
+      chain[r] = addPair<4>(first + r * stride, s[r], x + 128, chain[r]);
     }
     for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<6>(W + r * stride, s[r], x + 192, chain[r]);
+      chain[r] = addPair<6>(first + r * stride, s[r], x + 192, chain[r]);
     }
   }
 };
@@ -286,12 +286,12 @@ void addTo(__m256 (&sums)[R], const __m256 (&finished)[R]) {
   }
 }
 
-// Asks for the block at W in each of the R rows that follow the R rows in work: rows are short, and
-// the processor's own prefetching starts anew at each of the R streams.
+// Asks for the same block of the next R rows: rows are short, and the processor's own prefetching
+// starts anew at each of the R streams.
 template <typename Format, size_t R>
-void prefetchNextRows(const uint8_t* W, size_t stride) {
+void prefetchNextRows(const uint8_t* first, size_t stride) {
   for (size_t r = 0; r < R; ++r) {
-    const uintptr_t block = reinterpret_cast<uintptr_t>(W) + (R + r) * stride;
+    const uintptr_t block = reinterpret_cast<uintptr_t>(first) + (R + r) * stride;
     for (size_t line = 0; line < Format::kBlockBytes; line += kLineBytes) {
       _mm_prefetch(reinterpret_cast<const char*>(block + line), _MM_HINT_T0);
     }
@@ -304,7 +304,7 @@ size_t endOfGroup(size_t begin, size_t groupLen, size_t end) {
 
 // The row sums of R rows, cols a multiple of the block length.
 template <typename Format, size_t R>
-void rowSums(const uint8_t* W, size_t stride, const float* x, float* out, size_t cols) {
+void rowSums(const uint8_t* first, size_t stride, const float* x, float* out, size_t cols) {
   __m256 total[R];
   setZero(total);
   for (size_t i = 0; i < cols;) {
@@ -315,9 +315,9 @@ void rowSums(const uint8_t* W, size_t stride, const float* x, float* out, size_t
       const size_t chunkEnd = endOfGroup(i, kChunk, spanEnd);
       __m256 chain[R];
       setZero(chain);
-      for (; i < chunkEnd; i += Format::kBlockLen, W += Format::kBlockBytes) {
-        prefetchNextRows<Format, R>(W, stride);
-        Format::template addBlock<R>(W, stride, x + i, chain);
+      for (; i < chunkEnd; i += Format::kBlockLen, first += Format::kBlockBytes) {
+        prefetchNextRows<Format, R>(first, stride);
+        Format::template addBlock<R>(first, stride, x + i, chain);
       }
       addTo(part, chain);
     }
@@ -329,8 +329,8 @@ void rowSums(const uint8_t* W, size_t stride, const float* x, float* out, size_t
 }
 
 template <typename Format>
-void blockRows(const void* W, const float* x, float* out, size_t rows, size_t cols) {
-  const auto* row = static_cast<const uint8_t*>(W);
+void blockRows(const void* weights, const float* x, float* out, size_t rows, size_t cols) {
+  const auto* row = static_cast<const uint8_t*>(weights);
   const size_t stride = cols / Format::kBlockLen * Format::kBlockBytes;
   size_t r = 0;
   for (; rows - r >= kRowsAtOnce; r += kRowsAtOnce, row += kRowsAtOnce * stride) {
@@ -356,12 +356,12 @@ float runningSum(const uint8_t* row, const float* x, size_t n) {
 }
 
 template <typename Format>
-void loadedRows(const void* W, const float* x, float* out, size_t rows, size_t cols) {
+void loadedRows(const void* weights, const float* x, float* out, size_t rows, size_t cols) {
   if (cols % kLanes == 0) {
-    blockRows<Format>(W, x, out, rows, cols);
+    blockRows<Format>(weights, x, out, rows, cols);
     return;
   }
-  const auto* row = static_cast<const uint8_t*>(W);
+  const auto* row = static_cast<const uint8_t*>(weights);
   constexpr size_t kElementBytes = Format::kBlockBytes / Format::kBlockLen;
   for (size_t r = 0; r < rows; ++r, row += cols * kElementBytes) {
     out[r] = runningSum<Format>(row, x, cols);
@@ -376,16 +376,16 @@ float dot(const float* a, const float* b, size_t n) {
 
 // Adds rows to kRegisters * kLanes columns of acc, which stay in registers meanwhile.
 template <size_t kRegisters>
-void addWeightedColumns(const float* e, float r, const float* V, float* acc, size_t rows,
+void addWeightedColumns(const float* e, float r, const float* values, float* acc, size_t rows,
                         size_t n) {
   __m256 sum[kRegisters];
   for (size_t c = 0; c < kRegisters; ++c) {
     sum[c] = _mm256_loadu_ps(acc + c * kLanes);
   }
-  for (size_t p = 0; p < rows; ++p, V += n) {
+  for (size_t p = 0; p < rows; ++p, values += n) {
     const __m256 weight = _mm256_set1_ps(e[p] * r);
     for (size_t c = 0; c < kRegisters; ++c) {
-      const __m256 product = _mm256_mul_ps(weight, _mm256_loadu_ps(V + c * kLanes));
+      const __m256 product = _mm256_mul_ps(weight, _mm256_loadu_ps(values + c * kLanes));
       sum[c] = _mm256_add_ps(sum[c], product);
     }
   }
@@ -394,12 +394,13 @@ void addWeightedColumns(const float* e, float r, const float* V, float* acc, siz
   }
 }
 
-void addWeightedRows(const float* e, float r, const float* V, float* acc, size_t rows, size_t n) {
+void addWeightedRows(const float* e, float r, const float* values, float* acc, size_t rows,
+                     size_t n) {
   constexpr size_t kWide = 8;
   constexpr size_t kRowsPerTile = 16;  // their values are read once from memory, then from cache
   for (size_t p = 0; p < rows; p += kRowsPerTile) {
     const size_t count = rows - p < kRowsPerTile ? rows - p : kRowsPerTile;
-    const float* tile = V + p * n;
+    const float* tile = values + p * n;
     size_t d = 0;
     for (; n - d >= kWide * kLanes; d += kWide * kLanes) {
       addWeightedColumns<kWide>(e + p, r, tile + d, acc + d, count, n);
@@ -418,7 +419,7 @@ void addWeightedRows(const float* e, float r, const float* V, float* acc, size_t
 struct DeltaStep {
   const float* q;
   const float* k;
-  size_t D;
+  size_t dim;
   float decay;
   float beta;
   float scale;
@@ -428,16 +429,16 @@ struct DeltaStep {
 // element again, which costs less than storing it twice. Four registers of columns fit the first
 // cache between the two.
 template <size_t kRegisters>
-void deltaColumns(const DeltaStep& step, float* S, float* v) {
+void deltaColumns(const DeltaStep& step, float* columns, float* v) {
   const __m256 decay = _mm256_set1_ps(step.decay);
   __m256 kv[kRegisters];
   for (size_t c = 0; c < kRegisters; ++c) {
     kv[c] = _mm256_setzero_ps();
   }
-  for (size_t i = 0; i < step.D; ++i) {
+  for (size_t i = 0; i < step.dim; ++i) {
     const __m256 key = _mm256_set1_ps(step.k[i]);
     for (size_t c = 0; c < kRegisters; ++c) {
-      const __m256 state = _mm256_loadu_ps(S + i * step.D + c * kLanes);
+      const __m256 state = _mm256_loadu_ps(columns + i * step.dim + c * kLanes);
       kv[c] = _mm256_fmadd_ps(key, _mm256_mul_ps(state, decay), kv[c]);
     }
   }
@@ -448,11 +449,11 @@ void deltaColumns(const DeltaStep& step, float* S, float* v) {
     u[c] = _mm256_mul_ps(error, _mm256_set1_ps(step.beta));
     o[c] = _mm256_setzero_ps();
   }
-  for (size_t i = 0; i < step.D; ++i) {
+  for (size_t i = 0; i < step.dim; ++i) {
     const __m256 key = _mm256_set1_ps(step.k[i]);
     const __m256 query = _mm256_set1_ps(step.q[i]);
     for (size_t c = 0; c < kRegisters; ++c) {
-      float* at = S + i * step.D + c * kLanes;
+      float* at = columns + i * step.dim + c * kLanes;
       const __m256 state = _mm256_fmadd_ps(key, u[c], _mm256_mul_ps(_mm256_loadu_ps(at), decay));
       _mm256_storeu_ps(at, state);
       o[c] = _mm256_fmadd_ps(state, query, o[c]);
@@ -463,33 +464,33 @@ void deltaColumns(const DeltaStep& step, float* S, float* v) {
   }
 }
 
-void deltaColumn(const DeltaStep& step, float* S, float* v) {
+void deltaColumn(const DeltaStep& step, float* columns, float* v) {
   float kv = 0.0f;
-  for (size_t i = 0; i < step.D; ++i) {
-    kv = __builtin_fmaf(step.k[i], S[i * step.D] * step.decay, kv);
+  for (size_t i = 0; i < step.dim; ++i) {
+    kv = __builtin_fmaf(step.k[i], columns[i * step.dim] * step.decay, kv);
   }
   const float u = (*v - kv) * step.beta;
   float o = 0.0f;
-  for (size_t i = 0; i < step.D; ++i) {
-    S[i * step.D] = __builtin_fmaf(step.k[i], u, S[i * step.D] * step.decay);
-    o = __builtin_fmaf(S[i * step.D], step.q[i], o);
+  for (size_t i = 0; i < step.dim; ++i) {
+    columns[i * step.dim] = __builtin_fmaf(step.k[i], u, columns[i * step.dim] * step.decay);
+    o = __builtin_fmaf(columns[i * step.dim], step.q[i], o);
   }
   *v = step.scale * o;
 }
 
-void deltaStep(float* S, const float* q, const float* k, float* v, size_t D, float decay,
+void deltaStep(float* state, const float* q, const float* k, float* v, size_t dim, float decay,
                float beta, float scale) {
   constexpr size_t kWide = 4;
-  const DeltaStep step{q, k, D, decay, beta, scale};
+  const DeltaStep step{q, k, dim, decay, beta, scale};
   size_t j = 0;
-  for (; D - j >= kWide * kLanes; j += kWide * kLanes) {
-    deltaColumns<kWide>(step, S + j, v + j);
+  for (; dim - j >= kWide * kLanes; j += kWide * kLanes) {
+    deltaColumns<kWide>(step, state + j, v + j);
   }
-  for (; D - j >= kLanes; j += kLanes) {
-    deltaColumns<1>(step, S + j, v + j);
+  for (; dim - j >= kLanes; j += kLanes) {
+    deltaColumns<1>(step, state + j, v + j);
   }
-  for (; j < D; ++j) {
-    deltaColumn(step, S + j, v + j);
+  for (; j < dim; ++j) {
+    deltaColumn(step, state + j, v + j);
   }
 }
 

@@ -97,16 +97,16 @@ float dot(const float* a, const float* b, size_t n) {
 }
 
 template <float (*load)(const uint8_t*, size_t), size_t elementBytes>
-void loadedRows(const void* W, const float* x, float* out, size_t rows, size_t cols) {
-  const auto* row = static_cast<const uint8_t*>(W);
+void loadedRows(const void* weights, const float* x, float* out, size_t rows, size_t cols) {
+  const auto* row = static_cast<const uint8_t*>(weights);
   for (size_t r = 0; r < rows; ++r, row += cols * elementBytes) {
     out[r] = loadedDot<load>(row, x, cols);
   }
 }
 
 template <void (*decode)(const void*, float*, size_t), size_t blockLen, size_t blockBytes>
-void decodedRows(const void* W, const float* x, float* out, size_t rows, size_t cols) {
-  const auto* block = static_cast<const uint8_t*>(W);
+void decodedRows(const void* weights, const float* x, float* out, size_t rows, size_t cols) {
+  const auto* block = static_cast<const uint8_t*>(weights);
   for (size_t r = 0; r < rows; ++r) {
     RowSum sum;
     for (size_t i = 0; i < cols; i += blockLen, block += blockBytes) {
@@ -118,28 +118,29 @@ void decodedRows(const void* W, const float* x, float* out, size_t rows, size_t 
   }
 }
 
-void addWeightedRows(const float* e, float r, const float* V, float* acc, size_t rows, size_t n) {
-  for (size_t p = 0; p < rows; ++p, V += n) {
+void addWeightedRows(const float* e, float r, const float* values, float* acc, size_t rows,
+                     size_t n) {
+  for (size_t p = 0; p < rows; ++p, values += n) {
     const float weight = e[p] * r;
     for (size_t d = 0; d < n; ++d) {
-      acc[d] += weight * V[d];
+      acc[d] += weight * values[d];
     }
   }
 }
 
-void deltaStep(float* S, const float* q, const float* k, float* v, size_t D, float decay,
+void deltaStep(float* state, const float* q, const float* k, float* v, size_t dim, float decay,
                float beta, float scale) {
-  for (size_t j = 0; j < D; ++j) {
+  for (size_t j = 0; j < dim; ++j) {
     float kv = 0.0f;
-    for (size_t i = 0; i < D; ++i) {
-      S[i * D + j] *= decay;
-      kv = std::fma(k[i], S[i * D + j], kv);
+    for (size_t i = 0; i < dim; ++i) {
+      state[i * dim + j] *= decay;
+      kv = std::fma(k[i], state[i * dim + j], kv);
     }
     const float u = (v[j] - kv) * beta;
     float o = 0.0f;
-    for (size_t i = 0; i < D; ++i) {
-      S[i * D + j] = std::fma(k[i], u, S[i * D + j]);
-      o = std::fma(S[i * D + j], q[i], o);
+    for (size_t i = 0; i < dim; ++i) {
+      state[i * dim + j] = std::fma(k[i], u, state[i * dim + j]);
+      o = std::fma(state[i * dim + j], q[i], o);
     }
     v[j] = scale * o;
   }

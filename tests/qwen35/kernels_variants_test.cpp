@@ -46,12 +46,12 @@ std::string label(const KernelTable& table, QuantType type, size_t rows, size_t 
          "x" + std::to_string(cols);
 }
 
-// The row sums of W, which is moved one byte off alignment, with inputs one float off.
+// The row sums of weights, which is moved one byte off alignment, with inputs one float off.
 std::vector<uint32_t> unalignedRowSums(const KernelTable& table, QuantType type,
-                                       const std::vector<uint8_t>& W, const std::vector<float>& x,
-                                       size_t rows) {
-  std::vector<uint8_t> moved(W.size() + 1);
-  std::copy(W.begin(), W.end(), moved.begin() + 1);
+                                       const std::vector<uint8_t>& weights,
+                                       const std::vector<float>& x, size_t rows) {
+  std::vector<uint8_t> moved(weights.size() + 1);
+  std::copy(weights.begin(), weights.end(), moved.begin() + 1);
   std::vector<float> shifted(x.size() + 1);
   std::copy(x.begin(), x.end(), shifted.begin() + 1);
   constexpr float kGuard = 12345.0f;
@@ -62,11 +62,11 @@ std::vector<uint32_t> unalignedRowSums(const KernelTable& table, QuantType type,
   return bits(std::vector<float>(out.begin() + 1, out.end() - 1));
 }
 
-void expectSameRowSums(QuantType type, const std::vector<uint8_t>& W, const std::vector<float>& x,
-                       size_t rows) {
-  const std::vector<uint32_t> expected = unalignedRowSums(scalar(), type, W, x, rows);
+void expectSameRowSums(QuantType type, const std::vector<uint8_t>& weights,
+                       const std::vector<float>& x, size_t rows) {
+  const std::vector<uint32_t> expected = unalignedRowSums(scalar(), type, weights, x, rows);
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    EXPECT_EQ(expected, unalignedRowSums(*table, type, W, x, rows))
+    EXPECT_EQ(expected, unalignedRowSums(*table, type, weights, x, rows))
         << label(*table, type, rows, x.size());
   }
 }
@@ -104,12 +104,12 @@ TEST(KernelVariants, RowSumsOfUnusualInputsAreTheSameBits) {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   const float fillers[] = {0.0f, -0.0f, 0x1p-149f, -0x1p-140f, 3e38f, kInfinity, -kInfinity, NAN};
   for (const QuantType type : kProductTypes) {
-    const std::vector<uint8_t> W = randomRows(type, 6, 768, 21);
+    const std::vector<uint8_t> weights = randomRows(type, 6, 768, 21);
     for (const float filler : fillers) {
-      expectSameRowSums(type, W, std::vector<float>(768, filler), 6);
+      expectSameRowSums(type, weights, std::vector<float>(768, filler), 6);
       std::vector<float> one = randomFloats(768, 22);
       one[515] = filler;
-      expectSameRowSums(type, W, one, 6);
+      expectSameRowSums(type, weights, one, 6);
     }
   }
 }
@@ -152,12 +152,12 @@ float rowSumByContract(const std::vector<float>& w, const std::vector<float>& x)
 TEST(KernelVariants, RowSumsFollowTheContract) {
   for (const QuantType type : kProductTypes) {
     for (const size_t cols : {256, 512, 768, 2560, 4096, 9216}) {
-      const std::vector<uint8_t> W = randomRows(type, 1, cols, 41);
+      const std::vector<uint8_t> weights = randomRows(type, 1, cols, 41);
       const std::vector<float> x = randomFloats(cols, 42);
-      const float expected = rowSumByContract(weight_rows::decoded(type, W.data(), cols), x);
+      const float expected = rowSumByContract(weight_rows::decoded(type, weights.data(), cols), x);
       for (const KernelTable* table : qwen35::supportedKernels()) {
         float sum = 0.0f;
-        product(*table, type)(W.data(), x.data(), &sum, 1, cols);
+        product(*table, type)(weights.data(), x.data(), &sum, 1, cols);
         EXPECT_EQ(bits(expected), bits(sum)) << label(*table, type, 1, cols);
       }
     }
@@ -168,14 +168,14 @@ TEST(KernelVariants, RowSumsAreAccurateToSinglePrecision) {
   for (const QuantType type : kProductTypes) {
     for (const Scales scales : {Scales::Usual, Scales::Positive}) {
       for (const size_t cols : {256, 512, 1024, 2560, 9216, 32768}) {
-        const std::vector<uint8_t> W = randomRows(type, 8, cols, 51, scales);
+        const std::vector<uint8_t> weights = randomRows(type, 8, cols, 51, scales);
         const std::vector<float> x =
             randomFloats(cols, 52, scales == Scales::Positive ? 0.0f : -1.0f);
         std::vector<float> sums(8);
-        product(scalar(), type)(W.data(), x.data(), sums.data(), 8, cols);
+        product(scalar(), type)(weights.data(), x.data(), sums.data(), 8, cols);
         for (size_t r = 0; r < 8; ++r) {
           const std::vector<float> w =
-              weight_rows::decoded(type, W.data() + r * (W.size() / 8), cols);
+              weight_rows::decoded(type, weights.data() + r * (weights.size() / 8), cols);
           double exact = 0.0;
           double magnitude = 0.0;
           for (size_t i = 0; i < cols; ++i) {
@@ -193,15 +193,15 @@ TEST(KernelVariants, RowSumsAreAccurateToSinglePrecision) {
 TEST(KernelVariants, AccuracyHoldsFromOneBlock) {
   for (const QuantType type : {QuantType::F32, QuantType::BF16, QuantType::Q8_0}) {
     for (size_t cols = 32; cols <= 256; cols += 32) {
-      const std::vector<uint8_t> W = randomRows(type, 1, cols, 61, Scales::Positive);
+      const std::vector<uint8_t> weights = randomRows(type, 1, cols, 61, Scales::Positive);
       const std::vector<float> x = randomFloats(cols, 62, 0.0f);
-      const std::vector<float> w = weight_rows::decoded(type, W.data(), cols);
+      const std::vector<float> w = weight_rows::decoded(type, weights.data(), cols);
       double exact = 0.0;
       for (size_t i = 0; i < cols; ++i) {
         exact += static_cast<double>(w[i]) * static_cast<double>(x[i]);
       }
       float sum = 0.0f;
-      product(scalar(), type)(W.data(), x.data(), &sum, 1, cols);
+      product(scalar(), type)(weights.data(), x.data(), &sum, 1, cols);
       EXPECT_NEAR(exact, sum, 0x1p-22 * exact) << label(scalar(), type, 1, cols);
     }
   }
@@ -212,17 +212,17 @@ TEST(KernelVariants, WeightedRowsAreAddedInOrderWithoutFusing) {
     for (const size_t n : {0, 1, 7, 8, 20, 64, 100, 256}) {
       for (const size_t rows : {0, 1, 2, 15, 16, 17, 40}) {
         const std::vector<float> e = randomFloats(rows, 71, 0.0f);
-        const std::vector<float> V = randomFloats(rows * n + 1, 72);
+        const std::vector<float> values = randomFloats(rows * n + 1, 72);
         const std::vector<float> before = randomFloats(n, 73);
         std::vector<float> expected = before;
         for (size_t d = 0; d < n; ++d) {
           for (size_t p = 0; p < rows; ++p) {
-            expected[d] = expected[d] + e[p] * 0.3f * V[1 + p * n + d];
+            expected[d] = expected[d] + e[p] * 0.3f * values[1 + p * n + d];
           }
         }
         std::vector<float> acc = before;
         acc.push_back(5.0f);
-        table->addWeightedRows(e.data(), 0.3f, V.data() + 1, acc.data(), rows, n);
+        table->addWeightedRows(e.data(), 0.3f, values.data() + 1, acc.data(), rows, n);
         EXPECT_EQ(5.0f, acc.back());
         acc.pop_back();
         EXPECT_EQ(bits(expected), bits(acc)) << table->name << " " << rows << "x" << n;
@@ -232,7 +232,7 @@ TEST(KernelVariants, WeightedRowsAreAddedInOrderWithoutFusing) {
 }
 
 struct DeltaCase {
-  std::vector<float> S;
+  std::vector<float> state;
   std::vector<float> q;
   std::vector<float> k;
   std::vector<float> v;
@@ -240,27 +240,27 @@ struct DeltaCase {
 
 // The update step by step, each over the whole state.
 void deltaStepByContract(DeltaCase& c, float decay, float beta, float scale) {
-  const size_t D = c.v.size();
-  for (float& element : c.S) {
+  const size_t dim = c.v.size();
+  for (float& element : c.state) {
     element *= decay;
   }
-  std::vector<float> u(D);
-  for (size_t j = 0; j < D; ++j) {
+  std::vector<float> u(dim);
+  for (size_t j = 0; j < dim; ++j) {
     float kv = 0.0f;
-    for (size_t i = 0; i < D; ++i) {
-      kv = std::fma(c.k[i], c.S[i * D + j], kv);
+    for (size_t i = 0; i < dim; ++i) {
+      kv = std::fma(c.k[i], c.state[i * dim + j], kv);
     }
     u[j] = (c.v[j] - kv) * beta;
   }
-  for (size_t i = 0; i < D; ++i) {
-    for (size_t j = 0; j < D; ++j) {
-      c.S[i * D + j] = std::fma(c.k[i], u[j], c.S[i * D + j]);
+  for (size_t i = 0; i < dim; ++i) {
+    for (size_t j = 0; j < dim; ++j) {
+      c.state[i * dim + j] = std::fma(c.k[i], u[j], c.state[i * dim + j]);
     }
   }
-  for (size_t j = 0; j < D; ++j) {
+  for (size_t j = 0; j < dim; ++j) {
     float o = 0.0f;
-    for (size_t i = 0; i < D; ++i) {
-      o = std::fma(c.S[i * D + j], c.q[i], o);
+    for (size_t i = 0; i < dim; ++i) {
+      o = std::fma(c.state[i * dim + j], c.q[i], o);
     }
     c.v[j] = scale * o;
   }
@@ -268,17 +268,17 @@ void deltaStepByContract(DeltaCase& c, float decay, float beta, float scale) {
 
 TEST(KernelVariants, DeltaStepFollowsTheContract) {
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    for (const size_t D : {0, 1, 7, 8, 31, 32, 43, 128}) {
-      DeltaCase expected{randomFloats(D * D, 81), randomFloats(D, 82), randomFloats(D, 83),
-                         randomFloats(D, 84)};
+    for (const size_t dim : {0, 1, 7, 8, 31, 32, 43, 128}) {
+      DeltaCase expected{randomFloats(dim * dim, 81), randomFloats(dim, 82), randomFloats(dim, 83),
+                         randomFloats(dim, 84)};
       DeltaCase actual = expected;
       for (int step = 0; step < 3; ++step) {
         deltaStepByContract(expected, 0.9f, 0.7f, 0.1f);
-        table->deltaStep(actual.S.data(), actual.q.data(), actual.k.data(), actual.v.data(), D,
-                         0.9f, 0.7f, 0.1f);
+        table->deltaStep(actual.state.data(), actual.q.data(), actual.k.data(), actual.v.data(),
+                         dim, 0.9f, 0.7f, 0.1f);
       }
-      EXPECT_EQ(bits(expected.S), bits(actual.S)) << table->name << " D=" << D;
-      EXPECT_EQ(bits(expected.v), bits(actual.v)) << table->name << " D=" << D;
+      EXPECT_EQ(bits(expected.state), bits(actual.state)) << table->name << " dim=" << dim;
+      EXPECT_EQ(bits(expected.v), bits(actual.v)) << table->name << " dim=" << dim;
     }
   }
 }
@@ -292,9 +292,9 @@ TEST(KernelVariants, DeltaStepFromZeroStateScalesTheValue) {
     qk += static_cast<double>(q[i]) * static_cast<double>(k[i]);
   }
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    std::vector<float> S(128 * 128, 0.0f);
+    std::vector<float> state(128 * 128, 0.0f);
     std::vector<float> v = value;
-    table->deltaStep(S.data(), q.data(), k.data(), v.data(), 128, 0.5f, 0.25f, 2.0f);
+    table->deltaStep(state.data(), q.data(), k.data(), v.data(), 128, 0.5f, 0.25f, 2.0f);
     for (size_t j = 0; j < 128; ++j) {
       EXPECT_NEAR(2.0 * 0.25 * qk * static_cast<double>(value[j]), v[j], 2e-6) << table->name;
     }

@@ -35,18 +35,19 @@ TensorView matrix(QuantType type, const void* data, size_t rows, size_t cols) {
   return view;
 }
 
-// y += W x by gemvRow.
-void addProduct(const TensorView& W, const std::vector<float>& x, std::vector<float>& y) {
+// y += weights x by gemvRow.
+void addProduct(const TensorView& weights, const std::vector<float>& x, std::vector<float>& y) {
   qwen35::Model model;
-  qwen35::gemvRow(model, &W, x.data(), y.data());
+  qwen35::gemvRow(model, &weights, x.data(), y.data());
 }
 
 // The dot products of the decoded rows.
-std::vector<float> plainProduct(QuantType type, const std::vector<uint8_t>& W,
+std::vector<float> plainProduct(QuantType type, const std::vector<uint8_t>& weights,
                                 const std::vector<float>& x, size_t rows) {
   std::vector<float> out;
   for (size_t r = 0; r < rows; ++r) {
-    const std::vector<float> row = decoded(type, W.data() + r * (W.size() / rows), x.size());
+    const std::vector<float> row =
+        decoded(type, weights.data() + r * (weights.size() / rows), x.size());
     out.push_back(qwen35::dotF32(row.data(), x.data(), x.size()));
   }
   return out;
@@ -110,19 +111,19 @@ TEST(RowBytes, CountsWholeBlocks) {
 
 TEST(GemvRow, IsTheDotProductOfEveryDecodedRow) {
   for (const QuantType type : kProductTypes) {
-    const std::vector<uint8_t> W = randomRows(type, 70, 512, 1);
+    const std::vector<uint8_t> weights = randomRows(type, 70, 512, 1);
     const std::vector<float> x = randomFloats(512, 2);
     std::vector<float> y(70, 0.0f);
-    addProduct(matrix(type, W.data(), 70, 512), x, y);
-    EXPECT_EQ(bits(plainProduct(type, W, x, 70)), bits(y)) << kel::quantTypeName(type);
+    addProduct(matrix(type, weights.data(), 70, 512), x, y);
+    EXPECT_EQ(bits(plainProduct(type, weights, x, 70)), bits(y)) << kel::quantTypeName(type);
   }
 }
 
 TEST(GemvRow, TwoCallsDoubleTheResult) {
   for (const QuantType type : kProductTypes) {
-    const std::vector<uint8_t> W = randomRows(type, 5, 256, 3);
+    const std::vector<uint8_t> weights = randomRows(type, 5, 256, 3);
     const std::vector<float> x = randomFloats(256, 4);
-    const TensorView view = matrix(type, W.data(), 5, 256);
+    const TensorView view = matrix(type, weights.data(), 5, 256);
     std::vector<float> once(5, 0.0f);
     addProduct(view, x, once);
     std::vector<float> twice(5, 0.0f);
@@ -155,17 +156,17 @@ TEST(GemvRow, NoRowsDoNothing) {
 
 TEST(GemvRow, ThreadsAndInstructionSetsGiveTheSameBits) {
   for (const QuantType type : kProductTypes) {
-    const std::vector<uint8_t> W = randomRows(type, 37, 768, 8);
+    const std::vector<uint8_t> weights = randomRows(type, 37, 768, 8);
     const std::vector<float> x = randomFloats(768, 9);
-    const std::vector<uint32_t> expected = bits(plainProduct(type, W, x, 37));
+    const std::vector<uint32_t> expected = bits(plainProduct(type, weights, x, 37));
     for (const qwen35::KernelTable* table : qwen35::supportedKernels()) {
       qwen35::setKernelsForTesting(table);
       for (const int nThreads : {1, 2, 3, 7}) {
         const Threads threads(nThreads);
         std::vector<float> y(37, 0.0f);
-        addProduct(matrix(type, W.data(), 37, 768), x, y);
+        addProduct(matrix(type, weights.data(), 37, 768), x, y);
         EXPECT_EQ(expected, bits(y)) << table->name << " " << nThreads;
-        qwen35::outputHead(std::vector<TensorView>{matrix(type, W.data(), 37, 768)}.data(),
+        qwen35::outputHead(std::vector<TensorView>{matrix(type, weights.data(), 37, 768)}.data(),
                            x.data(), y.data());
         EXPECT_EQ(expected, bits(y)) << table->name << " " << nThreads;
       }
@@ -200,14 +201,14 @@ TEST(GemvScratch, HoldsTheLastRowOfEveryThread) {
   onFreshThread([] {
     const Threads threads(3);
     for (const QuantType type : {QuantType::Q8_0, QuantType::Q4_K, QuantType::Q5_K}) {
-      const std::vector<uint8_t> W = randomRows(type, 7, 256, 13);
+      const std::vector<uint8_t> weights = randomRows(type, 7, 256, 13);
       std::vector<float> y(7, 0.0f);
-      addProduct(matrix(type, W.data(), 7, 256), randomFloats(256, 14), y);
+      addProduct(matrix(type, weights.data(), 7, 256), randomFloats(256, 14), y);
       const qwen35::ThreadRows& scratch = qwen35::gemvScratchForTesting();
       ASSERT_EQ(3u, scratch.size());
       const size_t lastRows[] = {2, 4, 6};
       for (size_t t = 0; t < 3; ++t) {
-        const uint8_t* row = W.data() + lastRows[t] * (W.size() / 7);
+        const uint8_t* row = weights.data() + lastRows[t] * (weights.size() / 7);
         EXPECT_EQ(bits(decoded(type, row, 256)), bits(scratch[t])) << t;
       }
     }
@@ -218,14 +219,14 @@ TEST(GemvScratch, TypesWithoutAProductMultiplyWhatItHolds) {
   onFreshThread([] {
     const Threads threads(1);
     const std::vector<float> x = randomFloats(256, 15);
-    const std::vector<uint8_t> W = randomRows(QuantType::Q8_0, 2, 256, 16);
+    const std::vector<uint8_t> weights = randomRows(QuantType::Q8_0, 2, 256, 16);
     for (const QuantType type :
          {QuantType::F16, QuantType::Q4_0, QuantType::Q6_K, QuantType::IQ4_XS}) {
       std::vector<float> y(3, 0.0f);
-      addProduct(matrix(QuantType::Q8_0, W.data(), 2, 256), x, y);
+      addProduct(matrix(QuantType::Q8_0, weights.data(), 2, 256), x, y);
       const float last = y[1];
       y.assign(3, 1.0f);
-      addProduct(matrix(type, W.data(), 3, 256), x, y);
+      addProduct(matrix(type, weights.data(), 3, 256), x, y);
       EXPECT_EQ(std::vector<float>(3, 1.0f + last), y) << kel::quantTypeName(type);
     }
   });
@@ -242,12 +243,12 @@ TEST(GemvScratch, StartsAsZeros) {
 TEST(GemvScratch, LongEnoughRowsAreKeptAndShortOnesReplaced) {
   onFreshThread([] {
     const Threads threads(2);
-    const std::vector<uint8_t> W = randomRows(QuantType::Q8_0, 2, 512, 18);
+    const std::vector<uint8_t> weights = randomRows(QuantType::Q8_0, 2, 512, 18);
     std::vector<float> y(2, 0.0f);
-    addProduct(matrix(QuantType::Q8_0, W.data(), 2, 512), randomFloats(512, 19), y);
+    addProduct(matrix(QuantType::Q8_0, weights.data(), 2, 512), randomFloats(512, 19), y);
     const qwen35::ThreadRows& scratch = qwen35::gemvScratchForTesting();
     addProduct(matrix(QuantType::Q6_K, nullptr, 2, 256), randomFloats(256, 20), y);
-    EXPECT_EQ(bits(decoded(QuantType::Q8_0, W.data(), 512)), bits(scratch[0]));
+    EXPECT_EQ(bits(decoded(QuantType::Q8_0, weights.data(), 512)), bits(scratch[0]));
     addProduct(matrix(QuantType::Q6_K, nullptr, 2, 544), randomFloats(544, 20), y);
     EXPECT_EQ(std::vector<float>(544, 0.0f), scratch[0]);
   });
@@ -255,12 +256,12 @@ TEST(GemvScratch, LongEnoughRowsAreKeptAndShortOnesReplaced) {
 
 TEST(GemvScratch, IsReplacedWhenTheThreadCountChanges) {
   onFreshThread([] {
-    const std::vector<uint8_t> W = randomRows(QuantType::Q8_0, 2, 512, 21);
+    const std::vector<uint8_t> weights = randomRows(QuantType::Q8_0, 2, 512, 21);
     std::vector<float> y(2, 0.0f);
     const qwen35::ThreadRows& scratch = qwen35::gemvScratchForTesting();
     {
       const Threads threads(1);
-      addProduct(matrix(QuantType::Q8_0, W.data(), 2, 512), randomFloats(512, 22), y);
+      addProduct(matrix(QuantType::Q8_0, weights.data(), 2, 512), randomFloats(512, 22), y);
     }
     const Threads threads(3);
     addProduct(matrix(QuantType::Q6_K, nullptr, 2, 32), randomFloats(32, 23), y);
@@ -272,8 +273,8 @@ TEST(GemvScratch, F32AndBf16LeaveItAlone) {
   onFreshThread([] {
     std::vector<float> y(2, 0.0f);
     for (const QuantType type : {QuantType::F32, QuantType::BF16}) {
-      const std::vector<uint8_t> W = randomRows(type, 2, 64, 24);
-      addProduct(matrix(type, W.data(), 2, 64), randomFloats(64, 25), y);
+      const std::vector<uint8_t> weights = randomRows(type, 2, 64, 24);
+      addProduct(matrix(type, weights.data(), 2, 64), randomFloats(64, 25), y);
     }
     EXPECT_TRUE(qwen35::gemvScratchForTesting().empty());
   });
@@ -281,14 +282,14 @@ TEST(GemvScratch, F32AndBf16LeaveItAlone) {
 
 TEST(OutputHead, AssignsTheLogits) {
   for (const QuantType type : kProductTypes) {
-    const std::vector<uint8_t> W = randomRows(type, 9, 256, 26);
+    const std::vector<uint8_t> weights = randomRows(type, 9, 256, 26);
     const std::vector<float> x = randomFloats(256, 27);
-    const TensorView view = matrix(type, W.data(), 9, 256);
+    const TensorView view = matrix(type, weights.data(), 9, 256);
     std::vector<float> logits(10, 99.0f);
     qwen35::outputHead(&view, x.data(), logits.data());
     EXPECT_EQ(99.0f, logits.back());
     logits.pop_back();
-    EXPECT_EQ(bits(plainProduct(type, W, x, 9)), bits(logits)) << kel::quantTypeName(type);
+    EXPECT_EQ(bits(plainProduct(type, weights, x, 9)), bits(logits)) << kel::quantTypeName(type);
   }
 }
 
@@ -296,25 +297,27 @@ TEST(OutputHead, ScratchHoldsTheLastRowOfEveryTypeApartFromGemv) {
   onFreshThread([] {
     const Threads threads(2);
     for (const QuantType type : kProductTypes) {
-      const std::vector<uint8_t> W = randomRows(type, 5, 256, 28);
-      const TensorView view = matrix(type, W.data(), 5, 256);
+      const std::vector<uint8_t> weights = randomRows(type, 5, 256, 28);
+      const TensorView view = matrix(type, weights.data(), 5, 256);
       std::vector<float> logits(5);
       qwen35::outputHead(&view, randomFloats(256, 29).data(), logits.data());
       const qwen35::ThreadRows& scratch = qwen35::headScratchForTesting();
       ASSERT_EQ(2u, scratch.size());
-      EXPECT_EQ(bits(decoded(type, W.data() + 2 * (W.size() / 5), 256)), bits(scratch[0]));
-      EXPECT_EQ(bits(decoded(type, W.data() + 4 * (W.size() / 5), 256)), bits(scratch[1]));
+      EXPECT_EQ(bits(decoded(type, weights.data() + 2 * (weights.size() / 5), 256)),
+                bits(scratch[0]));
+      EXPECT_EQ(bits(decoded(type, weights.data() + 4 * (weights.size() / 5), 256)),
+                bits(scratch[1]));
     }
     EXPECT_TRUE(qwen35::gemvScratchForTesting().empty());
   });
 }
 
 TEST(Products, TwoHostThreadsDoNotMeet) {
-  const std::vector<uint8_t> W = randomRows(QuantType::Q4_K, 64, 512, 30);
-  const TensorView view = matrix(QuantType::Q4_K, W.data(), 64, 512);
+  const std::vector<uint8_t> weights = randomRows(QuantType::Q4_K, 64, 512, 30);
+  const TensorView view = matrix(QuantType::Q4_K, weights.data(), 64, 512);
   const auto work = [&](uint32_t seed, bool& same) {
     const std::vector<float> x = randomFloats(512, seed);
-    const std::vector<uint32_t> expected = bits(plainProduct(QuantType::Q4_K, W, x, 64));
+    const std::vector<uint32_t> expected = bits(plainProduct(QuantType::Q4_K, weights, x, 64));
     for (int i = 0; i < 50; ++i) {
       std::vector<float> y(64, 0.0f);
       addProduct(view, x, y);

@@ -53,6 +53,7 @@ inline uint32_t bits(float value) {
 
 inline std::vector<uint32_t> bits(const std::vector<float>& values) {
   std::vector<uint32_t> out;
+  out.reserve(values.size());
   for (const float value : values) {
     out.push_back(bits(value));
   }
