@@ -261,13 +261,13 @@ struct Q5K {
       chain[r] = addPair<0>(first + r * stride, s[r], x, chain[r]);
     }
     for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<2>(first + r * stride, s[r], x + 64, chain[r]);
+      chain[r] = addPair<2>(first + r * stride, s[r], x + 2 * kSubLen, chain[r]);
     }
     for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<4>(first + r * stride, s[r], x + 128, chain[r]);
+      chain[r] = addPair<4>(first + r * stride, s[r], x + 4 * kSubLen, chain[r]);
     }
     for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<6>(first + r * stride, s[r], x + 192, chain[r]);
+      chain[r] = addPair<6>(first + r * stride, s[r], x + 6 * kSubLen, chain[r]);
     }
   }
 };
