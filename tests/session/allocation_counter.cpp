@@ -9,9 +9,12 @@ size_t nAllocations = 0;
 
 }  // namespace kel::testing
 
-void* operator new(size_t size) {
+void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
   ++kel::testing::nAllocations;
-  if (void* memory = std::malloc(size)) return memory;
+  return std::malloc(size);
+}
+void* operator new(size_t size) {
+  if (void* memory = operator new(size, std::nothrow)) return memory;
   throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept {
