@@ -19,6 +19,16 @@ uint64_t spread(uint64_t hash) {
   return (hash ^ hash >> 32U) * 0x9E3779B97F4A7C15U;
 }
 
+constexpr size_t kAscii = 128;
+
+size_t asciiPair(char left, char right) {
+  return static_cast<unsigned char>(left) * kAscii + static_cast<unsigned char>(right);
+}
+
+bool isAscii(char c) {
+  return static_cast<unsigned char>(c) < kAscii;
+}
+
 }  // namespace
 
 template <typename Equals>
@@ -34,7 +44,9 @@ void StringIndex::build(const std::vector<std::string>& strings) {
   first = strings.data();
   count = 0;
   slots.clear();
+  asciiPairs.clear();
   if (strings.empty()) return;
+  asciiPairs.resize(kAscii * kAscii, kAbsent);
   slots.resize(std::bit_ceil(strings.size() * 2));
   shift = 64 - std::countr_zero(slots.size());
   for (size_t i = 0; i < strings.size(); ++i) {
@@ -44,6 +56,8 @@ void StringIndex::build(const std::vector<std::string>& strings) {
     if (slot.position != kAbsent) continue;
     slot = {static_cast<uint32_t>(hash), static_cast<int32_t>(i)};
     ++count;
+    if (string.size() == 3 && string[1] == ' ' && isAscii(string[0]) && isAscii(string[2]))
+      asciiPairs[asciiPair(string[0], string[2])] = static_cast<int32_t>(i);
   }
 }
 
@@ -55,6 +69,8 @@ int32_t StringIndex::find(std::string_view key) const {
 
 int32_t StringIndex::findPair(std::string_view left, std::string_view right) const {
   if (slots.empty()) return kAbsent;
+  if (left.size() == 1 && right.size() == 1 && isAscii(left[0]) && isAscii(right[0]))
+    return asciiPairs[asciiPair(left[0], right[0])];
   const uint64_t hash = spread(hashOn(hashOn(hashOn(kHashStart, left), " "), right));
   const auto equals = [&](const std::string& string) {
     return string.size() == left.size() + 1 + right.size() && string[left.size()] == ' ' &&

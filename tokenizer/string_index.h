@@ -38,6 +38,9 @@ class StringIndex {
   template <typename Equals>
   size_t slotOf(uint64_t hash, Equals equals) const;
 
+  // Positions of the strings "x y" by x * 128 + y, x and y single ASCII characters; empty when the
+  // index is. Every text starts out as such pairs, and this table stays in the near caches.
+  std::vector<int32_t> asciiPairs;
   const std::string* first = nullptr;  // of the list
   std::vector<Slot> slots;             // a power of two, at most half full; none when empty
   int shift = 0;                       // hash >> shift is a slot
