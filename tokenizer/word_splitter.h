@@ -1,9 +1,9 @@
 // Cuts plain text into the words that a "Ġ" vocabulary merges one by one.
 //
-// A hand-written scanner in the manner of the published GPT-4 split pattern: contractions, letter
+// A hand-written scanner in the manner of the published split patterns: contractions, letter
 // runs with one optional leading non-letter, digit groups of one to three, punctuation runs,
 // whitespace runs. Vocabularies in use were converted for exactly this scanner, so its deviations
-// from the pattern are part of the format:
+// from those patterns are part of the format:
 //   - letters, digits and whitespace are decided per byte: every byte from 0x80 up is a letter, and
 //     only 0 to 9 are digits;
 //   - a whitespace run never leaves its last space to the next word;
