@@ -72,8 +72,8 @@ Status OutputFile::append(const void* data, size_t nBytes) {
   const auto* bytes = static_cast<const uint8_t*>(data);
   if (nBytes > kBufferBytes - buffer.size()) {
     Status status = flush();
-    if (!status.ok() || nBytes >= kBufferBytes)
-      return status.ok() ? writeOut(bytes, nBytes) : status;
+    if (!status.ok()) return status;
+    if (nBytes >= kBufferBytes) return writeOut(bytes, nBytes);
   }
   buffer.insert(buffer.end(), bytes, bytes + nBytes);
   return Status::success();

@@ -22,7 +22,7 @@ class OutputFile {
   OutputFile& operator=(const OutputFile&) = delete;
 
   // Creates the temporary file. The target, where it exists, must be a regular file: renaming over
-  // a device would remove it.
+  // a device would remove it. A symbolic link is replaced, not written through.
   Status create(const std::string& path);
   bool isOpen() const { return fd >= 0; }
 
@@ -35,7 +35,8 @@ class OutputFile {
   Status overwrite(uint64_t offset, const void* data, size_t nBytes);
 
   // Flushes, syncs, renames over the target and syncs the folder. The mode is that of any new
-  // file: 0666 less the umask.
+  // file: 0666 less the umask. Should the folder alone fail to sync, the target is already the new
+  // file, complete, but may not outlast a power failure.
   Status commit();
   // Removes the temporary file. Safe at any time.
   void discard();

@@ -11,7 +11,9 @@
 // The file grows under a temporary name in the target's folder; finish() writes the index, the
 // other sections and the header, syncs, and renames. Until finish() succeeds the target is
 // untouched; a failure, abandon() or destruction removes the temporary file. After a failure every
-// later call returns the first failure's status. One thread at a time.
+// later call returns the first failure's status, until abandon(). Messages start with
+// "ZYM2Writer: "; IoError means that the system refused (the message names file and reason),
+// InvalidFormat that the caller erred. One thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -40,7 +42,8 @@ class ZYM2Writer {
   // Starts a file that finish() will name path. An existing target is replaced only by finish().
   Status create(const std::string& path);
 
-  // Metadata, in call order, at any time before finish(). Keys are at most 65,535 bytes.
+  // Metadata, in call order, at any time before finish(). Keys are at most 65,535 bytes, values
+  // less than 4 GiB; what is longer makes the next call that returns a status fail.
   void addMetaU32(std::string_view key, uint32_t value);
   void addMetaI32(std::string_view key, int32_t value);
   void addMetaF32(std::string_view key, float value);
@@ -55,7 +58,8 @@ class ZYM2Writer {
   // Quant info is written by default (all zero); false leaves the section out.
   void setQuantInfo(bool present);
 
-  // A tensor in one call. dims: innermost first, at most four. data: byteSize bytes.
+  // A tensor in one call. name: unique, 1 to 64 bytes, no zero byte. dims: innermost first, at most
+  // four. data: byteSize bytes, stored as they are; type and shape are not held against them.
   Status addTensor(std::string_view name, QuantType type, const std::vector<uint64_t>& dims,
                    const void* data, uint64_t byteSize);
   // The same in pieces: begin, any number of writes, end. The stored byte size is what was written.
@@ -65,7 +69,8 @@ class ZYM2Writer {
 
   // Completes the file: index, remaining sections, header, sync, rename, sync of the folder.
   Status finish();
-  // Drops the file; the target stays as it was. Safe at any time.
+  // Drops the file and everything set for it, a failure too: the writer is as new, the target as it
+  // was. Safe at any time. finish() leaves the writer as new likewise.
   void abandon();
 
  private:
