@@ -49,7 +49,8 @@ function(zym_add_library name)
 endfunction()
 
 # zym_add_test(name SOURCES ... DEPS ... [LABELS ...] [TIMEOUT s]): a GoogleTest program whose test
-# cases become CTest tests of their own.
+# cases become CTest tests of their own. Idle OpenMP threads sleep: tests run beside each other, and
+# threads that spin for work take the processor from those that have some.
 function(zym_add_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
@@ -58,7 +59,7 @@ function(zym_add_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zym_options ${ARG_DEPS} GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
 endfunction()
 
 # zym_add_benchmark(name SOURCES ... DEPS ...): a Google Benchmark program.
