@@ -1,0 +1,125 @@
+// One loaded model: the weights bound in place, the fixed shape, and the state that grows or
+// changes token by token.
+//
+//   Model m;
+//   if (!initLayers(loader, m, maxCtx) || !bindModel(loader, m, maxCtx)) ...
+//   if (!findUnfitTensor(loader, m).empty()) ...   // qwen35/run_check.h: before the first token
+//   embedRow(m, token, hidden);
+//   forwardToken(m, hidden, pos, logits);          // qwen35/forward.h
+//
+// Every tensor pointer is owned by the loader and reads from its file mapping, so the loader
+// outlives the model. A model is used by one thread at a time; two models are independent.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "container/tensor_view.h"
+#include "container/zym_loader.h"
+#include "qwen35/state_buffer.h"
+
+namespace qwen35 {
+
+constexpr size_t kLayers = 32;
+constexpr float kNormEps = 1e-6f;  // of every RMS and L2 norm
+
+// Taps of the causal convolution; convState keeps one input per tap but the newest.
+constexpr size_t kConvTaps = 4;
+constexpr size_t kConvHistory = kConvTaps - 1;
+
+// A transformer block. Tensor fields are null when absent. Matrices: [output][input].
+struct Layer {
+  bool isLinear = false;  // linear attention; otherwise full attention
+  const kel::TensorView* attnNorm = nullptr;
+  const kel::TensorView* postAttnNorm = nullptr;
+
+  // Full attention.
+  const kel::TensorView* attnQ = nullptr;       // per head: headDim query rows, headDim gate rows
+  const kel::TensorView* attnK = nullptr;       // [nHeadKv * headDim][nEmbd]
+  const kel::TensorView* attnV = nullptr;       // [nHeadKv * headDim][nEmbd]
+  const kel::TensorView* attnOutput = nullptr;  // [nEmbd][nHead * headDim]
+  const kel::TensorView* attnQNorm = nullptr;   // [headDim]
+  const kel::TensorView* attnKNorm = nullptr;   // [headDim]
+  const kel::TensorView* attnQBias = nullptr;   // optional; decides whether any bias is added
+  const kel::TensorView* attnKBias = nullptr;   // optional
+  const kel::TensorView* attnVBias = nullptr;   // optional
+
+  // Linear attention.
+  const kel::TensorView* attnQkv = nullptr;    // queries, keys, values: [convChannels][nEmbd]
+  const kel::TensorView* attnGate = nullptr;   // [ssmInner][nEmbd]
+  const kel::TensorView* ssmBeta = nullptr;    // [ssmHeads][nEmbd]
+  const kel::TensorView* ssmAlpha = nullptr;   // [ssmHeads][nEmbd]
+  const kel::TensorView* ssmDtBias = nullptr;  // [ssmHeads]
+  const kel::TensorView* ssmA = nullptr;       // [ssmHeads], negative
+  const kel::TensorView* ssmConv1d = nullptr;  // [convChannels][taps], oldest input first
+  const kel::TensorView* ssmNorm = nullptr;    // [ssmDState]
+  const kel::TensorView* ssmOut = nullptr;     // [nEmbd][ssmInner]
+
+  const kel::TensorView* ffnGate = nullptr;  // [feed-forward width][nEmbd]
+  const kel::TensorView* ffnUp = nullptr;    // [feed-forward width][nEmbd]
+  const kel::TensorView* ffnDown = nullptr;  // [nEmbd][feed-forward width]
+
+  StateBuffer ssmState;   // linear: [ssmHeads][ssmDState (key)][ssmDState (value)]
+  StateBuffer convState;  // linear: [convChannels][kConvHistory], oldest first
+  StateBuffer kCache;     // full: [nHeadKv][maxCtx][headDim], normalised and rotated keys
+  StateBuffer vCache;     // full: the same shape, values as projected
+  uint64_t pos = 0;       // full: filled cache positions; stays 0 in a linear layer
+
+  // What a reset has to clear. Full: cache positions from here on hold zeros still. Linear: tokens
+  // taken since the last reset.
+  uint64_t written = 0;
+};
+
+struct Model {
+  const kel::TensorView* tokEmbd = nullptr;  // [nVocab][nEmbd]; the output head as well
+  const kel::TensorView* outputNorm = nullptr;
+
+  uint64_t nEmbd = 0;   // from the file
+  uint64_t nVocab = 0;  // from the file
+
+  // The shape of the family; no file changes it.
+  uint64_t nHead = 16;       // query heads of a full-attention layer
+  uint64_t nHeadKv = 4;      // key/value heads, each shared by nHead / nHeadKv query heads
+  uint64_t headDim = 256;    // width of one head
+  uint64_t ropeDim = 64;     // leading dimensions of a head that are rotated
+  uint64_t ssmDState = 128;  // width of one linear-attention head, keys and values alike
+  uint64_t ssmGroups = 16;   // key/query heads of a linear-attention layer
+  uint64_t ssmHeads = 32;    // value heads, each with a state of its own
+  uint64_t ssmInner = 4096;  // ssmHeads * ssmDState
+  uint64_t convKernel = 4;   // sizes convState; the step itself has kConvTaps taps
+
+  uint64_t nLayer = 0;
+  std::vector<Layer> layers;
+  uint64_t maxCtx = 0;        // capacity of the caches, in positions
+  std::vector<float> embBuf;  // scratch row of embedRow
+
+  // Channels of the convolution: queries, keys and values side by side.
+  uint64_t convChannels() const { return ssmInner + 2 * ssmDState * ssmGroups; }
+};
+
+// The values of an F32 tensor, where they lie.
+inline const float* floats(const kel::TensorView* tensor) {
+  return static_cast<const float*>(tensor->data);
+}
+
+// Binds the tensors of layers 0 to 31 by name and allocates the state of each. False on the first
+// layer that lacks a required tensor; the layers bound so far stay, to be discarded with the model.
+// Neither shape nor element type is looked at: see findUnfitTensor. Throws std::bad_alloc.
+bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
+
+// Binds the embedding table and the final norm and takes nEmbd, nVocab, maxCtx and nLayer. Called
+// after initLayers with the same maxCtx. False when either tensor is missing.
+bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
+
+// Empties every layer: pos 0 and all state zero. Sizes stay. Clears only what was written through
+// the forward pass, so a reset after a short conversation is cheap.
+void resetModel(Model& m);
+
+// Writes the embedding row of a token: out, nEmbd floats. The token must be below nVocab.
+//
+// Deliberate: for an element type that has no decoder (F16, Q4_0, Q6_K, IQ4_XS) out receives
+// whatever the scratch row held, zeros on first use. Such models are refused before they run.
+void embedRow(Model& m, size_t token, float* out);
+
+}  // namespace qwen35

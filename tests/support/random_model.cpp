@@ -1,0 +1,258 @@
+#include "tests/support/random_model.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+#include <stdexcept>
+#include <utility>
+
+#include "container/zym2_writer.h"
+#include "quant/blocks.h"
+
+namespace kel::test {
+
+namespace {
+
+using kel::QuantType;
+using kel::quant::f32ToF16;
+
+// xorshift64*: one multiplication per value, where a real model has a hundred million.
+class Random {
+ public:
+  explicit Random(uint64_t seed) : state(seed | 1) {
+    for (int i = 0; i < 8; ++i) {
+      next();
+    }
+  }
+  uint64_t next() {
+    state ^= state >> 12;
+    state ^= state << 25;
+    state ^= state >> 27;
+    return state * 0x2545F4914F6CDD1DULL;
+  }
+  float uniform(float low, float high) {
+    return low + (high - low) * static_cast<float>(next() >> 40) * 0x1p-24f;
+  }
+
+ private:
+  uint64_t state;
+};
+
+template <typename T>
+void append(std::vector<uint8_t>& out, T value) {
+  const size_t at = out.size();
+  out.resize(at + sizeof value);
+  std::memcpy(out.data() + at, &value, sizeof value);
+}
+
+void appendRandomBytes(std::vector<uint8_t>& out, size_t n, Random& random) {
+  const size_t at = out.size();
+  out.resize(at + n);
+  for (size_t i = 0; i < n; i += sizeof(uint64_t)) {
+    const uint64_t bits = random.next();
+    std::memcpy(out.data() + at + i, &bits, std::min(n - i, sizeof bits));
+  }
+}
+
+// Blocks of random codes. The scales below make the decoded values' root mean square about `rms`
+// and, in the formats with a minimum, their mean about zero.
+void appendBlock(std::vector<uint8_t>& out, QuantType type, float rms, Random& random) {
+  const float scale = rms * random.uniform(0.8f, 1.2f);
+  switch (type) {
+    case QuantType::Q8_0:
+      append(out, f32ToF16(scale / 74.0f));
+      appendRandomBytes(out, 32, random);
+      break;
+    case QuantType::Q4_K:
+      append(out, f32ToF16(scale / 258.0f));
+      append(out, f32ToF16(scale / 258.0f * 7.5f));
+      appendRandomBytes(out, 12 + 128, random);
+      break;
+    case QuantType::Q5_K:
+      append(out, f32ToF16(scale / 527.0f));
+      append(out, f32ToF16(scale / 527.0f * 15.5f));
+      appendRandomBytes(out, 12 + 32 + 128, random);
+      break;
+    default:
+      throw std::invalid_argument("no random blocks of this type");
+  }
+}
+
+size_t blockLength(QuantType type) {
+  switch (type) {
+    case QuantType::F32:
+    case QuantType::BF16:
+      return 1;
+    case QuantType::Q8_0:
+      return 32;
+    default:
+      return 256;
+  }
+}
+
+size_t blockBytes(QuantType type) {
+  return kel::quant::quantizedBytes(type, blockLength(type));
+}
+
+uint64_t elementCount(const TensorPlan& plan) {
+  uint64_t n = 1;
+  for (const uint64_t d : plan.dims) {
+    n *= d;
+  }
+  return n;
+}
+
+class Planner {
+ public:
+  explicit Planner(const RandomModelSpec& modelSpec) : spec(modelSpec) {}
+
+  std::vector<TensorPlan> take() { return std::move(plan); }
+
+  void model() {
+    matrix("token_embd.weight", spec.hidden, spec.vocab);
+    vector("output_norm.weight", spec.hidden, 0.8f, 1.2f);
+    for (size_t i = 0; i < spec.blocks; ++i) {
+      prefix = "blk." + std::to_string(i) + ".";
+      layer(spec.layerKinds[i % spec.layerKinds.size()] == 'L');
+    }
+  }
+
+ private:
+  void layer(bool linear) {
+    vector("attn_norm.weight", spec.hidden, 0.8f, 1.2f);
+    vector("post_attention_norm.weight", spec.hidden, 0.8f, 1.2f);
+    matrix("ffn_gate.weight", spec.hidden, spec.ffn);
+    matrix("ffn_up.weight", spec.hidden, spec.ffn);
+    matrix("ffn_down.weight", spec.ffn, spec.hidden);
+    linear ? linearAttention() : fullAttention();
+  }
+
+  void linearAttention() {
+    matrix("attn_qkv.weight", spec.hidden, 8192);
+    matrix("attn_gate.weight", spec.hidden, 4096);
+    matrix("ssm_beta.weight", spec.hidden, 32);
+    matrix("ssm_alpha.weight", spec.hidden, 32);
+    vector("ssm_dt.bias", 32, -2.0f, 2.0f);
+    vector("ssm_a", 32, -1.5f, -0.01f);
+    matrix("ssm_conv1d.weight", 4, 8192);
+    plan.back().type = QuantType::F32;
+    vector("ssm_norm.weight", 128, 0.8f, 1.2f);
+    matrix("ssm_out.weight", 4096, spec.hidden);
+  }
+
+  void fullAttention() {
+    matrix("attn_q.weight", spec.hidden, 8192);
+    matrix("attn_k.weight", spec.hidden, 1024);
+    matrix("attn_v.weight", spec.hidden, 1024);
+    matrix("attn_output.weight", 4096, spec.hidden);
+    vector("attn_q_norm.weight", 256, 0.8f, 1.2f);
+    vector("attn_k_norm.weight", 256, 0.8f, 1.2f);
+    if (spec.biases) {
+      vector("attn_q.bias", 8192, -0.5f, 0.5f);
+      vector("attn_k.bias", 1024, -0.5f, 0.5f);
+      vector("attn_v.bias", 1024, -0.5f, 0.5f);
+    }
+  }
+
+  void matrix(const char* suffix, uint64_t cols, uint64_t rows) {
+    plan.push_back({.name = prefix + suffix, .type = nextType(cols), .dims = {cols, rows}});
+  }
+
+  void vector(const char* suffix, uint64_t n, float low, float high) {
+    plan.push_back({.name = prefix + suffix, .dims = {n}, .low = low, .high = high});
+  }
+
+  QuantType nextType(uint64_t cols) {
+    for (size_t tries = 0; tries < spec.types.size(); ++tries) {
+      const QuantType type = spec.types[turn++ % spec.types.size()];
+      if (cols % blockLength(type) == 0) {
+        return type;
+      }
+    }
+    return QuantType::F32;
+  }
+
+  const RandomModelSpec& spec;
+  std::vector<TensorPlan> plan;
+  std::string prefix;
+  size_t turn = 0;
+};
+
+kel::TokenizerData defaultTokenizer(uint64_t vocab) {
+  kel::TokenizerData tables;
+  for (uint64_t i = 0; i < vocab; ++i) {
+    tables.tokens.push_back(std::string("<").append(std::to_string(i)).append(">"));
+    tables.tokenTypes.push_back(1);
+  }
+  return tables;
+}
+
+}  // namespace
+
+std::vector<TensorPlan> planTensors(const RandomModelSpec& spec) {
+  Planner planner(spec);
+  planner.model();
+  return planner.take();
+}
+
+TensorPlan& planned(std::vector<TensorPlan>& plan, const std::string& name) {
+  const auto at = std::find_if(plan.begin(), plan.end(),
+                               [&](const TensorPlan& entry) { return entry.name == name; });
+  if (at == plan.end()) {
+    throw std::out_of_range("no tensor planned: " + name);
+  }
+  return *at;
+}
+
+std::vector<uint8_t> tensorBytes(const TensorPlan& plan, uint64_t seed) {
+  if (!plan.data.empty()) {
+    return plan.data;
+  }
+  Random random(seed * 0x9E3779B97F4A7C15ULL ^ std::hash<std::string>{}(plan.name));
+  const uint64_t n = elementCount(plan);
+  const bool isVector = plan.dims.size() < 2;
+  const float rms = 1.0f / std::sqrt(static_cast<float>(plan.dims.at(0)));
+  const float bound = rms * std::sqrt(3.0f);  // of a uniform value with that root mean square
+  const float low = isVector ? plan.low : -bound;
+  const float high = isVector ? plan.high : bound;
+  std::vector<uint8_t> out;
+  out.reserve(n / blockLength(plan.type) * blockBytes(plan.type));
+  for (uint64_t i = 0; i < n; i += blockLength(plan.type)) {
+    if (plan.type == QuantType::F32) {
+      append(out, random.uniform(low, high));
+    } else if (plan.type == QuantType::BF16) {
+      const float value = random.uniform(low, high);
+      uint32_t bits;
+      std::memcpy(&bits, &value, sizeof bits);
+      append(out, static_cast<uint16_t>(bits >> 16));
+    } else {
+      appendBlock(out, plan.type, rms, random);
+    }
+  }
+  return out;
+}
+
+kel::Status writeRandomModel(const std::string& path, const RandomModelSpec& spec) {
+  std::vector<TensorPlan> plan = planTensors(spec);
+  if (spec.edit) {
+    spec.edit(plan);
+  }
+  kel::ZYM2Writer writer;
+  kel::Status status = writer.create(path);
+  if (!spec.architecture.empty()) {
+    writer.addMetaStr("general.architecture", spec.architecture);
+  }
+  writer.setTokenizer(spec.tokenizer.tokens.empty() ? defaultTokenizer(spec.vocab)
+                                                    : spec.tokenizer);
+  for (const TensorPlan& entry : plan) {
+    const std::vector<uint8_t> bytes = tensorBytes(entry, spec.seed);
+    status = writer.addTensor(entry.name, entry.type, entry.dims, bytes.data(), bytes.size());
+    if (!status.ok()) {
+      return status;
+    }
+  }
+  return writer.finish();
+}
+
+}  // namespace kel::test
