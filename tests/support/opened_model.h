@@ -1,0 +1,71 @@
+// A random model written to a temporary file, opened and bound.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "container/zym_loader.h"
+#include "qwen35/forward.h"
+#include "qwen35/model.h"
+#include "qwen35/run_check.h"
+#include "tests/support/random_model.h"
+#include "tests/support/temp_dir.h"
+
+namespace kel::test {
+
+// One more handle on a model file.
+struct Handle {
+  explicit Handle(const std::string& path, size_t maxCtx = 64) {
+    if (!loader.open(path.c_str()).ok() || !qwen35::initLayers(loader, model, maxCtx) ||
+        !qwen35::bindModel(loader, model, maxCtx)) {
+      throw std::runtime_error("model does not open");
+    }
+    if (const std::string fault = qwen35::findUnfitTensor(loader, model); !fault.empty()) {
+      throw std::runtime_error(fault);
+    }
+  }
+
+  // Feeds one token at the next position; returns its logits.
+  std::vector<float> logits(size_t token) {
+    std::vector<float> result(model.nVocab);
+    qwen35::forwardToken(model, embedding(token).data(), position++, result.data());
+    return result;
+  }
+
+  // The same; returns the final hidden state.
+  std::vector<float> hidden(size_t token) {
+    std::vector<float> result(model.nEmbd);
+    qwen35::forwardTokenHidden(model, embedding(token).data(), position++, result.data());
+    return result;
+  }
+
+  void reset() {
+    qwen35::resetModel(model);
+    position = 0;
+  }
+
+  kel::ZYMLoader loader;
+  qwen35::Model model;
+  size_t position = 0;
+
+ private:
+  std::vector<float> embedding(size_t token) {
+    std::vector<float> row(model.nEmbd);
+    qwen35::embedRow(model, token, row.data());
+    return row;
+  }
+};
+
+struct ModelFile {
+  explicit ModelFile(const RandomModelSpec& spec = {}) : path(folder.file("model.zym")) {
+    if (const kel::Status status = writeRandomModel(path, spec); !status.ok()) {
+      throw std::runtime_error(status.message);
+    }
+  }
+
+  TempDir folder;
+  std::string path;
+};
+
+}  // namespace kel::test
