@@ -1,0 +1,166 @@
+// Speed of the whole model: milliseconds per token and where they go.
+//
+//   model_bench [hidden feed-forward vocabulary [tokens]]
+//
+// Writes a synthetic model of that shape (default: 2560 9216 248320, about 2.4 GB) into a temporary
+// folder, random Q4_K blocks throughout, runs tokens through it (default 16) and removes it. Prints
+// medians, and the weights streamed per second beside a plain read of the same mapped bytes. The
+// weights carry no meaning: speed does not depend on their values.
+
+#include <omp.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "qwen35/forward.h"
+#include "qwen35/full_attention.h"
+#include "qwen35/kernels.h"
+#include "qwen35/linear_attention.h"
+#include "qwen35/products.h"
+#include "qwen35/simd/dispatch.h"
+#include "tests/support/opened_model.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using kel::test::Handle;
+
+enum Part { kLinearAttention, kFullAttention, kFeedForward, kHead, kParts };
+constexpr const char* kPartNames[kParts] = {"linear attention", "full attention", "feed-forward",
+                                            "output head"};
+using PartTimes = std::array<double, kParts>;
+
+double millisecondsSince(Clock::time_point start) {
+  return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+}
+
+template <typename Action>
+void addTime(double& total, const Action& action) {
+  const Clock::time_point start = Clock::now();
+  action();
+  total += millisecondsSince(start);
+}
+
+double median(std::vector<double> values) {
+  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
+                   values.end());
+  return values[values.size() / 2];
+}
+
+// forwardToken taken apart, so that every block can be timed by itself.
+PartTimes timeParts(qwen35::Model& m, const std::vector<float>& embedding, size_t pos,
+                    std::vector<float>& logits) {
+  PartTimes times{};
+  std::vector<float> x = embedding;
+  std::vector<float> y(m.nEmbd);
+  std::vector<float> normed(m.nEmbd);
+  const auto addToX = [&] {
+    for (size_t i = 0; i < x.size(); ++i) {
+      x[i] += y[i];
+    }
+  };
+  for (size_t l = 0; l < m.nLayer; ++l) {
+    qwen35::Layer& L = m.layers[l];
+    addTime(times[L.isLinear ? kLinearAttention : kFullAttention], [&] {
+      L.isLinear ? qwen35::linearAttnStep(m, L, x.data(), y.data(), l, pos)
+                 : qwen35::fullAttnStep(m, L, x.data(), y.data(), pos, l);
+    });
+    addToX();
+    const auto* norm = static_cast<const float*>(L.postAttnNorm->data);
+    qwen35::rmsNorm(x.data(), norm, normed.data(), m.nEmbd, qwen35::kNormEps);
+    addTime(times[kFeedForward], [&] { qwen35::ffnStep(m.nEmbd, L, normed.data(), y.data()); });
+    addToX();
+  }
+  const auto* norm = static_cast<const float*>(m.outputNorm->data);
+  qwen35::rmsNorm(x.data(), norm, x.data(), m.nEmbd, qwen35::kNormEps);
+  addTime(times[kHead], [&] { qwen35::outputHead(m.tokEmbd, x.data(), logits.data()); });
+  return times;
+}
+
+// Milliseconds of the best of three reads of the weight section by the OpenMP team.
+double readMilliseconds(const kel::ZYM2Reader& reader) {
+  const uint8_t* data = reader.sectionData(kel::zym2::SectionType::WeightData);
+  const size_t words = reader.sectionSize(kel::zym2::SectionType::WeightData) / sizeof(uint64_t);
+  double best = 1e300;
+  for (int pass = 0; pass < 3; ++pass) {
+    uint64_t sum = 0;
+    double took = 0;
+    addTime(took, [&] {
+#pragma omp parallel for reduction(+ : sum) schedule(static)
+      for (size_t i = 0; i < words; ++i) {
+        uint64_t word;
+        std::memcpy(&word, data + i * sizeof word, sizeof word);
+        sum += word;
+      }
+    });
+    volatile const uint64_t kept = sum;
+    (void)kept;
+    best = std::min(best, took);
+  }
+  return best;
+}
+
+void run(Handle& handle, size_t tokens) {
+  qwen35::Model& m = handle.model;
+  std::vector<float> embedding(m.nEmbd);
+  std::vector<float> logits(m.nVocab);
+  std::vector<double> whole;
+  std::array<std::vector<double>, kParts> parts;
+  // Token 0 warms the page cache and the scratch; then whole and taken-apart passes alternate.
+  for (size_t pos = 0; pos <= 2 * tokens; ++pos) {
+    qwen35::embedRow(m, pos % m.nVocab, embedding.data());
+    if (pos % 2 == 0) {
+      double took = 0;
+      addTime(took, [&] { qwen35::forwardToken(m, embedding.data(), pos, logits.data()); });
+      if (pos > 0) {
+        whole.push_back(took);
+      }
+      continue;
+    }
+    const PartTimes times = timeParts(m, embedding, pos, logits);
+    for (size_t part = 0; part < kParts; ++part) {
+      parts[part].push_back(times[part]);
+    }
+  }
+
+  const uint64_t bytes = handle.loader.reader.sectionSize(kel::zym2::SectionType::WeightData);
+  const double perToken = median(whole);
+  const double read = readMilliseconds(handle.loader.reader);
+  std::printf("token            %9.2f ms (%.2f to %.2f over %zu)\n", perToken,
+              *std::min_element(whole.begin(), whole.end()),
+              *std::max_element(whole.begin(), whole.end()), whole.size());
+  for (size_t part = 0; part < kParts; ++part) {
+    std::printf("%-16s %9.2f ms\n", kPartNames[part], median(parts[part]));
+  }
+  std::printf("weights          %9.2f GB/s; plain read %.2f GB/s; ratio %.2f\n",
+              static_cast<double>(bytes) / perToken / 1e6, static_cast<double>(bytes) / read / 1e6,
+              read / perToken);
+}
+
+uint64_t argument(int argc, char** argv, int index, uint64_t otherwise) {
+  return argc > index ? std::strtoull(argv[index], nullptr, 10) : otherwise;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const size_t tokens = argument(argc, argv, 4, 16);
+  const kel::test::RandomModelSpec spec{.hidden = argument(argc, argv, 1, 2560),
+                                        .ffn = argument(argc, argv, 2, 9216),
+                                        .vocab = argument(argc, argv, 3, 248320),
+                                        .types = {kel::QuantType::Q4_K}};
+  const kel::test::ModelFile file(spec);
+  Handle handle(file.path, 2 * tokens + 1);
+  std::printf(
+      "hidden %llu, feed-forward %llu, vocabulary %llu, Q4_K; kernels %s, %d threads\n",
+      static_cast<unsigned long long>(spec.hidden), static_cast<unsigned long long>(spec.ffn),
+      static_cast<unsigned long long>(spec.vocab), qwen35::kernels().name, omp_get_max_threads());
+  run(handle, tokens);
+  return 0;
+}
