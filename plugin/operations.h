@@ -1,6 +1,6 @@
 // The operations behind the slots of the runtime tables. Contracts: include/zym/plugin.h.
 //
-// Nothing thrown leaves any of them.
+// Nothing thrown leaves any of them (guarded() in plugin/boundary.h).
 #pragma once
 
 #include <cstddef>
@@ -15,6 +15,8 @@ uint32_t qwen35Create(const char* modelPath, const char* unused, ZYMRuntimeHandl
                       char* err, size_t errCap);
 void qwen35Destroy(ZYMRuntimeHandle* handle);
 uint32_t qwen35Generate(ZYMRuntimeHandle* handle, const char* prompt, char* out, size_t outCap);
+// What both one-shot entries do: at most 96 new tokens from an empty context.
+uint32_t qwen35GenerateN(ZYMRuntimeHandle* handle, const char* prompt, char* out, size_t outCap);
 uint32_t qwen35V2GenerateEx(ZYMRuntimeHandle* handle, const char* prompt,
                             const ZYMSessionOptions* options, char* out, size_t outCap);
 uint32_t qwen35V2Bench(ZYMRuntimeHandle* handle, const ZYMBenchParams* params,

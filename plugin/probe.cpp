@@ -2,8 +2,8 @@
 #include <string_view>
 
 #include "container/zym_loader.h"
-#include "plugin/architecture.h"
 #include "plugin/operations.h"
+#include "session/architecture.h"
 
 namespace plugin {
 
@@ -16,11 +16,11 @@ const char* matchArchitecture(const char* path) {
   kel::ZYMLoader loader;
   if (!loader.open(path).ok()) return nullptr;
   std::string architecture;
-  loader.reader.getMetaStr(kArchitectureKey, architecture);
-  if (architecture == kArchQwen35) return kArchQwen35;
+  loader.reader.getMetaStr(session::kArchitectureKey, architecture);
+  if (architecture == session::kArchQwen35) return session::kArchQwen35;
   // Deliberate: the probe recognises the family. What of it can run is decided by create, which
   // refuses this one with a message that a person can act on.
-  if (architecture == kArchQwen35Moe) return kArchQwen35Moe;
+  if (architecture == session::kArchQwen35Moe) return session::kArchQwen35Moe;
   return nullptr;
 }
 
