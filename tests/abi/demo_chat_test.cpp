@@ -1,6 +1,5 @@
 // Every chat of the demonstration checkpoint, word for word, through the built library.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include "tests/abi/chat_host.h"
 #include "tests/support/demo_model.h"
@@ -18,12 +17,7 @@ struct Variant {
   bool streamed;
 };
 
-class DemoChat : public testing::TestWithParam<Variant> {
- protected:
-  // Tests run side by side, and results do not depend on the number of threads. The library, loaded
-  // later, brings the OpenMP runtime that reads this.
-  static void SetUpTestSuite() { setenv("OMP_NUM_THREADS", "1", 1); }
-};
+class DemoChat : public testing::TestWithParam<Variant> {};
 
 TEST_P(DemoChat, EveryReplyIsExact) {
   const Variant& variant = GetParam();

@@ -3,6 +3,7 @@
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
 #include "zym/plugin.h"
 
@@ -10,7 +11,11 @@ namespace testing_abi {
 
 class PluginLibrary {
  public:
-  PluginLibrary() : library(dlopen(ZYM_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL)) {
+  PluginLibrary() {
+    // Test programs run side by side and their models are tiny: one thread each unless the caller
+    // asks for more. The OpenMP runtime reads this when the library brings it in.
+    setenv("OMP_NUM_THREADS", "1", 0);
+    library = dlopen(ZYM_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
       ADD_FAILURE() << dlerror();
       return;
@@ -36,7 +41,7 @@ class PluginLibrary {
     return reinterpret_cast<Function>(symbol);
   }
 
-  void* library;  // stays loaded until the process ends, as OpenMP's threads live in it
+  void* library = nullptr;  // stays loaded until the process ends, as OpenMP's threads live in it
 };
 
 // One load per test program.

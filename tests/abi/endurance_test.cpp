@@ -1,0 +1,132 @@
+// Many handles and many calls: nothing leaks and nothing grows. Leaks are found by the sanitizer
+// build; growth of resident memory in every build.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <array>
+#include <fstream>
+#include <limits>
+#include <random>
+#include <string>
+
+#include "tests/abi/chat_host.h"
+#include "tests/support/chat_model.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using testing_abi::Handle;
+using testing_abi::plugin;
+
+const ZYMRuntimeTableV2& table() {
+  return *plugin().runtimesV2(nullptr);
+}
+
+long residentKilobytes() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+class Endurance : public testing::Test {
+ protected:
+  std::string model() const {
+    const std::string path = folder.file("m.zym");
+    kel::test::writeChatModel(path, {.favourite = "<|im_end|>", .layerKinds = "L"});
+    return path;
+  }
+
+  kel::test::TempDir folder;
+};
+
+// Sanitizers keep freed memory aside, which is growth of their own.
+#ifdef ZYM_INSTRUMENTED
+constexpr long kAllowedGrowthKb = std::numeric_limits<long>::max();
+#else
+constexpr long kAllowedGrowthKb = 8192;
+#endif
+
+TEST_F(Endurance, TwoThousandHandlesLeaveMemoryFlat) {
+  const std::string path = model();
+  for (int i = 0; i < 100; ++i)
+    testing_abi::createHandle(path).reset();
+  const long before = residentKilobytes();
+  for (int i = 0; i < 1900; ++i) {
+    const Handle handle = testing_abi::createHandle(path);
+    ASSERT_TRUE(handle);
+    if (i % 100 == 0) {
+      ASSERT_EQ(0u, testing_abi::chatTurn(handle, "x").status);
+    }
+  }
+  EXPECT_LT(residentKilobytes() - before, kAllowedGrowthKb);
+}
+
+// One call with arguments drawn at random, valid and invalid ones.
+void randomCall(ZYMRuntimeHandle* handle, std::mt19937& rng) {
+  const auto pick = [&rng](auto... choices) {
+    const std::array values{choices...};
+    return values[rng() % values.size()];
+  };
+  const char* const text = pick(static_cast<const char*>(nullptr), "", "hi", "\xFF\xFE<|im_end|>",
+                                "a\nb", "<|im_start|>");
+  std::array<char, 64> out{};
+  const size_t capacity = pick(size_t{0}, size_t{1}, size_t{7}, out.size());
+  char* const buffer = rng() % 16 == 0 ? nullptr : out.data();
+  ZYMRuntimeHandle* const target = rng() % 16 == 0 ? nullptr : handle;
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  ZYMSessionOptions options =
+      testing_abi::sampling(pick(-1.0f, 0.0f, 0.8f, nan), pick(-1, 0, 1, 40, 1 << 30),
+                            pick(-1.0f, 0.0f, 0.9f, 1.0f, nan), rng() % 3);
+  options.structSize = pick(0u, 39u, 40u, 4096u);
+  const ZYMSessionOptions* const record = rng() % 8 == 0 ? nullptr : &options;
+  volatile int cancel = pick(0, 1);
+  ZYMRuntimeStats stats{};
+  ZYMBenchResult result{};
+  const ZYMBenchParams params = {12, pick(-1, 1, 2), pick(1, 3, 5)};
+  uint32_t status = 99;
+  switch (rng() % 8) {
+    case 0:
+      status = table().generate(target, text, buffer, capacity);
+      break;
+    case 1:
+      status = table().generateEx(target, text, record, buffer, capacity);
+      break;
+    case 2:
+      status = table().chatTurn(target, text, buffer, capacity);
+      break;
+    case 3:
+      status = plugin().runtimesV2S(nullptr)->chatTurnStream(target, text, nullptr, nullptr,
+                                                             rng() % 2 ? &cancel : nullptr);
+      break;
+    case 4:
+      status = table().configure(target, record);
+      break;
+    case 5:
+      status = table().reset(target);
+      break;
+    case 6:
+      status = table().stats(target, rng() % 8 == 0 ? nullptr : &stats);
+      break;
+    default:
+      status = table().bench(target, &params, rng() % 8 == 0 ? nullptr : &result);
+      break;
+  }
+  EXPECT_LE(status, 2u);
+}
+
+// The calls skip the attention blocks, which own nothing that a call could leave behind.
+TEST_F(Endurance, TenThousandMixedCallsLeaveMemoryFlat) {
+  const Handle handle = testing_abi::createHandle(model());
+  std::mt19937 rng(20240607);
+  setenv("QWEN35_ABLATE", "full", 1);
+  for (int i = 0; i < 1000; ++i)
+    randomCall(handle.get(), rng);
+  const long before = residentKilobytes();
+  for (int i = 0; i < 9000; ++i)
+    randomCall(handle.get(), rng);
+  EXPECT_LT(residentKilobytes() - before, kAllowedGrowthKb);
+}
+
+}  // namespace
