@@ -58,7 +58,7 @@ endfunction()
 function(zym_add_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
-    set(ARG_TIMEOUT 300)
+    set(ARG_TIMEOUT 1800)  # generous: sanitizer builds on a busy machine
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE zym_options ${ARG_DEPS} GTest::gtest_main)
