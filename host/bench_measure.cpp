@@ -1,0 +1,76 @@
+#include "host/bench_measure.h"
+
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace zym {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using kel::Status;
+
+// Turns without a measurable step before the model counts as silent.
+constexpr int kSilentTurns = 4;
+// Words of one filling turn: few enough to come close to the wanted position.
+constexpr uint64_t kWordsPerTurn = 256;
+
+double milliseconds(Clock::duration span) {
+  return std::chrono::duration<double, std::milli>(span).count();
+}
+
+std::string filling(uint64_t words) {
+  std::string text;
+  for (uint64_t i = 0; i < words; ++i)
+    text += i % 8 == 7 ? "runtime " : "the ";
+  return text;
+}
+
+}  // namespace
+
+Spread spreadOf(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  const size_t middle = values.size() / 2;
+  const double median =
+      values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+  return {median, values.front(), values.back()};
+}
+
+Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run) {
+  backend.reset();
+  // Set beforehand: the text is fed, nothing is generated.
+  volatile int cancel = 1;
+  const auto start = Clock::now();
+  uint64_t filled = 0;
+  while (filled < positions) {
+    const uint64_t words = std::min(kWordsPerTurn, positions - filled);
+    const Status status = backend.turn(filling(words), nullptr, &cancel);
+    if (!status.ok()) return status;
+    filled = backend.stats().contextTokens;
+  }
+  run.seconds = milliseconds(Clock::now() - start) / 1000;
+  run.positions = filled;
+  return Status::success();
+}
+
+Status measureDecode(Backend& backend, size_t nSteps, std::vector<double>& stepMs) {
+  int silent = 0;
+  while (stepMs.size() < nSteps && silent < kSilentTurns) {
+    volatile int cancel = 0;
+    std::optional<Clock::time_point> last;
+    const size_t before = stepMs.size();
+    const auto onPiece = [&](std::string_view) {
+      const auto now = Clock::now();
+      if (last) stepMs.push_back(milliseconds(now - *last));
+      last = now;
+      if (stepMs.size() >= nSteps) cancel = 1;
+    };
+    const Status status = backend.turn("Hello", onPiece, &cancel);
+    if (!status.ok()) return status;
+    if (stepMs.size() == before) ++silent;
+  }
+  return Status::success();
+}
+
+}  // namespace zym

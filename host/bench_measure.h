@@ -1,0 +1,34 @@
+// The measurements behind zym bench, over a backend.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "container/status.h"
+#include "host/backend.h"
+
+namespace zym {
+
+struct Spread {
+  double median = 0;
+  double min = 0;
+  double max = 0;
+};
+
+// Of at least one value.
+Spread spreadOf(std::vector<double> values);
+
+struct PrefillRun {
+  uint64_t positions = 0;  // fed in this run
+  double seconds = 0;
+};
+
+// Feeds text from an empty context until at least `positions` are filled, without generating.
+kel::Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run);
+
+// Milliseconds of single decode steps behind whatever the context holds: the time between one piece
+// and the next, at least nSteps of them, in as many turns as that takes. Empty when the model gives
+// no two pieces in a turn.
+kel::Status measureDecode(Backend& backend, size_t nSteps, std::vector<double>& stepMs);
+
+}  // namespace zym

@@ -1,0 +1,185 @@
+// zym bench: how fast a model runs here, and how close to the memory's own speed.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "container/zym2_reader.h"
+#include "host/bench_measure.h"
+#include "host/commands.h"
+#include "host/memory_use.h"
+#include "host/read_bandwidth.h"
+#include "host/terminal.h"
+#include "host/threads.h"
+#include "host/units.h"
+
+namespace zym {
+namespace {
+
+using kel::Status;
+
+// Far beyond any cache, and little enough for a small machine.
+constexpr size_t kBandwidthBuffer = size_t{512} << 20;
+
+struct BenchOptions {
+  EngineOptions engine;
+  int repetitions = 5;
+  uint64_t prompt = 128;
+  size_t steps = 32;
+  uint64_t at = 0;
+  bool json = false;
+};
+
+struct BenchReport {
+  double createSeconds = 0;
+  uint64_t weightBytes = 0;
+  double bandwidth = 0;               // bytes a second
+  std::vector<double> prefillSpeeds;  // tokens a second, one for each repetition
+  std::vector<double> decodeSpeeds;
+  uint64_t prefillPositions = 0;
+  uint64_t decodeAt = 0;  // positions filled before the decode steps
+  MemoryUse memory;
+  int threads = 0;
+};
+
+// Every weight is read once for a token: the embedding is the output head as well.
+Status readWeightBytes(const std::string& path, uint64_t& bytes) {
+  kel::ZYM2Reader reader;
+  const Status status = reader.open(path.c_str());
+  bytes = reader.sectionSize(kel::zym2::SectionType::WeightData);
+  return status;
+}
+
+Status measureOnce(Backend& backend, const BenchOptions& options, BenchReport& report) {
+  PrefillRun prefill;
+  Status status = measurePrefill(backend, options.prompt, prefill);
+  if (!status.ok()) return status;
+  report.prefillPositions = prefill.positions;
+  report.prefillSpeeds.push_back(static_cast<double>(prefill.positions) / prefill.seconds);
+  if (options.at > 0) status = measurePrefill(backend, options.at, prefill);
+  if (!status.ok()) return status;
+  report.decodeAt = prefill.positions;
+  std::vector<double> stepMs;
+  status = measureDecode(backend, options.steps, stepMs);
+  if (status.ok() && stepMs.empty()) return Status::invalid("the model gives no text to measure");
+  if (status.ok()) report.decodeSpeeds.push_back(1000 / spreadOf(stepMs).median);
+  return status;
+}
+
+Status measure(const BenchOptions& options, BenchReport& report) {
+  report.threads = threadCount();
+  Engine engine;
+  const auto start = std::chrono::steady_clock::now();
+  Status status = openEngine(options.engine, engine);
+  const std::chrono::duration<double> created = std::chrono::steady_clock::now() - start;
+  report.createSeconds = created.count();
+  if (status.ok()) status = readWeightBytes(options.engine.model, report.weightBytes);
+  for (int i = 0; status.ok() && i < options.repetitions; ++i)
+    status = measureOnce(*engine.backend, options, report);
+  report.memory = memoryUse();
+  report.bandwidth = readBandwidth(kBandwidthBuffer, report.threads);
+  return status;
+}
+
+// Part of the machine's read bandwidth that decoding reaches.
+double bandwidthShare(const BenchReport& report) {
+  const double read =
+      spreadOf(report.decodeSpeeds).median * static_cast<double>(report.weightBytes);
+  return report.bandwidth > 0 ? read / report.bandwidth : 0;
+}
+
+std::string spreadText(const std::vector<double>& speeds) {
+  const Spread spread = spreadOf(speeds);
+  return fmt::format("{:>9.2f} {:>9.2f} {:>9.2f}", spread.median, spread.min, spread.max);
+}
+
+void printTable(const BenchOptions& options, const BenchReport& report) {
+  const std::string name = std::filesystem::path(options.engine.model).filename().string();
+  fmt::print("| {:<33} | {:>9} {:>9} {:>9} |\n", name + ", tokens/s", "median", "min", "max");
+  fmt::print("|{:-<35}|{:->31}|\n", "", "");
+  fmt::print("| {:<33} | {} |\n", fmt::format("prefill, {} positions", report.prefillPositions),
+             spreadText(report.prefillSpeeds));
+  fmt::print("| {:<33} | {} |\n", fmt::format("decode behind {} positions", report.decodeAt),
+             spreadText(report.decodeSpeeds));
+  fmt::print("| {:<33} | {:>29} |\n", "weights read for a token", bytesText(report.weightBytes));
+  fmt::print("| {:<33} | {:>27}/s |\n", "read bandwidth of the machine",
+             bytesText(static_cast<uint64_t>(report.bandwidth)));
+  fmt::print("| {:<33} | {:>27.0f} % |\n", "decode, share of it", bandwidthShare(report) * 100);
+  fmt::print("| {:<33} | {:>26.3f} s |\n", "create", report.createSeconds);
+  fmt::print("| {:<33} | {:>29} |\n", "resident memory", bytesText(report.memory.resident));
+  fmt::print("| {:<33} | {:>29} |\n", "of that pages of files", bytesText(report.memory.file));
+  fmt::print("| {:<33} | {:>29} |\n", fmt::format("threads ({} repetitions)", options.repetitions),
+             report.threads);
+}
+
+nlohmann::ordered_json spreadJson(const std::vector<double>& speeds) {
+  const Spread spread = spreadOf(speeds);
+  return {{"median", spread.median}, {"min", spread.min}, {"max", spread.max}};
+}
+
+void printJson(const BenchOptions& options, const BenchReport& report) {
+  const nlohmann::ordered_json all = {{"model", options.engine.model},
+                                      {"threads", report.threads},
+                                      {"repetitions", options.repetitions},
+                                      {"prefillPositions", report.prefillPositions},
+                                      {"prefillTokensPerSecond", spreadJson(report.prefillSpeeds)},
+                                      {"decodeBehindPositions", report.decodeAt},
+                                      {"decodeTokensPerSecond", spreadJson(report.decodeSpeeds)},
+                                      {"weightBytes", report.weightBytes},
+                                      {"readBytesPerSecond", report.bandwidth},
+                                      {"decodeBandwidthShare", bandwidthShare(report)},
+                                      {"createSeconds", report.createSeconds},
+                                      {"residentBytes", report.memory.resident},
+                                      {"residentFileBytes", report.memory.file}};
+  fmt::print("{}\n", all.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+}
+
+int bench(const BenchOptions& options) {
+  BenchReport report;
+  const Status status = measure(options, report);
+  if (!status.ok()) {
+    complain(status.message);
+    return 1;
+  }
+  if (options.json) {
+    printJson(options, report);
+  } else {
+    printTable(options, report);
+  }
+  return 0;
+}
+
+}  // namespace
+
+void addBench(CLI::App& program, Action& action) {
+  auto options = std::make_shared<BenchOptions>();
+  CLI::App* command = program.add_subcommand("bench", "Measure speed and memory");
+  addModel(*command, options->engine);
+  command->add_option("--repetitions", options->repetitions, "Runs to take the median of")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  command->add_option("--prompt", options->prompt, "Positions of the prefill")
+      ->check(CLI::Range(1, 7000))
+      ->capture_default_str();
+  command->add_option("--steps", options->steps, "Decode steps of a run")
+      ->check(CLI::Range(1, 4096))
+      ->capture_default_str();
+  command
+      ->add_option("--at", options->at,
+                   "Measure decoding behind this many positions (default: behind the prompt)")
+      ->check(CLI::Range(1, 7000))
+      ->type_name("N");
+  command->add_flag("--json", options->json, "One JSON object");
+  addExamples(*command,
+              "  zym bench model.zym\n"
+              "  zym bench model.zym --at 4000 --repetitions 3\n"
+              "  zym bench model.zym --threads 2 --json");
+  command->callback([options, &action] { action = [options] { return bench(*options); }; });
+}
+
+}  // namespace zym

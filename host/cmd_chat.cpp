@@ -1,0 +1,197 @@
+// zym chat: a conversation at the terminal, or through pipes.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "host/chat_command.h"
+#include "host/commands.h"
+#include "host/interrupt.h"
+#include "host/line_reader.h"
+#include "host/terminal.h"
+#include "host/utf8.h"
+
+namespace zym {
+namespace {
+
+class Chat {
+ public:
+  explicit Chat(Engine ready)
+      : engine(std::move(ready)),
+        lines(openLineReader(defaultHistoryFile())),
+        interactive(isTerminal(STDIN_FILENO)),
+        replyOnTerminal(isTerminal(STDOUT_FILENO)) {}
+
+  int loop();
+
+ private:
+  // False at the end of input; status is then the exit status.
+  bool readMessage(std::string& message, int& status);
+  LineResult readLine(const char* prompt, std::string& line);
+  // False when the line asks to leave.
+  bool obey(const ChatCommand& command);
+  void answer(const std::string& message);
+  void printStats();
+  const char* hint() const { return "Leave with /quit, Ctrl-D, or Ctrl-C once more."; }
+
+  Engine engine;
+  std::unique_ptr<LineReader> lines;
+  bool interactive;
+  bool replyOnTerminal;
+  bool multiline = false;
+  bool warned = false;  // Ctrl-C came at the prompt and nothing since
+};
+
+int Chat::loop() {
+  if (interactive) remark("Type a message. /help lists the commands.");
+  int status = 0;
+  std::string line;
+  while (readMessage(line, status)) {
+    ChatCommand command = parseChatCommand(line);
+    // The first line of a longer message decides; a slash further down is text.
+    if (!obey(command)) return 0;
+  }
+  return status;
+}
+
+LineResult Chat::readLine(const char* prompt, std::string& line) {
+  while (true) {
+    bool wasEmpty = true;
+    const LineResult result = lines->read(prompt, line, wasEmpty);
+    if (result != LineResult::Interrupted) {
+      warned = false;
+      return result;
+    }
+    if (warned || !interactive) return result;
+    if (wasEmpty) {
+      remark(hint());
+      warned = true;
+    }
+  }
+}
+
+bool Chat::readMessage(std::string& message, int& status) {
+  const LineResult first = readLine("> ", message);
+  if (first != LineResult::Line) {
+    status = first == LineResult::Interrupted ? kInterruptedExit : 0;
+    return false;
+  }
+  if (!multiline || message.starts_with('/')) return true;
+  if (message == ".") message.clear();
+  std::string line;
+  while (!message.empty()) {
+    const LineResult next = readLine(". ", line);
+    if (next == LineResult::Interrupted) {
+      status = kInterruptedExit;
+      return false;
+    }
+    if (next == LineResult::End || line == ".") break;
+    message += "\n" + line;
+  }
+  return true;
+}
+
+bool Chat::obey(const ChatCommand& command) {
+  switch (command.kind) {
+    case ChatCommandKind::Message:
+      answer(command.text);
+      break;
+    case ChatCommandKind::Reset:
+      engine.backend->reset();
+      remark("The conversation is forgotten.");
+      break;
+    case ChatCommandKind::Stats:
+      printStats();
+      break;
+    case ChatCommandKind::Set:
+      engine.backend->configure(command.sampling);
+      break;
+    case ChatCommandKind::Multiline:
+      multiline = !multiline;
+      remark(multiline ? "A line with a single dot ends a message." : "One line is one message.");
+      break;
+    case ChatCommandKind::Help:
+      remark(kChatHelp);
+      break;
+    case ChatCommandKind::Quit:
+      return false;
+    case ChatCommandKind::Unknown:
+      remark(command.text);
+      break;
+    case ChatCommandKind::Nothing:
+      break;
+  }
+  return true;
+}
+
+void Chat::answer(const std::string& message) {
+  const auto show = [this](std::string_view text) {
+    const std::string shown = replyOnTerminal ? withoutControls(text) : std::string(text);
+    std::fwrite(shown.data(), 1, shown.size(), stdout);
+    std::fflush(stdout);
+  };
+  const TurnReport report = runTurn(engine, message, show, true);
+  show("\n");
+  const BackendLimits limits = engine.backend->limits();
+  switch (report.end) {
+    case TurnEnd::Limit:
+      remark(fmt::format("(cut at {} tokens; say \"go on\" for more)", limits.turnTokens));
+      break;
+    case TurnEnd::Cancelled:
+      remark("(stopped)");
+      break;
+    case TurnEnd::ContextFull:
+      remark(fmt::format("The context of {} positions is full; /reset starts afresh.",
+                         limits.contextCapacity));
+      break;
+    case TurnEnd::Failed:
+      complain(report.fault + "; /reset starts afresh");
+      break;
+    case TurnEnd::Stopped:
+      break;
+  }
+}
+
+void Chat::printStats() {
+  const BackendStats stats = engine.backend->stats();
+  const BackendLimits limits = engine.backend->limits();
+  std::string text =
+      fmt::format("{} of {} positions in use", stats.contextTokens, limits.contextCapacity);
+  if (stats.contextTokens > 0 && stats.decodeMsTotal > 0) {
+    text += fmt::format(", {:.1f} ms a position, the last one {:.1f} ms",
+                        stats.decodeMsTotal / static_cast<double>(stats.contextTokens),
+                        stats.lastDecodeMs);
+  }
+  remark(text);
+}
+
+int chat(const EngineOptions& options) {
+  Engine engine;
+  const kel::Status status = openEngine(options, engine);
+  if (!status.ok()) {
+    complain(status.message);
+    return 1;
+  }
+  catchInterrupts();
+  return Chat(std::move(engine)).loop();
+}
+
+}  // namespace
+
+void addChat(CLI::App& program, Action& action) {
+  auto options = std::make_shared<EngineOptions>();
+  CLI::App* command = program.add_subcommand("chat", "Talk with a model");
+  addModel(*command, *options);
+  addRaw(*command, options->raw);
+  addSampling(*command, options->sampling);
+  addExamples(*command,
+              "  zym chat model.zym\n"
+              "  zym chat model.zym --temperature 0.7 --top-k 40 --seed 1\n"
+              "  printf 'Hello\\nWho are you?\\n' | zym chat model.zym");
+  command->callback([options, &action] { action = [options] { return chat(*options); }; });
+}
+
+}  // namespace zym

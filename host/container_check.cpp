@@ -1,0 +1,212 @@
+#include "host/container_check.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "host/checksums.h"
+#include "host/container_report.h"
+#include "host/expected_tensors.h"
+#include "quant/blocks.h"
+
+namespace zym {
+namespace {
+
+using kel::QuantType;
+using kel::TensorView;
+using kel::zym2::SectionType;
+using kel::zym2::TensorEntry;
+
+constexpr uint16_t kLastType = static_cast<uint16_t>(QuantType::IQ4_XS);
+
+// A range of bytes with its owner's name.
+struct Range {
+  uint64_t begin;
+  uint64_t end;
+  std::string name;
+};
+
+void checkOverlaps(std::vector<Range> ranges, std::vector<Fault>& faults) {
+  std::sort(ranges.begin(), ranges.end(),
+            [](const Range& a, const Range& b) { return a.begin < b.begin; });
+  for (size_t i = 1; i < ranges.size(); ++i) {
+    if (ranges[i].begin < ranges[i - 1].end)
+      faults.push_back({ranges[i].name, "overlaps " + ranges[i - 1].name});
+    // The longest reach so far is what the next range is held against.
+    if (ranges[i].end < ranges[i - 1].end) {
+      ranges[i].end = ranges[i - 1].end;
+      ranges[i].name = ranges[i - 1].name;
+    }
+  }
+}
+
+std::optional<uint64_t> elementCount(const uint64_t* dims, size_t rank) {
+  uint64_t count = 1;
+  for (size_t i = 0; i < rank; ++i) {
+    if (__builtin_mul_overflow(count, dims[i], &count)) return std::nullopt;
+  }
+  return count;
+}
+
+TensorEntry entryAt(const kel::ZYM2Reader& reader, uint32_t index) {
+  TensorEntry entry;
+  std::memcpy(&entry, reader.sectionData(SectionType::TensorIndex) + index * sizeof(entry),
+              sizeof(entry));
+  return entry;
+}
+
+std::string entryName(const TensorEntry& entry) {
+  return {entry.name, std::min<size_t>(entry.nameLength, sizeof(entry.name))};
+}
+
+bool fitsSection(const TensorEntry& entry, uint64_t sectionBytes) {
+  return entry.offset <= sectionBytes && entry.byteSize <= sectionBytes - entry.offset;
+}
+
+// Faults of one entry that can be seen without its neighbours.
+void checkEntry(const TensorEntry& entry, uint64_t sectionBytes, std::vector<Fault>& faults) {
+  const std::string name = entryName(entry);
+  const auto fault = [&](std::string what) { faults.push_back({name, std::move(what)}); };
+  if (name.empty()) fault("has an empty name");
+  if (entry.nameLength > sizeof(entry.name))
+    fault(fmt::format("has a name length of {}, at most 64 is possible", entry.nameLength));
+  if (name.size() != strnlen(entry.name, sizeof(entry.name)))
+    fault("has a name length that differs from its name");
+  if (!fitsSection(entry, sectionBytes)) fault("lies outside the weight section");
+  if (entry.type > kLastType) {
+    fault(fmt::format("has type {}, which is none", entry.type));
+    return;
+  }
+  if (entry.rank > kel::zym2::kMaxRank) {
+    fault(fmt::format("has rank {}, at most 4 is possible", entry.rank));
+    return;
+  }
+  const auto type = static_cast<QuantType>(entry.type);
+  const std::optional<uint64_t> elements = elementCount(entry.dims, entry.rank);
+  // Two bytes an element is the most beyond which a size cannot be computed either.
+  if (!elements || *elements > (uint64_t{1} << 60)) {
+    fault("has a shape that overflows");
+    return;
+  }
+  const uint64_t needed = kel::quant::quantizedBytes(type, *elements);
+  if (entry.byteSize != needed)
+    fault(fmt::format("has {} bytes, its shape and type {} need {}", entry.byteSize,
+                      kel::quantTypeName(type), needed));
+}
+
+bool isMatrixType(QuantType type) {
+  return type == QuantType::F32 || type == QuantType::BF16 || type == QuantType::Q8_0 ||
+         type == QuantType::Q4_K || type == QuantType::Q5_K;
+}
+
+void checkTensor(const ExpectedTensor& expected, const TensorView* tensor,
+                 std::vector<Fault>& faults) {
+  const auto fault = [&](std::string what) { faults.push_back({expected.name, std::move(what)}); };
+  if (tensor == nullptr) {
+    fault("is missing");
+    return;
+  }
+  const std::vector<uint64_t> dims(tensor->dims, tensor->dims + tensor->rank);
+  if (dims != expected.dims)
+    fault(
+        fmt::format("has shape {}, needs {}", shapeText(*tensor), fmt::join(expected.dims, " x ")));
+  const char* type = kel::quantTypeName(tensor->type);
+  if (expected.vector && tensor->type != QuantType::F32)
+    fault(fmt::format("is {}, needs F32", type));
+  if (!expected.vector && !isMatrixType(tensor->type))
+    fault(
+        fmt::format("is {}, which cannot be multiplied; `zym convert` stores it otherwise", type));
+}
+
+// Index of the first value that is not finite; none when all are.
+std::optional<uint64_t> firstNonFinite(const uint8_t* data, uint64_t nBytes) {
+  for (uint64_t i = 0; i < nBytes / sizeof(float); ++i) {
+    float value = 0;
+    std::memcpy(&value, data + i * sizeof(float), sizeof(float));
+    if (!std::isfinite(value)) return i;
+  }
+  return std::nullopt;
+}
+
+void checkFinite(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
+  const uint8_t* weights = reader.sectionData(SectionType::WeightData);
+  const uint64_t sectionBytes = reader.sectionSize(SectionType::WeightData);
+  for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
+    const TensorEntry entry = entryAt(reader, i);
+    if (entry.type != static_cast<uint16_t>(QuantType::F32) || !fitsSection(entry, sectionBytes))
+      continue;
+    if (const auto at = firstNonFinite(weights + entry.offset, entry.byteSize))
+      faults.push_back({entryName(entry), fmt::format("value {} is not finite", *at)});
+  }
+}
+
+}  // namespace
+
+void checkSections(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
+  const kel::zym2::Header& header = reader.header();
+  const uint64_t head =
+      kel::zym2::kHeaderBytes + uint64_t{header.sectionCount} * sizeof(kel::zym2::SectionEntry);
+  std::vector<Range> ranges = {{0, head, "header"}};
+  for (uint32_t i = 0; i < header.sectionCount; ++i) {
+    const kel::zym2::SectionEntry& entry = reader.sectionTable()[i];
+    if (entry.size > 0)
+      ranges.push_back({entry.offset, entry.offset + entry.size,
+                        std::string("section ") + sectionName(entry.type)});
+  }
+  checkOverlaps(std::move(ranges), faults);
+}
+
+void checkIndex(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
+  const uint64_t sectionBytes = reader.sectionSize(SectionType::WeightData);
+  std::vector<Range> ranges;
+  std::string previous;
+  for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
+    const TensorEntry entry = entryAt(reader, i);
+    const std::string name = entryName(entry);
+    checkEntry(entry, sectionBytes, faults);
+    if (i > 0 && name == previous) faults.push_back({name, "occurs twice"});
+    if (i > 0 && name < previous)
+      faults.push_back({name, "stands behind " + previous + ": the index is not sorted"});
+    if (entry.byteSize > 0 && fitsSection(entry, sectionBytes))
+      ranges.push_back({entry.offset, entry.offset + entry.byteSize, name});
+    previous = name;
+  }
+  checkOverlaps(std::move(ranges), faults);
+}
+
+void checkModel(const kel::ZYMLoader& loader, std::vector<Fault>& faults) {
+  std::string architecture;
+  loader.reader.getMetaStr("general.architecture", architecture);
+  if (architecture != "qwen35")
+    faults.push_back(
+        {"metadata", "general.architecture is \"" + architecture + "\", needs \"qwen35\""});
+  const size_t before = faults.size();
+  for (const ExpectedTensor& expected : expectedTensors(loader))
+    checkTensor(expected, loader.findTensor(expected.name), faults);
+  const TensorView* embedding = loader.findTensor("token_embd.weight");
+  const size_t tokens = loader.tokenizer.tokens.size();
+  if (faults.size() == before && embedding->dims[1] != tokens)
+    faults.push_back({"tokenizer", fmt::format("has {} tokens, token_embd.weight has {} rows",
+                                               tokens, embedding->dims[1])});
+}
+
+void checkContents(const kel::ZYMLoader& loader, const CheckProgress& progress,
+                   std::vector<Fault>& faults) {
+  checkFinite(loader.reader, faults);
+  checkSums(loader.reader, progress, faults);
+}
+
+std::vector<Fault> checkContainer(const kel::ZYMLoader& loader, const CheckProgress& progress) {
+  std::vector<Fault> faults;
+  checkSections(loader.reader, faults);
+  checkIndex(loader.reader, faults);
+  checkModel(loader, faults);
+  checkContents(loader, progress, faults);
+  return faults;
+}
+
+}  // namespace zym

@@ -1,0 +1,50 @@
+// A model ready to talk: its backend and the text map of its vocabulary.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "container/status.h"
+#include "host/backend.h"
+#include "host/text_map.h"
+
+namespace zym {
+
+struct EngineOptions {
+  std::string model;   // path of a container
+  std::string plugin;  // path of the runtime library, empty: looked for
+  Sampling sampling;
+  bool raw = false;  // special tokens in typed text take effect
+};
+
+struct Engine {
+  std::unique_ptr<Backend> backend;
+  std::unique_ptr<TextMap> text;
+  bool raw = false;
+};
+
+// Fails unless path is something that can be opened as a file; the message says what to do.
+kel::Status checkInputFile(const std::string& path);
+kel::Status openEngine(const EngineOptions& options, Engine& engine);
+
+enum class TurnEnd { Stopped, Limit, Cancelled, ContextFull, Failed };
+// "stop", "limit", "cancelled", "context full", "failed".
+const char* turnEndName(TurnEnd end);
+
+struct TurnReport {
+  TurnEnd end = TurnEnd::Failed;
+  uint32_t pieces = 0;
+  std::string reply;  // UTF-8
+  std::string fault;  // for people, when end is Failed
+};
+
+// One chat turn with text as typed. show receives the reply in pieces of whole characters. Ctrl-C
+// cancels if cancellable.
+TurnReport runTurn(Engine& engine, const std::string& typed,
+                   const std::function<void(std::string_view)>& show, bool cancellable);
+// One completion from an empty context.
+TurnReport runCompletion(Engine& engine, const std::string& typed);
+
+}  // namespace zym

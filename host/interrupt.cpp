@@ -1,0 +1,67 @@
+#include "host/interrupt.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+
+namespace zym {
+namespace {
+
+// Written by the handler; int is what the cancel flag of a turn must be, and is read whole.
+volatile int cancelRequested = 0;
+volatile std::sig_atomic_t interrupted = 0;
+volatile std::sig_atomic_t cancellable = 0;
+
+void onInterrupt(int) {
+  if (cancellable != 0 && cancelRequested != 0) _exit(kInterruptedExit);
+  if (cancellable != 0) cancelRequested = 1;
+  interrupted = 1;
+}
+
+}  // namespace
+
+void catchInterrupts() {
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  // No SA_RESTART: a read at the prompt has to return.
+  sigaction(SIGINT, &action, nullptr);
+}
+
+volatile int* cancelFlag() {
+  return &cancelRequested;
+}
+
+CancelScope::CancelScope() {
+  cancelRequested = 0;
+  cancellable = 1;
+}
+
+CancelScope::~CancelScope() {
+  cancellable = 0;
+  interrupted = 0;
+}
+
+bool CancelScope::cancelled() const {
+  return cancelRequested != 0;
+}
+
+bool waitForInput(int fd) {
+  sigset_t interrupt;
+  sigset_t before;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  // Blocked but for the wait itself: a Ctrl-C between the test and the wait would be slept over.
+  pthread_sigmask(SIG_BLOCK, &interrupt, &before);
+  pollfd ready{fd, POLLIN, 0};
+  while (interrupted == 0 && ppoll(&ready, 1, nullptr, &before) < 0 && errno == EINTR) {
+  }
+  const bool came = interrupted != 0;
+  interrupted = 0;
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  return !came;
+}
+
+}  // namespace zym

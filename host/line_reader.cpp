@@ -1,0 +1,163 @@
+#include "host/line_reader.h"
+
+#include <fcntl.h>
+#include <histedit.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <system_error>
+
+#include "host/interrupt.h"
+#include "host/terminal.h"
+#include "host/utf8.h"
+
+namespace zym {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kHistoryLines = 1000;
+
+// One byte; false at the end, on an error, or when Ctrl-C came (errno is EINTR then).
+bool readByte(char& byte) {
+  while (true) {
+    if (!waitForInput(STDIN_FILENO)) {
+      errno = EINTR;
+      return false;
+    }
+    errno = 0;
+    const ssize_t got = ::read(STDIN_FILENO, &byte, 1);
+    if (got == 1) return true;
+    // A window change interrupts too; only Ctrl-C ends the read.
+    if (got == 0 || errno != EINTR) return false;
+  }
+}
+
+// Called by the editor for each character. Its own reader would start over after Ctrl-C.
+int readCharacter(EditLine*, wchar_t* out) {
+  std::string character;
+  char byte = 0;
+  do {
+    if (!readByte(byte)) return errno == 0 ? 0 : -1;
+    character += byte;
+  } while (incompleteTail(character) == character.size());
+  char32_t code = 0;
+  *out = characterAt(character, code) == 0 ? L'?' : static_cast<wchar_t>(code);
+  return 1;
+}
+
+class EditingReader : public LineReader {
+ public:
+  explicit EditingReader(fs::path historyFile)
+      : file(std::move(historyFile)),
+        // The prompt is no result: it goes to standard error, like every other remark.
+        editor(el_init("zym", stdin, stderr, stderr)),
+        past(history_init()) {
+    HistEvent event{};
+    history(past, &event, H_SETSIZE, kHistoryLines);
+    history(past, &event, H_SETUNIQUE, 1);
+    el_set(editor, EL_CLIENTDATA, this);
+    el_set(editor, EL_PROMPT, promptOf);
+    el_set(editor, EL_EDITOR, "emacs");
+    el_set(editor, EL_SIGNAL, 0);
+    el_set(editor, EL_HIST, history, past);
+    el_set(editor, EL_GETCFN, readCharacter);
+    el_set(editor, EL_BIND, "^R", "em-inc-search-prev", nullptr);
+    openHistory();
+  }
+  ~EditingReader() override {
+    history_end(past);
+    el_end(editor);
+  }
+  EditingReader(const EditingReader&) = delete;
+  EditingReader& operator=(const EditingReader&) = delete;
+
+  LineResult read(const std::string& shown, std::string& line, bool& wasEmpty) override {
+    prompt = shown;
+    // Ahead of the prompt: keys that somebody types on seeing it are the editor's already.
+    el_set(editor, EL_PREP_TERM, 1);
+    int length = 0;
+    const char* text = el_gets(editor, &length);
+    if (text == nullptr || length <= 0) {
+      const LineInfo* typed = el_line(editor);
+      wasEmpty = typed == nullptr || typed->lastchar == typed->buffer;
+      std::fputc('\n', stderr);
+      return length < 0 ? LineResult::Interrupted : LineResult::End;
+    }
+    line.assign(text, static_cast<size_t>(length));
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+      line.pop_back();
+    if (!line.empty()) remember(line);
+    return LineResult::Line;
+  }
+
+ private:
+  static char* promptOf(EditLine* editor) {
+    EditingReader* self = nullptr;
+    el_get(editor, EL_CLIENTDATA, &self);
+    return self->prompt.data();
+  }
+
+  void openHistory() {
+    if (file.empty()) return;
+    std::error_code ignored;  // without a place to keep it, history lasts for this run
+    fs::create_directories(file.parent_path(), ignored);
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (fd < 0) {
+      file.clear();
+      return;
+    }
+    ::close(fd);
+    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ignored);
+    HistEvent event{};
+    history(past, &event, H_LOAD, file.c_str());
+  }
+
+  // Saved line by line, so that leaving by Ctrl-C loses nothing.
+  void remember(const std::string& line) {
+    HistEvent event{};
+    history(past, &event, H_ENTER, line.c_str());
+    if (!file.empty()) history(past, &event, H_SAVE, file.c_str());
+  }
+
+  fs::path file;
+  EditLine* editor;
+  History* past;
+  std::string prompt;
+};
+
+class PipeReader : public LineReader {
+ public:
+  LineResult read(const std::string&, std::string& line, bool& wasEmpty) override {
+    line.clear();
+    wasEmpty = true;
+    char byte = 0;
+    while (readByte(byte)) {
+      if (byte == '\n') return LineResult::Line;
+      line += byte;
+      wasEmpty = false;
+    }
+    if (errno == EINTR) return LineResult::Interrupted;
+    return line.empty() ? LineResult::End : LineResult::Line;
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<LineReader> openLineReader(const fs::path& historyFile) {
+  if (!isTerminal(STDIN_FILENO)) return std::make_unique<PipeReader>();
+  return std::make_unique<EditingReader>(historyFile);
+}
+
+fs::path defaultHistoryFile() {
+  const char* state = std::getenv("XDG_STATE_HOME");
+  // A relative path there is to be ignored, says the base directory specification.
+  if (state != nullptr && *state == '/') return fs::path(state) / "zym" / "history";
+  const char* home = std::getenv("HOME");
+  if (home == nullptr || *home != '/') return {};
+  return fs::path(home) / ".local" / "state" / "zym" / "history";
+}
+
+}  // namespace zym

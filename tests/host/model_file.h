@@ -1,0 +1,62 @@
+// Small containers for tests of the program.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "container/tokenizer_data.h"
+#include "container/zym2_writer.h"
+#include "host/expected_tensors.h"
+
+namespace zym::testing_support {
+
+inline kel::TokenizerData smallVocabulary(size_t tokens) {
+  kel::TokenizerData data;
+  data.label = "alphabet";
+  for (size_t i = 0; i < tokens; ++i)
+    data.tokens.push_back(i == 0 ? "Ġ" : i == 1 ? "<|im_end|>" : "[PAD" + std::to_string(i) + "]");
+  data.tokenTypes = std::vector<int32_t>(tokens, 1);
+  data.tokenTypes[1] = 3;
+  data.merges = {"Ġ a"};
+  data.eosId = 1;
+  return data;
+}
+
+// A tensor that is about to be written, for a test to change.
+struct TensorPlan {
+  std::string name;
+  kel::QuantType type = kel::QuantType::F32;
+  std::vector<uint64_t> dims;
+  std::vector<float> values;
+  bool written = true;
+};
+
+// Writes a complete model of hidden size 1 and feed-forward width 1 with `tokens` tokens; all
+// matrices F32. change sees every tensor before it is written.
+inline kel::Status writeSmallModel(const std::string& path,
+                                   const std::function<void(TensorPlan&)>& change = nullptr,
+                                   const std::string& architecture = "qwen35",
+                                   const std::function<void(kel::ZYM2Writer&)>& more = nullptr) {
+  constexpr uint64_t kTokens = 4;
+  kel::ZYM2Writer writer;
+  kel::Status status = writer.create(path);
+  writer.addMetaStr("general.architecture", architecture);
+  writer.setTokenizer(smallVocabulary(kTokens));
+  if (more) more(writer);
+  for (const ExpectedTensor& expected :
+       expectedTensors({1, kTokens, 1}, [](uint32_t layer) { return (layer + 1) % 4 != 0; })) {
+    uint64_t count = 1;
+    for (const uint64_t dim : expected.dims)
+      count *= dim;
+    TensorPlan plan{expected.name, kel::QuantType::F32, expected.dims,
+                    std::vector<float>(count, 0.5F), true};
+    if (change) change(plan);
+    if (status.ok() && plan.written)
+      status = writer.addTensor(plan.name, plan.type, plan.dims, plan.values.data(),
+                                plan.values.size() * sizeof(float));
+  }
+  return status.ok() ? writer.finish() : status;
+}
+
+}  // namespace zym::testing_support
