@@ -1,0 +1,271 @@
+// The program's two streams and its exit status, command by command.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "tests/e2e/fixture.h"
+
+namespace zym {
+namespace {
+
+using Json = nlohmann::json;
+using testing_support::Outcome;
+using testing_support::writeSmallModel;
+
+class ProgramTest : public testing_support::ProgramTest {
+ protected:
+  // One line on standard error, nothing on standard output.
+  static void expectFault(const Outcome& outcome, int status, const std::string& line) {
+    EXPECT_EQ(outcome.status, status);
+    EXPECT_EQ(outcome.out, "");
+    EXPECT_EQ(outcome.err, "zym: " + line + "\n");
+  }
+  std::string write(const std::string& name, const std::string& bytes) const {
+    std::ofstream(folder / name, std::ios::binary) << bytes;
+    return folder / name;
+  }
+};
+
+TEST_F(ProgramTest, WrongUseExitsWithTwo) {
+  expectFault(zym({}), 2, "A subcommand is required; see zym --help");
+  expectFault(zym({"chat"}), 2, "MODEL is required; see zym chat --help");
+  expectFault(zym({"run", model}), 2,
+              "a prompt (-p TEXT, -f FILE or -) is required; see zym run --help");
+  expectFault(zym({"run", model, "-p", "a", "--top-k", "0"}), 2,
+              "top-k must be a whole number from 1, not \"0\"; see zym run --help");
+  expectFault(zym({"--threads", "0", "info", model}), 2,
+              "--threads: Value 0 not in range 1 to 1024; see zym --help");
+}
+
+TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
+  const Outcome version = zym({"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_EQ(version.out, "zym " ZYM_VERSION "\n");
+  for (const char* command : {"chat", "run", "bench", "info", "check", "tokenize"}) {
+    const Outcome help = zym({command, "--help"});
+    EXPECT_EQ(help.status, 0) << command;
+    EXPECT_EQ(help.err, "") << command;
+    EXPECT_NE(help.out.find("Examples:\n  zym "), std::string::npos) << command;
+  }
+}
+
+TEST_F(ProgramTest, MissingFileIsOneClearLine) {
+  const std::string missing = folder / "missing.zym";
+  const std::string line = missing + ": No such file or directory; check the path";
+  expectFault(zym({"chat", missing}), 1, line);
+  expectFault(zym({"run", missing, "-p", "a"}), 1, line);
+  expectFault(zym({"bench", missing}), 1, line);
+  expectFault(zym({"info", missing}), 1, line);
+  expectFault(zym({"check", missing}), 1, line);
+  expectFault(zym({"tokenize", missing, "a"}), 1, line);
+  expectFault(zym({"run", model, "-f", missing}), 1, line);
+}
+
+TEST_F(ProgramTest, FolderForAFileIsOneClearLine) {
+  const std::string line = folder.string() + ": is a folder; give the file itself";
+  for (const char* command : {"chat", "bench", "info", "check"})
+    expectFault(zym({command, folder}), 1, line);
+  expectFault(zym({"run", folder, "-p", "a"}), 1, line);
+  expectFault(zym({"tokenize", folder, "a"}), 1, line);
+}
+
+TEST_F(ProgramTest, FileThatIsNoContainerIsOneClearLine) {
+  const std::string other = write("other.zym", std::string(100, 'x'));
+  const std::string line =
+      other + ": ZYM2: bad magic; give a .zym container, which `zym convert` makes";
+  expectFault(zym({"chat", other}), 1, line);
+  expectFault(zym({"run", other, "-p", "a"}), 1, line);
+  expectFault(zym({"info", other}), 1, line);
+  expectFault(zym({"tokenize", other, "a"}), 1, line);
+}
+
+TEST_F(ProgramTest, TruncatedContainerIsOneClearLine) {
+  std::filesystem::resize_file(model, std::filesystem::file_size(model) / 2);
+  expectFault(
+      zym({"chat", model}), 1,
+      model + ": ZYM2: bad section bounds; give a .zym container, which `zym convert` makes");
+  const Outcome check = zym({"check", model});
+  EXPECT_EQ(check.status, 1);
+  EXPECT_EQ(check.out, "file: ZYM2: bad section bounds\n");
+  EXPECT_EQ(check.err, "zym: " + model + ": 1 fault; `zym convert` makes the file anew\n");
+}
+
+TEST_F(ProgramTest, RefusedModelSaysWhatRuns) {
+  const std::string refused = folder / "refused.zym";
+  ASSERT_TRUE(writeSmallModel(refused).ok());
+  expectFault(zym({"chat", refused}), 1,
+              refused +
+                  ": not a qwen35-architecture model; this runtime runs dense qwen35 models "
+                  "of 32 layers");
+}
+
+TEST_F(ProgramTest, UnreadablePluginIsOneClearLine) {
+  const std::string broken = write("broken.so", "no library");
+  const Outcome outcome = zym({"run", model, "-p", "a", "--plugin", broken});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err.rfind("zym: cannot load the runtime library: ", 0), 0U) << outcome.err;
+  EXPECT_NE(outcome.err.find("; name a working one with --plugin\n"), std::string::npos);
+  expectFault(zym({"chat", model, "--plugin", "/no/such.so"}), 1,
+              "/no/such.so: no such runtime library; correct --plugin");
+}
+
+TEST_F(ProgramTest, FullStandardOutputIsReported) {
+  const Outcome outcome = testing_support::runProcess(
+      {"sh", "-c", std::string(ZYM_PROGRAM) + " info " + model + " >/dev/full"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "zym: standard output cannot be written; is the disk full?\n");
+}
+
+TEST_F(ProgramTest, RunCompletesEachPrompt) {
+  const Outcome outcome = zym({"run", model, "-p", "Once", "-p", "Twice"});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "Once and so on\nTwice and so on\n");
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(ProgramTest, RunReadsFilesAndStandardInput) {
+  EXPECT_EQ(zym({"run", model, "-f", write("prompt.txt", "From a file\n")}).out,
+            "From a file and so on\n");
+  EXPECT_EQ(zym({"run", model, "-"}, "From a pipe\n").out, "From a pipe and so on\n");
+}
+
+TEST_F(ProgramTest, RunChatKeepsOneConversationUnlessTold) {
+  EXPECT_EQ(zym({"run", model, "--chat", "-p", "a", "-p", "b"}).out, "heard 1: a\nheard 2: b\n");
+  EXPECT_EQ(zym({"run", model, "--chat", "--each", "-p", "a", "-p", "b"}).out,
+            "heard 1: a\nheard 1: b\n");
+}
+
+TEST_F(ProgramTest, RunPassesSamplingSettings) {
+  EXPECT_EQ(zym({"run", model, "-p", "settings", "--temperature", "0.5", "--top-k", "40", "--top-p",
+                 "0.9", "--seed", "7"})
+                .out,
+            "temperature 0.5 top-k 40 top-p 0.9 seed 7\n");
+}
+
+TEST_F(ProgramTest, RunJsonIsAnObjectALine) {
+  const Outcome outcome =
+      zym({"run", model, "--chat", "--json", "-p", "say \xC3\xA9", "-p", "limit"});
+  const size_t cut = outcome.out.find('\n');
+  const Json first = Json::parse(outcome.out.substr(0, cut));
+  EXPECT_EQ(first["prompt"], "say \xC3\xA9");
+  EXPECT_EQ(first["end"], "stop");
+  const Json second = Json::parse(outcome.out.substr(cut + 1));
+  EXPECT_EQ(second["end"], "limit");
+  EXPECT_EQ(second["pieces"], 96);
+  EXPECT_EQ(outcome.err, "(the reply was cut at 96 tokens)\n");
+}
+
+TEST_F(ProgramTest, RunFailuresAreReported) {
+  expectFault(zym({"run", model, "-p", "break"}), 1, "the completion failed");
+  expectFault(zym({"run", model, "--chat", "-p", "break"}), 1, "the turn failed");
+}
+
+TEST_F(ProgramTest, FullContextIsReported) {
+  const Outcome outcome = zym({"run", model, "--chat", "-p", "fill"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "zym: the context of 8192 positions is full; shorten the text\n");
+}
+
+TEST_F(ProgramTest, ChatThroughPipesHoldsAConversation) {
+  const Outcome outcome = zym({"chat", model}, "a\n\nb\n/reset\nc");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "heard 1: a\nheard 2: b\nheard 1: c\n");
+  EXPECT_EQ(outcome.err, "The conversation is forgotten.\n");
+}
+
+TEST_F(ProgramTest, ChatCommandsWork) {
+  const Outcome outcome = zym(
+      {"chat", model}, "/set temperature 0.25\n/set seed 9\nsettings\n/set top-k 0\n/quit\nlost\n");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, "temperature 0.25 top-k 0 top-p 0 seed 9\n");
+  EXPECT_EQ(outcome.err, "top-k must be a whole number from 1, not \"0\"\n");
+}
+
+TEST_F(ProgramTest, ChatMultilineMessagesEndWithADot) {
+  const Outcome outcome = zym({"chat", model}, "/multiline\nfirst\nsecond\n.\n/multiline\nthird\n");
+  EXPECT_EQ(outcome.out, "heard 1: first\nsecond\nheard 2: third\n");
+  EXPECT_EQ(outcome.err, "A line with a single dot ends a message.\nOne line is one message.\n");
+}
+
+TEST_F(ProgramTest, ChatStatsShowThePosition) {
+  EXPECT_EQ(zym({"chat", model}, "ab\n/stats\n").err,
+            "2 of 8192 positions in use, 6.2 ms a position, the last one 0.5 ms\n");
+}
+
+TEST_F(ProgramTest, ChatSaysWhyAReplyEnded) {
+  EXPECT_EQ(zym({"chat", model}, "limit\n").err, "(cut at 96 tokens; say \"go on\" for more)\n");
+  EXPECT_EQ(zym({"chat", model}, "fill\n").err,
+            "The context of 8192 positions is full; /reset starts afresh.\n");
+  EXPECT_EQ(zym({"chat", model}, "break\n").err, "zym: the turn failed; /reset starts afresh\n");
+}
+
+TEST_F(ProgramTest, ChatThroughPipesWritesNoEscapeCodes) {
+  const Outcome outcome = zym({"chat", model}, "think\nlimit\n");
+  EXPECT_EQ((outcome.out + outcome.err).find('\x1b'), std::string::npos);
+}
+
+TEST_F(ProgramTest, SpecialTokensInMessagesAreBrokenUnlessRaw) {
+  EXPECT_EQ(zym({"run", model, "--chat", "-p", "<|im_end|>"}).out, "heard 1: <\u200B|im_end|>\n");
+  EXPECT_EQ(zym({"run", model, "--chat", "--raw", "-p", "<|im_end|>"}).out,
+            "heard 1: <|im_end|>\n");
+}
+
+TEST_F(ProgramTest, CheckAcceptsAModelThatRuns) {
+  const Outcome outcome = zym({"check", model});
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.out, model + ": can be run\n");
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST_F(ProgramTest, CheckNamesEveryFault) {
+  ASSERT_TRUE(writeSmallModel(model, [](testing_support::TensorPlan& plan) {
+                plan.written = plan.name != "output_norm.weight" && plan.name != "blk.9.ssm_a";
+              }).ok());
+  const Outcome outcome = zym({"check", model});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "output_norm.weight: is missing\nblk.9.ssm_a: is missing\n");
+  EXPECT_EQ(outcome.err, "zym: " + model + ": 2 faults; `zym convert` makes the file anew\n");
+}
+
+TEST_F(ProgramTest, InfoShowsEveryPartOfTheFile) {
+  const Outcome outcome = zym({"info", model});
+  EXPECT_EQ(outcome.status, 0);
+  for (const char* part : {"ZYM2 version 2", "general.architecture", "qwen35", "tokenizer",
+                           "alphabet", "token_embd.weight", "1 x 8192", "F32"})
+    EXPECT_NE(outcome.out.find(part), std::string::npos) << part;
+}
+
+TEST_F(ProgramTest, InfoSelectsTensorsByPattern) {
+  const Outcome outcome = zym({"info", model, "--tensors", "blk.1?.ssm_a"});
+  size_t lines = 0;
+  for (const char c : outcome.out)
+    lines += c == '\n' ? 1 : 0;
+  EXPECT_EQ(lines, 1U + 7U) << outcome.out;  // a heading; layers 11, 15 and 19 have none
+}
+
+TEST_F(ProgramTest, InfoJsonHoldsTheWholeTable) {
+  const Json report = Json::parse(zym({"info", model, "--json"}).out);
+  EXPECT_EQ(report["metadata"]["general.architecture"], "qwen35");
+  EXPECT_EQ(report["tensors"].size(), 426U);
+  EXPECT_EQ(report["tokenizer"]["tokens"], 4);
+}
+
+TEST_F(ProgramTest, TokenizeShowsIdsAndPieces) {
+  const Outcome outcome = zym({"tokenize", model, "--raw", " <|im_end|>"});
+  EXPECT_EQ(outcome.out, "      0  \" \"\n      1  \"<|im_end|>\"\n");
+  const Json report = Json::parse(zym({"tokenize", model, "--json", " "}).out);
+  EXPECT_EQ(report["ids"], Json::array({0}));
+}
+
+TEST_F(ProgramTest, BenchReportsEveryMeasure) {
+  const Outcome outcome =
+      zym({"--threads", "1", "bench", model, "--json", "--repetitions", "2", "--steps", "4"});
+  // The echo has one piece a turn: nothing to measure, which is said.
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err, "zym: the model gives no text to measure\n");
+}
+
+}  // namespace
+}  // namespace zym

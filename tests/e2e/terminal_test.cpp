@@ -1,0 +1,225 @@
+// zym chat at a terminal: a pseudo-terminal stands in for the person's.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+
+#include "tests/e2e/fixture.h"
+
+namespace zym {
+namespace {
+
+using testing_support::exitStatus;
+
+constexpr std::chrono::seconds kPatience{20};
+
+class TerminalTest : public testing_support::ProgramTest {
+ protected:
+  void TearDown() override {
+    if (child > 0) {
+      kill(child, SIGKILL);
+      waitpid(child, nullptr, 0);
+    }
+    if (terminal >= 0) close(terminal);
+    testing_support::ProgramTest::TearDown();
+  }
+
+  void start(const std::vector<std::string>& more = {}) {
+    std::vector<std::string> words = {ZYM_PROGRAM, "chat", model};
+    words.insert(words.end(), more.begin(), more.end());
+    std::vector<char*> argv;
+    for (std::string& word : words)
+      argv.push_back(word.data());
+    argv.push_back(nullptr);
+    setenv("TERM", "xterm", 1);
+    child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      execv(argv[0], argv.data());
+      _exit(127);
+    }
+  }
+
+  void type(const std::string& keys) const {
+    ASSERT_EQ(write(terminal, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  }
+
+  // Reads until text has appeared behind what earlier calls have taken.
+  testing::AssertionResult waitFor(const std::string& text) {
+    const auto until = std::chrono::steady_clock::now() + kPatience;
+    while (std::chrono::steady_clock::now() < until) {
+      const size_t at = screen.find(text);
+      if (at != std::string::npos) {
+        screen.erase(0, at + text.size());
+        return testing::AssertionSuccess();
+      }
+      pollfd ready{terminal, POLLIN, 0};
+      if (poll(&ready, 1, 100) <= 0) continue;
+      char buffer[1024];
+      const ssize_t got = read(terminal, buffer, sizeof(buffer));
+      if (got <= 0) break;
+      screen.append(buffer, static_cast<size_t>(got));
+    }
+    return testing::AssertionFailure() << "no \"" << text << "\" in: " << screen;
+  }
+
+  int waitForExit() {
+    int waited = 0;
+    // The rest of the output is taken off the terminal, so that the child can end.
+    (void)waitFor("a text that never comes");
+    pid_t ended = 0;
+    for (int i = 0; i < 100 && (ended = waitpid(child, &waited, WNOHANG)) == 0; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (ended == 0) {
+      ADD_FAILURE() << "the program does not end; on the screen: " << screen;
+      kill(child, SIGKILL);
+      waitpid(child, &waited, 0);
+    }
+    child = -1;
+    return exitStatus(waited);
+  }
+
+  int terminal = -1;
+  pid_t child = -1;
+  std::string screen;
+};
+
+TEST_F(TerminalTest, RepliesAreStreamedAndCtrlDLeaves) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("slow\r");
+  ASSERT_TRUE(waitFor("tick tick "));
+  type("\x03");
+  ASSERT_TRUE(waitFor("(stopped)"));
+  ASSERT_TRUE(waitFor("> "));
+  type("\x04");
+  EXPECT_EQ(waitForExit(), 0);
+}
+
+TEST_F(TerminalTest, SplitCharacterAppearsWhole) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("say \xC3\xA9t\xC3\xA9\r");
+  ASSERT_TRUE(waitFor("\xC3\xA9t\xC3\xA9"));  // the echo
+  ASSERT_TRUE(waitFor("\xC3\xA9t\xC3\xA9"));  // the reply, a piece for every byte
+}
+
+TEST_F(TerminalTest, CtrlCAtTheEmptyPromptExplainsThenLeaves) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("\x03");
+  ASSERT_TRUE(waitFor("Leave with /quit, Ctrl-D, or Ctrl-C once more."));
+  ASSERT_TRUE(waitFor("> "));
+  type("\x03");
+  EXPECT_EQ(waitForExit(), 130);
+}
+
+TEST_F(TerminalTest, CtrlCDropsTheLineThatIsBeingTyped) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("never sent");
+  ASSERT_TRUE(waitFor("never sent"));
+  type("\x03");
+  ASSERT_TRUE(waitFor("> "));
+  type("hello\r");
+  ASSERT_TRUE(waitFor("heard 1: hello"));
+}
+
+TEST_F(TerminalTest, MessageAfterTheHintWithdrawsIt) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("\x03");
+  ASSERT_TRUE(waitFor("once more."));
+  ASSERT_TRUE(waitFor("> "));
+  type("hello\r");
+  ASSERT_TRUE(waitFor("heard 1: hello"));
+  ASSERT_TRUE(waitFor("> "));
+  type("\x03");
+  ASSERT_TRUE(waitFor("once more."));
+}
+
+TEST_F(TerminalTest, SecondCtrlCDuringATurnLeaves) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("think\r");
+  ASSERT_TRUE(waitFor("reading "));  // the turn cannot be cancelled before its first piece
+  type("\x03");
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  type("\x03");
+  EXPECT_EQ(waitForExit(), 130);
+}
+
+TEST_F(TerminalTest, ResetStartsAfresh) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("one\r");
+  ASSERT_TRUE(waitFor("heard 1: one"));
+  type("/reset\r");
+  ASSERT_TRUE(waitFor("The conversation is forgotten."));
+  type("two\r");
+  ASSERT_TRUE(waitFor("heard 1: two"));
+}
+
+TEST_F(TerminalTest, HistoryComesBackAndIsPrivate) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("remember me\r");
+  ASSERT_TRUE(waitFor("heard 1: remember me"));
+  ASSERT_TRUE(waitFor("> "));
+  type("\x1b[A\r");  // the arrow up
+  ASSERT_TRUE(waitFor("heard 2: remember me"));
+  ASSERT_TRUE(waitFor("> "));
+  type("\x04");
+  EXPECT_EQ(waitForExit(), 0);
+
+  const std::string file = folder / "zym" / "history";
+  struct stat info {};
+  ASSERT_EQ(stat(file.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777U, 0600U);
+
+  start();
+  screen.clear();
+  ASSERT_TRUE(waitFor("> "));
+  type("\x1b[A\r");
+  ASSERT_TRUE(waitFor("heard 1: remember me"));
+}
+
+TEST_F(TerminalTest, LimitIsMarkedDimly) {
+  unsetenv("NO_COLOR");
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("limit\r");
+  ASSERT_TRUE(waitFor("\x1b[2m(cut at 96 tokens"));
+}
+
+TEST_F(TerminalTest, NoColorIsHonoured) {
+  setenv("NO_COLOR", "1", 1);
+  start();
+  unsetenv("NO_COLOR");
+  ASSERT_TRUE(waitFor("> "));
+  type("limit\r");
+  ASSERT_TRUE(waitFor("x\r\n(cut at 96 tokens"));
+}
+
+TEST_F(TerminalTest, LongPromptShowsThatItIsAlive) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("think\r");
+  ASSERT_TRUE(waitFor("reading 0 s"));
+  ASSERT_TRUE(waitFor("reading 1 s"));
+  ASSERT_TRUE(waitFor("done"));
+}
+
+TEST_F(TerminalTest, RepliesCannotControlTheTerminal) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("escape\r");
+  ASSERT_TRUE(waitFor("\na[31mb"));
+}
+
+}  // namespace
+}  // namespace zym
