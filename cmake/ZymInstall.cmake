@@ -1,0 +1,28 @@
+# What `cmake --install` puts in place: library, header, program, man page, completion, CMake package
+# and pkg-config file. The tree may be moved as a whole: no file names the prefix.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS runtime-qwen35 LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+install(TARGETS zym RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(FILES "${PROJECT_SOURCE_DIR}/include/zym/plugin.h"
+  DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/zym")
+install(FILES "${PROJECT_SOURCE_DIR}/host/zym.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+install(FILES "${PROJECT_SOURCE_DIR}/host/completion/zym"
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+
+set(zym_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/zym")
+configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/install/zym-config.cmake.in"
+  "${PROJECT_BINARY_DIR}/zym-config.cmake"
+  INSTALL_DESTINATION "${zym_package_dir}"
+  PATH_VARS CMAKE_INSTALL_INCLUDEDIR CMAKE_INSTALL_LIBDIR)
+write_basic_package_version_file("${PROJECT_BINARY_DIR}/zym-config-version.cmake"
+  COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/zym-config.cmake"
+  "${PROJECT_BINARY_DIR}/zym-config-version.cmake" DESTINATION "${zym_package_dir}")
+
+set(zym_pc_dir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+file(RELATIVE_PATH zym_prefix_from_pc "/${zym_pc_dir}" "/")
+string(REGEX REPLACE "/$" "" zym_prefix_from_pc "${zym_prefix_from_pc}")
+configure_file("${PROJECT_SOURCE_DIR}/cmake/install/zym-plugin.pc.in"
+  "${PROJECT_BINARY_DIR}/zym-plugin.pc" @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/zym-plugin.pc" DESTINATION "${zym_pc_dir}")
