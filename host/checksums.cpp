@@ -4,28 +4,13 @@
 #include <xxhash.h>
 
 #include <algorithm>
-#include <array>
 #include <memory>
-#include <string>
+#include <new>
 
 namespace zym {
 namespace {
 
-using kel::zym2::SectionType;
-
-constexpr uint64_t kStep = uint64_t{8} << 20;  // bytes between two progress reports
-
-struct Checksum {
-  const char* key;
-  SectionType section;
-};
-
-constexpr std::array<Checksum, 4> kChecksums = {{
-    {"checksum.xxh3_128.tokenizer", SectionType::Tokenizer},
-    {"checksum.xxh3_128.tensor_index", SectionType::TensorIndex},
-    {"checksum.xxh3_128.weight_data", SectionType::WeightData},
-    {"checksum.xxh3_128.quant_info", SectionType::QuantInfo},
-}};
+constexpr uint64_t kStretch = uint64_t{8} << 20;
 
 struct FreeState {
   void operator()(XXH3_state_t* state) const { XXH3_freeState(state); }
@@ -33,13 +18,18 @@ struct FreeState {
 
 }  // namespace
 
-void checkSums(const kel::ZYM2Reader& reader, const CheckProgress& progress,
-               std::vector<Fault>& faults) {
-  (void)reader;
-  (void)progress;
-  (void)faults;
-  (void)kChecksums;
-  (void)kStep;
+std::string checksumText(const uint8_t* data, uint64_t nBytes,
+                         const std::function<void(uint64_t)>& onBytes) {
+  const std::unique_ptr<XXH3_state_t, FreeState> state(XXH3_createState());
+  if (!state) throw std::bad_alloc();
+  XXH3_128bits_reset(state.get());
+  for (uint64_t at = 0; at < nBytes; at += kStretch) {
+    const uint64_t length = std::min(kStretch, nBytes - at);
+    XXH3_128bits_update(state.get(), data + at, length);
+    if (onBytes) onBytes(length);
+  }
+  const XXH128_hash_t sum = XXH3_128bits_digest(state.get());
+  return fmt::format("{:016x}{:016x}", sum.high64, sum.low64);
 }
 
 }  // namespace zym

@@ -132,16 +132,42 @@ std::optional<uint64_t> firstNonFinite(const uint8_t* data, uint64_t nBytes) {
   return std::nullopt;
 }
 
-void checkFinite(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
-  const uint8_t* weights = reader.sectionData(SectionType::WeightData);
+// What the slow part of a check has to read, and how far it is.
+class Reading {
+ public:
+  explicit Reading(const CheckProgress& progress) : report(progress) {}
+  void expect(uint64_t nBytes) { total += nBytes; }
+  void advance(uint64_t nBytes) {
+    done += nBytes;
+    if (report) report(done, total);
+  }
+
+ private:
+  const CheckProgress& report;
+  uint64_t done = 0;
+  uint64_t total = 0;
+};
+
+// Index entries of F32 tensors that lie inside the weight section.
+std::vector<TensorEntry> readableFloats(const kel::ZYM2Reader& reader) {
+  std::vector<TensorEntry> floats;
   const uint64_t sectionBytes = reader.sectionSize(SectionType::WeightData);
   for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
     const TensorEntry entry = entryAt(reader, i);
-    if (entry.type != static_cast<uint16_t>(QuantType::F32) || !fitsSection(entry, sectionBytes))
-      continue;
-    if (const auto at = firstNonFinite(weights + entry.offset, entry.byteSize))
-      faults.push_back({entryName(entry), fmt::format("value {} is not finite", *at)});
+    if (entry.type == static_cast<uint16_t>(QuantType::F32) && fitsSection(entry, sectionBytes))
+      floats.push_back(entry);
   }
+  return floats;
+}
+
+// Sections whose checksum is in the metadata.
+std::vector<std::pair<SectionType, std::string>> storedChecksums(const kel::ZYM2Reader& reader) {
+  std::vector<std::pair<SectionType, std::string>> stored;
+  for (const SectionChecksum& checksum : kSectionChecksums) {
+    std::string text;
+    if (reader.getMetaStr(checksum.key, text)) stored.emplace_back(checksum.section, text);
+  }
+  return stored;
 }
 
 }  // namespace
@@ -194,10 +220,29 @@ void checkModel(const kel::ZYMLoader& loader, std::vector<Fault>& faults) {
                                                tokens, embedding->dims[1])});
 }
 
-void checkContents(const kel::ZYMLoader& loader, const CheckProgress& progress,
+void checkContents(const kel::ZYM2Reader& reader, const CheckProgress& progress,
                    std::vector<Fault>& faults) {
-  checkFinite(loader.reader, faults);
-  checkSums(loader.reader, progress, faults);
+  const std::vector<TensorEntry> floats = readableFloats(reader);
+  const auto checksums = storedChecksums(reader);
+  Reading reading(progress);
+  for (const TensorEntry& entry : floats)
+    reading.expect(entry.byteSize);
+  for (const auto& [section, stored] : checksums)
+    reading.expect(reader.sectionSize(section));
+
+  const uint8_t* weights = reader.sectionData(SectionType::WeightData);
+  for (const TensorEntry& entry : floats) {
+    if (const auto at = firstNonFinite(weights + entry.offset, entry.byteSize))
+      faults.push_back({entryName(entry), fmt::format("value {} is not finite", *at)});
+    reading.advance(entry.byteSize);
+  }
+  for (const auto& [section, stored] : checksums) {
+    const std::string sum = checksumText(reader.sectionData(section), reader.sectionSize(section),
+                                         [&](uint64_t nBytes) { reading.advance(nBytes); });
+    if (sum != stored)
+      faults.push_back({std::string("section ") + sectionName(static_cast<uint32_t>(section)),
+                        "differs from its checksum: the file is damaged"});
+  }
 }
 
 std::vector<Fault> checkContainer(const kel::ZYMLoader& loader, const CheckProgress& progress) {
@@ -205,7 +250,7 @@ std::vector<Fault> checkContainer(const kel::ZYMLoader& loader, const CheckProgr
   checkSections(loader.reader, faults);
   checkIndex(loader.reader, faults);
   checkModel(loader, faults);
-  checkContents(loader, progress, faults);
+  checkContents(loader.reader, progress, faults);
   return faults;
 }
 

@@ -26,7 +26,7 @@ void checkIndex(const kel::ZYM2Reader& reader, std::vector<Fault>& faults);
 void checkModel(const kel::ZYMLoader& loader, std::vector<Fault>& faults);
 // Values of the F32 tensors that are not finite, and sections that differ from their stored
 // checksums. Reads the whole file; tensors outside the weight section are skipped.
-void checkContents(const kel::ZYMLoader& loader, const CheckProgress& progress,
+void checkContents(const kel::ZYM2Reader& reader, const CheckProgress& progress,
                    std::vector<Fault>& faults);
 
 // All of it; an empty list means that the container runs.

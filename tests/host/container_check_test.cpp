@@ -8,6 +8,7 @@
 #include <fstream>
 #include <limits>
 
+#include "host/checksums.h"
 #include "tests/host/model_file.h"
 
 namespace zym {
@@ -150,6 +151,34 @@ TEST_F(ContainerCheckTest, OddEntriesAreNamed) {
   EXPECT_NE(found.find("has type 12, which is none"), std::string::npos) << found;
   EXPECT_NE(found.find("has rank 5, at most 4 is possible"), std::string::npos) << found;
   EXPECT_NE(found.find("has a name length that differs from its name"), std::string::npos) << found;
+}
+
+TEST_F(ContainerCheckTest, SectionThatDiffersFromItsChecksumIsNamed) {
+  ASSERT_TRUE(writeSmallModel(path).ok());
+  kel::ZYM2Reader reader;
+  ASSERT_TRUE(reader.open(path.c_str()).ok());
+  const auto section = kel::zym2::SectionType::Tokenizer;
+  const std::string sum =
+      checksumText(reader.sectionData(section), reader.sectionSize(section), nullptr);
+  const auto store = [](const std::string& text) {
+    return [text](kel::ZYM2Writer& writer) { writer.addMetaStr("zym.xxh3_128.tokenizer", text); };
+  };
+  ASSERT_TRUE(writeSmallModel(path, nullptr, "qwen35", store(sum)).ok());
+  EXPECT_EQ(faults(), "");
+  ASSERT_TRUE(writeSmallModel(path, nullptr, "qwen35", store(std::string(32, '0'))).ok());
+  EXPECT_EQ(faults(), "section tokenizer: differs from its checksum: the file is damaged\n");
+}
+
+// Published value of the empty input.
+TEST(ChecksumsTest, TextIsHighHalfFirst) {
+  EXPECT_EQ(checksumText(nullptr, 0, nullptr), "99aa06d3014798d86001c324468d497f");
+}
+
+TEST(ChecksumsTest, EveryByteIsReported) {
+  const std::vector<uint8_t> bytes((size_t{9} << 20) + 1);
+  uint64_t reported = 0;
+  (void)checksumText(bytes.data(), bytes.size(), [&](uint64_t n) { reported += n; });
+  EXPECT_EQ(reported, bytes.size());
 }
 
 }  // namespace
