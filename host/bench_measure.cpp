@@ -45,7 +45,7 @@ Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run) {
   uint64_t filled = 0;
   while (filled < positions) {
     const uint64_t words = std::min(kWordsPerTurn, positions - filled);
-    const Status status = backend.turn(filling(words), nullptr, &cancel);
+    Status status = backend.turn(filling(words), nullptr, &cancel);
     if (!status.ok()) return status;
     filled = backend.stats().contextTokens;
   }
@@ -66,7 +66,7 @@ Status measureDecode(Backend& backend, size_t nSteps, std::vector<double>& stepM
       last = now;
       if (stepMs.size() >= nSteps) cancel = 1;
     };
-    const Status status = backend.turn("Hello", onPiece, &cancel);
+    Status status = backend.turn("Hello", onPiece, &cancel);
     if (!status.ok()) return status;
     if (stepMs.size() == before) ++silent;
   }

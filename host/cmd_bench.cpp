@@ -50,7 +50,7 @@ struct BenchReport {
 // Every weight is read once for a token: the embedding is the output head as well.
 Status readWeightBytes(const std::string& path, uint64_t& bytes) {
   kel::ZYM2Reader reader;
-  const Status status = reader.open(path.c_str());
+  Status status = reader.open(path.c_str());
   bytes = reader.sectionSize(kel::zym2::SectionType::WeightData);
   return status;
 }

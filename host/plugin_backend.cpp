@@ -127,7 +127,7 @@ Status openPluginBackend(const std::filesystem::path& library, const std::string
                          std::unique_ptr<Backend>& backend) {
   Tables tables;
   Status status = loadTables(library, tables);
-  if (!status.ok()) return status;
+  if (!status.ok() || tables.v2 == nullptr) return status;
   ZYMRuntimeHandle* handle = nullptr;
   char reason[256] = "";
   if (tables.v2->create(modelPath.c_str(), nullptr, &handle, reason, sizeof(reason)) !=

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <array>
+#include <cmath>
 
 namespace zym {
 
@@ -22,7 +23,7 @@ std::string bytesText(uint64_t bytes) {
 
 std::string durationText(double seconds) {
   if (seconds < 59.95) return fmt::format("{:.1f} s", seconds);
-  const auto whole = static_cast<uint64_t>(seconds + 0.5);
+  const auto whole = std::lround(seconds);
   if (whole < 3600) return fmt::format("{} min {:02} s", whole / 60, whole % 60);
   return fmt::format("{} h {:02} min", whole / 3600, whole / 60 % 60);
 }
