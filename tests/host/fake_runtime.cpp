@@ -8,7 +8,7 @@
 //   "break"    the turn fails
 //   "escape"   a reply with an escape code
 //   "think"    two seconds pass before the first piece
-//   else       "heard N: TEXT", N counting the turns of the conversation, in one piece
+//   else       "heard N: TEXT", N counting the turns of the conversation, in two pieces
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -135,7 +135,8 @@ uint32_t answer(const Turn& turn, std::string_view text) {
   } else if (text == "settings") {
     turn.emit(settingsText(turn.session->options));
   } else {
-    turn.emit("heard " + std::to_string(turn.session->turns) + ": " + std::string(text));
+    if (turn.emit("heard " + std::to_string(turn.session->turns) + ": "))
+      turn.emit(std::string(text));
   }
   return ZYM_STATUS_OK;
 }
