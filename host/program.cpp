@@ -64,9 +64,7 @@ int runProgram(int argc, const char* const* argv) {
   addInfo(program, action);
   addCheck(program, action);
   addTokenize(program, action);
-  // addConvert(program, action);
   addExamples(program,
-              "  zym convert Qwen3.5-4B model.zym\n"
               "  zym chat model.zym\n"
               "  zym COMMAND --help");
   try {
