@@ -18,61 +18,91 @@ namespace {
 // Rows whose sums are held on the stack between the product and the addition to the output.
 constexpr size_t kRowsPerPass = 64;
 
-// One matrix with what it takes to multiply its rows. `product` is null where rows are decoded to
-// scratch first: for a type that has no product, and for rows that end inside a block.
+// One matrix with what it takes to multiply its rows. Both products are null where rows are decoded
+// to scratch first: for a type that has no product, and for rows that end inside a block.
 struct RowSource {
   const uint8_t* data;
   QuantType type;
   size_t cols;
   size_t stride;  // bytes
-  RowsProduct product;
+  RowsProduct product = nullptr;
+  CodedRowsProduct codedProduct = nullptr;  // for an input that could be coded
 };
 
-RowsProduct rowsProduct(QuantType type, size_t cols) {
+void chooseProduct(RowSource& weights) {
   const KernelTable& table = kernels();
-  const bool wholeBlocks = cols % kel::quant::kBlockLen == 0;
-  const bool wholeSuperBlocks = cols % kel::quant::kSuperBlockLen == 0;
-  switch (type) {
+  switch (weights.type) {
     case QuantType::F32:
-      return table.rowsF32;
+      weights.product = table.rowsF32;
+      break;
     case QuantType::BF16:
-      return table.rowsBf16;
+      weights.product = table.rowsBf16;
+      break;
     case QuantType::Q8_0:
-      return wholeBlocks ? table.rowsQ80 : nullptr;
+      weights.product = weights.cols % kel::quant::kBlockLen == 0 ? table.rowsQ80 : nullptr;
+      break;
     case QuantType::Q4_K:
-      return wholeSuperBlocks ? table.rowsQ4K : nullptr;
+      weights.codedProduct = table.rowsQ4K;
+      break;
     case QuantType::Q5_K:
-      return wholeSuperBlocks ? table.rowsQ5K : nullptr;
+      weights.codedProduct = table.rowsQ5K;
+      break;
     default:
-      return nullptr;
+      break;
+  }
+  if (weights.cols % kel::quant::kSuperBlockLen != 0) {
+    weights.codedProduct = nullptr;
   }
 }
 
 RowSource rowSource(const void* data, QuantType type, size_t cols) {
-  return {static_cast<const uint8_t*>(data), type, cols, rowBytes(type, cols),
-          rowsProduct(type, cols)};
+  RowSource weights{static_cast<const uint8_t*>(data), type, cols, rowBytes(type, cols)};
+  chooseProduct(weights);
+  return weights;
 }
 
-// sums[i] = row first + i times x, for `count` rows; scratch: cols floats, used when there is no
-// product.
-void multiplyRows(const RowSource& weights, size_t first, size_t count, const float* x, float* sums,
-                  float* scratch) {
+// An input vector, coded as well where a matrix asks for it and the elements allow it.
+struct Input {
+  const float* x;
+  const CodedInput* coded;
+};
+
+// The coded form is kept by the calling thread until its next product.
+Input inputFor(const RowSource& weights, const float* x) {
+  if (weights.codedProduct == nullptr) {
+    return {x, nullptr};
+  }
+  static thread_local std::vector<CodedInput> groups;
+  groups.resize(std::max(groups.size(), codedGroups(weights.cols)));
+  const bool finite = kernels().codeInput(x, weights.cols, groups.data());
+  return {x, finite ? groups.data() : nullptr};
+}
+
+// sums[i] = row first + i times the input, for `count` rows; scratch: cols floats, used when rows
+// have to be decoded.
+void multiplyRows(const RowSource& weights, size_t first, size_t count, const Input& input,
+                  float* sums, float* scratch) {
+  const uint8_t* row = weights.data + first * weights.stride;
   if (weights.product != nullptr) {
-    weights.product(weights.data + first * weights.stride, x, sums, count, weights.cols);
+    weights.product(row, input.x, sums, count, weights.cols);
     return;
   }
-  for (size_t i = 0; i < count; ++i) {
-    decodeRow(weights.type, weights.data + (first + i) * weights.stride, scratch, weights.cols);
-    sums[i] = dotF32(scratch, x, weights.cols);
+  if (input.coded != nullptr) {
+    weights.codedProduct(row, input.coded, sums, count, weights.cols);
+    return;
+  }
+  for (size_t i = 0; i < count; ++i, row += weights.stride) {
+    decodeRow(weights.type, row, scratch, weights.cols);
+    sums[i] = dotF32(scratch, input.x, weights.cols);
   }
 }
 
-void addProductOfRange(const RowSource& weights, RowRange range, const float* x, float* y,
+void addProductOfRange(const RowSource& weights, RowRange range, const Input& input, float* y,
                        float* scratch) {
   float sums[kRowsPerPass];
   for (size_t r = range.begin; r < range.end; r += kRowsPerPass) {
     const size_t count = std::min(kRowsPerPass, range.end - r);
-    multiplyRows(weights, r, count, x, sums, scratch);
+    multiplyRows(weights, r, count, input, sums, scratch);
     for (size_t i = 0; i < count; ++i) {
       y[r + i] += sums[i];
     }
@@ -98,8 +128,9 @@ void overRows(size_t rows, const Body& body) {
 }
 
 void addProduct(const RowSource& weights, const float* x, float* y, size_t rows) {
+  const Input input{x, nullptr};
   overRows(rows, [&](size_t, RowRange range) {
-    addProductOfRange(weights, range, x, y, /*scratch=*/nullptr);
+    addProductOfRange(weights, range, input, y, /*scratch=*/nullptr);
   });
 }
 
@@ -202,8 +233,9 @@ void gemvRow(Model& /*m*/, const kel::TensorView* weights, const float* x, float
   }
   ThreadRows& bufs = gemvScratch();
   fitScratch(bufs, source.cols);
+  const Input input = inputFor(source, x);
   overRows(rows, [&](size_t t, RowRange range) {
-    addProductOfRange(source, range, x, y, bufs[t].data());
+    addProductOfRange(source, range, input, y, bufs[t].data());
     keepLastRow(source, range, bufs[t].data());
   });
 }
@@ -212,8 +244,9 @@ void outputHead(const kel::TensorView* weights, const float* x, float* logits) {
   const RowSource source = rowSource(weights->data, weights->type, weights->dims[0]);
   ThreadRows& scrs = headScratch();
   fitScratch(scrs, source.cols);
+  const Input input = inputFor(source, x);
   overRows(weights->dims[1], [&](size_t t, RowRange range) {
-    multiplyRows(source, range.begin, range.end - range.begin, x, logits + range.begin,
+    multiplyRows(source, range.begin, range.end - range.begin, input, logits + range.begin,
                  scrs[t].data());
     keepLastRow(source, range, scrs[t].data());
   });

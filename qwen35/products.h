@@ -47,7 +47,9 @@ RowRange threadRows(size_t rows, size_t nThreads, size_t t);
 void matvecF32Add(const float* weights, const float* x, float* y, size_t rows, size_t cols);
 void matvecBf16Add(const uint16_t* weights, const float* x, float* y, size_t rows, size_t cols);
 
-// The same for a tensor of any type: y[r] += dotF32(row r decoded, x). The model is not used.
+// The same for a tensor of any type: y[r] += row r times x. Rows of Q4_K and Q5_K are summed as
+// coded row sums (qwen35/simd/kernel_table.h), all others, and all when x has an element that is
+// not finite, as dotF32(row r decoded, x). The model is not used.
 //
 // For types other than F32 and BF16 the calling thread's scratch is made ready first: when the
 // count of its rows differs from the maximum of OpenMP threads, or its first row is shorter than
@@ -56,8 +58,8 @@ void matvecBf16Add(const uint16_t* weights, const float* x, float* y, size_t row
 // silently multiplied as whatever the scratch row holds.
 void gemvRow(Model& m, const kel::TensorView* weights, const float* x, float* y);
 
-// logits[r] = dotF32(row r decoded, x), assigned, for the dims[1] rows of the output matrix;
-// x: [dims[0]], logits: [dims[1]]. Keeps scratch rows of its own, under gemvRow's rules but
+// logits[r] = row r times x as gemvRow sums it, assigned, for the dims[1] rows of the output
+// matrix; x: [dims[0]], logits: [dims[1]]. Keeps scratch rows of its own, under gemvRow's rules but
 // for every element type.
 void outputHead(const kel::TensorView* weights, const float* x, float* logits);
 

@@ -16,11 +16,24 @@
 // The three levels are there for accuracy: the error of a sum grows with the number of additions
 // into it, which are 32, 16 and 8 for 32,768 elements. A chunk is one super-block of the K formats.
 //
+// Coded row sum: the product of one Q4_K or Q5_K row with a coded input (coded_input.h). Codes are
+// multiplied with digits in integers, which are exact in any order; single precision enters once
+// per super-block and lane. Element i of a sub-block belongs to lane i / 4.
+//   1. For each digit p: n[p] = sum over the sub-blocks of scaleCode * code * digit[p], per lane.
+//      block = fma(n[3], 65536, fma(n[2], 256, fma(n[0], 1/256, n[1]))), the integers taken to
+//      single precision (they fit). chain[lane] = fma(block, superScale * inputScale, chain[lane]).
+//   2. Minimums: sub-block s of super-block b belongs to lane 4 (b mod 2) + s mod 4. In rising b
+//      and s, low[lane] = fma(superMinimum * minimumCode, inputSum, low[lane]).
+//   3. After every kSpan elements, and after the last, total[lane] += chain[lane] - low[lane] and
+//      both restart at 0. The totals fold as above.
+//
 // The functions know nothing of threads: each writes its outputs alone, allocates nothing, and may
 // be called from any thread. Weights may lie at any address; floats are aligned as floats.
 #pragma once
 
 #include <cstddef>
+
+#include "qwen35/simd/coded_input.h"
 
 namespace qwen35 {
 
@@ -32,6 +45,10 @@ constexpr size_t kSpan = 4096;
 // overwritten and overlaps no input. rows and cols may be 0 (an empty row gives 0).
 using RowsProduct = void (*)(const void* weights, const float* x, float* out, size_t rows,
                              size_t cols);
+
+// The same for a coded input; cols is a multiple of 256.
+using CodedRowsProduct = void (*)(const void* weights, const CodedInput* x, float* out, size_t rows,
+                                  size_t cols);
 
 struct KernelTable {
   const char* name;  // "scalar", "avx2", ...
@@ -45,11 +62,25 @@ struct KernelTable {
   RowsProduct rowsF32;
   RowsProduct rowsBf16;
 
-  // Row sums over the exact values of the decoders of quant/blocks.h; cols is a multiple of the
-  // format's block length (32 for Q8_0, 256 for the others).
+  // Row sums over the exact values of the decoder of quant/blocks.h; cols is a multiple of 32.
   RowsProduct rowsQ80;
-  RowsProduct rowsQ4K;
-  RowsProduct rowsQ5K;
+
+  // Coded row sums. The scales and minimums are those of the decoders of quant/blocks.h.
+  CodedRowsProduct rowsQ4K;
+  CodedRowsProduct rowsQ5K;
+
+  // Codes an input for them: cols, a multiple of 256, floats into codedGroups(cols) groups. False,
+  // with groups unspecified, when an element is infinite or NaN.
+  bool (*codeInput)(const float* x, size_t cols, CodedInput* groups);
+
+  // The row sum of several rows and several inputs, a chunk at a time. rows: [nRows][kChunk],
+  // inputs: [nInputs][kChunk], of which the first len (a multiple of kLanes) count; parts:
+  // [nRows][nInputs][kLanes]. The chains of the chunk are added to the parts.
+  void (*addChunkProducts)(const float* rows, const float* inputs, float* parts, size_t nRows,
+                           size_t nInputs, size_t len);
+
+  // out[i] = the kLanes sums at i, folded. sums: [n][kLanes].
+  void (*foldSums)(const float* sums, float* out, size_t n);
 
   // acc[d] = acc[d] + (e[p] * r) * values[p][d], for p in rising order and every d, each product
   // and each sum rounded (nothing fused). values: [rows][n], e: [rows], acc: [n], not overlapping.

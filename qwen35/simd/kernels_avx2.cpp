@@ -1,13 +1,15 @@
 // The kernels for AVX2 with FMA: the contracts of kernel_table.h, eight lanes to a register.
 //
-// Only this file is compiled for those instructions. Everything but the table is in an anonymous
-// namespace and nothing comes from inline code of other headers: the linker could pick such a copy
-// for the whole program, and an older processor would meet it.
+// Only the avx2 files are compiled for those instructions. Everything but the table is in an
+// anonymous namespace and nothing comes from inline code of other headers: the linker could pick
+// such a copy for the whole program, and an older processor would meet it.
 #include <immintrin.h>
 
 #include <cstdint>
 #include <cstring>
 
+#include "qwen35/simd/avx2_blocks.h"
+#include "qwen35/simd/avx2_codes.h"
 #include "qwen35/simd/tables.h"
 
 namespace qwen35 {
@@ -119,155 +121,6 @@ struct Q80 {
         const __m256 weights = _mm256_mul_ps(_mm256_cvtepi32_ps(codes), scale);
         chain[r] = _mm256_fmadd_ps(weights, _mm256_loadu_ps(x + i), chain[r]);
       }
-    }
-  }
-};
-
-// What the formats with eight scaled and shifted sub-blocks of 32 share. A super-block opens with
-// two halves (super-scale, super-minimum) and 12 bytes of 6-bit scales and minimums.
-constexpr size_t kSuperLen = 256;
-constexpr size_t kSubLen = 32;
-constexpr size_t kSubBlocks = kSuperLen / kSubLen;
-constexpr size_t kHeadBytes = 16;
-
-struct SubBlockScales {
-  alignas(32) float scale[kSubBlocks];
-  alignas(32) float min[kSubBlocks];
-};
-
-// Four 6-bit fields to a word, in bytes: the first four scales and minimums are the low bits of
-// words 0 and 1; of the last four, word 2 holds the low four bits (scales in its low nibbles,
-// minimums in its high ones) and words 0 and 1 hold the two upper bits.
-SubBlockScales loadScales(const uint8_t* super) {
-  uint32_t word[3];
-  std::memcpy(word, super + 4, sizeof word);
-  const uint64_t scaleBytes =
-      (word[0] & 0x3F3F3F3Fu) |
-      static_cast<uint64_t>((word[2] & 0x0F0F0F0Fu) | ((word[0] >> 2) & 0x30303030u)) << 32;
-  const uint64_t minBytes =
-      (word[1] & 0x3F3F3F3Fu) |
-      static_cast<uint64_t>(((word[2] >> 4) & 0x0F0F0F0Fu) | ((word[1] >> 2) & 0x30303030u)) << 32;
-  const auto widen = [](uint64_t bytes) {
-    const __m128i packed = _mm_cvtsi64_si128(static_cast<long long>(bytes));
-    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(packed));
-  };
-  SubBlockScales out;
-  _mm256_store_ps(out.scale, _mm256_mul_ps(_mm256_set1_ps(loadHalf(super)), widen(scaleBytes)));
-  _mm256_store_ps(out.min, _mm256_mul_ps(_mm256_set1_ps(loadHalf(super + 2)), widen(minBytes)));
-  return out;
-}
-
-// Adds eight weights, given by their codes, to a chain.
-__m256 addCodes(__m256i codes, __m256 scale, __m256 min, const float* x, __m256 chain) {
-  const __m256 weights = _mm256_fmsub_ps(_mm256_cvtepi32_ps(codes), scale, min);
-  return _mm256_fmadd_ps(weights, _mm256_loadu_ps(x), chain);
-}
-
-// Adds sub-blocks `sub` and `sub` + 1, given by pairs of codes: the first code in the low kBits of
-// an element, the second right above.
-template <int kBits>
-__m256 addCodePairs(const __m256i (&pairs)[kSubLen / kLanes], const SubBlockScales& s, size_t sub,
-                    const float* x, __m256 chain) {
-  const __m256i lowBits = _mm256_set1_epi32((1 << kBits) - 1);
-  const __m256 lowScale = _mm256_set1_ps(s.scale[sub]);
-  const __m256 lowMin = _mm256_set1_ps(s.min[sub]);
-  for (size_t i = 0; i < kSubLen / kLanes; ++i) {
-    const __m256i codes = _mm256_and_si256(pairs[i], lowBits);
-    chain = addCodes(codes, lowScale, lowMin, x + i * kLanes, chain);
-  }
-  const __m256 highScale = _mm256_set1_ps(s.scale[sub + 1]);
-  const __m256 highMin = _mm256_set1_ps(s.min[sub + 1]);
-  for (size_t i = 0; i < kSubLen / kLanes; ++i) {
-    const __m256i codes = _mm256_srli_epi32(pairs[i], kBits);
-    chain = addCodes(codes, highScale, highMin, x + kSubLen + i * kLanes, chain);
-  }
-  return chain;
-}
-
-struct Q4K {
-  static constexpr size_t kBlockLen = kSuperLen;
-  static constexpr size_t kBlockBytes = 144;
-
-  // Two sub-blocks: the low nibbles of 32 bytes, then the high nibbles.
-  static __m256 addPair(const uint8_t* bytes, const SubBlockScales& s, size_t sub, const float* x,
-                        __m256 chain) {
-    __m256i pairs[kSubLen / kLanes];
-    for (size_t i = 0; i < kSubLen / kLanes; ++i) {
-      pairs[i] = _mm256_cvtepu8_epi32(load8Bytes(bytes + i * kLanes));
-    }
-    return addCodePairs<4>(pairs, s, sub, x, chain);
-  }
-
-  template <size_t R>
-  static void addBlock(const uint8_t* first, size_t stride, const float* x, __m256 (&chain)[R]) {
-    SubBlockScales s[R];
-    for (size_t r = 0; r < R; ++r) {
-      s[r] = loadScales(first + r * stride);
-    }
-    const uint8_t* codes = first + kHeadBytes;
-    for (size_t sub = 0; sub < kSubBlocks; sub += 2, codes += kSubLen, x += 2 * kSubLen) {
-      for (size_t r = 0; r < R; ++r) {
-        chain[r] = addPair(codes + r * stride, s[r], sub, x, chain[r]);
-      }
-    }
-  }
-};
-
-struct Q5K {
-  static constexpr size_t kBlockLen = kSuperLen;
-  static constexpr size_t kBlockBytes = 176;
-
-  // 16 in every byte whose bit kSub is set: the fifth bits of sub-block kSub.
-  template <size_t kSub>
-  static __m256i fifthBits(__m256i bytes) {
-    const __m256i sixteen = _mm256_set1_epi8(16);
-    if constexpr (kSub <= 4) {
-      return _mm256_and_si256(_mm256_slli_epi16(bytes, 4 - kSub), sixteen);
-    } else {
-      return _mm256_and_si256(_mm256_srli_epi16(bytes, kSub - 4), sixteen);
-    }
-  }
-
-  // Sub-blocks kSub and kSub + 1: the low nibbles of 32 bytes, then the high nibbles.
-  template <size_t kSub>
-  static __m256 addPair(const uint8_t* block, const SubBlockScales& s, const float* x,
-                        __m256 chain) {
-    const __m256i nibble = _mm256_set1_epi8(15);
-    const __m256i bits = load32Bytes(block + kHeadBytes);
-    const __m256i pairs = load32Bytes(block + kHeadBytes + kSubLen + kSub / 2 * kSubLen);
-    const __m256i low = _mm256_or_si256(_mm256_and_si256(pairs, nibble), fifthBits<kSub>(bits));
-    const __m256i high = _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(pairs, 4), nibble),
-                                         fifthBits<kSub + 1>(bits));
-    // Words of a low and a high code; each half of a register holds eight neighbours. They widen
-    // through memory, which is cheaper than from the upper half of a register.
-    alignas(32) uint8_t words[2 * kSubLen];
-    _mm256_store_si256(reinterpret_cast<__m256i*>(words), _mm256_unpacklo_epi8(low, high));
-    _mm256_store_si256(reinterpret_cast<__m256i*>(words + 32), _mm256_unpackhi_epi8(low, high));
-    __m256i codes[kSubLen / kLanes];
-    for (size_t i = 0; i < kSubLen / kLanes; ++i) {
-      const uint8_t* eight = words + (i / 2 + i % 2 * 2) * 16;
-      codes[i] = _mm256_cvtepu16_epi32(_mm_load_si128(reinterpret_cast<const __m128i*>(eight)));
-    }
-    return addCodePairs<8>(codes, s, kSub, x, chain);
-  }
-
-  template <size_t R>
-  static void addBlock(const uint8_t* first, size_t stride, const float* x, __m256 (&chain)[R]) {
-    SubBlockScales s[R];
-    for (size_t r = 0; r < R; ++r) {
-      s[r] = loadScales(first + r * stride);
-    }
-    for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<0>(first + r * stride, s[r], x, chain[r]);
-    }
-    for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<2>(first + r * stride, s[r], x + 2 * kSubLen, chain[r]);
-    }
-    for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<4>(first + r * stride, s[r], x + 4 * kSubLen, chain[r]);
-    }
-    for (size_t r = 0; r < R; ++r) {
-      chain[r] = addPair<6>(first + r * stride, s[r], x + 6 * kSubLen, chain[r]);
     }
   }
 };
@@ -503,8 +356,11 @@ const KernelTable& avx2Kernels() {
       .rowsF32 = loadedRows<F32>,
       .rowsBf16 = loadedRows<BF16>,
       .rowsQ80 = blockRows<Q80>,
-      .rowsQ4K = blockRows<Q4K>,
-      .rowsQ5K = blockRows<Q5K>,
+      .rowsQ4K = avx2::codedRowsQ4K,
+      .rowsQ5K = avx2::codedRowsQ5K,
+      .codeInput = avx2::codeInput,
+      .addChunkProducts = avx2::addChunkProducts,
+      .foldSums = avx2::foldSums,
       .addWeightedRows = addWeightedRows,
       .deltaStep = deltaStep,
   };

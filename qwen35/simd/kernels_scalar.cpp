@@ -1,4 +1,5 @@
 // The reference kernels: the contracts of kernel_table.h as plain loops.
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdint>
@@ -10,6 +11,20 @@
 namespace qwen35 {
 
 namespace {
+
+constexpr size_t kSubLen = 32;  // elements of a sub-block of the K formats
+constexpr size_t kSubBlocks = kChunk / kSubLen;
+
+float foldLanes(const float* sums) {
+  float total[kLanes];
+  std::copy_n(sums, kLanes, total);
+  for (size_t half = kLanes / 2; half > 0; half /= 2) {
+    for (size_t lane = 0; lane < half; ++lane) {
+      total[lane] += total[lane + half];
+    }
+  }
+  return total[0];
+}
 
 // A row sum in progress.
 class RowSum {
@@ -33,12 +48,7 @@ class RowSum {
   float finish() {
     addTo(part, chain);
     addTo(total, part);
-    for (size_t half = kLanes / 2; half > 0; half /= 2) {
-      for (size_t lane = 0; lane < half; ++lane) {
-        total[lane] += total[lane + half];
-      }
-    }
-    return total[0];
+    return foldLanes(total);
   }
 
  private:
@@ -118,6 +128,183 @@ void decodedRows(const void* weights, const float* x, float* out, size_t rows, s
   }
 }
 
+void addChunkProducts(const float* rows, const float* inputs, float* parts, size_t nRows,
+                      size_t nInputs, size_t len) {
+  for (size_t r = 0; r < nRows; ++r) {
+    for (size_t p = 0; p < nInputs; ++p, parts += kLanes) {
+      float chain[kLanes] = {};
+      for (size_t i = 0; i < len; ++i) {
+        chain[i % kLanes] =
+            std::fma(rows[r * kChunk + i], inputs[p * kChunk + i], chain[i % kLanes]);
+      }
+      for (size_t lane = 0; lane < kLanes; ++lane) {
+        parts[lane] += chain[lane];
+      }
+    }
+  }
+}
+
+void foldSums(const float* sums, float* out, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    out[i] = foldLanes(sums + i * kLanes);
+  }
+}
+
+// Largest k <= kMaxFixedShift for which no element times 2^k passes kLargestFixed; 8 for zeros.
+int fixedShift(float largest) {
+  if (largest == 0.0f) {
+    return 8;
+  }
+  int exponent = 0;
+  std::frexp(largest, &exponent);
+  int shift = 31 - exponent;
+  if (std::ldexp(static_cast<double>(largest), shift) > kLargestFixed) {
+    --shift;
+  }
+  return std::min(shift, kMaxFixedShift);
+}
+
+// Digits and sum of a sub-block given in fixed point.
+void codeSubBlock(const int32_t* fixed, bool keepsLast, size_t block, size_t sub, CodedInput& out) {
+  int64_t sum = 0;
+  for (size_t i = 0; i < kSubLen; ++i) {
+    int64_t rest = fixed[i];
+    for (size_t p = 0; p < kInputDigits; ++p) {
+      const auto digit = static_cast<int8_t>(rest & 0xFF);
+      rest = (rest - digit) / 256;
+      const bool kept = p > 0 || keepsLast;
+      out.digits[block][sub][p][i] = kept ? digit : int8_t{0};
+      sum += kept ? int64_t{digit} << (8 * p) : 0;
+    }
+  }
+  out.sums[block / 2 * 2 + sub / 4][block % 2 * 4 + sub % 4] =
+      static_cast<float>(sum) * 0x1p-8f * out.scales[block];
+}
+
+// False when an element is infinite or NaN.
+bool codeSuperBlock(const float* x, size_t block, CodedInput& out) {
+  float largest = 0.0f;
+  for (size_t i = 0; i < kChunk; ++i) {
+    if (!std::isfinite(x[i])) {
+      return false;
+    }
+    largest = std::max(largest, std::fabs(x[i]));
+  }
+  const int shift = fixedShift(largest);
+  int32_t fixed[kChunk];
+  int32_t magnitudes = 0;
+  for (size_t i = 0; i < kChunk; ++i) {
+    const double scaled = std::ldexp(static_cast<double>(x[i]), shift);
+    fixed[i] = static_cast<int32_t>(std::nearbyint(scaled));
+    magnitudes += std::abs(fixed[i]) / 256;
+  }
+  out.scales[block] = std::ldexp(1.0f, 8 - shift);
+  out.keepsLast[block] = magnitudes < kOutlierSum;
+  for (size_t sub = 0; sub < kSubBlocks; ++sub) {
+    codeSubBlock(fixed + sub * kSubLen, out.keepsLast[block], block, sub, out);
+  }
+  return true;
+}
+
+bool codeInput(const float* x, size_t cols, CodedInput* groups) {
+  std::fill_n(groups, codedGroups(cols), CodedInput{});
+  for (size_t b = 0; b < cols / kChunk; ++b) {
+    if (!codeSuperBlock(x + b * kChunk, b % kGroupBlocks, groups[b / kGroupBlocks])) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The codes of a super-block, sub-block after sub-block, from its bytes behind the scales.
+void codesQ4K(const uint8_t* bytes, uint8_t* codes) {
+  for (size_t i = 0; i < kChunk; ++i) {
+    const size_t sub = i / kSubLen;
+    codes[i] = (bytes[sub / 2 * kSubLen + i % kSubLen] >> (sub % 2 * 4)) & 15;
+  }
+}
+
+void codesQ5K(const uint8_t* bytes, uint8_t* codes) {
+  codesQ4K(bytes + kSubLen, codes);
+  for (size_t i = 0; i < kChunk; ++i) {
+    codes[i] |= ((bytes[i % kSubLen] >> (i / kSubLen)) & 1) << 4;
+  }
+}
+
+// A coded row sum in progress.
+class CodedRowSum {
+ public:
+  // Super-block b of the row: its bytes, its codes and the input group that holds it.
+  void add(size_t b, const uint8_t* super, const uint8_t* codes, const CodedInput& x) {
+    const size_t block = b % kGroupBlocks;
+    const float superScale = loadF16(super);
+    const float superMinimum = loadF16(super + 2);
+    int32_t sums[kInputDigits][kLanes] = {};
+    for (size_t sub = 0; sub < kSubBlocks; ++sub) {
+      uint8_t scale;
+      uint8_t minimum;
+      kel::quant::getScaleMinK4(static_cast<int>(sub), super + 4, scale, minimum);
+      for (size_t p = 0; p < kInputDigits; ++p) {
+        for (size_t i = 0; i < kSubLen; ++i) {
+          sums[p][i / 4] += scale * codes[sub * kSubLen + i] * x.digits[block][sub][p][i];
+        }
+      }
+      const size_t lane = block % 2 * 4 + sub % 4;
+      low[lane] = std::fma(superMinimum * static_cast<float>(minimum),
+                           x.sums[block / 2 * 2 + sub / 4][lane], low[lane]);
+    }
+    const float factor = superScale * x.scales[block];
+    for (size_t lane = 0; lane < kLanes; ++lane) {
+      const auto digit = [&](size_t p) { return static_cast<float>(sums[p][lane]); };
+      const float lower = std::fma(digit(2), 256.0f, std::fma(digit(0), 0x1p-8f, digit(1)));
+      const float value = std::fma(digit(3), 65536.0f, lower);
+      chain[lane] = std::fma(value, factor, chain[lane]);
+    }
+    if ((b + 1) % (kSpan / kChunk) == 0) {
+      finishSpan();
+    }
+  }
+
+  float finish() {
+    finishSpan();
+    return foldLanes(total);
+  }
+
+ private:
+  void finishSpan() {
+    for (size_t lane = 0; lane < kLanes; ++lane) {
+      total[lane] += chain[lane] - low[lane];
+      chain[lane] = 0.0f;
+      low[lane] = 0.0f;
+    }
+  }
+
+  static float loadF16(const uint8_t* at) {
+    uint16_t half;
+    std::memcpy(&half, at, sizeof half);
+    return kel::quant::f16ToF32(half);
+  }
+
+  float chain[kLanes] = {};
+  float low[kLanes] = {};
+  float total[kLanes] = {};
+};
+
+template <void (*unpack)(const uint8_t*, uint8_t*), size_t blockBytes>
+void codedRows(const void* weights, const CodedInput* x, float* out, size_t rows, size_t cols) {
+  constexpr size_t kHeadBytes = 16;
+  const auto* super = static_cast<const uint8_t*>(weights);
+  for (size_t r = 0; r < rows; ++r) {
+    CodedRowSum sum;
+    for (size_t b = 0; b < cols / kChunk; ++b, super += blockBytes) {
+      uint8_t codes[kChunk];
+      unpack(super + kHeadBytes, codes);
+      sum.add(b, super, codes, x[b / kGroupBlocks]);
+    }
+    out[r] = sum.finish();
+  }
+}
+
 void addWeightedRows(const float* e, float r, const float* values, float* acc, size_t rows,
                      size_t n) {
   for (size_t p = 0; p < rows; ++p, values += n) {
@@ -156,8 +343,11 @@ const KernelTable& scalarKernels() {
       .rowsF32 = loadedRows<loadF32, sizeof(float)>,
       .rowsBf16 = loadedRows<loadBf16, sizeof(uint16_t)>,
       .rowsQ80 = decodedRows<dequantQ80, kBlockLen, kQ80Bytes>,
-      .rowsQ4K = decodedRows<dequantQ4K, kSuperBlockLen, kQ4KBytes>,
-      .rowsQ5K = decodedRows<dequantQ5K, kSuperBlockLen, kQ5KBytes>,
+      .rowsQ4K = codedRows<codesQ4K, kQ4KBytes>,
+      .rowsQ5K = codedRows<codesQ5K, kQ5KBytes>,
+      .codeInput = codeInput,
+      .addChunkProducts = addChunkProducts,
+      .foldSums = foldSums,
       .addWeightedRows = addWeightedRows,
       .deltaStep = deltaStep,
   };

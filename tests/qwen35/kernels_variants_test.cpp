@@ -17,10 +17,12 @@ namespace {
 using kel::QuantType;
 using qwen35::KernelTable;
 using weight_rows::bits;
-using weight_rows::kProductTypes;
 using weight_rows::randomFloats;
 using weight_rows::randomRows;
 using weight_rows::Scales;
+
+// The types that multiply floats; the others are in coded_products_test.cpp.
+constexpr QuantType kTypes[] = {QuantType::F32, QuantType::BF16, QuantType::Q8_0};
 
 const KernelTable& scalar() {
   return *qwen35::supportedKernels().front();
@@ -32,12 +34,8 @@ qwen35::RowsProduct product(const KernelTable& table, QuantType type) {
       return table.rowsF32;
     case QuantType::BF16:
       return table.rowsBf16;
-    case QuantType::Q8_0:
-      return table.rowsQ80;
-    case QuantType::Q4_K:
-      return table.rowsQ4K;
     default:
-      return table.rowsQ5K;
+      return table.rowsQ80;
   }
 }
 
@@ -81,7 +79,7 @@ std::vector<size_t> lengths(QuantType type) {
 }
 
 TEST(KernelVariants, RowSumsAreTheSameBits) {
-  for (const QuantType type : kProductTypes) {
+  for (const QuantType type : kTypes) {
     for (const size_t cols : lengths(type)) {
       for (const size_t rows : {0, 1, 3, 4, 5, 8, 11}) {
         expectSameRowSums(type, randomRows(type, rows, cols, 11), randomFloats(cols, 12), rows);
@@ -91,7 +89,7 @@ TEST(KernelVariants, RowSumsAreTheSameBits) {
 }
 
 TEST(KernelVariants, RowSumsOfAnyBitPatternAreTheSameBits) {
-  for (const QuantType type : kProductTypes) {
+  for (const QuantType type : kTypes) {
     for (uint32_t seed = 0; seed < 40; ++seed) {
       const size_t cols = type == QuantType::F32 || type == QuantType::BF16 ? 8 : 256;
       expectSameRowSums(type, randomRows(type, 20, cols, seed, Scales::AnyBits),
@@ -103,7 +101,7 @@ TEST(KernelVariants, RowSumsOfAnyBitPatternAreTheSameBits) {
 TEST(KernelVariants, RowSumsOfUnusualInputsAreTheSameBits) {
   constexpr float kInfinity = std::numeric_limits<float>::infinity();
   const float fillers[] = {0.0f, -0.0f, 0x1p-149f, -0x1p-140f, 3e38f, kInfinity, -kInfinity, NAN};
-  for (const QuantType type : kProductTypes) {
+  for (const QuantType type : kTypes) {
     const std::vector<uint8_t> weights = randomRows(type, 6, 768, 21);
     for (const float filler : fillers) {
       expectSameRowSums(type, weights, std::vector<float>(768, filler), 6);
@@ -150,7 +148,7 @@ float rowSumByContract(const std::vector<float>& w, const std::vector<float>& x)
 }
 
 TEST(KernelVariants, RowSumsFollowTheContract) {
-  for (const QuantType type : kProductTypes) {
+  for (const QuantType type : kTypes) {
     for (const size_t cols : {256, 512, 768, 2560, 4096, 9216}) {
       const std::vector<uint8_t> weights = randomRows(type, 1, cols, 41);
       const std::vector<float> x = randomFloats(cols, 42);
@@ -164,8 +162,44 @@ TEST(KernelVariants, RowSumsFollowTheContract) {
   }
 }
 
+TEST(KernelVariants, ChunksOfABlockSumUpToTheRowSums) {
+  constexpr size_t kCols = 600;  // two whole chunks and a shorter one
+  for (const KernelTable* table : qwen35::supportedKernels()) {
+    for (const size_t nRows : {1u, 2u, 4u, 7u, 16u}) {
+      for (const size_t nInputs : {1u, 2u, 3u, 4u, 5u, 8u}) {
+        std::vector<std::vector<float>> rows;
+        std::vector<std::vector<float>> inputs;
+        for (uint32_t r = 0; r < nRows; ++r)
+          rows.push_back(randomFloats(kCols, 100 + r));
+        for (uint32_t p = 0; p < nInputs; ++p)
+          inputs.push_back(randomFloats(kCols, 200 + p));
+        std::vector<float> parts(nRows * nInputs * 8 + 1, 0.0f);
+        for (size_t at = 0; at < kCols; at += 256) {
+          const size_t len = std::min<size_t>(256, kCols - at);
+          const auto packed = [&](const std::vector<std::vector<float>>& from) {
+            std::vector<float> chunk(from.size() * 256, NAN);  // the rest is not looked at
+            for (size_t i = 0; i < from.size(); ++i) {
+              std::copy_n(from[i].data() + at, len, chunk.data() + i * 256);
+            }
+            return chunk;
+          };
+          table->addChunkProducts(packed(rows).data(), packed(inputs).data(), parts.data(), nRows,
+                                  nInputs, len);
+        }
+        EXPECT_EQ(0.0f, parts.back());
+        std::vector<float> sums(nRows * nInputs);
+        table->foldSums(parts.data(), sums.data(), sums.size());
+        for (size_t i = 0; i < sums.size(); ++i) {
+          EXPECT_EQ(bits(rowSumByContract(rows[i / nInputs], inputs[i % nInputs])), bits(sums[i]))
+              << table->name << " " << nRows << "x" << nInputs << " at " << i;
+        }
+      }
+    }
+  }
+}
+
 TEST(KernelVariants, RowSumsAreAccurateToSinglePrecision) {
-  for (const QuantType type : kProductTypes) {
+  for (const QuantType type : kTypes) {
     for (const Scales scales : {Scales::Usual, Scales::Positive}) {
       for (const size_t cols : {256, 512, 1024, 2560, 9216, 32768}) {
         const std::vector<uint8_t> weights = randomRows(type, 8, cols, 51, scales);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
+#include <cmath>
 #include <thread>
 #include <vector>
 
@@ -41,9 +42,21 @@ void addProduct(const TensorView& weights, const std::vector<float>& x, std::vec
   qwen35::gemvRow(model, &weights, x.data(), y.data());
 }
 
-// The dot products of the decoded rows.
-std::vector<float> plainProduct(QuantType type, const std::vector<uint8_t>& weights,
+// The coded row sums of the reference kernels.
+std::vector<float> codedProduct(QuantType type, const std::vector<uint8_t>& weights,
                                 const std::vector<float>& x, size_t rows) {
+  const qwen35::KernelTable& scalar = *qwen35::supportedKernels().front();
+  std::vector<qwen35::CodedInput> groups(qwen35::codedGroups(x.size()));
+  EXPECT_TRUE(scalar.codeInput(x.data(), x.size(), groups.data()));
+  std::vector<float> out(rows);
+  (type == QuantType::Q4_K ? scalar.rowsQ4K : scalar.rowsQ5K)(weights.data(), groups.data(),
+                                                              out.data(), rows, x.size());
+  return out;
+}
+
+// The dot products of the decoded rows.
+std::vector<float> dotProduct(QuantType type, const std::vector<uint8_t>& weights,
+                              const std::vector<float>& x, size_t rows) {
   std::vector<float> out;
   for (size_t r = 0; r < rows; ++r) {
     const std::vector<float> row =
@@ -51,6 +64,12 @@ std::vector<float> plainProduct(QuantType type, const std::vector<uint8_t>& weig
     out.push_back(qwen35::dotF32(row.data(), x.data(), x.size()));
   }
   return out;
+}
+
+std::vector<float> plainProduct(QuantType type, const std::vector<uint8_t>& weights,
+                                const std::vector<float>& x, size_t rows) {
+  const bool coded = type == QuantType::Q4_K || type == QuantType::Q5_K;
+  return coded ? codedProduct(type, weights, x, rows) : dotProduct(type, weights, x, rows);
 }
 
 // Runs with a given number of OpenMP threads and restores the former one.
@@ -109,13 +128,26 @@ TEST(RowBytes, CountsWholeBlocks) {
   EXPECT_EQ(0u, qwen35::rowBytes(QuantType::Q6_K, 600));
 }
 
-TEST(GemvRow, IsTheDotProductOfEveryDecodedRow) {
+TEST(GemvRow, IsTheRowSumOfEveryRow) {
   for (const QuantType type : kProductTypes) {
     const std::vector<uint8_t> weights = randomRows(type, 70, 512, 1);
     const std::vector<float> x = randomFloats(512, 2);
     std::vector<float> y(70, 0.0f);
     addProduct(matrix(type, weights.data(), 70, 512), x, y);
     EXPECT_EQ(bits(plainProduct(type, weights, x, 70)), bits(y)) << kel::quantTypeName(type);
+  }
+}
+
+TEST(GemvRow, InputsThatAreNotFiniteAreMultipliedWithDecodedRows) {
+  for (const QuantType type : {QuantType::Q4_K, QuantType::Q5_K}) {
+    for (const float odd : {INFINITY, -INFINITY, NAN}) {
+      const std::vector<uint8_t> weights = randomRows(type, 9, 512, 7);
+      std::vector<float> x = randomFloats(512, 8);
+      x[300] = odd;
+      std::vector<float> y(9, 0.0f);
+      addProduct(matrix(type, weights.data(), 9, 512), x, y);
+      EXPECT_EQ(bits(dotProduct(type, weights, x, 9)), bits(y)) << odd;
+    }
   }
 }
 

@@ -1,0 +1,129 @@
+#include "qwen35/block_products.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cstdint>
+
+#include "qwen35/kernels.h"
+#include "qwen35/products.h"
+#include "qwen35/simd/dispatch.h"
+
+namespace qwen35 {
+
+namespace {
+
+// Rows that are decoded and multiplied together: their chunk fits half of the first cache.
+constexpr size_t kTileRows = 16;
+
+struct TileScratch {
+  std::vector<float> rows;    // [kTileRows][kChunk], decoded
+  std::vector<float> parts;   // [rows][inputs][kLanes]
+  std::vector<float> totals;  // the same; rows longer than one span
+  std::vector<float> sums;    // [rows][inputs]
+};
+
+// One per thread of the team. Made ready by the calling thread: nothing may be thrown inside a
+// parallel region.
+std::vector<TileScratch>& tileScratch(const BlockInputs& inputs) {
+  static thread_local std::vector<TileScratch> perThread;
+  perThread.resize(static_cast<size_t>(omp_get_max_threads()));
+  const size_t sums = kTileRows * inputs.count();
+  for (TileScratch& s : perThread) {
+    s.rows.resize(std::max(kTileRows * kChunk, inputs.cols()));
+    s.parts.reserve(sums * kLanes);
+    s.totals.reserve(inputs.cols() > kSpan ? sums * kLanes : 0);
+    s.sums.reserve(sums);
+  }
+  return perThread;
+}
+
+void addAndClear(std::vector<float>& totals, std::vector<float>& parts) {
+  for (size_t i = 0; i < parts.size(); ++i) {
+    totals[i] += parts[i];
+    parts[i] = 0.0f;
+  }
+}
+
+// The row sums of `count` consecutive rows with every input, into s.sums.
+void sumTile(const kel::TensorView& weights, size_t firstRow, size_t count,
+             const BlockInputs& inputs, TileScratch& s) {
+  const size_t cols = inputs.cols();
+  const size_t stride = rowBytes(weights.type, cols);
+  const size_t chunkBytes = rowBytes(weights.type, kChunk);
+  const auto* first = static_cast<const uint8_t*>(weights.data) + firstRow * stride;
+  s.parts.assign(count * inputs.count() * kLanes, 0.0f);
+  const bool severalSpans = cols > kSpan;
+  s.totals.assign(severalSpans ? s.parts.size() : 0, 0.0f);
+  for (size_t at = 0; at < cols; at += kChunk) {
+    const size_t len = std::min(kChunk, cols - at);
+    for (size_t r = 0; r < count; ++r) {
+      const uint8_t* chunk = first + r * stride + at / kChunk * chunkBytes;
+      decodeRow(weights.type, chunk, s.rows.data() + r * kChunk, len);
+    }
+    kernels().addChunkProducts(s.rows.data(), inputs.chunk(at), s.parts.data(), count,
+                               inputs.count(), len);
+    if (severalSpans && ((at + len) % kSpan == 0 || at + len == cols)) {
+      addAndClear(s.totals, s.parts);
+    }
+  }
+  s.sums.resize(count * inputs.count());
+  kernels().foldSums(severalSpans ? s.totals.data() : s.parts.data(), s.sums.data(), s.sums.size());
+}
+
+void multiplyRange(const kel::TensorView& weights, RowRange range, size_t rows,
+                   const BlockInputs& inputs, TileScratch& s, float* y) {
+  for (size_t r = range.begin; r < range.end; r += kTileRows) {
+    const size_t count = std::min(kTileRows, range.end - r);
+    sumTile(weights, r, count, inputs, s);
+    for (size_t p = 0; p < inputs.count(); ++p) {
+      for (size_t i = 0; i < count; ++i) {
+        y[p * rows + r + i] = 0.0f + s.sums[i * inputs.count() + p];
+      }
+    }
+  }
+}
+
+// Row by row, for lengths that the lanes do not divide.
+void multiplyRangeByRows(const kel::TensorView& weights, RowRange range, size_t rows,
+                         const BlockInputs& inputs, TileScratch& s, float* y) {
+  const size_t stride = rowBytes(weights.type, inputs.cols());
+  for (size_t r = range.begin; r < range.end; ++r) {
+    const uint8_t* encoded = static_cast<const uint8_t*>(weights.data) + r * stride;
+    decodeRow(weights.type, encoded, s.rows.data(), inputs.cols());
+    for (size_t i = 0; i < inputs.count(); ++i) {
+      y[i * rows + r] = 0.0f + dotF32(s.rows.data(), inputs.input(i), inputs.cols());
+    }
+  }
+}
+
+}  // namespace
+
+void BlockInputs::assign(const float* x, size_t count, size_t cols) {
+  source = x;
+  nInputs = count;
+  nCols = cols;
+  const size_t chunks = cols % kLanes == 0 ? (cols + kChunk - 1) / kChunk : 0;
+  packed.resize(std::max(packed.size(), chunks * kChunk * count));
+  for (size_t c = 0; c < chunks; ++c) {
+    const size_t at = c * kChunk;
+    for (size_t i = 0; i < count; ++i) {
+      std::copy_n(input(i) + at, std::min(kChunk, cols - at),
+                  packed.data() + at * count + i * kChunk);
+    }
+  }
+}
+
+void multiplyBlock(const kel::TensorView& weights, const BlockInputs& inputs, float* y) {
+  const size_t rows = rowCount(weights);
+  const auto multiply = inputs.cols() % kLanes == 0 ? multiplyRange : multiplyRangeByRows;
+  std::vector<TileScratch>& scratch = tileScratch(inputs);
+#pragma omp parallel
+  {
+    const auto t = static_cast<size_t>(omp_get_thread_num());
+    const auto nThreads = static_cast<size_t>(omp_get_num_threads());
+    multiply(weights, threadRows(rows, nThreads, t), rows, inputs, scratch[t], y);
+  }
+}
+
+}  // namespace qwen35

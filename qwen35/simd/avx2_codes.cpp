@@ -1,0 +1,453 @@
+// Coded row sums for AVX2: codes times digits in byte products, exact in integers. See
+// kernels_avx2.cpp for what this file may include.
+#include "qwen35/simd/avx2_codes.h"
+
+#include <immintrin.h>
+
+#include <cstdint>
+#include <cstring>
+
+#include "qwen35/simd/kernel_table.h"
+
+namespace qwen35::avx2 {
+
+namespace {
+
+static_assert(kLanes == 8, "one register holds the lanes of a row sum");
+
+constexpr size_t kSubLen = 32;
+constexpr size_t kSubBlocks = kChunk / kSubLen;
+constexpr size_t kHeadBytes = 16;  // super-scale, super-minimum, 12 bytes of scales and minimums
+constexpr size_t kSpanBlocks = kSpan / kChunk;
+constexpr size_t kSpanGroups = kSpanBlocks / kGroupBlocks;
+constexpr size_t kLineBytes = 64;
+
+// Rows whose sums are built up span by span, so that the coded input of a span stays in the first
+// cache; and how many rows ahead their bytes are asked for.
+constexpr size_t kRowsPerTile = 16;
+constexpr size_t kRowsAhead = 4;
+
+__m256i load32(const void* at) {
+  return _mm256_loadu_si256(static_cast<const __m256i*>(at));
+}
+
+float fold(__m256 total) {
+  const __m128 four = _mm_add_ps(_mm256_castps256_ps128(total), _mm256_extractf128_ps(total, 1));
+  const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));
+  return _mm_cvtss_f32(_mm_add_ss(two, _mm_movehdup_ps(two)));
+}
+
+// Four halves, one in the low 16 bits of each element. The exponents of the two formats lie 112
+// apart; the product is exact, for subnormals too.
+__m128 halvesToFloats(__m128i halves) {
+  const __m128i magnitude = _mm_and_si128(halves, _mm_set1_epi32(0x7FFF));
+  const __m128i sign = _mm_slli_epi32(_mm_srli_epi32(halves, 15), 31);
+  const __m128i shifted = _mm_slli_epi32(magnitude, 13);
+  const __m128 finite = _mm_mul_ps(_mm_castsi128_ps(shifted), _mm_set1_ps(0x1p112f));
+  const __m128i special = _mm_or_si128(shifted, _mm_set1_epi32(0x7F800000));
+  const __m128i isSpecial = _mm_cmpgt_epi32(magnitude, _mm_set1_epi32(0x7BFF));
+  const __m128 value =
+      _mm_blendv_ps(finite, _mm_castsi128_ps(special), _mm_castsi128_ps(isSpecial));
+  return _mm_or_ps(value, _mm_castsi128_ps(sign));
+}
+
+// The heads of four super-blocks, element j of each field for block j.
+struct Heads {
+  __m128i superScales;  // super-scale in the low half, super-minimum in the high half
+  __m128i scales[2];    // bytes: sub-blocks 0 to 3, then 4 to 7
+  __m128i minimums[2];
+};
+
+// Four 6-bit fields to a word, in bytes: the first four scales and minimums are the low bits of
+// words 0 and 1; of the last four, word 2 holds the low four bits (scales in its low nibbles,
+// minimums in its high ones) and words 0 and 1 hold the two upper bits.
+Heads loadHeads(const uint8_t* const (&supers)[kGroupBlocks]) {
+  __m128i head[kGroupBlocks];
+  for (size_t j = 0; j < kGroupBlocks; ++j) {
+    head[j] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(supers[j]));
+  }
+  const __m128i low01 = _mm_unpacklo_epi32(head[0], head[1]);
+  const __m128i low23 = _mm_unpacklo_epi32(head[2], head[3]);
+  const __m128i high01 = _mm_unpackhi_epi32(head[0], head[1]);
+  const __m128i high23 = _mm_unpackhi_epi32(head[2], head[3]);
+  const __m128i word0 = _mm_unpackhi_epi64(low01, low23);
+  const __m128i word1 = _mm_unpacklo_epi64(high01, high23);
+  const __m128i word2 = _mm_unpackhi_epi64(high01, high23);
+  const __m128i six = _mm_set1_epi8(0x3F);
+  const __m128i four = _mm_set1_epi8(0x0F);
+  const __m128i upperTwo = _mm_set1_epi8(0x30);
+  Heads out;
+  out.superScales = _mm_unpacklo_epi64(low01, low23);
+  out.scales[0] = _mm_and_si128(word0, six);
+  out.minimums[0] = _mm_and_si128(word1, six);
+  out.scales[1] =
+      _mm_or_si128(_mm_and_si128(word2, four), _mm_and_si128(_mm_srli_epi32(word0, 2), upperTwo));
+  out.minimums[1] = _mm_or_si128(_mm_and_si128(_mm_srli_epi32(word2, 4), four),
+                                 _mm_and_si128(_mm_srli_epi32(word1, 2), upperTwo));
+  return out;
+}
+
+// What the codes of four super-blocks are multiplied with.
+struct GroupScales {
+  alignas(32) uint32_t scale[2][kGroupBlocks][4];  // the scale code twice, as pairs of words
+  alignas(16) float factor[kGroupBlocks];          // super-scale times input scale
+};
+
+void storeScalePairs(__m128i bytes, uint32_t* pairs) {
+  const __m256i twice = _mm256_broadcastsi128_si256(bytes);
+  const __m256i first = _mm256_setr_epi8(0, -1, 0, -1, 1, -1, 1, -1, 2, -1, 2, -1, 3, -1, 3, -1, 4,
+                                         -1, 4, -1, 5, -1, 5, -1, 6, -1, 6, -1, 7, -1, 7, -1);
+  const __m256i second =
+      _mm256_setr_epi8(8, -1, 8, -1, 9, -1, 9, -1, 10, -1, 10, -1, 11, -1, 11, -1, 12, -1, 12, -1,
+                       13, -1, 13, -1, 14, -1, 14, -1, 15, -1, 15, -1);
+  auto* out = reinterpret_cast<__m256i*>(pairs);
+  _mm256_store_si256(out, _mm256_shuffle_epi8(twice, first));
+  _mm256_store_si256(out + 1, _mm256_shuffle_epi8(twice, second));
+}
+
+// Scales of a group into out; its minimums, times the input's sums, are added to low.
+__m256 openGroup(const uint8_t* const (&supers)[kGroupBlocks], const CodedInput& x,
+                 GroupScales& out, __m256 low) {
+  const Heads heads = loadHeads(supers);
+  storeScalePairs(heads.scales[0], out.scale[0][0]);
+  storeScalePairs(heads.scales[1], out.scale[1][0]);
+  const __m128i lowHalf = _mm_set1_epi32(0xFFFF);
+  const __m128 superScale = halvesToFloats(_mm_and_si128(heads.superScales, lowHalf));
+  _mm_store_ps(out.factor, _mm_mul_ps(superScale, _mm_load_ps(x.scales)));
+
+  const __m256 superMinimum =
+      _mm256_castps128_ps256(halvesToFloats(_mm_srli_epi32(heads.superScales, 16)));
+  const __m256 first =
+      _mm256_permutevar8x32_ps(superMinimum, _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1));
+  const __m256 second =
+      _mm256_permutevar8x32_ps(superMinimum, _mm256_setr_epi32(2, 2, 2, 2, 3, 3, 3, 3));
+  const auto addMinimums = [&low](__m256 super, __m128i codes, const float* sums) {
+    const __m256 minimum = _mm256_mul_ps(super, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(codes)));
+    low = _mm256_fmadd_ps(minimum, _mm256_load_ps(sums), low);
+  };
+  addMinimums(first, heads.minimums[0], x.sums[0]);
+  addMinimums(first, heads.minimums[1], x.sums[1]);
+  addMinimums(second, _mm_srli_si128(heads.minimums[0], 8), x.sums[2]);
+  addMinimums(second, _mm_srli_si128(heads.minimums[1], 8), x.sums[3]);
+  return low;
+}
+
+// Sums per digit of one super-block, eight lanes each; without the last digit unless it is kept.
+template <bool kLast>
+struct DigitSums {
+  static constexpr size_t kFirst = kLast ? 0 : 1;
+  __m256i sum[kInputDigits];
+
+  DigitSums() {
+    for (__m256i& lanes : sum) {
+      lanes = _mm256_setzero_si256();
+    }
+  }
+
+  // Adds a sub-block: unsigned codes below 32 times digits, in pairs to words, times the scale code
+  // in pairs to lanes.
+  void add(__m256i codes, __m256i scale, const int8_t (&digits)[kInputDigits][kSubLen]) {
+    for (size_t p = kFirst; p < kInputDigits; ++p) {
+      const __m256i words = _mm256_maddubs_epi16(codes, load32(digits[p]));
+      sum[p] = _mm256_add_epi32(sum[p], _mm256_madd_epi16(words, scale));
+    }
+  }
+
+  __m256 value() const {
+    __m256 units = _mm256_cvtepi32_ps(sum[1]);
+    if constexpr (kLast) {
+      units = _mm256_fmadd_ps(_mm256_cvtepi32_ps(sum[0]), _mm256_set1_ps(0x1p-8f), units);
+    }
+    const __m256 lower = _mm256_fmadd_ps(_mm256_cvtepi32_ps(sum[2]), _mm256_set1_ps(256.0f), units);
+    return _mm256_fmadd_ps(_mm256_cvtepi32_ps(sum[3]), _mm256_set1_ps(65536.0f), lower);
+  }
+};
+
+struct Q4K {
+  static constexpr size_t kBlockBytes = 144;
+
+  // The codes of sub-blocks 2 kPair and 2 kPair + 1: the low nibbles of 32 bytes, then the high.
+  template <size_t kPair>
+  static void codes(const uint8_t* super, __m256i& low, __m256i& high) {
+    const __m256i nibble = _mm256_set1_epi8(15);
+    const __m256i bytes = load32(super + kHeadBytes + kPair * kSubLen);
+    low = _mm256_and_si256(bytes, nibble);
+    high = _mm256_and_si256(_mm256_srli_epi16(bytes, 4), nibble);
+  }
+};
+
+struct Q5K {
+  static constexpr size_t kBlockBytes = 176;
+
+  // 16 in every byte whose bit kSub is set: the fifth bits of sub-block kSub.
+  template <size_t kSub>
+  static __m256i fifthBits(__m256i bytes) {
+    const __m256i sixteen = _mm256_set1_epi8(16);
+    if constexpr (kSub <= 4) {
+      return _mm256_and_si256(_mm256_slli_epi16(bytes, 4 - kSub), sixteen);
+    } else {
+      return _mm256_and_si256(_mm256_srli_epi16(bytes, kSub - 4), sixteen);
+    }
+  }
+
+  template <size_t kPair>
+  static void codes(const uint8_t* super, __m256i& low, __m256i& high) {
+    Q4K::codes<kPair>(super + kSubLen, low, high);
+    const __m256i bits = load32(super + kHeadBytes);
+    low = _mm256_or_si256(low, fifthBits<2 * kPair>(bits));
+    high = _mm256_or_si256(high, fifthBits<2 * kPair + 1>(bits));
+  }
+};
+
+// The digits of a super-block, sub-block by sub-block.
+using Digits = const int8_t (*)[kInputDigits][kSubLen];
+
+template <typename Format, size_t kPair, bool kLast>
+void addPair(const uint8_t* super, const uint32_t* scale, Digits digits, DigitSums<kLast>& sums) {
+  __m256i low;
+  __m256i high;
+  Format::template codes<kPair>(super, low, high);
+  sums.add(low, _mm256_set1_epi32(static_cast<int>(scale[0])), digits[2 * kPair]);
+  sums.add(high, _mm256_set1_epi32(static_cast<int>(scale[1])), digits[2 * kPair + 1]);
+}
+
+template <typename Format, bool kLast>
+__m256 blockValue(const uint8_t* super, const GroupScales& scales, size_t block, Digits digits) {
+  DigitSums<kLast> sums;
+  addPair<Format, 0>(super, scales.scale[0][block], digits, sums);
+  addPair<Format, 1>(super, scales.scale[0][block] + 2, digits, sums);
+  addPair<Format, 2>(super, scales.scale[1][block], digits, sums);
+  addPair<Format, 3>(super, scales.scale[1][block] + 2, digits, sums);
+  return sums.value();
+}
+
+template <typename Format>
+__m256 addBlock(const uint8_t* super, const GroupScales& scales, size_t block, const CodedInput& x,
+                __m256 chain) {
+  const __m256 value = x.keepsLast[block]
+                           ? blockValue<Format, true>(super, scales, block, x.digits[block])
+                           : blockValue<Format, false>(super, scales, block, x.digits[block]);
+  return _mm256_fmadd_ps(value, _mm256_broadcast_ss(&scales.factor[block]), chain);
+}
+
+// One span of a row: `blocks` super-blocks, at most kSpanBlocks; rows are `stride` bytes apart. The
+// heads come first: they cost latency, which the blocks after them hide from each other but not
+// from themselves.
+template <typename Format>
+__m256 spanSum(const uint8_t* super, size_t stride, const CodedInput* x, size_t blocks) {
+  static constexpr uint8_t kNoHead[kHeadBytes] = {};
+  GroupScales scales[kSpanGroups];
+  __m256 low = _mm256_setzero_ps();
+  for (size_t b = 0; b < blocks; b += kGroupBlocks) {
+    const uint8_t* heads[kGroupBlocks];
+    for (size_t j = 0; j < kGroupBlocks; ++j) {
+      heads[j] = b + j < blocks ? super + (b + j) * Format::kBlockBytes : kNoHead;
+    }
+    low = openGroup(heads, x[b / kGroupBlocks], scales[b / kGroupBlocks], low);
+    const uintptr_t ahead =
+        reinterpret_cast<uintptr_t>(super) + kRowsAhead * stride + b * Format::kBlockBytes;
+    for (size_t line = 0; line < kGroupBlocks * Format::kBlockBytes; line += kLineBytes) {
+      _mm_prefetch(reinterpret_cast<const char*>(ahead + line), _MM_HINT_T0);
+    }
+  }
+  __m256 chain = _mm256_setzero_ps();
+  for (size_t b = 0; b < blocks; ++b, super += Format::kBlockBytes) {
+    chain = addBlock<Format>(super, scales[b / kGroupBlocks], b % kGroupBlocks, x[b / kGroupBlocks],
+                             chain);
+  }
+  return _mm256_sub_ps(chain, low);
+}
+
+// Sums of `rows` rows, at most kRowsPerTile.
+template <typename Format>
+void tileSums(const uint8_t* first, size_t stride, const CodedInput* x, float* out, size_t rows,
+              size_t blocks) {
+  __m256 total[kRowsPerTile];
+  for (size_t r = 0; r < rows; ++r) {
+    total[r] = _mm256_setzero_ps();
+  }
+  for (size_t b = 0; b < blocks; b += kSpanBlocks) {
+    const size_t count = blocks - b < kSpanBlocks ? blocks - b : kSpanBlocks;
+    const uint8_t* super = first + b * Format::kBlockBytes;
+    for (size_t r = 0; r < rows; ++r, super += stride) {
+      const __m256 sum = spanSum<Format>(super, stride, x + b / kGroupBlocks, count);
+      total[r] = _mm256_add_ps(total[r], sum);
+    }
+  }
+  for (size_t r = 0; r < rows; ++r) {
+    out[r] = fold(total[r]);
+  }
+}
+
+template <typename Format>
+void codedRows(const void* weights, const CodedInput* x, float* out, size_t rows, size_t cols) {
+  const auto* row = static_cast<const uint8_t*>(weights);
+  const size_t blocks = cols / kChunk;
+  const size_t stride = blocks * Format::kBlockBytes;
+  for (size_t r = 0; r < rows; r += kRowsPerTile, row += kRowsPerTile * stride) {
+    const size_t count = rows - r < kRowsPerTile ? rows - r : kRowsPerTile;
+    tileSums<Format>(row, stride, x, out + r, count, blocks);
+  }
+}
+
+// The largest magnitude of a super-block; false when an element is infinite or NaN.
+bool largestMagnitude(const float* x, float& largest) {
+  const __m256 magnitudeBits = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
+  __m256i most = _mm256_setzero_si256();  // finite magnitudes order as their bits do
+  for (size_t i = 0; i < kChunk; i += kLanes) {
+    const __m256 magnitude = _mm256_and_ps(_mm256_loadu_ps(x + i), magnitudeBits);
+    most = _mm256_max_epi32(most, _mm256_castps_si256(magnitude));
+  }
+  __m128i four = _mm_max_epi32(_mm256_castsi256_si128(most), _mm256_extracti128_si256(most, 1));
+  four = _mm_max_epi32(four, _mm_shuffle_epi32(four, _MM_SHUFFLE(1, 0, 3, 2)));
+  four = _mm_max_epi32(four, _mm_shuffle_epi32(four, _MM_SHUFFLE(2, 3, 0, 1)));
+  const int bits = _mm_cvtsi128_si32(four);
+  std::memcpy(&largest, &bits, sizeof largest);
+  return bits < 0x7F800000;
+}
+
+double powerOfTwo(int exponent) {
+  const uint64_t bits = static_cast<uint64_t>(1023 + exponent) << 52;
+  double value;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+int fixedShift(float largest) {
+  if (largest == 0.0f) {
+    return 8;
+  }
+  uint64_t bits;
+  const auto wide = static_cast<double>(largest);  // a normal number, for subnormal floats too
+  std::memcpy(&bits, &wide, sizeof bits);
+  int shift = 31 - (static_cast<int>(bits >> 52) - 1022);
+  if (wide * powerOfTwo(shift) > kLargestFixed) {
+    --shift;
+  }
+  return shift < kMaxFixedShift ? shift : kMaxFixedShift;
+}
+
+__m256i toFixed(const float* x, __m256d power) {
+  const __m128i low = _mm256_cvtpd_epi32(_mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(x)), power));
+  const __m128i high =
+      _mm256_cvtpd_epi32(_mm256_mul_pd(_mm256_cvtps_pd(_mm_loadu_ps(x + 4)), power));
+  return _mm256_inserti128_si256(_mm256_castsi128_si256(low), high, 1);
+}
+
+int32_t addLanes(__m256i lanes) {
+  __m128i four = _mm_add_epi32(_mm256_castsi256_si128(lanes), _mm256_extracti128_si256(lanes, 1));
+  four = _mm_add_epi32(four, _mm_shuffle_epi32(four, _MM_SHUFFLE(1, 0, 3, 2)));
+  four = _mm_add_epi32(four, _mm_shuffle_epi32(four, _MM_SHUFFLE(2, 3, 0, 1)));
+  return _mm_cvtsi128_si32(four);
+}
+
+// With 128 added to every digit they are plain bytes; the top bit of each then restores the sign.
+__m256i digitBytes(__m256i fixed) {
+  const __m256i bias = _mm256_set1_epi32(static_cast<int>(0x80808080u));
+  return _mm256_xor_si256(_mm256_add_epi32(fixed, bias), bias);
+}
+
+// Digits of a sub-block given in fixed point.
+void storeDigits(const __m256i (&fixed)[4], int8_t (&digits)[kInputDigits][kSubLen]) {
+  // Each half of a register: the four bytes of its elements, place by place.
+  const __m256i byPlace = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0,
+                                           4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
+  __m256i places[4];
+  for (size_t i = 0; i < 4; ++i) {
+    places[i] = _mm256_shuffle_epi8(digitBytes(fixed[i]), byPlace);
+  }
+  // Words of four elements: 0, 8, 16, 24 in the low half of a register, 4, 12, 20, 28 in the high.
+  const __m256i low01 = _mm256_unpacklo_epi32(places[0], places[1]);
+  const __m256i low23 = _mm256_unpacklo_epi32(places[2], places[3]);
+  const __m256i high01 = _mm256_unpackhi_epi32(places[0], places[1]);
+  const __m256i high23 = _mm256_unpackhi_epi32(places[2], places[3]);
+  const __m256i inOrder = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
+  const auto store = [&](size_t place, __m256i bytes) {
+    _mm256_store_si256(reinterpret_cast<__m256i*>(digits[place]),
+                       _mm256_permutevar8x32_epi32(bytes, inOrder));
+  };
+  store(0, _mm256_unpacklo_epi64(low01, low23));
+  store(1, _mm256_unpackhi_epi64(low01, low23));
+  store(2, _mm256_unpacklo_epi64(high01, high23));
+  store(3, _mm256_unpackhi_epi64(high01, high23));
+}
+
+float& sumOf(CodedInput& group, size_t block, size_t sub) {
+  return group.sums[block / 2 * 2 + sub / 4][block % 2 * 4 + sub % 4];
+}
+
+void codeSubBlock(const __m256i (&fixed)[4], size_t block, size_t sub, CodedInput& out) {
+  int8_t(&digits)[kInputDigits][kSubLen] = out.digits[block][sub];
+  storeDigits(fixed, digits);
+  __m256i upper = _mm256_setzero_si256();  // the sum without last digits, in units of digit 1
+  __m256i lower = _mm256_setzero_si256();  // the sum of last digits
+  for (const __m256i elements : fixed) {
+    const __m256i digit = _mm256_srai_epi32(_mm256_slli_epi32(elements, 24), 24);
+    upper = _mm256_add_epi32(upper, _mm256_srai_epi32(_mm256_sub_epi32(elements, digit), 8));
+    lower = _mm256_add_epi32(lower, digit);
+  }
+  int64_t sum = int64_t{addLanes(upper)} * 256;
+  if (out.keepsLast[block]) {
+    sum += addLanes(lower);
+  } else {
+    _mm256_store_si256(reinterpret_cast<__m256i*>(digits[0]), _mm256_setzero_si256());
+  }
+  sumOf(out, block, sub) = static_cast<float>(sum) * 0x1p-8f * out.scales[block];
+}
+
+// False when an element is infinite or NaN.
+bool codeSuperBlock(const float* x, size_t block, CodedInput& out) {
+  float largest;
+  if (!largestMagnitude(x, largest)) {
+    return false;
+  }
+  const int shift = fixedShift(largest);
+  const __m256d power = _mm256_set1_pd(powerOfTwo(shift));
+  __m256i fixed[kSubBlocks][4];
+  __m256i magnitudes = _mm256_setzero_si256();
+  for (size_t i = 0; i < kChunk; i += kLanes) {
+    const __m256i elements = toFixed(x + i, power);
+    fixed[i / kSubLen][i % kSubLen / kLanes] = elements;
+    magnitudes = _mm256_add_epi32(magnitudes, _mm256_srli_epi32(_mm256_abs_epi32(elements), 8));
+  }
+  out.scales[block] = static_cast<float>(powerOfTwo(8 - shift));
+  out.keepsLast[block] = addLanes(magnitudes) < kOutlierSum;
+  for (size_t sub = 0; sub < kSubBlocks; ++sub) {
+    codeSubBlock(fixed[sub], block, sub, out);
+  }
+  return true;
+}
+
+void clearSuperBlock(size_t block, CodedInput& out) {
+  std::memset(out.digits[block], 0, sizeof out.digits[block]);
+  out.scales[block] = 0.0f;
+  out.keepsLast[block] = false;
+  for (size_t sub = 0; sub < kSubBlocks; ++sub) {
+    sumOf(out, block, sub) = 0.0f;
+  }
+}
+
+}  // namespace
+
+void codedRowsQ4K(const void* weights, const CodedInput* x, float* out, size_t rows, size_t cols) {
+  codedRows<Q4K>(weights, x, out, rows, cols);
+}
+
+void codedRowsQ5K(const void* weights, const CodedInput* x, float* out, size_t rows, size_t cols) {
+  codedRows<Q5K>(weights, x, out, rows, cols);
+}
+
+bool codeInput(const float* x, size_t cols, CodedInput* groups) {
+  const size_t blocks = cols / kChunk;
+  for (size_t b = 0; b < blocks; ++b) {
+    if (!codeSuperBlock(x + b * kChunk, b % kGroupBlocks, groups[b / kGroupBlocks])) {
+      return false;
+    }
+  }
+  for (size_t b = blocks; b % kGroupBlocks != 0; ++b) {
+    clearSuperBlock(b % kGroupBlocks, groups[b / kGroupBlocks]);
+  }
+  return true;
+}
+
+}  // namespace qwen35::avx2

@@ -1,0 +1,355 @@
+// Coded inputs and the coded row sums of Q4_K and Q5_K: every kernel table of this machine against
+// the scalar one, and the scalar one against the contract written out in wide integers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "qwen35/simd/dispatch.h"
+#include "tests/qwen35/weight_rows.h"
+
+namespace {
+
+using kel::QuantType;
+using qwen35::CodedInput;
+using qwen35::KernelTable;
+using weight_rows::bits;
+using weight_rows::randomFloats;
+using weight_rows::randomRows;
+using weight_rows::Scales;
+
+constexpr QuantType kCodedTypes[] = {QuantType::Q4_K, QuantType::Q5_K};
+constexpr size_t kSuper = 256;
+constexpr size_t kSub = 32;
+
+const KernelTable& scalar() {
+  return *qwen35::supportedKernels().front();
+}
+
+std::vector<CodedInput> coded(const KernelTable& table, const std::vector<float>& x) {
+  std::vector<CodedInput> groups(qwen35::codedGroups(x.size()));
+  std::memset(static_cast<void*>(groups.data()), 0x5A, groups.size() * sizeof(CodedInput));
+  EXPECT_TRUE(table.codeInput(x.data(), x.size(), groups.data()));
+  return groups;
+}
+
+// Every product of a row of weights that is moved one byte off alignment.
+std::vector<float> rowSums(const KernelTable& table, QuantType type,
+                           const std::vector<uint8_t>& weights, const std::vector<float>& x,
+                           size_t rows) {
+  const std::vector<CodedInput> groups = coded(table, x);
+  std::vector<uint8_t> moved(weights.size() + 1);
+  std::copy(weights.begin(), weights.end(), moved.begin() + 1);
+  std::vector<float> out(rows + 1, 12345.0f);
+  (type == QuantType::Q4_K ? table.rowsQ4K : table.rowsQ5K)(moved.data() + 1, groups.data(),
+                                                            out.data(), rows, x.size());
+  EXPECT_EQ(12345.0f, out.back()) << table.name;
+  out.pop_back();
+  return out;
+}
+
+std::string label(const KernelTable& table, QuantType type, size_t cols) {
+  return std::string(table.name) + " " + kel::quantTypeName(type) + " " + std::to_string(cols);
+}
+
+// Inputs as a network has them, of wide range, and at the edges of the float format.
+std::vector<std::vector<float>> inputs(size_t cols) {
+  std::vector<std::vector<float>> out{randomFloats(cols, 1), std::vector<float>(cols, 0.0f),
+                                      std::vector<float>(cols, -0.0f)};
+  std::mt19937 generator(2);
+  std::vector<float> wide = randomFloats(cols, 3);
+  for (float& value : wide) {
+    value = std::ldexp(value, static_cast<int>(generator() % 60) - 30);
+  }
+  out.push_back(wide);
+  for (const float filler :
+       {0x1p-149f, -0x1p-140f, 0x1p-100f, 1.0f, -0.9999999f, 0x1.fcfefep-1f, 0x1.fcfefcp-1f,
+        0x1.fdp-1f, 3e38f, -std::numeric_limits<float>::max()}) {
+    out.emplace_back(cols, filler);
+    std::vector<float> one = randomFloats(cols, 4);
+    if (cols > 0) {
+      one[cols / 2 + 3] = filler;
+    }
+    out.push_back(one);
+  }
+  return out;
+}
+
+// An element in fixed point, in units of its last digit.
+int64_t fixedAt(const CodedInput& group, size_t block, size_t i) {
+  int64_t fixed = 0;
+  for (size_t p = 4; p-- > 0;) {
+    fixed = fixed * 256 + group.digits[block][i / kSub][p][i % kSub];
+  }
+  return fixed;
+}
+
+float sumAt(const CodedInput& group, size_t block, size_t sub) {
+  return group.sums[block / 2 * 2 + sub / 4][block % 2 * 4 + sub % 4];
+}
+
+TEST(CodedInput, IsTheNearestFixedPointOfTheLargestShift) {
+  for (const std::vector<float>& x : inputs(3 * kSuper)) {
+    const std::vector<CodedInput> groups = coded(scalar(), x);
+    for (size_t b = 0; b < 3; ++b) {
+      const double unit = groups[0].scales[b] * 0x1p-8;
+      double largest = 0.0;
+      double magnitudes = 0.0;
+      for (size_t i = 0; i < kSuper; ++i) {
+        const double value = x[b * kSuper + i];
+        const double nearest = std::nearbyint(value / unit);
+        largest = std::max(largest, std::abs(value));
+        magnitudes += std::floor(std::abs(nearest) / 256);
+        const double error = std::abs(nearest - static_cast<double>(fixedAt(groups[0], b, i)));
+        EXPECT_LE(error, groups[0].keepsLast[b] ? 0.0 : 128.0);
+      }
+      EXPECT_EQ(magnitudes < 0x1p27, groups[0].keepsLast[b]);
+      EXPECT_LE(largest / unit, 0x7F7F7F00);
+      if (largest == 0.0) {
+        EXPECT_EQ(0x1p-8, unit);
+      } else if (unit > 0x1p-108) {
+        EXPECT_GT(2.0 * largest / unit, 0x7F7F7F00);
+      }
+      EXPECT_GE(unit, 0x1p-108);
+    }
+  }
+}
+
+TEST(CodedInput, LastDigitsAreKeptBesideOutliersAlone) {
+  std::vector<float> x = randomFloats(2 * kSuper, 7);
+  x[300] = 50.0f;
+  for (const KernelTable* table : qwen35::supportedKernels()) {
+    const std::vector<CodedInput> groups = coded(*table, x);
+    EXPECT_FALSE(groups[0].keepsLast[0]) << table->name;
+    EXPECT_TRUE(groups[0].keepsLast[1]) << table->name;
+    EXPECT_EQ(0, groups[0].digits[0][0][0][0]) << table->name;
+  }
+}
+
+TEST(CodedInput, SumsAreThoseOfTheFixedPointElements) {
+  for (const std::vector<float>& x : inputs(2 * kSuper)) {
+    const std::vector<CodedInput> groups = coded(scalar(), x);
+    for (size_t b = 0; b < 2; ++b) {
+      for (size_t sub = 0; sub < 8; ++sub) {
+        int64_t sum = 0;
+        for (size_t i = 0; i < kSub; ++i) {
+          sum += fixedAt(groups[0], b, sub * kSub + i);
+        }
+        EXPECT_EQ(static_cast<float>(sum) * 0x1p-8f * groups[0].scales[b],
+                  sumAt(groups[0], b, sub));
+      }
+    }
+  }
+}
+
+TEST(CodedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
+  for (const KernelTable* table : qwen35::supportedKernels()) {
+    const std::vector<CodedInput> groups = coded(*table, randomFloats(5 * kSuper, 5));
+    ASSERT_EQ(2u, groups.size());
+    for (size_t b = 1; b < 4; ++b) {
+      EXPECT_EQ(0.0f, groups[1].scales[b]);
+      for (size_t i = 0; i < kSuper; ++i) {
+        EXPECT_EQ(0, fixedAt(groups[1], b, i));
+      }
+      for (size_t sub = 0; sub < 8; ++sub) {
+        EXPECT_EQ(0.0f, sumAt(groups[1], b, sub));
+      }
+    }
+  }
+}
+
+TEST(CodedInput, IsTheSameInEveryTable) {
+  for (const size_t cols : {0u, 256u, 512u, 768u, 1024u, 1280u, 4096u + 256u}) {
+    for (const std::vector<float>& x : inputs(cols)) {
+      const std::vector<CodedInput> expected = coded(scalar(), x);
+      for (const KernelTable* table : qwen35::supportedKernels()) {
+        const std::vector<CodedInput> actual = coded(*table, x);
+        for (size_t g = 0; g < expected.size(); ++g) {
+          EXPECT_EQ(0, std::memcmp(expected[g].digits, actual[g].digits, sizeof actual[g].digits));
+          EXPECT_EQ(0, std::memcmp(expected[g].sums, actual[g].sums, sizeof actual[g].sums));
+          EXPECT_EQ(0, std::memcmp(expected[g].scales, actual[g].scales, sizeof actual[g].scales));
+        }
+      }
+    }
+  }
+}
+
+TEST(CodedInput, RefusesElementsThatAreNotFinite) {
+  for (const KernelTable* table : qwen35::supportedKernels()) {
+    for (const float odd : {INFINITY, -INFINITY, NAN, -NAN}) {
+      for (const size_t at : {0u, 7u, 255u, 256u, 300u, 511u}) {
+        std::vector<float> x = randomFloats(512, 6);
+        x[at] = odd;
+        std::vector<CodedInput> groups(1);
+        EXPECT_FALSE(table->codeInput(x.data(), x.size(), groups.data())) << table->name << at;
+      }
+    }
+  }
+}
+
+TEST(CodedProducts, AreTheSameBitsInEveryTable) {
+  for (const QuantType type : kCodedTypes) {
+    for (const size_t cols : {0u, 256u, 512u, 768u, 1024u, 2560u, 4096u, 4352u, 9216u}) {
+      for (const size_t rows : {0u, 1u, 3u, 5u}) {
+        const std::vector<uint8_t> weights = randomRows(type, rows, cols, 11);
+        for (const std::vector<float>& x : inputs(cols)) {
+          const std::vector<uint32_t> expected = bits(rowSums(scalar(), type, weights, x, rows));
+          for (const KernelTable* table : qwen35::supportedKernels()) {
+            EXPECT_EQ(expected, bits(rowSums(*table, type, weights, x, rows)))
+                << label(*table, type, cols);
+          }
+        }
+      }
+    }
+  }
+}
+
+TEST(CodedProducts, OfAnyBitPatternAreTheSameBits) {
+  for (const QuantType type : kCodedTypes) {
+    for (uint32_t seed = 0; seed < 60; ++seed) {
+      const std::vector<uint8_t> weights = randomRows(type, 12, 1280, seed, Scales::AnyBits);
+      const std::vector<float> x = randomFloats(1280, seed, -1e3f, 1e3f);
+      const std::vector<uint32_t> expected = bits(rowSums(scalar(), type, weights, x, 12));
+      for (const KernelTable* table : qwen35::supportedKernels()) {
+        EXPECT_EQ(expected, bits(rowSums(*table, type, weights, x, 12)))
+            << label(*table, type, seed);
+      }
+    }
+  }
+}
+
+// Weight i of a row is superScale * scale * code - superMinimum * minimum.
+struct RowParts {
+  float superScale;
+  float superMinimum;
+  uint8_t scale[8];
+  uint8_t minimum[8];
+  int code[kSuper];
+};
+
+RowParts parts(QuantType type, const uint8_t* super) {
+  RowParts out{};
+  uint16_t half[2];
+  std::memcpy(half, super, sizeof half);
+  out.superScale = kel::quant::f16ToF32(half[0]);
+  out.superMinimum = kel::quant::f16ToF32(half[1]);
+  for (int sub = 0; sub < 8; ++sub) {
+    kel::quant::getScaleMinK4(sub, super + 4, out.scale[sub], out.minimum[sub]);
+  }
+  const uint8_t* nibbles = super + (type == QuantType::Q4_K ? 16 : 48);
+  for (size_t i = 0; i < kSuper; ++i) {
+    const size_t sub = i / kSub;
+    out.code[i] = (nibbles[sub / 2 * kSub + i % kSub] >> (sub % 2 * 4)) & 15;
+    if (type == QuantType::Q5_K) {
+      out.code[i] += (super[16 + i % kSub] >> sub & 1) * 16;
+    }
+  }
+  return out;
+}
+
+float sumByContract(QuantType type, const uint8_t* row, const std::vector<float>& x) {
+  const std::vector<CodedInput> groups = coded(scalar(), x);
+  float total[8] = {};
+  const size_t blocks = x.size() / kSuper;
+  for (size_t span = 0; span < blocks; span += 16) {
+    float chain[8] = {};
+    float low[8] = {};
+    for (size_t b = span; b < std::min(span + 16, blocks); ++b) {
+      const CodedInput& group = groups[b / 4];
+      const RowParts p = parts(type, row + b * weight_rows::blockBytes(type));
+      for (size_t lane = 0; lane < 8; ++lane) {
+        int64_t sums[4] = {};
+        for (size_t i = 0; i < kSuper; ++i) {
+          for (size_t d = 0; i % kSub / 4 == lane && d < 4; ++d) {
+            sums[d] +=
+                int64_t{p.scale[i / kSub]} * p.code[i] * group.digits[b % 4][i / kSub][d][i % kSub];
+          }
+        }
+        const float units =
+            std::fma(static_cast<float>(sums[0]), 1.0f / 256.0f, static_cast<float>(sums[1]));
+        const float lower = std::fma(static_cast<float>(sums[2]), 256.0f, units);
+        const float value = std::fma(static_cast<float>(sums[3]), 65536.0f, lower);
+        chain[lane] = std::fma(value, p.superScale * group.scales[b % 4], chain[lane]);
+      }
+      for (size_t sub = 0; sub < 8; ++sub) {
+        float& lane = low[4 * (b % 2) + sub % 4];
+        lane = std::fma(p.superMinimum * static_cast<float>(p.minimum[sub]),
+                        sumAt(group, b % 4, sub), lane);
+      }
+    }
+    for (size_t lane = 0; lane < 8; ++lane) {
+      total[lane] += chain[lane] - low[lane];
+    }
+  }
+  const float even = (total[0] + total[4]) + (total[2] + total[6]);
+  const float odd = (total[1] + total[5]) + (total[3] + total[7]);
+  return even + odd;
+}
+
+TEST(CodedProducts, FollowTheContract) {
+  for (const QuantType type : kCodedTypes) {
+    for (const size_t cols : {256u, 512u, 768u, 2560u, 4096u, 4352u, 9216u}) {
+      const std::vector<uint8_t> weights = randomRows(type, 1, cols, 41);
+      const std::vector<float> x = randomFloats(cols, 42);
+      const float expected = sumByContract(type, weights.data(), x);
+      for (const KernelTable* table : qwen35::supportedKernels()) {
+        EXPECT_EQ(bits(expected), bits(rowSums(*table, type, weights, x, 1)[0]))
+            << label(*table, type, cols);
+      }
+    }
+  }
+}
+
+// The error of every row against double precision, over the sum of |w * x|.
+double worstError(QuantType type, Scales scales, const std::vector<float>& x, uint32_t seed) {
+  constexpr size_t kRows = 64;
+  const std::vector<uint8_t> weights = randomRows(type, kRows, x.size(), seed, scales);
+  const std::vector<float> sums = rowSums(scalar(), type, weights, x, kRows);
+  double worst = 0.0;
+  for (size_t r = 0; r < kRows; ++r) {
+    const std::vector<float> w =
+        weight_rows::decoded(type, weights.data() + r * (weights.size() / kRows), x.size());
+    double exact = 0.0;
+    double magnitude = 0.0;
+    for (size_t i = 0; i < x.size(); ++i) {
+      const double product = static_cast<double>(w[i]) * static_cast<double>(x[i]);
+      exact += product;
+      magnitude += std::abs(product);
+    }
+    worst = std::max(worst, std::abs(exact - static_cast<double>(sums[r])) / magnitude);
+  }
+  return worst;
+}
+
+TEST(CodedProducts, AreAccurateToSinglePrecision) {
+  for (const QuantType type : kCodedTypes) {
+    for (const size_t cols : {256u, 512u, 1024u, 2560u, 9216u, 32768u}) {
+      for (const Scales scales : {Scales::Usual, Scales::Positive}) {
+        for (const float low : {-1.0f, 0.0f}) {
+          EXPECT_LE(worstError(type, scales, randomFloats(cols, 52, low), 51), 0x1p-22)
+              << kel::quantTypeName(type) << " " << cols;
+        }
+      }
+    }
+  }
+}
+
+TEST(CodedProducts, StayAccurateBesideOutliers) {
+  for (const QuantType type : kCodedTypes) {
+    for (const float outlier : {3.0f, 10.0f, 30.0f, 100.0f, 1e4f, 1e8f}) {
+      std::vector<float> x = randomFloats(2560, 61);
+      for (size_t b = 0; b < 10; ++b) {
+        x[b * kSuper + 17 * b] = outlier;
+      }
+      EXPECT_LE(worstError(type, Scales::Usual, x, 62), 0x1p-22)
+          << kel::quantTypeName(type) << " " << outlier;
+    }
+  }
+}
+
+}  // namespace
