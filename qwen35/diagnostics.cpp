@@ -1,9 +1,11 @@
 #include "qwen35/diagnostics.h"
 
+#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "qwen35/products.h"
 
@@ -28,6 +30,13 @@ double dot(std::span<const float> a, std::span<const float> b) {
 
 bool diagnosticSet(const char* variable) {
   return std::getenv(variable) != nullptr;
+}
+
+bool anyDiagnosticSet() {
+  constexpr const char* kVariables[] = {"QWEN35_DBG",     "QWEN35_DBG2",    "QWEN35_DBG3",
+                                        "QWEN35_DBG4",    "QWEN35_TIMING",  "QWEN35_ABLATE",
+                                        "QWEN35_NODECAY", "QWEN35_HID_DUMP"};
+  return std::any_of(std::begin(kVariables), std::end(kVariables), diagnosticSet);
 }
 
 bool isAblated(bool isLinear) {

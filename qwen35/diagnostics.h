@@ -26,6 +26,9 @@ namespace qwen35 {
 // True when the environment has the variable, whatever its value.
 bool diagnosticSet(const char* variable);
 
+// True when the environment has any of the variables above.
+bool anyDiagnosticSet();
+
 // True when QWEN35_ABLATE names the other kind of attention block.
 bool isAblated(bool isLinear);
 

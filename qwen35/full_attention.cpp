@@ -1,9 +1,12 @@
 #include "qwen35/full_attention.h"
 
+#include <omp.h>
+
 #include <algorithm>
 #include <cmath>
 #include <vector>
 
+#include "qwen35/block_products.h"
 #include "qwen35/diagnostics.h"
 #include "qwen35/kernels.h"
 #include "qwen35/products.h"
@@ -28,8 +31,6 @@ struct Scratch {
   std::vector<float> k;       // [nHeadKv][headDim]
   std::vector<float> v;       // [nHeadKv][headDim]
   std::vector<float> att;     // [nHead][headDim]
-  std::vector<float> head;    // [headDim], the query at hand
-  std::vector<float> scores;  // [positions], turned into exponentials in place
   std::vector<Angle> angles;  // [ropeDim / 2]
 };
 
@@ -49,20 +50,20 @@ void project(Model& m, const Layer& layer, const float* x, Scratch& s) {
   gemvRow(m, layer.attnV, s.xnorm.data(), s.v.data());
 }
 
-void addTo(std::vector<float>& buffer, const float* bias) {
-  for (size_t i = 0; i < buffer.size(); ++i) {
+void addTo(float* buffer, const float* bias, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
     buffer[i] += bias[i];
   }
 }
 
 // Deliberate: the query bias decides for all three.
-void addBiases(const Layer& layer, Scratch& s) {
+void addBiases(const Layer& layer, float* q, float* k, float* v) {
   if (layer.attnQBias == nullptr) {
     return;
   }
-  addTo(s.q, floats(layer.attnQBias));
-  addTo(s.k, floats(layer.attnKBias));
-  addTo(s.v, floats(layer.attnVBias));
+  addTo(q, floats(layer.attnQBias), kQueryFloats);
+  addTo(k, floats(layer.attnKBias), kKeyFloats);
+  addTo(v, floats(layer.attnVBias), kValueFloats);
 }
 
 // Angle of pair i: pos * base^(-2i / ropeDim), formed by repeated multiplication. A power per pair
@@ -89,16 +90,16 @@ void rotate(const std::vector<Angle>& angles, float* head) {
   }
 }
 
-// Keys are cached normalised and rotated, so that no row is touched again.
-void storeKeysAndValues(const Model& m, Layer& layer, Scratch& s) {
+// Fills cache row `row`. Keys are cached normalised and rotated, so that no row is touched again.
+void storeKeysAndValues(const Model& m, Layer& layer, size_t row, const float* k, const float* v,
+                        const std::vector<Angle>& angles) {
   for (size_t g = 0; g < m.nHeadKv; ++g) {
-    const size_t row = (g * m.maxCtx + layer.pos) * m.headDim;
-    float* key = layer.kCache.data() + row;
-    rmsNorm(s.k.data() + g * m.headDim, floats(layer.attnKNorm), key, m.headDim, kNormEps);
-    rotate(s.angles, key);
-    std::copy_n(s.v.data() + g * m.headDim, m.headDim, layer.vCache.data() + row);
+    const size_t at = (g * m.maxCtx + row) * m.headDim;
+    float* key = layer.kCache.data() + at;
+    rmsNorm(k + g * m.headDim, floats(layer.attnKNorm), key, m.headDim, kNormEps);
+    rotate(angles, key);
+    std::copy_n(v + g * m.headDim, m.headDim, layer.vCache.data() + at);
   }
-  layer.written = std::max(layer.written, layer.pos + 1);
 }
 
 // The scaled scores of one query against a head's cached keys; returns their maximum.
@@ -128,26 +129,47 @@ void gate(const float* gates, float* values, size_t n) {
   }
 }
 
-// Output of query head h into its slice of s.att, over the cache with this token's row included.
-void attendHead(const Model& m, const Layer& layer, size_t h, Scratch& s, bool reportScores) {
-  const float* query = s.q.data() + 2 * h * m.headDim;
-  s.head.resize(m.headDim);
-  rmsNorm(query, floats(layer.attnQNorm), s.head.data(), m.headDim, kNormEps);
-  rotate(s.angles, s.head.data());
+// What one query head works in.
+struct HeadScratch {
+  std::vector<float> query;   // [headDim]
+  std::vector<float> scores;  // [positions], turned into exponentials in place
+};
+
+// Output of query head h over the first `positions` cache rows. q: the token's queries and gates;
+// out: the head's slice, zeros before.
+void attendHead(const Model& m, const Layer& layer, size_t h, const float* q, size_t positions,
+                const std::vector<Angle>& angles, HeadScratch& s, float* out, bool report) {
+  const float* query = q + 2 * h * m.headDim;
+  rmsNorm(query, floats(layer.attnQNorm), s.query.data(), m.headDim, kNormEps);
+  rotate(angles, s.query.data());
 
   const size_t group = h / (m.nHead / m.nHeadKv);
   const size_t base = group * m.maxCtx * m.headDim;
-  s.scores.resize(layer.pos + 1);
-  const float highest = scoreKeys(s.head.data(), layer.kCache.data() + base, m.headDim, s.scores);
-  if (reportScores) {
-    printScoreStatistics(s.scores.data(), layer.pos, highest);
+  s.scores.resize(positions);
+  const float highest = scoreKeys(s.query.data(), layer.kCache.data() + base, m.headDim, s.scores);
+  if (report) {
+    printScoreStatistics(s.scores.data(), positions - 1, highest);
   }
   const float inverseSum = 1.0f / exponentiate(s.scores, highest);
-
-  float* out = s.att.data() + h * m.headDim;
-  kernels().addWeightedRows(s.scores.data(), inverseSum, layer.vCache.data() + base, out,
-                            s.scores.size(), m.headDim);
+  kernels().addWeightedRows(s.scores.data(), inverseSum, layer.vCache.data() + base, out, positions,
+                            m.headDim);
   gate(query + m.headDim, out, m.headDim);
+}
+
+// One per thread of the team, with room for the scores of `positions`. Made ready by the calling
+// thread: nothing may be thrown inside a parallel region.
+std::vector<HeadScratch>& headScratch(const Model& m, size_t positions) {
+  static thread_local std::vector<HeadScratch> perThread;
+  perThread.resize(static_cast<size_t>(omp_get_max_threads()));
+  for (HeadScratch& s : perThread) {
+    s.query.resize(m.headDim);
+    s.scores.reserve(positions);
+  }
+  return perThread;
+}
+
+HeadScratch& ofThisThread(std::vector<HeadScratch>& perThread) {
+  return perThread[static_cast<size_t>(omp_get_thread_num())];
 }
 
 }  // namespace
@@ -159,16 +181,97 @@ void fullAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t pos
   }
   Scratch& s = threadScratch();
   project(m, layer, x, s);
-  addBiases(layer, s);
+  addBiases(layer, s.q.data(), s.k.data(), s.v.data());
   computeAngles(pos, m.ropeDim, s.angles);
-  storeKeysAndValues(m, layer, s);
+  storeKeysAndValues(m, layer, layer.pos, s.k.data(), s.v.data(), s.angles);
+  layer.written = std::max(layer.written, layer.pos + 1);
 
   s.att.assign(kHeadOutputFloats, 0.0f);
+  const bool report = scoreReportWanted(pos, layerIdx);
+  std::vector<HeadScratch>& heads = headScratch(m, layer.pos + 1);
+#pragma omp parallel for schedule(static)
   for (size_t h = 0; h < m.nHead; ++h) {
-    attendHead(m, layer, h, s, h == 0 && scoreReportWanted(pos, layerIdx));
+    attendHead(m, layer, h, s.q.data(), layer.pos + 1, s.angles, ofThisThread(heads),
+               s.att.data() + h * m.headDim, report && h == 0);
   }
   ++layer.pos;
   gemvRow(m, layer.attnOutput, s.att.data(), out);
+}
+
+namespace {
+
+// The tokens of a block, each buffer [count][width of the step's buffer].
+struct BlockScratch {
+  std::vector<float> xnorm;
+  std::vector<float> q;
+  std::vector<float> k;
+  std::vector<float> v;
+  std::vector<float> att;
+  std::vector<std::vector<Angle>> angles;
+  BlockInputs inputs;
+};
+
+BlockScratch& blockScratch() {
+  static thread_local BlockScratch scratch;
+  return scratch;
+}
+
+void projectBlock(const Model& m, const Layer& layer, const float* x, size_t count,
+                  BlockScratch& s) {
+  s.xnorm.resize(count * m.nEmbd);
+  s.q.resize(count * kQueryFloats);
+  s.k.resize(count * kKeyFloats);
+  s.v.resize(count * kValueFloats);
+  for (size_t i = 0; i < count; ++i) {
+    rmsNorm(x + i * m.nEmbd, floats(layer.attnNorm), s.xnorm.data() + i * m.nEmbd, m.nEmbd,
+            kNormEps);
+  }
+  s.inputs.assign(s.xnorm.data(), count, m.nEmbd);
+  multiplyBlock(*layer.attnQ, s.inputs, s.q.data());
+  multiplyBlock(*layer.attnK, s.inputs, s.k.data());
+  multiplyBlock(*layer.attnV, s.inputs, s.v.data());
+}
+
+// Caches every token of the block, then lets every head of every token attend; a token sees the
+// rows up to its own.
+void attendBlock(const Model& m, Layer& layer, size_t count, size_t pos, BlockScratch& s) {
+  s.angles.resize(std::max(s.angles.size(), count));
+  for (std::vector<Angle>& angles : s.angles) {
+    angles.resize(m.ropeDim / 2);
+  }
+  std::vector<HeadScratch>& heads = headScratch(m, layer.pos + count);
+  s.att.assign(count * kHeadOutputFloats, 0.0f);
+#pragma omp parallel
+  {
+#pragma omp for schedule(static)
+    for (size_t i = 0; i < count; ++i) {
+      float* k = s.k.data() + i * kKeyFloats;
+      float* v = s.v.data() + i * kValueFloats;
+      addBiases(layer, s.q.data() + i * kQueryFloats, k, v);
+      computeAngles(pos + i, m.ropeDim, s.angles[i]);
+      storeKeysAndValues(m, layer, layer.pos + i, k, v, s.angles[i]);
+    }
+#pragma omp for schedule(static)
+    for (size_t h = 0; h < m.nHead; ++h) {
+      for (size_t i = 0; i < count; ++i) {
+        attendHead(m, layer, h, s.q.data() + i * kQueryFloats, layer.pos + i + 1, s.angles[i],
+                   ofThisThread(heads), s.att.data() + i * kHeadOutputFloats + h * m.headDim,
+                   /*report=*/false);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+void fullAttnBlock(Model& m, Layer& layer, const float* x, float* out, size_t count, size_t pos) {
+  BlockScratch& s = blockScratch();
+  projectBlock(m, layer, x, count, s);
+  attendBlock(m, layer, count, pos, s);
+  layer.pos += count;
+  layer.written = std::max(layer.written, layer.pos);
+  s.inputs.assign(s.att.data(), count, kHeadOutputFloats);
+  multiplyBlock(*layer.attnOutput, s.inputs, out);
 }
 
 }  // namespace qwen35

@@ -27,8 +27,13 @@ constexpr double kRopeBase = 1e7;
 // alone.
 //
 // With a full cache (layer.pos == m.maxCtx) nothing is stored and out is zero; callers stop before
-// that. Products run on the OpenMP team, everything else on the calling thread. Scratch is kept per
-// host thread between calls; std::bad_alloc is thrown when it cannot grow.
+// that. Products and heads run on the OpenMP team, everything else on the calling thread. Scratch
+// is kept per host thread between calls; std::bad_alloc is thrown when it cannot grow.
 void fullAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t pos, size_t layerIdx);
+
+// Advances the layer by `count` tokens at once, at positions pos and on, as that many steps without
+// diagnostics do, but with the products of qwen35/block_products.h. x, out: [count][nEmbd]. The
+// cache has room for them.
+void fullAttnBlock(Model& m, Layer& layer, const float* x, float* out, size_t count, size_t pos);
 
 }  // namespace qwen35

@@ -26,9 +26,13 @@ void gdnStep(float* state, const float* q, const float* k, float* v, float beta,
 // The value heads cycle over the key heads: head h reads key head h mod ssmGroups. The environment
 // variable QWEN35_NODECAY switches the decay of the state off.
 //
-// Products run on the OpenMP team, everything else on the calling thread. Scratch is kept per host
-// thread between calls; std::bad_alloc is thrown when it cannot grow.
+// Products and heads run on the OpenMP team, everything else on the calling thread. Scratch is kept
+// per host thread between calls; std::bad_alloc is thrown when it cannot grow.
 void linearAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t layerIdx,
                     size_t pos);
+
+// Advances the layer by `count` tokens at once, as that many steps without diagnostics do, but with
+// the products of qwen35/block_products.h. x, out: [count][nEmbd].
+void linearAttnBlock(Model& m, Layer& layer, const float* x, float* out, size_t count);
 
 }  // namespace qwen35

@@ -5,8 +5,12 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <span>
 
+#include "qwen35/diagnostics.h"
 #include "qwen35/forward.h"
+#include "qwen35/forward_block.h"
+#include "qwen35/recurrent_state.h"
 #include "session/sampler.h"
 
 namespace session {
@@ -34,10 +38,92 @@ void timedPass(Qwen35Session& session, Pass&& pass) {
   session.decodeMsTotal += session.lastDecodeMs;
 }
 
+bool allFinite(const float* values, size_t n) {
+  return std::all_of(values, values + n, isFinite);
+}
+
 // A vocabulary may be larger than the matrix, and a file may name any id as its beginning or
 // unknown token.
 bool hasEmbeddingRow(const Qwen35Session& session, int token) {
   return token >= 0 && static_cast<uint64_t>(token) < session.model.nVocab;
+}
+
+// Token by token, as the diagnostics want to see it. False as prefill.
+bool feedHiddenOneByOne(Qwen35Session& session, std::span<const int> tokens,
+                        std::vector<float>& hidden) {
+  std::vector<float> out(session.model.nEmbd);
+  for (const int token : tokens) {
+    if (contextIsFull(session) || !hasEmbeddingRow(session, token)) return false;
+    qwen35::embedRow(session.model, static_cast<size_t>(token), hidden.data());
+    timedPass(session, [&] {
+      qwen35::forwardTokenHidden(session.model, hidden.data(), session.position, out.data());
+    });
+    if (!allFinite(out.data(), out.size())) return false;
+  }
+  return true;
+}
+
+// How many of the tokens can be fed before one has no room or no embedding row.
+size_t feedableTokens(const Qwen35Session& session, std::span<const int> tokens) {
+  const size_t room = session.model.maxCtx - std::min(session.position, session.model.maxCtx);
+  const auto end = tokens.begin() + static_cast<std::ptrdiff_t>(std::min(room, tokens.size()));
+  const auto unfit = std::find_if_not(tokens.begin(), end,
+                                      [&](int token) { return hasEmbeddingRow(session, token); });
+  return static_cast<size_t>(unfit - tokens.begin());
+}
+
+// Buffers of a prompt that is fed in blocks: [block tokens][nEmbd].
+struct BlockBuffers {
+  std::vector<float> embeddings;
+  std::vector<float> hidden;
+  qwen35::RecurrentState before;  // the state that the block at hand started from
+};
+
+// Runs a block of tokens at the session's position; counts and times it like as many passes.
+void timedBlock(Qwen35Session& session, size_t count, BlockBuffers& b) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point start = Clock::now();
+  qwen35::forwardBlock(session.model, b.embeddings.data(), count, session.position,
+                       b.hidden.data());
+  const std::chrono::nanoseconds elapsed = Clock::now() - start;
+  session.position += count;
+  session.lastDecodeMs = static_cast<double>(elapsed.count()) / 1e6 / static_cast<double>(count);
+  session.decodeMsTotal += static_cast<double>(elapsed.count()) / 1e6;
+}
+
+// False when a hidden vector is not finite: the state is then as after the first such token.
+bool feedBlock(Qwen35Session& session, std::span<const int> tokens, BlockBuffers& b) {
+  const size_t n = session.model.nEmbd;
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    qwen35::embedRow(session.model, static_cast<size_t>(tokens[i]), b.embeddings.data() + i * n);
+  }
+  if (tokens.size() > 1) b.before.save(session.model);
+  timedBlock(session, tokens.size(), b);
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    if (allFinite(b.hidden.data() + i * n, n)) continue;
+    if (i + 1 < tokens.size()) {
+      b.before.restore(session.model);
+      session.position -= tokens.size();
+      timedBlock(session, i + 1, b);
+    }
+    return false;
+  }
+  return true;
+}
+
+// Feeds tokens whose logits nobody reads. False as prefill.
+bool feedHidden(Qwen35Session& session, std::span<const int> tokens, std::vector<float>& hidden) {
+  if (qwen35::anyDiagnosticSet()) return feedHiddenOneByOne(session, tokens, hidden);
+  const size_t feedable = feedableTokens(session, tokens);
+  BlockBuffers b;
+  const size_t longest = std::min(feedable, qwen35::kBlockTokens);
+  b.embeddings.resize(longest * session.model.nEmbd);
+  b.hidden.resize(longest * session.model.nEmbd);
+  for (size_t at = 0; at < feedable; at += qwen35::kBlockTokens) {
+    const size_t count = std::min(qwen35::kBlockTokens, feedable - at);
+    if (!feedBlock(session, tokens.subspan(at, count), b)) return false;
+  }
+  return feedable == tokens.size();
 }
 
 }  // namespace
@@ -66,20 +152,11 @@ bool prefill(Qwen35Session* session, const std::vector<int>& tokens, std::vector
   if (!session->unfitReason.empty()) return false;
   if (tokens.empty()) return true;
 
-  std::vector<float> scratch(session->model.nEmbd);
-  for (size_t i = 0; i < tokens.size(); ++i) {
-    if (contextIsFull(*session) || !hasEmbeddingRow(*session, tokens[i])) return false;
-    if (i + 1 == tokens.size()) {
-      feedToken(session, tokens[i], hidden, logits);
-      return sampledLogitsAreFinite(logits);
-    }
-    qwen35::embedRow(session->model, static_cast<size_t>(tokens[i]), hidden.data());
-    timedPass(*session, [&] {
-      qwen35::forwardTokenHidden(session->model, hidden.data(), session->position, scratch.data());
-    });
-    if (!std::all_of(scratch.begin(), scratch.end(), isFinite)) return false;
-  }
-  return true;
+  const size_t last = tokens.size() - 1;
+  if (!feedHidden(*session, std::span(tokens).first(last), hidden)) return false;
+  if (contextIsFull(*session) || !hasEmbeddingRow(*session, tokens[last])) return false;
+  feedToken(session, tokens[last], hidden, logits);
+  return sampledLogitsAreFinite(logits);
 }
 
 bool decodeLoop(Qwen35Session* session, std::vector<float>& hidden, std::vector<float>& logits,

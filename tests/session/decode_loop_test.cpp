@@ -4,10 +4,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
+#include <cstring>
 #include <limits>
 
 #include "session/text_buffer.h"
 #include "tests/support/chat_model.h"
+#include "tests/support/random_model.h"
+#include "tests/support/scoped_env.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -75,6 +80,117 @@ TEST_F(DecodeLoop, TimesAddUpAndTheLastOneStays) {
   session.restart();
   EXPECT_EQ(0.0, session.decodeMsTotal);
   EXPECT_EQ(last, session.lastDecodeMs);
+}
+
+// A prompt that stops in the middle. Fed in blocks or, with a diagnostic set that changes nothing
+// here, token by token: both must stop at the same place with the same state.
+class PromptFailure : public testing::Test {
+ protected:
+  static constexpr int kNotFinite = 7;     // token whose embedding row holds a NaN
+  static constexpr int kWithoutRow = 300;  // first id past the embedding rows
+
+  PromptFailure() {
+    kel::test::RandomModelSpec spec{.layerKinds = "FFFFFFFL"};
+    spec.edit = [](std::vector<TensorPlan>& plan) {
+      TensorPlan& table = planned(plan, "token_embd.weight");
+      table.data = tensorBytes(table, 1);
+      const float odd = std::numeric_limits<float>::quiet_NaN();
+      std::memcpy(table.data.data() + kNotFinite * table.dims[0] * sizeof odd, &odd, sizeof odd);
+    };
+    EXPECT_TRUE(writeRandomModel(path, spec).ok());
+  }
+
+  void open(Qwen35Session& session, uint64_t capacity) {
+    char message[64] = "";
+    ASSERT_TRUE(openSession(&session, path.c_str(), message, sizeof message)) << message;
+    session.model.maxCtx = std::min(session.model.maxCtx, capacity);
+  }
+
+  static bool feed(Qwen35Session& session, const std::vector<int>& tokens) {
+    std::vector<float> hidden(session.model.nEmbd);
+    std::vector<float> logits(session.model.nVocab);
+    return prefill(&session, tokens, hidden, logits);
+  }
+
+  static void expectSameState(const qwen35::StateBuffer& a, const qwen35::StateBuffer& b) {
+    ASSERT_EQ(a.size(), b.size());
+    if (!a.empty()) {
+      EXPECT_EQ(0, std::memcmp(a.data(), b.data(), a.size() * sizeof(float)));
+    }
+  }
+
+  // Feeds a prompt of which token `at` is `odd`; the others are plain.
+  void expectStop(size_t length, size_t at, int odd, uint64_t capacity, uint64_t position) {
+    std::vector<int> tokens(length);
+    for (size_t i = 0; i < length; ++i) {
+      tokens[i] = static_cast<int>(10 + i % 200);
+    }
+    if (at < length) tokens[at] = odd;
+    Qwen35Session blocks;
+    open(blocks, capacity);
+    EXPECT_FALSE(feed(blocks, tokens));
+    EXPECT_EQ(position, blocks.position);
+
+    const kel::test::ScopedEnv oneByOne("QWEN35_DBG", "1");
+    Qwen35Session singles;
+    open(singles, capacity);
+    EXPECT_FALSE(feed(singles, tokens));
+    EXPECT_EQ(position, singles.position);
+    for (size_t l = 0; l < singles.model.layers.size(); ++l) {
+      const qwen35::Layer& expected = singles.model.layers[l];
+      const qwen35::Layer& actual = blocks.model.layers[l];
+      EXPECT_EQ(expected.pos, actual.pos) << l;
+      expectSameState(expected.ssmState, actual.ssmState);
+      expectSameState(expected.convState, actual.convState);
+      for (size_t row = 0; row < expected.pos * blocks.model.headDim; ++row) {
+        EXPECT_EQ(std::bit_cast<uint32_t>(expected.kCache[row]),
+                  std::bit_cast<uint32_t>(actual.kCache[row]));
+      }
+    }
+  }
+
+  kel::test::TempDir folder;
+  std::string path = folder.file("m.zym");
+};
+
+TEST_F(PromptFailure, AHiddenVectorThatIsNotFiniteStopsAfterItsToken) {
+  for (const size_t at : {0u, 1u, 5u, 18u}) {
+    expectStop(20, at, kNotFinite, 8192, at + 1);
+  }
+}
+
+TEST_F(PromptFailure, TheBlocksBeforeStand) {
+  expectStop(140, 130, kNotFinite, 8192, 131);
+}
+
+TEST_F(PromptFailure, ATokenWithoutAnEmbeddingRowIsNotFed) {
+  for (const size_t at : {0u, 1u, 6u, 19u}) {
+    expectStop(20, at, kWithoutRow, 8192, at);
+    expectStop(20, at, -1, 8192, at);
+  }
+}
+
+TEST_F(PromptFailure, WhatFitsIsFed) {
+  expectStop(60, 60, 0, 40, 40);
+  expectStop(41, 41, 0, 40, 40);
+}
+
+TEST_F(PromptFailure, APromptThatJustFitsIsFedWhole) {
+  Qwen35Session session;
+  open(session, 40);
+  EXPECT_TRUE(feed(session, std::vector<int>(40, 11)));
+  EXPECT_EQ(40u, session.position);
+  EXPECT_FALSE(feed(session, {11}));
+  EXPECT_EQ(40u, session.position);
+}
+
+TEST_F(PromptFailure, TimesOfBlocksAddUp) {
+  Qwen35Session session;
+  open(session, 8192);
+  EXPECT_TRUE(feed(session, std::vector<int>(150, 11)));
+  EXPECT_EQ(150u, session.position);
+  EXPECT_GT(session.lastDecodeMs, 0.0);
+  EXPECT_GT(session.decodeMsTotal, session.lastDecodeMs);
 }
 
 TEST_F(DecodeLoop, CountsSampledTokensTheStopTokenIncluded) {

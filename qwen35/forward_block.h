@@ -1,0 +1,26 @@
+// A block of prompt tokens through the whole model at once, for tokens whose logits nobody reads.
+//
+// Every weight is read once per block instead of once per token. Rules of use are those of
+// qwen35/forward.h.
+#pragma once
+
+#include <cstddef>
+
+#include "qwen35/model.h"
+
+namespace qwen35 {
+
+// Tokens that a block holds at most: enough to make the cost of decoding weights small, few enough
+// for the inputs of a matrix to stay in the second cache.
+constexpr size_t kBlockTokens = 128;
+
+// Advances every layer by `count` tokens (1 to kBlockTokens) at positions pos and on, which the
+// caches have room for. emb: their embedding rows, [count][nEmbd]; out: the final normalised hidden
+// states, [count][nEmbd].
+//
+// A token's result does not depend on how a prompt is cut into blocks. Where all matrices are F32,
+// BF16 or Q8_0 it is that of forwardTokenHidden, bit for bit; Q4_K and Q5_K matrices are multiplied
+// decoded, which rounds otherwise than their single-token product. Diagnostics see nothing of it.
+void forwardBlock(Model& m, const float* emb, size_t count, size_t pos, float* out);
+
+}  // namespace qwen35
