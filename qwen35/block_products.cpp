@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "quant/blocks.h"
 #include "qwen35/kernels.h"
 #include "qwen35/products.h"
 #include "qwen35/simd/dispatch.h"
@@ -38,6 +39,20 @@ std::vector<TileScratch>& tileScratch(const BlockInputs& inputs) {
   return perThread;
 }
 
+// decodeRow, by the kernels where blocks are whole.
+void decodeChunk(kel::QuantType type, const void* chunk, float* dst, size_t n) {
+  const KernelTable& table = kernels();
+  if (type == kel::QuantType::Q8_0 && n % kel::quant::kBlockLen == 0) {
+    table.decodeQ80(chunk, dst, n);
+  } else if (type == kel::QuantType::Q4_K && n % kel::quant::kSuperBlockLen == 0) {
+    table.decodeQ4K(chunk, dst, n);
+  } else if (type == kel::QuantType::Q5_K && n % kel::quant::kSuperBlockLen == 0) {
+    table.decodeQ5K(chunk, dst, n);
+  } else {
+    decodeRow(type, chunk, dst, n);
+  }
+}
+
 void addAndClear(std::vector<float>& totals, std::vector<float>& parts) {
   for (size_t i = 0; i < parts.size(); ++i) {
     totals[i] += parts[i];
@@ -59,7 +74,7 @@ void sumTile(const kel::TensorView& weights, size_t firstRow, size_t count,
     const size_t len = std::min(kChunk, cols - at);
     for (size_t r = 0; r < count; ++r) {
       const uint8_t* chunk = first + r * stride + at / kChunk * chunkBytes;
-      decodeRow(weights.type, chunk, s.rows.data() + r * kChunk, len);
+      decodeChunk(weights.type, chunk, s.rows.data() + r * kChunk, len);
     }
     kernels().addChunkProducts(s.rows.data(), inputs.chunk(at), s.parts.data(), count,
                                inputs.count(), len);

@@ -4,6 +4,10 @@
 
 #include <immintrin.h>
 
+#include <cstdint>
+#include <cstring>
+
+#include "qwen35/simd/avx2_float.h"
 #include "qwen35/simd/kernel_table.h"
 
 namespace qwen35::avx2 {
@@ -60,7 +64,112 @@ void addRows(const float* rows, const float* inputs, float* parts, size_t partSt
   }
 }
 
+constexpr size_t kSubLen = 32;
+constexpr size_t kSubBlocks = kChunk / kSubLen;
+constexpr size_t kHeadBytes = 16;  // super-scale, super-minimum, 12 bytes of scales and minimums
+
+struct SubBlockScales {
+  alignas(32) float scale[kSubBlocks];
+  alignas(32) float min[kSubBlocks];
+};
+
+// Four 6-bit fields to a word, in bytes: the first four scales and minimums are the low bits of
+// words 0 and 1; of the last four, word 2 holds the low four bits (scales in its low nibbles,
+// minimums in its high ones) and words 0 and 1 hold the two upper bits.
+SubBlockScales loadScales(const uint8_t* super) {
+  uint32_t word[3];
+  std::memcpy(word, super + 4, sizeof word);
+  const uint64_t scaleBytes =
+      (word[0] & 0x3F3F3F3Fu) |
+      static_cast<uint64_t>((word[2] & 0x0F0F0F0Fu) | ((word[0] >> 2) & 0x30303030u)) << 32;
+  const uint64_t minBytes =
+      (word[1] & 0x3F3F3F3Fu) |
+      static_cast<uint64_t>(((word[2] >> 4) & 0x0F0F0F0Fu) | ((word[1] >> 2) & 0x30303030u)) << 32;
+  const auto widen = [](uint64_t bytes) {
+    const __m128i packed = _mm_cvtsi64_si128(static_cast<long long>(bytes));
+    return _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(packed));
+  };
+  SubBlockScales out;
+  _mm256_store_ps(out.scale, _mm256_mul_ps(_mm256_set1_ps(loadHalf(super)), widen(scaleBytes)));
+  _mm256_store_ps(out.min, _mm256_mul_ps(_mm256_set1_ps(loadHalf(super + 2)), widen(minBytes)));
+  return out;
+}
+
+// The 32 weights of a sub-block from its codes.
+void storeSubBlock(__m256i codes, float scale, float min, float* dst) {
+  const __m256 scales = _mm256_set1_ps(scale);
+  const __m256 mins = _mm256_set1_ps(min);
+  const __m128i low = _mm256_castsi256_si128(codes);
+  const __m128i high = _mm256_extracti128_si256(codes, 1);
+  const __m128i eights[] = {low, _mm_srli_si128(low, 8), high, _mm_srli_si128(high, 8)};
+  for (size_t i = 0; i < kSubLen / kLanes; ++i) {
+    const __m256 code = _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(eights[i]));
+    _mm256_storeu_ps(dst + i * kLanes, _mm256_fmsub_ps(code, scales, mins));
+  }
+}
+
+__m256i load32Bytes(const uint8_t* at) {
+  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
+}
+
+// Sub-block `sub` in the low nibbles, `sub` + 1 in the high ones; fifths: further bits of each.
+void storePair(__m256i nibbles, __m256i lowFifths, __m256i highFifths, const SubBlockScales& s,
+               size_t sub, float* dst) {
+  const __m256i mask = _mm256_set1_epi8(15);
+  const __m256i low = _mm256_or_si256(_mm256_and_si256(nibbles, mask), lowFifths);
+  const __m256i high =
+      _mm256_or_si256(_mm256_and_si256(_mm256_srli_epi16(nibbles, 4), mask), highFifths);
+  storeSubBlock(low, s.scale[sub], s.min[sub], dst);
+  storeSubBlock(high, s.scale[sub + 1], s.min[sub + 1], dst + kSubLen);
+}
+
+// 16 in every byte whose lowest bit is set.
+__m256i fifthBits(__m256i bits) {
+  return _mm256_and_si256(_mm256_slli_epi16(bits, 4), _mm256_set1_epi8(16));
+}
+
 }  // namespace
+
+void decodeQ80(const void* src, float* dst, size_t n) {
+  constexpr size_t kBlockBytes = 34;
+  const auto* block = static_cast<const uint8_t*>(src);
+  for (size_t at = 0; at < n; at += kSubLen, block += kBlockBytes) {
+    const __m256 scale = _mm256_set1_ps(loadHalf(block));
+    for (size_t i = 0; i < kSubLen; i += kLanes) {
+      const __m128i eight = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(block + 2 + i));
+      const __m256 codes = _mm256_cvtepi32_ps(_mm256_cvtepi8_epi32(eight));
+      _mm256_storeu_ps(dst + at + i, _mm256_mul_ps(codes, scale));
+    }
+  }
+}
+
+void decodeQ4K(const void* src, float* dst, size_t n) {
+  constexpr size_t kBlockBytes = 144;
+  const __m256i none = _mm256_setzero_si256();
+  const auto* super = static_cast<const uint8_t*>(src);
+  for (size_t at = 0; at < n; at += kChunk, super += kBlockBytes) {
+    const SubBlockScales s = loadScales(super);
+    for (size_t sub = 0; sub < kSubBlocks; sub += 2) {
+      const __m256i nibbles = load32Bytes(super + kHeadBytes + sub / 2 * kSubLen);
+      storePair(nibbles, none, none, s, sub, dst + at + sub * kSubLen);
+    }
+  }
+}
+
+void decodeQ5K(const void* src, float* dst, size_t n) {
+  constexpr size_t kBlockBytes = 176;
+  const auto* super = static_cast<const uint8_t*>(src);
+  for (size_t at = 0; at < n; at += kChunk, super += kBlockBytes) {
+    const SubBlockScales s = loadScales(super);
+    __m256i bits = load32Bytes(super + kHeadBytes);  // bit j of each byte: sub-block j
+    for (size_t sub = 0; sub < kSubBlocks; sub += 2) {
+      const __m256i nibbles = load32Bytes(super + kHeadBytes + kSubLen + sub / 2 * kSubLen);
+      const __m256i next = _mm256_srli_epi16(bits, 1);
+      storePair(nibbles, fifthBits(bits), fifthBits(next), s, sub, dst + at + sub * kSubLen);
+      bits = _mm256_srli_epi16(bits, 2);
+    }
+  }
+}
 
 void addChunkProducts(const float* rows, const float* inputs, float* parts, size_t nRows,
                       size_t nInputs, size_t len) {

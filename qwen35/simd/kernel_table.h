@@ -73,6 +73,12 @@ struct KernelTable {
   // with groups unspecified, when an element is infinite or NaN.
   bool (*codeInput)(const float* x, size_t cols, CodedInput* groups);
 
+  // The exact values of whole blocks, as the decoders of quant/blocks.h give them. n is a multiple
+  // of the block length.
+  void (*decodeQ80)(const void* src, float* dst, size_t n);
+  void (*decodeQ4K)(const void* src, float* dst, size_t n);
+  void (*decodeQ5K)(const void* src, float* dst, size_t n);
+
   // The row sum of several rows and several inputs, a chunk at a time. rows: [nRows][kChunk],
   // inputs: [nInputs][kChunk], of which the first len (a multiple of kLanes) count; parts:
   // [nRows][nInputs][kLanes]. The chains of the chunk are added to the parts.

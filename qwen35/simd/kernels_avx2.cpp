@@ -10,6 +10,7 @@
 
 #include "qwen35/simd/avx2_blocks.h"
 #include "qwen35/simd/avx2_codes.h"
+#include "qwen35/simd/avx2_float.h"
 #include "qwen35/simd/tables.h"
 
 namespace qwen35 {
@@ -24,26 +25,7 @@ constexpr size_t kRowsAtOnce = 4;
 
 constexpr size_t kLineBytes = 64;
 
-float halfToFloat(uint16_t half) {
-  const uint32_t magnitude = static_cast<uint32_t>(half & 0x7FFFu) << 13;
-  const uint32_t sign = static_cast<uint32_t>(half & 0x8000u) << 16;
-  float value;
-  if ((half & 0x7C00u) == 0x7C00u) {
-    const uint32_t bits = sign | magnitude | 0x7F800000u;
-    std::memcpy(&value, &bits, sizeof value);
-    return value;
-  }
-  // The exponents of the two formats lie 112 apart; the product is exact, for subnormals too.
-  const uint32_t bits = sign | magnitude;
-  std::memcpy(&value, &bits, sizeof value);
-  return value * 0x1p112f;
-}
-
-float loadHalf(const uint8_t* at) {
-  uint16_t half;
-  std::memcpy(&half, at, sizeof half);
-  return halfToFloat(half);
-}
+using avx2::loadHalf;
 
 __m128i load8Bytes(const uint8_t* at) {
   return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(at));
@@ -359,6 +341,9 @@ const KernelTable& avx2Kernels() {
       .rowsQ4K = avx2::codedRowsQ4K,
       .rowsQ5K = avx2::codedRowsQ5K,
       .codeInput = avx2::codeInput,
+      .decodeQ80 = avx2::decodeQ80,
+      .decodeQ4K = avx2::decodeQ4K,
+      .decodeQ5K = avx2::decodeQ5K,
       .addChunkProducts = avx2::addChunkProducts,
       .foldSums = avx2::foldSums,
       .addWeightedRows = addWeightedRows,

@@ -162,6 +162,23 @@ TEST(KernelVariants, RowSumsFollowTheContract) {
   }
 }
 
+TEST(KernelVariants, DecodersGiveTheBitsOfTheBlockFormats) {
+  for (const KernelTable* table : qwen35::supportedKernels()) {
+    const auto expectDecoded = [&](QuantType type, auto decode) {
+      for (const Scales scales : {Scales::Usual, Scales::AnyBits}) {
+        const std::vector<uint8_t> weights = randomRows(type, 1, 64 * 256, 15, scales);
+        std::vector<float> actual(64 * 256);
+        decode(weights.data(), actual.data(), actual.size());
+        EXPECT_EQ(bits(weight_rows::decoded(type, weights.data(), actual.size())), bits(actual))
+            << table->name << " " << kel::quantTypeName(type);
+      }
+    };
+    expectDecoded(QuantType::Q8_0, table->decodeQ80);
+    expectDecoded(QuantType::Q4_K, table->decodeQ4K);
+    expectDecoded(QuantType::Q5_K, table->decodeQ5K);
+  }
+}
+
 TEST(KernelVariants, ChunksOfABlockSumUpToTheRowSums) {
   constexpr size_t kCols = 600;  // two whole chunks and a shorter one
   for (const KernelTable* table : qwen35::supportedKernels()) {

@@ -1,0 +1,35 @@
+// Half precision for the AVX2 files: a header of its own, in an unnamed namespace, so that no copy
+// compiled for wider instructions can serve the rest of the program.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+namespace qwen35::avx2 {
+
+namespace {
+
+inline float halfToFloat(uint16_t half) {
+  const uint32_t magnitude = static_cast<uint32_t>(half & 0x7FFFu) << 13;
+  const uint32_t sign = static_cast<uint32_t>(half & 0x8000u) << 16;
+  float value;
+  if ((half & 0x7C00u) == 0x7C00u) {
+    const uint32_t bits = sign | magnitude | 0x7F800000u;
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+  }
+  // The exponents of the two formats lie 112 apart; the product is exact, for subnormals too.
+  const uint32_t bits = sign | magnitude;
+  std::memcpy(&value, &bits, sizeof value);
+  return value * 0x1p112f;
+}
+
+inline float loadHalf(const uint8_t* at) {
+  uint16_t half;
+  std::memcpy(&half, at, sizeof half);
+  return halfToFloat(half);
+}
+
+}  // namespace
+
+}  // namespace qwen35::avx2
