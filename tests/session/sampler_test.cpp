@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -199,6 +200,26 @@ TEST(Sampling, SameSeedSameChoices) {
   std::mt19937 second(123);
   for (int i = 0; i < 200; ++i)
     ASSERT_EQ(chosen(logits, 1.0F, 0, 1.0F, first), chosen(logits, 1.0F, 0, 1.0F, second));
+}
+
+TEST(Sampling, TwoGeneratorsOnTwoThreadsKeepTheirOwnSequences) {
+  constexpr uint32_t kSeeds[] = {42, 43};
+  constexpr size_t kDraws = 500;
+  const std::vector<float> logits = spreadLogits(1000);
+  const auto sequence = [&logits](uint32_t seed) {
+    std::mt19937 rng(seed);
+    std::vector<int32_t> tokens(kDraws);
+    for (int32_t& token : tokens)
+      token = chosen(logits, 5.0F, 40, 1.0F, rng);
+    return tokens;
+  };
+  std::vector<int32_t> together[2];
+  std::thread other([&] { together[1] = sequence(kSeeds[1]); });
+  together[0] = sequence(kSeeds[0]);
+  other.join();
+  EXPECT_NE(together[0], together[1]);
+  for (size_t i = 0; i < 2; ++i)
+    EXPECT_EQ(sequence(kSeeds[i]), together[i]);
 }
 
 TEST(Sampling, FrequenciesFitTheSoftmaxOfTheBestForty) {
