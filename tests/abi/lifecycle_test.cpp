@@ -236,17 +236,64 @@ TEST_F(Lifecycle, BenchThatEndsAtOnceStillReports) {
   EXPECT_EQ(64, result.genTokens);
 }
 
-TEST_F(Lifecycle, BenchPutsTheSettingsBackUnlessItFails) {
+TEST_F(Lifecycle, BenchPutsTheSettingsBackAndDrawsNothing) {
   const std::string path = folder.file("random.zym");
   kel::test::writeRandomChatModel(path, kel::QuantType::BF16, 8);
   const Handle handle = testing_abi::createHandle(path);
   const std::string greedy = testing_abi::generate(handle, "hello").text;
   const ZYMSessionOptions hot = testing_abi::sampling(5.0f, 50, 1.0f, 7);
   ASSERT_EQ(0u, table().configure(handle.get(), &hot));
+  const std::string sampled = testing_abi::generate(handle, "hello").text;
+  ASSERT_NE(greedy, sampled);
+
+  ASSERT_EQ(0u, table().configure(handle.get(), &hot));
   ZYMBenchResult result{};
   const ZYMBenchParams params = {.structSize = 12, .genTokens = 1, .extraTokens = 1};
   ASSERT_EQ(0u, table().bench(handle.get(), &params, &result));
-  EXPECT_NE(greedy, testing_abi::generate(handle, "hello").text);
+  EXPECT_EQ(sampled, testing_abi::generate(handle, "hello").text);
+}
+
+// A model whose "H" lies past the last row of the matrix: it runs, but not on the bench's prompt.
+ChatModel unableToBench() {
+  return {.editTables = [](kel::TokenizerData& tables) {
+    tables.tokens[static_cast<size_t>(kel::test::chatId("H"))] = "<H>";
+    tables.tokens.emplace_back("H");
+    tables.tokenTypes.push_back(1);
+  }};
+}
+
+TEST_F(Lifecycle, BenchThatFailsLeavesTheSessionGreedy) {
+  const Handle handle = testing_abi::createHandle(model(unableToBench()));
+  const std::string greedy = testing_abi::generate(handle, "x").text;
+  ASSERT_EQ(std::string(96, 'a'), greedy);
+  const ZYMSessionOptions hot = testing_abi::sampling(100.0f, 50, 1.0f, 7);
+  ASSERT_EQ(0u, table().configure(handle.get(), &hot));
+  const std::string sampled = testing_abi::generate(handle, "x").text;
+  ASSERT_NE(greedy, sampled);
+
+  ZYMBenchResult result = {.structSize = 7, .msPerToken = 1, .tokensPerSecond = 2, .genTokens = 3};
+  ASSERT_EQ(1u, table().bench(handle.get(), nullptr, &result));
+  EXPECT_EQ(7u, result.structSize) << "a result that is not there is not written";
+  EXPECT_EQ(3, result.genTokens);
+  EXPECT_EQ(greedy, testing_abi::generate(handle, "x").text);
+
+  // Temperature and top-k both stay: a temperature alone does not end it.
+  const ZYMSessionOptions temperature = testing_abi::sampling(100.0f, 0, 0.0f, 0);
+  ASSERT_EQ(0u, table().configure(handle.get(), &temperature));
+  EXPECT_EQ(greedy, testing_abi::generate(handle, "x").text);
+  ASSERT_EQ(0u, table().configure(handle.get(), &hot));
+  EXPECT_EQ(sampled, testing_abi::generate(handle, "x").text);
+}
+
+TEST_F(Lifecycle, BenchThatFailsHasEndedTheConversation) {
+  const Handle handle = testing_abi::createHandle(model(unableToBench()));
+  ASSERT_EQ(0u, testing_abi::chatTurn(handle, "x").status);
+  const uint64_t firstTurn = statsOf(handle).contextTokens;
+  ZYMBenchResult result{};
+  ASSERT_EQ(1u, table().bench(handle.get(), nullptr, &result));
+  EXPECT_EQ(0u, statsOf(handle).contextTokens);
+  EXPECT_EQ(0u, testing_abi::chatTurn(handle, "x").status);
+  EXPECT_EQ(firstTurn, statsOf(handle).contextTokens);
 }
 
 }  // namespace
