@@ -1,6 +1,8 @@
 // Every chat of the demonstration checkpoint, word for word, through the built library.
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include "tests/abi/chat_host.h"
 #include "tests/support/demo_model.h"
 #include "tests/support/temp_dir.h"
@@ -16,6 +18,10 @@ struct Variant {
   kel::QuantType matrices;
   bool streamed;
 };
+
+void PrintTo(const Variant& variant, std::ostream* out) {
+  *out << variant.name;
+}
 
 class DemoChat : public testing::TestWithParam<Variant> {};
 
