@@ -60,7 +60,10 @@ uint32_t bufferedTurn(Qwen35Session& session, const char* userText, char* out, s
 uint32_t qwen35StreamChatTurnImpl(Qwen35Session& session, const char* userText,
                                   ZYMStreamCallback callback, void* userData,
                                   const volatile int* cancel) {
-  const auto cancelled = [cancel] { return cancel != nullptr && *cancel != 0; };
+  // Atomic, as another thread may store at this moment. Nothing is published with the flag.
+  const auto cancelled = [cancel] {
+    return cancel != nullptr && __atomic_load_n(cancel, __ATOMIC_RELAXED) != 0;
+  };
   OpenTurn turn;
   if (!openTurn(session, userText, turn)) return ZYM_STATUS_FAILED;
   if (cancelled()) return ZYM_STATUS_OK;

@@ -221,6 +221,29 @@ TEST_F(Chat, CancellingFromAnotherThreadStopsAfterThePieceInFlight) {
   EXPECT_EQ(position + kFramingTokens, statsOf(handle).contextTokens);
 }
 
+void countPiece(const char*, uint32_t, void* userData) {
+  ++*static_cast<std::atomic<int>*>(userData);
+}
+
+// Nobody waits for anybody: the flag is read while it is written.
+TEST_F(Chat, AThreadMayCancelAtAnyMoment) {
+  const Handle handle = open();
+  std::atomic<int> delivered{0};
+  volatile int cancel = 0;
+  std::thread other([&] {
+    while (delivered < 3)
+      std::this_thread::yield();
+    __atomic_store_n(&cancel, 1, __ATOMIC_RELAXED);
+  });
+  const auto stream = plugin().runtimesV2S(nullptr)->chatTurnStream;
+  EXPECT_EQ(0u, stream(handle.get(), "hi", countPiece, &delivered, &cancel));
+  other.join();
+  EXPECT_GE(delivered, 3);
+  EXPECT_EQ(kFramingTokens + 2 + static_cast<uint64_t>(delivered) - 1,
+            statsOf(handle).contextTokens)
+      << "the last piece's token is not fed";
+}
+
 TEST_F(Chat, NonFiniteLogitsWhileGeneratingFailButDeliveredPiecesStand) {
   const Handle handle = open(explodingModel());
   const Reply streamed = testing_abi::streamTurn(handle, "hi");
