@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <optional>
 #include <string>
 
@@ -28,6 +29,19 @@ std::string filling(uint64_t words) {
 }
 
 }  // namespace
+
+ModelWork modelWork(const kel::ZYM2Reader& reader) {
+  ModelWork work;
+  work.weightBytes = reader.sectionSize(kel::zym2::SectionType::WeightData);
+  for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
+    const uint8_t* entry = reader.tensorEntry(i);
+    const kel::ZYM2Reader::TensorEntryView tensor = reader.tensorView(size_t{i});
+    const bool isMatrix = entry != nullptr && tensor.rank == 2;
+    const bool isBlock = isMatrix && std::memcmp(entry, "blk.", 4) == 0;  // the name comes first
+    if (isBlock) work.multiplyAddsPerPrefillToken += tensor.dims[0] * tensor.dims[1];
+  }
+  return work;
+}
 
 Spread spreadOf(std::vector<double> values) {
   std::sort(values.begin(), values.end());

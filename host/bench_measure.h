@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "container/status.h"
+#include "container/zym2_reader.h"
 #include "host/backend.h"
 
 namespace zym {
@@ -17,6 +18,13 @@ struct Spread {
 
 // Of at least one value.
 Spread spreadOf(std::vector<double> values);
+
+// What a model asks of the machine.
+struct ModelWork {
+  uint64_t weightBytes = 0;  // read once for a decoded token; the embedding is the output head too
+  uint64_t multiplyAddsPerPrefillToken = 0;  // by weights; only a prompt's last token has a head
+};
+ModelWork modelWork(const kel::ZYM2Reader& reader);
 
 struct PrefillRun {
   uint64_t positions = 0;  // fed in this run

@@ -13,6 +13,7 @@
 #include "host/bench_measure.h"
 #include "host/commands.h"
 #include "host/memory_use.h"
+#include "host/multiply_peak.h"
 #include "host/read_bandwidth.h"
 #include "host/terminal.h"
 #include "host/threads.h"
@@ -37,8 +38,9 @@ struct BenchOptions {
 
 struct BenchReport {
   double createSeconds = 0;
-  uint64_t weightBytes = 0;
+  ModelWork work;
   double bandwidth = 0;               // bytes a second
+  double multiplyPeak = 0;            // multiply-adds a second
   std::vector<double> prefillSpeeds;  // tokens a second, one for each repetition
   std::vector<double> decodeSpeeds;
   uint64_t prefillPositions = 0;
@@ -47,11 +49,10 @@ struct BenchReport {
   int threads = 0;
 };
 
-// Every weight is read once for a token: the embedding is the output head as well.
-Status readWeightBytes(const std::string& path, uint64_t& bytes) {
+Status readWork(const std::string& path, ModelWork& work) {
   kel::ZYM2Reader reader;
   Status status = reader.open(path.c_str());
-  bytes = reader.sectionSize(kel::zym2::SectionType::WeightData);
+  if (status.ok()) work = modelWork(reader);
   return status;
 }
 
@@ -78,19 +79,27 @@ Status measure(const BenchOptions& options, BenchReport& report) {
   Status status = openEngine(options.engine, engine);
   const std::chrono::duration<double> created = std::chrono::steady_clock::now() - start;
   report.createSeconds = created.count();
-  if (status.ok()) status = readWeightBytes(options.engine.model, report.weightBytes);
+  if (status.ok()) status = readWork(options.engine.model, report.work);
   for (int i = 0; status.ok() && i < options.repetitions; ++i)
     status = measureOnce(*engine.backend, options, report);
   report.memory = memoryUse();
   report.bandwidth = readBandwidth(kBandwidthBuffer, report.threads);
+  report.multiplyPeak = multiplyPeak(report.threads);
   return status;
 }
 
 // Part of the machine's read bandwidth that decoding reaches.
 double bandwidthShare(const BenchReport& report) {
   const double read =
-      spreadOf(report.decodeSpeeds).median * static_cast<double>(report.weightBytes);
+      spreadOf(report.decodeSpeeds).median * static_cast<double>(report.work.weightBytes);
   return report.bandwidth > 0 ? read / report.bandwidth : 0;
+}
+
+// Part of the machine's single-precision multiply-adds that the prefill's products reach.
+double multiplyShare(const BenchReport& report) {
+  const double done = spreadOf(report.prefillSpeeds).median *
+                      static_cast<double>(report.work.multiplyAddsPerPrefillToken);
+  return report.multiplyPeak > 0 ? done / report.multiplyPeak : 0;
 }
 
 std::string spreadText(const std::vector<double>& speeds) {
@@ -106,10 +115,16 @@ void printTable(const BenchOptions& options, const BenchReport& report) {
              spreadText(report.prefillSpeeds));
   fmt::print("| {:<33} | {} |\n", fmt::format("decode behind {} positions", report.decodeAt),
              spreadText(report.decodeSpeeds));
-  fmt::print("| {:<33} | {:>29} |\n", "weights read for a token", bytesText(report.weightBytes));
+  fmt::print("| {:<33} | {:>29} |\n", "weights read for a token",
+             bytesText(report.work.weightBytes));
   fmt::print("| {:<33} | {:>27}/s |\n", "read bandwidth of the machine",
              bytesText(static_cast<uint64_t>(report.bandwidth)));
   fmt::print("| {:<33} | {:>27.0f} % |\n", "decode, share of it", bandwidthShare(report) * 100);
+  fmt::print("| {:<33} | {:>27.1f} G |\n", "multiply-adds of a prefill token",
+             static_cast<double>(report.work.multiplyAddsPerPrefillToken) / 1e9);
+  fmt::print("| {:<33} | {:>25.1f} G/s |\n", "multiply-adds of the machine",
+             report.multiplyPeak / 1e9);
+  fmt::print("| {:<33} | {:>27.0f} % |\n", "prefill, share of them", multiplyShare(report) * 100);
   fmt::print("| {:<33} | {:>26.3f} s |\n", "create", report.createSeconds);
   fmt::print("| {:<33} | {:>29} |\n", "resident memory", bytesText(report.memory.resident));
   fmt::print("| {:<33} | {:>29} |\n", "of that pages of files", bytesText(report.memory.file));
@@ -123,19 +138,23 @@ nlohmann::ordered_json spreadJson(const std::vector<double>& speeds) {
 }
 
 void printJson(const BenchOptions& options, const BenchReport& report) {
-  const nlohmann::ordered_json all = {{"model", options.engine.model},
-                                      {"threads", report.threads},
-                                      {"repetitions", options.repetitions},
-                                      {"prefillPositions", report.prefillPositions},
-                                      {"prefillTokensPerSecond", spreadJson(report.prefillSpeeds)},
-                                      {"decodeBehindPositions", report.decodeAt},
-                                      {"decodeTokensPerSecond", spreadJson(report.decodeSpeeds)},
-                                      {"weightBytes", report.weightBytes},
-                                      {"readBytesPerSecond", report.bandwidth},
-                                      {"decodeBandwidthShare", bandwidthShare(report)},
-                                      {"createSeconds", report.createSeconds},
-                                      {"residentBytes", report.memory.resident},
-                                      {"residentFileBytes", report.memory.file}};
+  const nlohmann::ordered_json all = {
+      {"model", options.engine.model},
+      {"threads", report.threads},
+      {"repetitions", options.repetitions},
+      {"prefillPositions", report.prefillPositions},
+      {"prefillTokensPerSecond", spreadJson(report.prefillSpeeds)},
+      {"decodeBehindPositions", report.decodeAt},
+      {"decodeTokensPerSecond", spreadJson(report.decodeSpeeds)},
+      {"weightBytes", report.work.weightBytes},
+      {"readBytesPerSecond", report.bandwidth},
+      {"decodeBandwidthShare", bandwidthShare(report)},
+      {"multiplyAddsPerPrefillToken", report.work.multiplyAddsPerPrefillToken},
+      {"multiplyAddsPerSecond", report.multiplyPeak},
+      {"prefillMultiplyShare", multiplyShare(report)},
+      {"createSeconds", report.createSeconds},
+      {"residentBytes", report.memory.resident},
+      {"residentFileBytes", report.memory.file}};
   fmt::print("{}\n", all.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
 }
 

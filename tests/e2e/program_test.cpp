@@ -272,8 +272,10 @@ TEST_F(ProgramTest, BenchReportsEveryMeasure) {
     EXPECT_LE(report[speed]["min"], report[speed]["median"]) << speed;
     EXPECT_LE(report[speed]["median"], report[speed]["max"]) << speed;
   }
-  for (const char* measure : {"weightBytes", "readBytesPerSecond", "decodeBandwidthShare",
-                              "createSeconds", "residentBytes", "residentFileBytes"})
+  for (const char* measure :
+       {"weightBytes", "readBytesPerSecond", "decodeBandwidthShare", "multiplyAddsPerPrefillToken",
+        "multiplyAddsPerSecond", "prefillMultiplyShare", "createSeconds", "residentBytes",
+        "residentFileBytes"})
     EXPECT_GT(report[measure], 0) << measure;
 }
 
