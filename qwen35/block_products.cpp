@@ -136,8 +136,7 @@ void multiplyBlock(const kel::TensorView& weights, const BlockInputs& inputs, fl
 #pragma omp parallel
   {
     const auto t = static_cast<size_t>(omp_get_thread_num());
-    const auto nThreads = static_cast<size_t>(omp_get_num_threads());
-    multiply(weights, threadRows(rows, nThreads, t), rows, inputs, scratch[t], y);
+    multiply(weights, rowsOfThisThread(rows), rows, inputs, scratch[t], y);
   }
 }
 

@@ -99,9 +99,13 @@ void ffnStep(size_t nEmbd, Layer& layer, const float* xn, float* out) {
   s.up.assign(width, 0.0f);
   gemvRow(unused, layer.ffnGate, xn, s.gate.data());
   gemvRow(unused, layer.ffnUp, xn, s.up.data());
-  silu(s.gate.data(), s.gate.data(), width);
-  for (size_t i = 0; i < width; ++i) {
-    s.gate[i] *= s.up[i];
+#pragma omp parallel
+  {
+    const RowRange part = rowsOfThisThread(width);
+    silu(s.gate.data() + part.begin, s.gate.data() + part.begin, part.end - part.begin);
+    for (size_t i = part.begin; i < part.end; ++i) {
+      s.gate[i] *= s.up[i];
+    }
   }
   std::fill_n(out, nEmbd, 0.0f);
   gemvRow(unused, layer.ffnDown, s.gate.data(), out);

@@ -98,13 +98,11 @@ void updateHead(const Model& m, Layer& layer, size_t h, const float* keys, float
           d, g, scale);
 }
 
-// Norm per head with one set of weights for all, then the gate: silu(z). o, z: [ssmInner].
-void normaliseAndGate(const Model& m, const Layer& layer, float* o, const float* z) {
+// Norm of head h with one set of weights for all, then the gate: silu(z). o, z: [ssmInner].
+void normaliseAndGate(const Model& m, const Layer& layer, size_t h, float* o, const float* z) {
   const size_t d = m.ssmDState;
-  for (size_t h = 0; h < m.ssmHeads; ++h) {
-    rmsNorm(o + h * d, floats(layer.ssmNorm), o + h * d, d, kNormEps);
-  }
-  for (size_t i = 0; i < m.ssmInner; ++i) {
+  rmsNorm(o + h * d, floats(layer.ssmNorm), o + h * d, d, kNormEps);
+  for (size_t i = h * d; i < (h + 1) * d; ++i) {
     o[i] *= z[i] / (1.0f + std::exp(-z[i]));
   }
 }
@@ -137,22 +135,27 @@ void linearAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t l
   activateGates(layer, s.beta.data(), s.g.data(), m.ssmHeads);
   ++layer.written;
   s.conv.resize(m.convChannels());
-  convolve(*layer.ssmConv1d, s.qkv.data(), layer.convState.data(), s.conv.data(), 0,
-           m.convChannels());
+#pragma omp parallel
+  {
+    const RowRange channels = rowsOfThisThread(m.convChannels());
+    convolve(*layer.ssmConv1d, s.qkv.data(), layer.convState.data(), s.conv.data(), channels.begin,
+             channels.end);
+  }
   s.keys.resize(keyFloats(m));
   normaliseKeys(m, s.conv.data(), s.keys.data());
   float* values = s.conv.data() + keyFloats(m);
   const bool decays = !diagnosticSet("QWEN35_NODECAY");
+  s.o.resize(m.ssmInner);
 #pragma omp parallel for schedule(static)
   for (size_t h = 0; h < m.ssmHeads; ++h) {
     updateHead(m, layer, h, s.keys.data(), values, s.beta[h], decays ? s.g[h] : 0.0f);
+    std::copy_n(values + h * m.ssmDState, m.ssmDState, s.o.data() + h * m.ssmDState);
+    normaliseAndGate(m, layer, h, s.o.data(), s.z.data());
   }
-  s.o.assign(values, values + m.ssmInner);
   const bool report = linearReportWanted(layerIdx);
   if (report) {
-    s.ungated = s.o;
+    s.ungated.assign(values, values + m.ssmInner);
   }
-  normaliseAndGate(m, layer, s.o.data(), s.z.data());
   std::fill_n(out, m.nEmbd, 0.0f);
   gemvRow(m, layer.ssmOut, s.o.data(), out);
   if (report) {
@@ -238,7 +241,9 @@ void mixBlock(const Model& m, Layer& layer, size_t count, BlockScratch& s) {
     for (size_t i = 0; i < count; ++i) {
       float* o = s.o.data() + i * m.ssmInner;
       std::copy_n(s.conv.data() + i * channels + keyFloats(m), m.ssmInner, o);
-      normaliseAndGate(m, layer, o, s.z.data() + i * m.ssmInner);
+      for (size_t h = 0; h < m.ssmHeads; ++h) {
+        normaliseAndGate(m, layer, h, o, s.z.data() + i * m.ssmInner);
+      }
     }
   }
 }

@@ -26,8 +26,8 @@ void gdnStep(float* state, const float* q, const float* k, float* v, float beta,
 // The value heads cycle over the key heads: head h reads key head h mod ssmGroups. The environment
 // variable QWEN35_NODECAY switches the decay of the state off.
 //
-// Products and heads run on the OpenMP team, everything else on the calling thread. Scratch is kept
-// per host thread between calls; std::bad_alloc is thrown when it cannot grow.
+// Products, channels and heads run on the OpenMP team, everything else on the calling thread.
+// Scratch is kept per host thread between calls; std::bad_alloc is thrown when it cannot grow.
 void linearAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t layerIdx,
                     size_t pos);
 

@@ -121,10 +121,7 @@ void keepLastRow(const RowSource& weights, RowRange range, float* scratch) {
 template <typename Body>
 void overRows(size_t rows, const Body& body) {
 #pragma omp parallel
-  {
-    const auto t = static_cast<size_t>(omp_get_thread_num());
-    body(t, threadRows(rows, static_cast<size_t>(omp_get_num_threads()), t));
-  }
+  { body(static_cast<size_t>(omp_get_thread_num()), rowsOfThisThread(rows)); }
 }
 
 void addProduct(const RowSource& weights, const float* x, float* y, size_t rows) {
@@ -214,6 +211,11 @@ RowRange threadRows(size_t rows, size_t nThreads, size_t t) {
   const size_t longer = rows % nThreads;
   const size_t begin = t * share + std::min(t, longer);
   return {begin, begin + share + (t < longer ? 1 : 0)};
+}
+
+RowRange rowsOfThisThread(size_t rows) {
+  return threadRows(rows, static_cast<size_t>(omp_get_num_threads()),
+                    static_cast<size_t>(omp_get_thread_num()));
 }
 
 void matvecF32Add(const float* weights, const float* x, float* y, size_t rows, size_t cols) {

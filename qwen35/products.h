@@ -42,6 +42,9 @@ struct RowRange {
 };
 RowRange threadRows(size_t rows, size_t nThreads, size_t t);
 
+// Those of the calling thread in the parallel region that it is in.
+RowRange rowsOfThisThread(size_t rows);
+
 // y[r] += row r times x. weights: [rows][cols], row-major; x: [cols]; y: [rows]. Each row is
 // summed as dotF32 does.
 void matvecF32Add(const float* weights, const float* x, float* y, size_t rows, size_t cols);
