@@ -1,16 +1,15 @@
 #include "container/zym2_writer.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <functional>
 
 #include "container/zym_loader.h"
 #include "tests/support/container_samples.h"
+#include "tests/support/file_size_limit.h"
 
 namespace {
 
@@ -24,6 +23,7 @@ using kel::ZYM2Writer;
 using kel::ZYMLoader;
 using kel::test::Bytes;
 using kel::test::ContainerImage;
+using kel::test::FileSizeLimit;
 using kel::zym2::SectionType;
 namespace test = kel::test;
 
@@ -357,26 +357,6 @@ TEST_F(WriterTest, AMistakeAnAbandonAndADestructionLeaveTheTargetAlone) {
   EXPECT_EQ(1U, filesInFolder());
   EXPECT_EQ((Bytes{'o', 'l', 'd'}), test::readFile(path));
 }
-
-// A full disk, as far as one process can arrange it: files may not grow past a limit.
-class FileSizeLimit {
- public:
-  explicit FileSizeLimit(rlim_t nBytes) : oldHandler(std::signal(SIGXFSZ, SIG_IGN)) {
-    ::getrlimit(RLIMIT_FSIZE, &old);
-    const rlimit limit = {nBytes, old.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FileSizeLimit() {
-    ::setrlimit(RLIMIT_FSIZE, &old);
-    std::signal(SIGXFSZ, oldHandler);
-  }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
- private:
-  void (*oldHandler)(int);
-  rlimit old{};
-};
 
 TEST_F(WriterTest, AFullDiskWhileStreamingIsReportedAndLeavesTheTargetAlone) {
   test::writeFile(path, {'o', 'l', 'd'});

@@ -1,0 +1,221 @@
+#include "convert/convert.h"
+
+#include <algorithm>
+#include <exception>
+#include <filesystem>
+#include <new>
+#include <thread>
+#include <utility>
+
+#include "container/zym2_writer.h"
+#include "convert/errors.h"
+#include "convert/free_space.h"
+#include "convert/norm_check.h"
+#include "convert/section_checksums.h"
+#include "convert/source_model.h"
+#include "convert/tensor_plan.h"
+#include "convert/tensor_stream.h"
+
+namespace kel::convert {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kTargetEnding = ".zym";
+// Head, metadata, and the padding between sections.
+constexpr uint64_t kFixedBytes = 65536;
+constexpr unsigned kMostThreads = 256;
+
+bool isStorable(std::optional<QuantType> type) {
+  return !type || *type == QuantType::F32 || *type == QuantType::BF16 || *type == QuantType::Q8_0 ||
+         *type == QuantType::Q5_K || *type == QuantType::Q4_K;
+}
+
+Status checkOptions(const ConvertOptions& options) {
+  const StorageChoice& storage = options.storage;
+  if (storage.type && storage.preset) {
+    return Status::invalid("a type and a preset exclude each other: choose one");
+  }
+  if (!isStorable(storage.type) || !isStorable(storage.embeddingType)) {
+    return Status::invalid("matrices are stored as F32, BF16, Q8_0, Q5_K or Q4_K");
+  }
+  if (!options.target.ends_with(kTargetEnding)) {
+    return malformed("the name of the target must end in {}: {}", kTargetEnding, options.target);
+  }
+  std::error_code error;
+  if (fs::equivalent(options.source, options.target, error)) {
+    return malformed("source and target are the same file: {}", options.target);
+  }
+  if (!options.force && fs::exists(fs::symlink_status(options.target, error))) {
+    return malformed("{} exists already: choose another name, or force its replacement",
+                     options.target);
+  }
+  return Status::success();
+}
+
+uint64_t textBytes(const std::vector<std::string>& texts) {
+  uint64_t nBytes = 0;
+  for (const std::string& text : texts)
+    nBytes += sizeof(uint32_t) + text.size();
+  return nBytes;
+}
+
+uint64_t estimatedBytes(const std::vector<PlannedTensor>& plan, const TokenizerData& tokenizer) {
+  uint64_t nBytes = kFixedBytes + textBytes(tokenizer.tokens) + textBytes(tokenizer.merges) +
+                    tokenizer.tokenTypes.size() * sizeof(int32_t);
+  for (const PlannedTensor& tensor : plan) {
+    nBytes +=
+        tensor.storedBytes + zym2::kAlignment + zym2::kTensorEntryBytes + zym2::kQuantRecordBytes;
+  }
+  return nBytes;
+}
+
+void addToGroups(const PlannedTensor& tensor, ConvertSummary& summary) {
+  const auto alike = [&](const TensorGroup& group) {
+    return group.name == tensor.spec.suffix && group.sourceType == tensor.source->typeName &&
+           group.storedType == tensor.stored && group.reason == tensor.reason;
+  };
+  auto group = std::find_if(summary.groups.begin(), summary.groups.end(), alike);
+  if (group == summary.groups.end()) {
+    group = summary.groups.insert(group, {std::string(tensor.spec.suffix), tensor.source->typeName,
+                                          tensor.stored, tensor.reason});
+  }
+  group->count += 1;
+  group->sourceBytes += tensor.source->nBytes;
+  group->storedBytes += tensor.storedBytes;
+  summary.sourceBytes += tensor.source->nBytes;
+  summary.storedBytes += tensor.storedBytes;
+}
+
+ConvertSummary summarise(const SourceModel& source, const std::vector<PlannedTensor>& plan) {
+  ConvertSummary summary;
+  summary.modelName = source.name;
+  summary.sourceFormat = source.format;
+  summary.skipped = source.skipped;
+  for (const PlannedTensor& tensor : plan)
+    addToGroups(tensor, summary);
+  return summary;
+}
+
+// One conversion from the checked plan on: writer, checksums and progress move together.
+class ContainerStream {
+ public:
+  ContainerStream(const ConvertOptions& convertOptions, ProgressSink& progressSink)
+      : options(convertOptions), progress(progressSink) {}
+
+  Status write(const SourceModel& source, const std::vector<PlannedTensor>& plan,
+               uint64_t sourceBytes, TokenizerData tokenizer) {
+    totalBytes = sourceBytes;
+    Status status = writer.create(options.target);
+    for (const PlannedTensor& tensor : plan) {
+      if (status.ok()) status = writeTensor(source, tensor);
+    }
+    // Also asked at the end: what follows is short, and then it is too late.
+    if (status.ok()) status = goOn();
+    if (!status.ok()) return status;
+    addMetadata(source);
+    checksums.addTo(writer, tokenizer);
+    writer.setTokenizer(std::move(tokenizer));
+    return writer.finish();
+  }
+
+  bool wasCancelled() const { return cancelled; }
+
+ private:
+  Status goOn() {
+    cancelled = cancelled || progress.cancelled();
+    return cancelled ? Status::ioError("cancelled") : Status::success();
+  }
+
+  Status writeTensor(const SourceModel& source, const PlannedTensor& tensor) {
+    Status status = writer.beginTensor(tensor.spec.name, tensor.stored, tensor.spec.dims);
+    if (!status.ok()) return status;
+    checksums.beginTensor(tensor.spec.name, tensor.stored, tensor.spec.dims);
+    const unsigned threads =
+        std::clamp(options.threads != 0 ? options.threads : std::thread::hardware_concurrency(), 1U,
+                   kMostThreads);
+    status = streamTensor(tensor, source, threads,
+                          [&](const uint8_t* data, size_t nBytes, uint64_t nSource) {
+                            return writeBytes(data, nBytes, nSource);
+                          });
+    return status.ok() ? writer.endTensor() : status;
+  }
+
+  Status writeBytes(const uint8_t* data, size_t nBytes, uint64_t nSource) {
+    Status status = goOn();
+    if (status.ok()) status = writer.writeTensorData(data, nBytes);
+    if (!status.ok()) return status;
+    checksums.writeTensorData(data, nBytes);
+    doneBytes += nSource;
+    progress.onProgress(doneBytes, totalBytes);
+    return status;
+  }
+
+  void addMetadata(const SourceModel& source) {
+    const auto typeName = [](std::optional<QuantType> type) {
+      return type ? quantTypeName(*type) : "keep";
+    };
+    const StorageChoice& storage = options.storage;
+    writer.addMetaStr("general.architecture", "qwen35");
+    writer.addMetaStr("general.name", source.name);
+    writer.addMetaStr("zym.source.format", source.format);
+    writer.addMetaStr("zym.source.files", fmt::format("{}", fmt::join(source.fileNames, "\n")));
+    if (storage.preset) {
+      writer.addMetaStr("zym.convert.preset", presetName(*storage.preset));
+    } else {
+      writer.addMetaStr("zym.convert.type", typeName(storage.type));
+    }
+    if (storage.embeddingType) {
+      writer.addMetaStr("zym.convert.embedding_type", typeName(storage.embeddingType));
+    }
+  }
+
+  const ConvertOptions& options;
+  ProgressSink& progress;
+  ZYM2Writer writer;  // its destruction removes what finish() has not completed
+  SectionChecksums checksums;
+  uint64_t totalBytes = 0;
+  uint64_t doneBytes = 0;
+  bool cancelled = false;
+};
+
+Status convert(const ConvertOptions& options, ProgressSink& progress, ConvertResult& result) {
+  SourceModel source;
+  std::vector<PlannedTensor> plan;
+  TokenizerData tokenizer;
+  Status status = checkOptions(options);
+  if (status.ok()) status = readSourceModel(options.source, source);
+  if (!options.name.empty()) source.name = options.name;
+  if (status.ok()) status = planTensors(source, options.storage, plan);
+  if (status.ok()) status = checkNorms(plan, source);
+  if (!status.ok()) return status;
+  // The embedding comes first in the plan.
+  status = buildTokenizer(std::move(source.vocabulary), plan.front().spec.dims[1],
+                          options.vocabulary, tokenizer);
+  if (status.ok()) {
+    status = checkFreeSpace(options.target, estimatedBytes(plan, tokenizer));
+  }
+  if (!status.ok()) return status;
+  result.summary = summarise(source, plan);
+  ContainerStream stream(options, progress);
+  status = stream.write(source, plan, result.summary.sourceBytes, std::move(tokenizer));
+  result.cancelled = stream.wasCancelled();
+  return status;
+}
+
+}  // namespace
+
+ConvertResult convertModel(const ConvertOptions& options, ProgressSink& progress) {
+  ConvertResult result;
+  try {
+    result.status = convert(options, progress, result);
+  } catch (const std::bad_alloc&) {
+    result.status = Status::ioError("not enough memory");
+  } catch (const std::exception& error) {
+    result.status = malformed("unexpected failure: {}", error.what());
+  }
+  return result;
+}
+
+}  // namespace kel::convert

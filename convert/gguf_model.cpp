@@ -1,0 +1,161 @@
+#include "convert/gguf_model.h"
+
+#include <algorithm>
+#include <string>
+#include <utility>
+
+#include "convert/errors.h"
+#include "convert/gguf_metadata.h"
+
+namespace kel::convert {
+
+namespace {
+
+// Tensors that text generation does without: kind and what their names begin with. Block 32 is the
+// prediction block.
+constexpr std::pair<std::string_view, const char*> kSkipped[] = {
+    {"blk.32.", "multi-token prediction"},
+    {"mtp.", "multi-token prediction"},
+    {"v.", "vision"},
+    {"mm.", "vision"},
+};
+
+const char* skippedKind(std::string_view name) {
+  for (const auto& [prefix, kind] : kSkipped) {
+    if (name.starts_with(prefix)) return kind;
+  }
+  return nullptr;
+}
+
+// Some writers leave the ".bias" off this one name.
+std::string containerName(std::string_view name) {
+  return std::string(name) + (name.ends_with(".ssm_dt") ? ".bias" : "");
+}
+
+SourceTensor sourceTensor(const GgufTensor& tensor) {
+  return {std::string(tensor.name),
+          std::string(tensor.typeName),
+          tensor.type,
+          tensor.dims,
+          tensor.data,
+          tensor.nBytes};
+}
+
+Status readTensors(const GgufFile& file, SourceModel& out) {
+  for (const GgufTensor& tensor : file.tensors()) {
+    if (const char* kind = skippedKind(tensor.name); kind != nullptr) {
+      ++out.skipped[kind];
+    } else if (tensor.name == "output.weight") {
+      out.outputHead = sourceTensor(tensor);
+    } else if (!out.tensors.emplace(containerName(tensor.name), sourceTensor(tensor)).second) {
+      return malformed("GGUF: {} occurs with and without \".bias\"", printable(tensor.name));
+    }
+  }
+  return Status::success();
+}
+
+const std::vector<std::string_view>* findStrings(const GgufFile& file, std::string_view key) {
+  const GgufValue* value = file.find(key);
+  if (value == nullptr || value->type != GgufType::Array ||
+      value->elementType != GgufType::String) {
+    return nullptr;
+  }
+  return &value->strings;
+}
+
+// An id, -1 where the key is absent.
+Status readId(const GgufFile& file, std::string_view key, int32_t& id) {
+  const GgufValue* value = file.find(key);
+  if (value == nullptr) return Status::success();
+  const std::optional<int64_t> stored = value->asInteger();
+  if (!stored || *stored < -1 || *stored > INT32_MAX) {
+    return malformed("GGUF: {} is not a token id", key);
+  }
+  id = static_cast<int32_t>(*stored);
+  return Status::success();
+}
+
+Status readTokenTypes(const GgufFile& file, Vocabulary& out) {
+  const GgufValue* types = file.find("tokenizer.ggml.token_type");
+  if (types == nullptr || types->type != GgufType::Array || types->elementType != GgufType::I32 ||
+      types->count != out.tokens.size()) {
+    return malformed("GGUF: tokenizer.ggml.token_type is not a list of {} 32-bit integers",
+                     out.tokens.size());
+  }
+  out.types.reserve(types->count);
+  for (uint64_t i = 0; i < types->count; ++i)
+    out.types.push_back(static_cast<int32_t>(types->integerAt(i).value_or(kNormalToken)));
+  return Status::success();
+}
+
+Status readMerges(const GgufFile& file, Vocabulary& out) {
+  const auto* merges = findStrings(file, "tokenizer.ggml.merges");
+  if (merges == nullptr) return malformed("GGUF: tokenizer.ggml.merges is missing");
+  for (const std::string_view rule : *merges) {
+    if (std::count(rule.begin(), rule.end(), ' ') != 1) {
+      return malformed("GGUF: merge rule {} is not a pair", out.merges.size());
+    }
+    out.merges.emplace_back(rule);
+  }
+  return Status::success();
+}
+
+Status readVocabulary(const GgufFile& file, Vocabulary& out) {
+  const GgufValue* model = file.find("tokenizer.ggml.model");
+  if (model == nullptr) return malformed("GGUF: tokenizer.ggml.model is missing");
+  if (model->text != "gpt2") {
+    return misfit("tokenizer.ggml.model", fmt::format("\"{}\"", printable(model->text)),
+                  "\"gpt2\"");
+  }
+  const auto* tokens = findStrings(file, "tokenizer.ggml.tokens");
+  if (tokens == nullptr) return malformed("GGUF: tokenizer.ggml.tokens is missing");
+  out.tokens.assign(tokens->begin(), tokens->end());
+  Status status = readTokenTypes(file, out);
+  if (status.ok()) status = readMerges(file, out);
+  if (status.ok()) status = readId(file, "tokenizer.ggml.eos_token_id", out.eosId);
+  if (status.ok()) status = readId(file, "tokenizer.ggml.bos_token_id", out.bosId);
+  const GgufValue* addBos = file.find("tokenizer.ggml.add_bos_token");
+  out.addBos = addBos != nullptr && addBos->asBool().value_or(false);
+  out.chat = file.find("tokenizer.chat_template") != nullptr;
+  return status;
+}
+
+// Value heads are tiled unless the file says otherwise.
+Status readHeadOrder(const GgufFile& file, bool& grouped) {
+  for (const std::string_view key : {"qwen35.ssm.v_head_reordered", "ssm.v_head_reordered"}) {
+    const GgufValue* value = file.find(key);
+    if (value == nullptr) continue;
+    if (!value->asBool()) return malformed("GGUF: {} is not a bool", key);
+    grouped = !*value->asBool();
+    return Status::success();
+  }
+  return Status::success();
+}
+
+Status readSize(const GgufFile& file, std::string_view key, StatedSize& out) {
+  out.field = key;
+  const GgufValue* value = file.find(key);
+  if (value == nullptr) return Status::success();
+  const std::optional<int64_t> stored = value->asInteger();
+  if (!stored || *stored < 0) return malformed("GGUF: {} is not a size", key);
+  out.value = static_cast<uint64_t>(*stored);
+  return Status::success();
+}
+
+}  // namespace
+
+Status readGgufModel(const GgufFile& file, SourceModel& out) {
+  Status status = checkGgufMetadata(file);
+  if (status.ok()) status = readTensors(file, out);
+  if (status.ok()) status = readVocabulary(file, out.vocabulary);
+  if (status.ok()) status = readHeadOrder(file, out.groupedHeads);
+  if (status.ok()) status = readSize(file, "qwen35.embedding_length", out.hidden);
+  if (status.ok()) status = readSize(file, "qwen35.feed_forward_length", out.feedForward);
+  if (!status.ok()) return status;
+  out.format = fmt::format("GGUF {}", file.version());
+  const GgufValue* name = file.find("general.name");
+  if (name != nullptr && name->type == GgufType::String) out.name = name->text;
+  return Status::success();
+}
+
+}  // namespace kel::convert

@@ -1,0 +1,60 @@
+// A model as an importer hands it over: what it is made of, under the container's names, with the
+// conventions of its source still in place.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "container/status.h"
+#include "convert/mapped_file.h"
+#include "convert/source_type.h"
+#include "convert/vocabulary.h"
+
+namespace kel::convert {
+
+struct SourceTensor {
+  std::string name;                // in the source, for messages
+  std::string typeName;            // likewise
+  std::optional<SourceType> type;  // none: cannot be decoded
+  std::vector<uint64_t> dims;      // innermost first
+  const uint8_t* data = nullptr;   // into a mapping of the model's files
+  uint64_t nBytes = 0;             // what type and dims imply
+};
+
+// A size as the source's description states it, to be held against the tensors.
+struct StatedSize {
+  std::string field;
+  std::optional<uint64_t> value;
+};
+
+struct SourceModel {
+  std::map<std::string, SourceTensor> tensors;  // by container name
+  std::optional<SourceTensor> outputHead;       // one beside the embedding
+
+  StatedSize hidden;
+  StatedSize feedForward;
+  StatedSize vocab;
+
+  // Conventions. GGUF files hold norms and decays as the runtime uses them.
+  bool normsLessOne = false;
+  bool decaysAsLogs = false;
+  bool groupedHeads = false;
+
+  Vocabulary vocabulary;
+  std::string name;
+  std::string format;                       // "GGUF 3", "safetensors"
+  std::vector<std::string> fileNames;       // without their folder
+  std::map<std::string, uint64_t> skipped;  // kind of tensor that text needs not -> how many
+
+  std::vector<MappedFile> files;  // own what the tensors point to
+};
+
+// Reads a GGUF file or a checkpoint directory, whichever path is. Ok means that the structure is
+// sound and that the metadata describe a model of this family; tensors have yet to be checked
+// (planTensors). A container is refused as one. Messages are whole sentences without a full stop.
+Status readSourceModel(const std::string& path, SourceModel& out);
+
+}  // namespace kel::convert

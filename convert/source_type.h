@@ -1,0 +1,43 @@
+// Element types of source files that can be decoded.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "quant/quant_type.h"
+
+namespace kel::convert {
+
+// In files they are numbered or named otherwise: mapping is always by name.
+enum class SourceType : uint8_t {
+  F32,
+  F16,
+  BF16,
+  Q4_0,
+  Q4_1,
+  Q5_0,
+  Q5_1,
+  Q8_0,
+  Q2_K,
+  Q3_K,
+  Q4_K,
+  Q5_K,
+  Q6_K,
+  IQ4_NL,
+  IQ4_XS,
+};
+
+struct SourceTypeInfo {
+  const char* name;
+  uint32_t blockLen;    // elements
+  uint32_t blockBytes;  // of one block
+  // n elements, a multiple of blockLen, at any alignment. Any thread.
+  void (*decode)(const void* src, float* dst, size_t n);
+  // The container's type of the same bytes, where matrix products accept it.
+  std::optional<QuantType> kept;
+};
+
+const SourceTypeInfo& sourceTypeInfo(SourceType type);
+
+}  // namespace kel::convert

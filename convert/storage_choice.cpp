@@ -1,0 +1,140 @@
+#include "convert/storage_choice.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <utility>
+
+#include "convert/errors.h"
+#include "quant/blocks.h"
+
+namespace kel::convert {
+
+namespace {
+
+struct Named {
+  std::string_view name;
+  QuantType type;
+};
+
+constexpr Named kTypeNames[] = {{"f32", QuantType::F32},
+                                {"bf16", QuantType::BF16},
+                                {"q8_0", QuantType::Q8_0},
+                                {"q5_k", QuantType::Q5_K},
+                                {"q4_k", QuantType::Q4_K}};
+
+// In the order of the enumeration.
+constexpr std::string_view kPresetNames[] = {"small", "balanced", "best", "full"};
+
+bool isOneOf(std::string_view name, std::initializer_list<std::string_view> names) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+QuantType smallType(const MatrixToStore& matrix) {
+  if (matrix.embedding || matrix.suffix == "ssm_out.weight") return QuantType::Q8_0;
+  if (isOneOf(matrix.suffix, {"ssm_alpha.weight", "ssm_beta.weight"})) return QuantType::BF16;
+  if (isOneOf(matrix.suffix, {"ffn_gate.weight", "ffn_up.weight"})) return QuantType::Q4_K;
+  return QuantType::Q5_K;
+}
+
+QuantType balancedType(const MatrixToStore& matrix) {
+  const bool sensitive =
+      matrix.embedding ||
+      isOneOf(matrix.suffix, {"ssm_out.weight", "attn_qkv.weight", "attn_gate.weight"});
+  return sensitive ? QuantType::Q8_0 : QuantType::Q5_K;
+}
+
+QuantType presetType(const MatrixToStore& matrix, Preset preset) {
+  switch (preset) {
+    case Preset::Small:
+      return smallType(matrix);
+    case Preset::Balanced:
+      return balancedType(matrix);
+    case Preset::Best:
+      return QuantType::Q8_0;
+    case Preset::Full:
+      break;
+  }
+  return QuantType::BF16;
+}
+
+// Where nothing is asked for: the source's type if possible.
+Storage keptStorage(const MatrixToStore& matrix) {
+  const SourceTypeInfo& source = sourceTypeInfo(matrix.source);
+  if (source.kept && !matrix.blocksSplit) return {*source.kept, ""};
+  if (source.kept) {
+    return {QuantType::Q8_0,
+            fmt::format("blocks of {} are split when value heads are reordered", source.name)};
+  }
+  return {QuantType::Q8_0, fmt::format("matrix products cannot use {}", source.name)};
+}
+
+Storage wantedStorage(const MatrixToStore& matrix, const StorageChoice& choice) {
+  if (matrix.embedding && choice.embeddingType) {
+    return {*choice.embeddingType, "embedding type as asked for"};
+  }
+  if (choice.type) return {*choice.type, "type as asked for"};
+  if (choice.preset) {
+    return {presetType(matrix, *choice.preset),
+            fmt::format("preset {}", presetName(*choice.preset))};
+  }
+  return keptStorage(matrix);
+}
+
+// The nearest format whose blocks divide the row.
+QuantType fittingType(QuantType wanted, uint64_t cols) {
+  if (cols % storedBlockLen(wanted) == 0) return wanted;
+  return cols % quant::kBlockLen == 0 ? QuantType::Q8_0 : QuantType::BF16;
+}
+
+bool isLossy(SourceType type) {
+  return sourceTypeInfo(type).blockLen > 1;
+}
+
+}  // namespace
+
+uint64_t storedBlockLen(QuantType type) {
+  switch (type) {
+    case QuantType::Q8_0:
+      return quant::kBlockLen;
+    case QuantType::Q4_K:
+    case QuantType::Q5_K:
+      return quant::kSuperBlockLen;
+    default:
+      return 1;
+  }
+}
+
+Storage chooseStorage(const MatrixToStore& matrix, const StorageChoice& choice) {
+  const SourceTypeInfo& source = sourceTypeInfo(matrix.source);
+  Storage storage = wantedStorage(matrix, choice);
+  const QuantType wanted = std::exchange(storage.type, fittingType(storage.type, matrix.cols));
+  if (source.kept == storage.type && !matrix.blocksSplit) return {storage.type, ""};
+  if (storage.type != wanted) {
+    storage.reason +=
+        fmt::format("; rows of {} are no whole blocks of {}", matrix.cols, quantTypeName(wanted));
+  }
+  if (isLossy(matrix.source)) {
+    storage.reason += fmt::format("; quality stays that of {}", source.name);
+  }
+  return storage;
+}
+
+std::string_view presetName(Preset preset) {
+  return kPresetNames[static_cast<size_t>(preset)];
+}
+
+std::optional<QuantType> storageTypeByName(std::string_view name) {
+  for (const Named& known : kTypeNames) {
+    if (known.name == name) return known.type;
+  }
+  return std::nullopt;
+}
+
+std::optional<Preset> presetByName(std::string_view name) {
+  const auto* found = std::find(std::begin(kPresetNames), std::end(kPresetNames), name);
+  if (found == std::end(kPresetNames)) return std::nullopt;
+  return static_cast<Preset>(found - std::begin(kPresetNames));
+}
+
+}  // namespace kel::convert

@@ -1,0 +1,30 @@
+// The stored type of a matrix.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "convert/convert.h"
+#include "convert/source_type.h"
+
+namespace kel::convert {
+
+struct MatrixToStore {
+  std::string_view suffix;  // name without the layer
+  bool embedding = false;
+  SourceType source = SourceType::F32;
+  uint64_t cols = 0;
+  bool blocksSplit = false;  // reordering moves parts of the source's blocks: they cannot be copied
+};
+
+struct Storage {
+  QuantType type = QuantType::F32;
+  std::string reason;  // empty: the source's own type
+};
+
+// Elements that one block of a type holds, 1 for plain numbers. type: one that products accept.
+uint64_t storedBlockLen(QuantType type);
+
+Storage chooseStorage(const MatrixToStore& matrix, const StorageChoice& choice);
+
+}  // namespace kel::convert

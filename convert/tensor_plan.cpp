@@ -1,0 +1,163 @@
+#include "convert/tensor_plan.h"
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+#include <string_view>
+#include <utility>
+
+#include "convert/errors.h"
+#include "convert/mapped_file.h"
+#include "convert/storage_choice.h"
+#include "quant/blocks.h"
+
+namespace kel::convert {
+
+namespace {
+
+constexpr std::string_view kEmbeddingName = "token_embd.weight";
+constexpr std::string_view kGateName = "blk.0.ffn_gate.weight";
+
+std::string shapeText(const std::vector<uint64_t>& dims) {
+  return fmt::format("[{}]", fmt::join(dims, ", "));
+}
+
+Status checkStated(const StatedSize& stated, uint64_t actual, std::string_view tensor) {
+  if (!stated.value || *stated.value == actual) return Status::success();
+  return unsupported("{} is {}, but {} has {}", stated.field, *stated.value, tensor, actual);
+}
+
+Status missing(std::string_view name) {
+  return unsupported("{} is missing; the runtime needs it", name);
+}
+
+// The sizes come from two tensors, which the others are then held against.
+Status readSizes(const SourceModel& source, ModelSizes& sizes) {
+  const auto embedding = source.tensors.find(std::string(kEmbeddingName));
+  const auto gate = source.tensors.find(std::string(kGateName));
+  if (embedding == source.tensors.end()) return missing(kEmbeddingName);
+  if (gate == source.tensors.end()) return missing(kGateName);
+  for (const auto* tensor : {&embedding->second, &gate->second}) {
+    if (tensor->dims.size() != 2 || tensor->dims[0] == 0 || tensor->dims[1] == 0) {
+      return unsupported("the shape of {} is {}; the runtime needs a matrix", tensor->name,
+                         shapeText(tensor->dims));
+    }
+  }
+  sizes = {embedding->second.dims[0], gate->second.dims[1], embedding->second.dims[1]};
+  Status status = checkStated(source.hidden, sizes.hidden, "a row of the embedding");
+  if (status.ok()) status = checkStated(source.vocab, sizes.vocab, "the embedding");
+  if (status.ok()) {
+    status = checkStated(source.feedForward, sizes.feedForward, "the feed-forward gate");
+  }
+  return status;
+}
+
+// A stretch at a time, so that two large tensors never fill the memory.
+bool sameBytes(const SourceTensor& a, const SourceTensor& b) {
+  constexpr uint64_t kStretchBytes = uint64_t{8} << 20;
+  if (a.nBytes != b.nBytes) return false;
+  for (uint64_t at = 0; at < a.nBytes; at += kStretchBytes) {
+    const uint64_t length = std::min(kStretchBytes, a.nBytes - at);
+    if (std::memcmp(a.data + at, b.data + at, length) != 0) return false;
+    MappedFile::release(a.data + at, length);
+    MappedFile::release(b.data + at, length);
+  }
+  return true;
+}
+
+// The runtime computes logits against the embedding. Bytes decide, whatever the metadata say.
+Status checkOutputHead(const SourceModel& source) {
+  if (!source.outputHead) return Status::success();
+  const SourceTensor& head = *source.outputHead;
+  const SourceTensor& embedding = source.tensors.at(std::string(kEmbeddingName));
+  if (head.typeName == embedding.typeName && sameBytes(head, embedding)) return Status::success();
+  return unsupported(
+      "{} ({} {}) differs from {} ({} {}); the runtime needs an output head that is the embedding",
+      head.name, head.typeName, shapeText(head.dims), embedding.name, embedding.typeName,
+      shapeText(embedding.dims));
+}
+
+// Dimensions of 1 at the end say nothing.
+bool sameShape(std::vector<uint64_t> dims, const std::vector<uint64_t>& wanted) {
+  while (dims.size() > wanted.size() && dims.back() == 1)
+    dims.pop_back();
+  return dims == wanted;
+}
+
+Status checkTensor(const SourceTensor& tensor, const TensorSpec& spec) {
+  if (!sameShape(tensor.dims, spec.dims)) {
+    return misfit(fmt::format("the shape of {}", tensor.name), shapeText(tensor.dims),
+                  shapeText(spec.dims));
+  }
+  if (tensor.type) return Status::success();
+  return unsupported(
+      "{} has the element type {}, which cannot be decoded; F32, F16, BF16, Q4_0 to Q8_0, Q2_K to "
+      "Q6_K, IQ4_NL and IQ4_XS can",
+      tensor.name, tensor.typeName);
+}
+
+bool isMatrix(const TensorSpec& spec) {
+  return spec.role == TensorRole::Matrix || spec.role == TensorRole::Embedding;
+}
+
+void decideStorage(const SourceModel& source, const StorageChoice& choice, PlannedTensor& plan) {
+  const SourceTypeInfo& from = sourceTypeInfo(*plan.source->type);
+  if (isMatrix(plan.spec)) {
+    const HeadAxis& heads = plan.spec.heads;
+    const bool blocksSplit = source.groupedHeads && heads.kind == HeadAxis::Kind::Columns &&
+                             heads.unit % from.blockLen != 0;
+    const Storage storage =
+        chooseStorage({plan.spec.suffix, plan.spec.role == TensorRole::Embedding,
+                       *plan.source->type, plan.spec.dims[0], blocksSplit},
+                      choice);
+    plan.stored = storage.type;
+    plan.reason = storage.reason;
+    plan.copied = from.kept == storage.type && !blocksSplit;
+  } else {
+    // The runtime reads these as plain floats and looks at no type.
+    plan.stored = QuantType::F32;
+    plan.reason = from.kept == QuantType::F32 ? "" : "vectors are stored as F32";
+  }
+  uint64_t rows = 1;
+  for (size_t i = 1; i < plan.spec.dims.size(); ++i)
+    rows *= plan.spec.dims[i];
+  plan.storedBytes = rows * quant::quantizedBytes(plan.stored, plan.spec.dims[0]);
+}
+
+Status checkNoOthers(const SourceModel& source, const std::set<std::string>& used) {
+  for (const auto& [name, tensor] : source.tensors) {
+    if (!used.contains(name)) {
+      return unsupported("{} has no place in a model of {} blocks of this family", tensor.name,
+                         kLayers);
+    }
+  }
+  return Status::success();
+}
+
+}  // namespace
+
+Status planTensors(const SourceModel& source, const StorageChoice& storage,
+                   std::vector<PlannedTensor>& out) {
+  ModelSizes sizes;
+  Status status = readSizes(source, sizes);
+  if (status.ok()) status = checkOutputHead(source);
+  if (!status.ok()) return status;
+  std::set<std::string> used;
+  for (TensorSpec& spec : modelTensors(sizes)) {
+    const auto found = source.tensors.find(spec.name);
+    if (found == source.tensors.end()) {
+      if (spec.required) return missing(spec.name);
+      continue;
+    }
+    status = checkTensor(found->second, spec);
+    if (!status.ok()) return status;
+    used.insert(spec.name);
+    PlannedTensor& plan = out.emplace_back();
+    plan.spec = std::move(spec);
+    plan.source = &found->second;
+    decideStorage(source, storage, plan);
+  }
+  return checkNoOthers(source, used);
+}
+
+}  // namespace kel::convert

@@ -1,0 +1,166 @@
+#include "convert/vocabulary.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "convert/errors.h"
+
+namespace kel::convert {
+
+namespace {
+
+constexpr std::string_view kSpaceLetter = "\xC4\xA0";     // U+0120
+constexpr std::string_view kLineFeedLetter = "\xC4\x8A";  // U+010A
+constexpr std::string_view kOtherSpaceMark = "\xE2\x96\x81";
+constexpr std::string_view kTurnEnd = "<|im_end|>";
+constexpr uint64_t kMaxRows = uint64_t{1} << 22;
+constexpr char32_t kFirstMoved = 0x100;
+constexpr size_t kMovedBytes = 68;
+
+constexpr bool standsForItself(uint32_t byte) {
+  return (byte >= 0x21 && byte <= 0x7E) || (byte >= 0xA1 && byte <= 0xFF && byte != 0xAD);
+}
+
+constexpr std::array<uint8_t, kMovedBytes> movedBytes() {
+  std::array<uint8_t, kMovedBytes> moved{};
+  size_t next = 0;
+  for (uint32_t byte = 0; byte < 256; ++byte) {
+    if (!standsForItself(byte)) moved[next++] = static_cast<uint8_t>(byte);
+  }
+  return moved;
+}
+
+// A token that is matched whole, or never, and so is no alphabet text.
+bool isLiteral(int32_t type) {
+  return type == kUnknownToken || type == kControlToken || type == kUnusedToken;
+}
+
+// Written as plain tokens, marks such as "<think>" would be cut into pieces of text.
+int32_t storedType(int32_t type) {
+  return type == kUserDefinedToken ? kControlToken : type;
+}
+
+void padTokens(Vocabulary& vocabulary, uint64_t rows) {
+  while (vocabulary.tokens.size() < rows) {
+    vocabulary.tokens.push_back(fmt::format("[PAD{}]", vocabulary.tokens.size()));
+    vocabulary.types.push_back(kUnusedToken);
+  }
+}
+
+int32_t endToken(const Vocabulary& vocabulary) {
+  if (!vocabulary.chat) return vocabulary.eosId;
+  for (size_t id = 0; id < vocabulary.tokens.size(); ++id) {
+    if (vocabulary.types[id] == kControlToken && vocabulary.tokens[id] == kTurnEnd) {
+      return static_cast<int32_t>(id);
+    }
+  }
+  return vocabulary.eosId;
+}
+
+// The runtime looks at the first rule alone to tell which mark the vocabulary has for a space.
+Status checkFirstMerge(const std::vector<std::string>& merges) {
+  const std::string_view first = merges.empty() ? std::string_view() : merges.front();
+  if (first.find(kSpaceLetter) == std::string_view::npos ||
+      first.find(kOtherSpaceMark) != std::string_view::npos) {
+    return unsupported(
+        "tokenizer: the first merge rule is \"{}\"; a byte-level vocabulary of this family begins "
+        "with a rule that holds \"{}\"",
+        printable(first), kSpaceLetter);
+  }
+  return Status::success();
+}
+
+Status checkIds(const Vocabulary& vocabulary) {
+  const auto count = static_cast<int64_t>(vocabulary.tokens.size());
+  for (const auto& [name, id] :
+       {std::pair{"end", vocabulary.eosId}, std::pair{"beginning", vocabulary.bosId}}) {
+    if (id >= count) {
+      return malformed("tokenizer: the {} token is {}, but there are {} tokens", name, id, count);
+    }
+  }
+  return Status::success();
+}
+
+void storeAlphabet(Vocabulary& vocabulary) {
+  const auto lineFeed =
+      std::find(vocabulary.tokens.begin(), vocabulary.tokens.end(), kLineFeedLetter);
+  if (lineFeed != vocabulary.tokens.end()) lineFeed->assign(1, '\n');
+}
+
+void storeRaw(Vocabulary& vocabulary) {
+  for (size_t id = 0; id < vocabulary.tokens.size(); ++id) {
+    if (!isLiteral(vocabulary.types[id])) vocabulary.tokens[id] = rawText(vocabulary.tokens[id]);
+  }
+  // A rule's two sides hold no plain space before or after: the space stays a letter.
+  for (std::string& rule : vocabulary.merges)
+    rule = rawText(rule);
+}
+
+}  // namespace
+
+int byteOfLetter(char32_t letter) {
+  static constexpr std::array<uint8_t, kMovedBytes> kMoved = movedBytes();
+  if (letter < 0x100) return standsForItself(letter) ? static_cast<int>(letter) : -1;
+  if (letter - kFirstMoved < kMoved.size()) return kMoved[letter - kFirstMoved];
+  return -1;
+}
+
+std::string rawText(std::string_view letters) {
+  std::string raw;
+  raw.reserve(letters.size());
+  for (size_t at = 0; at < letters.size(); ++at) {
+    const auto lead = static_cast<unsigned char>(letters[at]);
+    // The letters beyond ASCII are U+00A1 to U+0143: two bytes, of which the first is at most C5.
+    if (lead < 0xC2 || lead > 0xC5 || at + 1 == letters.size()) {
+      raw += letters[at];
+      continue;
+    }
+    const std::string_view character = letters.substr(at, 2);
+    const auto trail = static_cast<unsigned char>(character[1]);
+    const int byte =
+        (trail & 0xC0U) == 0x80U ? byteOfLetter(char32_t{lead & 0x1FU} << 6 | (trail & 0x3FU)) : -1;
+    if (byte < 0 || character == kSpaceLetter) {
+      raw += letters[at];
+      continue;
+    }
+    raw += static_cast<char>(byte);
+    ++at;
+  }
+  return raw;
+}
+
+Status buildTokenizer(Vocabulary vocabulary, uint64_t vocabRows, VocabularyForm form,
+                      TokenizerData& out) {
+  if (vocabulary.tokens.size() > vocabRows) {
+    return unsupported("tokenizer: {} tokens, but token_embd.weight has {} rows",
+                       vocabulary.tokens.size(), vocabRows);
+  }
+  if (vocabRows > kMaxRows) {
+    return unsupported("token_embd.weight has {} rows; the importer takes at most {}", vocabRows,
+                       kMaxRows);
+  }
+  Status status = checkFirstMerge(vocabulary.merges);
+  if (status.ok()) status = checkIds(vocabulary);
+  if (!status.ok()) return status;
+  padTokens(vocabulary, vocabRows);
+  for (int32_t& type : vocabulary.types)
+    type = storedType(type);
+
+  out = {};
+  out.bosId = vocabulary.addBos ? vocabulary.bosId : -1;
+  out.eosId = endToken(vocabulary);
+  if (form == VocabularyForm::Alphabet) {
+    storeAlphabet(vocabulary);
+    out.label = kAlphabetLabel;
+  } else {
+    storeRaw(vocabulary);
+    out.label = kRawLabel;
+  }
+  out.tokens = std::move(vocabulary.tokens);
+  out.tokenTypes = std::move(vocabulary.types);
+  out.merges = std::move(vocabulary.merges);
+  return Status::success();
+}
+
+}  // namespace kel::convert

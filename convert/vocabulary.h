@@ -1,0 +1,65 @@
+// A byte-level vocabulary as source files have it, and the container's tables made from it.
+//
+// Byte-level vocabularies write every byte as a letter of a fixed alphabet: printable ASCII and
+// most of Latin-1 stand for themselves, the 68 other bytes are U+0100 to U+0143 in ascending order,
+// so that a space is U+0120 and a line feed U+010A. Special tokens are plain text.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "container/status.h"
+#include "container/tokenizer_data.h"
+
+namespace kel::convert {
+
+// How the container stores the tokens. The tokenizer's label records it, since a host must write
+// its text likewise.
+enum class VocabularyForm : uint8_t {
+  // The alphabet stays; only the token of the line feed becomes a real line feed, which the runtime
+  // looks up as it is. A host maps the bytes of its text to letters and those of pieces back.
+  Alphabet,
+  // Bytes, with U+0120 for the space alone. Text needs no mapping but that; characters that have no
+  // token of their own are lost.
+  Raw,
+};
+
+// The label of each form, the whole of it.
+constexpr std::string_view kAlphabetLabel = "alphabet";
+constexpr std::string_view kRawLabel = "raw";
+
+// Token types, as in the container: 2 and 3 are matched whole in text.
+enum TokenType : int32_t {
+  kNormalToken = 1,
+  kUnknownToken = 2,
+  kControlToken = 3,
+  kUserDefinedToken = 4,
+  kUnusedToken = 5,
+};
+
+struct Vocabulary {
+  std::vector<std::string> tokens;
+  std::vector<int32_t> types;       // one per token
+  std::vector<std::string> merges;  // "left right", best first
+  int32_t bosId = -1;
+  bool addBos = false;
+  int32_t eosId = -1;
+  bool chat = false;  // the source carries a chat template
+};
+
+// Tables for a model of vocabRows embedding rows. Fewer tokens are filled up with unused ones; more
+// are refused, as is a vocabulary that the runtime would not take for a byte-level one. Of a chat
+// model the end token is "<|im_end|>" where the vocabulary has it. The beginning token stays out
+// unless the source asks for it.
+Status buildTokenizer(Vocabulary vocabulary, uint64_t vocabRows, VocabularyForm form,
+                      TokenizerData& out);
+
+// Byte that a letter of the alphabet stands for, -1 for any other character.
+int byteOfLetter(char32_t letter);
+
+// Alphabet text as bytes, but U+0120 (the space) as it is. Characters outside the alphabet stay.
+std::string rawText(std::string_view letters);
+
+}  // namespace kel::convert

@@ -1,0 +1,147 @@
+// Every element type that GGUF matrices may have, through whole conversions: type t stands in the
+// feed-forward down matrix of block t, whose rows of 256 hold blocks of any format.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "quant/blocks.h"
+#include "tests/convert/converted.h"
+#include "tests/convert/reference_blocks.h"
+#include "tests/convert/tiny_model.h"
+
+namespace {
+
+using namespace kel::test;
+using kel::QuantType;
+
+constexpr size_t kElements = kTinyFeedForward * kTinyHidden;
+
+std::string tensorOf(size_t block) {
+  return "blk." + std::to_string(block) + ".ffn_down.weight";
+}
+
+// The embedding is of a type of its own: Q4_0, whose nibble order differs from the container's.
+class GgufTypes : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    shared = new TempDir;
+    const std::vector<TinyTensor> model = tinyModel(true);
+    GgufBuilder file = tinyGguf(model, 30);
+    file.alignment = 64;
+    file.u32("general.alignment", 64);
+    std::mt19937 random(1);
+    const auto place = [&](GgufBuilder::Tensor& tensor, const ReferenceFormat& format, size_t n) {
+      tensor.type = format.ggufType;
+      tensor.data = randomBlocks(format, n, random);
+    };
+    for (size_t i = 0; i < referenceFormats().size(); ++i)
+      place(tensorNamed(file, tensorOf(i)), referenceFormats()[i], kElements);
+    place(tensorNamed(file, "token_embd.weight"), formatNamed("Q4_0"), kTinyHidden * kTinyVocab);
+    source = new GgufBuilder(file);
+    file.write(shared->file("types.gguf"));
+  }
+  static void TearDownTestSuite() {
+    delete source;
+    delete shared;
+  }
+
+  static TempDir* shared;
+  static GgufBuilder* source;
+};
+
+TempDir* GgufTypes::shared = nullptr;
+GgufBuilder* GgufTypes::source = nullptr;
+
+TEST_F(GgufTypes, DecodeAsDefined) {
+  kel::convert::StorageChoice storage;
+  storage.type = QuantType::F32;
+  const Converted converted(shared->file("types.gguf"), storage);
+  for (size_t i = 0; i < referenceFormats().size(); ++i) {
+    const ReferenceFormat& format = referenceFormats()[i];
+    const std::vector<double> expected = format.decodeAll(tensorNamed(*source, tensorOf(i)).data);
+    const auto* values = static_cast<const float*>(converted.tensor(tensorOf(i)).data);
+    for (size_t k = 0; k < kElements; ++k) {
+      ASSERT_NEAR(expected[k], values[k], 1e-5 * (1 + std::abs(expected[k])))
+          << format.name << " element " << k;
+    }
+  }
+}
+
+TEST_F(GgufTypes, KeepWhatProductsAcceptAndReencodeTheRest) {
+  const Converted converted(shared->file("types.gguf"));
+  for (size_t i = 0; i < referenceFormats().size(); ++i) {
+    const ReferenceFormat& format = referenceFormats()[i];
+    const kel::TensorView& view = converted.tensor(tensorOf(i));
+    const Bytes& stored = tensorNamed(*source, tensorOf(i)).data;
+    if (format.kept) {
+      EXPECT_STREQ(format.name, quantTypeName(view.type));
+      EXPECT_EQ(stored, converted.bytes(tensorOf(i))) << format.name;
+      continue;
+    }
+    EXPECT_EQ(QuantType::Q8_0, view.type) << format.name;
+    const std::vector<double> expected = format.decodeAll(stored);
+    std::vector<float> values(kElements);
+    kel::quant::dequantQ80(view.data, values.data(), kElements);
+    for (size_t k = 0; k < kElements; ++k) {
+      double largest = 0;
+      for (size_t j = k / 32 * 32; j < k / 32 * 32 + 32; ++j)
+        largest = std::max(largest, std::abs(expected[j]));
+      // Half a step, and the rounding of the scale to half precision.
+      ASSERT_NEAR(expected[k], values[k], largest * (0.5 / 127 + 1e-3) + 1e-7)
+          << format.name << " element " << k;
+    }
+  }
+}
+
+TEST_F(GgufTypes, SummarySaysWhyATypeChanged) {
+  const Converted converted(shared->file("types.gguf"));
+  std::map<std::string, std::string> reasons;
+  for (const auto& group : converted.result.summary.groups) {
+    if (group.name == "ffn_down.weight") reasons[group.sourceType] = group.reason;
+  }
+  EXPECT_EQ("matrix products cannot use Q6_K; quality stays that of Q6_K", reasons["Q6_K"]);
+  EXPECT_EQ("matrix products cannot use F16", reasons["F16"]);
+  EXPECT_EQ("", reasons["Q4_K"]);
+}
+
+TEST_F(GgufTypes, TypesThatCannotBeDecodedAreNamed) {
+  GgufBuilder file = tinyGguf(tinyModel(false), 30);
+  GgufBuilder::Tensor& tensor = tensorNamed(file, tensorOf(2));
+  for (const auto& [type, blockBytes, name] :
+       {std::tuple{16U, 66U, "IQ2_XXS"}, std::tuple{29U, 56U, "IQ1_M"},
+        std::tuple{39U, 0U, "MXFP4"}, std::tuple{34U, 0U, "TQ1_0"}, std::tuple{4U, 0U, "4"},
+        std::tuple{77U, 0U, "77"}}) {
+    tensor.type = type;
+    tensor.holeBytes = kElements / 256 * blockBytes;
+    file.write(shared->file("odd.gguf"));
+    EXPECT_EQ("blk.2.ffn_down.weight has the element type " + std::string(name) +
+                  ", which cannot be decoded; F32, F16, BF16, Q4_0 to Q8_0, Q2_K to Q6_K, IQ4_NL "
+                  "and IQ4_XS can",
+              refusal(shared->file("odd.gguf")));
+  }
+}
+
+TEST_F(GgufTypes, GroupedColumnsSplitSuperBlocks) {
+  std::mt19937 random(2);
+  GgufBuilder file = tinyGguf(tinyModel(true), 30);
+  file.boolean("qwen35.ssm.v_head_reordered", false);
+  const ReferenceFormat& q4k = formatNamed("Q4_K");
+  const ReferenceFormat& q80 = formatNamed("Q8_0");
+  GgufBuilder::Tensor& split = tensorNamed(file, "blk.0.ssm_out.weight");
+  split.type = q4k.ggufType;
+  split.data = randomBlocks(q4k, 4096 * kTinyHidden, random);
+  GgufBuilder::Tensor& whole = tensorNamed(file, "blk.1.ssm_out.weight");
+  whole.type = q80.ggufType;
+  whole.data = randomBlocks(q80, 4096 * kTinyHidden, random);
+  file.write(shared->file("split.gguf"));
+  const Converted converted(shared->file("split.gguf"));
+  EXPECT_EQ(QuantType::Q8_0, converted.tensor("blk.0.ssm_out.weight").type);
+
+  // 128 columns are four blocks of Q8_0, which move as they are: tiled head 16 is grouped head 1.
+  const Bytes moved = converted.bytes("blk.1.ssm_out.weight");
+  EXPECT_EQ(Bytes(whole.data.begin() + 4 * 34, whole.data.begin() + 8 * 34),
+            Bytes(moved.begin() + 16 * 4 * 34, moved.begin() + 17 * 4 * 34));
+}
+
+}  // namespace

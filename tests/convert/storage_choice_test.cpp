@@ -1,0 +1,120 @@
+#include "convert/storage_choice.h"
+
+#include <gtest/gtest.h>
+
+#include "convert/free_space.h"
+#include "convert/tensor_rows.h"
+
+namespace {
+
+using kel::QuantType;
+using kel::convert::chooseStorage;
+using kel::convert::MatrixToStore;
+using kel::convert::Preset;
+using kel::convert::SourceType;
+using kel::convert::Storage;
+using kel::convert::StorageChoice;
+
+QuantType stored(const MatrixToStore& matrix, const StorageChoice& choice = {}) {
+  return chooseStorage(matrix, choice).type;
+}
+
+StorageChoice preset(Preset value) {
+  StorageChoice choice;
+  choice.preset = value;
+  return choice;
+}
+
+TEST(StorageChoice, KeepsWhatProductsAccept) {
+  for (const auto& [source, type] :
+       {std::pair{SourceType::F32, QuantType::F32}, std::pair{SourceType::BF16, QuantType::BF16},
+        std::pair{SourceType::Q8_0, QuantType::Q8_0}, std::pair{SourceType::Q4_K, QuantType::Q4_K},
+        std::pair{SourceType::Q5_K, QuantType::Q5_K}}) {
+    const Storage storage = chooseStorage({"ffn_up.weight", false, source, 2560}, {});
+    EXPECT_EQ(type, storage.type);
+    EXPECT_EQ("", storage.reason);
+  }
+  // The embedding of a common file.
+  const Storage embedding = chooseStorage({"token_embd.weight", true, SourceType::Q6_K, 2560}, {});
+  EXPECT_EQ(QuantType::Q8_0, embedding.type);
+  EXPECT_EQ("matrix products cannot use Q6_K; quality stays that of Q6_K", embedding.reason);
+}
+
+TEST(StorageChoice, RowsThatHoldNoWholeBlockFallBack) {
+  StorageChoice choice;
+  choice.type = QuantType::Q4_K;
+  EXPECT_EQ(QuantType::Q4_K, stored({"ffn_up.weight", false, SourceType::F32, 512}, choice));
+  EXPECT_EQ(QuantType::Q8_0, stored({"ffn_up.weight", false, SourceType::F32, 288}, choice));
+  EXPECT_EQ(QuantType::BF16, stored({"ffn_up.weight", false, SourceType::F32, 40}, choice));
+  EXPECT_EQ("type as asked for; rows of 40 are no whole blocks of Q4_K",
+            chooseStorage({"ffn_up.weight", false, SourceType::F32, 40}, choice).reason);
+  EXPECT_EQ(QuantType::BF16, stored({"ffn_up.weight", false, SourceType::F16, 40}));
+}
+
+TEST(StorageChoice, EmbeddingTypeComesFirst) {
+  StorageChoice choice = preset(Preset::Best);
+  choice.embeddingType = QuantType::F32;
+  EXPECT_EQ(QuantType::F32, stored({"token_embd.weight", true, SourceType::BF16, 256}, choice));
+  EXPECT_EQ(QuantType::Q8_0, stored({"ffn_up.weight", false, SourceType::BF16, 256}, choice));
+}
+
+TEST(StorageChoice, Presets) {
+  struct Row {
+    const char* suffix;
+    QuantType small;
+    QuantType balanced;
+  };
+  for (const Row& row : {Row{"ffn_gate.weight", QuantType::Q4_K, QuantType::Q5_K},
+                         Row{"ffn_up.weight", QuantType::Q4_K, QuantType::Q5_K},
+                         Row{"ffn_down.weight", QuantType::Q5_K, QuantType::Q5_K},
+                         Row{"attn_q.weight", QuantType::Q5_K, QuantType::Q5_K},
+                         Row{"attn_k.weight", QuantType::Q5_K, QuantType::Q5_K},
+                         Row{"attn_v.weight", QuantType::Q5_K, QuantType::Q5_K},
+                         Row{"attn_output.weight", QuantType::Q5_K, QuantType::Q5_K},
+                         Row{"attn_qkv.weight", QuantType::Q5_K, QuantType::Q8_0},
+                         Row{"attn_gate.weight", QuantType::Q5_K, QuantType::Q8_0},
+                         Row{"ssm_out.weight", QuantType::Q8_0, QuantType::Q8_0},
+                         Row{"ssm_alpha.weight", QuantType::BF16, QuantType::Q5_K},
+                         Row{"ssm_beta.weight", QuantType::BF16, QuantType::Q5_K},
+                         Row{"token_embd.weight", QuantType::Q8_0, QuantType::Q8_0}}) {
+    const bool embedding = std::string_view(row.suffix) == "token_embd.weight";
+    const MatrixToStore matrix{row.suffix, embedding, SourceType::F32, 2560};
+    EXPECT_EQ(row.small, stored(matrix, preset(Preset::Small))) << row.suffix;
+    EXPECT_EQ(row.balanced, stored(matrix, preset(Preset::Balanced))) << row.suffix;
+    EXPECT_EQ(QuantType::Q8_0, stored(matrix, preset(Preset::Best))) << row.suffix;
+    EXPECT_EQ(QuantType::BF16, stored(matrix, preset(Preset::Full))) << row.suffix;
+  }
+}
+
+TEST(StorageChoice, NamesOfTypesAndPresets) {
+  EXPECT_EQ(QuantType::Q5_K, kel::convert::storageTypeByName("q5_k"));
+  EXPECT_EQ(std::nullopt, kel::convert::storageTypeByName("q6_k"));
+  for (const Preset value : {Preset::Small, Preset::Balanced, Preset::Best, Preset::Full})
+    EXPECT_EQ(value, kel::convert::presetByName(presetName(value)));
+  EXPECT_EQ(std::nullopt, kel::convert::presetByName("tiny"));
+}
+
+TEST(Bfloat16, RoundsToNearestEven) {
+  const auto encoded = [](float value) {
+    uint8_t bytes[2];
+    kel::convert::encodeRow(QuantType::BF16, &value, 1, bytes);
+    return bytes[0] | bytes[1] << 8;
+  };
+  EXPECT_EQ(0x3F80, encoded(1.0F));
+  EXPECT_EQ(0x3F80, encoded(1.00390625F)) << "a tie, down to even";
+  EXPECT_EQ(0x3F82, encoded(1.01171875F)) << "a tie, up to even";
+  EXPECT_EQ(0x3F81, encoded(1.005F));
+  EXPECT_EQ(0xBF80, encoded(-1.0F));
+}
+
+TEST(FreeSpace, IsComparedWithTheNeed) {
+  EXPECT_TRUE(kel::convert::checkFreeSpace("/tmp/model.zym", 0).ok());
+  const kel::Status status = kel::convert::checkFreeSpace("/tmp/model.zym", UINT64_MAX);
+  EXPECT_EQ(kel::StatusCode::IoError, status.code);
+  EXPECT_EQ(0U, status.message.find(
+                    "not enough space for /tmp/model.zym: it needs 18446744073709.6 MB, and "))
+      << status.message;
+  EXPECT_TRUE(kel::convert::checkFreeSpace("/no/such/folder/model.zym", UINT64_MAX).ok());
+}
+
+}  // namespace

@@ -1,0 +1,86 @@
+// How much memory a large tensor takes on its way.
+#include "convert/tensor_stream.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <numeric>
+
+#include "convert/mapped_file.h"
+#include "quant/blocks.h"
+#include "tests/support/temp_dir.h"
+
+namespace {
+
+using kel::QuantType;
+using kel::convert::MappedFile;
+using kel::convert::PlannedTensor;
+using kel::convert::SourceModel;
+using kel::convert::SourceTensor;
+using kel::convert::SourceType;
+
+constexpr uint64_t kCols = 4096;
+constexpr uint64_t kRows = 32768;
+constexpr uint64_t kSourceBytes = kCols * kRows * sizeof(float);  // 512 MiB
+constexpr uint64_t kMostBytes = uint64_t{96} << 20;
+
+uint64_t residentBytes() {
+  uint64_t total = 0;
+  uint64_t resident = 0;
+  std::ifstream("/proc/self/statm") >> total >> resident;
+  return resident * static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+}
+
+class TensorStream : public testing::Test {
+ protected:
+  void SetUp() override {
+    const std::string path = folder.file("holes");
+    kel::test::writeFile(path, {});
+    std::filesystem::resize_file(path, kSourceBytes);
+    ASSERT_TRUE(file.open(path).ok());
+    tensor = {"large", "F32", SourceType::F32, {kCols, kRows}, file.data(), kSourceBytes};
+  }
+
+  // Bytes in memory at the worst moment, beyond those of before; stored counts what came out.
+  uint64_t mostBytes(QuantType type, uint64_t& stored) const {
+    PlannedTensor plan;
+    plan.spec.name = "large";
+    plan.spec.dims = {kCols, kRows};
+    plan.source = &tensor;
+    plan.stored = type;
+    plan.copied = type == QuantType::F32;
+    const uint64_t before = residentBytes();
+    uint64_t most = before;
+    uint64_t sum = 0;
+    const kel::Status status =
+        streamTensor(plan, SourceModel{}, 2, [&](const uint8_t* data, size_t nBytes, uint64_t) {
+          sum = std::accumulate(data, data + nBytes, sum);  // read, as a file's writer would
+          most = std::max(most, residentBytes());
+          stored += nBytes;
+          return kel::Status::success();
+        });
+    EXPECT_TRUE(status.ok());
+    EXPECT_EQ(0U, sum);
+    return most - before;
+  }
+
+  kel::test::TempDir folder;
+  MappedFile file;
+  SourceTensor tensor;
+};
+
+TEST_F(TensorStream, EncodingTakesAFewStretches) {
+  uint64_t stored = 0;
+  EXPECT_LE(mostBytes(QuantType::Q8_0, stored), kMostBytes);
+  EXPECT_EQ(kel::quant::quantizedBytes(QuantType::Q8_0, kCols * kRows), stored);
+}
+
+TEST_F(TensorStream, CopyingTakesAFewStretches) {
+  uint64_t stored = 0;
+  EXPECT_LE(mostBytes(QuantType::F32, stored), kMostBytes);
+  EXPECT_EQ(kSourceBytes, stored);
+}
+
+}  // namespace

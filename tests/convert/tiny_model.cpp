@@ -1,0 +1,316 @@
+#include "tests/convert/tiny_model.h"
+
+#include <cmath>
+#include <stdexcept>
+
+namespace kel::test {
+
+namespace {
+
+// Multiples of 1/256 in [-1/4, 1/4]: exact in every float type.
+std::vector<float> noise(const std::string& name, size_t n) {
+  uint64_t state = 1469598103934665603U;
+  for (const char c : name)
+    state = (state ^ static_cast<uint8_t>(c)) * 1099511628211U;
+  std::vector<float> values(n);
+  for (float& value : values) {
+    state = state * 6364136223846793005U + 1442695040888963407U;
+    value = static_cast<float>(static_cast<int>(state >> 40) % 65) / 256.0F;
+    if ((state >> 39 & 1) != 0) value = -value;
+  }
+  return values;
+}
+
+// Checkpoint order -> runtime order of value heads of `unit` values, from index `first` on: the
+// checkpoint's head 2 g + j is the runtime's head 16 j + g.
+std::vector<float> tiled(const std::vector<float>& grouped, size_t first, size_t unit) {
+  std::vector<float> out = grouped;
+  for (size_t g = 0; g < 16; ++g) {
+    for (size_t j = 0; j < 2; ++j) {
+      for (size_t i = 0; i < unit; ++i)
+        out[first + (16 * j + g) * unit + i] = grouped[first + (2 * g + j) * unit + i];
+    }
+  }
+  return out;
+}
+
+std::vector<float> tiledColumns(const std::vector<float>& grouped, size_t cols, size_t unit) {
+  std::vector<float> out;
+  for (size_t row = 0; row < grouped.size() / cols; ++row) {
+    const auto begin = grouped.begin() + static_cast<std::ptrdiff_t>(row * cols);
+    const std::vector<float> one =
+        tiled({begin, begin + static_cast<std::ptrdiff_t>(cols)}, 0, unit);
+    out.insert(out.end(), one.begin(), one.end());
+  }
+  return out;
+}
+
+class Maker {
+ public:
+  explicit Maker(bool values) : withValues(values) {}
+
+  // toRuntime: from checkpoint values to runtime values; null where they are the same.
+  void add(const std::string& name, const std::string& checkpointName, std::vector<uint64_t> dims,
+           bool matrix,
+           const std::function<std::vector<float>(const std::vector<float>&)>& toRuntime = {}) {
+    TinyTensor tensor{
+        prefix + name, checkpointPrefix + checkpointName, std::move(dims), matrix, {}, {}};
+    if (withValues) {
+      size_t n = 1;
+      for (const uint64_t dim : tensor.dims)
+        n *= dim;
+      tensor.checkpoint = noise(tensor.name, n);
+      tensor.runtime = toRuntime ? toRuntime(tensor.checkpoint) : tensor.checkpoint;
+    }
+    model.push_back(std::move(tensor));
+  }
+
+  bool withValues;
+  std::string prefix;
+  std::string checkpointPrefix = "model.";
+  std::vector<TinyTensor> model;
+};
+
+std::vector<float> plusOne(const std::vector<float>& w) {
+  std::vector<float> out;
+  for (const float value : w)
+    out.push_back(1.0F + value);
+  return out;
+}
+
+std::vector<float> decay(const std::vector<float>& logs) {
+  std::vector<float> out;
+  for (const float value : tiled(logs, 0, 1))
+    out.push_back(-std::exp(value));
+  return out;
+}
+
+void addLinear(Maker& make) {
+  constexpr uint64_t h = kTinyHidden;
+  using Values = const std::vector<float>&;
+  make.add("attn_qkv.weight", "linear_attn.in_proj_qkv.weight", {h, 8192}, true,
+           [](Values v) { return tiled(v, 4096 * h, 128 * h); });
+  make.add("attn_gate.weight", "linear_attn.in_proj_z.weight", {h, 4096}, true,
+           [](Values v) { return tiled(v, 0, 128 * h); });
+  make.add("ssm_beta.weight", "linear_attn.in_proj_b.weight", {h, 32}, true,
+           [](Values v) { return tiled(v, 0, h); });
+  make.add("ssm_alpha.weight", "linear_attn.in_proj_a.weight", {h, 32}, true,
+           [](Values v) { return tiled(v, 0, h); });
+  make.add("ssm_a", "linear_attn.A_log", {32}, false, decay);
+  make.add("ssm_dt.bias", "linear_attn.dt_bias", {32}, false,
+           [](Values v) { return tiled(v, 0, 1); });
+  make.add("ssm_conv1d.weight", "linear_attn.conv1d.weight", {4, 8192}, false,
+           [](Values v) { return tiled(v, 4096 * 4, 128 * 4); });
+  make.add("ssm_norm.weight", "linear_attn.norm.weight", {128}, false);
+  make.add("ssm_out.weight", "linear_attn.out_proj.weight", {4096, h}, true,
+           [](Values v) { return tiledColumns(v, 4096, 128); });
+}
+
+void addFull(Maker& make) {
+  constexpr uint64_t h = kTinyHidden;
+  make.add("attn_q.weight", "self_attn.q_proj.weight", {h, 8192}, true);
+  make.add("attn_k.weight", "self_attn.k_proj.weight", {h, 1024}, true);
+  make.add("attn_v.weight", "self_attn.v_proj.weight", {h, 1024}, true);
+  make.add("attn_output.weight", "self_attn.o_proj.weight", {4096, h}, true);
+  make.add("attn_q_norm.weight", "self_attn.q_norm.weight", {256}, false, plusOne);
+  make.add("attn_k_norm.weight", "self_attn.k_norm.weight", {256}, false, plusOne);
+}
+
+uint64_t elementBytes(uint32_t type) {
+  return type == 0 ? 4 : 2;
+}
+
+uint64_t elements(const std::vector<uint64_t>& dims) {
+  uint64_t n = 1;
+  for (const uint64_t dim : dims)
+    n *= dim;
+  return n;
+}
+
+template <typename Builder>
+auto& named(Builder& file, const std::string& name) {
+  for (auto& tensor : file.tensors) {
+    if (tensor.name == name) return tensor;
+  }
+  throw std::out_of_range(name);
+}
+
+}  // namespace
+
+std::vector<TinyTensor> tinyModel(bool withValues) {
+  Maker make(withValues);
+  make.add("token_embd.weight", "embed_tokens.weight", {kTinyHidden, kTinyVocab}, true);
+  make.add("output_norm.weight", "norm.weight", {kTinyHidden}, false, plusOne);
+  for (int layer = 0; layer < 32; ++layer) {
+    const std::string number = std::to_string(layer) + ".";
+    make.prefix = "blk." + number;
+    make.checkpointPrefix = "model.layers." + number;
+    make.add("attn_norm.weight", "input_layernorm.weight", {kTinyHidden}, false, plusOne);
+    make.add("post_attention_norm.weight", "post_attention_layernorm.weight", {kTinyHidden}, false,
+             plusOne);
+    make.add("ffn_gate.weight", "mlp.gate_proj.weight", {kTinyHidden, kTinyFeedForward}, true);
+    make.add("ffn_up.weight", "mlp.up_proj.weight", {kTinyHidden, kTinyFeedForward}, true);
+    make.add("ffn_down.weight", "mlp.down_proj.weight", {kTinyFeedForward, kTinyHidden}, true);
+    if (layer % 4 == 3) {
+      addFull(make);
+    } else {
+      addLinear(make);
+    }
+  }
+  return make.model;
+}
+
+Bytes floatBytes(const std::vector<float>& values, const std::string& dtype) {
+  const bool whole = dtype == "F32";
+  const bool upper = dtype == "BF16";
+  Bytes bytes(values.size() * (whole ? 4 : 2));
+  uint8_t* out = bytes.data();
+  for (const float value : values) {
+    uint32_t bits = 0;
+    std::memcpy(&bits, &value, sizeof(bits));
+    if (!whole && !upper) {  // normal halves and zeros only: exponent less 112, ten bits after it
+      const uint32_t sign = (bits >> 16) & 0x8000;
+      const uint32_t rest = (((bits >> 23) & 0xFF) - 112) << 10 | ((bits >> 13) & 0x3FF);
+      bits = (value == 0 ? sign : sign | rest) << 16;
+    }
+    const uint32_t stored = whole ? bits : bits >> 16;
+    std::memcpy(out, &stored, whole ? 4 : 2);
+    out += whole ? 4 : 2;
+  }
+  return bytes;
+}
+
+void addTinyMetadata(GgufBuilder& file, const std::string& omit) {
+  const auto u32 = [&](const std::string& key, uint32_t value) {
+    if (key != omit) file.u32(key, value);
+  };
+  if (omit != "general.architecture") file.text("general.architecture", "qwen35");
+  file.text("general.name", "Tiny");
+  u32("qwen35.block_count", 32);
+  u32("qwen35.context_length", 262144);
+  u32("qwen35.embedding_length", kTinyHidden);
+  u32("qwen35.feed_forward_length", kTinyFeedForward);
+  u32("qwen35.attention.head_count", 16);
+  u32("qwen35.attention.head_count_kv", 4);
+  u32("qwen35.attention.key_length", 256);
+  u32("qwen35.attention.value_length", 256);
+  if (omit != "qwen35.attention.layer_norm_rms_epsilon") {
+    file.f32("qwen35.attention.layer_norm_rms_epsilon", 1e-6F);
+  }
+  u32("qwen35.full_attention_interval", 4);
+  if (omit != "qwen35.rope.freq_base") file.f32("qwen35.rope.freq_base", 1e7F);
+  u32("qwen35.rope.dimension_count", 64);
+  file.array<int32_t>("qwen35.rope.dimension_sections", 5, {11, 11, 10, 0});
+  u32("qwen35.ssm.conv_kernel", 4);
+  u32("qwen35.ssm.state_size", 128);
+  u32("qwen35.ssm.group_count", 16);
+  u32("qwen35.ssm.time_step_rank", 32);
+  u32("qwen35.ssm.inner_size", 4096);
+  if (omit != "tokenizer.ggml.model") file.text("tokenizer.ggml.model", "gpt2");
+  file.text("tokenizer.ggml.pre", "qwen35");
+  if (omit != "tokenizer.ggml.tokens") {
+    file.texts("tokenizer.ggml.tokens", {"a", "b", "ab", "\u0120", "\u0120a", "\u010A",
+                                         "<|im_start|>", "<|im_end|>", "<think>", "[PAD9]"});
+  }
+  if (omit != "tokenizer.ggml.token_type") {
+    file.array<int32_t>("tokenizer.ggml.token_type", 5, {1, 1, 1, 1, 1, 1, 3, 3, 4, 5});
+  }
+  if (omit != "tokenizer.ggml.merges") {
+    file.texts("tokenizer.ggml.merges", {"\u0120 a", "a b"});
+  }
+  u32("tokenizer.ggml.eos_token_id", 7);
+  file.text("tokenizer.chat_template", "x");
+}
+
+GgufBuilder tinyGguf(const std::vector<TinyTensor>& model, uint32_t type) {
+  GgufBuilder file;
+  addTinyMetadata(file);
+  const std::string dtype = type == 0 ? "F32" : type == 1 ? "F16" : "BF16";
+  for (const TinyTensor& tensor : model) {
+    const uint32_t stored = tensor.matrix ? type : 0;
+    GgufBuilder::Tensor& added = file.tensors.emplace_back();
+    added.name = tensor.name;
+    added.ne = tensor.dims;
+    added.type = stored;
+    if (tensor.runtime.empty()) {
+      added.holeBytes = elements(tensor.dims) * elementBytes(stored);
+    } else {
+      added.data = floatBytes(tensor.runtime, tensor.matrix ? dtype : "F32");
+    }
+  }
+  return file;
+}
+
+GgufBuilder::Tensor& tensorNamed(GgufBuilder& file, const std::string& name) {
+  return named(file, name);
+}
+
+SafetensorsBuilder::Tensor& tensorNamed(SafetensorsBuilder& file, const std::string& name) {
+  return named(file, name);
+}
+
+GgufBuilder bundledGguf(const GgufBuilder& plain) {
+  GgufBuilder file;
+  addTinyMetadata(file, "qwen35.attention.head_count_kv");
+  std::vector<uint32_t> heads;
+  for (int layer = 0; layer < 32; ++layer)
+    heads.push_back(layer % 4 == 3 ? 4 : 0);
+  file.array("qwen35.attention.head_count_kv", 4, heads);
+  file.scalar<uint64_t>("general.parameter_count", 10, 15'000'000);
+  file.boolean("qwen35.ssm.v_head_reordered", true);
+  file.tensors = plain.tensors;
+  for (GgufBuilder::Tensor& tensor : file.tensors) {
+    if (tensor.name.ends_with("ssm_dt.bias")) tensor.name.resize(tensor.name.size() - 5);
+  }
+  file.tensors.push_back({"v.patch_embd.weight", {8, 8}, 1, Bytes(128)});
+  file.tensors.push_back({"mm.0.weight", {8}, 0, Bytes(32)});
+  file.tensors.push_back({"mtp.norm.weight", {8}, 0, Bytes(32)});
+  file.tensors.push_back({"blk.32.nextn.enorm.weight", {8}, 0, Bytes(32)});
+  return file;
+}
+
+TinyDirectory tinyDirectory(const std::vector<TinyTensor>& model, const std::string& dtype) {
+  TinyDirectory directory;
+  for (const TinyTensor& tensor : model) {
+    SafetensorsBuilder::Tensor& added = directory.weights.tensors.emplace_back();
+    added.name = tensor.checkpointName;
+    added.dtype = tensor.matrix ? dtype : "F32";
+    added.shape.assign(tensor.dims.rbegin(), tensor.dims.rend());
+    if (tensor.name.ends_with("ssm_conv1d.weight")) added.shape = {8192, 1, 4};
+    if (tensor.checkpoint.empty()) {
+      added.holeBytes = elements(tensor.dims) * (added.dtype == "F32" ? 4 : 2);
+    } else {
+      added.data = floatBytes(tensor.checkpoint, added.dtype);
+    }
+  }
+  directory.config = R"({
+    "architectures": ["Qwen3_5ForCausalLM"], "model_type": "qwen3_5_text",
+    "hidden_size": 32, "intermediate_size": 256, "num_hidden_layers": 32, "vocab_size": 40,
+    "num_attention_heads": 16, "num_key_value_heads": 4, "head_dim": 256,
+    "linear_num_key_heads": 16, "linear_num_value_heads": 32, "linear_key_head_dim": 128,
+    "linear_value_head_dim": 128, "linear_conv_kernel_dim": 4, "full_attention_interval": 4,
+    "rms_norm_eps": 1e-06, "tie_word_embeddings": true, "attn_output_gate": true,
+    "rope_parameters": {"rope_theta": 10000000, "partial_rotary_factor": 0.25,
+                        "rope_type": "default"},
+    "eos_token_id": 6, "bos_token_id": null})";
+  directory.tokenizer = R"({"model": {"type": "BPE",
+    "vocab": {"a": 0, "b": 1, "ab": 2, "\u0120": 3, "\u0120a": 4, "\u010a": 5},
+    "merges": [["\u0120", "a"], "a b"]},
+    "added_tokens": [{"id": 6, "content": "<|im_start|>", "special": true},
+                     {"id": 7, "content": "<|im_end|>", "special": true},
+                     {"id": 8, "content": "<think>", "special": false}]})";
+  return directory;
+}
+
+void TinyDirectory::write(const std::string& folder) const {
+  std::filesystem::create_directories(folder);
+  const auto put = [&](const std::string& name, const std::string& text) {
+    writeFile(folder + "/" + name, Bytes(text.begin(), text.end()));
+  };
+  put("config.json", config);
+  put("tokenizer.json", tokenizer);
+  put("tokenizer_config.json", tokenizerConfig);
+  weights.write(folder + "/model.safetensors");
+}
+
+}  // namespace kel::test
