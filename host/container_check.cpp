@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <limits>
 #include <optional>
 #include <utility>
 
 #include "host/checksums.h"
 #include "host/container_report.h"
 #include "host/expected_tensors.h"
+#include "host/tensor_fit.h"
 #include "quant/blocks.h"
 
 namespace zym {
@@ -42,14 +44,6 @@ void checkOverlaps(std::vector<Range> ranges, std::vector<Fault>& faults) {
       ranges[i].name = ranges[i - 1].name;
     }
   }
-}
-
-std::optional<uint64_t> elementCount(const uint64_t* dims, size_t rank) {
-  uint64_t count = 1;
-  for (size_t i = 0; i < rank; ++i) {
-    if (__builtin_mul_overflow(count, dims[i], &count)) return std::nullopt;
-  }
-  return count;
 }
 
 TensorEntry entryAt(const kel::ZYM2Reader& reader, uint32_t index) {
@@ -98,28 +92,25 @@ void checkEntry(const TensorEntry& entry, uint64_t sectionBytes, std::vector<Fau
                       kel::quantTypeName(type), needed));
 }
 
-bool isMatrixType(QuantType type) {
-  return type == QuantType::F32 || type == QuantType::BF16 || type == QuantType::Q8_0 ||
-         type == QuantType::Q4_K || type == QuantType::Q5_K;
-}
+// Rows of the embedding: ids are 32-bit and signed.
+constexpr uint64_t kMostTokens = std::numeric_limits<int32_t>::max();
 
 void checkTensor(const ExpectedTensor& expected, const TensorView* tensor,
                  std::vector<Fault>& faults) {
-  const auto fault = [&](std::string what) { faults.push_back({expected.name, std::move(what)}); };
   if (tensor == nullptr) {
-    fault("is missing");
+    faults.push_back({expected.name, "is missing"});
     return;
   }
-  const std::vector<uint64_t> dims(tensor->dims, tensor->dims + tensor->rank);
-  if (dims != expected.dims)
-    fault(
-        fmt::format("has shape {}, needs {}", shapeText(*tensor), fmt::join(expected.dims, " x ")));
-  const char* type = kel::quantTypeName(tensor->type);
-  if (expected.vector && tensor->type != QuantType::F32)
-    fault(fmt::format("is {}, needs F32", type));
-  if (!expected.vector && !isMatrixType(tensor->type))
-    fault(
-        fmt::format("is {}, which cannot be multiplied; `zym convert` stores it otherwise", type));
+  for (std::string& misfit : misfits(expected, *tensor))
+    faults.push_back({expected.name, std::move(misfit)});
+}
+
+// The one shape that no other tensor decides.
+void checkEmbedding(const TensorView* embedding, std::vector<Fault>& faults) {
+  if (embedding == nullptr) return;
+  if (embedding->dims[0] == 0 || embedding->dims[1] == 0 || embedding->dims[1] > kMostTokens)
+    faults.push_back({embedding->name, fmt::format("has shape {}, needs 1 to {} rows",
+                                                   shapeText(*embedding), kMostTokens)});
 }
 
 // Index of the first value that is not finite; none when all are.
@@ -214,6 +205,7 @@ void checkModel(const kel::ZYMLoader& loader, std::vector<Fault>& faults) {
   for (const ExpectedTensor& expected : expectedTensors(loader))
     checkTensor(expected, loader.findTensor(expected.name), faults);
   const TensorView* embedding = loader.findTensor("token_embd.weight");
+  checkEmbedding(embedding, faults);
   const size_t tokens = loader.tokenizer.tokens.size();
   if (faults.size() == before && embedding->dims[1] != tokens)
     faults.push_back({"tokenizer", fmt::format("has {} tokens, token_embd.weight has {} rows",

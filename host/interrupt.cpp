@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <initializer_list>
 
 namespace zym {
 namespace {
@@ -13,28 +14,42 @@ namespace {
 volatile int cancelRequested = 0;
 volatile std::sig_atomic_t interrupted = 0;
 volatile std::sig_atomic_t cancellable = 0;
+volatile std::sig_atomic_t leavesAtOnce = 0;
 
 void onInterrupt(int) {
-  if (cancellable != 0 && cancelRequested != 0) _exit(kInterruptedExit);
+  if (cancellable != 0 && cancelRequested != 0 && leavesAtOnce != 0) _exit(kInterruptedExit);
   if (cancellable != 0) cancelRequested = 1;
   interrupted = 1;
+}
+
+void catchSignal(int number) {
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  // No SA_RESTART: a read at the prompt has to return.
+  sigaction(number, &action, nullptr);
 }
 
 }  // namespace
 
 void catchInterrupts() {
-  struct sigaction action {};
-  action.sa_handler = onInterrupt;
-  sigemptyset(&action.sa_mask);
-  // No SA_RESTART: a read at the prompt has to return.
-  sigaction(SIGINT, &action, nullptr);
+  catchSignal(SIGINT);
+}
+
+void catchRequestsToEnd() {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action {};
+    sigaction(number, nullptr, &action);
+    if (action.sa_handler != SIG_IGN) catchSignal(number);
+  }
 }
 
 volatile int* cancelFlag() {
   return &cancelRequested;
 }
 
-CancelScope::CancelScope() {
+CancelScope::CancelScope(FurtherInterrupt further) {
+  leavesAtOnce = further == FurtherInterrupt::Leaves ? 1 : 0;
   cancelRequested = 0;
   cancellable = 1;
 }

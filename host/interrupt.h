@@ -1,4 +1,4 @@
-// Ctrl-C (SIGINT) in an interactive program.
+// Ctrl-C (SIGINT) in an interactive program, and requests to end during work that has to tidy up.
 //
 // While a turn runs, the first one sets the turn's cancel flag and a further one leaves at once
 // with kInterruptedExit. At the prompt it only makes the pending read return.
@@ -10,13 +10,20 @@ constexpr int kInterruptedExit = 130;
 
 // Installs the handler; without it SIGINT ends the program.
 void catchInterrupts();
+// The same, with SIGTERM and SIGHUP (a terminal that is closed) treated like Ctrl-C. What is
+// ignored already stays ignored: nohup works.
+void catchRequestsToEnd();
 // The flag that a turn, or a conversion, is given as its cancel flag.
 volatile int* cancelFlag();
+
+// What a further Ctrl-C does in a span that has been cancelled. Work that leaves a file behind when
+// it ends at once, and looks at the flag often, ignores it.
+enum class FurtherInterrupt { Leaves, IsIgnored };
 
 // Marks the span in which Ctrl-C cancels; clears the flag at its start.
 class CancelScope {
  public:
-  CancelScope();
+  explicit CancelScope(FurtherInterrupt further = FurtherInterrupt::Leaves);
   ~CancelScope();
   CancelScope(const CancelScope&) = delete;
   CancelScope& operator=(const CancelScope&) = delete;

@@ -64,7 +64,9 @@ int runProgram(int argc, const char* const* argv) {
   addInfo(program, action);
   addCheck(program, action);
   addTokenize(program, action);
+  addConvert(program, action);
   addExamples(program,
+              "  zym convert model.gguf model.zym\n"
               "  zym chat model.zym\n"
               "  zym COMMAND --help");
   try {

@@ -42,7 +42,7 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   const Outcome version = zym({"--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out, "zym " ZYM_VERSION "\n");
-  for (const char* command : {"chat", "run", "bench", "info", "check", "tokenize"}) {
+  for (const char* command : {"chat", "run", "bench", "info", "check", "tokenize", "convert"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;

@@ -44,8 +44,9 @@ inline kel::Status writeSmallModel(const std::string& path,
   writer.addMetaStr("general.architecture", architecture);
   writer.setTokenizer(smallVocabulary(kTokens));
   if (more) more(writer);
-  for (const ExpectedTensor& expected :
-       expectedTensors({1, kTokens, 1}, [](uint32_t layer) { return (layer + 1) % 4 != 0; })) {
+  for (const ExpectedTensor& expected : expectedTensors({1, kTokens}, [](uint32_t layer) {
+         return LayerChoice{(layer + 1) % 4 != 0, 1};
+       })) {
     uint64_t count = 1;
     for (const uint64_t dim : expected.dims)
       count *= dim;
