@@ -15,7 +15,7 @@ namespace {
 
 struct Outcome {
   int exitStatus = -1;
-  std::string output;  // standard output, then standard error where it was asked for
+  std::string output;  // standard output; standard error as the command directs it
 };
 
 Outcome run(const std::string& arguments) {
