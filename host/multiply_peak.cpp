@@ -71,6 +71,7 @@ double multiplyPeak(int nThreads) {
   for (int pass = 0; pass < kPasses; ++pass) {
     const auto start = std::chrono::steady_clock::now();
     std::vector<std::thread> team;
+    team.reserve(static_cast<size_t>(threads));
     for (int t = 0; t < threads; ++t)
       team.emplace_back([&] { kept = kind.run(); });
     for (std::thread& member : team)
