@@ -33,12 +33,9 @@ std::string containerName(std::string_view name) {
 }
 
 SourceTensor sourceTensor(const GgufTensor& tensor) {
-  return {std::string(tensor.name),
-          std::string(tensor.typeName),
-          tensor.type,
-          tensor.dims,
-          tensor.data,
-          tensor.nBytes};
+  return {
+      printable(tensor.name), std::string(tensor.typeName), tensor.type, tensor.dims, tensor.data,
+      tensor.nBytes};
 }
 
 Status readTensors(const GgufFile& file, SourceModel& out) {
@@ -154,7 +151,7 @@ Status readGgufModel(const GgufFile& file, SourceModel& out) {
   if (!status.ok()) return status;
   out.format = fmt::format("GGUF {}", file.version());
   const GgufValue* name = file.find("general.name");
-  if (name != nullptr && name->type == GgufType::String) out.name = name->text;
+  if (name != nullptr && name->type == GgufType::String) out.name = printable(name->text);
   return Status::success();
 }
 

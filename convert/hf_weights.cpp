@@ -47,8 +47,9 @@ using TensorList = std::vector<SafetensorsEntry>;
 // A shard is a file in the directory itself, whatever the index says.
 Status checkFileName(const std::string& name) {
   const bool plain = !name.empty() && name != "." && name != ".." &&
-                     name.find_first_of("/\\") == std::string::npos &&
-                     name.find('\0') == std::string::npos;
+                     std::none_of(name.begin(), name.end(), [](unsigned char c) {
+                       return c == '/' || c == '\\' || c < 0x20;
+                     });
   if (plain) return Status::success();
   return malformed("{}: \"{}\" is not the name of a file in this directory", kIndexName,
                    printable(name));
@@ -141,8 +142,8 @@ std::unordered_map<std::string, std::string> nameMap() {
   for (const TensorSpec& spec : modelTensors({})) {
     std::string checkpoint(spec.checkpoint);
     if (spec.name != spec.suffix) {  // "blk.N.suffix"
-      const std::string layer = spec.name.substr(4, spec.name.find('.', 4) - 4);
-      checkpoint = "layers." + layer + "." + checkpoint;
+      const std::string_view layer = std::string_view(spec.name).substr(4);
+      checkpoint = fmt::format("layers.{}.{}", layer.substr(0, layer.find('.')), spec.checkpoint);
     }
     names.emplace(std::move(checkpoint), spec.name);
   }
@@ -170,7 +171,7 @@ Status sourceTensor(const SafetensorsEntry& entry, SourceTensor& out) {
     return unsupported("{} has the element type {}; the importer needs BF16, F16 or F32",
                        printable(entry.name), entry.dtype);
   }
-  out = {entry.name, entry.dtype, known->type, {}, entry.data, entry.nBytes};
+  out = {printable(entry.name), entry.dtype, known->type, {}, entry.data, entry.nBytes};
   return dimensions(entry, out.dims);
 }
 

@@ -16,7 +16,7 @@
 namespace kel::convert {
 
 struct SourceTensor {
-  std::string name;                // in the source, for messages
+  std::string name;                // in the source, printable, for messages
   std::string typeName;            // likewise
   std::optional<SourceType> type;  // none: cannot be decoded
   std::vector<uint64_t> dims;      // innermost first

@@ -31,13 +31,11 @@ constexpr std::string_view kAlphabetLabel = "alphabet";
 constexpr std::string_view kRawLabel = "raw";
 
 // Token types, as in the container: 2 and 3 are matched whole in text.
-enum TokenType : int32_t {
-  kNormalToken = 1,
-  kUnknownToken = 2,
-  kControlToken = 3,
-  kUserDefinedToken = 4,
-  kUnusedToken = 5,
-};
+constexpr int32_t kNormalToken = 1;
+constexpr int32_t kUnknownToken = 2;
+constexpr int32_t kControlToken = 3;
+constexpr int32_t kUserDefinedToken = 4;
+constexpr int32_t kUnusedToken = 5;
 
 struct Vocabulary {
   std::vector<std::string> tokens;

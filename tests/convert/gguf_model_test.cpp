@@ -227,6 +227,11 @@ TEST_F(GgufTensors, AnUnknownOneIsNamed) {
             refusalOf(file));
 }
 
+TEST_F(GgufTensors, ControlBytesOfANameDoNotReachTheTerminal) {
+  file.tensors.push_back({"\x1b[2Jx\n", {1}, 0, Bytes(4)});
+  EXPECT_EQ("?[2Jx? has no place in a model of 32 blocks of this family", refusalOf(file));
+}
+
 TEST_F(GgufTensors, AWrongShapeIsNamedWithBoth) {
   tensorNamed(file, "blk.0.ssm_alpha.weight").ne = {32, 16};
   EXPECT_EQ("the shape of blk.0.ssm_alpha.weight is [32, 16]; the runtime needs [32, 32]",

@@ -222,7 +222,8 @@ TEST_F(HfDirectory, MissingAndDamagedFilesAreNamed) {
 
 TEST_F(HfDirectory, IndexMustNameFilesOfTheDirectory) {
   put("config.json", directory.config);
-  for (const char* name : {"../weights", "/etc/passwd", "..", "", "a\\\\b", "a\\u0000"}) {
+  for (const char* name :
+       {"../weights", "/etc/passwd", "..", "", "a\\\\b", "a\\u0000", "a\\u001b"}) {
     put("model.safetensors.index.json", std::string(R"({"weight_map": {"a": ")") + name + "\"}}");
     EXPECT_NE(std::string::npos,
               refusal(folder.file("model")).find("is not the name of a file in this directory"))

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "convert/errors.h"
 #include "convert/free_space.h"
 #include "convert/tensor_rows.h"
 
@@ -105,6 +106,16 @@ TEST(Bfloat16, RoundsToNearestEven) {
   EXPECT_EQ(0x3F82, encoded(1.01171875F)) << "a tie, up to even";
   EXPECT_EQ(0x3F81, encoded(1.005F));
   EXPECT_EQ(0xBF80, encoded(-1.0F));
+}
+
+TEST(Printable, ControlBytesAreReplacedAndLongTextIsCutBetweenCharacters) {
+  EXPECT_EQ("a?b? \u00E9", kel::convert::printable("a\x1B"
+                                                   "b\x7F \u00E9"));
+  const std::string longest(100, 'x');
+  EXPECT_EQ(longest, kel::convert::printable(longest));
+  EXPECT_EQ(longest + "...", kel::convert::printable(longest + "y"));
+  const std::string before(99, 'x');
+  EXPECT_EQ(before + "...", kel::convert::printable(before + "\u00E9"));
 }
 
 TEST(FreeSpace, IsComparedWithTheNeed) {
