@@ -17,11 +17,15 @@ namespace {
 // Rows that are decoded and multiplied together: their chunk fits half of the first cache.
 constexpr size_t kTileRows = 16;
 
+// Rows whose sums are built up together: a chunk of the inputs is read once for all of them and
+// stays, with their parts, in the second cache.
+constexpr size_t kGroupRows = 64;
+
 struct TileScratch {
-  std::vector<float> rows;    // [kTileRows][kChunk], decoded
-  std::vector<float> parts;   // [rows][inputs][kLanes]
-  std::vector<float> totals;  // the same; rows longer than one span
-  std::vector<float> sums;    // [rows][inputs]
+  AlignedFloats rows;       // [kTileRows][kChunk], decoded
+  AlignedFloats parts;      // [rows][inputs][kLanes]
+  AlignedFloats totals;     // the same; rows longer than one span
+  std::vector<float> sums;  // [rows][inputs]
 };
 
 // One per thread of the team. Made ready by the calling thread: nothing may be thrown inside a
@@ -29,7 +33,7 @@ struct TileScratch {
 std::vector<TileScratch>& tileScratch(const BlockInputs& inputs) {
   static thread_local std::vector<TileScratch> perThread;
   perThread.resize(static_cast<size_t>(omp_get_max_threads()));
-  const size_t sums = kTileRows * inputs.count();
+  const size_t sums = kGroupRows * inputs.count();
   for (TileScratch& s : perThread) {
     s.rows.resize(std::max(kTileRows * kChunk, inputs.cols()));
     s.parts.reserve(sums * kLanes);
@@ -53,31 +57,48 @@ void decodeChunk(kel::QuantType type, const void* chunk, float* dst, size_t n) {
   }
 }
 
-void addAndClear(std::vector<float>& totals, std::vector<float>& parts) {
+void addAndClear(AlignedFloats& totals, AlignedFloats& parts) {
   for (size_t i = 0; i < parts.size(); ++i) {
     totals[i] += parts[i];
     parts[i] = 0.0f;
   }
 }
 
+// One matrix, taken apart.
+struct Matrix {
+  const uint8_t* data;
+  kel::QuantType type;
+  size_t rows;
+  size_t stride;      // bytes from row to row
+  size_t chunkBytes;  // bytes from chunk to chunk
+};
+
+// Decodes `len` elements of each of `count` rows, from element `at` on, and adds their products
+// with every input to parts.
+void addTile(const Matrix& weights, size_t firstRow, size_t count, size_t at, size_t len,
+             const BlockInputs& inputs, AlignedFloats& decoded, float* parts) {
+  const uint8_t* chunk =
+      weights.data + firstRow * weights.stride + at / kChunk * weights.chunkBytes;
+  for (size_t r = 0; r < count; ++r, chunk += weights.stride) {
+    decodeChunk(weights.type, chunk, decoded.data() + r * kChunk, len);
+  }
+  kernels().addChunkProducts(decoded.data(), inputs.chunk(at), parts, count, inputs.count(), len);
+}
+
 // The row sums of `count` consecutive rows with every input, into s.sums.
-void sumTile(const kel::TensorView& weights, size_t firstRow, size_t count,
-             const BlockInputs& inputs, TileScratch& s) {
+void sumGroup(const Matrix& weights, size_t firstRow, size_t count, const BlockInputs& inputs,
+              TileScratch& s) {
   const size_t cols = inputs.cols();
-  const size_t stride = rowBytes(weights.type, cols);
-  const size_t chunkBytes = rowBytes(weights.type, kChunk);
-  const auto* first = static_cast<const uint8_t*>(weights.data) + firstRow * stride;
-  s.parts.assign(count * inputs.count() * kLanes, 0.0f);
+  const size_t rowParts = inputs.count() * kLanes;
+  s.parts.assign(count * rowParts, 0.0f);
   const bool severalSpans = cols > kSpan;
   s.totals.assign(severalSpans ? s.parts.size() : 0, 0.0f);
   for (size_t at = 0; at < cols; at += kChunk) {
     const size_t len = std::min(kChunk, cols - at);
-    for (size_t r = 0; r < count; ++r) {
-      const uint8_t* chunk = first + r * stride + at / kChunk * chunkBytes;
-      decodeChunk(weights.type, chunk, s.rows.data() + r * kChunk, len);
+    for (size_t r = 0; r < count; r += kTileRows) {
+      addTile(weights, firstRow + r, std::min(kTileRows, count - r), at, len, inputs, s.rows,
+              s.parts.data() + r * rowParts);
     }
-    kernels().addChunkProducts(s.rows.data(), inputs.chunk(at), s.parts.data(), count,
-                               inputs.count(), len);
     if (severalSpans && ((at + len) % kSpan == 0 || at + len == cols)) {
       addAndClear(s.totals, s.parts);
     }
@@ -86,28 +107,26 @@ void sumTile(const kel::TensorView& weights, size_t firstRow, size_t count,
   kernels().foldSums(severalSpans ? s.totals.data() : s.parts.data(), s.sums.data(), s.sums.size());
 }
 
-void multiplyRange(const kel::TensorView& weights, RowRange range, size_t rows,
-                   const BlockInputs& inputs, TileScratch& s, float* y) {
-  for (size_t r = range.begin; r < range.end; r += kTileRows) {
-    const size_t count = std::min(kTileRows, range.end - r);
-    sumTile(weights, r, count, inputs, s);
+void multiplyRange(const Matrix& weights, RowRange range, const BlockInputs& inputs, TileScratch& s,
+                   float* y) {
+  for (size_t r = range.begin; r < range.end; r += kGroupRows) {
+    const size_t count = std::min(kGroupRows, range.end - r);
+    sumGroup(weights, r, count, inputs, s);
     for (size_t p = 0; p < inputs.count(); ++p) {
       for (size_t i = 0; i < count; ++i) {
-        y[p * rows + r + i] = 0.0f + s.sums[i * inputs.count() + p];
+        y[p * weights.rows + r + i] = 0.0f + s.sums[i * inputs.count() + p];
       }
     }
   }
 }
 
 // Row by row, for lengths that the lanes do not divide.
-void multiplyRangeByRows(const kel::TensorView& weights, RowRange range, size_t rows,
-                         const BlockInputs& inputs, TileScratch& s, float* y) {
-  const size_t stride = rowBytes(weights.type, inputs.cols());
+void multiplyRangeByRows(const Matrix& weights, RowRange range, const BlockInputs& inputs,
+                         TileScratch& s, float* y) {
   for (size_t r = range.begin; r < range.end; ++r) {
-    const uint8_t* encoded = static_cast<const uint8_t*>(weights.data) + r * stride;
-    decodeRow(weights.type, encoded, s.rows.data(), inputs.cols());
+    decodeRow(weights.type, weights.data + r * weights.stride, s.rows.data(), inputs.cols());
     for (size_t i = 0; i < inputs.count(); ++i) {
-      y[i * rows + r] = 0.0f + dotF32(s.rows.data(), inputs.input(i), inputs.cols());
+      y[i * weights.rows + r] = 0.0f + dotF32(s.rows.data(), inputs.input(i), inputs.cols());
     }
   }
 }
@@ -130,13 +149,15 @@ void BlockInputs::assign(const float* x, size_t count, size_t cols) {
 }
 
 void multiplyBlock(const kel::TensorView& weights, const BlockInputs& inputs, float* y) {
-  const size_t rows = rowCount(weights);
-  const auto multiply = inputs.cols() % kLanes == 0 ? multiplyRange : multiplyRangeByRows;
+  const size_t cols = inputs.cols();
+  const Matrix matrix{static_cast<const uint8_t*>(weights.data), weights.type, rowCount(weights),
+                      rowBytes(weights.type, cols), rowBytes(weights.type, kChunk)};
+  const auto multiply = cols % kLanes == 0 ? multiplyRange : multiplyRangeByRows;
   std::vector<TileScratch>& scratch = tileScratch(inputs);
 #pragma omp parallel
   {
     const auto t = static_cast<size_t>(omp_get_thread_num());
-    multiply(weights, rowsOfThisThread(rows), rows, inputs, scratch[t], y);
+    multiply(matrix, rowsOfThisThread(matrix.rows), inputs, scratch[t], y);
   }
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "container/tensor_view.h"
+#include "qwen35/aligned_floats.h"
 
 namespace qwen35 {
 
@@ -24,7 +25,7 @@ class BlockInputs {
 
  private:
   const float* source = nullptr;
-  std::vector<float> packed;
+  AlignedFloats packed;
   size_t nInputs = 0;
   size_t nCols = 0;
 };

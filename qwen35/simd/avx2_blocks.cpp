@@ -21,10 +21,15 @@ static_assert(kLanes == 8, "one register holds the lanes of a row sum");
 constexpr size_t kRowsAtOnce = 4;
 constexpr size_t kInputsAtOnce = 3;
 
+constexpr size_t kTilesPerFetch = 4;
+constexpr size_t kLineFloats = 16;
+
 // The chains of R rows and P inputs. parts: those of the first row and input; rows of parts are
-// partStride floats apart.
+// partStride floats apart. ahead: inputs that come next, of which this asks for a part, so that all
+// have arrived after kTilesPerFetch tiles.
 template <size_t R, size_t P>
-void addTile(const float* rows, const float* inputs, float* parts, size_t partStride, size_t len) {
+void addTile(const float* rows, const float* inputs, float* parts, size_t partStride, size_t len,
+             const float* ahead) {
   __m256 chain[R][P];
   for (size_t r = 0; r < R; ++r) {
     for (size_t p = 0; p < P; ++p) {
@@ -32,6 +37,12 @@ void addTile(const float* rows, const float* inputs, float* parts, size_t partSt
     }
   }
   for (size_t i = 0; i < len; i += kLanes) {
+    if (i % (kTilesPerFetch * kLineFloats) == 0) {
+      for (size_t p = 0; p < P; ++p) {
+        _mm_prefetch(reinterpret_cast<const char*>(ahead + p * kChunk + i / kTilesPerFetch),
+                     _MM_HINT_T0);
+      }
+    }
     __m256 input[P];
     for (size_t p = 0; p < P; ++p) {
       input[p] = _mm256_loadu_ps(inputs + p * kChunk + i);
@@ -43,7 +54,9 @@ void addTile(const float* rows, const float* inputs, float* parts, size_t partSt
       }
     }
   }
+#pragma GCC unroll 4
   for (size_t r = 0; r < R; ++r) {
+#pragma GCC unroll 3
     for (size_t p = 0; p < P; ++p) {
       float* part = parts + r * partStride + p * kLanes;
       _mm256_storeu_ps(part, _mm256_add_ps(_mm256_loadu_ps(part), chain[r][p]));
@@ -57,10 +70,12 @@ void addRows(const float* rows, const float* inputs, float* parts, size_t partSt
              size_t len) {
   size_t r = 0;
   for (; nRows - r >= kRowsAtOnce; r += kRowsAtOnce) {
-    addTile<kRowsAtOnce, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len);
+    const size_t tile = r / kRowsAtOnce % kTilesPerFetch;
+    addTile<kRowsAtOnce, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len,
+                            inputs + P * kChunk + tile * (kChunk / kTilesPerFetch));
   }
   for (; r < nRows; ++r) {
-    addTile<1, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len);
+    addTile<1, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len, inputs);
   }
 }
 
