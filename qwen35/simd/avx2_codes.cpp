@@ -244,14 +244,13 @@ __m256 spanSum(const uint8_t* super, size_t stride, const CodedInput* x, size_t 
       heads[j] = b + j < blocks ? super + (b + j) * Format::kBlockBytes : kNoHead;
     }
     low = openGroup(heads, x[b / kGroupBlocks], scales[b / kGroupBlocks], low);
-    const uintptr_t ahead =
-        reinterpret_cast<uintptr_t>(super) + kRowsAhead * stride + b * Format::kBlockBytes;
-    for (size_t line = 0; line < kGroupBlocks * Format::kBlockBytes; line += kLineBytes) {
-      _mm_prefetch(reinterpret_cast<const char*>(ahead + line), _MM_HINT_T0);
-    }
   }
   __m256 chain = _mm256_setzero_ps();
   for (size_t b = 0; b < blocks; ++b, super += Format::kBlockBytes) {
+    const uintptr_t ahead = reinterpret_cast<uintptr_t>(super) + kRowsAhead * stride;
+    for (size_t line = 0; line < Format::kBlockBytes; line += kLineBytes) {
+      _mm_prefetch(reinterpret_cast<const char*>(ahead + line), _MM_HINT_T0);
+    }
     chain = addBlock<Format>(super, scales[b / kGroupBlocks], b % kGroupBlocks, x[b / kGroupBlocks],
                              chain);
   }
