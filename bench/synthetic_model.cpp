@@ -9,33 +9,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <map>
-#include <random>
 #include <string>
 
 #include "tests/support/random_model.h"
+#include "tests/support/synthetic_vocabulary.h"
 
 namespace {
 
 using kel::QuantType;
-
-// Printable bytes, then strings of 2 to 14 letters with a merge each, as many as a byte-level
-// vocabulary of that size has.
-kel::TokenizerData makeTokenizer(uint64_t vocabulary) {
-  std::mt19937 random(1);
-  kel::TokenizerData tables;
-  for (char byte = ' '; byte <= '~' && tables.tokens.size() < vocabulary; ++byte) {
-    tables.tokens.emplace_back(1, byte);
-  }
-  while (tables.tokens.size() < vocabulary) {
-    const std::string& left = tables.tokens[random() % tables.tokens.size()];
-    const std::string& right = tables.tokens[random() % tables.tokens.size()];
-    if (left.size() + right.size() > 14) continue;
-    tables.merges.push_back(left + " " + right);
-    tables.tokens.push_back(left + right);
-  }
-  tables.tokenTypes.assign(tables.tokens.size(), 1);
-  return tables;
-}
 
 uint64_t argument(int argc, char** argv, int index, uint64_t otherwise) {
   return argc > index ? std::strtoull(argv[index], nullptr, 10) : otherwise;
@@ -59,7 +40,7 @@ int main(int argc, char** argv) {
                                   .ffn = argument(argc, argv, 4, 9216),
                                   .vocab = argument(argc, argv, 5, 248320),
                                   .types = {types.at(type)}};
-  spec.tokenizer = makeTokenizer(spec.vocab);
+  spec.tokenizer = kel::test::syntheticVocabulary(spec.vocab);
   if (const kel::Status status = writeRandomModel(argv[1], spec); !status.ok()) {
     std::fprintf(stderr, "%s\n", status.message.c_str());
     return 1;
