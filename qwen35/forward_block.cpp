@@ -56,14 +56,11 @@ void layerBlock(Model& m, Layer& layer, size_t count, size_t pos, Scratch& s) {
   } else {
     fullAttnBlock(m, layer, s.x.data(), s.attn.data(), count, pos);
   }
-  for (size_t i = 0; i < count; ++i) {
-    const size_t row = i * m.nEmbd;
-    for (size_t j = row; j < row + m.nEmbd; ++j) {
-      s.residual[j] = s.x[j] + s.attn[j];
-    }
-    rmsNorm(s.residual.data() + row, floats(layer.postAttnNorm), s.normed.data() + row, m.nEmbd,
-            kNormEps);
+  for (size_t j = 0; j < count * m.nEmbd; ++j) {
+    s.residual[j] = s.x[j] + s.attn[j];
   }
+  rmsNormRows(s.residual.data(), floats(layer.postAttnNorm), s.normed.data(), count, m.nEmbd,
+              kNormEps);
   ffnBlock(layer, m.nEmbd, count, s);
   for (size_t j = 0; j < count * m.nEmbd; ++j) {
     s.x[j] = s.residual[j] + s.ffn[j];
@@ -81,9 +78,7 @@ void forwardBlock(Model& m, const float* emb, size_t count, size_t pos, float* o
   for (Layer& layer : m.layers) {
     layerBlock(m, layer, count, pos, s);
   }
-  for (size_t i = 0; i < count; ++i) {
-    rmsNorm(s.x.data() + i * m.nEmbd, floats(m.outputNorm), out + i * m.nEmbd, m.nEmbd, kNormEps);
-  }
+  rmsNormRows(s.x.data(), floats(m.outputNorm), out, count, m.nEmbd, kNormEps);
 }
 
 }  // namespace qwen35

@@ -222,10 +222,7 @@ void projectBlock(const Model& m, const Layer& layer, const float* x, size_t cou
   s.q.resize(count * kQueryFloats);
   s.k.resize(count * kKeyFloats);
   s.v.resize(count * kValueFloats);
-  for (size_t i = 0; i < count; ++i) {
-    rmsNorm(x + i * m.nEmbd, floats(layer.attnNorm), s.xnorm.data() + i * m.nEmbd, m.nEmbd,
-            kNormEps);
-  }
+  rmsNormRows(x, floats(layer.attnNorm), s.xnorm.data(), count, m.nEmbd, kNormEps);
   s.inputs.assign(s.xnorm.data(), count, m.nEmbd);
   multiplyBlock(*layer.attnQ, s.inputs, s.q.data());
   multiplyBlock(*layer.attnK, s.inputs, s.k.data());

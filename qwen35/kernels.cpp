@@ -32,6 +32,12 @@ void rmsNorm(const float* x, const float* w, float* out, size_t n, float eps) {
   }
 }
 
+void rmsNormRows(const float* x, const float* w, float* out, size_t nRows, size_t n, float eps) {
+  for (size_t r = 0; r < nRows; ++r) {
+    rmsNorm(x + r * n, w, out + r * n, n, eps);
+  }
+}
+
 void l2NormBlocks(const float* x, float* out, size_t nBlocks, size_t blockLen, float eps) {
   for (size_t block = 0; block < nBlocks; ++block, x += blockLen, out += blockLen) {
     const auto sum = static_cast<float>(sumOfSquares(x, blockLen));

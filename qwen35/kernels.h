@@ -23,6 +23,9 @@ float dotF32(const float* a, const float* b, size_t n);
 // all that follows is single precision. w multiplies as stored, without "1 +".
 void rmsNorm(const float* x, const float* w, float* out, size_t n, float eps);
 
+// rmsNorm of each of nRows consecutive rows of n floats.
+void rmsNormRows(const float* x, const float* w, float* out, size_t nRows, size_t n, float eps);
+
 // Scales each of nBlocks consecutive blocks of blockLen floats to unit length:
 // out = x * inv, inv = 1 / sqrt(sum(x^2) + eps). The squares are summed in double in index order.
 void l2NormBlocks(const float* x, float* out, size_t nBlocks, size_t blockLen, float eps);

@@ -199,10 +199,7 @@ BlockScratch& blockScratch() {
 
 void projectBlock(const Model& m, const Layer& layer, const float* x, size_t count,
                   BlockScratch& s) {
-  for (size_t i = 0; i < count; ++i) {
-    rmsNorm(x + i * m.nEmbd, floats(layer.attnNorm), s.xnorm.data() + i * m.nEmbd, m.nEmbd,
-            kNormEps);
-  }
+  rmsNormRows(x, floats(layer.attnNorm), s.xnorm.data(), count, m.nEmbd, kNormEps);
   s.inputs.assign(s.xnorm.data(), count, m.nEmbd);
   multiplyBlock(*layer.attnQkv, s.inputs, s.qkv.data());
   multiplyBlock(*layer.attnGate, s.inputs, s.z.data());

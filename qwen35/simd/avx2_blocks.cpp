@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "qwen35/simd/avx2_float.h"
+#include "qwen35/simd/avx2_common.h"
 #include "qwen35/simd/kernel_table.h"
 
 namespace qwen35::avx2 {
@@ -123,10 +123,6 @@ void storeSubBlock(__m256i codes, float scale, float min, float* dst) {
   }
 }
 
-__m256i load32Bytes(const uint8_t* at) {
-  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
-}
-
 // Sub-block `sub` in the low nibbles, `sub` + 1 in the high ones; fifths: further bits of each.
 void storePair(__m256i nibbles, __m256i lowFifths, __m256i highFifths, const SubBlockScales& s,
                size_t sub, float* dst) {
@@ -202,10 +198,7 @@ void addChunkProducts(const float* rows, const float* inputs, float* parts, size
 
 void foldSums(const float* sums, float* out, size_t n) {
   for (size_t i = 0; i < n; ++i) {
-    const __m256 total = _mm256_loadu_ps(sums + i * kLanes);
-    const __m128 four = _mm_add_ps(_mm256_castps256_ps128(total), _mm256_extractf128_ps(total, 1));
-    const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));
-    out[i] = _mm_cvtss_f32(_mm_add_ss(two, _mm_movehdup_ps(two)));
+    out[i] = fold(_mm256_loadu_ps(sums + i * kLanes));
   }
 }
 

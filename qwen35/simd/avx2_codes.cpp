@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "qwen35/simd/avx2_common.h"
 #include "qwen35/simd/kernel_table.h"
 
 namespace qwen35::avx2 {
@@ -26,16 +27,6 @@ constexpr size_t kLineBytes = 64;
 // cache; and how many rows ahead their bytes are asked for.
 constexpr size_t kRowsPerTile = 16;
 constexpr size_t kRowsAhead = 4;
-
-__m256i load32(const void* at) {
-  return _mm256_loadu_si256(static_cast<const __m256i*>(at));
-}
-
-float fold(__m256 total) {
-  const __m128 four = _mm_add_ps(_mm256_castps256_ps128(total), _mm256_extractf128_ps(total, 1));
-  const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));
-  return _mm_cvtss_f32(_mm_add_ss(two, _mm_movehdup_ps(two)));
-}
 
 // Four halves, one in the low 16 bits of each element. The exponents of the two formats lie 112
 // apart; the product is exact, for subnormals too.
@@ -148,7 +139,7 @@ struct DigitSums {
   // in pairs to lanes.
   void add(__m256i codes, __m256i scale, const int8_t (&digits)[kInputDigits][kSubLen]) {
     for (size_t p = kFirst; p < kInputDigits; ++p) {
-      const __m256i words = _mm256_maddubs_epi16(codes, load32(digits[p]));
+      const __m256i words = _mm256_maddubs_epi16(codes, load32Bytes(digits[p]));
       sum[p] = _mm256_add_epi32(sum[p], _mm256_madd_epi16(words, scale));
     }
   }
@@ -170,7 +161,7 @@ struct Q4K {
   template <size_t kPair>
   static void codes(const uint8_t* super, __m256i& low, __m256i& high) {
     const __m256i nibble = _mm256_set1_epi8(15);
-    const __m256i bytes = load32(super + kHeadBytes + kPair * kSubLen);
+    const __m256i bytes = load32Bytes(super + kHeadBytes + kPair * kSubLen);
     low = _mm256_and_si256(bytes, nibble);
     high = _mm256_and_si256(_mm256_srli_epi16(bytes, 4), nibble);
   }
@@ -193,7 +184,7 @@ struct Q5K {
   template <size_t kPair>
   static void codes(const uint8_t* super, __m256i& low, __m256i& high) {
     Q4K::codes<kPair>(super + kSubLen, low, high);
-    const __m256i bits = load32(super + kHeadBytes);
+    const __m256i bits = load32Bytes(super + kHeadBytes);
     low = _mm256_or_si256(low, fifthBits<2 * kPair>(bits));
     high = _mm256_or_si256(high, fifthBits<2 * kPair + 1>(bits));
   }

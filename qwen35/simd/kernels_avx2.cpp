@@ -10,7 +10,7 @@
 
 #include "qwen35/simd/avx2_blocks.h"
 #include "qwen35/simd/avx2_codes.h"
-#include "qwen35/simd/avx2_float.h"
+#include "qwen35/simd/avx2_common.h"
 #include "qwen35/simd/tables.h"
 
 namespace qwen35 {
@@ -25,21 +25,12 @@ constexpr size_t kRowsAtOnce = 4;
 
 constexpr size_t kLineBytes = 64;
 
+using avx2::fold;
+using avx2::load32Bytes;
 using avx2::loadHalf;
 
 __m128i load8Bytes(const uint8_t* at) {
   return _mm_loadl_epi64(reinterpret_cast<const __m128i*>(at));
-}
-
-__m256i load32Bytes(const uint8_t* at) {
-  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(at));
-}
-
-// Folds the lanes of a row sum by halves.
-float fold(__m256 total) {
-  const __m128 four = _mm_add_ps(_mm256_castps256_ps128(total), _mm256_extractf128_ps(total, 1));
-  const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));
-  return _mm_cvtss_f32(_mm_add_ss(two, _mm_movehdup_ps(two)));
 }
 
 // A format says how one block of each of R rows is multiplied with the block's inputs and added to

@@ -1,6 +1,8 @@
-// Half precision for the AVX2 files: a header of its own, in an unnamed namespace, so that no copy
-// compiled for wider instructions can serve the rest of the program.
+// What the AVX2 files share, in an unnamed namespace, so that no copy compiled for wider
+// instructions can serve the rest of the program.
 #pragma once
+
+#include <immintrin.h>
 
 #include <cstdint>
 #include <cstring>
@@ -28,6 +30,17 @@ inline float loadHalf(const uint8_t* at) {
   uint16_t half;
   std::memcpy(&half, at, sizeof half);
   return halfToFloat(half);
+}
+
+inline __m256i load32Bytes(const void* at) {
+  return _mm256_loadu_si256(static_cast<const __m256i*>(at));
+}
+
+// Folds the lanes of a row sum by halves.
+inline float fold(__m256 total) {
+  const __m128 four = _mm_add_ps(_mm256_castps256_ps128(total), _mm256_extractf128_ps(total, 1));
+  const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));
+  return _mm_cvtss_f32(_mm_add_ss(two, _mm_movehdup_ps(two)));
 }
 
 }  // namespace
