@@ -23,12 +23,10 @@ constexpr int32_t kLargestFixed = 0x7F7F7F00;
 constexpr int32_t kOutlierSum = 1 << 27;
 constexpr int kMaxFixedShift = 108;  // products with half-precision scales stay normal numbers
 
-// Four super-blocks of input; those past the end of the vector are all zero.
+// Four super-blocks of input; those past the end of the vector are all zero. Digits, sums and scales
+// lie as registers load them.
 struct alignas(64) CodedInput {
   int8_t digits[kGroupBlocks][8][kInputDigits][32];  // [super-block][sub-block][digit][element]
-
-  // Whether the last digits of a super-block were kept.
-  bool keepsLast[kGroupBlocks];
 
   // The sum of the elements of sub-block s of super-block b: exact in fixed point, then rounded to
   // single precision. At [2 (b / 2) + s / 4][4 (b mod 2) + s mod 4]: the order in which the
@@ -36,6 +34,8 @@ struct alignas(64) CodedInput {
   float sums[kGroupBlocks][8];
 
   float scales[kGroupBlocks];  // 2^(8 - k), the weight of digit 1
+
+  bool keepsLast[kGroupBlocks];  // whether the last digits of a super-block were kept
 };
 
 // Groups of an input of `cols` elements, a multiple of 256.

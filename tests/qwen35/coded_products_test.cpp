@@ -33,7 +33,9 @@ const KernelTable& scalar() {
 
 std::vector<CodedInput> coded(const KernelTable& table, const std::vector<float>& x) {
   std::vector<CodedInput> groups(qwen35::codedGroups(x.size()));
-  std::memset(static_cast<void*>(groups.data()), 0x5A, groups.size() * sizeof(CodedInput));
+  for (CodedInput& group : groups) {
+    std::memset(static_cast<void*>(&group), 0x5A, sizeof group);
+  }
   EXPECT_TRUE(table.codeInput(x.data(), x.size(), groups.data()));
   return groups;
 }
