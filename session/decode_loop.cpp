@@ -10,7 +10,6 @@
 #include "qwen35/diagnostics.h"
 #include "qwen35/forward.h"
 #include "qwen35/forward_block.h"
-#include "qwen35/recurrent_state.h"
 #include "session/sampler.h"
 
 namespace session {
@@ -76,7 +75,6 @@ size_t feedableTokens(const Qwen35Session& session, std::span<const int> tokens)
 struct BlockBuffers {
   std::vector<float> embeddings;
   std::vector<float> hidden;
-  qwen35::RecurrentState before;  // the state that the block at hand started from
 };
 
 // Runs a block of tokens at the session's position; counts and times it like as many passes.
@@ -97,12 +95,12 @@ bool feedBlock(Qwen35Session& session, std::span<const int> tokens, BlockBuffers
   for (size_t i = 0; i < tokens.size(); ++i) {
     qwen35::embedRow(session.model, static_cast<size_t>(tokens[i]), b.embeddings.data() + i * n);
   }
-  if (tokens.size() > 1) b.before.save(session.model);
+  if (tokens.size() > 1) session.beforeBlock.save(session.model);
   timedBlock(session, tokens.size(), b);
   for (size_t i = 0; i < tokens.size(); ++i) {
     if (allFinite(b.hidden.data() + i * n, n)) continue;
     if (i + 1 < tokens.size()) {
-      b.before.restore(session.model);
+      session.beforeBlock.restore(session.model);
       session.position -= tokens.size();
       timedBlock(session, i + 1, b);
     }

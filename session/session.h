@@ -11,6 +11,7 @@
 
 #include "container/zym_loader.h"
 #include "qwen35/model.h"
+#include "qwen35/recurrent_state.h"
 #include "tokenizer/tokenizer.h"
 
 namespace session {
@@ -22,7 +23,8 @@ struct Qwen35Session {
 
   std::unique_ptr<kel::ZYMLoader> loader;  // owns the file mapping that model points into
   qwen35::Model model;
-  bool loaded = false;  // every loading step succeeded
+  qwen35::RecurrentState beforeBlock;  // of a prompt; kept between prompts for its memory
+  bool loaded = false;                 // every loading step succeeded
   std::unique_ptr<kel::Tokenizer> tokenizer;
   std::string modelPath;
 
