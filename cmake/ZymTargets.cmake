@@ -52,6 +52,11 @@ function(zym_add_library name)
   target_link_libraries(${name} PUBLIC zym_options ${ARG_DEPS})
 endfunction()
 
+# Tests spend their time in what they test.
+add_library(zym_test_options INTERFACE)
+target_compile_options(zym_test_options INTERFACE $<$<CONFIG:Release>:-O1>)
+target_link_libraries(zym_test_options INTERFACE zym_options)
+
 # zym_add_test(name SOURCES ... DEPS ... [LABELS ...] [TIMEOUT s]): a GoogleTest program whose test
 # cases become CTest tests of their own. Idle OpenMP threads sleep: tests run beside each other, and
 # threads that spin for work take the processor from those that have some.
@@ -61,7 +66,12 @@ function(zym_add_test name)
     set(ARG_TIMEOUT 1800)  # generous: sanitizer builds on a busy machine
   endif()
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE zym_options ${ARG_DEPS} GTest::gtest_main)
+  # OpenMP for all: precompiled headers serve programs of the same flags only.
+  target_link_libraries(${name} PRIVATE
+    zym_test_options ${ARG_DEPS} GTest::gtest_main OpenMP::OpenMP_CXX)
+  if(NOT ARG_SOURCES MATCHES "\\.c(;|$)")  # a C program has no use for them
+    target_precompile_headers(${name} REUSE_FROM zym_test_headers)
+  endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
 endfunction()
