@@ -28,24 +28,10 @@ constexpr size_t kLineBytes = 64;
 constexpr size_t kRowsPerTile = 16;
 constexpr size_t kRowsAhead = 4;
 
-// Four halves, one in the low 16 bits of each element. The exponents of the two formats lie 112
-// apart; the product is exact, for subnormals too.
-__m128 halvesToFloats(__m128i halves) {
-  const __m128i magnitude = _mm_and_si128(halves, _mm_set1_epi32(0x7FFF));
-  const __m128i sign = _mm_slli_epi32(_mm_srli_epi32(halves, 15), 31);
-  const __m128i shifted = _mm_slli_epi32(magnitude, 13);
-  const __m128 finite = _mm_mul_ps(_mm_castsi128_ps(shifted), _mm_set1_ps(0x1p112f));
-  const __m128i special = _mm_or_si128(shifted, _mm_set1_epi32(0x7F800000));
-  const __m128i isSpecial = _mm_cmpgt_epi32(magnitude, _mm_set1_epi32(0x7BFF));
-  const __m128 value =
-      _mm_blendv_ps(finite, _mm_castsi128_ps(special), _mm_castsi128_ps(isSpecial));
-  return _mm_or_ps(value, _mm_castsi128_ps(sign));
-}
-
 // The heads of four super-blocks, element j of each field for block j.
 struct Heads {
-  __m128i superScales;  // super-scale in the low half, super-minimum in the high half
-  __m128i scales[2];    // bytes: sub-blocks 0 to 3, then 4 to 7
+  __m128i supers;     // super-scale in the low half, super-minimum in the high half
+  __m128i scales[2];  // bytes: sub-blocks 0 to 3, then 4 to 7
   __m128i minimums[2];
 };
 
@@ -68,7 +54,7 @@ Heads loadHeads(const uint8_t* const (&supers)[kGroupBlocks]) {
   const __m128i four = _mm_set1_epi8(0x0F);
   const __m128i upperTwo = _mm_set1_epi8(0x30);
   Heads out;
-  out.superScales = _mm_unpacklo_epi64(low01, low23);
+  out.supers = _mm_unpacklo_epi64(low01, low23);
   out.scales[0] = _mm_and_si128(word0, six);
   out.minimums[0] = _mm_and_si128(word1, six);
   out.scales[1] =
@@ -102,16 +88,15 @@ __m256 openGroup(const uint8_t* const (&supers)[kGroupBlocks], const CodedInput&
   const Heads heads = loadHeads(supers);
   storeScalePairs(heads.scales[0], out.scale[0][0]);
   storeScalePairs(heads.scales[1], out.scale[1][0]);
-  const __m128i lowHalf = _mm_set1_epi32(0xFFFF);
-  const __m128 superScale = halvesToFloats(_mm_and_si128(heads.superScales, lowHalf));
-  _mm_store_ps(out.factor, _mm_mul_ps(superScale, _mm_load_ps(x.scales)));
-
-  const __m256 superMinimum =
-      _mm256_castps128_ps256(halvesToFloats(_mm_srli_epi32(heads.superScales, 16)));
+  // Super-scales at the even places, super-minimums at the odd ones.
+  const __m256 supers32 = _mm256_cvtph_ps(heads.supers);
+  const __m256 superScales =
+      _mm256_permutevar8x32_ps(supers32, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
+  _mm_store_ps(out.factor, _mm_mul_ps(_mm256_castps256_ps128(superScales), _mm_load_ps(x.scales)));
   const __m256 first =
-      _mm256_permutevar8x32_ps(superMinimum, _mm256_setr_epi32(0, 0, 0, 0, 1, 1, 1, 1));
+      _mm256_permutevar8x32_ps(supers32, _mm256_setr_epi32(1, 1, 1, 1, 3, 3, 3, 3));
   const __m256 second =
-      _mm256_permutevar8x32_ps(superMinimum, _mm256_setr_epi32(2, 2, 2, 2, 3, 3, 3, 3));
+      _mm256_permutevar8x32_ps(supers32, _mm256_setr_epi32(5, 5, 5, 5, 7, 7, 7, 7));
   const auto addMinimums = [&low](__m256 super, __m128i codes, const float* sums) {
     const __m256 minimum = _mm256_mul_ps(super, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(codes)));
     low = _mm256_fmadd_ps(minimum, _mm256_load_ps(sums), low);

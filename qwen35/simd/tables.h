@@ -6,6 +6,6 @@
 namespace qwen35 {
 
 const KernelTable& scalarKernels();
-const KernelTable& avx2Kernels();  // only where ZYM_HAVE_AVX2 is defined; needs AVX2 and FMA
+const KernelTable& avx2Kernels();  // only where ZYM_HAVE_AVX2 is defined; needs AVX2, FMA and F16C
 
 }  // namespace qwen35
