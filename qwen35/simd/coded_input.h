@@ -23,8 +23,8 @@ constexpr int32_t kLargestFixed = 0x7F7F7F00;
 constexpr int32_t kOutlierSum = 1 << 27;
 constexpr int kMaxFixedShift = 108;  // products with half-precision scales stay normal numbers
 
-// Four super-blocks of input; those past the end of the vector are all zero. Digits, sums and scales
-// lie as registers load them.
+// Four super-blocks of input; those past the end of the vector are all zero. Digits, sums and
+// scales lie as registers load them.
 struct alignas(64) CodedInput {
   int8_t digits[kGroupBlocks][8][kInputDigits][32];  // [super-block][sub-block][digit][element]
 
