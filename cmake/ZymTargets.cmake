@@ -55,6 +55,9 @@ endfunction()
 # Tests spend their time in what they test.
 add_library(zym_test_options INTERFACE)
 target_compile_options(zym_test_options INTERFACE $<$<CONFIG:Release>:-O1>)
+if(ZYM_SANITIZE OR ZYM_COVERAGE)
+  target_compile_definitions(zym_test_options INTERFACE ZYM_INSTRUMENTED)
+endif()
 target_link_libraries(zym_test_options INTERFACE zym_options)
 
 # zym_add_test(name SOURCES ... DEPS ... [LABELS ...] [TIMEOUT s]): a GoogleTest program whose test

@@ -11,6 +11,7 @@
 
 #include "tests/abi/chat_host.h"
 #include "tests/support/chat_model.h"
+#include "tests/support/instrumented.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -42,11 +43,8 @@ class Endurance : public testing::Test {
 };
 
 // Sanitizers keep freed memory aside, which is growth of their own.
-#ifdef ZYM_INSTRUMENTED
-constexpr long kAllowedGrowthKb = std::numeric_limits<long>::max();
-#else
-constexpr long kAllowedGrowthKb = 8192;
-#endif
+constexpr long kAllowedGrowthKb =
+    kel::test::kInstrumented ? std::numeric_limits<long>::max() : 8192;
 
 TEST_F(Endurance, TwoThousandHandlesLeaveMemoryFlat) {
   const std::string path = model();

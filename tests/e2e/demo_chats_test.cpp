@@ -9,6 +9,7 @@
 
 #include "tests/e2e/fixture.h"
 #include "tests/support/demo_model.h"
+#include "tests/support/instrumented.h"
 
 namespace zym {
 namespace {
@@ -18,11 +19,7 @@ using testing_support::Outcome;
 using Chat = std::vector<DemoTurn>;
 
 // Under the sanitizers a sample: each reply takes them seconds.
-#ifdef ZYM_INSTRUMENTED
-constexpr size_t kStride = 16;
-#else
-constexpr size_t kStride = 1;
-#endif
+constexpr size_t kStride = kel::test::kInstrumented ? 16 : 1;
 constexpr size_t kSampleStride = 8 * kStride;
 
 class DemoChatsTest : public testing_support::ProgramTest,
