@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <random>
 #include <vector>
@@ -124,6 +125,29 @@ TEST(ForwardBlock, StaysCloseToSingleTokensForCodedTypes) {
   for (size_t i = 0; i < expected.size(); ++i) {
     EXPECT_NEAR(expected[i], actual[i], 1e-4f * largest) << i;
   }
+}
+
+// The tokens that greedy decoding yields after a prompt that ended with `last`.
+std::vector<size_t> greedyTokens(Handle& handle, size_t last, size_t count) {
+  std::vector<size_t> out;
+  for (size_t i = 0; i < count; ++i) {
+    const std::vector<float> logits = handle.logits(last);
+    last = static_cast<size_t>(std::max_element(logits.begin(), logits.end()) - logits.begin());
+    out.push_back(last);
+  }
+  return out;
+}
+
+TEST(ForwardBlock, GreedyTokensOfCodedTypesAreThoseAfterSingleTokens) {
+  const ModelFile file = modelOf({QuantType::Q4_K, QuantType::Q5_K});
+  const std::vector<size_t> tokens = prompt(12);
+  Handle single(file.path);
+  Handle block(file.path);
+  for (size_t i = 0; i < 11; ++i) {
+    single.hidden(tokens[i]);
+  }
+  feedBlock(block, tokens, 0, 11);
+  EXPECT_EQ(greedyTokens(single, tokens[11], 24), greedyTokens(block, tokens[11], 24));
 }
 
 TEST(ForwardBlock, ResultsDoNotDependOnTheCut) {
