@@ -25,46 +25,46 @@ constexpr uint64_t kMinTensorBytes = 8 + 4 + 8 + 4 + 8;
 constexpr uint64_t kMaxEntries = 65536;
 
 struct ElementType {
-  uint32_t id;
   const char* name;
+  uint32_t id;
   uint32_t blockLen;
   uint32_t blockBytes;  // 0: size unknown, so the file's layout cannot be checked
   std::optional<SourceType> decoded;
 };
 
 constexpr ElementType kElementTypes[] = {
-    {0, "F32", 1, 4, SourceType::F32},
-    {1, "F16", 1, 2, SourceType::F16},
-    {2, "Q4_0", 32, 18, SourceType::Q4_0},
-    {3, "Q4_1", 32, 20, SourceType::Q4_1},
-    {6, "Q5_0", 32, 22, SourceType::Q5_0},
-    {7, "Q5_1", 32, 24, SourceType::Q5_1},
-    {8, "Q8_0", 32, 34, SourceType::Q8_0},
-    {9, "Q8_1", 32, 36, {}},
-    {10, "Q2_K", 256, 84, SourceType::Q2_K},
-    {11, "Q3_K", 256, 110, SourceType::Q3_K},
-    {12, "Q4_K", 256, 144, SourceType::Q4_K},
-    {13, "Q5_K", 256, 176, SourceType::Q5_K},
-    {14, "Q6_K", 256, 210, SourceType::Q6_K},
-    {15, "Q8_K", 256, 292, {}},
-    {16, "IQ2_XXS", 256, 66, {}},
-    {17, "IQ2_XS", 256, 74, {}},
-    {18, "IQ3_XXS", 256, 98, {}},
-    {19, "IQ1_S", 256, 50, {}},
-    {20, "IQ4_NL", 32, 18, SourceType::IQ4_NL},
-    {21, "IQ3_S", 256, 110, {}},
-    {22, "IQ2_S", 256, 82, {}},
-    {23, "IQ4_XS", 256, 136, SourceType::IQ4_XS},
-    {24, "I8", 1, 1, {}},
-    {25, "I16", 1, 2, {}},
-    {26, "I32", 1, 4, {}},
-    {27, "I64", 1, 8, {}},
-    {28, "F64", 1, 8, {}},
-    {29, "IQ1_M", 256, 56, {}},
-    {30, "BF16", 1, 2, SourceType::BF16},
-    {34, "TQ1_0", 256, 0, {}},
-    {35, "TQ2_0", 256, 0, {}},
-    {39, "MXFP4", 32, 0, {}},
+    {"F32", 0, 1, 4, SourceType::F32},
+    {"F16", 1, 1, 2, SourceType::F16},
+    {"Q4_0", 2, 32, 18, SourceType::Q4_0},
+    {"Q4_1", 3, 32, 20, SourceType::Q4_1},
+    {"Q5_0", 6, 32, 22, SourceType::Q5_0},
+    {"Q5_1", 7, 32, 24, SourceType::Q5_1},
+    {"Q8_0", 8, 32, 34, SourceType::Q8_0},
+    {"Q8_1", 9, 32, 36, {}},
+    {"Q2_K", 10, 256, 84, SourceType::Q2_K},
+    {"Q3_K", 11, 256, 110, SourceType::Q3_K},
+    {"Q4_K", 12, 256, 144, SourceType::Q4_K},
+    {"Q5_K", 13, 256, 176, SourceType::Q5_K},
+    {"Q6_K", 14, 256, 210, SourceType::Q6_K},
+    {"Q8_K", 15, 256, 292, {}},
+    {"IQ2_XXS", 16, 256, 66, {}},
+    {"IQ2_XS", 17, 256, 74, {}},
+    {"IQ3_XXS", 18, 256, 98, {}},
+    {"IQ1_S", 19, 256, 50, {}},
+    {"IQ4_NL", 20, 32, 18, SourceType::IQ4_NL},
+    {"IQ3_S", 21, 256, 110, {}},
+    {"IQ2_S", 22, 256, 82, {}},
+    {"IQ4_XS", 23, 256, 136, SourceType::IQ4_XS},
+    {"I8", 24, 1, 1, {}},
+    {"I16", 25, 1, 2, {}},
+    {"I32", 26, 1, 4, {}},
+    {"I64", 27, 1, 8, {}},
+    {"F64", 28, 1, 8, {}},
+    {"IQ1_M", 29, 256, 56, {}},
+    {"BF16", 30, 1, 2, SourceType::BF16},
+    {"TQ1_0", 34, 256, 0, {}},
+    {"TQ2_0", 35, 256, 0, {}},
+    {"MXFP4", 39, 32, 0, {}},
 };
 
 const ElementType* findElementType(uint32_t id) {
