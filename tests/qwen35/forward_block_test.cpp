@@ -107,15 +107,20 @@ TEST(ForwardBlock, GivesTheBitsOfSingleTokensForEveryUncodedType) {
             bits(block.logits(tokens[11]).data(), 301));
 }
 
+// To one model token by token, to the other as a block.
+void feedAllButLast(Handle& single, Handle& block, const std::vector<size_t>& tokens) {
+  for (size_t i = 0; i + 1 < tokens.size(); ++i) {
+    single.hidden(tokens[i]);
+  }
+  feedBlock(block, tokens, 0, tokens.size() - 1);
+}
+
 TEST(ForwardBlock, StaysCloseToSingleTokensForCodedTypes) {
   const ModelFile file = modelOf({QuantType::Q4_K, QuantType::Q5_K});
   const std::vector<size_t> tokens = prompt(12);
   Handle single(file.path);
   Handle block(file.path);
-  for (size_t i = 0; i < 11; ++i) {
-    single.hidden(tokens[i]);
-  }
-  feedBlock(block, tokens, 0, 11);
+  feedAllButLast(single, block, tokens);
   const std::vector<float> expected = single.logits(tokens[11]);
   const std::vector<float> actual = block.logits(tokens[11]);
   float largest = 0.0f;
@@ -143,10 +148,7 @@ TEST(ForwardBlock, GreedyTokensOfCodedTypesAreThoseAfterSingleTokens) {
   const std::vector<size_t> tokens = prompt(12);
   Handle single(file.path);
   Handle block(file.path);
-  for (size_t i = 0; i < 11; ++i) {
-    single.hidden(tokens[i]);
-  }
-  feedBlock(block, tokens, 0, 11);
+  feedAllButLast(single, block, tokens);
   EXPECT_EQ(greedyTokens(single, tokens[11], 24), greedyTokens(block, tokens[11], 24));
 }
 
