@@ -31,9 +31,10 @@ OutputFile::~OutputFile() {
   discard();
 }
 
-Status OutputFile::create(const std::string& path) {
+Status OutputFile::create(const std::string& path, ExistingFile existing) {
   discard();
   target = path;
+  whenExisting = existing;
   const size_t slash = path.rfind('/');
   fileName = slash == std::string::npos ? path : path.substr(slash + 1);
   if (fileName.empty() || path.find('\0') != std::string::npos) {
@@ -120,9 +121,7 @@ Status OutputFile::commit() {
   Status status = flush();
   if (!status.ok()) return status;
   if (retry([&] { return ::fsync(fd); }) != 0) return ioError("cannot sync");
-  if (::renameat(folderFd, temporary.c_str(), folderFd, fileName.c_str()) != 0) {
-    return ioError("cannot rename to");
-  }
+  if (renameTemporary() != 0) return ioError("cannot rename to");
   temporary.clear();
   // Some file systems cannot sync a folder and say so with EINVAL; the rename stands all the same.
   if (retry([&] { return ::fsync(folderFd); }) != 0 && errno != EINVAL) {
@@ -130,6 +129,16 @@ Status OutputFile::commit() {
   }
   release();
   return Status::success();
+}
+
+int OutputFile::renameTemporary() const {
+  const char* from = temporary.c_str();
+  const char* to = fileName.c_str();
+  if (whenExisting == ExistingFile::IsKept) {
+    const int renamed = ::renameat2(folderFd, from, folderFd, to, RENAME_NOREPLACE);
+    if (renamed == 0 || errno != EINVAL) return renamed;
+  }
+  return ::renameat(folderFd, from, folderFd, to);
 }
 
 void OutputFile::discard() {

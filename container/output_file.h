@@ -11,6 +11,10 @@
 
 namespace kel {
 
+// What becomes of a target that exists when the new file is complete. One that is kept makes
+// commit() fail; where the file system cannot do that in one step (EINVAL), it is replaced.
+enum class ExistingFile { IsReplaced, IsKept };
+
 // Appends through a fixed buffer; memory does not grow with the file. After a failure only
 // discard() is of use. Status codes: IoError with the system's reason and the path, or
 // InvalidFormat where the path itself cannot be a target. One thread at a time.
@@ -23,7 +27,7 @@ class OutputFile {
 
   // Creates the temporary file. The target, where it exists, must be a regular file: renaming over
   // a device would remove it. A symbolic link is replaced, not written through.
-  Status create(const std::string& path);
+  Status create(const std::string& path, ExistingFile existing = ExistingFile::IsReplaced);
   bool isOpen() const { return fd >= 0; }
 
   Status append(const void* data, size_t nBytes);
@@ -34,7 +38,7 @@ class OutputFile {
   // Writes over bytes that were appended before.
   Status overwrite(uint64_t offset, const void* data, size_t nBytes);
 
-  // Flushes, syncs, renames over the target and syncs the folder. The mode is that of any new
+  // Flushes, syncs, renames to the target and syncs the folder. The mode is that of any new
   // file: 0666 less the umask. Should the folder alone fail to sync, the target is already the new
   // file, complete, but may not outlast a power failure.
   Status commit();
@@ -48,6 +52,9 @@ class OutputFile {
   Status ioError(const char* action) const;  // with the reason that errno holds
   void release();
 
+  int renameTemporary() const;  // as ::rename
+
+  ExistingFile whenExisting = ExistingFile::IsReplaced;
   std::string target;     // as given, for messages
   std::string fileName;   // its last component
   std::string temporary;  // likewise, in the same folder

@@ -43,12 +43,12 @@ bool stringsFit(const TokenizerData& tables) {
 
 ZYM2Writer::~ZYM2Writer() = default;
 
-Status ZYM2Writer::create(const std::string& path) {
+Status ZYM2Writer::create(const std::string& path, ExistingFile existing) {
   if (!failure.ok()) return failure;
   if (out.isOpen()) return fail("create called while a file is being written");
   // The head is written last; until then its place is all zero, which no reader accepts.
   const char head[kHeadBytes] = {};
-  Status status = out.create(path);
+  Status status = out.create(path, existing);
   if (status.ok()) status = out.append(head, sizeof(head));
   if (status.ok()) status = out.alignTo(zym2::kAlignment);
   weightsOffset = out.size();

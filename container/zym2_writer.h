@@ -40,7 +40,7 @@ class ZYM2Writer {
   ZYM2Writer& operator=(const ZYM2Writer&) = delete;
 
   // Starts a file that finish() will name path. An existing target is replaced only by finish().
-  Status create(const std::string& path);
+  Status create(const std::string& path, ExistingFile existing = ExistingFile::IsReplaced);
 
   // Metadata, in call order, at any time before finish(). Keys are at most 65,535 bytes, values
   // less than 4 GiB; what is longer makes the next call that returns a status fail.

@@ -107,7 +107,8 @@ class ContainerStream {
   Status write(const SourceModel& source, const std::vector<PlannedTensor>& plan,
                uint64_t sourceBytes, TokenizerData tokenizer) {
     totalBytes = sourceBytes;
-    Status status = writer.create(options.target);
+    Status status = writer.create(options.target,
+                                  options.force ? ExistingFile::IsReplaced : ExistingFile::IsKept);
     for (const PlannedTensor& tensor : plan) {
       if (status.ok()) status = writeTensor(source, tensor);
     }
@@ -187,8 +188,9 @@ Status convert(const ConvertOptions& options, ProgressSink& progress, ConvertRes
   Status status = checkOptions(options);
   if (status.ok()) status = readSourceModel(options.source, source);
   if (!options.name.empty()) source.name = options.name;
-  if (status.ok()) status = planTensors(source, options.storage, plan);
+  if (status.ok()) status = planTensors(source, options.storage, progress, plan);
   if (status.ok()) status = checkNorms(plan, source);
+  result.cancelled = !status.ok() && progress.cancelled();
   if (!status.ok()) return status;
   // The embedding comes first in the plan.
   status = buildTokenizer(std::move(source.vocabulary), plan.front().spec.dims[1],

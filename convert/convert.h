@@ -91,10 +91,11 @@ struct ConvertResult {
   ConvertSummary summary;  // complete when status is ok
 };
 
-// Converts. Until it succeeds the target is as it was; whatever happens, no other file stays
-// behind. The target's bytes depend on source and options alone, not on the number of threads.
-// Memory: the vocabulary and some ten megabytes a thread; pages of the mapped source are given back
-// as they are used up. Throws nothing. The source must not change meanwhile.
+// Converts. Until it succeeds the target is as it was, and so it is when it appeared meanwhile and
+// force does not replace it. As long as the process lives, no other file stays behind. The target's
+// bytes depend on source and options alone, not on the number of threads. Memory: the vocabulary
+// and some ten megabytes a thread; pages of the mapped source are given back as they are used up.
+// Throws nothing. The source must not change meanwhile.
 ConvertResult convertModel(const ConvertOptions& options, ProgressSink& progress);
 
 // "f32", "bf16", "q8_0", "q5_k", "q4_k"; none for any other text.

@@ -52,13 +52,13 @@ Status readSizes(const SourceModel& source, ModelSizes& sizes) {
   return status;
 }
 
-// A stretch at a time, so that two large tensors never fill the memory.
-bool sameBytes(const SourceTensor& a, const SourceTensor& b) {
+// A stretch at a time, so that two large tensors never fill the memory. False when cancelled.
+bool sameBytes(const SourceTensor& a, const SourceTensor& b, ProgressSink& progress) {
   constexpr uint64_t kStretchBytes = uint64_t{8} << 20;
   if (a.nBytes != b.nBytes) return false;
   for (uint64_t at = 0; at < a.nBytes; at += kStretchBytes) {
     const uint64_t length = std::min(kStretchBytes, a.nBytes - at);
-    if (std::memcmp(a.data + at, b.data + at, length) != 0) return false;
+    if (progress.cancelled() || std::memcmp(a.data + at, b.data + at, length) != 0) return false;
     MappedFile::release(a.data + at, length);
     MappedFile::release(b.data + at, length);
   }
@@ -66,11 +66,14 @@ bool sameBytes(const SourceTensor& a, const SourceTensor& b) {
 }
 
 // The runtime computes logits against the embedding. Bytes decide, whatever the metadata say.
-Status checkOutputHead(const SourceModel& source) {
+Status checkOutputHead(const SourceModel& source, ProgressSink& progress) {
   if (!source.outputHead) return Status::success();
   const SourceTensor& head = *source.outputHead;
   const SourceTensor& embedding = source.tensors.at(std::string(kEmbeddingName));
-  if (head.typeName == embedding.typeName && sameBytes(head, embedding)) return Status::success();
+  if (head.typeName == embedding.typeName && sameBytes(head, embedding, progress)) {
+    return Status::success();
+  }
+  if (progress.cancelled()) return Status::ioError("cancelled");
   return unsupported(
       "{} ({} {}) differs from {} ({} {}); the runtime needs an output head that is the embedding",
       head.name, head.typeName, shapeText(head.dims), embedding.name, embedding.typeName,
@@ -84,12 +87,23 @@ bool sameShape(std::vector<uint64_t> dims, const std::vector<uint64_t>& wanted) 
   return dims == wanted;
 }
 
-Status checkTensor(const SourceTensor& tensor, const TensorSpec& spec) {
+// A vector of one element a head cannot be put into another order block by block.
+Status checkVectorType(const SourceTensor& tensor, const TensorSpec& spec, bool groupedHeads) {
+  const bool isReordered = groupedHeads && spec.heads.kind == HeadAxis::Kind::Rows;
+  if (spec.dims.size() != 1 || !isReordered || sourceTypeInfo(*tensor.type).blockLen == 1) {
+    return Status::success();
+  }
+  return unsupported(
+      "{} has the element type {}; a vector in grouped head order must be F32, F16 or BF16",
+      tensor.name, tensor.typeName);
+}
+
+Status checkTensor(const SourceTensor& tensor, const TensorSpec& spec, bool groupedHeads) {
   if (!sameShape(tensor.dims, spec.dims)) {
     return misfit(fmt::format("the shape of {}", tensor.name), shapeText(tensor.dims),
                   shapeText(spec.dims));
   }
-  if (tensor.type) return Status::success();
+  if (tensor.type) return checkVectorType(tensor, spec, groupedHeads);
   return unsupported(
       "{} has the element type {}, which cannot be decoded; F32, F16, BF16, Q4_0 to Q8_0, Q2_K to "
       "Q6_K, IQ4_NL and IQ4_XS can",
@@ -136,11 +150,11 @@ Status checkNoOthers(const SourceModel& source, const std::set<std::string>& use
 
 }  // namespace
 
-Status planTensors(const SourceModel& source, const StorageChoice& storage,
+Status planTensors(const SourceModel& source, const StorageChoice& storage, ProgressSink& progress,
                    std::vector<PlannedTensor>& out) {
   ModelSizes sizes;
   Status status = readSizes(source, sizes);
-  if (status.ok()) status = checkOutputHead(source);
+  if (status.ok()) status = checkOutputHead(source, progress);
   if (!status.ok()) return status;
   std::set<std::string> used;
   for (TensorSpec& spec : modelTensors(sizes)) {
@@ -149,7 +163,7 @@ Status planTensors(const SourceModel& source, const StorageChoice& storage,
       if (spec.required) return missing(spec.name);
       continue;
     }
-    status = checkTensor(found->second, spec);
+    status = checkTensor(found->second, spec, source.groupedHeads);
     if (!status.ok()) return status;
     used.insert(spec.name);
     PlannedTensor& plan = out.emplace_back();

@@ -23,8 +23,9 @@ struct PlannedTensor {
 
 // Checks the source's tensors for completeness and shape, and decides. Refuses a tensor that has no
 // place in the container, an output head that is not the embedding, and types that cannot be
-// decoded. out is in the order of modelTensors().
-Status planTensors(const SourceModel& source, const StorageChoice& storage,
+// decoded. out is in the order of modelTensors(). Comparing an output head with the embedding reads
+// gigabytes: fails when progress is cancelled meanwhile.
+Status planTensors(const SourceModel& source, const StorageChoice& storage, ProgressSink& progress,
                    std::vector<PlannedTensor>& out);
 
 }  // namespace kel::convert

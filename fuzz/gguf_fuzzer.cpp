@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (!readGgufModel(file, model).ok()) return 0;
   require(model.vocabulary.tokens.size() == model.vocabulary.types.size());
   std::vector<kel::convert::PlannedTensor> plan;
-  const kel::Status status = planTensors(model, {}, plan);
+  kel::convert::ProgressSink quiet;
+  const kel::Status status = planTensors(model, {}, quiet, plan);
   require(status.ok() == status.message.empty());
   return 0;
 }

@@ -37,7 +37,10 @@ void catchInterrupts() {
 }
 
 void catchRequestsToEnd() {
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+  for (const int number : {SIGPIPE, SIGXFSZ}) {
+    std::signal(number, SIG_IGN);
+  }
+  for (const int number : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
     struct sigaction action {};
     sigaction(number, nullptr, &action);
     if (action.sa_handler != SIG_IGN) catchSignal(number);

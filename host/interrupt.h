@@ -10,8 +10,9 @@ constexpr int kInterruptedExit = 130;
 
 // Installs the handler; without it SIGINT ends the program.
 void catchInterrupts();
-// The same, with SIGTERM and SIGHUP (a terminal that is closed) treated like Ctrl-C. What is
-// ignored already stays ignored: nohup works.
+// The same, with SIGTERM, SIGQUIT and SIGHUP (a terminal that is closed) treated like Ctrl-C. What
+// is ignored already stays ignored: nohup works. Writing to a closed pipe, or past the limit of a
+// file's size, fails instead of ending the program.
 void catchRequestsToEnd();
 // The flag that a turn, or a conversion, is given as its cancel flag.
 volatile int* cancelFlag();

@@ -57,6 +57,25 @@ TEST_F(OutputFileTest, AMissingFolderIsNamedWithTheReason) {
             status.message);
 }
 
+// One that appears while the new file is being written, too.
+TEST_F(OutputFileTest, AnExistingFileIsKeptWhereThatWasAsked) {
+  const std::string path = dir.file("f");
+  ASSERT_TRUE(out.create(path, kel::ExistingFile::IsKept).ok());
+  ASSERT_TRUE(out.append("new", 3).ok());
+  writeFile(path, {'o', 'l', 'd'});
+  EXPECT_EQ("ZYM2Writer: cannot rename to " + path + ": File exists", out.commit().message);
+  out.discard();
+  EXPECT_EQ((Bytes{'o', 'l', 'd'}), readFile(path));
+  EXPECT_EQ(1U, filesInFolder());
+
+  const std::string free = dir.file("free");
+  ASSERT_TRUE(out.create(free, kel::ExistingFile::IsKept).ok());
+  ASSERT_TRUE(out.append("new", 3).ok());
+  ASSERT_EQ("", out.commit().message);
+  EXPECT_EQ((Bytes{'n', 'e', 'w'}), readFile(free));
+  EXPECT_EQ(2U, filesInFolder());
+}
+
 // Renaming over a device would take it away from the system.
 TEST_F(OutputFileTest, TargetsThatAreNoRegularFilesAreRefused) {
   EXPECT_EQ("ZYM2Writer: not a regular file: /dev/full", out.create("/dev/full").message);

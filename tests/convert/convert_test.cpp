@@ -353,6 +353,22 @@ TEST_F(Convert, CancellingLeavesTheTargetAsItWas) {
   EXPECT_EQ(Bytes{7}, readFile(options.target));
 }
 
+TEST_F(Convert, CancellingTheComparisonOfHeadsIsNoRefusal) {
+  GgufBuilder file = tinyGguf(*model, 30);
+  GgufBuilder::Tensor head = tensorNamed(file, "token_embd.weight");
+  head.name = "output.weight";
+  file.tensors.push_back(head);
+  file.write(shared->file("compared.gguf"));
+  const TempDir folder;
+  ConvertOptions options;
+  options.source = shared->file("compared.gguf");
+  options.target = folder.file("model.zym");
+  CancelAfter sink(0);
+  const ConvertResult result = kel::convert::convertModel(options, sink);
+  EXPECT_TRUE(result.cancelled);
+  EXPECT_EQ("cancelled", result.status.message);
+}
+
 TEST_F(Convert, ProgressReachesTheTotal) {
   const TempDir folder;
   ConvertOptions options;

@@ -122,6 +122,25 @@ TEST_F(GgufTypes, TypesThatCannotBeDecodedAreNamed) {
   }
 }
 
+// One block holds all heads: their order cannot be changed without decoding it.
+TEST_F(GgufTypes, ABlockOfHeadsInGroupedOrderIsRefused) {
+  std::mt19937 random(2);
+  GgufBuilder file = tinyGguf(tinyModel(true), 30);
+  const ReferenceFormat& q80 = formatNamed("Q8_0");
+  GgufBuilder::Tensor& bias = tensorNamed(file, "blk.0.ssm_dt.bias");
+  bias.type = q80.ggufType;
+  bias.data = randomBlocks(q80, 32, random);
+  file.write(shared->file("tiled_bias.gguf"));
+  EXPECT_TRUE(Converted(shared->file("tiled_bias.gguf")).result.status.ok());
+  file.boolean("qwen35.ssm.v_head_reordered", false);
+  file.write(shared->file("grouped_bias.gguf"));
+  EXPECT_EQ(
+      "blk.0.ssm_dt.bias has the element type Q8_0; a vector in grouped head order must be F32, "
+      "F16 "
+      "or BF16",
+      refusal(shared->file("grouped_bias.gguf")));
+}
+
 TEST_F(GgufTypes, GroupedColumnsSplitSuperBlocks) {
   std::mt19937 random(2);
   GgufBuilder file = tinyGguf(tinyModel(true), 30);
