@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "quant/blocks.h"
 #include "qwen35/kernels.h"
 #include "qwen35/products.h"
 #include "qwen35/simd/dispatch.h"
@@ -43,20 +42,6 @@ std::vector<TileScratch>& tileScratch(const BlockInputs& inputs) {
   return perThread;
 }
 
-// decodeRow, by the kernels where blocks are whole.
-void decodeChunk(kel::QuantType type, const void* chunk, float* dst, size_t n) {
-  const KernelTable& table = kernels();
-  if (type == kel::QuantType::Q8_0 && n % kel::quant::kBlockLen == 0) {
-    table.decodeQ80(chunk, dst, n);
-  } else if (type == kel::QuantType::Q4_K && n % kel::quant::kSuperBlockLen == 0) {
-    table.decodeQ4K(chunk, dst, n);
-  } else if (type == kel::QuantType::Q5_K && n % kel::quant::kSuperBlockLen == 0) {
-    table.decodeQ5K(chunk, dst, n);
-  } else {
-    decodeRow(type, chunk, dst, n);
-  }
-}
-
 void addAndClear(AlignedFloats& totals, AlignedFloats& parts) {
   for (size_t i = 0; i < parts.size(); ++i) {
     totals[i] += parts[i];
@@ -80,7 +65,7 @@ void addTile(const Matrix& weights, size_t firstRow, size_t count, size_t at, si
   const uint8_t* chunk =
       weights.data + firstRow * weights.stride + at / kChunk * weights.chunkBytes;
   for (size_t r = 0; r < count; ++r, chunk += weights.stride) {
-    decodeChunk(weights.type, chunk, decoded.data() + r * kChunk, len);
+    decodeRow(weights.type, chunk, decoded.data() + r * kChunk, len);
   }
   kernels().addChunkProducts(decoded.data(), inputs.chunk(at), parts, count, inputs.count(), len);
 }

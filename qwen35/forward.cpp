@@ -127,6 +127,7 @@ void forwardTokenHidden(Model& m, const float* emb, size_t pos, float* out) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();
   Scratch& s = threadScratch();
+  const DecodedRowSums asInBlocks;
   runLayers(m, emb, pos, s, nullptr);
   rmsNorm(s.x.data(), floats(m.outputNorm), s.x.data(), m.nEmbd, kNormEps);
   std::copy(s.x.begin(), s.x.end(), out);

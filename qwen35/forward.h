@@ -20,8 +20,9 @@ void ffnStep(size_t nEmbd, Layer& layer, const float* xn, float* out);
 // row, nEmbd floats; pos: its position; logits: nVocab floats.
 void forwardToken(Model& m, const float* emb, size_t pos, float* logits);
 
-// The same without the output head, for tokens whose logits nobody reads. out: the final normalised
-// hidden state, nEmbd floats.
+// The same without the output head, for tokens whose logits nobody reads, in the arithmetic of
+// forwardBlock: a prompt leaves the same bits behind, token by token and in blocks. out: the final
+// normalised hidden state, nEmbd floats.
 void forwardTokenHidden(Model& m, const float* emb, size_t pos, float* out);
 
 }  // namespace qwen35

@@ -18,9 +18,9 @@ constexpr size_t kBlockTokens = 128;
 // caches have room for. emb: their embedding rows, [count][nEmbd]; out: the final normalised hidden
 // states, [count][nEmbd].
 //
-// A token's result does not depend on how a prompt is cut into blocks. Where all matrices are F32,
-// BF16 or Q8_0 it is that of forwardTokenHidden, bit for bit; Q4_K and Q5_K matrices are multiplied
-// decoded, which rounds otherwise than their single-token product. Diagnostics see nothing of it.
+// A token's result does not depend on how a prompt is cut into blocks: it is that of
+// forwardTokenHidden, bit for bit. forwardToken rounds otherwise where matrices are Q4_K or Q5_K,
+// which are multiplied decoded here. Diagnostics see nothing of it.
 void forwardBlock(Model& m, const float* emb, size_t count, size_t pos, float* out);
 
 }  // namespace qwen35

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "quant/blocks.h"
 #include "qwen35/kernels.h"
@@ -67,9 +68,11 @@ struct Input {
   const CodedInput* coded;
 };
 
+thread_local bool decodedRowSums = false;
+
 // The coded form is kept by the calling thread until its next product.
 Input inputFor(const RowSource& weights, const float* x) {
-  if (weights.codedProduct == nullptr) {
+  if (weights.codedProduct == nullptr || decodedRowSums) {
     return {x, nullptr};
   }
   static thread_local std::vector<CodedInput> groups;
@@ -179,6 +182,10 @@ size_t rowBytes(QuantType type, size_t cols) {
 }
 
 void decodeRow(QuantType type, const void* row, float* dst, size_t n) {
+  using namespace kel::quant;
+  const KernelTable& table = kernels();
+  const bool wholeBlocks = n % kBlockLen == 0;
+  const bool wholeSuperBlocks = n % kSuperBlockLen == 0;
   switch (type) {
     case QuantType::F32:
       if (n > 0) {
@@ -193,13 +200,13 @@ void decodeRow(QuantType type, const void* row, float* dst, size_t n) {
       }
       break;
     case QuantType::Q8_0:
-      kel::quant::dequantQ80(row, dst, n);
+      (wholeBlocks ? table.decodeQ80 : dequantQ80)(row, dst, n);
       break;
     case QuantType::Q4_K:
-      kel::quant::dequantQ4K(row, dst, n);
+      (wholeSuperBlocks ? table.decodeQ4K : dequantQ4K)(row, dst, n);
       break;
     case QuantType::Q5_K:
-      kel::quant::dequantQ5K(row, dst, n);
+      (wholeSuperBlocks ? table.decodeQ5K : dequantQ5K)(row, dst, n);
       break;
     default:
       break;
@@ -240,6 +247,12 @@ void gemvRow(Model& /*m*/, const kel::TensorView* weights, const float* x, float
     addProductOfRange(source, range, input, y, bufs[t].data());
     keepLastRow(source, range, bufs[t].data());
   });
+}
+
+DecodedRowSums::DecodedRowSums() : before(std::exchange(decodedRowSums, true)) {}
+
+DecodedRowSums::~DecodedRowSums() {
+  decodedRowSums = before;
 }
 
 void outputHead(const kel::TensorView* weights, const float* x, float* logits) {

@@ -30,8 +30,9 @@ size_t rowCount(const kel::TensorView& weights);
 // multiple of the block is cut down. 0 for a type that has no product.
 size_t rowBytes(kel::QuantType type, size_t cols);
 
-// Writes the n values of one row to dst: F32 copied, BF16 widened, Q8_0, Q4_K and Q5_K decoded.
-// Any other type leaves dst as it is (deliberate: such models are refused before they run).
+// Writes the n values of one row, or of whole blocks of one, to dst: F32 copied, BF16 widened,
+// Q8_0, Q4_K and Q5_K decoded. Any other type leaves dst as it is (deliberate: such models are
+// refused before they run).
 void decodeRow(kel::QuantType type, const void* row, float* dst, size_t n);
 
 // The rows [begin, end) of thread t of nThreads: contiguous, in thread order, the first
@@ -52,7 +53,7 @@ void matvecBf16Add(const uint16_t* weights, const float* x, float* y, size_t row
 
 // The same for a tensor of any type: y[r] += row r times x. Rows of Q4_K and Q5_K are summed as
 // coded row sums (qwen35/simd/kernel_table.h), all others, and all when x has an element that is
-// not finite, as dotF32(row r decoded, x). The model is not used.
+// not finite or a DecodedRowSums lives, as dotF32(row r decoded, x). The model is not used.
 //
 // For types other than F32 and BF16 the calling thread's scratch is made ready first: when the
 // count of its rows differs from the maximum of OpenMP threads, or its first row is shorter than
@@ -60,6 +61,20 @@ void matvecBf16Add(const uint16_t* weights, const float* x, float* y, size_t row
 // range, decoded. A type that has no product (F16, Q4_0, Q6_K, IQ4_XS) decodes nothing and is
 // silently multiplied as whatever the scratch row holds.
 void gemvRow(Model& m, const kel::TensorView* weights, const float* x, float* y);
+
+// While one lives, gemvRow on the calling thread sums the rows of every type as dotF32(row decoded,
+// x), as multiplyBlock does: for a token that is fed by itself, but whose place in a prompt gives
+// it the arithmetic of blocks.
+class DecodedRowSums {
+ public:
+  DecodedRowSums();
+  ~DecodedRowSums();
+  DecodedRowSums(const DecodedRowSums&) = delete;
+  DecodedRowSums& operator=(const DecodedRowSums&) = delete;
+
+ private:
+  bool before;
+};
 
 // logits[r] = row r times x as gemvRow sums it, assigned, for the dims[1] rows of the output
 // matrix; x: [dims[0]], logits: [dims[1]]. Keeps scratch rows of its own, under gemvRow's rules but

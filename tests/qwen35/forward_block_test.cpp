@@ -91,8 +91,9 @@ TEST(ForwardBlock, EveryLengthGivesTheBitsOfSingleTokens) {
   EXPECT_EQ(stateOf(single.model), stateOf(block.model));
 }
 
-TEST(ForwardBlock, GivesTheBitsOfSingleTokensForEveryUncodedType) {
-  const ModelFile file = modelOf({QuantType::Q8_0, QuantType::BF16, QuantType::F32});
+TEST(ForwardBlock, GivesTheBitsOfSingleTokensForEveryType) {
+  const ModelFile file =
+      modelOf({QuantType::Q4_K, QuantType::Q8_0, QuantType::Q5_K, QuantType::BF16, QuantType::F32});
   const std::vector<size_t> tokens = prompt(12);
   Handle single(file.path);
   Handle block(file.path);
@@ -107,10 +108,10 @@ TEST(ForwardBlock, GivesTheBitsOfSingleTokensForEveryUncodedType) {
             bits(block.logits(tokens[11]).data(), 301));
 }
 
-// To one model token by token, to the other as a block.
+// To one model token by token, each with its logits, to the other as a block.
 void feedAllButLast(Handle& single, Handle& block, const std::vector<size_t>& tokens) {
   for (size_t i = 0; i + 1 < tokens.size(); ++i) {
-    single.hidden(tokens[i]);
+    single.logits(tokens[i]);
   }
   feedBlock(block, tokens, 0, tokens.size() - 1);
 }
