@@ -47,14 +47,15 @@ uint32_t measure(Qwen35Session& session, int32_t genTokens, int32_t extraTokens,
                  ZYMBenchResult& result) {
   std::vector<int> ids;
   if (!session.tokenizer->encode(kBenchPrompt, ids, true).ok()) return ZYM_STATUS_FAILED;
-  startOver(session);
+  session.startOver();
   const float temperature = session.temperature;
   const int32_t topK = session.topK;
   session.temperature = 0;
   session.topK = 1;
+  // Deliberate: a bench that fails from here on leaves the session greedy.
+  if (!session.canRun()) return ZYM_STATUS_FAILED;
   std::vector<float> hidden(session.model.nEmbd);
   std::vector<float> logits(session.model.nVocab);
-  // Deliberate: a bench that fails here leaves the session greedy.
   if (!prefill(&session, ids, hidden, logits)) return ZYM_STATUS_FAILED;
 
   using Clock = std::chrono::steady_clock;

@@ -37,7 +37,4 @@ uint32_t guarded(Operation&& operation) noexcept {
 // for nothing), a seed other than 0.
 void applyOptions(session::Qwen35Session& session, const ZYMSessionOptions& options);
 
-// Ends any conversation and empties caches and counters.
-void startOver(session::Qwen35Session& session);
-
 }  // namespace plugin

@@ -36,6 +36,7 @@ bool openTurn(Qwen35Session& session, const char* userText, OpenTurn& turn) {
   if (!session.chatActive) session.restart();
   std::vector<int> ids;
   if (!session.tokenizer->encode(turnText(userText), ids, true).ok()) return false;
+  if (!session.canRun()) return false;
   turn.hidden.resize(session.model.nEmbd);
   turn.logits.resize(session.model.nVocab);
   if (!prefill(&session, ids, turn.hidden, turn.logits)) return false;

@@ -12,11 +12,6 @@ void applyOptions(Qwen35Session& session, const ZYMSessionOptions& options) {
   if (options.seed != 0) session.rng.seed(static_cast<uint32_t>(options.seed));
 }
 
-void startOver(Qwen35Session& session) {
-  session.restart();
-  session.chatActive = false;
-}
-
 uint32_t qwen35V2Configure(ZYMRuntimeHandle* handle, const ZYMSessionOptions* options) {
   if (handle == nullptr || options == nullptr || options->structSize < ZYM_SESSION_OPTIONS_SIZE) {
     return ZYM_STATUS_INVALID_ARGUMENT;
@@ -28,7 +23,7 @@ uint32_t qwen35V2Configure(ZYMRuntimeHandle* handle, const ZYMSessionOptions* op
 uint32_t qwen35V2Reset(ZYMRuntimeHandle* handle) {
   if (handle == nullptr) return ZYM_STATUS_INVALID_ARGUMENT;
   return guarded([handle]() -> uint32_t {
-    startOver(*sessionOf(handle));
+    sessionOf(handle)->startOver();
     sessionOf(handle)->lastDecodeMs = 0;
     return ZYM_STATUS_OK;
   });

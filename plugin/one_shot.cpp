@@ -17,7 +17,8 @@ uint32_t complete(Qwen35Session& session, const char* prompt, char* out, size_t 
   if (!session.tokenizer->encode(prompt == nullptr ? "" : prompt, ids, true).ok()) {
     return ZYM_STATUS_FAILED;
   }
-  startOver(session);
+  session.startOver();
+  if (!session.canRun()) return ZYM_STATUS_FAILED;
   std::vector<float> hidden(session.model.nEmbd);
   std::vector<float> logits(session.model.nVocab);
   if (!prefill(&session, ids, hidden, logits)) return ZYM_STATUS_FAILED;

@@ -25,12 +25,24 @@ bool isFinite(float value) {
   return std::fabs(value) <= std::numeric_limits<float>::max();
 }
 
+// Runs forward passes. One that runs out of memory leaves the layers at different tokens: no token
+// can follow, and the session starts over.
+template <typename Pass>
+void runWhole(Qwen35Session& session, Pass&& pass) {
+  try {
+    pass();
+  } catch (...) {
+    session.startOver();
+    throw;
+  }
+}
+
 // Runs one forward pass at the session's position; counts and times it (the pass alone).
 template <typename Pass>
 void timedPass(Qwen35Session& session, Pass&& pass) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();
-  pass();
+  runWhole(session, pass);
   const std::chrono::nanoseconds elapsed = Clock::now() - start;
   ++session.position;
   session.lastDecodeMs = static_cast<double>(elapsed.count()) / 1e6;
@@ -81,8 +93,10 @@ struct BlockBuffers {
 void timedBlock(Qwen35Session& session, size_t count, BlockBuffers& b) {
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();
-  qwen35::forwardBlock(session.model, b.embeddings.data(), count, session.position,
-                       b.hidden.data());
+  runWhole(session, [&] {
+    qwen35::forwardBlock(session.model, b.embeddings.data(), count, session.position,
+                         b.hidden.data());
+  });
   const std::chrono::nanoseconds elapsed = Clock::now() - start;
   session.position += count;
   session.lastDecodeMs = static_cast<double>(elapsed.count()) / 1e6 / static_cast<double>(count);
@@ -96,12 +110,14 @@ bool feedBlock(Qwen35Session& session, std::span<const int> tokens, BlockBuffers
     qwen35::embedRow(session.model, static_cast<size_t>(tokens[i]), b.embeddings.data() + i * n);
   }
   if (tokens.size() > 1) session.beforeBlock.save(session.model);
+  const double msBefore = session.decodeMsTotal;
   timedBlock(session, tokens.size(), b);
   for (size_t i = 0; i < tokens.size(); ++i) {
     if (allFinite(b.hidden.data() + i * n, n)) continue;
     if (i + 1 < tokens.size()) {
       session.beforeBlock.restore(session.model);
       session.position -= tokens.size();
+      session.decodeMsTotal = msBefore;
       timedBlock(session, i + 1, b);
     }
     return false;
@@ -147,7 +163,7 @@ void feedToken(Qwen35Session* session, int token, std::vector<float>& hidden,
 
 bool prefill(Qwen35Session* session, const std::vector<int>& tokens, std::vector<float>& hidden,
              std::vector<float>& logits) {
-  if (!session->unfitReason.empty()) return false;
+  if (!session->canRun()) return false;
   if (tokens.empty()) return true;
 
   const size_t last = tokens.size() - 1;

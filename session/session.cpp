@@ -22,4 +22,9 @@ void Qwen35Session::restart() {
   decodeMsTotal = 0;
 }
 
+void Qwen35Session::startOver() {
+  restart();
+  chatActive = false;
+}
+
 }  // namespace session

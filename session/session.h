@@ -44,9 +44,16 @@ struct Qwen35Session {
   // refuses to feed a model that has an entry here.
   std::string unfitReason;
 
+  // To be asked before anything of a size from the file is allocated: a file of a kilobyte may
+  // claim a vocabulary of billions.
+  bool canRun() const { return unfitReason.empty(); }
+
   // Empties the model's caches and the counters of a conversation. lastDecodeMs stays: it reports
   // the last measured pass until the host resets the session.
   void restart();
+
+  // restart, and the end of any conversation.
+  void startOver();
 };
 
 // Opens a model file into a session: container, architecture, tokenizer, layers, model, run check.

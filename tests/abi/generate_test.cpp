@@ -1,5 +1,6 @@
 // One-shot generation through the built library.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <cstring>
 #include <limits>
@@ -239,6 +240,27 @@ TEST_F(Generate, AModelThatCannotRunAnswersOneAndTheHandleLivesOn) {
     EXPECT_EQ(0u, statsOf(handle).contextTokens);
     EXPECT_EQ(0u, testing_abi::resetOf(handle));
   }
+}
+
+long peakResidentMegabytes() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss / 1024;
+}
+
+// The logits of the vocabulary that this file claims would take four gigabytes.
+TEST_F(Generate, AClaimedVocabularyIsRefusedBeforeMemoryIsTakenForIt) {
+  const Handle handle = open({.editTensors = [](std::vector<TensorPlan>& plan) {
+    planned(plan, "token_embd.weight").dims[1] = 1'000'000'000;
+  }});
+  ASSERT_TRUE(handle);
+  const long before = peakResidentMegabytes();
+  EXPECT_EQ(1u, testing_abi::generate(handle, "xyz").status);
+  EXPECT_EQ(1u, testing_abi::chatTurn(handle, "hi").status);
+  EXPECT_EQ(1u, testing_abi::streamTurn(handle, "hi").status);
+  ZYMBenchResult result{};
+  EXPECT_EQ(1u, table().bench(handle.get(), nullptr, &result));
+  EXPECT_LT(peakResidentMegabytes() - before, 1000);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // Create, destroy, configure, reset, stats and bench through the built library.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 #include <string>
@@ -8,6 +9,8 @@
 #include "container/zym2_writer.h"
 #include "tests/abi/chat_host.h"
 #include "tests/support/chat_model.h"
+#include "tests/support/hidden_dump.h"
+#include "tests/support/scoped_env.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -216,6 +219,46 @@ TEST_F(Lifecycle, BenchTakesItsParametersAndTheirDefaults) {
   const ZYMBenchParams none = {.structSize = 12, .genTokens = 0, .extraTokens = -1};
   EXPECT_EQ(0u, table().bench(handle.get(), &none, &result));
   EXPECT_EQ(64, result.genTokens);
+}
+
+// Every pass with logits leaves five vectors of each of the 32 layers and the last one.
+constexpr size_t kRecordsPerPass = 5 * 32 + 1;
+
+// How many passes with logits a bench makes.
+size_t benchPasses(const Handle& handle, const ZYMBenchParams* params) {
+  const kel::test::TempDir folder;
+  const std::string dump = folder.file("dump");
+  const kel::test::ScopedEnv env("QWEN35_HID_DUMP", dump.c_str());
+  ZYMBenchResult result{};
+  EXPECT_EQ(0u, table().bench(handle.get(), params, &result));
+  const size_t records = kel::test::readHiddenDump(dump).size();
+  EXPECT_EQ(0u, records % kRecordsPerPass);
+  return records / kRecordsPerPass;
+}
+
+// The last token of the prompt is one, and of `gen` + `extra` steps the last one feeds nothing.
+TEST_F(Lifecycle, BenchFeedsAllTokensAskedForButOne) {
+  const Handle handle = testing_abi::createHandle(model());
+  EXPECT_EQ(1u + 64 + 8 - 1, benchPasses(handle, nullptr));
+  const ZYMBenchParams small = {.structSize = 12, .genTokens = 3, .extraTokens = 1};
+  EXPECT_EQ(1u + 3 + 1 - 1, benchPasses(handle, &small));
+  const ZYMBenchParams oneDefault = {.structSize = 12, .genTokens = 2, .extraTokens = 0};
+  EXPECT_EQ(1u + 2 + 8 - 1, benchPasses(handle, &oneDefault));
+}
+
+// A token with an infinite logit is chosen at once, and no logit behind it is finite.
+TEST_F(Lifecycle, BenchEndsAtLogitsThatAreNotFiniteAndStillReports) {
+  const Handle handle =
+      testing_abi::createHandle(model({.editTensors = [](std::vector<TensorPlan>& plan) {
+        TensorPlan& rows = planned(plan, "token_embd.weight");
+        std::vector<float> odd(rows.dims[0], 0.0f);
+        odd[0] = std::numeric_limits<float>::infinity();
+        const std::vector<uint8_t> bytes = kel::test::floatBytes(odd);
+        const auto row = static_cast<size_t>(kel::test::chatId("b"));
+        std::copy(bytes.begin(), bytes.end(),
+                  rows.data.begin() + static_cast<ptrdiff_t>(row * bytes.size()));
+      }}));
+  EXPECT_EQ(2u, benchPasses(handle, nullptr));
 }
 
 TEST_F(Lifecycle, BenchDropsTheConversationAndKeepsTheLastTime) {

@@ -3,6 +3,7 @@
 // such limit allows, so their builds leave this program out.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/wait.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -33,10 +34,15 @@ size_t addressSpaceBytes() {
   std::abort();
 }
 
+void limitAddressSpace(rlim_t bytes) {
+  rlimit limit;
+  if (getrlimit(RLIMIT_AS, &limit) != 0) std::abort();
+  limit.rlim_cur = bytes;
+  if (setrlimit(RLIMIT_AS, &limit) != 0) std::abort();
+}
+
 void leaveMegabytes(size_t megabytes) {
-  const rlim_t limit = addressSpaceBytes() + megabytes * kMegabyte;
-  const rlimit both = {limit, limit};
-  if (setrlimit(RLIMIT_AS, &both) != 0) std::abort();
+  limitAddressSpace(addressSpaceBytes() + megabytes * kMegabyte);
 }
 
 // In a child process, where EXPECT is not heard: the first expectation that fails ends it.
@@ -44,6 +50,25 @@ void require(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "failed: %s\n", what);
   std::_Exit(1);
+}
+
+struct FirstPieces {
+  std::string text;
+  int count = 0;
+  volatile int cancel = 0;
+};
+
+// The first eight pieces of a turn's reply.
+std::string startOfReply(const Handle& handle, const char* text) {
+  FirstPieces reply;
+  const auto take = [](const char* piece, uint32_t length, void* userData) {
+    auto& taken = *static_cast<FirstPieces*>(userData);
+    taken.text.append(piece, length);
+    if (++taken.count == 8) taken.cancel = 1;
+  };
+  const auto stream = plugin().runtimesV2S(nullptr)->chatTurnStream;
+  require(stream(handle.get(), text, take, &reply, &reply.cancel) == 0, "a turn with memory works");
+  return reply.text;
 }
 
 class OutOfMemoryDeathTest : public testing::Test {
@@ -93,6 +118,49 @@ TEST_F(OutOfMemoryDeathTest, TurnsAndPromptsFailAndTheHandleLivesOn) {
     std::_Exit(0);
   };
   EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
+}
+
+// Wherever inside the forward pass of a block memory ends: the conversation is as it was or is
+// gone, and what is said next gets the reply of either case.
+TEST_F(OutOfMemoryDeathTest, APassThatIsCutShortLeavesAWholeConversationOrNone) {
+  const std::string path = folder.file("random.zym");
+  kel::test::writeRandomChatModel(path, kel::QuantType::F32, 8);
+  constexpr int kStands = 10;
+  constexpr int kGone = 11;
+  const auto child = [&path](size_t megabytes) {
+    const Handle other = testing_abi::createHandle(path);
+    const std::string first = startOfReply(other, "hi");
+    const std::string second = startOfReply(other, "there");
+    require(testing_abi::resetOf(other) == 0, "reset");
+    const std::string anew = startOfReply(other, "there");
+    require(second != anew, "a reply depends on the conversation");
+
+    const Handle handle = testing_abi::createHandle(path);
+    require(startOfReply(handle, "hi") == first, "the same first turn");
+    const uint64_t position = testing_abi::statsOf(handle).contextTokens;
+    leaveMegabytes(megabytes);
+    const uint32_t status = testing_abi::chatTurn(handle, std::string(100, 'x').c_str()).status;
+    limitAddressSpace(RLIM_INFINITY);
+    require(status == 1, "a hundred tokens take more than that");
+
+    const uint64_t held = testing_abi::statsOf(handle).contextTokens;
+    require(held == position || held == 0, "fed wholly or not at all");
+    const std::string next = startOfReply(handle, "there");
+    require(next == (held == 0 ? anew : second), "the reply of a whole conversation");
+    std::_Exit(held == 0 ? kGone : kStands);
+  };
+  int gone = 0;
+  for (const size_t megabytes : {0u, 2u, 4u, 7u, 10u}) {
+    EXPECT_EXIT(
+        child(megabytes),
+        [&gone](int status) {
+          gone += WIFEXITED(status) && WEXITSTATUS(status) == kGone ? 1 : 0;
+          return testing::ExitedWithCode(kGone)(status) || testing::ExitedWithCode(kStands)(status);
+        },
+        "")
+        << megabytes;
+  }
+  EXPECT_GT(gone, 0) << "no pass was cut short";
 }
 
 TEST_F(OutOfMemoryDeathTest, SettingsOfOneCallGoBackWhenItFails) {

@@ -184,6 +184,17 @@ TEST_F(PromptFailure, APromptThatJustFitsIsFedWhole) {
   EXPECT_EQ(40u, session.position);
 }
 
+// A block that is run again up to the token that failed counts once.
+TEST_F(PromptFailure, TimesOfARepeatedBlockCountOnce) {
+  Qwen35Session session;
+  open(session, 8192);
+  std::vector<int> tokens(20, 11);
+  tokens[5] = kNotFinite;
+  EXPECT_FALSE(feed(session, tokens));
+  EXPECT_EQ(6u, session.position);
+  EXPECT_NEAR(6 * session.lastDecodeMs, session.decodeMsTotal, 1e-9 * session.decodeMsTotal);
+}
+
 TEST_F(PromptFailure, TimesOfBlocksAddUp) {
   Qwen35Session session;
   open(session, 8192);
@@ -191,6 +202,44 @@ TEST_F(PromptFailure, TimesOfBlocksAddUp) {
   EXPECT_EQ(150u, session.position);
   EXPECT_GT(session.lastDecodeMs, 0.0);
   EXPECT_GT(session.decodeMsTotal, session.lastDecodeMs);
+}
+
+// With caches of no more than the capacity, so that a row too many is a fault of memory.
+TEST_F(DecodeLoop, APromptOfBlocksThatFillsTheContextYieldsOnePiece) {
+  constexpr size_t kCapacity = 140;
+  open();
+  ASSERT_TRUE(qwen35::initLayers(*session.loader, session.model, kCapacity));
+  ASSERT_TRUE(qwen35::bindModel(*session.loader, session.model, kCapacity));
+  ASSERT_TRUE(prefill(&session, std::vector<int>(kCapacity, 5), hidden, logits));
+  EXPECT_EQ(kCapacity, session.position);
+  bool ok = false;
+  EXPECT_EQ("a", run(ok));
+  EXPECT_TRUE(ok);
+  EXPECT_EQ(kCapacity, session.position);
+  for (const qwen35::Layer& layer : session.model.layers) {
+    EXPECT_EQ(layer.isLinear ? 0 : kCapacity, layer.pos);
+  }
+}
+
+// Logits behind a prompt, with a diagnostic that prints or without.
+std::vector<float> promptLogits(const std::string& path, const char* diagnostic) {
+  Qwen35Session session;
+  char message[64] = "";
+  EXPECT_TRUE(openSession(&session, path.c_str(), message, sizeof message)) << message;
+  std::vector<float> hidden(session.model.nEmbd);
+  std::vector<float> logits(session.model.nVocab);
+  const kel::test::ScopedEnv env(diagnostic, "1");
+  EXPECT_TRUE(prefill(&session, {5, 6, 7, 8, 9, 10, 11}, hidden, logits));
+  return logits;
+}
+
+TEST(Diagnostics, ThatPrintLeaveEveryBitOfCodedTypes) {
+  const kel::test::TempDir folder;
+  for (const kel::QuantType type : {kel::QuantType::Q4_K, kel::QuantType::Q5_K}) {
+    const std::string path = folder.file("m.zym");
+    kel::test::writeRandomChatModel(path, type, 256);
+    EXPECT_EQ(promptLogits(path, "NOT_A_DIAGNOSTIC"), promptLogits(path, "QWEN35_TIMING"));
+  }
 }
 
 TEST_F(DecodeLoop, CountsSampledTokensTheStopTokenIncluded) {

@@ -103,6 +103,7 @@ void writeRandomChatModel(const std::string& path, kel::QuantType matrices, uint
   spec.hidden = hidden;
   spec.ffn = 64;
   spec.types = {matrices};
+  spec.layerKinds = ChatModel{}.layerKinds;
   spec.tokenizer = chatTables(spec.vocab);
   check(writeRandomModel(path, spec));
 }

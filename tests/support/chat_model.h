@@ -26,7 +26,8 @@ struct ChatModel {
   std::string favourite = "a";  // the token that greedy decoding chooses at every position
   uint64_t hidden = 8;
   size_t vocab = 300;
-  std::string layerKinds = "LLLF";
+  // Mostly full attention: a linear-attention layer reads and writes two megabytes a token.
+  std::string layerKinds = "LFFFFFFF";
   kel::QuantType matrices = kel::QuantType::F32;
   // Changes to the vocabulary tables and, after them, to the tensors.
   std::function<void(kel::TokenizerData&)> editTables{};
