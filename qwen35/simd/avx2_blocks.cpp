@@ -25,11 +25,11 @@ constexpr size_t kTilesPerFetch = 4;
 constexpr size_t kLineFloats = 16;
 
 // The chains of R rows and P inputs. parts: those of the first row and input; rows of parts are
-// partStride floats apart. ahead: inputs that come next, of which this asks for a part, so that all
-// have arrived after kTilesPerFetch tiles.
+// partStride floats apart. ahead: address of inputs that come next, of which this asks for a part,
+// so that all have arrived after kTilesPerFetch tiles; behind the last inputs it points at nothing.
 template <size_t R, size_t P>
 void addTile(const float* rows, const float* inputs, float* parts, size_t partStride, size_t len,
-             const float* ahead) {
+             uintptr_t ahead) {
   __m256 chain[R][P];
   for (size_t r = 0; r < R; ++r) {
     for (size_t p = 0; p < P; ++p) {
@@ -39,8 +39,8 @@ void addTile(const float* rows, const float* inputs, float* parts, size_t partSt
   for (size_t i = 0; i < len; i += kLanes) {
     if (i % (kTilesPerFetch * kLineFloats) == 0) {
       for (size_t p = 0; p < P; ++p) {
-        _mm_prefetch(reinterpret_cast<const char*>(ahead + p * kChunk + i / kTilesPerFetch),
-                     _MM_HINT_T0);
+        const size_t offset = (p * kChunk + i / kTilesPerFetch) * sizeof(float);
+        _mm_prefetch(reinterpret_cast<const char*>(ahead + offset), _MM_HINT_T0);
       }
     }
     __m256 input[P];
@@ -68,14 +68,15 @@ void addTile(const float* rows, const float* inputs, float* parts, size_t partSt
 template <size_t P>
 void addRows(const float* rows, const float* inputs, float* parts, size_t partStride, size_t nRows,
              size_t len) {
+  const auto next = reinterpret_cast<uintptr_t>(inputs) + P * kChunk * sizeof(float);
   size_t r = 0;
   for (; nRows - r >= kRowsAtOnce; r += kRowsAtOnce) {
     const size_t tile = r / kRowsAtOnce % kTilesPerFetch;
     addTile<kRowsAtOnce, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len,
-                            inputs + P * kChunk + tile * (kChunk / kTilesPerFetch));
+                            next + tile * (kChunk / kTilesPerFetch) * sizeof(float));
   }
   for (; r < nRows; ++r) {
-    addTile<1, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len, inputs);
+    addTile<1, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len, next);
   }
 }
 
