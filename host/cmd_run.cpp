@@ -83,6 +83,12 @@ bool explainEnd(const TurnReport& report, const BackendLimits& limits) {
   return true;
 }
 
+// Why a word that follows MODEL is none of the command's; empty when it is.
+std::string checkInputWord(const std::string& word) {
+  if (word == "-") return "";
+  return "\"" + word + "\" is no \"-\"; put the whole prompt in quotes, behind -p";
+}
+
 int run(const RunOptions& options) {
   std::vector<std::string> prompts;
   Engine engine;
@@ -110,14 +116,16 @@ void addRun(CLI::App& program, Action& action) {
   addModel(*command, options->engine);
   auto* input = command->add_option("INPUT", options->standardInput,
                                     "\"-\": read the prompt from standard input");
-  input->check(CLI::IsMember({"-"}));
-  auto* prompt =
-      command
-          ->add_option("-p,--prompt", options->prompts,
-                       "Prompt; may be repeated: with --chat the turns of one conversation")
-          ->type_name("TEXT")
-          ->expected(1)
-          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  input->type_name("")->check(checkInputWord);
+  // Word by word as the command line has it: an option that is a list would take the words that
+  // follow, and split a text in brackets.
+  auto* prompt = command
+                     ->add_option_function<std::string>(
+                         "-p,--prompt",
+                         [options](const std::string& text) { options->prompts.push_back(text); },
+                         "Prompt; may be repeated: with --chat the turns of one conversation")
+                     ->type_name("TEXT")
+                     ->trigger_on_parse();
   auto* file = command->add_option("-f,--file", options->file, "Read the prompt from a file")
                    ->type_name("FILE");
   command->add_flag("--chat", options->chat, "Frame each prompt as a chat message");

@@ -125,6 +125,22 @@ TEST_F(ProgramTest, RunCompletesEachPrompt) {
   EXPECT_EQ(outcome.err, "");
 }
 
+TEST_F(ProgramTest, PromptIsOneWordOfTheCommandLine) {
+  EXPECT_EQ(zym({"run", "-p", "Hello", model}).out, "Hello and so on\n");
+  EXPECT_EQ(zym({"run", model, "-p", "[a,b]", "-p", "{}", "--prompt=[]"}).out,
+            "[a,b] and so on\n{} and so on\n[] and so on\n");
+  EXPECT_EQ(zym({"run", model, "-p", ""}).out, " and so on\n");
+  EXPECT_EQ(zym({"run", model, "-p", "From the line", "-"}, "From a pipe").out,
+            "From the line and so on\nFrom a pipe and so on\n");
+}
+
+TEST_F(ProgramTest, WordsBehindThePromptAreWrongUse) {
+  const std::string line =
+      "INPUT: \"there\" is no \"-\"; put the whole prompt in quotes, behind -p; see zym run --help";
+  expectFault(zym({"run", model, "-p", "Hello", "there"}), 2, line);
+  expectFault(zym({"run", model, "there"}), 2, line);
+}
+
 TEST_F(ProgramTest, RunReadsFilesAndStandardInput) {
   EXPECT_EQ(zym({"run", model, "-f", write("prompt.txt", "From a file\n")}).out,
             "From a file and so on\n");
