@@ -43,7 +43,8 @@ ChatCommand parseSet(std::istringstream& words) {
 const char* const kChatHelp =
     "/reset                 forget the conversation\n"
     "/stats                 positions in use and speed\n"
-    "/set NAME VALUE        temperature, top-k, top-p or seed\n"
+    "/set NAME VALUE        temperature, top-k, top-p or seed; top-p below 1 keeps only the best\n"
+    "                       token, 1 turns the cut off\n"
     "/multiline             messages of several lines, ended by a line with a single dot; again: "
     "off\n"
     "/quit                  leave (Ctrl-D does it too)\n"

@@ -107,7 +107,7 @@ bool Chat::obey(const ChatCommand& command) {
       printStats();
       break;
     case ChatCommandKind::Set:
-      engine.backend->configure(command.sampling);
+      configureEngine(command.sampling, engine);
       break;
     case ChatCommandKind::Multiline:
       multiline = !multiline;

@@ -14,6 +14,8 @@
 #include "host/liveness.h"
 #include "host/plugin_backend.h"
 #include "host/plugin_lookup.h"
+#include "host/sampling_settings.h"
+#include "host/terminal.h"
 
 namespace zym {
 
@@ -69,8 +71,16 @@ Status openEngine(const EngineOptions& options, Engine& engine) {
   engine.text = std::make_unique<TextMap>(tables);
   engine.raw = options.raw;
   status = openPluginBackend(library, options.model, engine.backend);
-  if (status.ok()) engine.backend->configure(options.sampling);
+  if (status.ok()) configureEngine(options.sampling, engine);
   return status;
+}
+
+void configureEngine(const Sampling& sampling, Engine& engine) {
+  engine.backend->configure(sampling);
+  mergeSampling(sampling, engine.sampling);
+  if (engine.topPExplained || !topPLeavesOneToken(engine.sampling)) return;
+  remark("(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)");
+  engine.topPExplained = true;
 }
 
 const char* turnEndName(TurnEnd end) {

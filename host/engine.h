@@ -23,11 +23,15 @@ struct Engine {
   std::unique_ptr<Backend> backend;
   std::unique_ptr<TextMap> text;
   bool raw = false;
+  Sampling sampling;           // all settings made so far
+  bool topPExplained = false;  // the remark on it has been made
 };
 
 // Fails unless path is something that can be opened as a file; the message says what to do.
 kel::Status checkInputFile(const std::string& path);
 kel::Status openEngine(const EngineOptions& options, Engine& engine);
+// Passes settings on. Remarks once, on standard error, when they do not mean what they say.
+void configureEngine(const Sampling& sampling, Engine& engine);
 
 enum class TurnEnd { Stopped, Limit, Cancelled, ContextFull, Failed };
 // "stop", "limit", "cancelled", "context full", "failed".

@@ -52,4 +52,16 @@ Status setSampling(std::string_view name, std::string_view value, Sampling& samp
   return Status::success();
 }
 
+void mergeSampling(const Sampling& newer, Sampling& sampling) {
+  if (newer.temperature) sampling.temperature = newer.temperature;
+  if (newer.topK) sampling.topK = newer.topK;
+  if (newer.topP) sampling.topP = newer.topP;
+  if (newer.seed) sampling.seed = newer.seed;
+}
+
+bool topPLeavesOneToken(const Sampling& sampling) {
+  const float topP = sampling.topP.value_or(0);
+  return sampling.temperature.value_or(0) > 0 && topP > 0 && topP < 1;
+}
+
 }  // namespace zym

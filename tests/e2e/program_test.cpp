@@ -160,6 +160,17 @@ TEST_F(ProgramTest, RunPassesSamplingSettings) {
             "temperature 0.5 top-k 40 top-p 0.9 seed 7\n");
 }
 
+TEST_F(ProgramTest, TopPBelowOneIsExplainedOnce) {
+  const std::string remark =
+      "(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)\n";
+  EXPECT_EQ(zym({"run", model, "-p", "a", "-p", "b", "--temperature", "0.5", "--top-p", "0.9"}).err,
+            remark);
+  EXPECT_EQ(zym({"run", model, "-p", "a", "--top-p", "0.9"}).err, "");
+  EXPECT_EQ(zym({"run", model, "-p", "a", "--temperature", "0.5", "--top-p", "1"}).err, "");
+  EXPECT_EQ(zym({"chat", model}, "/set top-p 0.9\n/set temperature 1\n/set top-p 0.8\n").err,
+            remark);
+}
+
 TEST_F(ProgramTest, RunJsonIsAnObjectALine) {
   const Outcome outcome =
       zym({"run", model, "--chat", "--json", "-p", "say \xC3\xA9", "-p", "limit"});

@@ -41,6 +41,24 @@ TEST(SamplingSettingsTest, UnknownNameListsTheKnownOnes) {
             "no setting \"heat\"; there are temperature, top-k, top-p and seed");
 }
 
+TEST(SamplingSettingsTest, NewerSettingsComeFirst) {
+  Sampling all;
+  mergeSampling({0.5F, 40, 0.9F, 7}, all);
+  mergeSampling({{}, {}, 1.0F, {}}, all);
+  EXPECT_EQ(all.temperature, 0.5F);
+  EXPECT_EQ(all.topK, 40);
+  EXPECT_EQ(all.topP, 1.0F);
+  EXPECT_EQ(all.seed, 7U);
+}
+
+TEST(SamplingSettingsTest, TopPBelowOneLeavesOneTokenOfASample) {
+  EXPECT_TRUE(topPLeavesOneToken({0.5F, {}, 0.99F, {}}));
+  EXPECT_FALSE(topPLeavesOneToken({0.5F, {}, 1.0F, {}}));
+  EXPECT_FALSE(topPLeavesOneToken({0.5F, {}, {}, {}}));
+  EXPECT_FALSE(topPLeavesOneToken({0.0F, {}, 0.5F, {}}));
+  EXPECT_FALSE(topPLeavesOneToken({{}, {}, 0.5F, {}}));
+}
+
 TEST(ChatCommandTest, PlainTextIsAMessage) {
   const ChatCommand command = parseChatCommand(" hello /reset");
   EXPECT_EQ(command.kind, ChatCommandKind::Message);
