@@ -76,10 +76,11 @@ bool waitForInput(int fd) {
   pollfd ready{fd, POLLIN, 0};
   while (interrupted == 0 && ppoll(&ready, 1, nullptr, &before) < 0 && errno == EINTR) {
   }
-  const bool came = interrupted != 0;
-  interrupted = 0;
+  // A Ctrl-C in front of bytes that are ready as well is delivered here: the bytes come after it.
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  return !came;
+  if (interrupted == 0) return true;
+  interrupted = 0;
+  return false;
 }
 
 }  // namespace zym
