@@ -128,7 +128,8 @@ class EditingReader : public LineReader {
   std::string prompt;
 };
 
-class PipeReader : public LineReader {
+// Of a pipe, or of a terminal that edits and echoes lines itself.
+class PlainReader : public LineReader {
  public:
   LineResult read(const std::string&, std::string& line, bool& wasEmpty) override {
     line.clear();
@@ -147,7 +148,10 @@ class PipeReader : public LineReader {
 }  // namespace
 
 std::unique_ptr<LineReader> openLineReader(const fs::path& historyFile) {
-  if (!isTerminal(STDIN_FILENO)) return std::make_unique<PipeReader>();
+  // The editor draws on standard error and turns the terminal's own echo off: with standard error
+  // elsewhere a person would type blindly.
+  const bool editable = isTerminal(STDIN_FILENO) && isTerminal(STDERR_FILENO);
+  if (!editable) return std::make_unique<PlainReader>();
   return std::make_unique<EditingReader>(historyFile);
 }
 

@@ -16,13 +16,14 @@ enum class LineResult {
 class LineReader {
  public:
   virtual ~LineReader() = default;
-  // Shows prompt where somebody sees it. line: without its line feed. wasEmpty tells, after
+  // Shows prompt if lines are edited. line: without its line feed. wasEmpty tells, after
   // Interrupted, whether nothing had been typed.
   virtual LineResult read(const std::string& prompt, std::string& line, bool& wasEmpty) = 0;
 };
 
-// From standard input: with editing and history on a terminal (history is loaded from and saved to
-// historyFile, made with mode 0600 if need be; empty: not kept), plainly otherwise.
+// From standard input: with editing and history where it and standard error are terminals (history
+// is loaded from and saved to historyFile, made with mode 0600 if need be; empty: not kept),
+// plainly otherwise.
 std::unique_ptr<LineReader> openLineReader(const std::filesystem::path& historyFile);
 
 // $XDG_STATE_HOME/zym/history or ~/.local/state/zym/history; empty when neither is known.

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/stat.h>
+#include <termios.h>
 
 #include <chrono>
 #include <fstream>
@@ -28,9 +29,9 @@ class TerminalTest : public testing_support::ProgramTest {
     testing_support::ProgramTest::TearDown();
   }
 
-  void start(const std::vector<std::string>& more = {}) {
+  // errors: where standard error goes; empty: to the terminal.
+  void start(const std::string& errors = "") {
     std::vector<std::string> words = {ZYM_PROGRAM, "chat", model};
-    words.insert(words.end(), more.begin(), more.end());
     std::vector<char*> argv;
     for (std::string& word : words)
       argv.push_back(word.data());
@@ -39,7 +40,9 @@ class TerminalTest : public testing_support::ProgramTest {
     child = forkpty(&terminal, nullptr, nullptr, nullptr);
     ASSERT_GE(child, 0);
     if (child == 0) {
-      execv(argv[0], argv.data());
+      const bool redirected =
+          errors.empty() || dup2(creat(errors.c_str(), 0600), STDERR_FILENO) >= 0;
+      if (redirected) execv(argv[0], argv.data());
       _exit(127);
     }
   }
@@ -65,6 +68,11 @@ class TerminalTest : public testing_support::ProgramTest {
       screen.append(buffer, static_cast<size_t>(got));
     }
     return testing::AssertionFailure() << "no \"" << text << "\" in: " << screen;
+  }
+
+  static std::string textOf(const std::string& path) {
+    std::ifstream in(path);
+    return {std::istreambuf_iterator<char>(in), {}};
   }
 
   int waitForExit() {
@@ -212,6 +220,39 @@ TEST_F(TerminalTest, LongPromptShowsThatItIsAlive) {
   ASSERT_TRUE(waitFor("reading 0 s"));
   ASSERT_TRUE(waitFor("reading 1 s"));
   ASSERT_TRUE(waitFor("done"));
+}
+
+TEST_F(TerminalTest, WithoutStandardErrorTheTerminalEditsAndEchoes) {
+  const std::string errors = folder / "errors";
+  start(errors);
+  type("hello\r");
+  ASSERT_TRUE(waitFor("hello\r\n"));  // the echo
+  ASSERT_TRUE(waitFor("heard 1: hello\r\n"));
+  termios settings{};
+  ASSERT_EQ(tcgetattr(terminal, &settings), 0);
+  EXPECT_NE(settings.c_lflag & tcflag_t{ECHO}, 0U);
+  EXPECT_NE(settings.c_lflag & tcflag_t{ICANON}, 0U);
+
+  type("drop this\x03");
+  ASSERT_TRUE(waitFor("^C"));
+  type("hello\x7Fp\r");
+  ASSERT_TRUE(waitFor("heard 2: hellp"));
+  type("\x04");
+  EXPECT_EQ(waitForExit(), 0);
+  EXPECT_EQ(textOf(errors),
+            "Type a message. /help lists the commands.\n"
+            "Leave with /quit, Ctrl-D, or Ctrl-C once more.\n");
+}
+
+TEST_F(TerminalTest, WithoutStandardErrorTheSecondCtrlCLeaves) {
+  start(folder / "errors");
+  type("hello\r");
+  ASSERT_TRUE(waitFor("heard 1: hello\r\n"));
+  type("\x03");
+  ASSERT_TRUE(waitFor("^C"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  type("\x03");
+  EXPECT_EQ(waitForExit(), 130);
 }
 
 TEST_F(TerminalTest, RepliesCannotControlTheTerminal) {
