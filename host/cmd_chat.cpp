@@ -42,19 +42,21 @@ class Chat {
   bool interactive;
   bool replyOnTerminal;
   bool multiline = false;
-  bool warned = false;  // Ctrl-C came at the prompt and nothing since
+  bool unanswered = false;  // a turn failed or found no room
+  bool warned = false;      // Ctrl-C came at the prompt and nothing since
 };
 
 int Chat::loop() {
   if (interactive) remark("Type a message. /help lists the commands.");
   int status = 0;
   std::string line;
-  while (readMessage(line, status)) {
-    ChatCommand command = parseChatCommand(line);
+  bool stays = true;
+  while (stays && readMessage(line, status)) {
     // The first line of a longer message decides; a slash further down is text.
-    if (!obey(command)) return 0;
+    stays = obey(parseChatCommand(line));
   }
-  return status;
+  // A person has seen what went wrong; a script sees the status.
+  return status == 0 && unanswered && !interactive ? 1 : status;
 }
 
 LineResult Chat::readLine(const char* prompt, std::string& line) {
@@ -136,6 +138,7 @@ void Chat::answer(const std::string& message) {
   const TurnReport report = runTurn(engine, message, show, true);
   show("\n");
   const BackendLimits limits = engine.backend->limits();
+  if (report.end == TurnEnd::Failed || report.end == TurnEnd::ContextFull) unanswered = true;
   switch (report.end) {
     case TurnEnd::Limit:
       remark(fmt::format("(cut at {} tokens; say \"go on\" for more)", limits.turnTokens));
@@ -148,7 +151,7 @@ void Chat::answer(const std::string& message) {
                          limits.contextCapacity));
       break;
     case TurnEnd::Failed:
-      complain(report.fault + "; /reset starts afresh");
+      complain(report.backendFault ? report.fault + ", /reset starts afresh" : report.fault);
       break;
     case TurnEnd::Stopped:
       break;

@@ -131,6 +131,7 @@ TurnReport runTurn(Engine& engine, const std::string& typed,
     report.end = TurnEnd::ContextFull;
   } else if (!status.ok()) {
     report.fault = status.message;
+    report.backendFault = true;
   } else {
     report.end =
         report.pieces >= engine.backend->limits().turnTokens ? TurnEnd::Limit : TurnEnd::Stopped;
@@ -154,6 +155,7 @@ TurnReport runCompletion(Engine& engine, const std::string& typed) {
     report.end = TurnEnd::ContextFull;
   } else {
     report.fault = status.message;
+    report.backendFault = true;
   }
   return report;
 }

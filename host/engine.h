@@ -40,8 +40,9 @@ const char* turnEndName(TurnEnd end);
 struct TurnReport {
   TurnEnd end = TurnEnd::Failed;
   uint32_t pieces = 0;
-  std::string reply;  // UTF-8
-  std::string fault;  // for people, when end is Failed
+  std::string reply;          // UTF-8
+  std::string fault;          // for people, when end is Failed
+  bool backendFault = false;  // the runtime failed: the conversation may be damaged
 };
 
 // One chat turn with text as typed. show receives the reply in pieces of whole characters. Ctrl-C

@@ -66,14 +66,10 @@ Status createFailure(const std::string& modelPath, std::string_view reason) {
   return Status::invalid(text);
 }
 
-Status callStatus(uint32_t status, const char* what) {
-  if (status == ZYM_STATUS_OK) return Status::success();
-  return Status::invalid(std::string(what) + " failed");
-}
-
 class PluginBackend : public Backend {
  public:
-  PluginBackend(const Tables& tables, ZYMRuntimeHandle* opened) : table(tables), handle(opened) {}
+  PluginBackend(const Tables& tables, std::string path, ZYMRuntimeHandle* opened)
+      : table(tables), modelPath(std::move(path)), handle(opened) {}
   ~PluginBackend() override { table.v2->destroy(handle); }
   PluginBackend(const PluginBackend&) = delete;
   PluginBackend& operator=(const PluginBackend&) = delete;
@@ -117,7 +113,16 @@ class PluginBackend : public Backend {
   BackendLimits limits() const override { return {ZYM_MAX_TURN_TOKENS, ZYM_CONTEXT_CAPACITY}; }
 
  private:
+  Status callStatus(uint32_t status, const char* what) const {
+    if (status == ZYM_STATUS_OK) return Status::success();
+    // The runtime tells no reason. Opening takes tensors that do not fit together, and then every
+    // call fails: only the check finds out.
+    return Status::invalid(std::string(what) + " failed; `zym check " + modelPath +
+                           "` names a fault of the file");
+  }
+
   Tables table;
+  std::string modelPath;
   ZYMRuntimeHandle* handle;
 };
 
@@ -135,7 +140,7 @@ Status openPluginBackend(const std::filesystem::path& library, const std::string
       handle == nullptr) {
     return createFailure(modelPath, reason[0] == '\0' ? "the model cannot be opened" : reason);
   }
-  backend = std::make_unique<PluginBackend>(tables, handle);
+  backend = std::make_unique<PluginBackend>(tables, modelPath, handle);
   return Status::success();
 }
 

@@ -185,8 +185,9 @@ TEST_F(ProgramTest, RunJsonIsAnObjectALine) {
 }
 
 TEST_F(ProgramTest, RunFailuresAreReported) {
-  expectFault(zym({"run", model, "-p", "break"}), 1, "the completion failed");
-  expectFault(zym({"run", model, "--chat", "-p", "break"}), 1, "the turn failed");
+  const std::string advice = "; `zym check " + model + "` names a fault of the file";
+  expectFault(zym({"run", model, "-p", "break"}), 1, "the completion failed" + advice);
+  expectFault(zym({"run", model, "--chat", "-p", "break"}), 1, "the turn failed" + advice);
 }
 
 TEST_F(ProgramTest, FullContextIsReported) {
@@ -225,7 +226,29 @@ TEST_F(ProgramTest, ChatSaysWhyAReplyEnded) {
   EXPECT_EQ(zym({"chat", model}, "limit\n").err, "(cut at 96 tokens; say \"go on\" for more)\n");
   EXPECT_EQ(zym({"chat", model}, "fill\n").err,
             "The context of 8192 positions is full; /reset starts afresh.\n");
-  EXPECT_EQ(zym({"chat", model}, "break\n").err, "zym: the turn failed; /reset starts afresh\n");
+  EXPECT_EQ(zym({"chat", model}, "break\n").err,
+            "zym: the turn failed; `zym check " + model +
+                "` names a fault of the file, /reset starts afresh\n");
+}
+
+TEST_F(ProgramTest, ChatThroughPipesTellsOfUnansweredMessages) {
+  EXPECT_EQ(zym({"chat", model}, "break\nhello\n").status, 1);
+  EXPECT_EQ(zym({"chat", model}, "break\n/quit\n").status, 1);
+  EXPECT_EQ(zym({"chat", model}, "fill\n").status, 1);
+  EXPECT_EQ(zym({"chat", model}, "limit\n/unknown\n").status, 0);
+}
+
+TEST_F(ProgramTest, TextThatCannotBeSentIsNoFaultOfTheModel) {
+  ASSERT_TRUE(writeSmallModel(model, nullptr, "qwen35", [](kel::ZYM2Writer& writer) {
+                kel::TokenizerData raw = testing_support::smallVocabulary(4);
+                raw.label = "raw";
+                writer.setTokenizer(raw);
+              }).ok());
+  const Outcome outcome = zym({"chat", model}, std::string("a\0b\n", 4));
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.err.rfind("zym: ", 0), 0U) << outcome.err;
+  EXPECT_EQ(outcome.err.find("/reset"), std::string::npos) << outcome.err;
+  EXPECT_EQ(outcome.err.find("zym check"), std::string::npos) << outcome.err;
 }
 
 TEST_F(ProgramTest, ChatThroughPipesWritesNoEscapeCodes) {
