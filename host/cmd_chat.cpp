@@ -75,10 +75,18 @@ LineResult Chat::readLine(const char* prompt, std::string& line) {
   }
 }
 
+// Of a chat whose input gives no more lines.
+int exitStatus(LineResult result, const std::string& fault) {
+  if (result == LineResult::Interrupted) return kInterruptedExit;
+  if (result != LineResult::Failed) return 0;
+  complain(fault);
+  return 1;
+}
+
 bool Chat::readMessage(std::string& message, int& status) {
   const LineResult first = readLine("> ", message);
   if (first != LineResult::Line) {
-    status = first == LineResult::Interrupted ? kInterruptedExit : 0;
+    status = exitStatus(first, message);
     return false;
   }
   if (!multiline || message.starts_with('/')) return true;
@@ -86,8 +94,8 @@ bool Chat::readMessage(std::string& message, int& status) {
   std::string line;
   while (!message.empty()) {
     const LineResult next = readLine(". ", line);
-    if (next == LineResult::Interrupted) {
-      status = kInterruptedExit;
+    if (next == LineResult::Interrupted || next == LineResult::Failed) {
+      status = exitStatus(next, line);
       return false;
     }
     if (next == LineResult::End || line == ".") break;

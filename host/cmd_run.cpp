@@ -1,15 +1,17 @@
 // zym run: completions, or chat turns, from the command line.
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "host/commands.h"
+#include "host/input_text.h"
 #include "host/terminal.h"
 #include "host/utf8.h"
 
@@ -26,26 +28,30 @@ struct RunOptions {
   bool json = false;
 };
 
-kel::Status readAll(std::istream& in, const std::string& name, std::string& text) {
-  text.assign(std::istreambuf_iterator<char>(in), {});
-  if (in.bad()) return kel::Status::invalid(name + ": cannot be read");
+kel::Status readPrompt(int fd, const std::string& name, std::string& text) {
+  kel::Status status = readToEnd(fd, name, text);
   // The line feed that ends a text file is no part of the prompt.
   if (text.ends_with('\n')) text.pop_back();
-  return kel::Status::success();
+  return status;
+}
+
+kel::Status readPromptFile(const std::string& path, std::string& text) {
+  kel::Status status = checkInputFile(path);
+  if (!status.ok()) return status;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return readFailure(path, errno);
+  status = readPrompt(fd, path, text);
+  ::close(fd);
+  return status;
 }
 
 kel::Status collectPrompts(const RunOptions& options, std::vector<std::string>& prompts) {
   prompts = options.prompts;
-  if (!options.file.empty()) {
-    kel::Status status = checkInputFile(options.file);
-    if (!status.ok()) return status;
-    std::ifstream in(options.file, std::ios::binary);
-    status = readAll(in, options.file, prompts.emplace_back());
-    if (!status.ok()) return status;
-  }
-  if (options.standardInput == "-")
-    return readAll(std::cin, "standard input", prompts.emplace_back());
-  return kel::Status::success();
+  kel::Status status;
+  if (!options.file.empty()) status = readPromptFile(options.file, prompts.emplace_back());
+  if (status.ok() && options.standardInput == "-")
+    status = readPrompt(STDIN_FILENO, kStandardInput, prompts.emplace_back());
+  return status;
 }
 
 void print(const RunOptions& options, const std::string& prompt, const TurnReport& report) {

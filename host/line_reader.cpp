@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <system_error>
 
+#include "host/input_text.h"
 #include "host/interrupt.h"
 #include "host/terminal.h"
 #include "host/utf8.h"
@@ -20,33 +21,31 @@ namespace fs = std::filesystem;
 
 constexpr int kHistoryLines = 1000;
 
-// One byte; false at the end, on an error, or when Ctrl-C came (errno is EINTR then).
-bool readByte(char& byte) {
-  while (true) {
-    if (!waitForInput(STDIN_FILENO)) {
-      errno = EINTR;
-      return false;
+// Bytes of standard input, and why the last one did not come.
+class ByteSource {
+ public:
+  bool next(char& byte) {
+    while (waitForInput(STDIN_FILENO)) {
+      const ssize_t got = ::read(STDIN_FILENO, &byte, 1);
+      // A window change interrupts too; only Ctrl-C ends the read.
+      if (got < 0 && errno == EINTR) continue;
+      if (got < 0) fault = readFailure(kStandardInput, errno).message;
+      reason = got < 0 ? LineResult::Failed : LineResult::End;
+      return got == 1;
     }
-    errno = 0;
-    const ssize_t got = ::read(STDIN_FILENO, &byte, 1);
-    if (got == 1) return true;
-    // A window change interrupts too; only Ctrl-C ends the read.
-    if (got == 0 || errno != EINTR) return false;
+    reason = LineResult::Interrupted;
+    return false;
   }
-}
+  // After next has returned false: the result of the line. line receives the message of a failure.
+  LineResult end(std::string& line) const {
+    if (reason == LineResult::Failed) line = fault;
+    return reason;
+  }
 
-// Called by the editor for each character. Its own reader would start over after Ctrl-C.
-int readCharacter(EditLine*, wchar_t* out) {
-  std::string character;
-  char byte = 0;
-  do {
-    if (!readByte(byte)) return errno == 0 ? 0 : -1;
-    character += byte;
-  } while (incompleteTail(character) == character.size());
-  char32_t code = 0;
-  *out = characterAt(character, code) == 0 ? L'?' : static_cast<wchar_t>(code);
-  return 1;
-}
+ private:
+  LineResult reason = LineResult::End;
+  std::string fault;
+};
 
 class EditingReader : public LineReader {
  public:
@@ -84,7 +83,7 @@ class EditingReader : public LineReader {
       const LineInfo* typed = el_line(editor);
       wasEmpty = typed == nullptr || typed->lastchar == typed->buffer;
       std::fputc('\n', stderr);
-      return length < 0 ? LineResult::Interrupted : LineResult::End;
+      return bytes.end(line);
     }
     line.assign(text, static_cast<size_t>(length));
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
@@ -94,10 +93,26 @@ class EditingReader : public LineReader {
   }
 
  private:
-  static char* promptOf(EditLine* editor) {
+  static EditingReader& readerOf(EditLine* editor) {
     EditingReader* self = nullptr;
     el_get(editor, EL_CLIENTDATA, &self);
-    return self->prompt.data();
+    return *self;
+  }
+  static char* promptOf(EditLine* editor) { return readerOf(editor).prompt.data(); }
+
+  // Called by the editor for each character. Its own reader would start over after Ctrl-C.
+  static int readCharacter(EditLine* editor, wchar_t* out) {
+    ByteSource& source = readerOf(editor).bytes;
+    std::string character;
+    char byte = 0;
+    do {
+      std::string ignored;
+      if (!source.next(byte)) return source.end(ignored) == LineResult::End ? 0 : -1;
+      character += byte;
+    } while (incompleteTail(character) == character.size());
+    char32_t code = 0;
+    *out = characterAt(character, code) == 0 ? L'?' : static_cast<wchar_t>(code);
+    return 1;
   }
 
   void openHistory() {
@@ -126,6 +141,7 @@ class EditingReader : public LineReader {
   EditLine* editor;
   History* past;
   std::string prompt;
+  ByteSource bytes;
 };
 
 // Of a pipe, or of a terminal that edits and echoes lines itself.
@@ -135,14 +151,18 @@ class PlainReader : public LineReader {
     line.clear();
     wasEmpty = true;
     char byte = 0;
-    while (readByte(byte)) {
+    while (bytes.next(byte)) {
       if (byte == '\n') return LineResult::Line;
       line += byte;
       wasEmpty = false;
     }
-    if (errno == EINTR) return LineResult::Interrupted;
-    return line.empty() ? LineResult::End : LineResult::Line;
+    const LineResult result = bytes.end(line);
+    // A last line needs no line feed.
+    return result == LineResult::End && !wasEmpty ? LineResult::Line : result;
   }
+
+ private:
+  ByteSource bytes;
 };
 
 }  // namespace

@@ -11,13 +11,14 @@ enum class LineResult {
   Line,
   End,          // Ctrl-D, or the end of the pipe
   Interrupted,  // Ctrl-C; what had been typed is dropped
+  Failed,       // the input cannot be read
 };
 
 class LineReader {
  public:
   virtual ~LineReader() = default;
-  // Shows prompt if lines are edited. line: without its line feed. wasEmpty tells, after
-  // Interrupted, whether nothing had been typed.
+  // Shows prompt if lines are edited. line: without its line feed; after Failed, a message for
+  // people. wasEmpty tells, after Interrupted, whether nothing had been typed.
   virtual LineResult read(const std::string& prompt, std::string& line, bool& wasEmpty) = 0;
 };
 

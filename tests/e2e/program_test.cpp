@@ -147,6 +147,19 @@ TEST_F(ProgramTest, RunReadsFilesAndStandardInput) {
   EXPECT_EQ(zym({"run", model, "-"}, "From a pipe\n").out, "From a pipe and so on\n");
 }
 
+TEST_F(ProgramTest, InputThatCannotBeReadIsOneClearLine) {
+  const auto fromFolder = [this](const std::string& words) {
+    return testing_support::runProcess(
+        {"sh", "-c", std::string(ZYM_PROGRAM) + " " + words + " <" + folder.string()});
+  };
+  const std::string reason = ": Is a directory; give a file or a pipe that can be read";
+  expectFault(fromFolder("run " + model + " -"), 1, "standard input" + reason);
+  expectFault(fromFolder("chat " + model), 1, "standard input" + reason);
+  // Readable by its mode, but nothing is mapped at its start.
+  expectFault(zym({"run", model, "-f", "/proc/self/mem"}), 1,
+              "/proc/self/mem: Input/output error; give a file or a pipe that can be read");
+}
+
 TEST_F(ProgramTest, RunChatKeepsOneConversationUnlessTold) {
   EXPECT_EQ(zym({"run", model, "--chat", "-p", "a", "-p", "b"}).out, "heard 1: a\nheard 2: b\n");
   EXPECT_EQ(zym({"run", model, "--chat", "--each", "-p", "a", "-p", "b"}).out,
