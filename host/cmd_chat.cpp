@@ -31,6 +31,8 @@ class Chat {
   // False at the end of input; status is then the exit status.
   bool readMessage(std::string& message, int& status);
   LineResult readLine(const char* prompt, std::string& line);
+  // Adds the lines up to the single dot to the first one. message: after Failed, the reason.
+  LineResult readFurtherLines(std::string& message);
   // False when the line asks to leave.
   bool obey(const ChatCommand& command);
   void answer(const std::string& message);
@@ -84,24 +86,34 @@ int exitStatus(LineResult result, const std::string& fault) {
 }
 
 bool Chat::readMessage(std::string& message, int& status) {
-  const LineResult first = readLine("> ", message);
-  if (first != LineResult::Line) {
-    status = exitStatus(first, message);
-    return false;
-  }
-  if (!multiline || message.starts_with('/')) return true;
+  LineResult result = LineResult::Interrupted;
+  do {
+    result = readLine("> ", message);
+    if (result != LineResult::Line) break;
+    // Two slashes begin a message.
+    const bool isCommand = message.starts_with('/') && !message.starts_with("//");
+    if (!multiline || isCommand) return true;
+    result = readFurtherLines(message);
+    // A person drops the unfinished message with Ctrl-C and starts over.
+  } while (result == LineResult::Interrupted && interactive);
+  if (result == LineResult::Line) return true;
+  status = exitStatus(result, message);
+  return false;
+}
+
+LineResult Chat::readFurtherLines(std::string& message) {
   if (message == ".") message.clear();
   std::string line;
   while (!message.empty()) {
-    const LineResult next = readLine(". ", line);
-    if (next == LineResult::Interrupted || next == LineResult::Failed) {
-      status = exitStatus(next, line);
-      return false;
-    }
+    bool wasEmpty = true;
+    const LineResult next = lines->read(". ", line, wasEmpty);
+    if (next == LineResult::Interrupted && interactive) remark("(the message is dropped)");
+    if (next == LineResult::Failed) message = line;
+    if (next == LineResult::Interrupted || next == LineResult::Failed) return next;
     if (next == LineResult::End || line == ".") break;
     message += "\n" + line;
   }
-  return true;
+  return LineResult::Line;
 }
 
 bool Chat::obey(const ChatCommand& command) {

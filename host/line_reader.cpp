@@ -152,7 +152,10 @@ class PlainReader : public LineReader {
     wasEmpty = true;
     char byte = 0;
     while (bytes.next(byte)) {
-      if (byte == '\n') return LineResult::Line;
+      if (byte == '\n') {
+        if (line.ends_with('\r')) line.pop_back();
+        return LineResult::Line;
+      }
       line += byte;
       wasEmpty = false;
     }

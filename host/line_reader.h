@@ -17,8 +17,8 @@ enum class LineResult {
 class LineReader {
  public:
   virtual ~LineReader() = default;
-  // Shows prompt if lines are edited. line: without its line feed; after Failed, a message for
-  // people. wasEmpty tells, after Interrupted, whether nothing had been typed.
+  // Shows prompt if lines are edited. line: without its line end (LF or CR LF); after Failed, a
+  // message for people. wasEmpty tells, after Interrupted, whether nothing had been typed.
   virtual LineResult read(const std::string& prompt, std::string& line, bool& wasEmpty) = 0;
 };
 

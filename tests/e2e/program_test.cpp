@@ -230,6 +230,15 @@ TEST_F(ProgramTest, ChatMultilineMessagesEndWithADot) {
   EXPECT_EQ(outcome.err, "A line with a single dot ends a message.\nOne line is one message.\n");
 }
 
+TEST_F(ProgramTest, ChatMultilineMessagesMayBeginWithASlash) {
+  EXPECT_EQ(zym({"chat", model}, "/multiline\n//etc\n/stats\n.\n").out, "heard 1: /etc\n/stats\n");
+}
+
+TEST_F(ProgramTest, ChatTakesLinesThatEndInCarriageReturns) {
+  EXPECT_EQ(zym({"chat", model}, "one\r\n/multiline\r\ntwo\r\nthree\r\n.\r\n").out,
+            "heard 1: one\nheard 2: two\nthree\n");
+}
+
 TEST_F(ProgramTest, ChatStatsShowThePosition) {
   EXPECT_EQ(zym({"chat", model}, "ab\n/stats\n").err,
             "3 of 8192 positions in use, 4.2 ms a position, the last one 0.5 ms\n");

@@ -137,6 +137,24 @@ TEST_F(TerminalTest, CtrlCDropsTheLineThatIsBeingTyped) {
   ASSERT_TRUE(waitFor("heard 1: hello"));
 }
 
+TEST_F(TerminalTest, CtrlCDropsTheUnfinishedMessage) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("/multiline\r");
+  ASSERT_TRUE(waitFor("> "));
+  type("never\r");
+  ASSERT_TRUE(waitFor(". "));
+  type("\x03");
+  ASSERT_TRUE(waitFor("(the message is dropped)"));
+  ASSERT_TRUE(waitFor("> "));
+  type("first\r");
+  ASSERT_TRUE(waitFor(". "));
+  type("second\r");
+  ASSERT_TRUE(waitFor(". "));
+  type(".\r");
+  ASSERT_TRUE(waitFor("heard 1: first\r\nsecond"));
+}
+
 TEST_F(TerminalTest, MessageAfterTheHintWithdrawsIt) {
   start();
   ASSERT_TRUE(waitFor("> "));
