@@ -174,6 +174,7 @@ void Chat::answer(const std::string& message) {
       complain(report.backendFault ? report.fault + ", /reset starts afresh" : report.fault);
       break;
     case TurnEnd::Stopped:
+    case TurnEnd::Unknown:
       break;
   }
 }

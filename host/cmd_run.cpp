@@ -56,10 +56,10 @@ kel::Status collectPrompts(const RunOptions& options, std::vector<std::string>& 
 
 void print(const RunOptions& options, const std::string& prompt, const TurnReport& report) {
   if (options.json) {
-    nlohmann::ordered_json line = {
-        {"prompt", prompt}, {"reply", report.reply}, {"end", turnEndName(report.end)}};
-    if (options.chat) line["pieces"] = report.pieces;
     using Json = nlohmann::ordered_json;
+    Json line = {{"prompt", prompt}, {"reply", report.reply}, {"end", nullptr}};
+    if (report.end != TurnEnd::Unknown) line["end"] = turnEndName(report.end);
+    if (options.chat) line["pieces"] = report.pieces;
     fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
   } else if (isTerminal(1)) {
     fmt::print("{}\n", withoutControls(report.reply));
@@ -83,6 +83,7 @@ bool explainEnd(const TurnReport& report, const BackendLimits& limits) {
       remark(fmt::format("(the reply was cut at {} tokens)", limits.turnTokens));
       return true;
     case TurnEnd::Stopped:
+    case TurnEnd::Unknown:
     case TurnEnd::Cancelled:
       break;
   }
@@ -118,7 +119,8 @@ int run(const RunOptions& options) {
 
 void addRun(CLI::App& program, Action& action) {
   auto options = std::make_shared<RunOptions>();
-  CLI::App* command = program.add_subcommand("run", "Complete a text, or answer chat messages");
+  CLI::App* command = program.add_subcommand(
+      "run", "Complete a text, or answer chat messages, with at most 96 tokens each");
   addModel(*command, options->engine);
   auto* input = command->add_option("INPUT", options->standardInput,
                                     "\"-\": read the prompt from standard input");

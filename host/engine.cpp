@@ -93,6 +93,8 @@ const char* turnEndName(TurnEnd end) {
       return "cancelled";
     case TurnEnd::ContextFull:
       return "context full";
+    case TurnEnd::Unknown:
+      return "unknown";
     case TurnEnd::Failed:
       break;
   }
@@ -149,10 +151,10 @@ TurnReport runCompletion(Engine& engine, const std::string& typed) {
   PieceDecoder decoder(engine.text->way());
   report.reply = decoder.feed(pieces);
   report.reply += decoder.finish();
-  if (status.ok()) {
-    report.end = contextFull(*engine.backend) ? TurnEnd::ContextFull : TurnEnd::Stopped;
-  } else if (contextFull(*engine.backend)) {
+  if (contextFull(*engine.backend)) {
     report.end = TurnEnd::ContextFull;
+  } else if (status.ok()) {
+    report.end = TurnEnd::Unknown;
   } else {
     report.fault = status.message;
     report.backendFault = true;

@@ -33,8 +33,11 @@ kel::Status openEngine(const EngineOptions& options, Engine& engine);
 // Passes settings on. Remarks once, on standard error, when they do not mean what they say.
 void configureEngine(const Sampling& sampling, Engine& engine);
 
-enum class TurnEnd { Stopped, Limit, Cancelled, ContextFull, Failed };
-// "stop", "limit", "cancelled", "context full", "failed".
+// Unknown: of a completion, which may have stopped by itself or at the limit. The backend tells
+// neither the reason nor the number of pieces, and a stop behind the last piece but one feeds as
+// many positions as the limit.
+enum class TurnEnd { Stopped, Limit, Cancelled, ContextFull, Unknown, Failed };
+// "stop", "limit", "cancelled", "context full", "unknown", "failed".
 const char* turnEndName(TurnEnd end);
 
 struct TurnReport {

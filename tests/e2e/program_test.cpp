@@ -197,6 +197,13 @@ TEST_F(ProgramTest, RunJsonIsAnObjectALine) {
   EXPECT_EQ(outcome.err, "(the reply was cut at 96 tokens)\n");
 }
 
+TEST_F(ProgramTest, RunJsonDoesNotGuessTheEndOfACompletion) {
+  const Json line = Json::parse(zym({"run", model, "--json", "-p", "a"}).out);
+  EXPECT_EQ(line["reply"], "a and so on");
+  EXPECT_TRUE(line["end"].is_null());
+  EXPECT_FALSE(line.contains("pieces"));
+}
+
 TEST_F(ProgramTest, RunFailuresAreReported) {
   const std::string advice = "; `zym check " + model + "` names a fault of the file";
   expectFault(zym({"run", model, "-p", "break"}), 1, "the completion failed" + advice);
