@@ -1,5 +1,7 @@
 #include "host/bench_measure.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstring>
@@ -19,6 +21,16 @@ constexpr uint64_t kWordsPerTurn = 256;
 
 double milliseconds(Clock::duration span) {
   return std::chrono::duration<double, std::milli>(span).count();
+}
+
+// Positions beyond the wanted ones that the last filling turn takes: framing, and words of more
+// than one token.
+constexpr uint64_t kFillingExtra = 128;
+// Positions of a decoding turn beside its steps.
+constexpr uint64_t kTurnExtra = 24;
+
+bool contextFull(Backend& backend) {
+  return backend.stats().contextTokens >= backend.limits().contextCapacity;
 }
 
 std::string filling(uint64_t words) {
@@ -60,6 +72,8 @@ Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run) {
   while (filled < positions) {
     const uint64_t words = std::min(kWordsPerTurn, positions - filled);
     Status status = backend.turn(filling(words), nullptr, &cancel);
+    if (!status.ok() && contextFull(backend))
+      return Status::invalid("the context is full before the decode steps; lower --prompt or --at");
     if (!status.ok()) return status;
     filled = backend.stats().contextTokens;
   }
@@ -68,9 +82,15 @@ Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run) {
   return Status::success();
 }
 
-Status measureDecode(Backend& backend, size_t nSteps, std::vector<double>& stepMs) {
+Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps,
+                     std::vector<double>& stepMs) {
   int silent = 0;
   while (stepMs.size() < nSteps && silent < kSilentTurns) {
+    if (contextFull(backend)) {
+      PrefillRun again;
+      Status status = measurePrefill(backend, behind, again);
+      if (!status.ok()) return status;
+    }
     volatile int cancel = 0;
     std::optional<Clock::time_point> last;
     const size_t before = stepMs.size();
@@ -81,10 +101,22 @@ Status measureDecode(Backend& backend, size_t nSteps, std::vector<double>& stepM
       if (stepMs.size() >= nSteps) cancel = 1;
     };
     Status status = backend.turn("Hello", onPiece, &cancel);
-    if (!status.ok()) return status;
-    if (stepMs.size() == before) ++silent;
+    // A turn that found no room is one without steps.
+    if (!status.ok() && !contextFull(backend)) return status;
+    silent = stepMs.size() == before ? silent + 1 : 0;
   }
   return Status::success();
+}
+
+Status checkBenchSize(const BackendLimits& limits, uint64_t behind, size_t nSteps) {
+  const uint64_t stepsPerTurn = std::max<uint64_t>(limits.turnTokens, 2) - 1;
+  const uint64_t turns = nSteps / stepsPerTurn + 1;
+  const uint64_t needed = behind + kFillingExtra + nSteps + turns * kTurnExtra;
+  if (needed <= limits.contextCapacity) return Status::success();
+  return Status::invalid(
+      fmt::format("{} steps behind {} positions take about {} with the framing, the context holds "
+                  "{}; lower --steps, or --prompt and --at",
+                  nSteps, behind, needed, limits.contextCapacity));
 }
 
 }  // namespace zym

@@ -34,9 +34,15 @@ struct PrefillRun {
 // Feeds text from an empty context until at least `positions` are filled, without generating.
 kel::Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run);
 
-// Milliseconds of single decode steps behind whatever the context holds: the time between one piece
-// and the next, at least nSteps of them, in as many turns as that takes. Empty when the model gives
-// no two pieces in a turn.
-kel::Status measureDecode(Backend& backend, size_t nSteps, std::vector<double>& stepMs);
+// Milliseconds of single decode steps behind a context of at least `behind` positions, which
+// measurePrefill has filled: the time between one piece and the next, nSteps of them, in as many
+// turns as that takes. When replies are short and their turns fill the context, it is emptied and
+// filled again. Fewer steps, or none, when the model gives no two pieces in a turn.
+kel::Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps,
+                          std::vector<double>& stepMs);
+
+// Fails when nSteps decode steps behind `behind` positions, fed as above, would not fit into the
+// context; the message names the options --prompt, --at and --steps.
+kel::Status checkBenchSize(const BackendLimits& limits, uint64_t behind, size_t nSteps);
 
 }  // namespace zym

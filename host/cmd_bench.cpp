@@ -56,6 +56,18 @@ Status readWork(const std::string& path, ModelWork& work) {
   return status;
 }
 
+// Positions that decoding is measured behind.
+uint64_t decodeAt(const BenchOptions& options) {
+  return options.at > 0 ? options.at : options.prompt;
+}
+
+// The prefill generates nothing; decoding has its own length.
+Status checkSizes(const BackendLimits& limits, const BenchOptions& options) {
+  Status status = checkBenchSize(limits, options.prompt, 0);
+  if (status.ok()) status = checkBenchSize(limits, decodeAt(options), options.steps);
+  return status;
+}
+
 Status measureOnce(Backend& backend, const BenchOptions& options, BenchReport& report) {
   PrefillRun prefill;
   Status status = measurePrefill(backend, options.prompt, prefill);
@@ -66,7 +78,7 @@ Status measureOnce(Backend& backend, const BenchOptions& options, BenchReport& r
   if (!status.ok()) return status;
   report.decodeAt = prefill.positions;
   std::vector<double> stepMs;
-  status = measureDecode(backend, options.steps, stepMs);
+  status = measureDecode(backend, decodeAt(options), options.steps, stepMs);
   if (status.ok() && stepMs.empty()) return Status::invalid("the model gives no text to measure");
   if (status.ok()) report.decodeSpeeds.push_back(1000 / spreadOf(stepMs).median);
   return status;
@@ -79,9 +91,11 @@ Status measure(const BenchOptions& options, BenchReport& report) {
   Status status = openEngine(options.engine, engine);
   const std::chrono::duration<double> created = std::chrono::steady_clock::now() - start;
   report.createSeconds = created.count();
+  if (status.ok()) status = checkSizes(engine.backend->limits(), options);
   if (status.ok()) status = readWork(options.engine.model, report.work);
   for (int i = 0; status.ok() && i < options.repetitions; ++i)
     status = measureOnce(*engine.backend, options, report);
+  if (!status.ok()) return status;
   report.memory = memoryUse();
   report.bandwidth = readBandwidth(kBandwidthBuffer, report.threads);
   report.multiplyPeak = multiplyPeak(report.threads);

@@ -338,6 +338,14 @@ TEST_F(ProgramTest, TokenizeShowsIdsAndPieces) {
   EXPECT_EQ(report["ids"], Json::array({0}));
 }
 
+TEST_F(ProgramTest, BenchRefusesSizesThatDoNotFit) {
+  const Outcome outcome = zym({"bench", model, "--at", "7000", "--steps", "4096"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err.rfind("zym: 4096 steps behind 7000 positions take about ", 0), 0U)
+      << outcome.err;
+}
+
 TEST_F(ProgramTest, BenchReportsEveryMeasure) {
   const Outcome outcome = zym({"--threads", "1", "bench", model, "--json", "--repetitions", "2",
                                "--prompt", "20", "--steps", "4"});

@@ -7,24 +7,37 @@
 namespace zym {
 namespace {
 
-// A position for every word, and replies of a fixed number of pieces.
+// A position for every word and piece, and replies of a fixed number of pieces: the same in every
+// turn, or in every other one.
 class CountingBackend : public Backend {
  public:
   kel::Status turn(const std::string& text, const PieceSink& sink, volatile int* cancel) override {
     for (const char c : text)
       positions += c == ' ' ? 1 : 0;
-    for (int i = 0; i < piecesPerTurn && *cancel == 0; ++i)
+    ++turns;
+    const bool shy = everyOther && turns % 2 == 0;
+    for (int i = 0; i < (shy ? 1 : piecesPerTurn) && *cancel == 0; ++i) {
+      if (positions >= capacity) return kel::Status::invalid("no room");
+      ++positions;
       sink("x");
+    }
     return kel::Status::success();
   }
   kel::Status complete(const std::string&, std::string&) override { return {}; }
-  void reset() override { positions = 0; }
+  void reset() override {
+    positions = 0;
+    ++resets;
+  }
   void configure(const Sampling&) override {}
   BackendStats stats() override { return {positions, 0, 0}; }
-  BackendLimits limits() const override { return {96, 8192}; }
+  BackendLimits limits() const override { return {96, capacity}; }
 
   uint64_t positions = 0;
+  uint64_t capacity = 8192;
   int piecesPerTurn = 10;
+  bool everyOther = false;
+  int turns = 0;
+  int resets = 0;
 };
 
 TEST(BenchMeasureTest, SpreadOfOddAndEvenCounts) {
@@ -44,7 +57,7 @@ TEST(BenchMeasureTest, PrefillFillsTheWantedPositionsWithoutGenerating) {
 TEST(BenchMeasureTest, DecodeTakesAsManyTurnsAsItNeeds) {
   CountingBackend backend;
   std::vector<double> stepMs;
-  ASSERT_TRUE(measureDecode(backend, 20, stepMs).ok());
+  ASSERT_TRUE(measureDecode(backend, 0, 20, stepMs).ok());
   EXPECT_EQ(stepMs.size(), 20U);  // 9 steps a turn
 }
 
@@ -52,8 +65,47 @@ TEST(BenchMeasureTest, SilentModelEndsTheMeasurement) {
   CountingBackend backend;
   backend.piecesPerTurn = 1;
   std::vector<double> stepMs;
-  ASSERT_TRUE(measureDecode(backend, 20, stepMs).ok());
+  ASSERT_TRUE(measureDecode(backend, 0, 20, stepMs).ok());
   EXPECT_TRUE(stepMs.empty());
+}
+
+TEST(BenchMeasureTest, SilentTurnsInBetweenDoNotEndTheMeasurement) {
+  CountingBackend backend;
+  backend.everyOther = true;
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 0, 90, stepMs).ok());
+  EXPECT_EQ(stepMs.size(), 90U);
+}
+
+TEST(BenchMeasureTest, FullContextIsFilledAgain) {
+  CountingBackend backend;
+  backend.capacity = 100;
+  PrefillRun prefill;
+  ASSERT_TRUE(measurePrefill(backend, 50, prefill).ok());
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 50, 90, stepMs).ok());
+  EXPECT_EQ(stepMs.size(), 90U);  // five turns of 9 steps fill it
+  EXPECT_EQ(backend.resets, 2);
+  EXPECT_EQ(backend.positions, 100U);
+}
+
+TEST(BenchMeasureTest, ContextThatIsFullBeforeAnyStepEndsTheMeasurement) {
+  CountingBackend backend;
+  backend.capacity = 50;
+  PrefillRun prefill;
+  ASSERT_TRUE(measurePrefill(backend, 50, prefill).ok());
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 50, 20, stepMs).ok());
+  EXPECT_TRUE(stepMs.empty());
+}
+
+TEST(BenchMeasureTest, SizesThatDoNotFitAreRefused) {
+  EXPECT_TRUE(checkBenchSize({96, 8192}, 128, 32).ok());
+  EXPECT_TRUE(checkBenchSize({96, 8192}, 4000, 1000).ok());
+  EXPECT_TRUE(checkBenchSize({96, 8192}, 7000, 32).ok());
+  EXPECT_EQ(checkBenchSize({96, 8192}, 7000, 1200).message,
+            "1200 steps behind 7000 positions take about 8640 with the framing, the context holds "
+            "8192; lower --steps, or --prompt and --at");
 }
 
 }  // namespace
