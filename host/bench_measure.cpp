@@ -63,7 +63,8 @@ Spread spreadOf(std::vector<double> values) {
   return {median, values.front(), values.back()};
 }
 
-Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run) {
+Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run,
+                      const MeasureProgress& onProgress) {
   backend.reset();
   // Set beforehand: the text is fed, nothing is generated.
   volatile int cancel = 1;
@@ -76,14 +77,15 @@ Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run) {
       return Status::invalid("the context is full before the decode steps; lower --prompt or --at");
     if (!status.ok()) return status;
     filled = backend.stats().contextTokens;
+    if (onProgress) onProgress(filled);
   }
   run.seconds = milliseconds(Clock::now() - start) / 1000;
   run.positions = filled;
   return Status::success();
 }
 
-Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps,
-                     std::vector<double>& stepMs) {
+Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps, std::vector<double>& stepMs,
+                     const MeasureProgress& onProgress) {
   int silent = 0;
   while (stepMs.size() < nSteps && silent < kSilentTurns) {
     if (contextFull(backend)) {
@@ -97,8 +99,9 @@ Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps,
     const auto onPiece = [&](std::string_view) {
       const auto now = Clock::now();
       if (last) stepMs.push_back(milliseconds(now - *last));
-      last = now;
       if (stepMs.size() >= nSteps) cancel = 1;
+      if (onProgress) onProgress(stepMs.size());
+      last = Clock::now();
     };
     Status status = backend.turn("Hello", onPiece, &cancel);
     // A turn that found no room is one without steps.

@@ -14,6 +14,7 @@
 #include "host/commands.h"
 #include "host/memory_use.h"
 #include "host/multiply_peak.h"
+#include "host/progress.h"
 #include "host/read_bandwidth.h"
 #include "host/terminal.h"
 #include "host/threads.h"
@@ -68,19 +69,53 @@ Status checkSizes(const BackendLimits& limits, const BenchOptions& options) {
   return status;
 }
 
-Status measureOnce(Backend& backend, const BenchOptions& options, BenchReport& report) {
+// One bar over all measurements, whose lengths are known beforehand.
+class BenchProgress {
+ public:
+  explicit BenchProgress(const BenchOptions& options)
+      : total((options.prompt + options.at + options.steps) *
+              static_cast<uint64_t>(options.repetitions)) {
+    bar.update(0, total);
+  }
+
+  // For a measurement of this length that begins now.
+  MeasureProgress next(uint64_t length) {
+    const uint64_t begin = begun;
+    begun += length;
+    return
+        [this, begin, length](uint64_t done) { bar.update(begin + std::min(done, length), total); };
+  }
+
+ private:
+  Progress bar{"measuring", ProgressUnit::Positions};
+  uint64_t total;
+  uint64_t begun = 0;
+};
+
+Status measureOnce(Backend& backend, const BenchOptions& options, BenchProgress& progress,
+                   BenchReport& report) {
   PrefillRun prefill;
-  Status status = measurePrefill(backend, options.prompt, prefill);
+  Status status = measurePrefill(backend, options.prompt, prefill, progress.next(options.prompt));
   if (!status.ok()) return status;
   report.prefillPositions = prefill.positions;
   report.prefillSpeeds.push_back(static_cast<double>(prefill.positions) / prefill.seconds);
-  if (options.at > 0) status = measurePrefill(backend, options.at, prefill);
+  if (options.at > 0)
+    status = measurePrefill(backend, options.at, prefill, progress.next(options.at));
   if (!status.ok()) return status;
   report.decodeAt = prefill.positions;
   std::vector<double> stepMs;
-  status = measureDecode(backend, decodeAt(options), options.steps, stepMs);
+  status = measureDecode(backend, decodeAt(options), options.steps, stepMs,
+                         progress.next(options.steps));
   if (status.ok() && stepMs.empty()) return Status::invalid("the model gives no text to measure");
   if (status.ok()) report.decodeSpeeds.push_back(1000 / spreadOf(stepMs).median);
+  return status;
+}
+
+Status measureRepeatedly(Backend& backend, const BenchOptions& options, BenchReport& report) {
+  Status status;
+  BenchProgress progress(options);
+  for (int i = 0; status.ok() && i < options.repetitions; ++i)
+    status = measureOnce(backend, options, progress, report);
   return status;
 }
 
@@ -93,8 +128,7 @@ Status measure(const BenchOptions& options, BenchReport& report) {
   report.createSeconds = created.count();
   if (status.ok()) status = checkSizes(engine.backend->limits(), options);
   if (status.ok()) status = readWork(options.engine.model, report.work);
-  for (int i = 0; status.ok() && i < options.repetitions; ++i)
-    status = measureOnce(*engine.backend, options, report);
+  if (status.ok()) status = measureRepeatedly(*engine.backend, options, report);
   if (!status.ok()) return status;
   report.memory = memoryUse();
   report.bandwidth = readBandwidth(kBandwidthBuffer, report.threads);

@@ -147,7 +147,9 @@ TurnReport runCompletion(Engine& engine, const std::string& typed) {
   if (!mapped.ok()) return failed(mapped.message);
   TurnReport report;
   std::string pieces;
+  Liveness working("completing");
   const Status status = engine.backend->complete(text, pieces);
+  working.stop();
   PieceDecoder decoder(engine.text->way());
   report.reply = decoder.feed(pieces);
   report.reply += decoder.finish();

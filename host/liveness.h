@@ -1,4 +1,4 @@
-// Shows on a terminal that the program is alive while a long prompt is read: after half a second, a
+// Shows on a terminal that the program is alive during work without results: after half a second, a
 // line on standard error with the seconds gone, drawn by a thread of its own.
 #pragma once
 

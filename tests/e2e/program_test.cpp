@@ -350,6 +350,7 @@ TEST_F(ProgramTest, BenchReportsEveryMeasure) {
   const Outcome outcome = zym({"--threads", "1", "bench", model, "--json", "--repetitions", "2",
                                "--prompt", "20", "--steps", "4"});
   ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.err, "");  // no bar in a pipe, and no plain line so soon
   const Json report = Json::parse(outcome.out);
   EXPECT_EQ(report["threads"], 1);
   EXPECT_EQ(report["repetitions"], 2);

@@ -30,8 +30,9 @@ class TerminalTest : public testing_support::ProgramTest {
   }
 
   // errors: where standard error goes; empty: to the terminal.
-  void start(const std::string& errors = "") {
-    std::vector<std::string> words = {ZYM_PROGRAM, "chat", model};
+  void start(const std::string& errors = "") { startCommand({"chat", model}, errors); }
+  void startCommand(std::vector<std::string> words, const std::string& errors = "") {
+    words.insert(words.begin(), ZYM_PROGRAM);
     std::vector<char*> argv;
     for (std::string& word : words)
       argv.push_back(word.data());
@@ -271,6 +272,20 @@ TEST_F(TerminalTest, WithoutStandardErrorTheSecondCtrlCLeaves) {
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   type("\x03");
   EXPECT_EQ(waitForExit(), 130);
+}
+
+TEST_F(TerminalTest, LongCompletionShowsThatItIsAlive) {
+  startCommand({"run", model, "-p", "think"});
+  ASSERT_TRUE(waitFor("completing 0 s"));
+  ASSERT_TRUE(waitFor("completing 1 s"));
+  ASSERT_TRUE(waitFor("think and so on"));
+}
+
+TEST_F(TerminalTest, BenchShowsABar) {
+  startCommand({"bench", model, "--repetitions", "1", "--prompt", "20", "--steps", "4"});
+  ASSERT_TRUE(waitFor("measuring ["));
+  ASSERT_TRUE(waitFor("0 of 24 positions"));
+  ASSERT_TRUE(waitFor("median"));
 }
 
 TEST_F(TerminalTest, RepliesCannotControlTheTerminal) {

@@ -99,6 +99,19 @@ TEST(BenchMeasureTest, ContextThatIsFullBeforeAnyStepEndsTheMeasurement) {
   EXPECT_TRUE(stepMs.empty());
 }
 
+TEST(BenchMeasureTest, ProgressIsReported) {
+  CountingBackend backend;
+  std::vector<uint64_t> told;
+  const auto listen = [&](uint64_t done) { told.push_back(done); };
+  PrefillRun run;
+  ASSERT_TRUE(measurePrefill(backend, 600, run, listen).ok());
+  EXPECT_EQ(told, (std::vector<uint64_t>{256, 512, 600}));
+  told.clear();
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 600, 3, stepMs, listen).ok());
+  EXPECT_EQ(told, (std::vector<uint64_t>{0, 1, 2, 3}));
+}
+
 TEST(BenchMeasureTest, SizesThatDoNotFitAreRefused) {
   EXPECT_TRUE(checkBenchSize({96, 8192}, 128, 32).ok());
   EXPECT_TRUE(checkBenchSize({96, 8192}, 4000, 1000).ok());

@@ -7,7 +7,7 @@
 //   "fill"     the context is full from here on
 //   "break"    the turn fails
 //   "escape"   a reply with an escape code
-//   "think"    two seconds pass before the first piece
+//   "think"    two seconds pass before the first piece, or a completion
 //   else       "heard N: TEXT", N counting the turns of the conversation, in two pieces
 #include <algorithm>
 #include <chrono>
@@ -58,6 +58,7 @@ std::string settingsText(const ZYMSessionOptions& options) {
 
 uint32_t generate(ZYMRuntimeHandle* handle, const char* prompt, char* out, size_t cap) {
   if (std::string_view(prompt) == "break") return ZYM_STATUS_FAILED;
+  if (std::string_view(prompt) == "think") std::this_thread::sleep_for(std::chrono::seconds(2));
   const std::string text = std::string_view(prompt) == "settings"
                                ? settingsText(sessionOf(handle)->options)
                                : std::string(prompt) + " and so on";

@@ -17,6 +17,11 @@ TEST(ProgressTest, WithoutAnEstimateRateAndTimeAreMissing) {
   EXPECT_EQ(progressText(10, 1000, 0.0), "[                    ]   1 %  10 B of 1.00 kB");
 }
 
+TEST(ProgressTest, PositionsAreCounted) {
+  EXPECT_EQ(progressText(320, 1280, 20.0, ProgressUnit::Positions),
+            "[#####               ]  25 %  320 of 1280 positions  16.0/s  1 min 00 s left");
+}
+
 TEST(ProgressTest, NothingToDoIsDone) {
   EXPECT_EQ(progressText(0, 0, 1.0), "[####################] 100 %  0 B of 0 B");
 }
