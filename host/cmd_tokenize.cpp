@@ -8,7 +8,6 @@
 #include <utility>
 #include <vector>
 
-#include "container/zym2_reader.h"
 #include "host/commands.h"
 #include "host/terminal.h"
 #include "host/text_map.h"
@@ -27,23 +26,11 @@ struct TokenizeOptions {
   bool json = false;
 };
 
-Status loadTables(const std::string& path, kel::TokenizerData& tables) {
-  Status status = checkInputFile(path);
-  if (!status.ok()) return status;
-  kel::ZYM2Reader reader;
-  status = reader.open(path.c_str());
-  if (!status.ok())
-    return Status::invalid(path + ": " + status.message +
-                           "; give a .zym container, which `zym convert` makes");
-  if (!reader.readTokenizer(tables))
-    return Status::invalid(path + ": no readable tokenizer; `zym convert` makes the file anew");
-  return Status::success();
-}
-
 Status encode(const TokenizeOptions& options, std::vector<int32_t>& ids,
               std::vector<std::string>& pieces) {
   kel::TokenizerData tables;
-  Status status = loadTables(options.model, tables);
+  Status status = checkInputFile(options.model);
+  if (status.ok()) status = readVocabulary(options.model, tables);
   if (!status.ok()) return status;
   const TextMap map(tables);
   std::string text;

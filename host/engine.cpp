@@ -23,19 +23,6 @@ using kel::Status;
 
 namespace {
 
-Status readVocabulary(const std::string& path, kel::TokenizerData& tables) {
-  kel::ZYM2Reader reader;
-  const Status status = reader.open(path.c_str());
-  if (!status.ok()) {
-    return Status::invalid(path + ": " + status.message +
-                           "; give a .zym container, which `zym convert` makes");
-  }
-  if (!reader.readTokenizer(tables)) {
-    return Status::invalid(path + ": no readable tokenizer; `zym convert` makes the file anew");
-  }
-  return Status::success();
-}
-
 TurnReport failed(std::string fault) {
   TurnReport report;
   report.fault = std::move(fault);
@@ -54,6 +41,19 @@ Status checkInputFile(const std::string& path) {
     return Status::invalid(path + ": is a folder; give the file itself");
   if (access(path.c_str(), R_OK) != 0)
     return Status::invalid(path + ": " + std::strerror(errno) + "; check the path");
+  return Status::success();
+}
+
+Status readVocabulary(const std::string& path, kel::TokenizerData& tables) {
+  kel::ZYM2Reader reader;
+  const Status status = reader.open(path.c_str());
+  if (!status.ok()) {
+    return Status::invalid(path + ": " + status.message +
+                           "; give a .zym container, which `zym convert` makes");
+  }
+  if (!reader.readTokenizer(tables)) {
+    return Status::invalid(path + ": no readable tokenizer; `zym convert` makes the file anew");
+  }
   return Status::success();
 }
 

@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "container/status.h"
+#include "container/tokenizer_data.h"
 #include "host/backend.h"
 #include "host/text_map.h"
 
@@ -29,6 +30,8 @@ struct Engine {
 
 // Fails unless path is something that can be opened as a file; the message says what to do.
 kel::Status checkInputFile(const std::string& path);
+// The tokenizer of the container at path.
+kel::Status readVocabulary(const std::string& path, kel::TokenizerData& tables);
 kel::Status openEngine(const EngineOptions& options, Engine& engine);
 // Passes settings on. Remarks once, on standard error, when they do not mean what they say.
 void configureEngine(const Sampling& sampling, Engine& engine);
