@@ -1,9 +1,9 @@
 #include "convert/vocabulary.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
+#include "convert/alphabet.h"
 #include "convert/errors.h"
 
 namespace kel::convert {
@@ -15,21 +15,6 @@ constexpr std::string_view kLineFeedLetter = "\xC4\x8A";  // U+010A
 constexpr std::string_view kOtherSpaceMark = "\xE2\x96\x81";
 constexpr std::string_view kTurnEnd = "<|im_end|>";
 constexpr uint64_t kMaxRows = uint64_t{1} << 22;
-constexpr char32_t kFirstMoved = 0x100;
-constexpr size_t kMovedBytes = 68;
-
-constexpr bool standsForItself(uint32_t byte) {
-  return (byte >= 0x21 && byte <= 0x7E) || (byte >= 0xA1 && byte <= 0xFF && byte != 0xAD);
-}
-
-constexpr std::array<uint8_t, kMovedBytes> movedBytes() {
-  std::array<uint8_t, kMovedBytes> moved{};
-  size_t next = 0;
-  for (uint32_t byte = 0; byte < 256; ++byte) {
-    if (!standsForItself(byte)) moved[next++] = static_cast<uint8_t>(byte);
-  }
-  return moved;
-}
 
 // A token that is matched whole, or never, and so is no alphabet text.
 bool isLiteral(int32_t type) {
@@ -98,13 +83,6 @@ void storeRaw(Vocabulary& vocabulary) {
 }
 
 }  // namespace
-
-int byteOfLetter(char32_t letter) {
-  static constexpr std::array<uint8_t, kMovedBytes> kMoved = movedBytes();
-  if (letter < 0x100) return standsForItself(letter) ? static_cast<int>(letter) : -1;
-  if (letter - kFirstMoved < kMoved.size()) return kMoved[letter - kFirstMoved];
-  return -1;
-}
 
 std::string rawText(std::string_view letters) {
   std::string raw;

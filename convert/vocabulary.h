@@ -1,8 +1,7 @@
 // A byte-level vocabulary as source files have it, and the container's tables made from it.
 //
-// Byte-level vocabularies write every byte as a letter of a fixed alphabet: printable ASCII and
-// most of Latin-1 stand for themselves, the 68 other bytes are U+0100 to U+0143 in ascending order,
-// so that a space is U+0120 and a line feed U+010A. Special tokens are plain text.
+// Byte-level vocabularies write every byte as a letter of a fixed alphabet (alphabet.h). Special
+// tokens are plain text.
 #pragma once
 
 #include <cstdint>
@@ -53,9 +52,6 @@ struct Vocabulary {
 // unless the source asks for it.
 Status buildTokenizer(Vocabulary vocabulary, uint64_t vocabRows, VocabularyForm form,
                       TokenizerData& out);
-
-// Byte that a letter of the alphabet stands for, -1 for any other character.
-int byteOfLetter(char32_t letter);
 
 // Alphabet text as bytes, but U+0120 (the space) as it is. Characters outside the alphabet stay.
 std::string rawText(std::string_view letters);

@@ -6,11 +6,14 @@
 #include <utility>
 #include <vector>
 
-#include "host/alphabet.h"
+#include "convert/alphabet.h"
 #include "host/utf8.h"
 
 namespace zym {
 namespace {
+
+using kel::convert::appendLetter;
+using kel::convert::byteOfLetter;
 
 constexpr std::string_view kBreak = "\u200B";
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";

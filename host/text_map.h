@@ -1,7 +1,7 @@
 // Between what people type and read (UTF-8) and what a vocabulary holds.
 //
-// Byte-level vocabularies spell every byte with a letter of the alphabet (alphabet.h). A container
-// stores them in one of two ways, and its tokenizer label says which:
+// Byte-level vocabularies spell every byte with a letter of the alphabet (convert/alphabet.h). A
+// container stores them in one of two ways, and its tokenizer label says which:
 //
 // - alphabet: the tokens keep the alphabet, except the line feed, which is a real one. Typed text
 //   is brought to normalisation form C and its bytes become letters, so that byte-pair merging sees

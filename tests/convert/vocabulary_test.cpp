@@ -32,22 +32,6 @@ std::string refused(const Vocabulary& vocabulary, uint64_t rows = 7) {
   return buildTokenizer(vocabulary, rows, VocabularyForm::Alphabet, tables).message;
 }
 
-TEST(ByteAlphabet, CoversEveryByteOnce) {
-  std::vector<int> seen(256, 0);
-  for (char32_t letter = 0; letter < 0x200; ++letter) {
-    const int byte = kel::convert::byteOfLetter(letter);
-    if (byte >= 0) ++seen[static_cast<size_t>(byte)];
-  }
-  EXPECT_EQ(std::vector<int>(256, 1), seen);
-  EXPECT_EQ(' ', kel::convert::byteOfLetter(0x120));
-  EXPECT_EQ('\n', kel::convert::byteOfLetter(0x10A));
-  EXPECT_EQ(0, kel::convert::byteOfLetter(0x100));
-  EXPECT_EQ(0xAD, kel::convert::byteOfLetter(0x143));
-  EXPECT_EQ('!', kel::convert::byteOfLetter('!'));
-  EXPECT_EQ(-1, kel::convert::byteOfLetter(' '));
-  EXPECT_EQ(-1, kel::convert::byteOfLetter(0x144));
-}
-
 TEST(ByteAlphabet, RawTextKeepsTheSpaceLetter) {
   EXPECT_EQ("\u0120\u00E9\n\t", kel::convert::rawText("\u0120\u00C3\u00A9\u010A\u0109"));
   EXPECT_EQ(std::string("\0", 1), kel::convert::rawText("\u0100"));

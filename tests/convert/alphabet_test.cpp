@@ -1,8 +1,8 @@
-#include "host/alphabet.h"
+#include "convert/alphabet.h"
 
 #include <gtest/gtest.h>
 
-namespace zym {
+namespace kel::convert {
 namespace {
 
 TEST(AlphabetTest, PrintableBytesStandForThemselves) {
@@ -42,4 +42,4 @@ TEST(AlphabetTest, LettersAreWrittenInUtf8) {
 }
 
 }  // namespace
-}  // namespace zym
+}  // namespace kel::convert

@@ -1,8 +1,8 @@
-#include "host/alphabet.h"
+#include "convert/alphabet.h"
 
 #include <array>
 
-namespace zym {
+namespace kel::convert {
 namespace {
 
 constexpr char32_t kFirstMoved = 0x100;
@@ -56,4 +56,4 @@ void appendLetter(uint8_t byte, std::string& out) {
   }
 }
 
-}  // namespace zym
+}  // namespace kel::convert

@@ -1,12 +1,13 @@
 // The byte alphabet of byte-level vocabularies: each byte is written as one printable character.
 // Bytes 0x21..0x7E, 0xA1..0xAC and 0xAE..0xFF stand for themselves; the 68 others become U+0100,
-// U+0101, .. in rising order, so that a space is U+0120 and a line feed U+010A.
+// U+0101, .. in rising order, so that a space is U+0120 and a line feed U+010A. The importers and
+// the program share it.
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-namespace zym {
+namespace kel::convert {
 
 char32_t letterOfByte(uint8_t byte);
 // The byte that the letter stands for, -1 for a character outside the alphabet.
@@ -14,4 +15,4 @@ int byteOfLetter(char32_t letter);
 // Appends the letter of byte in UTF-8.
 void appendLetter(uint8_t byte, std::string& out);
 
-}  // namespace zym
+}  // namespace kel::convert
