@@ -20,6 +20,7 @@ namespace kel::convert {
 
 // Metadata keys. Values: 32 lower-case hexadecimal digits, the high half first.
 constexpr std::string_view kTokenizerChecksumKey = "zym.xxh3_128.tokenizer";
+constexpr std::string_view kTextChecksumKey = "zym.xxh3_128.text";  // checked, but never written
 constexpr std::string_view kTensorIndexChecksumKey = "zym.xxh3_128.tensor_index";
 constexpr std::string_view kWeightDataChecksumKey = "zym.xxh3_128.weight_data";
 constexpr std::string_view kQuantInfoChecksumKey = "zym.xxh3_128.quant_info";

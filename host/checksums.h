@@ -1,28 +1,29 @@
-// The checksums of a container's sections, stored as metadata by the converter: XXH3, 128 bits, as
-// 32 lower-case hexadecimal digits with the high half first. The metadata section has none, since
-// it holds them.
+// The checksums that the converter stores of a container's sections (convert/section_checksums.h),
+// made anew from the sections of a file.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "container/zym2_reader.h"
+#include "convert/section_checksums.h"
 
 namespace zym {
 
 struct SectionChecksum {
-  const char* key;
+  std::string_view key;
   kel::zym2::SectionType section;
 };
 
 constexpr std::array<SectionChecksum, 5> kSectionChecksums = {{
-    {"zym.xxh3_128.tokenizer", kel::zym2::SectionType::Tokenizer},
-    {"zym.xxh3_128.text", kel::zym2::SectionType::Text},
-    {"zym.xxh3_128.tensor_index", kel::zym2::SectionType::TensorIndex},
-    {"zym.xxh3_128.weight_data", kel::zym2::SectionType::WeightData},
-    {"zym.xxh3_128.quant_info", kel::zym2::SectionType::QuantInfo},
+    {kel::convert::kTokenizerChecksumKey, kel::zym2::SectionType::Tokenizer},
+    {kel::convert::kTextChecksumKey, kel::zym2::SectionType::Text},
+    {kel::convert::kTensorIndexChecksumKey, kel::zym2::SectionType::TensorIndex},
+    {kel::convert::kWeightDataChecksumKey, kel::zym2::SectionType::WeightData},
+    {kel::convert::kQuantInfoChecksumKey, kel::zym2::SectionType::QuantInfo},
 }};
 
 // onBytes is told of every stretch of bytes that has been read; may be null.

@@ -156,7 +156,8 @@ std::vector<std::pair<SectionType, std::string>> storedChecksums(const kel::ZYM2
   std::vector<std::pair<SectionType, std::string>> stored;
   for (const SectionChecksum& checksum : kSectionChecksums) {
     std::string text;
-    if (reader.getMetaStr(checksum.key, text)) stored.emplace_back(checksum.section, text);
+    if (reader.getMetaStr(std::string(checksum.key).c_str(), text))
+      stored.emplace_back(checksum.section, text);
   }
   return stored;
 }
