@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <histedit.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -124,8 +125,16 @@ class EditingReader : public LineReader {
       file.clear();
       return;
     }
+    struct stat info {};
+    const bool isFile = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+    if (isFile) fchmod(fd, S_IRUSR | S_IWUSR);
     ::close(fd);
-    fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write, ignored);
+    // The editor's library sets the mode when it saves: of a device that the name links to, as of
+    // /dev/null where somebody wants no history, everybody else would be locked out.
+    if (!isFile) {
+      file.clear();
+      return;
+    }
     HistEvent event{};
     history(past, &event, H_LOAD, file.c_str());
   }

@@ -215,6 +215,23 @@ TEST_F(TerminalTest, HistoryComesBackAndIsPrivate) {
   ASSERT_TRUE(waitFor("heard 1: remember me"));
 }
 
+TEST_F(TerminalTest, HistoryThatIsNoFileIsLeftAlone) {
+  const std::filesystem::path pipe = folder / "pipe";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0640), 0);
+  std::filesystem::create_directories(folder / "zym");
+  std::filesystem::create_symlink(pipe, folder / "zym" / "history");
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("hello\r");
+  ASSERT_TRUE(waitFor("heard 1: hello"));
+  ASSERT_TRUE(waitFor("> "));
+  type("\x04");
+  EXPECT_EQ(waitForExit(), 0);
+  struct stat info {};
+  ASSERT_EQ(stat(pipe.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777U, 0640U);
+}
+
 TEST_F(TerminalTest, LimitIsMarkedDimly) {
   unsetenv("NO_COLOR");
   start();
