@@ -26,7 +26,9 @@ void catchSignal(int number) {
   struct sigaction action {};
   action.sa_handler = onInterrupt;
   sigemptyset(&action.sa_mask);
-  // No SA_RESTART: a read at the prompt has to return.
+  // A reply that waits for room in a pipe is not cut off. The wait for input returns all the same:
+  // ppoll never restarts.
+  action.sa_flags = SA_RESTART;
   sigaction(number, &action, nullptr);
 }
 

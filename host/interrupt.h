@@ -1,7 +1,7 @@
 // Ctrl-C (SIGINT) in an interactive program, and requests to end during work that has to tidy up.
 //
 // While a turn runs, the first one sets the turn's cancel flag and a further one leaves at once
-// with kInterruptedExit. At the prompt it only makes the pending read return.
+// with kInterruptedExit. At the prompt it only makes waitForInput return.
 #pragma once
 
 namespace zym {

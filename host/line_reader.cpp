@@ -28,7 +28,7 @@ class ByteSource {
   bool next(char& byte) {
     while (waitForInput(STDIN_FILENO)) {
       const ssize_t got = ::read(STDIN_FILENO, &byte, 1);
-      // A window change interrupts too; only Ctrl-C ends the read.
+      // Only Ctrl-C ends the read, and that ends the wait.
       if (got < 0 && errno == EINTR) continue;
       if (got < 0) fault = readFailure(kStandardInput, errno).message;
       reason = got < 0 ? LineResult::Failed : LineResult::End;

@@ -1,8 +1,13 @@
 #include "host/interrupt.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <csignal>
+#include <thread>
+#include <vector>
 
 namespace zym {
 namespace {
@@ -19,6 +24,47 @@ TEST(InterruptTest, FirstInterruptCancelsTheSpan) {
   std::raise(SIGINT);
   EXPECT_TRUE(scope.cancelled());
   EXPECT_NE(*cancelFlag(), 0);
+}
+
+TEST(InterruptTest, WriteThatWaitsForRoomGoesOn) {
+  catchInterrupts();
+  int pipe[2];
+  ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+  // As much as a pipe holds, and one byte that has to wait.
+  const int room = fcntl(pipe[1], F_GETPIPE_SZ);
+  ASSERT_GT(room, 0);
+  const std::vector<char> bytes(static_cast<size_t>(room));
+  ASSERT_EQ(write(pipe[1], bytes.data(), bytes.size()), room);
+  const CancelScope scope;
+  const pthread_t writer = pthread_self();
+  std::thread reader([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    pthread_kill(writer, SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::vector<char> taken(bytes.size());
+    (void)!read(pipe[0], taken.data(), taken.size());
+  });
+  EXPECT_EQ(write(pipe[1], "x", 1), 1);
+  reader.join();
+  EXPECT_TRUE(scope.cancelled());
+  close(pipe[0]);
+  close(pipe[1]);
+}
+
+TEST(InterruptTest, WaitForInputEndsWithAnInterrupt) {
+  catchInterrupts();
+  int pipe[2];
+  ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+  const pthread_t waiter = pthread_self();
+  std::thread sender([waiter] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    pthread_kill(waiter, SIGINT);
+  });
+  EXPECT_FALSE(waitForInput(pipe[0]));
+  sender.join();
+  close(pipe[1]);
+  EXPECT_TRUE(waitForInput(pipe[0]));  // its end can be read
+  close(pipe[0]);
 }
 
 TEST(InterruptTest, NewSpanIsNotCancelled) {
