@@ -24,8 +24,8 @@ struct Sampling {
 
 struct BackendStats {
   uint64_t contextTokens = 0;  // positions the conversation holds
-  double decodeMsTotal = 0;    // single-token passes since the last reset
-  double lastDecodeMs = 0;
+  double decodeMsTotal = 0;    // forward passes since the last reset, those of prompts too
+  double lastDecodeMs = 0;     // a position's share of the last pass
 };
 
 struct BackendLimits {

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <cstddef>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -33,6 +34,15 @@ const Table* onlyTable(const Table* (*entry)(uint32_t*)) {
   return count >= 1 ? tables : nullptr;
 }
 
+bool isUsable(const Tables& tables) {
+  // The stream table counts no more than its function; the reserved words behind it do not matter.
+  constexpr size_t kStreamBytes =
+      offsetof(ZYMRuntimeTableV2S, chatTurnStream) + sizeof(ZYMChatTurnStreamFn);
+  return tables.v2 != nullptr && tables.v2->header0 == 3 &&
+         tables.v2->header1 >= sizeof(ZYMRuntimeTableV2) && tables.stream != nullptr &&
+         tables.stream->header0 == 1 && tables.stream->header1 >= kStreamBytes;
+}
+
 Status loadTables(const std::filesystem::path& path, Tables& tables) {
   // Kept open: an OpenMP runtime whose threads live on must not be unloaded.
   void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -44,8 +54,7 @@ Status loadTables(const std::filesystem::path& path, Tables& tables) {
   }
   tables.v2 = onlyTable(symbol<ZYMPluginRuntimesV2Fn>(library, "zym_plugin_runtimes_v2"));
   tables.stream = onlyTable(symbol<ZYMPluginRuntimesV2SFn>(library, "zym_plugin_runtimes_v2s"));
-  if (tables.v2 == nullptr || tables.stream == nullptr || tables.v2->header0 != 3 ||
-      tables.v2->header1 < sizeof(ZYMRuntimeTableV2)) {
+  if (!isUsable(tables)) {
     return Status::invalid(path.string() +
                            ": not a runtime library of this interface version; name another one "
                            "with --plugin");

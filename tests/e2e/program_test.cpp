@@ -111,6 +111,15 @@ TEST_F(ProgramTest, UnreadablePluginIsOneClearLine) {
               "/no/such.so: no such runtime library; correct --plugin");
 }
 
+TEST_F(ProgramTest, PluginOfAnotherStreamVersionIsOneClearLine) {
+  setenv("FAKE_OTHER_STREAM", "1", 1);
+  expectFault(zym({"chat", model}), 1,
+              ZYM_FAKE_RUNTIME
+              ": not a runtime library of this interface version; name another "
+              "one with --plugin");
+  unsetenv("FAKE_OTHER_STREAM");
+}
+
 TEST_F(ProgramTest, FullStandardOutputIsReported) {
   const Outcome outcome = testing_support::runProcess(
       {"sh", "-c", std::string(ZYM_PROGRAM) + " info " + model + " >/dev/full"});

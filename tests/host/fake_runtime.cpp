@@ -9,9 +9,12 @@
 //   "escape"   a reply with an escape code
 //   "think"    two seconds pass before the first piece, or a completion
 //   else       "heard N: TEXT", N counting the turns of the conversation, in two pieces
+//
+// With FAKE_OTHER_STREAM in the environment its stream table is of another interface version.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -159,6 +162,7 @@ const ZYMRuntimeTableV2 kTable = {3,     0x70,      "fake",   "for tests", 0xF,
                                   probe, create,    destroy,  generate,    generateEx,
                                   bench, configure, chatTurn, reset,       stats};
 const ZYMRuntimeTableV2S kStream = {1, 0x18, "fake", chatTurnStream, {nullptr, nullptr, nullptr}};
+const ZYMRuntimeTableV2S kOtherStream = {2, 0x18, "fake", nullptr, {nullptr, nullptr, nullptr}};
 
 }  // namespace
 
@@ -169,5 +173,5 @@ const ZYMRuntimeTableV2* zym_plugin_runtimes_v2(uint32_t* count) {
 
 const ZYMRuntimeTableV2S* zym_plugin_runtimes_v2s(uint32_t* count) {
   if (count != nullptr) *count = 1;
-  return &kStream;
+  return std::getenv("FAKE_OTHER_STREAM") == nullptr ? &kStream : &kOtherStream;
 }
