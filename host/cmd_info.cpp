@@ -25,6 +25,9 @@ int info(const InfoOptions& options) {
       status.message = options.file + ": " + status.message +
                        "; give a .zym container, which `zym convert` makes";
   }
+  if (status.ok() && !options.pattern.empty() && !anyTensorMatches(loader, options.pattern))
+    status = kel::Status::invalid(options.file + ": no tensor matches \"" + options.pattern +
+                                  "\"; `zym info` without --tensors lists all");
   if (!status.ok()) {
     complain(status.message);
     return 1;

@@ -135,6 +135,12 @@ bool matchesPattern(const std::string& name, const std::string& pattern) {
   return pattern.empty() || fnmatch(pattern.c_str(), name.c_str(), 0) == 0;
 }
 
+bool anyTensorMatches(const kel::ZYMLoader& loader, const std::string& pattern) {
+  return std::any_of(
+      loader.tensors.begin(), loader.tensors.end(),
+      [&](const kel::TensorView& tensor) { return matchesPattern(tensor.name, pattern); });
+}
+
 std::string shapeText(const kel::TensorView& tensor) {
   if (tensor.rank == 0) return "scalar";
   return fmt::format("{}", fmt::join(tensor.dims, tensor.dims + tensor.rank, " x "));

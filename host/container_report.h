@@ -9,8 +9,9 @@
 
 namespace zym {
 
-// Shell pattern against a tensor name.
+// Shell pattern against a tensor name; an empty one matches all.
 bool matchesPattern(const std::string& name, const std::string& pattern);
+bool anyTensorMatches(const kel::ZYMLoader& loader, const std::string& pattern);
 // "2560 x 9216", innermost first; "scalar" for rank 0.
 std::string shapeText(const kel::TensorView& tensor);
 // Name of a section type, "other" for one without a meaning.

@@ -333,6 +333,13 @@ TEST_F(ProgramTest, InfoSelectsTensorsByPattern) {
   EXPECT_EQ(lines, 1U + 7U) << outcome.out;  // a heading; layers 11, 15 and 19 have none
 }
 
+TEST_F(ProgramTest, InfoSaysWhenNoTensorMatches) {
+  const std::string line =
+      model + ": no tensor matches \"nothing*\"; `zym info` without --tensors lists all";
+  expectFault(zym({"info", model, "--tensors", "nothing*"}), 1, line);
+  expectFault(zym({"info", model, "--tensors", "nothing*", "--json"}), 1, line);
+}
+
 TEST_F(ProgramTest, InfoJsonHoldsTheWholeTable) {
   const Json report = Json::parse(zym({"info", model, "--json"}).out);
   EXPECT_EQ(report["metadata"]["general.architecture"], "qwen35");
