@@ -47,7 +47,7 @@ const char* const kChatHelp =
     "                       token, 1 turns the cut off\n"
     "/multiline             messages of several lines, ended by a line with a single dot; again: "
     "off\n"
-    "/quit                  leave (Ctrl-D does it too)\n"
+    "/quit, /exit           leave (Ctrl-D does it too)\n"
     "//TEXT                 a message that begins with a slash\n"
     "Ctrl-C                 stop the reply";
 

@@ -233,7 +233,7 @@ void addBench(CLI::App& program, Action& action) {
   command->add_option("--prompt", options->prompt, "Positions of the prefill")
       ->check(CLI::Range(1, 7000))
       ->capture_default_str();
-  command->add_option("--steps", options->steps, "Decode steps of a run")
+  command->add_option("--steps", options->steps, "Decode steps timed in each repetition")
       ->check(CLI::Range(1, 4096))
       ->capture_default_str();
   command
