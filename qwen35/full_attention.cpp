@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <span>
 #include <vector>
 
 #include "qwen35/block_products.h"
@@ -102,9 +103,47 @@ void storeKeysAndValues(const Model& m, Layer& layer, size_t row, const float* k
   }
 }
 
-// The scaled scores of one query against a head's cached keys; returns their maximum.
-float scoreKeys(const float* query, const float* keys, size_t headDim, std::vector<float>& scores) {
-  kernels().rowsF32(keys, query, scores.data(), scores.size(), headDim);
+// Query heads and tokens that attend together: every row of their keys and values is read once for
+// all of them.
+constexpr size_t kMaxHeadsPerTile = 4;
+constexpr size_t kTokensPerTile = 4;
+constexpr size_t kMaxQueries = kMaxHeadsPerTile * kTokensPerTile;
+
+// Rows that all queries of a tile take their turn at: they fit the first cache, beside the queries.
+constexpr size_t kRowsPerTurn = 16;
+
+// One query head of one token.
+struct Query {
+  const float* projected;            // [query headDim, gate headDim]
+  const std::vector<Angle>* angles;  // of the token
+  size_t positions;                  // the cache rows that it sees, its own included
+  float* out;                        // [headDim], zeros before
+};
+
+struct AttendScratch {
+  std::vector<float> queries;  // [kMaxQueries][headDim], normalised and rotated
+  std::vector<float> scores;   // [kMaxQueries][maxCtx], turned into exponentials in place
+};
+
+// Calls visit(query, first row, number of rows) so that all queries meet all of their rows, each in
+// rising order.
+template <typename Visit>
+void inTurns(std::span<const Query> queries, const Visit& visit) {
+  size_t most = 0;
+  for (const Query& query : queries) {
+    most = std::max(most, query.positions);
+  }
+  for (size_t row = 0; row < most; row += kRowsPerTurn) {
+    for (size_t i = 0; i < queries.size(); ++i) {
+      if (row < queries[i].positions) {
+        visit(i, row, std::min(kRowsPerTurn, queries[i].positions - row));
+      }
+    }
+  }
+}
+
+// Scales scores in place; returns their maximum.
+float scale(std::span<float> scores) {
   float highest = kNoScore;
   for (float& score : scores) {
     score *= kScoreScale;
@@ -114,7 +153,7 @@ float scoreKeys(const float* query, const float* keys, size_t headDim, std::vect
 }
 
 // Turns scores into exponentials; returns their sum, added in position order.
-float exponentiate(std::vector<float>& scores, float highest) {
+float exponentiate(std::span<float> scores, float highest) {
   float sum = 0.0f;
   for (float& score : scores) {
     score = std::exp(score - highest);
@@ -129,47 +168,94 @@ void gate(const float* gates, float* values, size_t n) {
   }
 }
 
-// What one query head works in.
-struct HeadScratch {
-  std::vector<float> query;   // [headDim]
-  std::vector<float> scores;  // [positions], turned into exponentials in place
-};
-
-// Output of query head h over the first `positions` cache rows. q: the token's queries and gates;
-// out: the head's slice, zeros before.
-void attendHead(const Model& m, const Layer& layer, size_t h, const float* q, size_t positions,
-                const std::vector<Angle>& angles, HeadScratch& s, float* out, bool report) {
-  const float* query = q + 2 * h * m.headDim;
-  rmsNorm(query, floats(layer.attnQNorm), s.query.data(), m.headDim, kNormEps);
-  rotate(angles, s.query.data());
-
-  const size_t group = h / (m.nHead / m.nHeadKv);
-  const size_t base = group * m.maxCtx * m.headDim;
-  s.scores.resize(positions);
-  const float highest = scoreKeys(s.query.data(), layer.kCache.data() + base, m.headDim, s.scores);
-  if (report) {
-    printScoreStatistics(s.scores.data(), positions - 1, highest);
+// The outputs of at most kMaxQueries queries over the cache of their key/value head. report: show
+// the scores of the first.
+void attend(const Model& m, const Layer& layer, size_t kvHead, std::span<const Query> queries,
+            AttendScratch& s, bool report) {
+  const size_t d = m.headDim;
+  const float* keys = layer.kCache.data() + kvHead * m.maxCtx * d;
+  const float* values = layer.vCache.data() + kvHead * m.maxCtx * d;
+  const auto scoresOf = [&](size_t i) { return s.scores.data() + i * m.maxCtx; };
+  for (size_t i = 0; i < queries.size(); ++i) {
+    float* query = s.queries.data() + i * d;
+    rmsNorm(queries[i].projected, floats(layer.attnQNorm), query, d, kNormEps);
+    rotate(*queries[i].angles, query);
   }
-  const float inverseSum = 1.0f / exponentiate(s.scores, highest);
-  kernels().addWeightedRows(s.scores.data(), inverseSum, layer.vCache.data() + base, out, positions,
-                            m.headDim);
-  gate(query + m.headDim, out, m.headDim);
+  inTurns(queries, [&](size_t i, size_t row, size_t count) {
+    kernels().rowsF32(keys + row * d, s.queries.data() + i * d, scoresOf(i) + row, count, d);
+  });
+  float inverseSums[kMaxQueries];
+  for (size_t i = 0; i < queries.size(); ++i) {
+    const std::span<float> scores(scoresOf(i), queries[i].positions);
+    const float highest = scale(scores);
+    if (report && i == 0) {
+      printScoreStatistics(scores.data(), scores.size() - 1, highest);
+    }
+    inverseSums[i] = 1.0f / exponentiate(scores, highest);
+  }
+  inTurns(queries, [&](size_t i, size_t row, size_t count) {
+    kernels().addWeightedRows(scoresOf(i) + row, inverseSums[i], values + row * d, queries[i].out,
+                              count, d);
+  });
+  for (const Query& query : queries) {
+    gate(query.projected + d, query.out, d);
+  }
 }
 
-// One per thread of the team, with room for the scores of `positions`. Made ready by the calling
-// thread: nothing may be thrown inside a parallel region.
-std::vector<HeadScratch>& headScratch(const Model& m, size_t positions) {
-  static thread_local std::vector<HeadScratch> perThread;
+// Heads of one key/value head in a tile: all that share it, unless the threads then share the tiles
+// unevenly.
+size_t headsPerTile(const Model& m, size_t tilesPerHead) {
+  const auto threads = static_cast<size_t>(omp_get_max_threads());
+  size_t heads = std::min(kMaxHeadsPerTile, m.nHead / m.nHeadKv);
+  while (heads > 1 && m.nHead / heads * tilesPerHead % threads != 0) {
+    heads /= 2;
+  }
+  return heads;
+}
+
+// One per thread of the team. Made ready by the calling thread: nothing may be thrown inside a
+// parallel region.
+std::vector<AttendScratch>& attendScratch(const Model& m) {
+  static thread_local std::vector<AttendScratch> perThread;
   perThread.resize(static_cast<size_t>(omp_get_max_threads()));
-  for (HeadScratch& s : perThread) {
-    s.query.resize(m.headDim);
-    s.scores.reserve(positions);
+  for (AttendScratch& s : perThread) {
+    s.queries.resize(kMaxQueries * m.headDim);
+    s.scores.resize(kMaxQueries * m.maxCtx);
   }
   return perThread;
 }
 
-HeadScratch& ofThisThread(std::vector<HeadScratch>& perThread) {
-  return perThread[static_cast<size_t>(omp_get_thread_num())];
+// Consecutive tokens whose heads are to attend.
+struct Tokens {
+  size_t count;
+  size_t firstRow;                   // of the cache, where the first one's key is
+  const float* projected;            // [count][kQueryFloats]
+  const std::vector<Angle>* angles;  // [count]
+  float* out;                        // [count][kHeadOutputFloats], zeros before
+};
+
+// All heads of all tokens, each over the cache rows up to its token's own.
+void attendAll(const Model& m, const Layer& layer, const Tokens& tokens, bool report) {
+  const size_t nTiles = (tokens.count + kTokensPerTile - 1) / kTokensPerTile;
+  const size_t heads = headsPerTile(m, nTiles);
+  std::vector<AttendScratch>& scratch = attendScratch(m);
+#pragma omp parallel for schedule(static)
+  for (size_t task = 0; task < m.nHead / heads * nTiles; ++task) {
+    const size_t firstHead = task / nTiles * heads;
+    const size_t firstToken = task % nTiles * kTokensPerTile;
+    const size_t endToken = std::min(firstToken + kTokensPerTile, tokens.count);
+    Query queries[kMaxQueries];
+    size_t n = 0;
+    for (size_t i = firstToken; i < endToken; ++i) {
+      for (size_t h = firstHead; h < firstHead + heads; ++h) {
+        queries[n++] = {tokens.projected + i * kQueryFloats + 2 * h * m.headDim, &tokens.angles[i],
+                        tokens.firstRow + i + 1,
+                        tokens.out + i * kHeadOutputFloats + h * m.headDim};
+      }
+    }
+    attend(m, layer, firstHead / (m.nHead / m.nHeadKv), {queries, n},
+           scratch[static_cast<size_t>(omp_get_thread_num())], report && task == 0);
+  }
 }
 
 }  // namespace
@@ -187,13 +273,8 @@ void fullAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t pos
   layer.written = std::max(layer.written, layer.pos + 1);
 
   s.att.assign(kHeadOutputFloats, 0.0f);
-  const bool report = scoreReportWanted(pos, layerIdx);
-  std::vector<HeadScratch>& heads = headScratch(m, layer.pos + 1);
-#pragma omp parallel for schedule(static)
-  for (size_t h = 0; h < m.nHead; ++h) {
-    attendHead(m, layer, h, s.q.data(), layer.pos + 1, s.angles, ofThisThread(heads),
-               s.att.data() + h * m.headDim, report && h == 0);
-  }
+  attendAll(m, layer, {1, layer.pos, s.q.data(), &s.angles, s.att.data()},
+            scoreReportWanted(pos, layerIdx));
   ++layer.pos;
   gemvRow(m, layer.attnOutput, s.att.data(), out);
 }
@@ -229,34 +310,24 @@ void projectBlock(const Model& m, const Layer& layer, const float* x, size_t cou
   multiplyBlock(*layer.attnV, s.inputs, s.v.data());
 }
 
-// Caches every token of the block, then lets every head of every token attend; a token sees the
-// rows up to its own.
+// Caches every token of the block, then lets every head of every token attend.
 void attendBlock(const Model& m, Layer& layer, size_t count, size_t pos, BlockScratch& s) {
   s.angles.resize(std::max(s.angles.size(), count));
   for (std::vector<Angle>& angles : s.angles) {
     angles.resize(m.ropeDim / 2);
   }
-  std::vector<HeadScratch>& heads = headScratch(m, layer.pos + count);
-  s.att.assign(count * kHeadOutputFloats, 0.0f);
-#pragma omp parallel
-  {
-#pragma omp for schedule(static)
-    for (size_t i = 0; i < count; ++i) {
-      float* k = s.k.data() + i * kKeyFloats;
-      float* v = s.v.data() + i * kValueFloats;
-      addBiases(layer, s.q.data() + i * kQueryFloats, k, v);
-      computeAngles(pos + i, m.ropeDim, s.angles[i]);
-      storeKeysAndValues(m, layer, layer.pos + i, k, v, s.angles[i]);
-    }
-#pragma omp for schedule(static)
-    for (size_t h = 0; h < m.nHead; ++h) {
-      for (size_t i = 0; i < count; ++i) {
-        attendHead(m, layer, h, s.q.data() + i * kQueryFloats, layer.pos + i + 1, s.angles[i],
-                   ofThisThread(heads), s.att.data() + i * kHeadOutputFloats + h * m.headDim,
-                   /*report=*/false);
-      }
-    }
+#pragma omp parallel for schedule(static)
+  for (size_t i = 0; i < count; ++i) {
+    float* k = s.k.data() + i * kKeyFloats;
+    float* v = s.v.data() + i * kValueFloats;
+    addBiases(layer, s.q.data() + i * kQueryFloats, k, v);
+    computeAngles(pos + i, m.ropeDim, s.angles[i]);
+    storeKeysAndValues(m, layer, layer.pos + i, k, v, s.angles[i]);
   }
+  layer.written = std::max(layer.written, layer.pos + count);
+  s.att.assign(count * kHeadOutputFloats, 0.0f);
+  attendAll(m, layer, {count, layer.pos, s.q.data(), s.angles.data(), s.att.data()},
+            /*report=*/false);
 }
 
 }  // namespace
@@ -266,7 +337,6 @@ void fullAttnBlock(Model& m, Layer& layer, const float* x, float* out, size_t co
   projectBlock(m, layer, x, count, s);
   attendBlock(m, layer, count, pos, s);
   layer.pos += count;
-  layer.written = std::max(layer.written, layer.pos);
   s.inputs.assign(s.att.data(), count, kHeadOutputFloats);
   multiplyBlock(*layer.attnOutput, s.inputs, out);
 }

@@ -83,7 +83,7 @@ typedef struct ZYMSessionOptions {
   uint32_t structSize;  /* bytes of the record as the host built it; at least 40 to be honoured */
   float temperature;    /* applied if >= 0; 0 is greedy; NaN is not applied */
   int32_t topK;         /* applied if > 0 */
-  float topP;           /* applied if > 0; NaN is not applied */
+  float topP;           /* applied if > 0; NaN is not. Below 1 it keeps only the best token */
   uint64_t seed;        /* 0 leaves the generator alone; else reseeds it with the low 32 bits */
   uint64_t reserved[2]; /* not read */
 } ZYMSessionOptions;
