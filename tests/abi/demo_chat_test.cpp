@@ -1,4 +1,5 @@
-// Every chat of the demonstration checkpoint, word for word, through the built library.
+// The chats of the demonstration checkpoint, word for word, through the built library: all of them
+// buffered. The program streams all of them in its own test; here every eighth one is.
 #include <gtest/gtest.h>
 
 #include <ostream>
@@ -35,9 +36,9 @@ TEST_P(DemoChat, EveryReplyIsExact) {
 
   const kel::test::DemoExpectations expected = kel::test::demoExpectations();
   ASSERT_EQ(154u, expected.chats.size());
-  for (const std::vector<DemoTurn>& chat : expected.chats) {
+  for (size_t c = 0; c < expected.chats.size(); c += variant.streamed ? 8 : 1) {
     ASSERT_EQ(0u, testing_abi::resetOf(handle));
-    for (const DemoTurn& turn : chat) {
+    for (const DemoTurn& turn : expected.chats[c]) {
       const Reply reply = variant.streamed ? testing_abi::streamTurn(handle, turn.user.c_str())
                                            : testing_abi::chatTurn(handle, turn.user.c_str());
       EXPECT_EQ(0u, reply.status);

@@ -38,7 +38,7 @@ struct ChatModel {
 void writeChatModel(const std::string& path, const ChatModel& model);
 
 // Random weights throughout, the vocabulary of chatTables: for tests of likeness between entries.
-void writeRandomChatModel(const std::string& path, kel::QuantType matrices, uint64_t hidden = 64);
+void writeRandomChatModel(const std::string& path, kel::QuantType matrices, uint64_t hidden = 32);
 
 // The values of one tensor as the bytes of a plan, and one row of an F32 embedding.
 std::vector<uint8_t> floatBytes(const std::vector<float>& values);
