@@ -135,22 +135,24 @@ TEST_F(Convert, GroupedHeadsOfAGgufAreReordered) {
   }
 }
 
-TEST_F(Convert, EqualOutputHeadCountsAsTheEmbedding) {
-  GgufBuilder file = tinyGguf(*model, 30);
+// The model with an output head of its own that repeats the embedding.
+GgufBuilder ggufWithHead(const std::vector<TinyTensor>& model) {
+  GgufBuilder file = tinyGguf(model, 30);
   GgufBuilder::Tensor head = tensorNamed(file, "token_embd.weight");
   head.name = "output.weight";
   file.tensors.push_back(head);
-  file.write(shared->file("tied.gguf"));
+  return file;
+}
+
+TEST_F(Convert, EqualOutputHeadCountsAsTheEmbedding) {
+  ggufWithHead(*model).write(shared->file("tied.gguf"));
   const Converted converted(shared->file("tied.gguf"));
   EXPECT_EQ(426U, converted.loader.tensorCount);
 }
 
 TEST_F(Convert, OtherOutputHeadIsRefused) {
-  GgufBuilder file = tinyGguf(*model, 30);
-  GgufBuilder::Tensor head = tensorNamed(file, "token_embd.weight");
-  head.name = "output.weight";
-  head.data.back() ^= 1;
-  file.tensors.push_back(head);
+  GgufBuilder file = ggufWithHead(*model);
+  file.tensors.back().data.back() ^= 1;
   file.write(shared->file("untied.gguf"));
   EXPECT_EQ(
       "output.weight (BF16 [32, 40]) differs from token_embd.weight (BF16 [32, 40]); the runtime "
@@ -354,11 +356,7 @@ TEST_F(Convert, CancellingLeavesTheTargetAsItWas) {
 }
 
 TEST_F(Convert, CancellingTheComparisonOfHeadsIsNoRefusal) {
-  GgufBuilder file = tinyGguf(*model, 30);
-  GgufBuilder::Tensor head = tensorNamed(file, "token_embd.weight");
-  head.name = "output.weight";
-  file.tensors.push_back(head);
-  file.write(shared->file("compared.gguf"));
+  ggufWithHead(*model).write(shared->file("compared.gguf"));
   const TempDir folder;
   ConvertOptions options;
   options.source = shared->file("compared.gguf");
