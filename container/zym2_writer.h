@@ -39,7 +39,8 @@ class ZYM2Writer {
   ZYM2Writer(const ZYM2Writer&) = delete;
   ZYM2Writer& operator=(const ZYM2Writer&) = delete;
 
-  // Starts a file that finish() will name path. An existing target is replaced only by finish().
+  // Starts a file that finish() will name path. An existing target is replaced, or kept and
+  // an error, only by finish().
   Status create(const std::string& path, ExistingFile existing = ExistingFile::IsReplaced);
 
   // Metadata, in call order, at any time before finish(). Keys are at most 65,535 bytes, values
