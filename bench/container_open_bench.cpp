@@ -18,14 +18,17 @@ constexpr size_t kTensors = 1000;
 constexpr size_t kTokens = 250000;
 
 void require(const kel::Status& status) {
-  if (!status.ok()) throw std::runtime_error(status.message);
+  if (!status.ok()) {
+    throw std::runtime_error(status.message);
+  }
 }
 
 // Strings of 1 to 14 letters, the spread of a byte-level vocabulary.
 std::string randomPiece(std::mt19937& random) {
   std::string piece(1 + random() % 14, ' ');
-  for (char& letter : piece)
+  for (char& letter : piece) {
     letter = static_cast<char>('a' + random() % 26);
+  }
   return piece;
 }
 
@@ -46,7 +49,9 @@ class ModelFile {
  public:
   ModelFile() {
     std::string name = (std::filesystem::temp_directory_path() / "zym-bench-XXXXXX").string();
-    if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (::mkdtemp(name.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed");
+    }
     folder = name;
     path = (folder / "model.zym").string();
     kel::ZYM2Writer writer;
@@ -86,7 +91,9 @@ void openRepeatedly(benchmark::State& state) {
   for (auto _ : state) {
     Opener opener;
     const kel::Status status = opener.open(path);
-    if (!status.ok()) return state.SkipWithError(status.message.c_str());
+    if (!status.ok()) {
+      return state.SkipWithError(status.message.c_str());
+    }
     benchmark::DoNotOptimize(opener);
     state.PauseTiming();
     opener.close();

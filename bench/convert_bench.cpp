@@ -30,22 +30,25 @@ Bytes weights(std::mt19937& random) {
   std::normal_distribution<float> gauss(0, 0.02F);
   Bytes bytes;
   bytes.reserve(kPatternElements * sizeof(uint16_t));
-  for (size_t i = 0; i < kPatternElements; ++i)
+  for (size_t i = 0; i < kPatternElements; ++i) {
     kel::test::appendNumber(bytes, kel::convert::floatToBfloat16(gauss(random)));
+  }
   return bytes;
 }
 
 Bytes constants(uint64_t n, float value) {
   Bytes bytes;
-  for (uint64_t i = 0; i < n; ++i)
+  for (uint64_t i = 0; i < n; ++i) {
     kel::test::appendNumber(bytes, value);
+  }
   return bytes;
 }
 
 GgufBuilder::Tensor sourceTensor(const TensorSpec& spec, const Bytes& pattern) {
   uint64_t n = 1;
-  for (const uint64_t dim : spec.dims)
+  for (const uint64_t dim : spec.dims) {
     n *= dim;
+  }
   if (spec.role != TensorRole::Matrix && spec.role != TensorRole::Embedding) {
     return {spec.name, spec.dims, 0, constants(n, spec.role == TensorRole::Decay ? -1.0F : 1.0F)};
   }
@@ -71,7 +74,9 @@ const std::string& sourceFolder() {
     std::mt19937 random(1);
     const Bytes pattern = weights(random);
     for (const TensorSpec& spec : kel::convert::modelTensors(kSizes)) {
-      if (spec.required) file.tensors.push_back(sourceTensor(spec, pattern));
+      if (spec.required) {
+        file.tensors.push_back(sourceTensor(spec, pattern));
+      }
     }
     file.write(folder.file("source.gguf"));
     return folder.path().string();

@@ -12,8 +12,9 @@ constexpr size_t kVocabulary = 250'000;
 void sampleOnce(benchmark::State& state, float temperature, int topK, float topP) {
   std::mt19937 rng(42);
   std::vector<float> logits(kVocabulary);
-  for (float& logit : logits)
+  for (float& logit : logits) {
     logit = static_cast<float>(rng()) * 0x1p-28F - 8.0F;
+  }
   for (auto _ : state) {
     benchmark::DoNotOptimize(
         session::sampleNext(logits.data(), logits.size(), temperature, topK, topP, rng));

@@ -18,8 +18,9 @@ constexpr size_t kTrainedMerges = 20'000;
 
 std::string randomWord(std::mt19937& rng, size_t minSize, size_t maxSize) {
   std::string word(minSize + rng() % (maxSize - minSize + 1), ' ');
-  for (char& c : word)
+  for (char& c : word) {
     c = static_cast<char>('a' + rng() % 26);
+  }
   return word;
 }
 
@@ -29,8 +30,9 @@ kel::TokenizerData fullVocabulary(std::string_view marker) {
   const std::string text = kel::testing::generatedEnglish(3'000'000, 1);
   kel::TokenizerData data = kel::testing::trainBpe(text, marker, kTrainedMerges);
   std::mt19937 rng(42);
-  while (data.merges.size() < kVocabulary)
+  while (data.merges.size() < kVocabulary) {
     data.merges.push_back(randomWord(rng, 2, 6) + " " + randomWord(rng, 2, 6));
+  }
   while (data.tokens.size() < kVocabulary) {
     data.tokens.push_back(randomWord(rng, 4, 12));
     data.tokenTypes.push_back(1);
@@ -46,7 +48,9 @@ const kel::TokenizerData& vocabulary(std::string_view marker) {
 
 kel::Tokenizer tokenizerOf(std::string_view marker) {
   kel::Tokenizer tokenizer;
-  if (!tokenizer.load(vocabulary(marker)).ok()) std::abort();
+  if (!tokenizer.load(vocabulary(marker)).ok()) {
+    std::abort();
+  }
   return tokenizer;
 }
 
@@ -54,7 +58,9 @@ void encodeText(benchmark::State& state, std::string_view marker, const std::str
   const kel::Tokenizer tokenizer = tokenizerOf(marker);
   std::vector<int32_t> ids;
   for (auto _ : state) {
-    if (!tokenizer.encode(text, ids, false).ok()) std::abort();
+    if (!tokenizer.encode(text, ids, false).ok()) {
+      std::abort();
+    }
     benchmark::DoNotOptimize(ids.data());
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
@@ -81,11 +87,15 @@ void encodeSpecialTokenStarts(benchmark::State& state) {
     data.tokenTypes.push_back(3);
   }
   kel::Tokenizer tokenizer;
-  if (!tokenizer.load(std::move(data)).ok()) std::abort();
+  if (!tokenizer.load(std::move(data)).ok()) {
+    std::abort();
+  }
   const std::string text(1'000'000, '<');
   std::vector<int32_t> ids;
   for (auto _ : state) {
-    if (!tokenizer.encode(text, ids, false).ok()) std::abort();
+    if (!tokenizer.encode(text, ids, false).ok()) {
+      std::abort();
+    }
     benchmark::DoNotOptimize(ids.data());
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
@@ -95,11 +105,14 @@ BENCHMARK(encodeSpecialTokenStarts)->Unit(benchmark::kMillisecond);
 void decodeEnglish(benchmark::State& state) {
   const kel::Tokenizer tokenizer = tokenizerOf(kel::kEscapedSpace);
   std::vector<int32_t> ids;
-  if (!tokenizer.encode(kel::testing::generatedEnglish(1'000'000, 7), ids, false).ok())
+  if (!tokenizer.encode(kel::testing::generatedEnglish(1'000'000, 7), ids, false).ok()) {
     std::abort();
+  }
   std::string text;
   for (auto _ : state) {
-    if (!tokenizer.decode(ids, text).ok()) std::abort();
+    if (!tokenizer.decode(ids, text).ok()) {
+      std::abort();
+    }
     benchmark::DoNotOptimize(text.data());
   }
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * text.size()));
@@ -114,7 +127,9 @@ void loadVocabulary(benchmark::State& state) {
       kel::TokenizerData data = vocabulary(kel::kByteLevelSpace);
       kel::Tokenizer tokenizer;
       state.ResumeTiming();
-      if (!tokenizer.load(std::move(data)).ok()) std::abort();
+      if (!tokenizer.load(std::move(data)).ok()) {
+        std::abort();
+      }
       state.PauseTiming();
     }
     state.ResumeTiming();

@@ -20,14 +20,18 @@ class ByteCursor {
   bool read(T& out) {
     static_assert(std::is_arithmetic_v<T>);
     const uint8_t* bytes = nullptr;
-    if (!take(sizeof(T), bytes)) return false;
+    if (!take(sizeof(T), bytes)) {
+      return false;
+    }
     std::memcpy(&out, bytes, sizeof(T));
     return true;
   }
 
   // A view of the next nBytes bytes, in place.
   bool take(uint64_t nBytes, const uint8_t*& bytes) {
-    if (left < nBytes) return false;
+    if (left < nBytes) {
+      return false;
+    }
     bytes = at;
     at += nBytes;
     left -= nBytes;

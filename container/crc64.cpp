@@ -15,7 +15,9 @@ constexpr std::array<uint64_t, 256> buildTable() {
     for (int bit = 0; bit < 8; ++bit) {
       const bool carry = (value & 1) != 0;
       value >>= 1;
-      if (carry) value ^= kPolynomial;
+      if (carry) {
+        value ^= kPolynomial;
+      }
     }
     table[i] = value;
   }
@@ -28,8 +30,9 @@ constexpr std::array<uint64_t, 256> kTable = buildTable();
 
 uint64_t crc64(const uint8_t* data, size_t length) {
   uint64_t crc = 0;
-  for (size_t i = 0; i < length; ++i)
+  for (size_t i = 0; i < length; ++i) {
     crc = kTable[(crc ^ data[i]) & 0xFF] ^ (crc >> 8);
+  }
   return crc;
 }
 

@@ -20,8 +20,9 @@ constexpr int kMaxNameAttempts = 1000;
 template <typename Call>
 auto retry(Call call) {
   auto result = call();
-  while (result < 0 && errno == EINTR)
+  while (result < 0 && errno == EINTR) {
     result = call();
+  }
   return result;
 }
 
@@ -48,7 +49,9 @@ Status OutputFile::create(const std::string& path, ExistingFile existing) {
   // temporary file from its target.
   const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
   folderFd = retry([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
-  if (folderFd < 0) return ioError("cannot open the folder of");
+  if (folderFd < 0) {
+    return ioError("cannot open the folder of");
+  }
   return createTemporary();
 }
 
@@ -60,21 +63,31 @@ Status OutputFile::createTemporary() {
     fd = retry([&] {
       return ::openat(folderFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
     });
-    if (fd >= 0 || errno != EEXIST) break;
+    if (fd >= 0 || errno != EEXIST) {
+      break;
+    }
   }
-  if (fd < 0) return ioError("cannot create a temporary file for");
+  if (fd < 0) {
+    return ioError("cannot create a temporary file for");
+  }
   buffer.reserve(kBufferBytes);
   return Status::success();
 }
 
 Status OutputFile::append(const void* data, size_t nBytes) {
-  if (nBytes == 0) return Status::success();
+  if (nBytes == 0) {
+    return Status::success();
+  }
   appended += nBytes;
   const auto* bytes = static_cast<const uint8_t*>(data);
   if (nBytes > kBufferBytes - buffer.size()) {
     Status status = flush();
-    if (!status.ok()) return status;
-    if (nBytes >= kBufferBytes) return writeOut(bytes, nBytes);
+    if (!status.ok()) {
+      return status;
+    }
+    if (nBytes >= kBufferBytes) {
+      return writeOut(bytes, nBytes);
+    }
   }
   buffer.insert(buffer.end(), bytes, bytes + nBytes);
   return Status::success();
@@ -88,12 +101,16 @@ Status OutputFile::alignTo(size_t alignment) {
 
 Status OutputFile::overwrite(uint64_t offset, const void* data, size_t nBytes) {
   Status status = flush();
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   const auto* bytes = static_cast<const uint8_t*>(data);
   while (nBytes > 0) {
     const ssize_t written =
         retry([&] { return ::pwrite(fd, bytes, nBytes, static_cast<off_t>(offset)); });
-    if (written <= 0) return ioError("cannot write");
+    if (written <= 0) {
+      return ioError("cannot write");
+    }
     bytes += written;
     offset += static_cast<uint64_t>(written);
     nBytes -= static_cast<size_t>(written);
@@ -110,7 +127,9 @@ Status OutputFile::flush() {
 Status OutputFile::writeOut(const uint8_t* data, size_t nBytes) {
   while (nBytes > 0) {
     const ssize_t written = retry([&] { return ::write(fd, data, nBytes); });
-    if (written <= 0) return ioError("cannot write");
+    if (written <= 0) {
+      return ioError("cannot write");
+    }
     data += written;
     nBytes -= static_cast<size_t>(written);
   }
@@ -119,9 +138,15 @@ Status OutputFile::writeOut(const uint8_t* data, size_t nBytes) {
 
 Status OutputFile::commit() {
   Status status = flush();
-  if (!status.ok()) return status;
-  if (retry([&] { return ::fsync(fd); }) != 0) return ioError("cannot sync");
-  if (renameTemporary() != 0) return ioError("cannot rename to");
+  if (!status.ok()) {
+    return status;
+  }
+  if (retry([&] { return ::fsync(fd); }) != 0) {
+    return ioError("cannot sync");
+  }
+  if (renameTemporary() != 0) {
+    return ioError("cannot rename to");
+  }
   temporary.clear();
   // Some file systems cannot sync a folder and say so with EINVAL; the rename stands all the same.
   if (retry([&] { return ::fsync(folderFd); }) != 0 && errno != EINVAL) {
@@ -136,19 +161,27 @@ int OutputFile::renameTemporary() const {
   const char* to = fileName.c_str();
   if (whenExisting == ExistingFile::IsKept) {
     const int renamed = ::renameat2(folderFd, from, folderFd, to, RENAME_NOREPLACE);
-    if (renamed == 0 || errno != EINVAL) return renamed;
+    if (renamed == 0 || errno != EINVAL) {
+      return renamed;
+    }
   }
   return ::renameat(folderFd, from, folderFd, to);
 }
 
 void OutputFile::discard() {
-  if (fd >= 0 && !temporary.empty()) ::unlinkat(folderFd, temporary.c_str(), 0);
+  if (fd >= 0 && !temporary.empty()) {
+    ::unlinkat(folderFd, temporary.c_str(), 0);
+  }
   release();
 }
 
 void OutputFile::release() {
-  if (fd >= 0) ::close(fd);  // after fsync nothing is left that closing could fail to write
-  if (folderFd >= 0) ::close(folderFd);
+  if (fd >= 0) {
+    ::close(fd);  // after fsync nothing is left that closing could fail to write
+  }
+  if (folderFd >= 0) {
+    ::close(folderFd);
+  }
   fd = -1;
   folderFd = -1;
   appended = 0;

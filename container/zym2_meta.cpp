@@ -21,7 +21,9 @@ constexpr uint64_t kMinEntryBytes = 2 + 1 + 4;
 
 bool readString(ByteCursor& in, uint64_t length, std::string& out) {
   const uint8_t* bytes = nullptr;
-  if (!in.take(length, bytes)) return false;
+  if (!in.take(length, bytes)) {
+    return false;
+  }
   out.assign(reinterpret_cast<const char*>(bytes), length);
   return true;
 }
@@ -39,9 +41,13 @@ bool readStr(ByteCursor& in, std::string& out) {
 bool readArray(ByteCursor& in, std::vector<uint32_t>& out) {
   uint32_t count = 0;
   const uint8_t* bytes = nullptr;
-  if (!in.read(count) || !in.take(sizeof(uint32_t) * uint64_t{count}, bytes)) return false;
+  if (!in.read(count) || !in.take(sizeof(uint32_t) * uint64_t{count}, bytes)) {
+    return false;
+  }
   out.resize(count);
-  if (count != 0) std::memcpy(out.data(), bytes, sizeof(uint32_t) * size_t{count});
+  if (count != 0) {
+    std::memcpy(out.data(), bytes, sizeof(uint32_t) * size_t{count});
+  }
   return true;
 }
 
@@ -65,9 +71,13 @@ const char* readValue(ByteCursor& in, Entry& entry) {
 }
 
 const char* readEntry(ByteCursor& in, Entry& entry) {
-  if (!readKey(in, entry.key)) return "ZYM2: bad meta key";
+  if (!readKey(in, entry.key)) {
+    return "ZYM2: bad meta key";
+  }
   uint8_t type = 0;
-  if (!in.read(type)) return "ZYM2: bad meta type";
+  if (!in.read(type)) {
+    return "ZYM2: bad meta type";
+  }
   entry.type = static_cast<MetaType>(type);
   return readValue(in, entry);
 }
@@ -77,73 +87,95 @@ const char* readEntry(ByteCursor& in, Entry& entry) {
 Status ZYM2Reader::parseMeta() {
   ByteCursor in(sectionData(zym2::SectionType::Meta), sectionSize(zym2::SectionType::Meta));
   uint32_t count = 0;
-  if (!in.read(count)) return Status::invalid("ZYM2: missing meta section");
+  if (!in.read(count)) {
+    return Status::invalid("ZYM2: missing meta section");
+  }
   // Room for every entry at once, but never for more than the section can hold: a wild count in a
   // small file must not claim memory.
   meta.reserve(std::min<uint64_t>(count, in.remaining() / kMinEntryBytes));
   for (uint32_t i = 0; i < count; ++i) {
     MetaEntryView entry;
     const char* fault = readEntry(in, entry);
-    if (fault != nullptr) return Status::invalid(fault);
+    if (fault != nullptr) {
+      return Status::invalid(fault);
+    }
     meta.push_back(std::move(entry));
   }
   return Status::success();
 }
 
 const ZYM2Reader::MetaEntryView* ZYM2Reader::findMeta(const char* key, MetaType type) const {
-  if (key == nullptr) return nullptr;
+  if (key == nullptr) {
+    return nullptr;
+  }
   const std::string_view wanted(key);
   for (const MetaEntryView& entry : meta) {
-    if (entry.type == type && entry.key == wanted) return &entry;
+    if (entry.type == type && entry.key == wanted) {
+      return &entry;
+    }
   }
   return nullptr;
 }
 
 bool ZYM2Reader::getMetaU32(const char* key, uint32_t& out) const {
   const MetaEntryView* entry = findMeta(key, MetaType::U32);
-  if (entry == nullptr) return false;
+  if (entry == nullptr) {
+    return false;
+  }
   out = entry->u32;
   return true;
 }
 
 bool ZYM2Reader::getMetaI32(const char* key, int32_t& out) const {
   const MetaEntryView* entry = findMeta(key, MetaType::I32);
-  if (entry == nullptr) return false;
+  if (entry == nullptr) {
+    return false;
+  }
   out = entry->i32;
   return true;
 }
 
 bool ZYM2Reader::getMetaF32(const char* key, float& out) const {
   const MetaEntryView* entry = findMeta(key, MetaType::F32);
-  if (entry == nullptr) return false;
+  if (entry == nullptr) {
+    return false;
+  }
   out = entry->f32;
   return true;
 }
 
 bool ZYM2Reader::getMetaU64(const char* key, uint64_t& out) const {
   const MetaEntryView* entry = findMeta(key, MetaType::U64);
-  if (entry == nullptr) return false;
+  if (entry == nullptr) {
+    return false;
+  }
   out = entry->u64;
   return true;
 }
 
 bool ZYM2Reader::getMetaStr(const char* key, std::string& out) const {
   const MetaEntryView* entry = findMeta(key, MetaType::Str);
-  if (entry == nullptr) return false;
+  if (entry == nullptr) {
+    return false;
+  }
   out = entry->str;
   return true;
 }
 
 bool ZYM2Reader::getMetaU32Array(const char* key, const uint32_t*& data, size_t& count) const {
   const MetaEntryView* entry = findMeta(key, MetaType::U32Array);
-  if (entry == nullptr) return false;
+  if (entry == nullptr) {
+    return false;
+  }
   data = entry->array.data();
   count = entry->array.size();
   return true;
 }
 
 bool ZYM2Reader::metaAt(size_t index, MetaEntryView& out) const {
-  if (index >= meta.size()) return false;
+  if (index >= meta.size()) {
+    return false;
+  }
   out = meta[index];
   return true;
 }

@@ -31,9 +31,15 @@ ZYM2Reader::~ZYM2Reader() {
 Status ZYM2Reader::open(const char* path) {
   close();
   Status status = mapFile(path);
-  if (status.ok()) status = validateHeader();
-  if (status.ok()) status = validateSections();
-  if (status.ok()) status = parseMeta();
+  if (status.ok()) {
+    status = validateHeader();
+  }
+  if (status.ok()) {
+    status = validateSections();
+  }
+  if (status.ok()) {
+    status = parseMeta();
+  }
   if (!status.ok()) {
     close();
     return status;
@@ -44,8 +50,12 @@ Status ZYM2Reader::open(const char* path) {
 }
 
 void ZYM2Reader::close() {
-  if (base != nullptr) ::munmap(const_cast<uint8_t*>(base), mappedBytes);
-  if (fd >= 0) ::close(fd);
+  if (base != nullptr) {
+    ::munmap(const_cast<uint8_t*>(base), mappedBytes);
+  }
+  if (fd >= 0) {
+    ::close(fd);
+  }
   base = nullptr;
   fd = -1;
   mappedBytes = 0;
@@ -56,18 +66,25 @@ void ZYM2Reader::close() {
 }
 
 Status ZYM2Reader::mapFile(const char* path) {
-  if (path == nullptr) return Status::invalid("ZYM2: null path");
+  if (path == nullptr) {
+    return Status::invalid("ZYM2: null path");
+  }
   // Non-blocking, so that a named pipe is turned down as having no size instead of being waited on.
   fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return Status::invalid("ZYM2: cannot open file");
+  if (fd < 0) {
+    return Status::invalid("ZYM2: cannot open file");
+  }
   struct stat info {};
   // Deliberate: an empty file counts as one that cannot be measured, not as too small.
-  if (::fstat(fd, &info) != 0 || info.st_size <= 0)
+  if (::fstat(fd, &info) != 0 || info.st_size <= 0) {
     return Status::invalid("ZYM2: cannot stat file");
+  }
 
   const auto fileBytes = static_cast<size_t>(info.st_size);
   void* mapping = ::mmap(nullptr, fileBytes, PROT_READ, MAP_PRIVATE, fd, 0);
-  if (mapping == MAP_FAILED) return Status::invalid("ZYM2: mmap failed");
+  if (mapping == MAP_FAILED) {
+    return Status::invalid("ZYM2: mmap failed");
+  }
   base = static_cast<const uint8_t*>(mapping);
   mappedBytes = fileBytes;
   ::madvise(mapping, fileBytes, MADV_HUGEPAGE);  // a hint: without huge pages all still works
@@ -75,10 +92,16 @@ Status ZYM2Reader::mapFile(const char* path) {
 }
 
 Status ZYM2Reader::validateHeader() {
-  if (mappedBytes < zym2::kHeaderBytes) return Status::invalid("ZYM2: file too small");
+  if (mappedBytes < zym2::kHeaderBytes) {
+    return Status::invalid("ZYM2: file too small");
+  }
   std::memcpy(&headerCopy, base, sizeof(headerCopy));
-  if (headerCopy.magic != zym2::kMagic) return Status::invalid("ZYM2: bad magic");
-  if (headerCopy.version != zym2::kVersion) return Status::invalid("ZYM2: unsupported version");
+  if (headerCopy.magic != zym2::kMagic) {
+    return Status::invalid("ZYM2: bad magic");
+  }
+  if (headerCopy.version != zym2::kVersion) {
+    return Status::invalid("ZYM2: unsupported version");
+  }
   if (headerCopy.endianMarker != zym2::kEndianMarker) {
     return Status::invalid("ZYM2: big-endian files unsupported");
   }
@@ -122,9 +145,13 @@ Status ZYM2Reader::validateSections() const {
 }
 
 const SectionEntry* ZYM2Reader::section(SectionType type) const {
-  if (table == nullptr) return nullptr;
+  if (table == nullptr) {
+    return nullptr;
+  }
   for (uint32_t i = 0; i < headerCopy.sectionCount; ++i) {
-    if (table[i].type == static_cast<uint32_t>(type)) return &table[i];
+    if (table[i].type == static_cast<uint32_t>(type)) {
+      return &table[i];
+    }
   }
   return nullptr;
 }
@@ -140,9 +167,13 @@ uint64_t ZYM2Reader::sectionSize(SectionType type) const {
 }
 
 bool ZYM2Reader::aligned64() const {
-  if (!opened) return false;
+  if (!opened) {
+    return false;
+  }
   for (uint32_t i = 0; i < headerCopy.sectionCount; ++i) {
-    if (table[i].offset % zym2::kAlignment != 0) return false;
+    if (table[i].offset % zym2::kAlignment != 0) {
+      return false;
+    }
   }
   return true;
 }

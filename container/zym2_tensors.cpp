@@ -10,7 +10,9 @@ using zym2::SectionType;
 using zym2::TensorEntry;
 
 const uint8_t* ZYM2Reader::findTensor(const char* name) const {
-  if (!opened || name == nullptr) return nullptr;
+  if (!opened || name == nullptr) {
+    return nullptr;
+  }
   const uint8_t* index = sectionData(SectionType::TensorIndex);
   const auto compare = [&](size_t i) {
     const uint8_t* entry = index + i * zym2::kTensorEntryBytes;
@@ -26,22 +28,30 @@ const uint8_t* ZYM2Reader::findTensor(const char* name) const {
       hi = mid;
     }
   }
-  if (lo == headerCopy.tensorCount || compare(lo) != 0) return nullptr;
+  if (lo == headerCopy.tensorCount || compare(lo) != 0) {
+    return nullptr;
+  }
   return index + lo * zym2::kTensorEntryBytes;
 }
 
 const uint8_t* ZYM2Reader::tensorEntry(size_t index) const {
-  if (!opened || index >= headerCopy.tensorCount) return nullptr;
+  if (!opened || index >= headerCopy.tensorCount) {
+    return nullptr;
+  }
   return sectionData(SectionType::TensorIndex) + index * zym2::kTensorEntryBytes;
 }
 
 ZYM2Reader::TensorEntryView ZYM2Reader::tensorView(size_t index) const {
   TensorEntryView view;
   const uint8_t* bytes = tensorEntry(index);
-  if (bytes == nullptr) return view;
+  if (bytes == nullptr) {
+    return view;
+  }
   TensorEntry entry;
   std::memcpy(&entry, bytes, sizeof(entry));
-  if (entry.rank > zym2::kMaxRank) return view;
+  if (entry.rank > zym2::kMaxRank) {
+    return view;
+  }
 
   // The offset is the file's word: added as an integer, because it may lead anywhere.
   const auto weights = reinterpret_cast<uintptr_t>(sectionData(SectionType::WeightData));
@@ -58,14 +68,18 @@ ZYM2Reader::TensorEntryView ZYM2Reader::tensorView(size_t index) const {
 
 ZYM2Reader::TensorEntryView ZYM2Reader::tensorView(const char* name) const {
   const uint8_t* entry = findTensor(name);
-  if (entry == nullptr) return {};
+  if (entry == nullptr) {
+    return {};
+  }
   const auto distance = static_cast<size_t>(entry - sectionData(SectionType::TensorIndex));
   return tensorView(distance / zym2::kTensorEntryBytes);
 }
 
 Status ZYM2Reader::parseQuantInfo() {
   const uint8_t* records = sectionData(SectionType::QuantInfo);
-  if (records == nullptr) return Status::success();
+  if (records == nullptr) {
+    return Status::success();
+  }
   // A trailing partial record is dropped.
   quantInfo.resize(sectionSize(SectionType::QuantInfo) / zym2::kQuantRecordBytes);
   if (!quantInfo.empty()) {

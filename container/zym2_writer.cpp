@@ -44,23 +44,39 @@ bool stringsFit(const TokenizerData& tables) {
 ZYM2Writer::~ZYM2Writer() = default;
 
 Status ZYM2Writer::create(const std::string& path, ExistingFile existing) {
-  if (!failure.ok()) return failure;
-  if (out.isOpen()) return fail("create called while a file is being written");
+  if (!failure.ok()) {
+    return failure;
+  }
+  if (out.isOpen()) {
+    return fail("create called while a file is being written");
+  }
   // The head is written last; until then its place is all zero, which no reader accepts.
   const char head[kHeadBytes] = {};
   Status status = out.create(path, existing);
-  if (status.ok()) status = out.append(head, sizeof(head));
-  if (status.ok()) status = out.alignTo(zym2::kAlignment);
+  if (status.ok()) {
+    status = out.append(head, sizeof(head));
+  }
+  if (status.ok()) {
+    status = out.alignTo(zym2::kAlignment);
+  }
   weightsOffset = out.size();
   return check(std::move(status));
 }
 
 bool ZYM2Writer::beginMeta(std::string_view key, MetaType type, size_t valueLength) {
-  if (!failure.ok()) return false;
+  if (!failure.ok()) {
+    return false;
+  }
   Status status = Status::success();
-  if (key.size() > UINT16_MAX) status = fail("metadata key over 65535 bytes");
-  if (!fitsU32(valueLength)) status = fail("metadata value too long");
-  if (!status.ok()) return false;  // remembered: the next call that answers a status reports it
+  if (key.size() > UINT16_MAX) {
+    status = fail("metadata key over 65535 bytes");
+  }
+  if (!fitsU32(valueLength)) {
+    status = fail("metadata value too long");
+  }
+  if (!status.ok()) {
+    return false;  // remembered: the next call that answers a status reports it
+  }
   appendScalar(meta, static_cast<uint16_t>(key.size()));
   meta.append(key);
   meta.push_back(static_cast<char>(type));
@@ -69,29 +85,41 @@ bool ZYM2Writer::beginMeta(std::string_view key, MetaType type, size_t valueLeng
 }
 
 void ZYM2Writer::addMetaU32(std::string_view key, uint32_t value) {
-  if (beginMeta(key, MetaType::U32, 0)) appendScalar(meta, value);
+  if (beginMeta(key, MetaType::U32, 0)) {
+    appendScalar(meta, value);
+  }
 }
 
 void ZYM2Writer::addMetaI32(std::string_view key, int32_t value) {
-  if (beginMeta(key, MetaType::I32, 0)) appendScalar(meta, value);
+  if (beginMeta(key, MetaType::I32, 0)) {
+    appendScalar(meta, value);
+  }
 }
 
 void ZYM2Writer::addMetaF32(std::string_view key, float value) {
-  if (beginMeta(key, MetaType::F32, 0)) appendScalar(meta, value);
+  if (beginMeta(key, MetaType::F32, 0)) {
+    appendScalar(meta, value);
+  }
 }
 
 void ZYM2Writer::addMetaU64(std::string_view key, uint64_t value) {
-  if (beginMeta(key, MetaType::U64, 0)) appendScalar(meta, value);
+  if (beginMeta(key, MetaType::U64, 0)) {
+    appendScalar(meta, value);
+  }
 }
 
 void ZYM2Writer::addMetaStr(std::string_view key, std::string_view value) {
-  if (!beginMeta(key, MetaType::Str, value.size())) return;
+  if (!beginMeta(key, MetaType::Str, value.size())) {
+    return;
+  }
   appendScalar(meta, static_cast<uint32_t>(value.size()));
   meta.append(value);
 }
 
 void ZYM2Writer::addMetaU32Array(std::string_view key, const std::vector<uint32_t>& values) {
-  if (!beginMeta(key, MetaType::U32Array, values.size())) return;
+  if (!beginMeta(key, MetaType::U32Array, values.size())) {
+    return;
+  }
   appendScalar(meta, static_cast<uint32_t>(values.size()));
   meta.append(reinterpret_cast<const char*>(values.data()), values.size() * sizeof(uint32_t));
 }
@@ -118,23 +146,39 @@ Status ZYM2Writer::addTensor(std::string_view name, QuantType type,
                              const std::vector<uint64_t>& dims, const void* data,
                              uint64_t byteSize) {
   Status status = beginTensor(name, type, dims);
-  if (status.ok()) status = writeTensorData(data, byteSize);
-  if (status.ok()) status = endTensor();
+  if (status.ok()) {
+    status = writeTensorData(data, byteSize);
+  }
+  if (status.ok()) {
+    status = endTensor();
+  }
   return status;
 }
 
 Status ZYM2Writer::beginTensor(std::string_view name, QuantType type,
                                const std::vector<uint64_t>& dims) {
-  if (!failure.ok()) return failure;
-  if (!out.isOpen()) return fail("no file is being written");
-  if (inTensor) return fail("the previous tensor is not ended");
-  if (name.empty()) return fail("empty tensor name");
+  if (!failure.ok()) {
+    return failure;
+  }
+  if (!out.isOpen()) {
+    return fail("no file is being written");
+  }
+  if (inTensor) {
+    return fail("the previous tensor is not ended");
+  }
+  if (name.empty()) {
+    return fail("empty tensor name");
+  }
   if (name.size() > zym2::kTensorNameBytes) {
     return fail("tensor name over 64 bytes: " + std::string(name));
   }
   // The index order stops at a zero byte, so such a name could not be told from its start.
-  if (name.find('\0') != std::string_view::npos) return fail("tensor name holds a zero byte");
-  if (dims.size() > zym2::kMaxRank) return fail("tensor rank above 4: " + std::string(name));
+  if (name.find('\0') != std::string_view::npos) {
+    return fail("tensor name holds a zero byte");
+  }
+  if (dims.size() > zym2::kMaxRank) {
+    return fail("tensor rank above 4: " + std::string(name));
+  }
   if (!names.insert(std::string(name)).second) {
     return fail("duplicate tensor name: " + std::string(name));
   }
@@ -152,43 +196,71 @@ Status ZYM2Writer::beginTensor(std::string_view name, QuantType type,
 }
 
 Status ZYM2Writer::writeTensorData(const void* data, size_t nBytes) {
-  if (!failure.ok()) return failure;
-  if (!inTensor) return fail("tensor data outside a tensor");
+  if (!failure.ok()) {
+    return failure;
+  }
+  if (!inTensor) {
+    return fail("tensor data outside a tensor");
+  }
   tensors.back().byteSize += nBytes;
   return check(out.append(data, nBytes));
 }
 
 Status ZYM2Writer::endTensor() {
-  if (!failure.ok()) return failure;
-  if (!inTensor) return fail("end of a tensor outside a tensor");
+  if (!failure.ok()) {
+    return failure;
+  }
+  if (!inTensor) {
+    return fail("end of a tensor outside a tensor");
+  }
   inTensor = false;
   return Status::success();
 }
 
 Status ZYM2Writer::finish() {
-  if (!failure.ok()) return failure;
-  if (!out.isOpen()) return fail("no file is being written");
-  if (inTensor) return fail("the last tensor is not ended");
+  if (!failure.ok()) {
+    return failure;
+  }
+  if (!out.isOpen()) {
+    return fail("no file is being written");
+  }
+  if (inTensor) {
+    return fail("the last tensor is not ended");
+  }
   addSection(SectionType::WeightData, weightsOffset);
   Status status = writeSections();
-  if (status.ok()) status = writeHead();
-  if (status.ok()) status = out.commit();
-  if (!status.ok()) return check(std::move(status));
+  if (status.ok()) {
+    status = writeHead();
+  }
+  if (status.ok()) {
+    status = out.commit();
+  }
+  if (!status.ok()) {
+    return check(std::move(status));
+  }
   abandon();
   return Status::success();
 }
 
 Status ZYM2Writer::writeSections() {
   Status status = Status::success();
-  if (tokenizer) status = writeTokenizer();
-  if (status.ok() && text) status = writeSection(SectionType::Text, *text);
-  if (status.ok()) status = writeIndex();
+  if (tokenizer) {
+    status = writeTokenizer();
+  }
+  if (status.ok() && text) {
+    status = writeSection(SectionType::Text, *text);
+  }
+  if (status.ok()) {
+    status = writeIndex();
+  }
   if (status.ok() && quantInfo) {
     const std::vector<zym2::QuantRecord> records(tensors.size());
     status = writeSection(SectionType::QuantInfo, {reinterpret_cast<const char*>(records.data()),
                                                    records.size() * sizeof(zym2::QuantRecord)});
   }
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   std::string count;
   appendScalar(count, metaCount);
   return writeSection(SectionType::Meta, count + meta);
@@ -197,7 +269,9 @@ Status ZYM2Writer::writeSections() {
 Status ZYM2Writer::writeSection(SectionType type, std::string_view bytes) {
   Status status = out.alignTo(zym2::kAlignment);
   const uint64_t offset = out.size();
-  if (status.ok()) status = out.append(bytes.data(), bytes.size());
+  if (status.ok()) {
+    status = out.append(bytes.data(), bytes.size());
+  }
   addSection(type, offset);
   return status;
 }
@@ -207,8 +281,12 @@ void ZYM2Writer::addSection(SectionType type, uint64_t offset) {
 }
 
 Status ZYM2Writer::writeTokenizer() {
-  if (!listsFit(*tokenizer)) return Status::invalid("ZYM2Writer: tokenizer list too long");
-  if (!stringsFit(*tokenizer)) return Status::invalid("ZYM2Writer: tokenizer string too long");
+  if (!listsFit(*tokenizer)) {
+    return Status::invalid("ZYM2Writer: tokenizer list too long");
+  }
+  if (!stringsFit(*tokenizer)) {
+    return Status::invalid("ZYM2Writer: tokenizer string too long");
+  }
   std::string bytes;
   const auto u32 = [&](size_t value) { appendScalar(bytes, static_cast<uint32_t>(value)); };
   const auto string = [&](const std::string& value) {
@@ -217,13 +295,15 @@ Status ZYM2Writer::writeTokenizer() {
   };
   const auto strings = [&](const std::vector<std::string>& values) {
     u32(values.size());
-    for (const std::string& value : values)
+    for (const std::string& value : values) {
       string(value);
+    }
   };
   const auto integers = [&](const std::vector<int32_t>& values) {
     u32(values.size());
-    for (const int32_t value : values)
+    for (const int32_t value : values) {
       appendScalar(bytes, value);
+    }
   };
   u32(zym2::kTokenizerMagic);
   string(tokenizer->label);
@@ -260,7 +340,9 @@ Status ZYM2Writer::writeHead() {
   std::memcpy(head + zym2::kCrcOffset, sections.data(), tableBytes);
   header.crc = zym2::crc64(head, zym2::kCrcOffset + tableBytes);
   Status status = out.overwrite(0, &header, sizeof(header));
-  if (status.ok()) status = out.overwrite(sizeof(header), sections.data(), tableBytes);
+  if (status.ok()) {
+    status = out.overwrite(sizeof(header), sections.data(), tableBytes);
+  }
   return status;
 }
 

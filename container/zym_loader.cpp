@@ -19,7 +19,9 @@ TensorView makeRecord(const ZYM2Reader& reader, size_t index) {
   std::memcpy(&entry, reader.tensorEntry(index), sizeof(entry));
   TensorView record;
   record.name.assign(entry.name, std::min<size_t>(entry.nameLength, zym2::kTensorNameBytes));
-  if (entry.rank > zym2::kMaxRank) return record;
+  if (entry.rank > zym2::kMaxRank) {
+    return record;
+  }
 
   const ZYM2Reader::TensorEntryView view = reader.tensorView(index);
   record.data = view.data;
@@ -46,15 +48,18 @@ ZYMLoader::~ZYMLoader() {
 Status ZYMLoader::open(const char* path) {
   close();
   Status status = reader.open(path);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
 
   wordA = reader.header().wordA;
   wordB = reader.header().wordB;
   wordC = reader.header().wordC;
   tensorCount = reader.header().tensorCount;
   tensors.reserve(tensorCount);
-  for (size_t i = 0; i < tensorCount; ++i)
+  for (size_t i = 0; i < tensorCount; ++i) {
     tensors.push_back(makeRecord(reader, i));
+  }
 
   // Deliberate: the file stays mapped and the records stay in place; only the lookups are off.
   if (!reader.readTokenizer(tokenizer)) {
@@ -84,7 +89,9 @@ void ZYMLoader::close() {
 }
 
 const TensorView* ZYMLoader::findTensor(const std::string& name) const {
-  if (!opened) return nullptr;
+  if (!opened) {
+    return nullptr;
+  }
   const auto found = std::lower_bound(
       tensors.begin(), tensors.end(), name,
       [](const TensorView& record, const std::string& key) { return record.name < key; });

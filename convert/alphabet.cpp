@@ -40,8 +40,12 @@ char32_t letterOfByte(uint8_t byte) {
 }
 
 int byteOfLetter(char32_t letter) {
-  if (letter < 256) return standsForItself(letter) ? static_cast<int>(letter) : -1;
-  if (letter - kFirstMoved < kMoved) return kTables.moved[letter - kFirstMoved];
+  if (letter < 256) {
+    return standsForItself(letter) ? static_cast<int>(letter) : -1;
+  }
+  if (letter - kFirstMoved < kMoved) {
+    return kTables.moved[letter - kFirstMoved];
+  }
   return -1;
 }
 

@@ -56,8 +56,9 @@ Status checkOptions(const ConvertOptions& options) {
 
 uint64_t textBytes(const std::vector<std::string>& texts) {
   uint64_t nBytes = 0;
-  for (const std::string& text : texts)
+  for (const std::string& text : texts) {
     nBytes += sizeof(uint32_t) + text.size();
+  }
   return nBytes;
 }
 
@@ -93,8 +94,9 @@ ConvertSummary summarise(const SourceModel& source, const std::vector<PlannedTen
   summary.modelName = source.name;
   summary.sourceFormat = source.format;
   summary.skipped = source.skipped;
-  for (const PlannedTensor& tensor : plan)
+  for (const PlannedTensor& tensor : plan) {
     addToGroups(tensor, summary);
+  }
   return summary;
 }
 
@@ -110,11 +112,17 @@ class ContainerStream {
     Status status = writer.create(options.target,
                                   options.force ? ExistingFile::IsReplaced : ExistingFile::IsKept);
     for (const PlannedTensor& tensor : plan) {
-      if (status.ok()) status = writeTensor(source, tensor);
+      if (status.ok()) {
+        status = writeTensor(source, tensor);
+      }
     }
     // Also asked at the end: what follows is short, and then it is too late.
-    if (status.ok()) status = goOn();
-    if (!status.ok()) return status;
+    if (status.ok()) {
+      status = goOn();
+    }
+    if (!status.ok()) {
+      return status;
+    }
     addMetadata(source);
     checksums.addTo(writer, tokenizer);
     writer.setTokenizer(std::move(tokenizer));
@@ -131,7 +139,9 @@ class ContainerStream {
 
   Status writeTensor(const SourceModel& source, const PlannedTensor& tensor) {
     Status status = writer.beginTensor(tensor.spec.name, tensor.stored, tensor.spec.dims);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
     checksums.beginTensor(tensor.spec.name, tensor.stored, tensor.spec.dims);
     const unsigned threads =
         std::clamp(options.threads != 0 ? options.threads : std::thread::hardware_concurrency(), 1U,
@@ -145,8 +155,12 @@ class ContainerStream {
 
   Status writeBytes(const uint8_t* data, size_t nBytes, uint64_t nSource) {
     Status status = goOn();
-    if (status.ok()) status = writer.writeTensorData(data, nBytes);
-    if (!status.ok()) return status;
+    if (status.ok()) {
+      status = writer.writeTensorData(data, nBytes);
+    }
+    if (!status.ok()) {
+      return status;
+    }
     checksums.writeTensorData(data, nBytes);
     doneBytes += nSource;
     progress.onProgress(doneBytes, totalBytes);
@@ -186,19 +200,31 @@ Status convert(const ConvertOptions& options, ProgressSink& progress, ConvertRes
   std::vector<PlannedTensor> plan;
   TokenizerData tokenizer;
   Status status = checkOptions(options);
-  if (status.ok()) status = readSourceModel(options.source, source);
-  if (!options.name.empty()) source.name = options.name;
-  if (status.ok()) status = planTensors(source, options.storage, progress, plan);
-  if (status.ok()) status = checkNorms(plan, source);
+  if (status.ok()) {
+    status = readSourceModel(options.source, source);
+  }
+  if (!options.name.empty()) {
+    source.name = options.name;
+  }
+  if (status.ok()) {
+    status = planTensors(source, options.storage, progress, plan);
+  }
+  if (status.ok()) {
+    status = checkNorms(plan, source);
+  }
   result.cancelled = !status.ok() && progress.cancelled();
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   // The embedding comes first in the plan.
   status = buildTokenizer(std::move(source.vocabulary), plan.front().spec.dims[1],
                           options.vocabulary, tokenizer);
   if (status.ok()) {
     status = checkFreeSpace(options.target, estimatedBytes(plan, tokenizer));
   }
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   result.summary = summarise(source, plan);
   ContainerStream stream(options, progress);
   status = stream.write(source, plan, result.summary.sourceBytes, std::move(tokenizer));

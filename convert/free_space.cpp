@@ -19,9 +19,13 @@ std::string megabytes(uint64_t nBytes) {
 Status checkFreeSpace(const std::string& target, uint64_t needed) {
   const std::string folder = std::filesystem::path(target).parent_path().string();
   struct statvfs info {};
-  if (::statvfs(folder.empty() ? "." : folder.c_str(), &info) != 0) return Status::success();
+  if (::statvfs(folder.empty() ? "." : folder.c_str(), &info) != 0) {
+    return Status::success();
+  }
   const uint64_t available = uint64_t{info.f_bavail} * info.f_frsize;
-  if (available >= needed) return Status::success();
+  if (available >= needed) {
+    return Status::success();
+  }
   return ioFailure("not enough space for {}: it needs {}, and {} are free", target,
                    megabytes(needed), megabytes(available));
 }

@@ -46,7 +46,9 @@ Status checkArchitecture(const GgufFile& file) {
   if (value == nullptr || value->type != GgufType::String) {
     return malformed("GGUF: general.architecture is missing: is this a language model?");
   }
-  if (value->text == kArchitecture) return Status::success();
+  if (value->text == kArchitecture) {
+    return Status::success();
+  }
   const bool mixture = value->text == "qwen35moe";
   return unsupported("general.architecture is \"{}\"{}; the runtime needs \"{}\"",
                      printable(value->text), mixture ? " (mixture of experts)" : "", kArchitecture);
@@ -54,25 +56,37 @@ Status checkArchitecture(const GgufFile& file) {
 
 Status checkSplit(const GgufFile& file) {
   const GgufValue* value = file.find("split.count");
-  if (value == nullptr) return Status::success();
+  if (value == nullptr) {
+    return Status::success();
+  }
   const std::optional<int64_t> count = value->asInteger();
-  if (!count) return notAnInteger("split.count");
-  if (*count <= 1) return Status::success();
+  if (!count) {
+    return notAnInteger("split.count");
+  }
+  if (*count <= 1) {
+    return Status::success();
+  }
   return unsupported("split.count is {}: join the parts into one file first", *count);
 }
 
 Status checkBlockCount(const GgufFile& file) {
   const GgufValue* blocks = file.find("qwen35.block_count");
   const GgufValue* predictors = file.find("qwen35.nextn_predict_layers");
-  if (blocks == nullptr) return Status::success();
+  if (blocks == nullptr) {
+    return Status::success();
+  }
   const std::optional<int64_t> count = blocks->asInteger();
   const std::optional<int64_t> extra = predictors == nullptr ? 0 : predictors->asInteger();
-  if (!count) return notAnInteger("qwen35.block_count");
+  if (!count) {
+    return notAnInteger("qwen35.block_count");
+  }
   if (!extra || *extra < 0 || *extra > 1) {
     return misfit("qwen35.nextn_predict_layers", extra ? std::to_string(*extra) : "no integer",
                   "0 or 1");
   }
-  if (*count >= *extra && *count - *extra == kLayers) return Status::success();
+  if (*count >= *extra && *count - *extra == kLayers) {
+    return Status::success();
+  }
   return misfit("qwen35.block_count", *count, kLayers + *extra);
 }
 
@@ -80,10 +94,14 @@ Status checkBlockCount(const GgufFile& file) {
 Status checkKvHeads(const GgufFile& file) {
   constexpr std::string_view kKey = "qwen35.attention.head_count_kv";
   const GgufValue* value = file.find(kKey);
-  if (value == nullptr) return Status::success();
+  if (value == nullptr) {
+    return Status::success();
+  }
   if (value->type != GgufType::Array) {
     const std::optional<int64_t> count = value->asInteger();
-    if (!count) return notAnInteger(kKey);
+    if (!count) {
+      return notAnInteger(kKey);
+    }
     return *count == kKvHeads ? Status::success() : misfit(kKey, *count, kKvHeads);
   }
   if (value->count < kLayers) {
@@ -92,8 +110,12 @@ Status checkKvHeads(const GgufFile& file) {
   for (uint32_t layer = 0; layer < kLayers; ++layer) {
     const std::optional<int64_t> count = value->integerAt(layer);
     const int64_t needed = isFullLayer(layer) ? kKvHeads : 0;
-    if (!count) return notAnInteger(kKey);
-    if (*count != needed) return misfit(fmt::format("{}[{}]", kKey, layer), *count, needed);
+    if (!count) {
+      return notAnInteger(kKey);
+    }
+    if (*count != needed) {
+      return misfit(fmt::format("{}[{}]", kKey, layer), *count, needed);
+    }
   }
   return Status::success();
 }
@@ -101,10 +123,14 @@ Status checkKvHeads(const GgufFile& file) {
 Status checkRecurrentLayers(const GgufFile& file) {
   constexpr std::string_view kKey = "qwen35.attention.recurrent_layers";
   const GgufValue* value = file.find(kKey);
-  if (value == nullptr) return Status::success();
+  if (value == nullptr) {
+    return Status::success();
+  }
   for (uint32_t layer = 0; layer < kLayers; ++layer) {
     const std::optional<int64_t> recurrent = value->integerAt(layer);
-    if (!recurrent) return malformed("GGUF: {} is not a list of {} bools", kKey, kLayers);
+    if (!recurrent) {
+      return malformed("GGUF: {} is not a list of {} bools", kKey, kLayers);
+    }
     const int needed = isFullLayer(layer) ? 0 : 1;
     if (*recurrent != needed) {
       return misfit(fmt::format("{}[{}]", kKey, layer), *recurrent, needed);
@@ -116,16 +142,26 @@ Status checkRecurrentLayers(const GgufFile& file) {
 Status checkFixedValues(const GgufFile& file) {
   for (const IntegerKey& wanted : kIntegerKeys) {
     const GgufValue* value = file.find(wanted.key);
-    if (value == nullptr) continue;
+    if (value == nullptr) {
+      continue;
+    }
     const std::optional<int64_t> stored = value->asInteger();
-    if (!stored) return notAnInteger(wanted.key);
-    if (*stored != wanted.needed) return misfit(wanted.key, *stored, wanted.needed);
+    if (!stored) {
+      return notAnInteger(wanted.key);
+    }
+    if (*stored != wanted.needed) {
+      return misfit(wanted.key, *stored, wanted.needed);
+    }
   }
   for (const NumberKey& wanted : kNumberKeys) {
     const GgufValue* value = file.find(wanted.key);
-    if (value == nullptr) continue;
+    if (value == nullptr) {
+      continue;
+    }
     const std::optional<double> stored = value->asNumber();
-    if (!stored) return malformed("GGUF: {} is not a number", wanted.key);
+    if (!stored) {
+      return malformed("GGUF: {} is not a number", wanted.key);
+    }
     // Written so that NaN does not fit either.
     if (!(std::abs(*stored - wanted.needed) <= kRelativeTolerance * wanted.needed)) {
       return misfit(wanted.key, *stored, wanted.needed);
@@ -140,7 +176,9 @@ Status checkGgufMetadata(const GgufFile& file) {
   for (const auto& check : {checkArchitecture, checkSplit, checkBlockCount, checkFixedValues,
                             checkKvHeads, checkRecurrentLayers}) {
     Status status = check(file);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
   }
   return Status::success();
 }

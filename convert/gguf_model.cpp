@@ -22,7 +22,9 @@ constexpr std::pair<std::string_view, const char*> kSkipped[] = {
 
 const char* skippedKind(std::string_view name) {
   for (const auto& [prefix, kind] : kSkipped) {
-    if (name.starts_with(prefix)) return kind;
+    if (name.starts_with(prefix)) {
+      return kind;
+    }
   }
   return nullptr;
 }
@@ -63,7 +65,9 @@ const std::vector<std::string_view>* findStrings(const GgufFile& file, std::stri
 // An id, -1 where the key is absent.
 Status readId(const GgufFile& file, std::string_view key, int32_t& id) {
   const GgufValue* value = file.find(key);
-  if (value == nullptr) return Status::success();
+  if (value == nullptr) {
+    return Status::success();
+  }
   const std::optional<int64_t> stored = value->asInteger();
   if (!stored || *stored < -1 || *stored > INT32_MAX) {
     return malformed("GGUF: {} is not a token id", key);
@@ -80,14 +84,17 @@ Status readTokenTypes(const GgufFile& file, Vocabulary& out) {
                      out.tokens.size());
   }
   out.types.reserve(types->count);
-  for (uint64_t i = 0; i < types->count; ++i)
+  for (uint64_t i = 0; i < types->count; ++i) {
     out.types.push_back(static_cast<int32_t>(types->integerAt(i).value_or(kNormalToken)));
+  }
   return Status::success();
 }
 
 Status readMerges(const GgufFile& file, Vocabulary& out) {
   const auto* merges = findStrings(file, "tokenizer.ggml.merges");
-  if (merges == nullptr) return malformed("GGUF: tokenizer.ggml.merges is missing");
+  if (merges == nullptr) {
+    return malformed("GGUF: tokenizer.ggml.merges is missing");
+  }
   for (const std::string_view rule : *merges) {
     if (std::count(rule.begin(), rule.end(), ' ') != 1) {
       return malformed("GGUF: merge rule {} is not a pair", out.merges.size());
@@ -99,18 +106,28 @@ Status readMerges(const GgufFile& file, Vocabulary& out) {
 
 Status readVocabulary(const GgufFile& file, Vocabulary& out) {
   const GgufValue* model = file.find("tokenizer.ggml.model");
-  if (model == nullptr) return malformed("GGUF: tokenizer.ggml.model is missing");
+  if (model == nullptr) {
+    return malformed("GGUF: tokenizer.ggml.model is missing");
+  }
   if (model->text != "gpt2") {
     return misfit("tokenizer.ggml.model", fmt::format("\"{}\"", printable(model->text)),
                   "\"gpt2\"");
   }
   const auto* tokens = findStrings(file, "tokenizer.ggml.tokens");
-  if (tokens == nullptr) return malformed("GGUF: tokenizer.ggml.tokens is missing");
+  if (tokens == nullptr) {
+    return malformed("GGUF: tokenizer.ggml.tokens is missing");
+  }
   out.tokens.assign(tokens->begin(), tokens->end());
   Status status = readTokenTypes(file, out);
-  if (status.ok()) status = readMerges(file, out);
-  if (status.ok()) status = readId(file, "tokenizer.ggml.eos_token_id", out.eosId);
-  if (status.ok()) status = readId(file, "tokenizer.ggml.bos_token_id", out.bosId);
+  if (status.ok()) {
+    status = readMerges(file, out);
+  }
+  if (status.ok()) {
+    status = readId(file, "tokenizer.ggml.eos_token_id", out.eosId);
+  }
+  if (status.ok()) {
+    status = readId(file, "tokenizer.ggml.bos_token_id", out.bosId);
+  }
   const GgufValue* addBos = file.find("tokenizer.ggml.add_bos_token");
   out.addBos = addBos != nullptr && addBos->asBool().value_or(false);
   out.chat = file.find("tokenizer.chat_template") != nullptr;
@@ -121,8 +138,12 @@ Status readVocabulary(const GgufFile& file, Vocabulary& out) {
 Status readHeadOrder(const GgufFile& file, bool& grouped) {
   for (const std::string_view key : {"qwen35.ssm.v_head_reordered", "ssm.v_head_reordered"}) {
     const GgufValue* value = file.find(key);
-    if (value == nullptr) continue;
-    if (!value->asBool()) return malformed("GGUF: {} is not a bool", key);
+    if (value == nullptr) {
+      continue;
+    }
+    if (!value->asBool()) {
+      return malformed("GGUF: {} is not a bool", key);
+    }
     grouped = !*value->asBool();
     return Status::success();
   }
@@ -132,9 +153,13 @@ Status readHeadOrder(const GgufFile& file, bool& grouped) {
 Status readSize(const GgufFile& file, std::string_view key, StatedSize& out) {
   out.field = key;
   const GgufValue* value = file.find(key);
-  if (value == nullptr) return Status::success();
+  if (value == nullptr) {
+    return Status::success();
+  }
   const std::optional<int64_t> stored = value->asInteger();
-  if (!stored || *stored < 0) return malformed("GGUF: {} is not a size", key);
+  if (!stored || *stored < 0) {
+    return malformed("GGUF: {} is not a size", key);
+  }
   out.value = static_cast<uint64_t>(*stored);
   return Status::success();
 }
@@ -143,15 +168,29 @@ Status readSize(const GgufFile& file, std::string_view key, StatedSize& out) {
 
 Status readGgufModel(const GgufFile& file, SourceModel& out) {
   Status status = checkGgufMetadata(file);
-  if (status.ok()) status = readTensors(file, out);
-  if (status.ok()) status = readVocabulary(file, out.vocabulary);
-  if (status.ok()) status = readHeadOrder(file, out.groupedHeads);
-  if (status.ok()) status = readSize(file, "qwen35.embedding_length", out.hidden);
-  if (status.ok()) status = readSize(file, "qwen35.feed_forward_length", out.feedForward);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = readTensors(file, out);
+  }
+  if (status.ok()) {
+    status = readVocabulary(file, out.vocabulary);
+  }
+  if (status.ok()) {
+    status = readHeadOrder(file, out.groupedHeads);
+  }
+  if (status.ok()) {
+    status = readSize(file, "qwen35.embedding_length", out.hidden);
+  }
+  if (status.ok()) {
+    status = readSize(file, "qwen35.feed_forward_length", out.feedForward);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   out.format = fmt::format("GGUF {}", file.version());
   const GgufValue* name = file.find("general.name");
-  if (name != nullptr && name->type == GgufType::String) out.name = printable(name->text);
+  if (name != nullptr && name->type == GgufType::String) {
+    out.name = printable(name->text);
+  }
   return Status::success();
 }
 

@@ -76,7 +76,9 @@ const ElementType* findElementType(uint32_t id) {
 bool readString(ByteCursor& in, std::string_view& out) {
   uint64_t length = 0;
   const uint8_t* bytes = nullptr;
-  if (!in.read(length) || !in.take(length, bytes)) return false;
+  if (!in.read(length) || !in.take(length, bytes)) {
+    return false;
+  }
   out = {reinterpret_cast<const char*>(bytes), length};
   return true;
 }
@@ -87,12 +89,18 @@ Status truncatedValue(std::string_view key) {
 
 Status readArray(ByteCursor& in, std::string_view key, GgufValue& value) {
   uint32_t elementType = 0;
-  if (!in.read(elementType) || !in.read(value.count)) return truncatedValue(key);
+  if (!in.read(elementType) || !in.read(value.count)) {
+    return truncatedValue(key);
+  }
   value.elementType = static_cast<GgufType>(elementType);
   if (value.elementType == GgufType::String) {
-    if (value.count > in.remaining() / sizeof(uint64_t)) return truncatedValue(key);
+    if (value.count > in.remaining() / sizeof(uint64_t)) {
+      return truncatedValue(key);
+    }
     for (uint64_t i = 0; i < value.count; ++i) {
-      if (!readString(in, value.strings.emplace_back())) return truncatedValue(key);
+      if (!readString(in, value.strings.emplace_back())) {
+        return truncatedValue(key);
+      }
     }
     return Status::success();
   }
@@ -109,16 +117,24 @@ Status readArray(ByteCursor& in, std::string_view key, GgufValue& value) {
 
 Status readValue(ByteCursor& in, std::string_view key, GgufValue& value) {
   uint32_t type = 0;
-  if (!in.read(type)) return truncatedValue(key);
+  if (!in.read(type)) {
+    return truncatedValue(key);
+  }
   value.type = static_cast<GgufType>(type);
-  if (value.type == GgufType::Array) return readArray(in, key, value);
+  if (value.type == GgufType::Array) {
+    return readArray(in, key, value);
+  }
   if (value.type == GgufType::String) {
     return readString(in, value.text) ? Status::success() : truncatedValue(key);
   }
   const uint32_t size = ggufTypeSize(value.type);
-  if (size == 0) return malformed("GGUF: {} has the unknown value type {}", printable(key), type);
+  if (size == 0) {
+    return malformed("GGUF: {} has the unknown value type {}", printable(key), type);
+  }
   const uint8_t* bytes = nullptr;
-  if (!in.take(size, bytes)) return truncatedValue(key);
+  if (!in.take(size, bytes)) {
+    return truncatedValue(key);
+  }
   std::memcpy(&value.bits, bytes, size);
   if (value.type == GgufType::Bool && value.bits > 1) {
     return malformed("GGUF: {} is a bool of value {}", printable(key), value.bits);
@@ -129,11 +145,17 @@ Status readValue(ByteCursor& in, std::string_view key, GgufValue& value) {
 // Bytes of a tensor. False when the first dimension is no whole number of blocks or the size does
 // not fit 64 bits.
 bool tensorBytes(const std::vector<uint64_t>& dims, const ElementType& type, uint64_t& nBytes) {
-  if (dims[0] % type.blockLen != 0) return false;
+  if (dims[0] % type.blockLen != 0) {
+    return false;
+  }
   nBytes = dims[0] / type.blockLen;
-  if (__builtin_mul_overflow(nBytes, uint64_t{type.blockBytes}, &nBytes)) return false;
+  if (__builtin_mul_overflow(nBytes, uint64_t{type.blockBytes}, &nBytes)) {
+    return false;
+  }
   for (size_t i = 1; i < dims.size(); ++i) {
-    if (__builtin_mul_overflow(nBytes, dims[i], &nBytes)) return false;
+    if (__builtin_mul_overflow(nBytes, dims[i], &nBytes)) {
+      return false;
+    }
   }
   return true;
 }
@@ -141,19 +163,29 @@ bool tensorBytes(const std::vector<uint64_t>& dims, const ElementType& type, uin
 Status readTensorInfo(ByteCursor& in, GgufTensor& tensor, uint64_t& offset) {
   uint32_t rank = 0;
   uint32_t typeId = 0;
-  if (!readString(in, tensor.name)) return malformed("GGUF: the tensor list is cut off");
+  if (!readString(in, tensor.name)) {
+    return malformed("GGUF: the tensor list is cut off");
+  }
   const std::string name = printable(tensor.name);
   if (tensor.name.size() > kMaxNameBytes) {
     return malformed("GGUF: the tensor name {} has {} bytes, more than {}", name,
                      tensor.name.size(), kMaxNameBytes);
   }
-  if (!in.read(rank)) return malformed("GGUF: the tensor list is cut off");
-  if (rank < 1 || rank > kMaxRank) return malformed("GGUF: {} has rank {}", name, rank);
+  if (!in.read(rank)) {
+    return malformed("GGUF: the tensor list is cut off");
+  }
+  if (rank < 1 || rank > kMaxRank) {
+    return malformed("GGUF: {} has rank {}", name, rank);
+  }
   tensor.dims.resize(rank);
   for (uint64_t& dim : tensor.dims) {
-    if (!in.read(dim)) return malformed("GGUF: the tensor list is cut off");
+    if (!in.read(dim)) {
+      return malformed("GGUF: the tensor list is cut off");
+    }
   }
-  if (!in.read(typeId) || !in.read(offset)) return malformed("GGUF: the tensor list is cut off");
+  if (!in.read(typeId) || !in.read(offset)) {
+    return malformed("GGUF: the tensor list is cut off");
+  }
   const ElementType* type = findElementType(typeId);
   if (type == nullptr || type->blockBytes == 0) {
     return unsupported(
@@ -213,11 +245,17 @@ Status readMetadata(ByteCursor& in, uint64_t count,
                     std::unordered_map<std::string_view, GgufValue>& metadata) {
   for (uint64_t i = 0; i < count; ++i) {
     std::string_view key;
-    if (!readString(in, key)) return malformed("GGUF: the metadata are cut off");
-    if (key.size() > kMaxKeyBytes) return malformed("GGUF: a metadata key is over 65535 bytes");
+    if (!readString(in, key)) {
+      return malformed("GGUF: the metadata are cut off");
+    }
+    if (key.size() > kMaxKeyBytes) {
+      return malformed("GGUF: a metadata key is over 65535 bytes");
+    }
     GgufValue value;
     Status status = readValue(in, key, value);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
     if (!metadata.emplace(key, std::move(value)).second) {
       return malformed("GGUF: the metadata key {} occurs twice", printable(key));
     }
@@ -232,7 +270,9 @@ Status readTensorList(ByteCursor& in, uint64_t count, std::vector<GgufTensor>& t
   offsets.resize(count);
   for (uint64_t i = 0; i < count; ++i) {
     Status status = readTensorInfo(in, tensors[i], offsets[i]);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
     if (!names.emplace(tensors[i].name, i).second) {
       return malformed("GGUF: the tensor name {} occurs twice", printable(tensors[i].name));
     }
@@ -242,7 +282,9 @@ Status readTensorList(ByteCursor& in, uint64_t count, std::vector<GgufTensor>& t
 
 Status readAlignment(const GgufValue* value, uint64_t& alignment) {
   alignment = kDefaultAlignment;
-  if (value == nullptr) return Status::success();
+  if (value == nullptr) {
+    return Status::success();
+  }
   const std::optional<int64_t> stored = value->asInteger();
   if (!stored || *stored < kMinAlignment || *stored > kMaxAlignment ||
       (*stored & (*stored - 1)) != 0) {
@@ -253,7 +295,9 @@ Status readAlignment(const GgufValue* value, uint64_t& alignment) {
 }
 
 Status checkVersion(uint32_t version) {
-  if (version == 2 || version == 3) return Status::success();
+  if (version == 2 || version == 3) {
+    return Status::success();
+  }
   if (version == 0x02000000 || version == 0x03000000) {
     return unsupported("GGUF: big-endian files are not supported");
   }
@@ -269,30 +313,46 @@ Status GgufFile::parse(const uint8_t* data, uint64_t nBytes) {
   uint32_t magic = 0;
   uint64_t tensorCount = 0;
   uint64_t pairCount = 0;
-  if (!in.read(magic) || magic != kMagic) return malformed("GGUF: not a GGUF file");
-  if (!in.read(fileVersion)) return malformed("GGUF: the header is cut off");
+  if (!in.read(magic) || magic != kMagic) {
+    return malformed("GGUF: not a GGUF file");
+  }
+  if (!in.read(fileVersion)) {
+    return malformed("GGUF: the header is cut off");
+  }
   Status status = checkVersion(fileVersion);
-  if (!status.ok()) return status;
-  if (!in.read(tensorCount) || !in.read(pairCount)) return malformed("GGUF: the header is cut off");
+  if (!status.ok()) {
+    return status;
+  }
+  if (!in.read(tensorCount) || !in.read(pairCount)) {
+    return malformed("GGUF: the header is cut off");
+  }
   if (pairCount > std::min(in.remaining() / kMinPairBytes, kMaxEntries)) {
     return malformed("GGUF: {} metadata pairs are more than this file can hold", pairCount);
   }
   status = readMetadata(in, pairCount, metadata);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   if (tensorCount > std::min(in.remaining() / kMinTensorBytes, kMaxEntries)) {
     return malformed("GGUF: {} tensors are more than this file can hold", tensorCount);
   }
   std::vector<uint64_t> offsets;
   status = readTensorList(in, tensorCount, tensorList, offsets);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   uint64_t alignment = 0;
   status = readAlignment(find("general.alignment"), alignment);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   const uint64_t padding = (alignment - (nBytes - in.remaining()) % alignment) % alignment;
   const uint8_t* skipped = nullptr;
   if (!in.take(padding, skipped)) {
     // A file without tensor data may end where its lists end.
-    if (tensorList.empty()) return Status::success();
+    if (tensorList.empty()) {
+      return Status::success();
+    }
     return malformed("GGUF: the file ends before its tensor data: is it complete?");
   }
   return placeTensors(data + (nBytes - in.remaining()), in.remaining(), alignment, offsets,

@@ -27,7 +27,9 @@ std::optional<int64_t> integerOf(GgufType type, uint64_t bits) {
     case GgufType::I64:
       return extended<int64_t>(bits);
     case GgufType::U64:
-      if (bits > static_cast<uint64_t>(INT64_MAX)) return std::nullopt;
+      if (bits > static_cast<uint64_t>(INT64_MAX)) {
+        return std::nullopt;
+      }
       return static_cast<int64_t>(bits);
     default:
       return std::nullopt;
@@ -63,24 +65,36 @@ std::optional<int64_t> GgufValue::asInteger() const {
 }
 
 std::optional<double> GgufValue::asNumber() const {
-  if (type == GgufType::F32) return std::bit_cast<float>(static_cast<uint32_t>(bits));
-  if (type == GgufType::F64) return std::bit_cast<double>(bits);
+  if (type == GgufType::F32) {
+    return std::bit_cast<float>(static_cast<uint32_t>(bits));
+  }
+  if (type == GgufType::F64) {
+    return std::bit_cast<double>(bits);
+  }
   const std::optional<int64_t> integer = asInteger();
-  if (!integer) return std::nullopt;
+  if (!integer) {
+    return std::nullopt;
+  }
   return static_cast<double>(*integer);
 }
 
 std::optional<bool> GgufValue::asBool() const {
-  if (type != GgufType::Bool) return std::nullopt;
+  if (type != GgufType::Bool) {
+    return std::nullopt;
+  }
   return bits != 0;
 }
 
 std::optional<int64_t> GgufValue::integerAt(uint64_t i) const {
   const uint32_t size = ggufTypeSize(elementType);
-  if (type != GgufType::Array || size == 0 || i >= count) return std::nullopt;
+  if (type != GgufType::Array || size == 0 || i >= count) {
+    return std::nullopt;
+  }
   uint64_t element = 0;
   std::memcpy(&element, elements + i * size, size);
-  if (elementType == GgufType::Bool) return element != 0 ? 1 : 0;
+  if (elementType == GgufType::Bool) {
+    return element != 0 ? 1 : 0;
+  }
   return integerOf(elementType, element);
 }
 

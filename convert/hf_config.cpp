@@ -50,16 +50,22 @@ std::string field(std::string_view name) {
 
 Status checkNumber(const json& section, std::string_view prefix, const NumberField& wanted) {
   const json* value = jsonMember(section, wanted.name);
-  if (value == nullptr || value->is_null()) return Status::success();
+  if (value == nullptr || value->is_null()) {
+    return Status::success();
+  }
   const bool fits = value->is_number() && std::abs(value->get<double>() - wanted.needed) <=
                                               kRelativeTolerance * wanted.needed;
-  if (fits) return Status::success();
+  if (fits) {
+    return Status::success();
+  }
   return misfit(field(fmt::format("{}{}", prefix, wanted.name)), shown(*value), wanted.needed);
 }
 
 Status checkText(const json& section, const char* name, std::string_view needed) {
   const json* value = jsonMember(section, name);
-  if (value == nullptr || value->is_null() || *value == needed) return Status::success();
+  if (value == nullptr || value->is_null() || *value == needed) {
+    return Status::success();
+  }
   return misfit(field(name), shown(*value), fmt::format("\"{}\"", needed));
 }
 
@@ -67,7 +73,9 @@ Status checkText(const json& section, const char* name, std::string_view needed)
 Status checkModelType(const json& file, const json& text) {
   for (const json* section : {&file, &text}) {
     const json* type = jsonMember(*section, "model_type");
-    if (type == nullptr) continue;
+    if (type == nullptr) {
+      continue;
+    }
     if (std::find(std::begin(kModelTypes), std::end(kModelTypes), *type) == std::end(kModelTypes)) {
       return misfit(field("model_type"), shown(*type), "\"qwen3_5\" or \"qwen3_5_text\"");
     }
@@ -99,7 +107,9 @@ Status checkNotQuantised(const json& file, const json& text) {
 
 Status checkLayerTypes(const json& text) {
   const json* types = jsonMember(text, "layer_types");
-  if (types == nullptr || types->is_null()) return Status::success();
+  if (types == nullptr || types->is_null()) {
+    return Status::success();
+  }
   if (!types->is_array() || types->size() != kLayers) {
     return misfit(field("the length of layer_types"), types->size(), kLayers);
   }
@@ -117,12 +127,20 @@ Status checkLayerTypes(const json& text) {
 Status checkRope(const json& text) {
   for (const char* name : {"rope_parameters", "rope_scaling"}) {
     const json* rope = jsonMember(text, name);
-    if (rope == nullptr || rope->is_null()) continue;
+    if (rope == nullptr || rope->is_null()) {
+      continue;
+    }
     const std::string prefix = std::string(name) + ".";
     Status status = checkNumber(*rope, prefix, {"rope_theta", 1e7});
-    if (status.ok()) status = checkNumber(*rope, prefix, {"partial_rotary_factor", 0.25});
-    if (status.ok()) status = checkText(*rope, "rope_type", "default");
-    if (!status.ok()) return status;
+    if (status.ok()) {
+      status = checkNumber(*rope, prefix, {"partial_rotary_factor", 0.25});
+    }
+    if (status.ok()) {
+      status = checkText(*rope, "rope_type", "default");
+    }
+    if (!status.ok()) {
+      return status;
+    }
   }
   return Status::success();
 }
@@ -130,11 +148,17 @@ Status checkRope(const json& text) {
 Status checkFields(const json& text) {
   for (const NumberField& wanted : kNumberFields) {
     Status status = checkNumber(text, "", wanted);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
   }
   Status status = checkText(text, "hidden_act", "silu");
-  if (status.ok()) status = checkLayerTypes(text);
-  if (status.ok()) status = checkRope(text);
+  if (status.ok()) {
+    status = checkLayerTypes(text);
+  }
+  if (status.ok()) {
+    status = checkRope(text);
+  }
   const json* gate = jsonMember(text, "attn_output_gate");
   if (status.ok() && gate != nullptr && *gate != true) {
     return misfit(field("attn_output_gate"), shown(*gate), true);
@@ -150,7 +174,9 @@ StatedSize statedSize(const json& text, const char* name) {
 // An id, or the first of a list of ids; -1 for none.
 int32_t tokenId(const json& section, const char* name) {
   const json* value = jsonMember(section, name);
-  if (value != nullptr && value->is_array() && !value->empty()) value = &value->front();
+  if (value != nullptr && value->is_array() && !value->empty()) {
+    value = &value->front();
+  }
   const auto id = value == nullptr ? std::nullopt : jsonUnsigned(*value);
   return id && *id <= INT32_MAX ? static_cast<int32_t>(*id) : -1;
 }
@@ -160,8 +186,12 @@ bool saysUntied(const json& file, const json& text) {
   bool untied = false;
   for (const json* section : {&file, &text}) {
     const json* tied = jsonMember(*section, "tie_word_embeddings");
-    if (tied == nullptr || !tied->is_boolean()) continue;
-    if (tied->get<bool>()) return false;
+    if (tied == nullptr || !tied->is_boolean()) {
+      continue;
+    }
+    if (tied->get<bool>()) {
+      return false;
+    }
     untied = true;
   }
   return untied;
@@ -170,18 +200,28 @@ bool saysUntied(const json& file, const json& text) {
 }  // namespace
 
 Status readHfConfig(const json& file, HfConfig& out) {
-  if (!file.is_object()) return malformed("config.json is not an object");
+  if (!file.is_object()) {
+    return malformed("config.json is not an object");
+  }
   const json* wrapped = jsonMember(file, "text_config");
   const json& text = wrapped != nullptr && wrapped->is_object() ? *wrapped : file;
   Status status = checkModelType(file, text);
-  if (status.ok()) status = checkNotQuantised(file, text);
-  if (status.ok()) status = checkFields(text);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = checkNotQuantised(file, text);
+  }
+  if (status.ok()) {
+    status = checkFields(text);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   out.hidden = statedSize(text, "hidden_size");
   out.feedForward = statedSize(text, "intermediate_size");
   out.vocab = statedSize(text, "vocab_size");
   out.eosId = tokenId(text, "eos_token_id");
-  if (out.eosId < 0) out.eosId = tokenId(file, "eos_token_id");
+  if (out.eosId < 0) {
+    out.eosId = tokenId(file, "eos_token_id");
+  }
   out.bosId = tokenId(text, "bos_token_id");
   out.untied = saysUntied(file, text);
   return status;

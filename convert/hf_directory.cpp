@@ -27,7 +27,9 @@ Status readOptionalJson(const std::string& path, json& out) {
 int32_t idOfToken(const Vocabulary& vocabulary, const json& token) {
   // Stated as text, or as an object with the text inside.
   const json* content = token.is_object() ? jsonMember(token, "content") : &token;
-  if (content == nullptr || !content->is_string()) return -1;
+  if (content == nullptr || !content->is_string()) {
+    return -1;
+  }
   for (size_t id = 0; id < vocabulary.tokens.size(); ++id) {
     if (vocabulary.types[id] == kControlToken && vocabulary.tokens[id] == *content) {
       return static_cast<int32_t>(id);
@@ -40,9 +42,13 @@ int32_t idOfToken(const Vocabulary& vocabulary, const json& token) {
 int32_t endToken(const json& generation, const json& tokenizer, const HfConfig& config,
                  const Vocabulary& vocabulary) {
   const json* ids = jsonMember(generation, "eos_token_id");
-  if (ids != nullptr && ids->is_array() && !ids->empty()) ids = &ids->front();
+  if (ids != nullptr && ids->is_array() && !ids->empty()) {
+    ids = &ids->front();
+  }
   const auto stated = ids == nullptr ? std::nullopt : jsonUnsigned(*ids);
-  if (stated && *stated <= INT32_MAX) return static_cast<int32_t>(*stated);
+  if (stated && *stated <= INT32_MAX) {
+    return static_cast<int32_t>(*stated);
+  }
   const json* token = jsonMember(tokenizer, "eos_token");
   const int32_t id = token == nullptr ? -1 : idOfToken(vocabulary, *token);
   return id >= 0 ? id : config.eosId;
@@ -51,12 +57,20 @@ int32_t endToken(const json& generation, const json& tokenizer, const HfConfig& 
 Status readVocabulary(const std::string& folder, const HfConfig& config, Vocabulary& out) {
   MappedFile file;
   Status status = file.open(folder + "/tokenizer.json");
-  if (status.ok()) status = parseTokenizerJson(file.text(), out);
+  if (status.ok()) {
+    status = parseTokenizerJson(file.text(), out);
+  }
   json tokenizer;
   json generation;
-  if (status.ok()) status = readOptionalJson(folder + "/tokenizer_config.json", tokenizer);
-  if (status.ok()) status = readOptionalJson(folder + "/generation_config.json", generation);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = readOptionalJson(folder + "/tokenizer_config.json", tokenizer);
+  }
+  if (status.ok()) {
+    status = readOptionalJson(folder + "/generation_config.json", generation);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   out.eosId = endToken(generation, tokenizer, config, out);
   out.bosId = config.bosId;
   const json* addBos = jsonMember(tokenizer, "add_bos_token");
@@ -73,15 +87,23 @@ Status readHfDirectory(const std::string& path, SourceModel& out) {
   json configFile;
   Status status = readJsonFile(path + "/config.json", configFile);
   HfConfig config;
-  if (status.ok()) status = readHfConfig(configFile, config);
-  if (status.ok()) status = readHfWeights(path, out);
+  if (status.ok()) {
+    status = readHfConfig(configFile, config);
+  }
+  if (status.ok()) {
+    status = readHfWeights(path, out);
+  }
   if (status.ok() && config.untied && !out.outputHead) {
     status = unsupported(
         "config.json: tie_word_embeddings is false, but there is no lm_head.weight; the runtime "
         "needs an output head that is the embedding");
   }
-  if (status.ok()) status = readVocabulary(path, config, out.vocabulary);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = readVocabulary(path, config, out.vocabulary);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   out.hidden = config.hidden;
   out.feedForward = config.feedForward;
   out.vocab = config.vocab;

@@ -50,7 +50,9 @@ Status checkFileName(const std::string& name) {
                      std::none_of(name.begin(), name.end(), [](unsigned char c) {
                        return c == '/' || c == '\\' || c < 0x20;
                      });
-  if (plain) return Status::success();
+  if (plain) {
+    return Status::success();
+  }
   return malformed("{}: \"{}\" is not the name of a file in this directory", kIndexName,
                    printable(name));
 }
@@ -59,7 +61,9 @@ Status openWeights(const std::string& folder, const std::string& name, SourceMod
                    TensorList& tensors) {
   MappedFile& file = out.files.emplace_back();
   Status status = file.open(folder + "/" + name);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   out.fileNames.push_back(name);
   return parseSafetensors(file.data(), file.size(), name, tensors);
 }
@@ -67,15 +71,21 @@ Status openWeights(const std::string& folder, const std::string& name, SourceMod
 Status readIndex(const std::string& folder, std::map<std::string, std::string>& fileOf) {
   json index;
   Status status = readJsonFile(folder + "/" + kIndexName, index);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   const json* weights = jsonMember(index, "weight_map");
   if (weights == nullptr || !weights->is_object()) {
     return malformed("{}: no weight_map", kIndexName);
   }
   for (const auto& [tensor, file] : weights->items()) {
-    if (!file.is_string()) return malformed("{}: a file name is no text", kIndexName);
+    if (!file.is_string()) {
+      return malformed("{}: a file name is no text", kIndexName);
+    }
     status = checkFileName(file.get_ref<const std::string&>());
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
     fileOf[tensor] = file.get<std::string>();
   }
   return Status::success();
@@ -85,14 +95,18 @@ Status readIndex(const std::string& folder, std::map<std::string, std::string>& 
 Status readShards(const std::string& folder, SourceModel& out, TensorList& tensors) {
   std::map<std::string, std::string> fileOf;
   Status status = readIndex(folder, fileOf);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   std::map<std::string, std::unordered_map<std::string, SafetensorsEntry>> shards;
   for (const auto& [tensor, file] : fileOf) {
     const auto [shard, isNew] = shards.try_emplace(file);
     if (isNew) {
       TensorList entries;
       status = openWeights(folder, file, out, entries);
-      if (!status.ok()) return status;
+      if (!status.ok()) {
+        return status;
+      }
       for (SafetensorsEntry& entry : entries) {
         std::string name = entry.name;
         shard->second.emplace(std::move(name), std::move(entry));
@@ -153,7 +167,9 @@ std::unordered_map<std::string, std::string> nameMap() {
 // Shapes as the container writes them: innermost first, and a convolution without its middle 1.
 Status dimensions(const SafetensorsEntry& entry, std::vector<uint64_t>& dims) {
   dims.assign(entry.shape.rbegin(), entry.shape.rend());
-  if (!entry.name.ends_with("conv1d.weight") || dims.size() != 3) return Status::success();
+  if (!entry.name.ends_with("conv1d.weight") || dims.size() != 3) {
+    return Status::success();
+  }
   if (dims[1] != 1) {
     return unsupported(
         "the shape of {} is [{}, {}, {}]; the importer needs [8192, 1, 4]: a directory converted "
@@ -177,7 +193,9 @@ Status sourceTensor(const SafetensorsEntry& entry, SourceTensor& out) {
 
 const char* skippedKind(std::string_view name) {
   for (const auto& [prefix, kind] : kSkipped) {
-    if (name.starts_with(prefix)) return kind;
+    if (name.starts_with(prefix)) {
+      return kind;
+    }
   }
   return nullptr;
 }
@@ -192,7 +210,9 @@ Status nameTensors(const TensorList& tensors, SourceModel& out) {
     }
     SourceTensor tensor;
     Status status = sourceTensor(entry, tensor);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
     if (entry.name == kOutputHead) {
       out.outputHead = std::move(tensor);
       continue;
@@ -213,8 +233,12 @@ Status readHfWeights(const std::string& folder, SourceModel& out) {
   Status status = std::filesystem::exists(folder + "/" + kIndexName, ignored)
                       ? readShards(folder, out, tensors)
                       : openWeights(folder, kSingleName, out, tensors);
-  if (status.ok()) status = checkOriginal(tensors);
-  if (status.ok()) status = nameTensors(tensors, out);
+  if (status.ok()) {
+    status = checkOriginal(tensors);
+  }
+  if (status.ok()) {
+    status = nameTensors(tensors, out);
+  }
   return status;
 }
 

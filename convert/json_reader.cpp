@@ -25,7 +25,9 @@ struct Refusal {
 class Guard {
  public:
   bool operator()(int depth, json::parse_event_t event, const json& parsed) {
-    if (depth > kMaxDepth) throw Refusal{"is nested too deeply"};
+    if (depth > kMaxDepth) {
+      throw Refusal{"is nested too deeply"};
+    }
     switch (event) {
       case json::parse_event_t::object_start:
         keys.emplace_back();
@@ -72,18 +74,24 @@ Status parseJson(std::string_view text, const std::string& what, json& out) {
 Status readJsonFile(const std::string& path, json& out) {
   MappedFile file;
   Status status = file.open(path);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   return parseJson(file.text(), path, out);
 }
 
 const json* jsonMember(const json& value, const char* key) {
-  if (!value.is_object()) return nullptr;
+  if (!value.is_object()) {
+    return nullptr;
+  }
   const auto found = value.find(key);
   return found == value.end() ? nullptr : &*found;
 }
 
 std::optional<uint64_t> jsonUnsigned(const json& value) {
-  if (value.is_number_unsigned()) return value.get<uint64_t>();
+  if (value.is_number_unsigned()) {
+    return value.get<uint64_t>();
+  }
   return std::nullopt;
 }
 

@@ -41,7 +41,9 @@ Status MappedFile::open(const std::string& path) {
   close();
   // Not blocking: opening a pipe that nobody writes to would wait forever.
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  if (fd < 0) return systemFailure(path);
+  if (fd < 0) {
+    return systemFailure(path);
+  }
   Status status = Status::success();
   struct stat info {};
   if (::fstat(fd, &info) != 0) {
@@ -69,11 +71,15 @@ void MappedFile::release(const uint8_t* data, uint64_t nBytes) {
   const auto begin = (reinterpret_cast<uintptr_t>(data) + page - 1) / page * page;
   const auto end = (reinterpret_cast<uintptr_t>(data) + nBytes) / page * page;
   // Advice only: where it fails, the pages stay until the system wants them back.
-  if (begin < end) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+  if (begin < end) {
+    ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+  }
 }
 
 void MappedFile::close() {
-  if (base != nullptr) ::munmap(const_cast<uint8_t*>(base), nBytes);
+  if (base != nullptr) {
+    ::munmap(const_cast<uint8_t*>(base), nBytes);
+  }
   base = nullptr;
   nBytes = 0;
 }

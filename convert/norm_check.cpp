@@ -22,7 +22,9 @@ Status checkNorms(const std::vector<PlannedTensor>& plan, const SourceModel& sou
   double count = 0;
   std::vector<float> values;
   for (const PlannedTensor& tensor : plan) {
-    if (tensor.spec.suffix != kInputNorm) continue;
+    if (tensor.spec.suffix != kInputNorm) {
+      continue;
+    }
     values.resize(tensor.spec.dims[0]);
     const SourceTypeInfo& type = sourceTypeInfo(*tensor.source->type);
     type.decode(tensor.source->data, values.data(), values.size());

@@ -32,17 +32,23 @@ constexpr ElementSize kElementSizes[] = {
 bool byteSize(const std::vector<uint64_t>& shape, uint64_t elementBits, uint64_t& nBytes) {
   uint64_t bits = elementBits;
   for (const uint64_t dim : shape) {
-    if (__builtin_mul_overflow(bits, dim, &bits)) return false;
+    if (__builtin_mul_overflow(bits, dim, &bits)) {
+      return false;
+    }
   }
   nBytes = bits / 8;
   return bits % 8 == 0;
 }
 
 Status readShape(const json& value, const std::string& name, std::vector<uint64_t>& shape) {
-  if (!value.is_array()) return malformed("safetensors: the shape of {} is not a list", name);
+  if (!value.is_array()) {
+    return malformed("safetensors: the shape of {} is not a list", name);
+  }
   for (const json& dim : value) {
     const auto length = jsonUnsigned(dim);
-    if (!length) return malformed("safetensors: the shape of {} holds no valid length", name);
+    if (!length) {
+      return malformed("safetensors: the shape of {} holds no valid length", name);
+    }
     shape.push_back(*length);
   }
   return Status::success();
@@ -61,7 +67,9 @@ Status readEntry(const std::string& name, const json& value, const uint8_t* buff
   entry.name = name;
   entry.dtype = dtype->get<std::string>();
   Status status = readShape(*shape, shown, entry.shape);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   const auto begin = jsonUnsigned((*offsets)[0]);
   const auto end = jsonUnsigned((*offsets)[1]);
   if (!begin || !end || *begin > *end || *end > bufferBytes) {
@@ -111,23 +119,33 @@ Status parseSafetensors(const uint8_t* file, uint64_t fileBytes, const std::stri
                         std::vector<SafetensorsEntry>& entries) {
   entries.clear();
   uint64_t headerBytes = 0;
-  if (fileBytes < sizeof(headerBytes)) return malformed("{}: too short for safetensors", what);
+  if (fileBytes < sizeof(headerBytes)) {
+    return malformed("{}: too short for safetensors", what);
+  }
   std::memcpy(&headerBytes, file, sizeof(headerBytes));
   const uint64_t left = fileBytes - sizeof(headerBytes);
   if (headerBytes > kMaxHeaderBytes || headerBytes > left) {
     return malformed("{}: no safetensors file, or cut off within its header", what);
   }
   const auto* text = reinterpret_cast<const char*>(file + sizeof(headerBytes));
-  if (headerBytes == 0 || text[0] != '{') return malformed("{}: no safetensors header", what);
+  if (headerBytes == 0 || text[0] != '{') {
+    return malformed("{}: no safetensors header", what);
+  }
   json header;
   Status status = parseJson({text, headerBytes}, what + ": the header", header);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   const uint8_t* buffer = file + sizeof(headerBytes) + headerBytes;
   const uint64_t bufferBytes = left - headerBytes;
   for (const auto& [name, value] : header.items()) {
-    if (name == "__metadata__") continue;
+    if (name == "__metadata__") {
+      continue;
+    }
     status = readEntry(name, value, buffer, bufferBytes, entries.emplace_back());
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
   }
   return checkCoverage(entries, buffer, bufferBytes);
 }

@@ -23,8 +23,9 @@ void addString(Checksum& sum, const std::string& value) {
 
 void addStrings(Checksum& sum, const std::vector<std::string>& values) {
   addU32(sum, values.size());
-  for (const std::string& value : values)
+  for (const std::string& value : values) {
     addString(sum, value);
+  }
 }
 
 void addIntegers(Checksum& sum, const std::vector<int32_t>& values) {
@@ -41,8 +42,9 @@ std::string tokenizerChecksum(const TokenizerData& tables) {
   addIntegers(sum, tables.auxValues);
   addIntegers(sum, tables.tokenTypes);
   addStrings(sum, tables.merges);
-  for (const int32_t id : {tables.bosId, tables.eosId, tables.unkId, tables.extraId})
+  for (const int32_t id : {tables.bosId, tables.eosId, tables.unkId, tables.extraId}) {
     addU32(sum, static_cast<uint32_t>(id));
+  }
   const uint8_t flag = tables.flag ? 1 : 0;
   sum.update(&flag, sizeof(flag));
   return sum.hex();
@@ -62,7 +64,9 @@ void Checksum::Free::operator()(XXH3_state_s* s) const {
 }
 
 Checksum::Checksum() : state(XXH3_createState()) {
-  if (!state) throw std::bad_alloc();
+  if (!state) {
+    throw std::bad_alloc();
+  }
   XXH3_128bits_reset(state.get());
 }
 

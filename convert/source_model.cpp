@@ -18,7 +18,9 @@ namespace fs = std::filesystem;
 Status readFile(const std::string& path, SourceModel& out) {
   MappedFile file;
   Status status = file.open(path);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   const std::string_view start = file.text().substr(0, 4);
   if (start == "ZYM2") {
     return unsupported("{} is a ZYM2 container already: use it as it is", path);
@@ -31,10 +33,16 @@ Status readFile(const std::string& path, SourceModel& out) {
   }
   GgufFile structure;
   status = structure.parse(file.data(), file.size());
-  if (status.ok()) status = readGgufModel(structure, out);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = readGgufModel(structure, out);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   out.fileNames.push_back(fs::path(path).filename().string());
-  if (out.name.empty()) out.name = fs::path(path).stem().string();
+  if (out.name.empty()) {
+    out.name = fs::path(path).stem().string();
+  }
   out.files.push_back(std::move(file));
   return status;
 }
@@ -42,7 +50,9 @@ Status readFile(const std::string& path, SourceModel& out) {
 Status readDirectory(const std::string& path, SourceModel& out) {
   std::error_code error;
   const fs::path folder = fs::canonical(path, error);
-  if (error) return ioFailure("cannot read {}: {}", path, error.message());
+  if (error) {
+    return ioFailure("cannot read {}: {}", path, error.message());
+  }
   if (!fs::exists(folder / "config.json", error)) {
     return malformed("{} is a directory without a config.json", path);
   }

@@ -31,9 +31,15 @@ bool isOneOf(std::string_view name, std::initializer_list<std::string_view> name
 }
 
 QuantType smallType(const MatrixToStore& matrix) {
-  if (matrix.embedding || matrix.suffix == "ssm_out.weight") return QuantType::Q8_0;
-  if (isOneOf(matrix.suffix, {"ssm_alpha.weight", "ssm_beta.weight"})) return QuantType::BF16;
-  if (isOneOf(matrix.suffix, {"ffn_gate.weight", "ffn_up.weight"})) return QuantType::Q4_K;
+  if (matrix.embedding || matrix.suffix == "ssm_out.weight") {
+    return QuantType::Q8_0;
+  }
+  if (isOneOf(matrix.suffix, {"ssm_alpha.weight", "ssm_beta.weight"})) {
+    return QuantType::BF16;
+  }
+  if (isOneOf(matrix.suffix, {"ffn_gate.weight", "ffn_up.weight"})) {
+    return QuantType::Q4_K;
+  }
   return QuantType::Q5_K;
 }
 
@@ -61,7 +67,9 @@ QuantType presetType(const MatrixToStore& matrix, Preset preset) {
 // Where nothing is asked for: the source's type if possible.
 Storage keptStorage(const MatrixToStore& matrix) {
   const SourceTypeInfo& source = sourceTypeInfo(matrix.source);
-  if (source.kept && !matrix.blocksSplit) return {*source.kept, ""};
+  if (source.kept && !matrix.blocksSplit) {
+    return {*source.kept, ""};
+  }
   if (source.kept) {
     return {QuantType::Q8_0,
             fmt::format("blocks of {} are split when value heads are reordered", source.name)};
@@ -73,7 +81,9 @@ Storage wantedStorage(const MatrixToStore& matrix, const StorageChoice& choice) 
   if (matrix.embedding && choice.embeddingType) {
     return {*choice.embeddingType, "embedding type as asked for"};
   }
-  if (choice.type) return {*choice.type, "type as asked for"};
+  if (choice.type) {
+    return {*choice.type, "type as asked for"};
+  }
   if (choice.preset) {
     return {presetType(matrix, *choice.preset),
             fmt::format("preset {}", presetName(*choice.preset))};
@@ -83,7 +93,9 @@ Storage wantedStorage(const MatrixToStore& matrix, const StorageChoice& choice) 
 
 // The nearest format whose blocks divide the row.
 QuantType fittingType(QuantType wanted, uint64_t cols) {
-  if (cols % storedBlockLen(wanted) == 0) return wanted;
+  if (cols % storedBlockLen(wanted) == 0) {
+    return wanted;
+  }
   return cols % quant::kBlockLen == 0 ? QuantType::Q8_0 : QuantType::BF16;
 }
 
@@ -109,7 +121,9 @@ Storage chooseStorage(const MatrixToStore& matrix, const StorageChoice& choice) 
   const SourceTypeInfo& source = sourceTypeInfo(matrix.source);
   Storage storage = wantedStorage(matrix, choice);
   const QuantType wanted = std::exchange(storage.type, fittingType(storage.type, matrix.cols));
-  if (source.kept == storage.type && !matrix.blocksSplit) return {storage.type, ""};
+  if (source.kept == storage.type && !matrix.blocksSplit) {
+    return {storage.type, ""};
+  }
   if (storage.type != wanted) {
     storage.reason +=
         fmt::format("; rows of {} are no whole blocks of {}", matrix.cols, quantTypeName(wanted));
@@ -126,14 +140,18 @@ std::string_view presetName(Preset preset) {
 
 std::optional<QuantType> storageTypeByName(std::string_view name) {
   for (const Named& known : kTypeNames) {
-    if (known.name == name) return known.type;
+    if (known.name == name) {
+      return known.type;
+    }
   }
   return std::nullopt;
 }
 
 std::optional<Preset> presetByName(std::string_view name) {
   const auto* found = std::find(std::begin(kPresetNames), std::end(kPresetNames), name);
-  if (found == std::end(kPresetNames)) return std::nullopt;
+  if (found == std::end(kPresetNames)) {
+    return std::nullopt;
+  }
   return static_cast<Preset>(found - std::begin(kPresetNames));
 }
 

@@ -23,7 +23,9 @@ std::string shapeText(const std::vector<uint64_t>& dims) {
 }
 
 Status checkStated(const StatedSize& stated, uint64_t actual, std::string_view tensor) {
-  if (!stated.value || *stated.value == actual) return Status::success();
+  if (!stated.value || *stated.value == actual) {
+    return Status::success();
+  }
   return unsupported("{} is {}, but {} has {}", stated.field, *stated.value, tensor, actual);
 }
 
@@ -35,8 +37,12 @@ Status missing(std::string_view name) {
 Status readSizes(const SourceModel& source, ModelSizes& sizes) {
   const auto embedding = source.tensors.find(std::string(kEmbeddingName));
   const auto gate = source.tensors.find(std::string(kGateName));
-  if (embedding == source.tensors.end()) return missing(kEmbeddingName);
-  if (gate == source.tensors.end()) return missing(kGateName);
+  if (embedding == source.tensors.end()) {
+    return missing(kEmbeddingName);
+  }
+  if (gate == source.tensors.end()) {
+    return missing(kGateName);
+  }
   for (const auto* tensor : {&embedding->second, &gate->second}) {
     if (tensor->dims.size() != 2 || tensor->dims[0] == 0 || tensor->dims[1] == 0) {
       return unsupported("the shape of {} is {}; the runtime needs a matrix", tensor->name,
@@ -45,7 +51,9 @@ Status readSizes(const SourceModel& source, ModelSizes& sizes) {
   }
   sizes = {embedding->second.dims[0], gate->second.dims[1], embedding->second.dims[1]};
   Status status = checkStated(source.hidden, sizes.hidden, "a row of the embedding");
-  if (status.ok()) status = checkStated(source.vocab, sizes.vocab, "the embedding");
+  if (status.ok()) {
+    status = checkStated(source.vocab, sizes.vocab, "the embedding");
+  }
   if (status.ok()) {
     status = checkStated(source.feedForward, sizes.feedForward, "the feed-forward gate");
   }
@@ -55,10 +63,14 @@ Status readSizes(const SourceModel& source, ModelSizes& sizes) {
 // A stretch at a time, so that two large tensors never fill the memory. False when cancelled.
 bool sameBytes(const SourceTensor& a, const SourceTensor& b, ProgressSink& progress) {
   constexpr uint64_t kStretchBytes = uint64_t{8} << 20;
-  if (a.nBytes != b.nBytes) return false;
+  if (a.nBytes != b.nBytes) {
+    return false;
+  }
   for (uint64_t at = 0; at < a.nBytes; at += kStretchBytes) {
     const uint64_t length = std::min(kStretchBytes, a.nBytes - at);
-    if (progress.cancelled() || std::memcmp(a.data + at, b.data + at, length) != 0) return false;
+    if (progress.cancelled() || std::memcmp(a.data + at, b.data + at, length) != 0) {
+      return false;
+    }
     MappedFile::release(a.data + at, length);
     MappedFile::release(b.data + at, length);
   }
@@ -67,13 +79,17 @@ bool sameBytes(const SourceTensor& a, const SourceTensor& b, ProgressSink& progr
 
 // The runtime computes logits against the embedding. Bytes decide, whatever the metadata say.
 Status checkOutputHead(const SourceModel& source, ProgressSink& progress) {
-  if (!source.outputHead) return Status::success();
+  if (!source.outputHead) {
+    return Status::success();
+  }
   const SourceTensor& head = *source.outputHead;
   const SourceTensor& embedding = source.tensors.at(std::string(kEmbeddingName));
   if (head.typeName == embedding.typeName && sameBytes(head, embedding, progress)) {
     return Status::success();
   }
-  if (progress.cancelled()) return Status::ioError("cancelled");
+  if (progress.cancelled()) {
+    return Status::ioError("cancelled");
+  }
   return unsupported(
       "{} ({} {}) differs from {} ({} {}); the runtime needs an output head that is the embedding",
       head.name, head.typeName, shapeText(head.dims), embedding.name, embedding.typeName,
@@ -82,8 +98,9 @@ Status checkOutputHead(const SourceModel& source, ProgressSink& progress) {
 
 // Dimensions of 1 at the end say nothing.
 bool sameShape(std::vector<uint64_t> dims, const std::vector<uint64_t>& wanted) {
-  while (dims.size() > wanted.size() && dims.back() == 1)
+  while (dims.size() > wanted.size() && dims.back() == 1) {
     dims.pop_back();
+  }
   return dims == wanted;
 }
 
@@ -103,7 +120,9 @@ Status checkTensor(const SourceTensor& tensor, const TensorSpec& spec, bool grou
     return misfit(fmt::format("the shape of {}", tensor.name), shapeText(tensor.dims),
                   shapeText(spec.dims));
   }
-  if (tensor.type) return checkVectorType(tensor, spec, groupedHeads);
+  if (tensor.type) {
+    return checkVectorType(tensor, spec, groupedHeads);
+  }
   return unsupported(
       "{} has the element type {}, which cannot be decoded; F32, F16, BF16, Q4_0 to Q8_0, Q2_K to "
       "Q6_K, IQ4_NL and IQ4_XS can",
@@ -133,8 +152,9 @@ void decideStorage(const SourceModel& source, const StorageChoice& choice, Plann
     plan.reason = from.kept == QuantType::F32 ? "" : "vectors are stored as F32";
   }
   uint64_t rows = 1;
-  for (size_t i = 1; i < plan.spec.dims.size(); ++i)
+  for (size_t i = 1; i < plan.spec.dims.size(); ++i) {
     rows *= plan.spec.dims[i];
+  }
   plan.storedBytes = rows * quant::quantizedBytes(plan.stored, plan.spec.dims[0]);
 }
 
@@ -154,17 +174,25 @@ Status planTensors(const SourceModel& source, const StorageChoice& storage, Prog
                    std::vector<PlannedTensor>& out) {
   ModelSizes sizes;
   Status status = readSizes(source, sizes);
-  if (status.ok()) status = checkOutputHead(source, progress);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = checkOutputHead(source, progress);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   std::set<std::string> used;
   for (TensorSpec& spec : modelTensors(sizes)) {
     const auto found = source.tensors.find(spec.name);
     if (found == source.tensors.end()) {
-      if (spec.required) return missing(spec.name);
+      if (spec.required) {
+        return missing(spec.name);
+      }
       continue;
     }
     status = checkTensor(found->second, spec, source.groupedHeads);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
     used.insert(spec.name);
     PlannedTensor& plan = out.emplace_back();
     plan.spec = std::move(spec);

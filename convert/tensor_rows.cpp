@@ -24,15 +24,17 @@ void encodeBfloat16(const float* values, size_t n, uint8_t* out) {
 bool allFinite(const float* values, size_t n) {
   constexpr uint32_t kInfinity = 0x7F800000;
   uint32_t largest = 0;
-  for (size_t i = 0; i < n; ++i)
+  for (size_t i = 0; i < n; ++i) {
     largest = std::max(largest, std::bit_cast<uint32_t>(values[i]) & 0x7FFFFFFFU);
+  }
   return largest < kInfinity;
 }
 
 // Columns of all value heads from grouped to tiled order; unitBytes: of one head.
 void tileColumns(const uint8_t* from, uint8_t* out, size_t unitBytes) {
-  for (uint64_t head = 0; head < kValueHeads; ++head)
+  for (uint64_t head = 0; head < kValueHeads; ++head) {
     std::memcpy(out + head * unitBytes, from + groupedHead(head) * unitBytes, unitBytes);
+  }
 }
 
 }  // namespace
@@ -89,16 +91,20 @@ void TensorRows::copyRow(const uint8_t* from, uint8_t* out) const {
 
 bool TensorRows::transform(float* values) const {
   if (addOne) {
-    for (uint64_t i = 0; i < colCount; ++i)
+    for (uint64_t i = 0; i < colCount; ++i) {
       values[i] = 1.0F + values[i];
+    }
   }
   if (negateExp) {
-    for (uint64_t i = 0; i < colCount; ++i)
+    for (uint64_t i = 0; i < colCount; ++i) {
       values[i] = -std::exp(values[i]);
+    }
   }
   if (plan.spec.role == TensorRole::Decay) {
     for (uint64_t i = 0; i < colCount; ++i) {
-      if (!(values[i] < 0)) return false;
+      if (!(values[i] < 0)) {
+        return false;
+      }
     }
   }
   return allFinite(values, colCount);
@@ -118,7 +124,9 @@ bool TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
                 colCount / kValueHeads * sizeof(float));
     values = tiled;
   }
-  if (!transform(values)) return false;
+  if (!transform(values)) {
+    return false;
+  }
   encodeRow(plan.stored, values, colCount, out);
   return true;
 }

@@ -26,7 +26,9 @@ Status copyStretches(const PlannedTensor& plan, const StoredBytesSink& sink) {
   for (uint64_t at = 0; at < source.nBytes; at += kStretchBytes) {
     const uint64_t length = std::min(kStretchBytes, source.nBytes - at);
     Status status = sink(source.data + at, length, length);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
     MappedFile::release(source.data + at, length);
   }
   return Status::success();
@@ -46,8 +48,9 @@ class Stretch {
     std::atomic<bool> sound = true;
     {
       std::vector<std::jthread> others;
-      for (unsigned t = 1; t < threads; ++t)
+      for (unsigned t = 1; t < threads; ++t) {
         others.emplace_back([&, t] { convertPart(first, count, t, sound); });
+      }
       convertPart(first, count, 0, sound);
     }
     return sound;
@@ -60,8 +63,9 @@ class Stretch {
     float* own = scratch.data() + size_t{thread} * 2 * rows.cols();
     const uint64_t end = count * (thread + 1) / threads;
     for (uint64_t i = count * thread / threads; i < end && sound; ++i) {
-      if (!rows.convertRow(first + i, stored.data() + i * rows.storedRowBytes(), own))
+      if (!rows.convertRow(first + i, stored.data() + i * rows.storedRowBytes(), own)) {
         sound = false;
+      }
     }
   }
 
@@ -76,7 +80,9 @@ class Stretch {
 Status streamTensor(const PlannedTensor& plan, const SourceModel& source, unsigned threads,
                     const StoredBytesSink& sink) {
   const TensorRows rows(plan, source);
-  if (rows.isPlainCopy()) return copyStretches(plan, sink);
+  if (rows.isPlainCopy()) {
+    return copyStretches(plan, sink);
+  }
   const uint64_t rowBytes = rows.cols() * sizeof(float);
   const uint64_t perStretch =
       std::clamp<uint64_t>(kStretchBytes / rowBytes, 1, std::max<uint64_t>(rows.rows(), 1));
@@ -85,10 +91,14 @@ Status streamTensor(const PlannedTensor& plan, const SourceModel& source, unsign
   Stretch stretch(rows, perStretch, small ? 1 : threads);
   for (uint64_t row = 0; row < rows.rows(); row += perStretch) {
     const uint64_t count = std::min(perStretch, rows.rows() - row);
-    if (!stretch.convert(row, count)) return badValue(plan);
+    if (!stretch.convert(row, count)) {
+      return badValue(plan);
+    }
     Status status =
         sink(stretch.data(), count * rows.storedRowBytes(), count * rows.sourceRowBytes());
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
     rows.releaseRows(row, count);
   }
   return Status::success();

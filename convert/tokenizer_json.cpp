@@ -59,9 +59,13 @@ Status readTokens(const json& vocab, const json* added, Vocabulary& out) {
   TokenList list(vocab.size() + (added == nullptr ? 0 : added->size()), out);
   for (const auto& [text, id] : vocab.items()) {
     Status status = list.add(text, id, kNormalToken);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
   }
-  if (added == nullptr) return Status::success();
+  if (added == nullptr) {
+    return Status::success();
+  }
   for (const json& token : *added) {
     const json* content = jsonMember(token, "content");
     const json* id = jsonMember(token, "id");
@@ -69,7 +73,9 @@ Status readTokens(const json& vocab, const json* added, Vocabulary& out) {
       return malformed("tokenizer.json: an added token lacks its content or id");
     }
     Status status = list.add(content->get_ref<const std::string&>(), *id, kControlToken);
-    if (!status.ok()) return status;
+    if (!status.ok()) {
+      return status;
+    }
   }
   return Status::success();
 }
@@ -78,7 +84,9 @@ Status readTokens(const json& vocab, const json* added, Vocabulary& out) {
 std::optional<std::string> mergeRule(const json& rule) {
   if (rule.is_string()) {
     const auto& text = rule.get_ref<const std::string&>();
-    if (std::count(text.begin(), text.end(), ' ') != 1) return std::nullopt;
+    if (std::count(text.begin(), text.end(), ' ') != 1) {
+      return std::nullopt;
+    }
     return text;
   }
   if (!rule.is_array() || rule.size() != 2 || !rule[0].is_string() || !rule[1].is_string()) {
@@ -92,7 +100,9 @@ std::optional<std::string> mergeRule(const json& rule) {
 Status parseTokenizerJson(std::string_view text, Vocabulary& out) {
   json file;
   Status status = parseJson(text, "tokenizer.json", file);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   const json* model = jsonMember(file, "model");
   const json* type = model == nullptr ? nullptr : jsonMember(*model, "type");
   const json* vocab = model == nullptr ? nullptr : jsonMember(*model, "vocab");
@@ -104,7 +114,9 @@ Status parseTokenizerJson(std::string_view text, Vocabulary& out) {
     return misfit("tokenizer.json: model.type", printable(type->dump()), "\"BPE\"");
   }
   status = readTokens(*vocab, jsonMember(file, "added_tokens"), out);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   out.merges.reserve(merges->size());
   for (const json& rule : *merges) {
     std::optional<std::string> merge = mergeRule(rule);

@@ -34,7 +34,9 @@ void padTokens(Vocabulary& vocabulary, uint64_t rows) {
 }
 
 int32_t endToken(const Vocabulary& vocabulary) {
-  if (!vocabulary.chat) return vocabulary.eosId;
+  if (!vocabulary.chat) {
+    return vocabulary.eosId;
+  }
   for (size_t id = 0; id < vocabulary.tokens.size(); ++id) {
     if (vocabulary.types[id] == kControlToken && vocabulary.tokens[id] == kTurnEnd) {
       return static_cast<int32_t>(id);
@@ -70,16 +72,21 @@ Status checkIds(const Vocabulary& vocabulary) {
 void storeAlphabet(Vocabulary& vocabulary) {
   const auto lineFeed =
       std::find(vocabulary.tokens.begin(), vocabulary.tokens.end(), kLineFeedLetter);
-  if (lineFeed != vocabulary.tokens.end()) lineFeed->assign(1, '\n');
+  if (lineFeed != vocabulary.tokens.end()) {
+    lineFeed->assign(1, '\n');
+  }
 }
 
 void storeRaw(Vocabulary& vocabulary) {
   for (size_t id = 0; id < vocabulary.tokens.size(); ++id) {
-    if (!isLiteral(vocabulary.types[id])) vocabulary.tokens[id] = rawText(vocabulary.tokens[id]);
+    if (!isLiteral(vocabulary.types[id])) {
+      vocabulary.tokens[id] = rawText(vocabulary.tokens[id]);
+    }
   }
   // A rule's two sides hold no plain space before or after: the space stays a letter.
-  for (std::string& rule : vocabulary.merges)
+  for (std::string& rule : vocabulary.merges) {
     rule = rawText(rule);
+  }
 }
 
 }  // namespace
@@ -119,11 +126,16 @@ Status buildTokenizer(Vocabulary vocabulary, uint64_t vocabRows, VocabularyForm 
                        kMaxRows);
   }
   Status status = checkFirstMerge(vocabulary.merges);
-  if (status.ok()) status = checkIds(vocabulary);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = checkIds(vocabulary);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   padTokens(vocabulary, vocabRows);
-  for (int32_t& type : vocabulary.types)
+  for (int32_t& type : vocabulary.types) {
     type = storedType(type);
+  }
 
   out = {};
   out.bosId = vocabulary.addBos ? vocabulary.bosId : -1;

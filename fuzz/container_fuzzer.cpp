@@ -17,7 +17,9 @@ void openAndWalk(const kel::test::Bytes& bytes) {
   static const std::string path = file.path();
   file.write(bytes);
   kel::ZYMLoader loader;
-  if (loader.open(path.c_str()).ok() && kel::test::walk(loader) == SIZE_MAX) __builtin_trap();
+  if (loader.open(path.c_str()).ok() && kel::test::walk(loader) == SIZE_MAX) {
+    __builtin_trap();
+  }
 }
 
 bool hasWholeTable(const ContainerImage& image) {
@@ -31,6 +33,8 @@ bool hasWholeTable(const ContainerImage& image) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ContainerImage image(kel::test::Bytes(data, data + size));
   openAndWalk(image.bytes);
-  if (hasWholeTable(image)) openAndWalk(image.fixCrc().bytes);
+  if (hasWholeTable(image)) {
+    openAndWalk(image.fixCrc().bytes);
+  }
   return 0;
 }

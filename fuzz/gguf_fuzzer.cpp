@@ -12,13 +12,16 @@
 namespace {
 
 void require(bool condition) {
-  if (!condition) std::abort();
+  if (!condition) {
+    std::abort();
+  }
 }
 
 uint64_t byteSum(const uint8_t* data, uint64_t nBytes) {
   uint64_t sum = 0;
-  for (uint64_t i = 0; i < nBytes; ++i)
+  for (uint64_t i = 0; i < nBytes; ++i) {
     sum += data[i];
+  }
   return sum;
 }
 
@@ -26,11 +29,16 @@ uint64_t byteSum(const uint8_t* data, uint64_t nBytes) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   kel::convert::GgufFile file;
-  if (!file.parse(data, size).ok()) return 0;
-  for (const kel::convert::GgufTensor& tensor : file.tensors())
+  if (!file.parse(data, size).ok()) {
+    return 0;
+  }
+  for (const kel::convert::GgufTensor& tensor : file.tensors()) {
     require(byteSum(tensor.data, tensor.nBytes) != UINT64_MAX);
+  }
   kel::convert::SourceModel model;
-  if (!readGgufModel(file, model).ok()) return 0;
+  if (!readGgufModel(file, model).ok()) {
+    return 0;
+  }
   require(model.vocabulary.tokens.size() == model.vocabulary.types.size());
   std::vector<kel::convert::PlannedTensor> plan;
   kel::convert::ProgressSink quiet;

@@ -52,7 +52,9 @@ void encodeTwice(const Format& format, size_t n, const uint8_t* data, size_t siz
   std::vector<uint8_t> again(blocks.size(), 0xFF);
   format.encode(row.data(), blocks.data(), n);
   format.encode(row.data(), again.data(), n);
-  if (blocks != again) std::abort();
+  if (blocks != again) {
+    std::abort();
+  }
   format.decode(blocks.data(), row.data(), n);
 }
 
@@ -66,7 +68,9 @@ void decodeQ8K(size_t n, const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size < 3) return 0;
+  if (size < 3) {
+    return 0;
+  }
   const size_t choice = data[0] % (kFormatCount + 1);
   const size_t n = (data[1] + 256U * data[2]) % 2048;
   data += 3;

@@ -8,12 +8,18 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<kel::convert::SafetensorsEntry> entries;
-  if (!parseSafetensors(data, size, "input", entries).ok() || entries.empty()) return 0;
+  if (!parseSafetensors(data, size, "input", entries).ok() || entries.empty()) {
+    return 0;
+  }
   const uint8_t* at = entries.front().data;
   for (const kel::convert::SafetensorsEntry& entry : entries) {
-    if (entry.data != at) std::abort();
+    if (entry.data != at) {
+      std::abort();
+    }
     at += entry.nBytes;
   }
-  if (at != data + size) std::abort();
+  if (at != data + size) {
+    std::abort();
+  }
   return 0;
 }

@@ -19,7 +19,9 @@ namespace {
 constexpr size_t kMaxReferenceBytes = 200;  // the rescan is quadratic
 
 void require(bool condition) {
-  if (!condition) std::abort();
+  if (!condition) {
+    std::abort();
+  }
 }
 
 // Takes the vocabulary's lines off the front of input.
@@ -29,7 +31,9 @@ kel::TokenizerData takeVocabulary(std::string_view& input) {
     const size_t end = std::min(input.find('\n'), input.size());
     const std::string_view line = input.substr(0, end);
     input.remove_prefix(std::min(end + 1, input.size()));
-    if (line.empty()) break;
+    if (line.empty()) {
+      break;
+    }
     const std::string rest(line.substr(1));
     if (line.front() == 'm') {
       data.merges.push_back(rest);
@@ -48,7 +52,9 @@ void checkMerging(const kel::Tokenizer& tokenizer, std::string_view piece) {
   const auto ranks = kel::testing::referenceRanks(tokenizer.merges);
   for (const std::string& symbol : kel::testing::referenceMerge(piece, ranks)) {
     const int32_t id = tokenizer.tokenToId(symbol);
-    if (id >= 0 || tokenizer.unkId >= 0) expected.push_back(id >= 0 ? id : tokenizer.unkId);
+    if (id >= 0 || tokenizer.unkId >= 0) {
+      expected.push_back(id >= 0 ? id : tokenizer.unkId);
+    }
   }
   std::vector<int32_t> ids;
   require(tokenizer.tokenizeBpe(piece, ids).ok());
@@ -68,6 +74,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   require(tokenizer.encode(input, ids, true).ok() == hasTokens);
   std::string text;
   require(tokenizer.decode(ids, text).ok() == hasTokens);
-  if (hasTokens) checkMerging(tokenizer, input.substr(0, kMaxReferenceBytes));
+  if (hasTokens) {
+    checkMerging(tokenizer, input.substr(0, kMaxReferenceBytes));
+  }
   return 0;
 }

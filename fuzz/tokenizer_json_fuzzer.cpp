@@ -13,7 +13,9 @@ using kel::convert::Vocabulary;
 using kel::convert::VocabularyForm;
 
 void require(bool condition) {
-  if (!condition) std::abort();
+  if (!condition) {
+    std::abort();
+  }
 }
 
 }  // namespace
@@ -21,12 +23,16 @@ void require(bool condition) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Vocabulary vocabulary;
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  if (!parseTokenizerJson(text, vocabulary).ok()) return 0;
+  if (!parseTokenizerJson(text, vocabulary).ok()) {
+    return 0;
+  }
   require(vocabulary.tokens.size() == vocabulary.types.size());
   const size_t rows = vocabulary.tokens.size() + 2;
   for (const VocabularyForm form : {VocabularyForm::Alphabet, VocabularyForm::Raw}) {
     kel::TokenizerData tables;
-    if (!buildTokenizer(vocabulary, rows, form, tables).ok()) continue;
+    if (!buildTokenizer(vocabulary, rows, form, tables).ok()) {
+      continue;
+    }
     require(tables.tokens.size() == rows && tables.tokenTypes.size() == rows);
     require(tables.merges.size() == vocabulary.merges.size());
   }

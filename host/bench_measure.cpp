@@ -35,8 +35,9 @@ bool contextFull(Backend& backend) {
 
 std::string filling(uint64_t words) {
   std::string text;
-  for (uint64_t i = 0; i < words; ++i)
+  for (uint64_t i = 0; i < words; ++i) {
     text += i % 8 == 7 ? "runtime " : "the ";
+  }
   return text;
 }
 
@@ -50,7 +51,9 @@ ModelWork modelWork(const kel::ZYM2Reader& reader) {
     const kel::ZYM2Reader::TensorEntryView tensor = reader.tensorView(size_t{i});
     const bool isMatrix = entry != nullptr && tensor.rank == 2;
     const bool isBlock = isMatrix && std::memcmp(entry, "blk.", 4) == 0;  // the name comes first
-    if (isBlock) work.multiplyAddsPerPrefillToken += tensor.dims[0] * tensor.dims[1];
+    if (isBlock) {
+      work.multiplyAddsPerPrefillToken += tensor.dims[0] * tensor.dims[1];
+    }
   }
   return work;
 }
@@ -73,11 +76,16 @@ Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run,
   while (filled < positions) {
     const uint64_t words = std::min(kWordsPerTurn, positions - filled);
     Status status = backend.turn(filling(words), nullptr, &cancel);
-    if (!status.ok() && contextFull(backend))
+    if (!status.ok() && contextFull(backend)) {
       return Status::invalid("the context is full before the decode steps; lower --prompt or --at");
-    if (!status.ok()) return status;
+    }
+    if (!status.ok()) {
+      return status;
+    }
     filled = backend.stats().contextTokens;
-    if (onProgress) onProgress(filled);
+    if (onProgress) {
+      onProgress(filled);
+    }
   }
   run.seconds = milliseconds(Clock::now() - start) / 1000;
   run.positions = filled;
@@ -91,21 +99,31 @@ Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps, std::vect
     if (contextFull(backend)) {
       PrefillRun again;
       Status status = measurePrefill(backend, behind, again);
-      if (!status.ok()) return status;
+      if (!status.ok()) {
+        return status;
+      }
     }
     volatile int cancel = 0;
     std::optional<Clock::time_point> last;
     const size_t before = stepMs.size();
     const auto onPiece = [&](std::string_view) {
       const auto now = Clock::now();
-      if (last) stepMs.push_back(milliseconds(now - *last));
-      if (stepMs.size() >= nSteps) cancel = 1;
-      if (onProgress) onProgress(stepMs.size());
+      if (last) {
+        stepMs.push_back(milliseconds(now - *last));
+      }
+      if (stepMs.size() >= nSteps) {
+        cancel = 1;
+      }
+      if (onProgress) {
+        onProgress(stepMs.size());
+      }
       last = Clock::now();
     };
     Status status = backend.turn("Hello", onPiece, &cancel);
     // A turn that found no room is one without steps.
-    if (!status.ok() && !contextFull(backend)) return status;
+    if (!status.ok() && !contextFull(backend)) {
+      return status;
+    }
     silent = stepMs.size() == before ? silent + 1 : 0;
   }
   return Status::success();
@@ -115,7 +133,9 @@ Status checkBenchSize(const BackendLimits& limits, uint64_t behind, size_t nStep
   const uint64_t stepsPerTurn = std::max<uint64_t>(limits.turnTokens, 2) - 1;
   const uint64_t turns = nSteps / stepsPerTurn + 1;
   const uint64_t needed = behind + kFillingExtra + nSteps + turns * kTurnExtra;
-  if (needed <= limits.contextCapacity) return Status::success();
+  if (needed <= limits.contextCapacity) {
+    return Status::success();
+  }
   return Status::invalid(
       fmt::format("{} steps behind {} positions take about {} with the framing, the context holds "
                   "{}; lower --steps, or --prompt and --at",

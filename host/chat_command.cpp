@@ -31,8 +31,9 @@ ChatCommand parseSet(std::istringstream& words) {
   std::string value;
   std::string surplus;
   words >> name >> value;
-  if (value.empty() || words >> surplus)
+  if (value.empty() || words >> surplus) {
     return unknown("/set takes a name and a value, as in /set temperature 0.7");
+  }
   ChatCommand command{ChatCommandKind::Set, {}, {}};
   const kel::Status status = setSampling(name, value, command.sampling);
   return status.ok() ? command : unknown(status.message);
@@ -52,15 +53,25 @@ const char* const kChatHelp =
     "Ctrl-C                 stop the reply";
 
 ChatCommand parseChatCommand(std::string_view line) {
-  if (line.find_first_not_of(" \t\r\n") == std::string_view::npos) return {};
-  if (line.front() != '/') return {ChatCommandKind::Message, {}, std::string(line)};
-  if (line.starts_with("//")) return {ChatCommandKind::Message, {}, std::string(line.substr(1))};
+  if (line.find_first_not_of(" \t\r\n") == std::string_view::npos) {
+    return {};
+  }
+  if (line.front() != '/') {
+    return {ChatCommandKind::Message, {}, std::string(line)};
+  }
+  if (line.starts_with("//")) {
+    return {ChatCommandKind::Message, {}, std::string(line.substr(1))};
+  }
   std::istringstream words{std::string(line)};
   std::string name;
   words >> name;
-  if (name == "/set") return parseSet(words);
+  if (name == "/set") {
+    return parseSet(words);
+  }
   for (const Name& known : kPlainCommands) {
-    if (known.text == name) return {known.kind, {}, {}};
+    if (known.text == name) {
+      return {known.kind, {}, {}};
+    }
   }
   return unknown("no command " + name + "; /help lists them");
 }

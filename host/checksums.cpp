@@ -15,7 +15,9 @@ std::string checksumText(const uint8_t* data, uint64_t nBytes,
   for (uint64_t at = 0; at < nBytes; at += kStretch) {
     const uint64_t length = std::min(kStretch, nBytes - at);
     sum.update(data + at, length);
-    if (onBytes) onBytes(length);
+    if (onBytes) {
+      onBytes(length);
+    }
   }
   return sum.hex();
 }

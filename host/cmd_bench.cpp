@@ -53,7 +53,9 @@ struct BenchReport {
 Status readWork(const std::string& path, ModelWork& work) {
   kel::ZYM2Reader reader;
   Status status = reader.open(path.c_str());
-  if (status.ok()) work = modelWork(reader);
+  if (status.ok()) {
+    work = modelWork(reader);
+  }
   return status;
 }
 
@@ -65,7 +67,9 @@ uint64_t decodeAt(const BenchOptions& options) {
 // The prefill generates nothing; decoding has its own length.
 Status checkSizes(const BackendLimits& limits, const BenchOptions& options) {
   Status status = checkBenchSize(limits, options.prompt, 0);
-  if (status.ok()) status = checkBenchSize(limits, decodeAt(options), options.steps);
+  if (status.ok()) {
+    status = checkBenchSize(limits, decodeAt(options), options.steps);
+  }
   return status;
 }
 
@@ -96,26 +100,36 @@ Status measureOnce(Backend& backend, const BenchOptions& options, BenchProgress&
                    BenchReport& report) {
   PrefillRun prefill;
   Status status = measurePrefill(backend, options.prompt, prefill, progress.next(options.prompt));
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   report.prefillPositions = prefill.positions;
   report.prefillSpeeds.push_back(static_cast<double>(prefill.positions) / prefill.seconds);
-  if (options.at > 0)
+  if (options.at > 0) {
     status = measurePrefill(backend, options.at, prefill, progress.next(options.at));
-  if (!status.ok()) return status;
+  }
+  if (!status.ok()) {
+    return status;
+  }
   report.decodeAt = prefill.positions;
   std::vector<double> stepMs;
   status = measureDecode(backend, decodeAt(options), options.steps, stepMs,
                          progress.next(options.steps));
-  if (status.ok() && stepMs.empty()) return Status::invalid("the model gives no text to measure");
-  if (status.ok()) report.decodeSpeeds.push_back(1000 / spreadOf(stepMs).median);
+  if (status.ok() && stepMs.empty()) {
+    return Status::invalid("the model gives no text to measure");
+  }
+  if (status.ok()) {
+    report.decodeSpeeds.push_back(1000 / spreadOf(stepMs).median);
+  }
   return status;
 }
 
 Status measureRepeatedly(Backend& backend, const BenchOptions& options, BenchReport& report) {
   Status status;
   BenchProgress progress(options);
-  for (int i = 0; status.ok() && i < options.repetitions; ++i)
+  for (int i = 0; status.ok() && i < options.repetitions; ++i) {
     status = measureOnce(backend, options, progress, report);
+  }
   return status;
 }
 
@@ -126,10 +140,18 @@ Status measure(const BenchOptions& options, BenchReport& report) {
   Status status = openEngine(options.engine, engine);
   const std::chrono::duration<double> created = std::chrono::steady_clock::now() - start;
   report.createSeconds = created.count();
-  if (status.ok()) status = checkSizes(engine.backend->limits(), options);
-  if (status.ok()) status = readWork(options.engine.model, report.work);
-  if (status.ok()) status = measureRepeatedly(*engine.backend, options, report);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = checkSizes(engine.backend->limits(), options);
+  }
+  if (status.ok()) {
+    status = readWork(options.engine.model, report.work);
+  }
+  if (status.ok()) {
+    status = measureRepeatedly(*engine.backend, options, report);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   report.memory = memoryUse();
   report.bandwidth = readBandwidth(kBandwidthBuffer, report.threads);
   report.multiplyPeak = multiplyPeak(report.threads);

@@ -49,7 +49,9 @@ class Chat {
 };
 
 int Chat::loop() {
-  if (interactive) remark("Type a message. /help lists the commands.");
+  if (interactive) {
+    remark("Type a message. /help lists the commands.");
+  }
   int status = 0;
   std::string line;
   bool stays = true;
@@ -69,7 +71,9 @@ LineResult Chat::readLine(const char* prompt, std::string& line) {
       warned = false;
       return result;
     }
-    if (warned || !interactive) return result;
+    if (warned || !interactive) {
+      return result;
+    }
     if (wasEmpty) {
       remark(hint());
       warned = true;
@@ -79,8 +83,12 @@ LineResult Chat::readLine(const char* prompt, std::string& line) {
 
 // Of a chat whose input gives no more lines.
 int exitStatus(LineResult result, const std::string& fault) {
-  if (result == LineResult::Interrupted) return kInterruptedExit;
-  if (result != LineResult::Failed) return 0;
+  if (result == LineResult::Interrupted) {
+    return kInterruptedExit;
+  }
+  if (result != LineResult::Failed) {
+    return 0;
+  }
   complain(fault);
   return 1;
 }
@@ -89,28 +97,44 @@ bool Chat::readMessage(std::string& message, int& status) {
   LineResult result = LineResult::Interrupted;
   do {
     result = readLine("> ", message);
-    if (result != LineResult::Line) break;
+    if (result != LineResult::Line) {
+      break;
+    }
     // Two slashes begin a message.
     const bool isCommand = message.starts_with('/') && !message.starts_with("//");
-    if (!multiline || isCommand) return true;
+    if (!multiline || isCommand) {
+      return true;
+    }
     result = readFurtherLines(message);
     // A person drops the unfinished message with Ctrl-C and starts over.
   } while (result == LineResult::Interrupted && interactive);
-  if (result == LineResult::Line) return true;
+  if (result == LineResult::Line) {
+    return true;
+  }
   status = exitStatus(result, message);
   return false;
 }
 
 LineResult Chat::readFurtherLines(std::string& message) {
-  if (message == ".") message.clear();
+  if (message == ".") {
+    message.clear();
+  }
   std::string line;
   while (!message.empty()) {
     bool wasEmpty = true;
     const LineResult next = lines->read(". ", line, wasEmpty);
-    if (next == LineResult::Interrupted && interactive) remark("(the message is dropped)");
-    if (next == LineResult::Failed) message = line;
-    if (next == LineResult::Interrupted || next == LineResult::Failed) return next;
-    if (next == LineResult::End || line == ".") break;
+    if (next == LineResult::Interrupted && interactive) {
+      remark("(the message is dropped)");
+    }
+    if (next == LineResult::Failed) {
+      message = line;
+    }
+    if (next == LineResult::Interrupted || next == LineResult::Failed) {
+      return next;
+    }
+    if (next == LineResult::End || line == ".") {
+      break;
+    }
     message += "\n" + line;
   }
   return LineResult::Line;
@@ -158,7 +182,9 @@ void Chat::answer(const std::string& message) {
   const TurnReport report = runTurn(engine, message, show, true);
   show("\n");
   const BackendLimits limits = engine.backend->limits();
-  if (report.end == TurnEnd::Failed || report.end == TurnEnd::ContextFull) unanswered = true;
+  if (report.end == TurnEnd::Failed || report.end == TurnEnd::ContextFull) {
+    unanswered = true;
+  }
   switch (report.end) {
     case TurnEnd::Limit:
       remark(fmt::format("(cut at {} tokens; say \"go on\" for more)", limits.turnTokens));

@@ -18,7 +18,9 @@ namespace {
 std::vector<Fault> faultsOf(const std::string& path) {
   kel::ZYMLoader loader;
   const kel::Status status = loader.open(path.c_str());
-  if (!status.ok()) return {{"file", status.message}};
+  if (!status.ok()) {
+    return {{"file", status.message}};
+  }
   Progress progress("checking");
   return checkContainer(loader,
                         [&](uint64_t done, uint64_t total) { progress.update(done, total); });
@@ -31,9 +33,10 @@ int check(const std::string& path) {
     return 1;
   }
   const std::vector<Fault> faults = faultsOf(path);
-  for (const Fault& fault : faults)
+  for (const Fault& fault : faults) {
     std::printf("%s: %s\n", withoutControls(replaceInvalid(fault.where)).c_str(),
                 withoutControls(replaceInvalid(fault.what)).c_str());
+  }
   if (!faults.empty()) {
     complain(fmt::format("{}: {} {}; `zym convert` makes the file anew", path, faults.size(),
                          faults.size() == 1 ? "fault" : "faults"));

@@ -40,13 +40,15 @@ class ConversionWatch : public kel::convert::ProgressSink {
 // What the library would refuse in words that know nothing of this command's options.
 kel::Status checkTarget(const ConvertOptions& options) {
   std::error_code error;
-  if (fs::is_directory(options.target, error))
+  if (fs::is_directory(options.target, error)) {
     return kel::Status::invalid(options.target + ": is a folder; name a file in it, " +
                                 (fs::path(options.target) / "model.zym").string() +
                                 " for instance");
-  if (!options.force && fs::exists(fs::symlink_status(options.target, error)))
+  }
+  if (!options.force && fs::exists(fs::symlink_status(options.target, error))) {
     return kel::Status::invalid(options.target +
                                 ": exists already; --force replaces it, or choose another name");
+  }
   return kel::Status::success();
 }
 
@@ -86,9 +88,10 @@ void addChoice(CLI::App& command, const std::string& option, const std::string& 
           option,
           [=, &chosen](const std::string& word) {
             chosen = find(word);
-            if (!chosen)
+            if (!chosen) {
               throw CLI::ValidationError(
                   fmt::format("{} is one of {}, not \"{}\"", option, words, word));
+            }
           },
           what)
       ->type_name(words);
@@ -96,8 +99,12 @@ void addChoice(CLI::App& command, const std::string& option, const std::string& 
 
 std::optional<kel::convert::VocabularyForm> vocabularyFormByName(std::string_view name) {
   using kel::convert::VocabularyForm;
-  if (name == "alphabet") return VocabularyForm::Alphabet;
-  if (name == "raw") return VocabularyForm::Raw;
+  if (name == "alphabet") {
+    return VocabularyForm::Alphabet;
+  }
+  if (name == "raw") {
+    return VocabularyForm::Raw;
+  }
   return std::nullopt;
 }
 
@@ -134,7 +141,9 @@ void addConvert(CLI::App& program, Action& action) {
               "  zym convert checkpoint/ model.zym --preset balanced\n"
               "  zym convert checkpoint/ model.zym --type q8_0 --embedding-type bf16");
   command->callback([chosen, &action] {
-    if (chosen->vocabulary) chosen->options.vocabulary = *chosen->vocabulary;
+    if (chosen->vocabulary) {
+      chosen->options.vocabulary = *chosen->vocabulary;
+    }
     action = [chosen] { return convert(chosen->options); };
   });
 }

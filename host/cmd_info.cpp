@@ -21,13 +21,15 @@ int info(const InfoOptions& options) {
   kel::ZYMLoader loader;
   if (status.ok()) {
     status = loader.open(options.file.c_str());
-    if (!status.ok())
+    if (!status.ok()) {
       status.message = options.file + ": " + status.message +
                        "; give a .zym container, which `zym convert` makes";
+    }
   }
-  if (status.ok() && !options.pattern.empty() && !anyTensorMatches(loader, options.pattern))
+  if (status.ok() && !options.pattern.empty() && !anyTensorMatches(loader, options.pattern)) {
     status = kel::Status::invalid(options.file + ": no tensor matches \"" + options.pattern +
                                   "\"; `zym info` without --tensors lists all");
+  }
   if (!status.ok()) {
     complain(status.message);
     return 1;
@@ -36,7 +38,9 @@ int info(const InfoOptions& options) {
     std::printf("%s\n", reportJson(loader, options.pattern).dump(2).c_str());
     return 0;
   }
-  if (options.pattern.empty()) std::printf("%s\n", summaryText(loader).c_str());
+  if (options.pattern.empty()) {
+    std::printf("%s\n", summaryText(loader).c_str());
+  }
   std::printf("%s", tensorTableText(loader, options.pattern).c_str());
   return 0;
 }

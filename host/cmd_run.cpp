@@ -31,15 +31,21 @@ struct RunOptions {
 kel::Status readPrompt(int fd, const std::string& name, std::string& text) {
   kel::Status status = readToEnd(fd, name, text);
   // The line feed that ends a text file is no part of the prompt.
-  if (text.ends_with('\n')) text.pop_back();
+  if (text.ends_with('\n')) {
+    text.pop_back();
+  }
   return status;
 }
 
 kel::Status readPromptFile(const std::string& path, std::string& text) {
   kel::Status status = checkInputFile(path);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return readFailure(path, errno);
+  if (fd < 0) {
+    return readFailure(path, errno);
+  }
   status = readPrompt(fd, path, text);
   ::close(fd);
   return status;
@@ -48,9 +54,12 @@ kel::Status readPromptFile(const std::string& path, std::string& text) {
 kel::Status collectPrompts(const RunOptions& options, std::vector<std::string>& prompts) {
   prompts = options.prompts;
   kel::Status status;
-  if (!options.file.empty()) status = readPromptFile(options.file, prompts.emplace_back());
-  if (status.ok() && options.standardInput == "-")
+  if (!options.file.empty()) {
+    status = readPromptFile(options.file, prompts.emplace_back());
+  }
+  if (status.ok() && options.standardInput == "-") {
     status = readPrompt(STDIN_FILENO, kStandardInput, prompts.emplace_back());
+  }
   return status;
 }
 
@@ -58,8 +67,12 @@ void print(const RunOptions& options, const std::string& prompt, const TurnRepor
   if (options.json) {
     using Json = nlohmann::ordered_json;
     Json line = {{"prompt", prompt}, {"reply", report.reply}, {"end", nullptr}};
-    if (report.end != TurnEnd::Unknown) line["end"] = turnEndName(report.end);
-    if (options.chat) line["pieces"] = report.pieces;
+    if (report.end != TurnEnd::Unknown) {
+      line["end"] = turnEndName(report.end);
+    }
+    if (options.chat) {
+      line["pieces"] = report.pieces;
+    }
     fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
   } else if (isTerminal(1)) {
     fmt::print("{}\n", withoutControls(report.reply));
@@ -92,7 +105,9 @@ bool explainEnd(const TurnReport& report, const BackendLimits& limits) {
 
 // Why a word that follows MODEL is none of the command's; empty when it is.
 std::string checkInputWord(const std::string& word) {
-  if (word == "-") return "";
+  if (word == "-") {
+    return "";
+  }
   return "\"" + word + "\" is no \"-\"; put the whole prompt in quotes, behind -p";
 }
 
@@ -100,17 +115,25 @@ int run(const RunOptions& options) {
   std::vector<std::string> prompts;
   Engine engine;
   kel::Status status = collectPrompts(options, prompts);
-  if (status.ok()) status = openEngine(options.engine, engine);
+  if (status.ok()) {
+    status = openEngine(options.engine, engine);
+  }
   if (!status.ok()) {
     complain(status.message);
     return 1;
   }
   for (const std::string& prompt : prompts) {
-    if (options.each) engine.backend->reset();
+    if (options.each) {
+      engine.backend->reset();
+    }
     const TurnReport report =
         options.chat ? runTurn(engine, prompt, nullptr, false) : runCompletion(engine, prompt);
-    if (report.end != TurnEnd::Failed) print(options, prompt, report);
-    if (!explainEnd(report, engine.backend->limits())) return 1;
+    if (report.end != TurnEnd::Failed) {
+      print(options, prompt, report);
+    }
+    if (!explainEnd(report, engine.backend->limits())) {
+      return 1;
+    }
   }
   return 0;
 }
@@ -148,8 +171,9 @@ void addRun(CLI::App& program, Action& action) {
               "  zym run model.zym -f story.txt --temperature 0.8 --top-k 40 --seed 7\n"
               "  echo 'Once upon a time' | zym run model.zym -");
   command->callback([options, prompt, file, input, &action] {
-    if (prompt->count() + file->count() + input->count() == 0)
+    if (prompt->count() + file->count() + input->count() == 0) {
       throw CLI::RequiredError("a prompt (-p TEXT, -f FILE or -)");
+    }
     action = [options] { return run(*options); };
   });
 }

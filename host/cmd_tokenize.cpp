@@ -30,18 +30,28 @@ Status encode(const TokenizeOptions& options, std::vector<int32_t>& ids,
               std::vector<std::string>& pieces) {
   kel::TokenizerData tables;
   Status status = checkInputFile(options.model);
-  if (status.ok()) status = readVocabulary(options.model, tables);
-  if (!status.ok()) return status;
+  if (status.ok()) {
+    status = readVocabulary(options.model, tables);
+  }
+  if (!status.ok()) {
+    return status;
+  }
   const TextMap map(tables);
   std::string text;
   status = map.toVocabulary(options.text, options.raw, text);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   kel::Tokenizer tokenizer;
   status = tokenizer.load(std::move(tables));
-  if (status.ok()) status = tokenizer.encode(text, ids, true);
+  if (status.ok()) {
+    status = tokenizer.encode(text, ids, true);
+  }
   for (const int32_t id : ids) {
     std::string piece;
-    if (status.ok()) status = tokenizer.tokenToString(id, piece);
+    if (status.ok()) {
+      status = tokenizer.tokenToString(id, piece);
+    }
     PieceDecoder decoder(map.way());
     std::string shown = decoder.feed(piece);
     pieces.push_back(shown + decoder.finish());
@@ -62,8 +72,9 @@ int tokenize(const TokenizeOptions& options) {
     fmt::print("{}\n", Json{{"ids", ids}, {"pieces", pieces}}.dump());
     return 0;
   }
-  for (size_t i = 0; i < ids.size(); ++i)
+  for (size_t i = 0; i < ids.size(); ++i) {
     fmt::print("{:>7}  {}\n", ids[i], Json(pieces[i]).dump());
+  }
   return 0;
 }
 

@@ -12,7 +12,9 @@ void addSetting(CLI::App& command, const char* name, const char* what, Sampling&
           std::string("--") + name,
           [name, &sampling](const std::string& value) {
             const kel::Status status = setSampling(name, value, sampling);
-            if (!status.ok()) throw CLI::ValidationError(status.message);
+            if (!status.ok()) {
+              throw CLI::ValidationError(status.message);
+            }
           },
           what)
       ->type_name("VALUE");

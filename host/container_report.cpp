@@ -44,8 +44,12 @@ size_t specialCount(const kel::TokenizerData& tables) {
 }
 
 std::string idText(const kel::TokenizerData& tables, int32_t id) {
-  if (id < 0) return "none";
-  if (static_cast<size_t>(id) >= tables.tokens.size()) return fmt::format("{} (no such token)", id);
+  if (id < 0) {
+    return "none";
+  }
+  if (static_cast<size_t>(id) >= tables.tokens.size()) {
+    return fmt::format("{} (no such token)", id);
+  }
   return fmt::format("{} {}", id, withoutControls(tables.tokens[static_cast<size_t>(id)]));
 }
 
@@ -71,15 +75,18 @@ std::string arrayText(const std::vector<uint32_t>& array) {
   const size_t shown = std::min(array.size(), kShownElements);
   std::string text = fmt::format(
       "[{}", fmt::join(array.begin(), array.begin() + static_cast<std::ptrdiff_t>(shown), ", "));
-  if (shown < array.size()) text += fmt::format(", .. {} in all", array.size());
+  if (shown < array.size()) {
+    text += fmt::format(", .. {} in all", array.size());
+  }
   return text + "]";
 }
 
 std::vector<MetaEntry> metaEntries(const kel::ZYM2Reader& reader) {
   std::vector<MetaEntry> entries;
   MetaEntry entry;
-  for (size_t i = 0; reader.metaAt(i, entry); ++i)
+  for (size_t i = 0; reader.metaAt(i, entry); ++i) {
     entries.push_back(entry);
+  }
   return entries;
 }
 
@@ -99,9 +106,10 @@ void appendHeader(const kel::ZYM2Reader& reader, std::string& out) {
 
 void appendMeta(const kel::ZYM2Reader& reader, std::string& out) {
   out += "\nmetadata\n";
-  for (const MetaEntry& entry : metaEntries(reader))
+  for (const MetaEntry& entry : metaEntries(reader)) {
     fmt::format_to(std::back_inserter(out), "{:<40} {}\n",
                    withoutControls(replaceInvalid(entry.key)), metaText(entry));
+  }
 }
 
 void appendTokenizer(const kel::TokenizerData& tables, std::string& out) {
@@ -117,9 +125,10 @@ void appendTokenizer(const kel::TokenizerData& tables, std::string& out) {
 
 void appendTypes(const kel::ZYMLoader& loader, std::string& out) {
   out += "\ntype    tensors           size\n";
-  for (const auto& [name, total] : totalsByType(loader))
+  for (const auto& [name, total] : totalsByType(loader)) {
     fmt::format_to(std::back_inserter(out), "{:<7} {:>7} {:>14}\n", name, total.tensors,
                    bytesText(total.bytes));
+  }
 }
 
 Json tensorJson(const kel::TensorView& tensor) {
@@ -142,7 +151,9 @@ bool anyTensorMatches(const kel::ZYMLoader& loader, const std::string& pattern) 
 }
 
 std::string shapeText(const kel::TensorView& tensor) {
-  if (tensor.rank == 0) return "scalar";
+  if (tensor.rank == 0) {
+    return "scalar";
+  }
   return fmt::format("{}", fmt::join(tensor.dims, tensor.dims + tensor.rank, " x "));
 }
 
@@ -153,14 +164,20 @@ const char* sectionName(uint32_t type) {
 }
 
 std::string metaText(const MetaEntry& entry) {
-  if (entry.type == MetaType::U32Array) return arrayText(entry.array);
-  if (entry.type != MetaType::Str) return metaJson(entry).dump();
+  if (entry.type == MetaType::U32Array) {
+    return arrayText(entry.array);
+  }
+  if (entry.type != MetaType::Str) {
+    return metaJson(entry).dump();
+  }
   std::string text = entry.str.substr(0, kShownText);
   text.erase(text.size() - incompleteTail(text));
   text = replaceInvalid(text);
   std::replace(text.begin(), text.end(), '\n', ' ');
   text = withoutControls(text);
-  if (entry.str.size() > kShownText) text += fmt::format(" .. ({} bytes)", entry.str.size());
+  if (entry.str.size() > kShownText) {
+    text += fmt::format(" .. ({} bytes)", entry.str.size());
+  }
   return text;
 }
 
@@ -176,7 +193,9 @@ std::string summaryText(const kel::ZYMLoader& loader) {
 std::string tensorTableText(const kel::ZYMLoader& loader, const std::string& pattern) {
   std::string out = fmt::format("{:<32} {:<7} {:<16} {:>12}\n", "tensor", "type", "shape", "bytes");
   for (const kel::TensorView& tensor : loader.tensors) {
-    if (!matchesPattern(tensor.name, pattern)) continue;
+    if (!matchesPattern(tensor.name, pattern)) {
+      continue;
+    }
     fmt::format_to(std::back_inserter(out), "{:<32} {:<7} {:<16} {:>12}\n",
                    withoutControls(replaceInvalid(tensor.name)), kel::quantTypeName(tensor.type),
                    shapeText(tensor), tensor.byteSize);
@@ -196,8 +215,9 @@ Json reportJson(const kel::ZYMLoader& loader, const std::string& pattern) {
                         {"bytes", entry.size}});
   }
   Json& metadata = report["metadata"] = Json::object();
-  for (const MetaEntry& entry : metaEntries(reader))
+  for (const MetaEntry& entry : metaEntries(reader)) {
     metadata[replaceInvalid(entry.key)] = metaJson(entry);
+  }
   const kel::TokenizerData& tables = loader.tokenizer;
   report["tokenizer"] = {{"label", replaceInvalid(tables.label)},
                          {"tokens", tables.tokens.size()},
@@ -207,11 +227,14 @@ Json reportJson(const kel::ZYMLoader& loader, const std::string& pattern) {
                          {"eosId", tables.eosId},
                          {"unkId", tables.unkId}};
   Json& types = report["types"] = Json::object();
-  for (const auto& [name, total] : totalsByType(loader))
+  for (const auto& [name, total] : totalsByType(loader)) {
     types[name] = {{"tensors", total.tensors}, {"bytes", total.bytes}};
+  }
   Json& tensors = report["tensors"] = Json::array();
   for (const kel::TensorView& tensor : loader.tensors) {
-    if (matchesPattern(tensor.name, pattern)) tensors.push_back(tensorJson(tensor));
+    if (matchesPattern(tensor.name, pattern)) {
+      tensors.push_back(tensorJson(tensor));
+    }
   }
   return report;
 }

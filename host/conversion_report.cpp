@@ -21,8 +21,9 @@ constexpr std::string_view kLine = "{:<{}}  {:>7}  {:<6} {:>8}  {:<6} {:>8}";
 
 size_t nameWidth(const ConvertSummary& summary) {
   size_t width = kTotal.size();
-  for (const TensorGroup& group : summary.groups)
+  for (const TensorGroup& group : summary.groups) {
     width = std::max(width, group.name.size());
+  }
   return width;
 }
 
@@ -35,8 +36,9 @@ void appendGroup(const TensorGroup& group, size_t width, std::string& out) {
 
 void appendTotals(const ConvertSummary& summary, size_t width, std::string& out) {
   uint64_t tensors = 0;
-  for (const TensorGroup& group : summary.groups)
+  for (const TensorGroup& group : summary.groups) {
     tensors += group.count;
+  }
   fmt::format_to(std::back_inserter(out), kLine, kTotal, width, tensors, "",
                  bytesText(summary.sourceBytes), "", bytesText(summary.storedBytes));
   out += '\n';
@@ -51,12 +53,14 @@ std::string conversionText(const ConvertSummary& summary) {
   fmt::format_to(std::back_inserter(out), kLine, "tensor", width, "number", "source", "", "stored",
                  "");
   out += "  why\n";
-  for (const TensorGroup& group : summary.groups)
+  for (const TensorGroup& group : summary.groups) {
     appendGroup(group, width, out);
+  }
   appendTotals(summary, width, out);
-  for (const auto& [kind, count] : summary.skipped)
+  for (const auto& [kind, count] : summary.skipped) {
     fmt::format_to(std::back_inserter(out), "left out: {} {} tensor{}\n", count, kind,
                    count == 1 ? "" : "s");
+  }
   return out;
 }
 

@@ -37,10 +37,12 @@ bool contextFull(Backend& backend) {
 
 Status checkInputFile(const std::string& path) {
   std::error_code error;
-  if (std::filesystem::is_directory(path, error))
+  if (std::filesystem::is_directory(path, error)) {
     return Status::invalid(path + ": is a folder; give the file itself");
-  if (access(path.c_str(), R_OK) != 0)
+  }
+  if (access(path.c_str(), R_OK) != 0) {
     return Status::invalid(path + ": " + std::strerror(errno) + "; check the path");
+  }
   return Status::success();
 }
 
@@ -59,26 +61,36 @@ Status readVocabulary(const std::string& path, kel::TokenizerData& tables) {
 
 Status openEngine(const EngineOptions& options, Engine& engine) {
   Status status = checkInputFile(options.model);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   std::filesystem::path library;
   const char* fromEnvironment = std::getenv("ZYM_PLUGIN");
   status = findPlugin(options.plugin, fromEnvironment == nullptr ? "" : fromEnvironment,
                       programFolder(), library);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   kel::TokenizerData tables;
   status = readVocabulary(options.model, tables);
-  if (!status.ok()) return status;
+  if (!status.ok()) {
+    return status;
+  }
   engine.text = std::make_unique<TextMap>(tables);
   engine.raw = options.raw;
   status = openPluginBackend(library, options.model, engine.backend);
-  if (status.ok()) configureEngine(options.sampling, engine);
+  if (status.ok()) {
+    configureEngine(options.sampling, engine);
+  }
   return status;
 }
 
 void configureEngine(const Sampling& sampling, Engine& engine) {
   engine.backend->configure(sampling);
   mergeSampling(sampling, engine.sampling);
-  if (engine.topPExplained || !topPLeavesOneToken(engine.sampling)) return;
+  if (engine.topPExplained || !topPLeavesOneToken(engine.sampling)) {
+    return;
+  }
   remark("(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)");
   engine.topPExplained = true;
 }
@@ -105,17 +117,23 @@ TurnReport runTurn(Engine& engine, const std::string& typed,
                    const std::function<void(std::string_view)>& show, bool cancellable) {
   std::string text;
   const Status mapped = engine.text->toVocabulary(typed, engine.raw, text);
-  if (!mapped.ok()) return failed(mapped.message);
+  if (!mapped.ok()) {
+    return failed(mapped.message);
+  }
 
   TurnReport report;
   PieceDecoder decoder(engine.text->way());
   Liveness reading("reading");
   const auto deliver = [&](const std::string& complete) {
     report.reply += complete;
-    if (!complete.empty() && show) show(complete);
+    if (!complete.empty() && show) {
+      show(complete);
+    }
   };
   std::optional<CancelScope> scope;
-  if (cancellable) scope.emplace();
+  if (cancellable) {
+    scope.emplace();
+  }
   const Status status = engine.backend->turn(
       text,
       [&](std::string_view piece) {
@@ -144,7 +162,9 @@ TurnReport runTurn(Engine& engine, const std::string& typed,
 TurnReport runCompletion(Engine& engine, const std::string& typed) {
   std::string text;
   const Status mapped = engine.text->toVocabulary(typed, engine.raw, text);
-  if (!mapped.ok()) return failed(mapped.message);
+  if (!mapped.ok()) {
+    return failed(mapped.message);
+  }
   TurnReport report;
   std::string pieces;
   Liveness working("completing");

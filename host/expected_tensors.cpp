@@ -46,7 +46,9 @@ class Builder {
       linearAttention();
     } else {
       fullAttention();
-      if (choice.biases) biases();
+      if (choice.biases) {
+        biases();
+      }
     }
   }
 
@@ -97,8 +99,9 @@ class Builder {
 std::vector<ExpectedTensor> expectedTensors(const ModelSizes& sizes,
                                             const std::function<LayerChoice(uint32_t)>& layerAt) {
   Builder builder(sizes);
-  for (uint32_t i = 0; i < kLayers; ++i)
+  for (uint32_t i = 0; i < kLayers; ++i) {
     builder.layer(i, layerAt(i));
+  }
   return builder.take();
 }
 

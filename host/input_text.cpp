@@ -18,7 +18,9 @@ kel::Status readToEnd(int fd, const std::string& name, std::string& text) {
   std::array<char, 65536> stretch;
   while (true) {
     const ssize_t got = ::read(fd, stretch.data(), stretch.size());
-    if (got == 0) return kel::Status::success();
+    if (got == 0) {
+      return kel::Status::success();
+    }
     if (got > 0) {
       text.append(stretch.data(), static_cast<size_t>(got));
     } else if (errno != EINTR) {

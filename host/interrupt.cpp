@@ -17,8 +17,12 @@ volatile std::sig_atomic_t cancellable = 0;
 volatile std::sig_atomic_t leavesAtOnce = 0;
 
 void onInterrupt(int) {
-  if (cancellable != 0 && cancelRequested != 0 && leavesAtOnce != 0) _exit(kInterruptedExit);
-  if (cancellable != 0) cancelRequested = 1;
+  if (cancellable != 0 && cancelRequested != 0 && leavesAtOnce != 0) {
+    _exit(kInterruptedExit);
+  }
+  if (cancellable != 0) {
+    cancelRequested = 1;
+  }
   interrupted = 1;
 }
 
@@ -45,7 +49,9 @@ void catchRequestsToEnd() {
   for (const int number : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
     struct sigaction action {};
     sigaction(number, nullptr, &action);
-    if (action.sa_handler != SIG_IGN) catchSignal(number);
+    if (action.sa_handler != SIG_IGN) {
+      catchSignal(number);
+    }
   }
 }
 
@@ -80,7 +86,9 @@ bool waitForInput(int fd) {
   }
   // A Ctrl-C in front of bytes that are ready as well is delivered here: the bytes come after it.
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
-  if (interrupted == 0) return true;
+  if (interrupted == 0) {
+    return true;
+  }
   interrupted = 0;
   return false;
 }

@@ -29,8 +29,12 @@ class ByteSource {
     while (waitForInput(STDIN_FILENO)) {
       const ssize_t got = ::read(STDIN_FILENO, &byte, 1);
       // Only Ctrl-C ends the read, and that ends the wait.
-      if (got < 0 && errno == EINTR) continue;
-      if (got < 0) fault = readFailure(kStandardInput, errno).message;
+      if (got < 0 && errno == EINTR) {
+        continue;
+      }
+      if (got < 0) {
+        fault = readFailure(kStandardInput, errno).message;
+      }
       reason = got < 0 ? LineResult::Failed : LineResult::End;
       return got == 1;
     }
@@ -39,7 +43,9 @@ class ByteSource {
   }
   // After next has returned false: the result of the line. line receives the message of a failure.
   LineResult end(std::string& line) const {
-    if (reason == LineResult::Failed) line = fault;
+    if (reason == LineResult::Failed) {
+      line = fault;
+    }
     return reason;
   }
 
@@ -87,9 +93,12 @@ class EditingReader : public LineReader {
       return bytes.end(line);
     }
     line.assign(text, static_cast<size_t>(length));
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
       line.pop_back();
-    if (!line.empty()) remember(line);
+    }
+    if (!line.empty()) {
+      remember(line);
+    }
     return LineResult::Line;
   }
 
@@ -108,7 +117,9 @@ class EditingReader : public LineReader {
     char byte = 0;
     do {
       std::string ignored;
-      if (!source.next(byte)) return source.end(ignored) == LineResult::End ? 0 : -1;
+      if (!source.next(byte)) {
+        return source.end(ignored) == LineResult::End ? 0 : -1;
+      }
       character += byte;
     } while (incompleteTail(character) == character.size());
     char32_t code = 0;
@@ -117,7 +128,9 @@ class EditingReader : public LineReader {
   }
 
   void openHistory() {
-    if (file.empty()) return;
+    if (file.empty()) {
+      return;
+    }
     std::error_code ignored;  // without a place to keep it, history lasts for this run
     fs::create_directories(file.parent_path(), ignored);
     const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
@@ -127,7 +140,9 @@ class EditingReader : public LineReader {
     }
     struct stat info {};
     const bool isFile = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
-    if (isFile) fchmod(fd, S_IRUSR | S_IWUSR);
+    if (isFile) {
+      fchmod(fd, S_IRUSR | S_IWUSR);
+    }
     ::close(fd);
     // The editor's library sets the mode when it saves: of a device that the name links to, as of
     // /dev/null where somebody wants no history, everybody else would be locked out.
@@ -143,7 +158,9 @@ class EditingReader : public LineReader {
   void remember(const std::string& line) {
     HistEvent event{};
     history(past, &event, H_ENTER, line.c_str());
-    if (!file.empty()) history(past, &event, H_SAVE, file.c_str());
+    if (!file.empty()) {
+      history(past, &event, H_SAVE, file.c_str());
+    }
   }
 
   fs::path file;
@@ -162,7 +179,9 @@ class PlainReader : public LineReader {
     char byte = 0;
     while (bytes.next(byte)) {
       if (byte == '\n') {
-        if (line.ends_with('\r')) line.pop_back();
+        if (line.ends_with('\r')) {
+          line.pop_back();
+        }
         return LineResult::Line;
       }
       line += byte;
@@ -183,16 +202,22 @@ std::unique_ptr<LineReader> openLineReader(const fs::path& historyFile) {
   // The editor draws on standard error and turns the terminal's own echo off: with standard error
   // elsewhere a person would type blindly.
   const bool editable = isTerminal(STDIN_FILENO) && isTerminal(STDERR_FILENO);
-  if (!editable) return std::make_unique<PlainReader>();
+  if (!editable) {
+    return std::make_unique<PlainReader>();
+  }
   return std::make_unique<EditingReader>(historyFile);
 }
 
 fs::path defaultHistoryFile() {
   const char* state = std::getenv("XDG_STATE_HOME");
   // A relative path there is to be ignored, says the base directory specification.
-  if (state != nullptr && *state == '/') return fs::path(state) / "zym" / "history";
+  if (state != nullptr && *state == '/') {
+    return fs::path(state) / "zym" / "history";
+  }
   const char* home = std::getenv("HOME");
-  if (home == nullptr || *home != '/') return {};
+  if (home == nullptr || *home != '/') {
+    return {};
+  }
   return fs::path(home) / ".local" / "state" / "zym" / "history";
 }
 

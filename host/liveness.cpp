@@ -18,7 +18,9 @@ constexpr std::chrono::milliseconds kTick{500};
 }  // namespace
 
 Liveness::Liveness(std::string text) : what(std::move(text)) {
-  if (!isTerminal(STDERR_FILENO)) return;
+  if (!isTerminal(STDERR_FILENO)) {
+    return;
+  }
   // Ctrl-C is for the main thread: there it interrupts a pending read.
   sigset_t interrupt;
   sigset_t before;
@@ -34,7 +36,9 @@ Liveness::~Liveness() {
 }
 
 void Liveness::stop() {
-  if (!drawer.joinable()) return;
+  if (!drawer.joinable()) {
+    return;
+  }
   {
     const std::lock_guard lock(mutex);
     stopped = true;
@@ -54,7 +58,9 @@ void Liveness::draw() {
     std::fprintf(stderr, "\r%s\x1b[K", dimmed(text, styleWanted(STDERR_FILENO)).c_str());
     drawn = true;
   }
-  if (drawn) std::fputs("\r\x1b[K", stderr);
+  if (drawn) {
+    std::fputs("\r\x1b[K", stderr);
+  }
 }
 
 }  // namespace zym

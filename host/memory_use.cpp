@@ -12,8 +12,12 @@ MemoryUse memoryUse() {
   std::string key;
   while (in >> key) {
     uint64_t kilobytes = 0;
-    if (key == "VmRSS:" && in >> kilobytes) use.resident = kilobytes * 1024;
-    if (key == "RssFile:" && in >> kilobytes) use.file = kilobytes * 1024;
+    if (key == "VmRSS:" && in >> kilobytes) {
+      use.resident = kilobytes * 1024;
+    }
+    if (key == "RssFile:" && in >> kilobytes) {
+      use.file = kilobytes * 1024;
+    }
     in.clear();
     in.ignore(std::numeric_limits<std::streamsize>::max(), '\n');
   }

@@ -86,7 +86,9 @@ class PluginBackend : public Backend {
   Status turn(const std::string& text, const PieceSink& sink, volatile int* cancel) override {
     const auto forward = [](const char* piece, uint32_t length, void* userData) {
       const auto& target = *static_cast<const PieceSink*>(userData);
-      if (target) target({piece, length});
+      if (target) {
+        target({piece, length});
+      }
     };
     return callStatus(table.stream->chatTurnStream(handle, text.c_str(), forward,
                                                    const_cast<PieceSink*>(&sink), cancel),
@@ -123,7 +125,9 @@ class PluginBackend : public Backend {
 
  private:
   Status callStatus(uint32_t status, const char* what) const {
-    if (status == ZYM_STATUS_OK) return Status::success();
+    if (status == ZYM_STATUS_OK) {
+      return Status::success();
+    }
     // The runtime tells no reason. Opening takes tensors that do not fit together, and then every
     // call fails: only the check finds out.
     return Status::invalid(std::string(what) + " failed; `zym check " + modelPath +
@@ -141,7 +145,9 @@ Status openPluginBackend(const std::filesystem::path& library, const std::string
                          std::unique_ptr<Backend>& backend) {
   Tables tables;
   Status status = loadTables(library, tables);
-  if (!status.ok() || tables.v2 == nullptr) return status;
+  if (!status.ok() || tables.v2 == nullptr) {
+    return status;
+  }
   ZYMRuntimeHandle* handle = nullptr;
   char reason[256] = "";
   if (tables.v2->create(modelPath.c_str(), nullptr, &handle, reason, sizeof(reason)) !=

@@ -17,7 +17,9 @@ namespace {
 // The line editor needs to know that text is UTF-8; the program itself takes it for granted.
 void useUtf8() {
   std::setlocale(LC_CTYPE, "");
-  if (std::string_view(nl_langinfo(CODESET)) != "UTF-8") std::setlocale(LC_CTYPE, "C.UTF-8");
+  if (std::string_view(nl_langinfo(CODESET)) != "UTF-8") {
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+  }
 }
 
 int perform(const Action& action) {
@@ -36,7 +38,9 @@ int perform(const Action& action) {
 }
 
 int showOrComplain(const CLI::App& program, const CLI::ParseError& error) {
-  if (error.get_exit_code() == 0) return program.exit(error);  // --help and --version
+  if (error.get_exit_code() == 0) {
+    return program.exit(error);  // --help and --version
+  }
   const auto chosen = program.get_subcommands();
   const std::string name = chosen.empty() ? "zym" : "zym " + chosen.front()->get_name();
   complain(std::string(error.what()) + "; see " + name + " --help");

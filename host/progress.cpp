@@ -17,12 +17,16 @@ constexpr std::chrono::milliseconds kRedraw{100};
 constexpr std::chrono::seconds kPlainLine{10};
 
 std::string amountText(uint64_t done, uint64_t total, ProgressUnit unit) {
-  if (unit == ProgressUnit::Positions) return fmt::format("{} of {} positions", done, total);
+  if (unit == ProgressUnit::Positions) {
+    return fmt::format("{} of {} positions", done, total);
+  }
   return bytesText(done) + " of " + bytesText(total);
 }
 
 std::string rateText(double rate, ProgressUnit unit) {
-  if (unit == ProgressUnit::Positions) return fmt::format("{:.1f}/s", rate);
+  if (unit == ProgressUnit::Positions) {
+    return fmt::format("{:.1f}/s", rate);
+  }
   return bytesText(static_cast<uint64_t>(rate)) + "/s";
 }
 
@@ -57,7 +61,9 @@ void Progress::update(uint64_t done, uint64_t total) {
   const auto now = Clock::now();
   const Clock::duration pause = onTerminal ? Clock::duration(kRedraw) : Clock::duration(kPlainLine);
   const bool isFirstBar = onTerminal && !drawn;
-  if (!isFirstBar && now - lastDrawn < pause) return;
+  if (!isFirstBar && now - lastDrawn < pause) {
+    return;
+  }
   lastDrawn = now;
   const std::string text =
       progressText(done, total, std::chrono::duration<double>(now - started).count(), unit);
@@ -70,7 +76,9 @@ void Progress::update(uint64_t done, uint64_t total) {
 }
 
 void Progress::clear() {
-  if (!drawn) return;
+  if (!drawn) {
+    return;
+  }
   std::fputs("\r\x1b[K", stderr);
   drawn = false;
 }

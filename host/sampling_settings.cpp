@@ -27,23 +27,27 @@ Status outOfRange(std::string_view name, std::string_view value, const char* ran
 Status setSampling(std::string_view name, std::string_view value, Sampling& sampling) {
   float real = 0;
   if (name == "temperature") {
-    if (!parseWhole(value, real) || !std::isfinite(real) || real < 0)
+    if (!parseWhole(value, real) || !std::isfinite(real) || real < 0) {
       return outOfRange(name, value, "a number from 0 (greedy)");
+    }
     sampling.temperature = real;
   } else if (name == "top-p") {
-    if (!parseWhole(value, real) || !(real > 0 && real <= 1))
+    if (!parseWhole(value, real) || !(real > 0 && real <= 1)) {
       return outOfRange(name, value, "a number above 0, at most 1");
+    }
     sampling.topP = real;
   } else if (name == "top-k") {
     int32_t count = 0;
-    if (!parseWhole(value, count) || count < 1)
+    if (!parseWhole(value, count) || count < 1) {
       return outOfRange(name, value, "a whole number from 1");
+    }
     sampling.topK = count;
   } else if (name == "seed") {
     // The runtime takes 0 for "leave the generator alone" and reads 32 bits.
     uint32_t seed = 0;
-    if (!parseWhole(value, seed) || seed == 0)
+    if (!parseWhole(value, seed) || seed == 0) {
       return outOfRange(name, value, "a whole number from 1 to 4294967295");
+    }
     sampling.seed = seed;
   } else {
     return Status::invalid("no setting \"" + std::string(name) +
@@ -53,10 +57,18 @@ Status setSampling(std::string_view name, std::string_view value, Sampling& samp
 }
 
 void mergeSampling(const Sampling& newer, Sampling& sampling) {
-  if (newer.temperature) sampling.temperature = newer.temperature;
-  if (newer.topK) sampling.topK = newer.topK;
-  if (newer.topP) sampling.topP = newer.topP;
-  if (newer.seed) sampling.seed = newer.seed;
+  if (newer.temperature) {
+    sampling.temperature = newer.temperature;
+  }
+  if (newer.topK) {
+    sampling.topK = newer.topK;
+  }
+  if (newer.topP) {
+    sampling.topP = newer.topP;
+  }
+  if (newer.seed) {
+    sampling.seed = newer.seed;
+  }
 }
 
 bool topPLeavesOneToken(const Sampling& sampling) {

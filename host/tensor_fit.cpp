@@ -37,8 +37,12 @@ BlockFormat blockFormat(QuantType type) {
 
 bool shapeFits(const ExpectedTensor& expected, const TensorView& tensor) {
   const std::optional<uint64_t> elements = elementCount(tensor.dims, tensor.rank);
-  if (!elements) return false;
-  if (expected.role == TensorRole::Vector) return *elements >= expected.dims[0];
+  if (!elements) {
+    return false;
+  }
+  if (expected.role == TensorRole::Vector) {
+    return *elements >= expected.dims[0];
+  }
   const bool columnsFit = expected.role == TensorRole::ConvTaps
                               ? tensor.dims[0] >= expected.dims[0]
                               : tensor.dims[0] == expected.dims[0];
@@ -50,7 +54,9 @@ bool shapeFits(const ExpectedTensor& expected, const TensorView& tensor) {
 std::optional<uint64_t> elementCount(const uint64_t* dims, size_t rank) {
   uint64_t count = 1;
   for (size_t i = 0; i < rank; ++i) {
-    if (__builtin_mul_overflow(count, dims[i], &count)) return std::nullopt;
+    if (__builtin_mul_overflow(count, dims[i], &count)) {
+      return std::nullopt;
+    }
   }
   return count;
 }
@@ -61,9 +67,10 @@ std::optional<uint64_t> rowCount(const TensorView& tensor) {
 
 std::vector<std::string> misfits(const ExpectedTensor& expected, const TensorView& tensor) {
   std::vector<std::string> found;
-  if (!shapeFits(expected, tensor))
+  if (!shapeFits(expected, tensor)) {
     found.push_back(
         fmt::format("has shape {}, needs {}", shapeText(tensor), fmt::join(expected.dims, " x ")));
+  }
   const char* type = kel::quantTypeName(tensor.type);
   const BlockFormat format = blockFormat(tensor.type);
   if (expected.role != TensorRole::Matrix && tensor.type != QuantType::F32) {

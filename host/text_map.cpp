@@ -35,8 +35,9 @@ bool isSpecial(int32_t type) {
 
 std::string lettersOf(std::string_view bytes) {
   std::string out;
-  for (const char byte : bytes)
+  for (const char byte : bytes) {
     appendLetter(static_cast<uint8_t>(byte), out);
+  }
   return out;
 }
 
@@ -47,8 +48,9 @@ bool isSpacing(std::string_view text) {
     const size_t length = characterAt(text, code);
     const int byte = length == 0 ? -1 : byteOfLetter(code);
     if (byte < 0 ||
-        !(isWhiteSpace(static_cast<char>(byte)) || isPunctuation(static_cast<char>(byte))))
+        !(isWhiteSpace(static_cast<char>(byte)) || isPunctuation(static_cast<char>(byte)))) {
       return false;
+    }
     text.remove_prefix(length);
   }
   return true;
@@ -71,10 +73,13 @@ kel::TokenizerData spacingTables(const kel::TokenizerData& tables) {
 
 kel::SpecialTokens specialTokensOf(const kel::TokenizerData& tables) {
   kel::SpecialTokens special;
-  if (tables.tokenTypes.size() != tables.tokens.size()) return special;
+  if (tables.tokenTypes.size() != tables.tokens.size()) {
+    return special;
+  }
   for (size_t id = 0; id < tables.tokens.size(); ++id) {
-    if (isSpecial(tables.tokenTypes[id]) && !tables.tokens[id].empty())
+    if (isSpecial(tables.tokenTypes[id]) && !tables.tokens[id].empty()) {
       special.emplace_back(tables.tokens[id], static_cast<int32_t>(id));
+    }
   }
   kel::sortSpecialTokens(special);
   return special;
@@ -83,8 +88,12 @@ kel::SpecialTokens specialTokensOf(const kel::TokenizerData& tables) {
 // The punctuation mark that a following line feed may join to form one token, 0 when there is none:
 // a mark that stands alone. Behind two marks, or a space and a mark, the runtime's splitter cuts.
 char joinableMark(std::string_view before) {
-  if (before.empty() || !isPunctuation(before.back())) return '\0';
-  if (before.size() == 1) return before.back();
+  if (before.empty() || !isPunctuation(before.back())) {
+    return '\0';
+  }
+  if (before.size() == 1) {
+    return before.back();
+  }
   const char previous = before[before.size() - 2];
   return previous == ' ' || isPunctuation(previous) ? '\0' : before.back();
 }
@@ -99,7 +108,9 @@ TextMap::TextMap(const kel::TokenizerData& tables)
     : vocabText(vocabTextOf(tables.label)), specialTokens(specialTokensOf(tables)) {
   finder.build(specialTokens);
   // A vocabulary without such tokens leaves the tokenizer empty: then it covers nothing.
-  if (vocabText == VocabText::Alphabet) (void)spacing.load(spacingTables(tables));
+  if (vocabText == VocabText::Alphabet) {
+    (void)spacing.load(spacingTables(tables));
+  }
 }
 
 kel::Status TextMap::toVocabulary(std::string_view typed, bool keepSpecial,
@@ -110,7 +121,9 @@ kel::Status TextMap::toVocabulary(std::string_view typed, bool keepSpecial,
   } else if (out.find('\0') != std::string::npos) {
     return kel::Status::invalid("the text holds a NUL byte, which this vocabulary cannot take");
   }
-  if (!keepSpecial) out = withBrokenSpecials(out);
+  if (!keepSpecial) {
+    out = withBrokenSpecials(out);
+  }
   return kel::Status::success();
 }
 
@@ -146,9 +159,13 @@ void TextMap::appendWhiteSpace(std::string_view run, bool endsText, char joinabl
     return;
   }
   const bool opensWord = !endsText && !blanks.empty() && blanks.back() == ' ';
-  if (opensWord) blanks.remove_suffix(1);
+  if (opensWord) {
+    blanks.remove_suffix(1);
+  }
   appendCovered(blanks, '\0', out);
-  if (opensWord) out += ' ';
+  if (opensWord) {
+    out += ' ';
+  }
 }
 
 // Writes run as letters as far as the vocabulary has tokens for them. A lone line feed has only the
@@ -158,8 +175,9 @@ void TextMap::appendCovered(std::string_view run, char joinable, std::string& ou
   std::string mark(joinable == '\0' ? 0 : 1, joinable);
   while (!run.empty()) {
     size_t length = std::min(run.size(), kLongestRun);
-    while (length > 0 && !covers(mark + lettersOf(run.substr(0, length))))
+    while (length > 0 && !covers(mark + lettersOf(run.substr(0, length)))) {
       --length;
+    }
     if (length > 0) {
       out += lettersOf(run.substr(0, length));
     } else if (run.front() == '\n') {
@@ -177,11 +195,15 @@ void TextMap::appendCovered(std::string_view run, char joinable, std::string& ou
 // True when merging turns the letters into tokens without losing one.
 bool TextMap::covers(std::string_view letters) const {
   std::vector<int32_t> ids;
-  if (!spacing.tokenizeBpe(letters, ids).ok()) return false;
+  if (!spacing.tokenizeBpe(letters, ids).ok()) {
+    return false;
+  }
   size_t covered = 0;
   for (const int32_t id : ids) {
     std::string token;
-    if (spacing.tokenToString(id, token).ok()) covered += token.size();
+    if (spacing.tokenToString(id, token).ok()) {
+      covered += token.size();
+    }
   }
   return covered == letters.size();
 }
@@ -196,7 +218,9 @@ std::string TextMap::withBrokenSpecials(std::string_view text) const {
     char32_t code = 0;
     const size_t first = std::max<size_t>(1, characterAt(text.substr(match.begin), code));
     out += text.substr(at, match.begin + first - at);
-    if (match.size > first) out += kBreak;
+    if (match.size > first) {
+      out += kBreak;
+    }
     at = match.begin + first;
   }
   return out;

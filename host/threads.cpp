@@ -15,8 +15,10 @@ void setThreads(int threads) {
   // An OpenMP runtime that is here already, with a part of the program that uses it, has read the
   // variable before and has to be told.
   using SetNumThreads = void (*)(int);
-  if (const auto tell = reinterpret_cast<SetNumThreads>(dlsym(RTLD_DEFAULT, "omp_set_num_threads")))
+  if (const auto tell =
+          reinterpret_cast<SetNumThreads>(dlsym(RTLD_DEFAULT, "omp_set_num_threads"))) {
     tell(threads);
+  }
 }
 
 int threadCount() {
@@ -24,7 +26,9 @@ int threadCount() {
     const std::string_view text(asked);
     int threads = 0;
     const auto result = std::from_chars(text.data(), text.data() + text.size(), threads);
-    if (result.ec == std::errc() && threads >= 1) return threads;
+    if (result.ec == std::errc() && threads >= 1) {
+      return threads;
+    }
   }
   cpu_set_t set;
   CPU_ZERO(&set);

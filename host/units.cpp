@@ -8,7 +8,9 @@
 namespace zym {
 
 std::string bytesText(uint64_t bytes) {
-  if (bytes < 1000) return fmt::format("{} B", bytes);
+  if (bytes < 1000) {
+    return fmt::format("{} B", bytes);
+  }
   constexpr std::array<const char*, 4> kUnits = {"kB", "MB", "GB", "TB"};
   double value = static_cast<double>(bytes) / 1000;
   size_t unit = 0;
@@ -22,9 +24,13 @@ std::string bytesText(uint64_t bytes) {
 }
 
 std::string durationText(double seconds) {
-  if (seconds < 59.95) return fmt::format("{:.1f} s", seconds);
+  if (seconds < 59.95) {
+    return fmt::format("{:.1f} s", seconds);
+  }
   const auto whole = std::lround(seconds);
-  if (whole < 3600) return fmt::format("{} min {:02} s", whole / 60, whole % 60);
+  if (whole < 3600) {
+    return fmt::format("{} min {:02} s", whole / 60, whole % 60);
+  }
   return fmt::format("{} h {:02} min", whole / 3600, whole / 60 % 60);
 }
 

@@ -25,7 +25,9 @@ int32_t atLeastOneOr(int32_t value, int32_t fallback) {
 int argmax(const std::vector<float>& logits) {
   int best = 0;
   for (size_t i = 1; i < logits.size(); ++i) {
-    if (logits[i] > logits[static_cast<size_t>(best)]) best = static_cast<int>(i);
+    if (logits[i] > logits[static_cast<size_t>(best)]) {
+      best = static_cast<int>(i);
+    }
   }
   return best;
 }
@@ -36,27 +38,39 @@ void decodeGreedily(Qwen35Session& session, std::vector<float>& hidden, std::vec
                     int64_t maxSteps) {
   for (int64_t step = 1;; ++step) {
     const int token = argmax(logits);
-    if (token == session.tokenizer->eosId) return;
-    if (step >= maxSteps || step == kMaxBenchSteps || contextIsFull(session)) return;
+    if (token == session.tokenizer->eosId) {
+      return;
+    }
+    if (step >= maxSteps || step == kMaxBenchSteps || contextIsFull(session)) {
+      return;
+    }
     feedToken(&session, token, hidden, logits);
-    if (!session::sampledLogitsAreFinite(logits)) return;
+    if (!session::sampledLogitsAreFinite(logits)) {
+      return;
+    }
   }
 }
 
 uint32_t measure(Qwen35Session& session, int32_t genTokens, int32_t extraTokens,
                  ZYMBenchResult& result) {
   std::vector<int> ids;
-  if (!session.tokenizer->encode(kBenchPrompt, ids, true).ok()) return ZYM_STATUS_FAILED;
+  if (!session.tokenizer->encode(kBenchPrompt, ids, true).ok()) {
+    return ZYM_STATUS_FAILED;
+  }
   session.startOver();
   const float temperature = session.temperature;
   const int32_t topK = session.topK;
   session.temperature = 0;
   session.topK = 1;
   // Deliberate: a bench that fails from here on leaves the session greedy.
-  if (!session.canRun()) return ZYM_STATUS_FAILED;
+  if (!session.canRun()) {
+    return ZYM_STATUS_FAILED;
+  }
   std::vector<float> hidden(session.model.nEmbd);
   std::vector<float> logits(session.model.nVocab);
-  if (!prefill(&session, ids, hidden, logits)) return ZYM_STATUS_FAILED;
+  if (!prefill(&session, ids, hidden, logits)) {
+    return ZYM_STATUS_FAILED;
+  }
 
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();
@@ -80,7 +94,9 @@ uint32_t measure(Qwen35Session& session, int32_t genTokens, int32_t extraTokens,
 
 uint32_t qwen35V2Bench(ZYMRuntimeHandle* handle, const ZYMBenchParams* params,
                        ZYMBenchResult* result) {
-  if (!isLoaded(handle) || result == nullptr) return ZYM_STATUS_INVALID_ARGUMENT;
+  if (!isLoaded(handle) || result == nullptr) {
+    return ZYM_STATUS_INVALID_ARGUMENT;
+  }
   const ZYMBenchParams asked = params == nullptr ? ZYMBenchParams{} : *params;
   return guarded([&] {
     return measure(*sessionOf(handle), atLeastOneOr(asked.genTokens, kDefaultGenTokens),

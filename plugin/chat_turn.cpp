@@ -18,7 +18,9 @@ constexpr const char* kTurnEnd = "<|im_end|>";
 // never fed, and the next turn's text follows the reply directly.
 std::string turnText(const char* userText) {
   std::string text = "<|im_start|>user\n";
-  if (userText != nullptr) text += userText;
+  if (userText != nullptr) {
+    text += userText;
+  }
   text += "<|im_end|>\n<|im_start|>assistant\n";
   return text;
 }
@@ -33,13 +35,21 @@ struct OpenTurn {
 // Feeds the user's text, behind the conversation so far or from an empty context. False leaves in
 // the caches whatever was fed.
 bool openTurn(Qwen35Session& session, const char* userText, OpenTurn& turn) {
-  if (!session.chatActive) session.restart();
+  if (!session.chatActive) {
+    session.restart();
+  }
   std::vector<int> ids;
-  if (!session.tokenizer->encode(turnText(userText), ids, true).ok()) return false;
-  if (!session.canRun()) return false;
+  if (!session.tokenizer->encode(turnText(userText), ids, true).ok()) {
+    return false;
+  }
+  if (!session.canRun()) {
+    return false;
+  }
   turn.hidden.resize(session.model.nEmbd);
   turn.logits.resize(session.model.nVocab);
-  if (!prefill(&session, ids, turn.hidden, turn.logits)) return false;
+  if (!prefill(&session, ids, turn.hidden, turn.logits)) {
+    return false;
+  }
   session.chatActive = true;
   turn.stopToken = session.tokenizer->tokenToId(kTurnEnd);
   return true;
@@ -47,10 +57,14 @@ bool openTurn(Qwen35Session& session, const char* userText, OpenTurn& turn) {
 
 uint32_t bufferedTurn(Qwen35Session& session, const char* userText, char* out, size_t outCap) {
   OpenTurn turn;
-  if (!openTurn(session, userText, turn)) return ZYM_STATUS_FAILED;
+  if (!openTurn(session, userText, turn)) {
+    return ZYM_STATUS_FAILED;
+  }
   bool ok = false;
   const std::string reply = generate(&session, turn.hidden, turn.logits, turn.stopToken, ok);
-  if (!ok) return ZYM_STATUS_FAILED;
+  if (!ok) {
+    return ZYM_STATUS_FAILED;
+  }
   session::copyText(out, outCap, reply);
   return ZYM_STATUS_OK;
 }
@@ -66,8 +80,12 @@ uint32_t qwen35StreamChatTurnImpl(Qwen35Session& session, const char* userText,
     return cancel != nullptr && __atomic_load_n(cancel, __ATOMIC_RELAXED) != 0;
   };
   OpenTurn turn;
-  if (!openTurn(session, userText, turn)) return ZYM_STATUS_FAILED;
-  if (cancelled()) return ZYM_STATUS_OK;
+  if (!openTurn(session, userText, turn)) {
+    return ZYM_STATUS_FAILED;
+  }
+  if (cancelled()) {
+    return ZYM_STATUS_OK;
+  }
   const bool ok =
       decodeLoop(&session, turn.hidden, turn.logits, turn.stopToken, [&](const std::string& piece) {
         if (callback != nullptr) {
@@ -82,14 +100,18 @@ uint32_t qwen35StreamChatTurnImpl(Qwen35Session& session, const char* userText,
 
 uint32_t qwen35V2ChatTurn(ZYMRuntimeHandle* handle, const char* userText, char* out,
                           size_t outCap) {
-  if (!isLoaded(handle) || !isUsable(out, outCap)) return ZYM_STATUS_INVALID_ARGUMENT;
+  if (!isLoaded(handle) || !isUsable(out, outCap)) {
+    return ZYM_STATUS_INVALID_ARGUMENT;
+  }
   out[0] = '\0';
   return guarded([&] { return bufferedTurn(*sessionOf(handle), userText, out, outCap); });
 }
 
 uint32_t qwen35V2ChatTurnStream(ZYMRuntimeHandle* handle, const char* userText,
                                 ZYMStreamCallback callback, void* userData, volatile int* cancel) {
-  if (!isLoaded(handle)) return ZYM_STATUS_INVALID_ARGUMENT;
+  if (!isLoaded(handle)) {
+    return ZYM_STATUS_INVALID_ARGUMENT;
+  }
   return guarded([&] {
     return qwen35StreamChatTurnImpl(*sessionOf(handle), userText, callback, userData, cancel);
   });

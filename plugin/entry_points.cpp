@@ -54,7 +54,9 @@ constexpr ZYMRuntimeTableV2S kRuntimeV2S = {
 
 template <typename Table>
 const Table* oneTable(const Table& table, uint32_t* count) {
-  if (count != nullptr) *count = 1;
+  if (count != nullptr) {
+    *count = 1;
+  }
   return &table;
 }
 

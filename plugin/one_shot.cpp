@@ -18,14 +18,20 @@ uint32_t complete(Qwen35Session& session, const char* prompt, char* out, size_t 
     return ZYM_STATUS_FAILED;
   }
   session.startOver();
-  if (!session.canRun()) return ZYM_STATUS_FAILED;
+  if (!session.canRun()) {
+    return ZYM_STATUS_FAILED;
+  }
   std::vector<float> hidden(session.model.nEmbd);
   std::vector<float> logits(session.model.nVocab);
-  if (!prefill(&session, ids, hidden, logits)) return ZYM_STATUS_FAILED;
+  if (!prefill(&session, ids, hidden, logits)) {
+    return ZYM_STATUS_FAILED;
+  }
 
   bool ok = false;
   const std::string text = generate(&session, hidden, logits, session.tokenizer->eosId, ok);
-  if (!ok) return ZYM_STATUS_FAILED;
+  if (!ok) {
+    return ZYM_STATUS_FAILED;
+  }
   session::copyText(out, outCap, text);
   return ZYM_STATUS_OK;
 }
@@ -37,14 +43,18 @@ uint32_t qwen35Generate(ZYMRuntimeHandle* handle, const char* prompt, char* out,
 }
 
 uint32_t qwen35GenerateN(ZYMRuntimeHandle* handle, const char* prompt, char* out, size_t outCap) {
-  if (!isLoaded(handle) || !isUsable(out, outCap)) return ZYM_STATUS_INVALID_ARGUMENT;
+  if (!isLoaded(handle) || !isUsable(out, outCap)) {
+    return ZYM_STATUS_INVALID_ARGUMENT;
+  }
   out[0] = '\0';
   return guarded([&] { return complete(*sessionOf(handle), prompt, out, outCap); });
 }
 
 uint32_t qwen35V2GenerateEx(ZYMRuntimeHandle* handle, const char* prompt,
                             const ZYMSessionOptions* options, char* out, size_t outCap) {
-  if (!isLoaded(handle) || !isUsable(out, outCap)) return ZYM_STATUS_INVALID_ARGUMENT;
+  if (!isLoaded(handle) || !isUsable(out, outCap)) {
+    return ZYM_STATUS_INVALID_ARGUMENT;
+  }
   Qwen35Session& session = *sessionOf(handle);
   const float temperature = session.temperature;
   const int32_t topK = session.topK;

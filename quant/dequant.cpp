@@ -126,7 +126,9 @@ void dequantQ6K(const void* src, float* dst, size_t n) {
 // Q8_K: f16 d, 256 signed codes, sixteen f16 sub-scales at 258. Deliberate: d comes from the first
 // super-block for all of them, and a tail shorter than a super-block is not decoded.
 void dequantQ8K(const void* src, float* dst, size_t n) {
-  if (n < kSuperBlockLen) return;
+  if (n < kSuperBlockLen) {
+    return;
+  }
   const auto* block = static_cast<const uint8_t*>(src);
   const float d = loadF16(block);
   for (; n >= kSuperBlockLen; n -= kSuperBlockLen) {

@@ -18,7 +18,9 @@ constexpr int kMaxCode = 63;
 float largest(const float* values) {
   float result = 0;
   for (int j = 0; j < kSubBlocks; ++j) {
-    if (values[j] > result) result = values[j];
+    if (values[j] > result) {
+      result = values[j];
+    }
   }
   return result;
 }

@@ -32,8 +32,12 @@ void encodeScaleMin(const float* x, int levels, uint8_t* block, uint8_t* codes) 
     float least = sub[0];
     float most = sub[0];
     for (size_t l = 1; l < kSubBlockLen; ++l) {
-      if (sub[l] < least) least = sub[l];
-      if (sub[l] > most) most = sub[l];
+      if (sub[l] < least) {
+        least = sub[l];
+      }
+      if (sub[l] > most) {
+        most = sub[l];
+      }
     }
     scales[j] = (most - least) / static_cast<float>(levels);
     mins[j] = -least;
@@ -59,7 +63,9 @@ void encodeScaleMin(const float* x, int levels, uint8_t* block, uint8_t* codes) 
     uint8_t m = 0;
     getScaleMinK4(j, packed, sc, m);
     const float scale = static_cast<float>(sc) * storedD;
-    if (scale == 0) continue;
+    if (scale == 0) {
+      continue;
+    }
     const float min = static_cast<float>(m) * storedDmin;
     encodeSubBlock(x + kSubBlockLen * j, min, scale, levels, codes + kSubBlockLen * j);
   }
@@ -102,10 +108,14 @@ float encodeScalesQ6K(const float* x, uint8_t* block) {
     float amax = 0;
     for (size_t l = 0; l < kSubBlockLenQ6K; ++l) {
       const float a = std::fabs(x[kSubBlockLenQ6K * i + l]);
-      if (a > amax) amax = a;
+      if (a > amax) {
+        amax = a;
+      }
     }
     subScales[i] = amax / 31;
-    if (subScales[i] > maxScale) maxScale = subScales[i];
+    if (subScales[i] > maxScale) {
+      maxScale = subScales[i];
+    }
   }
   const float d = storeF16(block + 208, maxScale / 127);
   for (size_t i = 0; i < kSubBlocksQ6K; ++i) {

@@ -37,7 +37,9 @@ void encodeBlockQ80(const float* x, uint8_t* block) {
   float amax = 0;
   for (size_t j = 0; j < kBlockLen; ++j) {
     const float a = std::fabs(x[j]);
-    if (a > amax) amax = a;
+    if (a > amax) {
+      amax = a;
+    }
   }
   const float d = amax / 127;
   storeF16(block, d);

@@ -64,12 +64,16 @@ bool feedHiddenOneByOne(Qwen35Session& session, std::span<const int> tokens,
                         std::vector<float>& hidden) {
   std::vector<float> out(session.model.nEmbd);
   for (const int token : tokens) {
-    if (contextIsFull(session) || !hasEmbeddingRow(session, token)) return false;
+    if (contextIsFull(session) || !hasEmbeddingRow(session, token)) {
+      return false;
+    }
     qwen35::embedRow(session.model, static_cast<size_t>(token), hidden.data());
     timedPass(session, [&] {
       qwen35::forwardTokenHidden(session.model, hidden.data(), session.position, out.data());
     });
-    if (!allFinite(out.data(), out.size())) return false;
+    if (!allFinite(out.data(), out.size())) {
+      return false;
+    }
   }
   return true;
 }
@@ -109,11 +113,15 @@ bool feedBlock(Qwen35Session& session, std::span<const int> tokens, BlockBuffers
   for (size_t i = 0; i < tokens.size(); ++i) {
     qwen35::embedRow(session.model, static_cast<size_t>(tokens[i]), b.embeddings.data() + i * n);
   }
-  if (tokens.size() > 1) session.beforeBlock.save(session.model);
+  if (tokens.size() > 1) {
+    session.beforeBlock.save(session.model);
+  }
   const double msBefore = session.decodeMsTotal;
   timedBlock(session, tokens.size(), b);
   for (size_t i = 0; i < tokens.size(); ++i) {
-    if (allFinite(b.hidden.data() + i * n, n)) continue;
+    if (allFinite(b.hidden.data() + i * n, n)) {
+      continue;
+    }
     if (i + 1 < tokens.size()) {
       session.beforeBlock.restore(session.model);
       session.position -= tokens.size();
@@ -127,7 +135,9 @@ bool feedBlock(Qwen35Session& session, std::span<const int> tokens, BlockBuffers
 
 // Feeds tokens whose logits nobody reads. False as prefill.
 bool feedHidden(Qwen35Session& session, std::span<const int> tokens, std::vector<float>& hidden) {
-  if (qwen35::anyDiagnosticSet()) return feedHiddenOneByOne(session, tokens, hidden);
+  if (qwen35::anyDiagnosticSet()) {
+    return feedHiddenOneByOne(session, tokens, hidden);
+  }
   const size_t feedable = feedableTokens(session, tokens);
   BlockBuffers b;
   const size_t longest = std::min(feedable, qwen35::kBlockTokens);
@@ -135,7 +145,9 @@ bool feedHidden(Qwen35Session& session, std::span<const int> tokens, std::vector
   b.hidden.resize(longest * session.model.nEmbd);
   for (size_t at = 0; at < feedable; at += qwen35::kBlockTokens) {
     const size_t count = std::min(qwen35::kBlockTokens, feedable - at);
-    if (!feedBlock(session, tokens.subspan(at, count), b)) return false;
+    if (!feedBlock(session, tokens.subspan(at, count), b)) {
+      return false;
+    }
   }
   return feedable == tokens.size();
 }
@@ -148,7 +160,9 @@ bool contextIsFull(const Qwen35Session& session) {
 
 bool sampledLogitsAreFinite(const std::vector<float>& logits) {
   for (size_t i = 0; i < logits.size(); i += kLogitTestStride) {
-    if (!isFinite(logits[i])) return false;
+    if (!isFinite(logits[i])) {
+      return false;
+    }
   }
   return true;
 }
@@ -163,12 +177,20 @@ void feedToken(Qwen35Session* session, int token, std::vector<float>& hidden,
 
 bool prefill(Qwen35Session* session, const std::vector<int>& tokens, std::vector<float>& hidden,
              std::vector<float>& logits) {
-  if (!session->canRun()) return false;
-  if (tokens.empty()) return true;
+  if (!session->canRun()) {
+    return false;
+  }
+  if (tokens.empty()) {
+    return true;
+  }
 
   const size_t last = tokens.size() - 1;
-  if (!feedHidden(*session, std::span(tokens).first(last), hidden)) return false;
-  if (contextIsFull(*session) || !hasEmbeddingRow(*session, tokens[last])) return false;
+  if (!feedHidden(*session, std::span(tokens).first(last), hidden)) {
+    return false;
+  }
+  if (contextIsFull(*session) || !hasEmbeddingRow(*session, tokens[last])) {
+    return false;
+  }
   feedToken(session, tokens[last], hidden, logits);
   return sampledLogitsAreFinite(logits);
 }
@@ -180,12 +202,22 @@ bool decodeLoop(Qwen35Session* session, std::vector<float>& hidden, std::vector<
     const int id = sampleNext(logits.data(), logits.size(), session->temperature, session->topK,
                               session->topP, session->rng);
     ++session->sampledTokens;
-    if (id < 0 || id == session->tokenizer->eosId || id == stopToken) return true;
-    if (!session->tokenizer->decode({id}, piece).ok()) return true;
-    if (!sink(piece)) return true;
-    if (++emitted == kMaxNewTokens || contextIsFull(*session)) return true;
+    if (id < 0 || id == session->tokenizer->eosId || id == stopToken) {
+      return true;
+    }
+    if (!session->tokenizer->decode({id}, piece).ok()) {
+      return true;
+    }
+    if (!sink(piece)) {
+      return true;
+    }
+    if (++emitted == kMaxNewTokens || contextIsFull(*session)) {
+      return true;
+    }
     feedToken(session, id, hidden, logits);
-    if (!sampledLogitsAreFinite(logits)) return false;
+    if (!sampledLogitsAreFinite(logits)) {
+      return false;
+    }
   }
 }
 

@@ -15,17 +15,25 @@ constexpr size_t kContextCapacity = 8192;
 const char* openSteps(Qwen35Session& session, const char* path) {
   session.loader = std::make_unique<kel::ZYMLoader>();
   kel::ZYMLoader& loader = *session.loader;
-  if (!loader.open(path).ok()) return "zym open failed";
+  if (!loader.open(path).ok()) {
+    return "zym open failed";
+  }
 
   std::string architecture;
   loader.reader.getMetaStr(kArchitectureKey, architecture);
-  if (architecture == kArchQwen35Moe) return "qwen35moe not supported yet";
-  if (architecture != kArchQwen35) return "not a qwen35-architecture model";
+  if (architecture == kArchQwen35Moe) {
+    return "qwen35moe not supported yet";
+  }
+  if (architecture != kArchQwen35) {
+    return "not a qwen35-architecture model";
+  }
 
   // Moved, not copied: a real vocabulary is half a million strings, and nobody reads the loader's
   // tables afterwards.
   session.tokenizer = std::make_unique<kel::Tokenizer>();
-  if (!session.tokenizer->load(std::move(loader.tokenizer)).ok()) return "tokenizer load failed";
+  if (!session.tokenizer->load(std::move(loader.tokenizer)).ok()) {
+    return "tokenizer load failed";
+  }
 
   if (!qwen35::initLayers(loader, session.model, kContextCapacity)) {
     return "qwen35 layer bind failed";
@@ -42,7 +50,9 @@ const char* openSteps(Qwen35Session& session, const char* path) {
 bool openSession(Qwen35Session* session, const char* path, char* err, size_t errCap) {
   const char* const failure = openSteps(*session, path);
   session->loaded = failure == nullptr;
-  if (failure != nullptr) copyText(err, errCap, failure);
+  if (failure != nullptr) {
+    copyText(err, errCap, failure);
+  }
   return session->loaded;
 }
 

@@ -17,7 +17,9 @@ struct Candidate {
 int32_t largestLogit(const float* logits, size_t n) {
   size_t best = 0;
   for (size_t i = 1; i < n; ++i) {
-    if (logits[i] > logits[best]) best = i;
+    if (logits[i] > logits[best]) {
+      best = i;
+    }
   }
   return static_cast<int32_t>(best);
 }
@@ -49,11 +51,15 @@ double weight(const Candidate& candidate, double max) {
 }
 
 std::span<const Candidate> cutTopP(std::span<const Candidate> range, double max, float topP) {
-  if (!(topP > 0.0F && topP < 1.0F)) return range;
+  if (!(topP > 0.0F && topP < 1.0F)) {
+    return range;
+  }
   double sum = 0.0;
   for (size_t i = 0; i < range.size(); ++i) {
     sum += weight(range[i], max);
-    if (sum >= static_cast<double>(topP)) return range.first(i + 1);
+    if (sum >= static_cast<double>(topP)) {
+      return range.first(i + 1);
+    }
   }
   return range;
 }
@@ -70,12 +76,15 @@ double uniform53(std::mt19937& rng) {
 
 int32_t draw(std::span<const Candidate> range, double max, std::mt19937& rng) {
   double mass = 0.0;
-  for (const Candidate& candidate : range)
+  for (const Candidate& candidate : range) {
     mass += weight(candidate, max);
+  }
   double rest = uniform53(rng) * mass;
   for (const Candidate& candidate : range) {
     rest -= weight(candidate, max);
-    if (rest <= 0.0) return candidate.token;
+    if (rest <= 0.0) {
+      return candidate.token;
+    }
   }
   return range.back().token;  // rounding left a little over
 }
@@ -84,8 +93,12 @@ int32_t draw(std::span<const Candidate> range, double max, std::mt19937& rng) {
 
 int32_t sampleNext(const float* logits, size_t n, float temperature, int topK, float topP,
                    std::mt19937& rng) {
-  if (n == 0) return 0;
-  if (temperature <= 0.0F || topK == 1) return largestLogit(logits, n);
+  if (n == 0) {
+    return 0;
+  }
+  if (temperature <= 0.0F || topK == 1) {
+    return largestLogit(logits, n);
+  }
 
   const std::vector<Candidate> candidates = rankedCandidates(logits, n, temperature);
   const auto best = std::span(candidates).first(topKCount(n, topK));

@@ -6,9 +6,13 @@
 namespace session {
 
 void copyText(char* buffer, size_t capacity, std::string_view text) {
-  if (buffer == nullptr || capacity == 0) return;
+  if (buffer == nullptr || capacity == 0) {
+    return;
+  }
   const size_t length = std::min(text.substr(0, text.find('\0')).size(), capacity - 1);
-  if (length != 0) std::memcpy(buffer, text.data(), length);
+  if (length != 0) {
+    std::memcpy(buffer, text.data(), length);
+  }
   buffer[length] = '\0';
 }
 

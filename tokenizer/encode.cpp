@@ -6,10 +6,16 @@
 namespace kel {
 
 Status Tokenizer::encode(std::string_view text, std::vector<int32_t>& ids, bool addBos) const {
-  if (tokens.empty()) return Status::invalid("tokenizer: not loaded");
+  if (tokens.empty()) {
+    return Status::invalid("tokenizer: not loaded");
+  }
   ids.clear();
-  if (addBos && bosId >= 0) ids.push_back(bosId);
-  if (byteLevel) return encodeLines(text, ids);
+  if (addBos && bosId >= 0) {
+    ids.push_back(bosId);
+  }
+  if (byteLevel) {
+    return encodeLines(text, ids);
+  }
 
   std::string escaped;
   escaped.reserve(text.size());
@@ -23,14 +29,18 @@ Status Tokenizer::encodeLines(std::string_view text, std::vector<int32_t>& ids) 
     const size_t newline = text.find('\n', at);
     const size_t end = newline == at ? at + 1 : newline;
     const std::string_view segment = text.substr(at, end - at);
-    if (Status status = tokenizeSegment(segment, ids); !status.ok()) return status;
+    if (Status status = tokenizeSegment(segment, ids); !status.ok()) {
+      return status;
+    }
     at += segment.size();
   }
   return Status::success();
 }
 
 Status Tokenizer::tokenizeSegment(std::string_view segment, std::vector<int32_t>& ids) const {
-  if (segment.empty()) return Status::success();
+  if (segment.empty()) {
+    return Status::success();
+  }
   if (segment.find_first_not_of('\n') == std::string_view::npos) {
     const int32_t id = tokenIndex.find(segment);
     if (id != StringIndex::kAbsent) {
@@ -41,15 +51,21 @@ Status Tokenizer::tokenizeSegment(std::string_view segment, std::vector<int32_t>
   for (size_t start = 0; start < segment.size();) {
     const auto match = specialTokenFinder.find(specialTokens, segment, start);
     const std::string_view plain = segment.substr(start, match.begin - start);
-    if (Status status = tokenizePlain(plain, ids); !status.ok()) return status;
-    if (match.size > 0) ids.push_back(match.id);
+    if (Status status = tokenizePlain(plain, ids); !status.ok()) {
+      return status;
+    }
+    if (match.size > 0) {
+      ids.push_back(match.id);
+    }
     start = match.begin + match.size;
   }
   return Status::success();
 }
 
 Status Tokenizer::tokenizePlain(std::string_view text, std::vector<int32_t>& ids) const {
-  if (!byteLevel) return tokenizeBpe(text, ids);
+  if (!byteLevel) {
+    return tokenizeBpe(text, ids);
+  }
   BpeMerger merger(mergeRanks);
   std::string escaped;
   for (const std::string_view word : splitWords(text)) {
@@ -80,11 +96,14 @@ void Tokenizer::appendPiece(BpeMerger& merger, std::string_view piece,
 }
 
 Status Tokenizer::decode(const std::vector<int32_t>& ids, std::string& text) const {
-  if (tokens.empty()) return Status::invalid("tokenizer: not loaded");
+  if (tokens.empty()) {
+    return Status::invalid("tokenizer: not loaded");
+  }
   text.clear();
   for (const int32_t id : ids) {
-    if (id < 0 || static_cast<size_t>(id) >= tokens.size())
+    if (id < 0 || static_cast<size_t>(id) >= tokens.size()) {
       return Status::invalid("tokenizer: token id out of range");
+    }
     const auto index = static_cast<size_t>(id);
     if (isSpecial(index)) {
       text += tokens[index];

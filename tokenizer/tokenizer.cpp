@@ -17,8 +17,12 @@ bool isByteLevelRule(std::string_view rule) {
 }  // namespace
 
 Status Tokenizer::load(TokenizerData data) {
-  if (data.tokens.empty()) return Status::invalid("tokenizer: empty token list");
-  if (data.tokenTypes.size() != data.tokens.size()) data.tokenTypes.clear();
+  if (data.tokens.empty()) {
+    return Status::invalid("tokenizer: empty token list");
+  }
+  if (data.tokenTypes.size() != data.tokens.size()) {
+    data.tokenTypes.clear();
+  }
   tokens = std::move(data.tokens);
   auxValues = std::move(data.auxValues);
   tokenTypes = std::move(data.tokenTypes);
@@ -45,8 +49,9 @@ void Tokenizer::collectSpecialTokens() {
   if (tokenTypes.size() == tokens.size()) {
     for (size_t id = 0; id < tokens.size(); ++id) {
       // An empty one would match everywhere without getting any further.
-      if (isSpecial(id) && !tokens[id].empty())
+      if (isSpecial(id) && !tokens[id].empty()) {
         specialTokens.emplace_back(tokens[id], static_cast<int32_t>(id));
+      }
     }
   }
   sortSpecialTokens(specialTokens);
@@ -62,8 +67,9 @@ int32_t Tokenizer::tokenToId(std::string_view token) const {
 }
 
 Status Tokenizer::tokenToString(int id, std::string& out) const {
-  if (id < 0 || static_cast<size_t>(id) >= tokens.size())
+  if (id < 0 || static_cast<size_t>(id) >= tokens.size()) {
     return Status::invalid("tokenizer: token id out of range");
+  }
   out = tokens[static_cast<size_t>(id)];
   return Status::success();
 }

@@ -11,9 +11,15 @@ namespace kel {
 // and for F8 to FF. What follows the lead byte is never looked at.
 inline size_t characterBytes(char lead) {
   const auto byte = static_cast<unsigned char>(lead);
-  if ((byte & 0xE0U) == 0xC0U) return 2;
-  if ((byte & 0xF0U) == 0xE0U) return 3;
-  if ((byte & 0xF8U) == 0xF0U) return 4;
+  if ((byte & 0xE0U) == 0xC0U) {
+    return 2;
+  }
+  if ((byte & 0xF0U) == 0xE0U) {
+    return 3;
+  }
+  if ((byte & 0xF8U) == 0xF0U) {
+    return 4;
+  }
   return 1;
 }
 

@@ -11,7 +11,9 @@ void appendReplaced(std::string_view text, std::string_view from, std::string_vi
   size_t at = 0;
   for (;;) {
     const size_t found = text.find(from, at);
-    if (found == std::string_view::npos) break;
+    if (found == std::string_view::npos) {
+      break;
+    }
     out.append(text, at, found - at).append(to);
     at = found + from.size();
   }

@@ -41,16 +41,18 @@ bool isOther(char c) {
 
 template <typename Predicate>
 size_t runEnd(std::string_view text, size_t at, Predicate inRun) {
-  while (at < text.size() && inRun(text[at]))
+  while (at < text.size() && inRun(text[at])) {
     ++at;
+  }
   return at;
 }
 
 // Steps by whole characters, so that a word never ends inside one. A lead byte with fewer
 // continuation bytes than it announces takes whatever follows, spaces included.
 size_t letterRunEnd(std::string_view text, size_t at) {
-  while (at < text.size() && isLetter(text[at]))
+  while (at < text.size() && isLetter(text[at])) {
     at = characterEnd(text, at);
+  }
   return at;
 }
 
@@ -65,11 +67,15 @@ size_t digitGroupEnd(std::string_view text, size_t at) {
 
 // suffix is in lower case; only ASCII letters fold.
 bool startsWithFolded(std::string_view text, std::string_view suffix) {
-  if (text.size() < suffix.size()) return false;
+  if (text.size() < suffix.size()) {
+    return false;
+  }
   for (size_t i = 0; i < suffix.size(); ++i) {
     const char c = text[i];
     const char folded = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    if (folded != suffix[i]) return false;
+    if (folded != suffix[i]) {
+      return false;
+    }
   }
   return true;
 }
@@ -86,8 +92,9 @@ size_t contractionEnd(std::string_view text, size_t at) {
     return at;
   }
   for (const std::string_view suffix : kContractionSuffixes) {
-    if (startsWithFolded(rest.substr(apostropheBytes), suffix))
+    if (startsWithFolded(rest.substr(apostropheBytes), suffix)) {
       return at + apostropheBytes + suffix.size();
+    }
   }
   return at;
 }
@@ -101,14 +108,28 @@ size_t spaceWordEnd(std::string_view text, size_t at) {
 // The order of the tests is the order of precedence.
 size_t wordEnd(std::string_view text, size_t at) {
   const size_t contraction = contractionEnd(text, at);
-  if (contraction != at) return contraction;
+  if (contraction != at) {
+    return contraction;
+  }
   const char c = text[at];
-  if (isNewline(c)) return runEnd(text, at, isWhitespace);
-  if (isLetter(c)) return letterRunEnd(text, at);
-  if (isDigit(c)) return digitGroupEnd(text, at);
-  if (at + 1 < text.size() && isLetter(text[at + 1])) return letterRunEnd(text, at + 1);
-  if (c == ' ') return spaceWordEnd(text, at);
-  if (isOther(c)) return punctuationEnd(text, at);
+  if (isNewline(c)) {
+    return runEnd(text, at, isWhitespace);
+  }
+  if (isLetter(c)) {
+    return letterRunEnd(text, at);
+  }
+  if (isDigit(c)) {
+    return digitGroupEnd(text, at);
+  }
+  if (at + 1 < text.size() && isLetter(text[at + 1])) {
+    return letterRunEnd(text, at + 1);
+  }
+  if (c == ' ') {
+    return spaceWordEnd(text, at);
+  }
+  if (isOther(c)) {
+    return punctuationEnd(text, at);
+  }
   return runEnd(text, at, isWhitespace);
 }
 

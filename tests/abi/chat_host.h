@@ -67,8 +67,9 @@ inline Reply streamTurn(const Handle& handle, const char* text, volatile int* ca
   Reply reply;
   reply.status = plugin().runtimesV2S(nullptr)->chatTurnStream(handle.get(), text, collectPiece,
                                                                &reply, cancel);
-  for (const std::string& piece : reply.pieces)
+  for (const std::string& piece : reply.pieces) {
     reply.text += piece;
+  }
   return reply;
 }
 

@@ -172,7 +172,9 @@ struct CancelAfter {
 
 void cancelFromCallback(const char*, uint32_t, void* userData) {
   auto& state = *static_cast<CancelAfter*>(userData);
-  if (++state.delivered == state.pieces) state.flag = 1;
+  if (++state.delivered == state.pieces) {
+    state.flag = 1;
+  }
 }
 
 TEST_F(Chat, CancellingInsideTheCallbackStopsAfterThatPiece) {
@@ -196,8 +198,9 @@ struct WaitForCancel {
 void waitInThirdPiece(const char*, uint32_t, void* userData) {
   auto& state = *static_cast<WaitForCancel*>(userData);
   if (++state.delivered == 3) {
-    while (!state.flagSet)
+    while (!state.flagSet) {
       std::this_thread::yield();
+    }
   }
 }
 
@@ -206,8 +209,9 @@ TEST_F(Chat, CancellingFromAnotherThreadStopsAfterThePieceInFlight) {
   WaitForCancel state;
   volatile int cancel = 0;
   std::thread other([&] {
-    while (state.delivered < 3)
+    while (state.delivered < 3) {
       std::this_thread::yield();
+    }
     cancel = 1;
     state.flagSet = true;
   });
@@ -231,8 +235,9 @@ TEST_F(Chat, AThreadMayCancelAtAnyMoment) {
   std::atomic<int> delivered{0};
   volatile int cancel = 0;
   std::thread other([&] {
-    while (delivered < 3)
+    while (delivered < 3) {
       std::this_thread::yield();
+    }
     __atomic_store_n(&cancel, 1, __ATOMIC_RELAXED);
   });
   const auto stream = plugin().runtimesV2S(nullptr)->chatTurnStream;
@@ -318,8 +323,9 @@ TEST_F(Chat, TwoHandlesOnTwoThreadsKeepTheirOwnConversations) {
         reply = testing_abi::chatTurn(handle, "hello");
       });
     }
-    for (std::thread& thread : threads)
+    for (std::thread& thread : threads) {
       thread.join();
+    }
   }
   EXPECT_EQ(expected, replies[0]);
   EXPECT_EQ(expected, replies[1]);

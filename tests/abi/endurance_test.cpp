@@ -27,7 +27,9 @@ const ZYMRuntimeTableV2& table() {
 long residentKilobytes() {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("VmRSS:")) return std::stol(line.substr(6));
+    if (line.starts_with("VmRSS:")) {
+      return std::stol(line.substr(6));
+    }
   }
   return -1;
 }
@@ -54,8 +56,9 @@ constexpr long kAllowedGrowthKb =
 
 TEST_F(Endurance, TwoThousandHandlesLeaveMemoryFlat) {
   const std::string path = model();
-  for (int i = 0; i < 100; ++i)
+  for (int i = 0; i < 100; ++i) {
     testing_abi::createHandle(path).reset();
+  }
   const long before = residentKilobytes();
   for (int i = 0; i < share(1900); ++i) {
     const Handle handle = testing_abi::createHandle(path);
@@ -122,11 +125,13 @@ void randomCall(ZYMRuntimeHandle* handle, std::mt19937& rng) {
 
 long growthOver(ZYMRuntimeHandle* handle, int firstCalls, int calls) {
   std::mt19937 rng(20240607);
-  for (int i = 0; i < firstCalls; ++i)
+  for (int i = 0; i < firstCalls; ++i) {
     randomCall(handle, rng);
+  }
   const long before = residentKilobytes();
-  for (int i = 0; i < calls; ++i)
+  for (int i = 0; i < calls; ++i) {
     randomCall(handle, rng);
+  }
   return residentKilobytes() - before;
 }
 

@@ -43,11 +43,15 @@ std::set<std::string> exportedSymbols(const std::vector<char>& image) {
   const std::vector<Elf64_Shdr> sections = sectionHeaders(image);
   std::set<std::string> names;
   for (const Elf64_Shdr& section : sections) {
-    if (section.sh_type != SHT_DYNSYM) continue;
+    if (section.sh_type != SHT_DYNSYM) {
+      continue;
+    }
     const Elf64_Shdr& strings = sections.at(section.sh_link);
     for (size_t at = 0; at < section.sh_size; at += sizeof(Elf64_Sym)) {
       const auto symbol = recordAt<Elf64_Sym>(image, section.sh_offset + at);
-      if (symbol.st_shndx == SHN_UNDEF || symbol.st_name == 0) continue;
+      if (symbol.st_shndx == SHN_UNDEF || symbol.st_name == 0) {
+        continue;
+      }
       names.insert(image.data() + strings.sh_offset + symbol.st_name);
     }
   }
@@ -58,11 +62,15 @@ std::set<std::string> neededLibraries(const std::vector<char>& image) {
   const std::vector<Elf64_Shdr> sections = sectionHeaders(image);
   std::set<std::string> names;
   for (const Elf64_Shdr& section : sections) {
-    if (section.sh_type != SHT_DYNAMIC) continue;
+    if (section.sh_type != SHT_DYNAMIC) {
+      continue;
+    }
     const Elf64_Shdr& strings = sections.at(section.sh_link);
     for (size_t at = 0; at < section.sh_size; at += sizeof(Elf64_Dyn)) {
       const auto entry = recordAt<Elf64_Dyn>(image, section.sh_offset + at);
-      if (entry.d_tag != DT_NEEDED) continue;
+      if (entry.d_tag != DT_NEEDED) {
+        continue;
+      }
       names.insert(image.data() + strings.sh_offset + entry.d_un.d_val);
     }
   }
@@ -76,7 +84,9 @@ TEST(Exports, AreExactlyTheFourEntryPoints) {
 }
 
 TEST(Dependencies, AreTheLanguageRuntimesAlone) {
-  if (kel::test::kInstrumented) GTEST_SKIP() << "an instrumented build needs its own runtime";
+  if (kel::test::kInstrumented) {
+    GTEST_SKIP() << "an instrumented build needs its own runtime";
+  }
   const std::set<std::string> allowed = {"libstdc++.so.6",  "libm.so.6",           "libgomp.so.1",
                                          "libgcc_s.so.1",   "libc.so.6",           "libomp.so.5",
                                          "libpthread.so.0", "ld-linux-x86-64.so.2"};

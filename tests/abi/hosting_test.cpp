@@ -19,15 +19,21 @@ struct Outcome {
 };
 
 Outcome run(const std::string& arguments) {
-  const std::string command = "OMP_NUM_THREADS=1 " ZYM_HOSTING_EXAMPLE " " + arguments;
+  const std::string command = "OMP_NUM_THREADS=1 ";
+  ZYM_HOSTING_EXAMPLE " " + arguments;
   FILE* const pipe = ::popen(command.c_str(), "r");
-  if (pipe == nullptr) throw std::runtime_error("popen failed");
+  if (pipe == nullptr) {
+    throw std::runtime_error("popen failed");
+  }
   Outcome result;
   std::array<char, 256> chunk{};
-  while (::fgets(chunk.data(), chunk.size(), pipe) != nullptr)
+  while (::fgets(chunk.data(), chunk.size(), pipe) != nullptr) {
     result.output += chunk.data();
+  }
   const int status = ::pclose(pipe);
-  if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
+  if (WIFEXITED(status)) {
+    result.exitStatus = WEXITSTATUS(status);
+  }
   return result;
 }
 

@@ -29,16 +29,22 @@ const ZYMRuntimeTableV2& table() {
 size_t addressSpaceBytes() {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("VmSize:")) return std::stoul(line.substr(7)) * 1024;
+    if (line.starts_with("VmSize:")) {
+      return std::stoul(line.substr(7)) * 1024;
+    }
   }
   std::abort();
 }
 
 void limitAddressSpace(rlim_t bytes) {
   rlimit limit;
-  if (getrlimit(RLIMIT_AS, &limit) != 0) std::abort();
+  if (getrlimit(RLIMIT_AS, &limit) != 0) {
+    std::abort();
+  }
   limit.rlim_cur = bytes;
-  if (setrlimit(RLIMIT_AS, &limit) != 0) std::abort();
+  if (setrlimit(RLIMIT_AS, &limit) != 0) {
+    std::abort();
+  }
 }
 
 void leaveMegabytes(size_t megabytes) {
@@ -47,7 +53,9 @@ void leaveMegabytes(size_t megabytes) {
 
 // In a child process, where EXPECT is not heard: the first expectation that fails ends it.
 void require(bool holds, const char* what) {
-  if (holds) return;
+  if (holds) {
+    return;
+  }
   std::fprintf(stderr, "failed: %s\n", what);
   std::_Exit(1);
 }
@@ -64,7 +72,9 @@ std::string startOfReply(const Handle& handle, const char* text) {
   const auto take = [](const char* piece, uint32_t length, void* userData) {
     auto& taken = *static_cast<FirstPieces*>(userData);
     taken.text.append(piece, length);
-    if (++taken.count == 8) taken.cancel = 1;
+    if (++taken.count == 8) {
+      taken.cancel = 1;
+    }
   };
   const auto stream = plugin().runtimesV2S(nullptr)->chatTurnStream;
   require(stream(handle.get(), text, take, &reply, &reply.cancel) == 0, "a turn with memory works");

@@ -31,7 +31,9 @@ class Probe : public testing::Test {
   std::string writeModel(const std::string& name, const char* key, const std::string& value) const {
     kel::ZYM2Writer writer;
     EXPECT_TRUE(writer.create(path(name)).ok());
-    if (key != nullptr) writer.addMetaStr(key, value);
+    if (key != nullptr) {
+      writer.addMetaStr(key, value);
+    }
     writer.setTokenizer({});
     const kel::Status status = writer.finish();
     EXPECT_TRUE(status.ok()) << status.message;
@@ -107,8 +109,9 @@ TEST_F(Probe, ContainerWithoutTokenizerScoresZero) {
 
 TEST_F(Probe, NullPathAndShortPathsScoreZero) {
   expectNegative(probe(nullptr));
-  for (const char* name : {"", "m", "zym", "ym"})
+  for (const char* name : {"", "m", "zym", "ym"}) {
     expectNegative(probe(name));
+  }
 }
 
 // A file that would match under another name shows that the suffix alone decides.

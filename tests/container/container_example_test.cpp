@@ -23,7 +23,9 @@ Bytes exampleOfTheDocument() {
   std::string line;
   while (std::getline(document, line)) {
     std::smatch match;
-    if (!std::regex_match(line, match, listing)) continue;
+    if (!std::regex_match(line, match, listing)) {
+      continue;
+    }
     size_t at = std::stoul(match[1], nullptr, 16);
     std::istringstream values(match[2]);
     for (std::string value; values >> value; ++at) {

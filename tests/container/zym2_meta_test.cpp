@@ -235,7 +235,9 @@ TEST_F(MetaTest, AValueOneByteShortNamesItsType) {
     Packer meta;
     meta.u32(1);
     entry(meta, "a", type).u16(0).u8(0);
-    if (type == 3) meta.u32(0);
+    if (type == 3) {
+      meta.u32(0);
+    }
     EXPECT_EQ(messages[type], openMessage(meta));
     EXPECT_EQ("", openMessage(meta.u8(0)));
   }

@@ -116,11 +116,14 @@ TEST_F(Convert, GroupedHeadsOfAGgufAreReordered) {
   file.boolean("ssm.v_head_reordered", false);
   for (const TinyTensor& tensor : *model) {
     // The stated order concerns heads alone: norms and decays are as the runtime has them.
-    if (tensor.name.find("norm") != std::string::npos) continue;
+    if (tensor.name.find("norm") != std::string::npos) {
+      continue;
+    }
     std::vector<float> values = tensor.checkpoint;
     if (tensor.name.ends_with("ssm_a")) {
-      for (float& value : values)
+      for (float& value : values) {
         value = -std::exp(value);
+      }
     }
     tensorNamed(file, tensor.name).data = floatBytes(values, tensor.matrix ? "BF16" : "F32");
   }
@@ -261,7 +264,9 @@ TEST_F(Convert, PresetsChooseTypesByTensor) {
 TEST_F(Convert, BlocksAreEncodedFromTheReorderedRow) {
   const Converted converted(shared->file("checkpoint"), ofType(QuantType::Q4_K));
   for (const TinyTensor& tensor : *model) {
-    if (tensor.name != "blk.0.ssm_out.weight" && tensor.name != "blk.1.ffn_down.weight") continue;
+    if (tensor.name != "blk.0.ssm_out.weight" && tensor.name != "blk.1.ffn_down.weight") {
+      continue;
+    }
     Bytes expected(kel::quant::quantizedBytes(QuantType::Q4_K, tensor.runtime.size()));
     kel::quant::quantQ4K(tensor.runtime.data(), expected.data(), tensor.runtime.size());
     EXPECT_TRUE(expected == converted.bytes(tensor.name)) << tensor.name;
@@ -277,8 +282,9 @@ TEST_F(Convert, SummaryCountsBytes) {
     stored += group.storedBytes;
   }
   uint64_t inFile = 0;
-  for (const kel::TensorView& view : converted.loader.tensors)
+  for (const kel::TensorView& view : converted.loader.tensors) {
     inFile += view.byteSize;
+  }
   EXPECT_EQ(426U, tensors);
   EXPECT_EQ(inFile, stored);
   EXPECT_EQ(stored, converted.result.summary.storedBytes);

@@ -28,21 +28,29 @@ inline std::string refusal(const std::string& source) {
   const TempDir folder;
   const std::string target = folder.file("refused.zym");
   const convert::ConvertResult result = convertTo(source, target);
-  if (!std::filesystem::is_empty(folder.path())) throw std::runtime_error("something was written");
+  if (!std::filesystem::is_empty(folder.path())) {
+    throw std::runtime_error("something was written");
+  }
   return result.status.message;
 }
 
 struct Converted {
   Converted(const std::string& source, const convert::StorageChoice& storage = {})
       : path(folder.file("model.zym")), result(convertTo(source, path, storage)) {
-    if (!result.status.ok()) throw std::runtime_error(result.status.message);
+    if (!result.status.ok()) {
+      throw std::runtime_error(result.status.message);
+    }
     const Status status = loader.open(path.c_str());
-    if (!status.ok()) throw std::runtime_error(status.message);
+    if (!status.ok()) {
+      throw std::runtime_error(status.message);
+    }
   }
 
   const TensorView& tensor(const std::string& name) const {
     const TensorView* view = loader.findTensor(name);
-    if (view == nullptr) throw std::runtime_error("no tensor " + name);
+    if (view == nullptr) {
+      throw std::runtime_error("no tensor " + name);
+    }
     return *view;
   }
   Bytes bytes(const std::string& name) const {

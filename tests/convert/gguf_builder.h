@@ -19,8 +19,9 @@ template <typename T>
 void appendNumber(Bytes& bytes, T value) {
   uint8_t raw[sizeof(T)];
   std::memcpy(raw, &value, sizeof(T));
-  for (const uint8_t byte : raw)
+  for (const uint8_t byte : raw) {
     bytes.push_back(byte);
+  }
 }
 
 class GgufBuilder {
@@ -65,15 +66,17 @@ class GgufBuilder {
   }
   void texts(const std::string& key, const std::vector<std::string>& values) {
     Bytes bytes = arrayHead(8, values.size());
-    for (const std::string& value : values)
+    for (const std::string& value : values) {
       string(bytes, value);
+    }
     pair(key, 9, bytes);
   }
   template <typename T>
   void array(const std::string& key, uint32_t elementType, const std::vector<T>& values) {
     Bytes bytes = arrayHead(elementType, values.size());
-    for (const T value : values)
+    for (const T value : values) {
       appendNumber(bytes, value);
+    }
     pair(key, 9, bytes);
   }
   static Bytes arrayHead(uint32_t elementType, uint64_t count) {
@@ -100,12 +103,15 @@ class GgufBuilder {
     for (const Tensor& tensor : tensors) {
       string(bytes, tensor.name);
       appendNumber<uint32_t>(bytes, static_cast<uint32_t>(tensor.ne.size()));
-      for (const uint64_t n : tensor.ne)
+      for (const uint64_t n : tensor.ne) {
         appendNumber(bytes, n);
+      }
       appendNumber(bytes, tensor.type);
       offsets.push_back(tensor.atOffset < 0 ? next : static_cast<uint64_t>(tensor.atOffset));
       appendNumber(bytes, offsets.back());
-      if (tensor.afterEarlier) next = aligned(offsets.back() + sizeOf(tensor));
+      if (tensor.afterEarlier) {
+        next = aligned(offsets.back() + sizeOf(tensor));
+      }
     }
     bytes.resize(aligned(bytes.size()));
     return bytes;
@@ -117,7 +123,9 @@ class GgufBuilder {
     const size_t dataStart = file.size();
     for (size_t i = 0; i < tensors.size(); ++i) {
       const size_t end = dataStart + offsets[i] + sizeOf(tensors[i]);
-      if (file.size() < end) file.resize(end);
+      if (file.size() < end) {
+        file.resize(end);
+      }
       std::copy(tensors[i].data.begin(), tensors[i].data.end(),
                 file.begin() + static_cast<std::ptrdiff_t>(dataStart + offsets[i]));
     }

@@ -16,7 +16,9 @@ std::string metadataMessage(const GgufBuilder& builder) {
   const Bytes bytes = builder.bytes();
   kel::convert::GgufFile file;
   kel::Status status = file.parse(bytes.data(), bytes.size());
-  if (!status.ok()) return status.message;
+  if (!status.ok()) {
+    return status.message;
+  }
   kel::convert::SourceModel model;
   return readGgufModel(file, model).message;
 }
@@ -131,8 +133,9 @@ TEST(GgufMetadata, PartsOfASplitModelAreRefused) {
 
 TEST(GgufMetadata, HeadsPerLayerMustFollowThePattern) {
   std::vector<uint32_t> heads(32, 0);
-  for (size_t layer = 3; layer < 32; layer += 4)
+  for (size_t layer = 3; layer < 32; layer += 4) {
     heads[layer] = 4;
+  }
   const auto messageOf = [](const std::vector<uint32_t>& values) {
     GgufBuilder file;
     addTinyMetadata(file, "qwen35.attention.head_count_kv");
@@ -149,8 +152,9 @@ TEST(GgufMetadata, HeadsPerLayerMustFollowThePattern) {
 
 TEST(GgufMetadata, RecurrentLayersMustFollowThePattern) {
   std::vector<uint8_t> recurrent(32, 1);
-  for (size_t layer = 3; layer < 32; layer += 4)
+  for (size_t layer = 3; layer < 32; layer += 4) {
     recurrent[layer] = 0;
+  }
   const auto messageOf = [](const std::vector<uint8_t>& values) {
     GgufBuilder file;
     addTinyMetadata(file);

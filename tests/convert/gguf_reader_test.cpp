@@ -237,7 +237,9 @@ TEST(GgufReader, DamagedBytesLeaveTensorsInsideTheFile) {
       Bytes damaged = whole;
       damaged[at] = static_cast<uint8_t>(value);
       kel::convert::GgufFile file;
-      if (!file.parse(damaged.data(), damaged.size()).ok()) continue;
+      if (!file.parse(damaged.data(), damaged.size()).ok()) {
+        continue;
+      }
       for (const kel::convert::GgufTensor& tensor : file.tensors()) {
         EXPECT_LE(damaged.data(), tensor.data);
         EXPECT_LE(tensor.data + tensor.nBytes, damaged.data() + damaged.size());

@@ -35,8 +35,9 @@ class GgufTypes : public testing::Test {
       tensor.type = format.ggufType;
       tensor.data = randomBlocks(format, n, random);
     };
-    for (size_t i = 0; i < referenceFormats().size(); ++i)
+    for (size_t i = 0; i < referenceFormats().size(); ++i) {
       place(tensorNamed(file, tensorOf(i)), referenceFormats()[i], kElements);
+    }
     place(tensorNamed(file, "token_embd.weight"), formatNamed("Q4_0"), kTinyHidden * kTinyVocab);
     source = new GgufBuilder(file);
     file.write(shared->file("types.gguf"));
@@ -85,8 +86,9 @@ TEST_F(GgufTypes, KeepWhatProductsAcceptAndReencodeTheRest) {
     kel::quant::dequantQ80(view.data, values.data(), kElements);
     for (size_t k = 0; k < kElements; ++k) {
       double largest = 0;
-      for (size_t j = k / 32 * 32; j < k / 32 * 32 + 32; ++j)
+      for (size_t j = k / 32 * 32; j < k / 32 * 32 + 32; ++j) {
         largest = std::max(largest, std::abs(expected[j]));
+      }
       // Half a step, and the rounding of the scale to half precision.
       ASSERT_NEAR(expected[k], values[k], largest * (0.5 / 127 + 1e-3) + 1e-7)
           << format.name << " element " << k;
@@ -98,7 +100,9 @@ TEST_F(GgufTypes, SummarySaysWhyATypeChanged) {
   const Converted converted(shared->file("types.gguf"));
   std::map<std::string, std::string> reasons;
   for (const auto& group : converted.result.summary.groups) {
-    if (group.name == "ffn_down.weight") reasons[group.sourceType] = group.reason;
+    if (group.name == "ffn_down.weight") {
+      reasons[group.sourceType] = group.reason;
+    }
   }
   EXPECT_EQ("matrix products cannot use Q6_K; quality stays that of Q6_K", reasons["Q6_K"]);
   EXPECT_EQ("matrix products cannot use F16", reasons["F16"]);

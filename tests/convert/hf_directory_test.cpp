@@ -75,8 +75,9 @@ TEST(HfConfig, OtherModelsAreNamed) {
 
 TEST(HfConfig, LayerTypesMustFollowThePattern) {
   json types = json::array();
-  for (int layer = 0; layer < 32; ++layer)
+  for (int layer = 0; layer < 32; ++layer) {
     types.push_back(layer % 4 == 3 ? "full_attention" : "linear_attention");
+  }
   EXPECT_EQ("", with("layer_types", types));
   types[2] = "full_attention";
   EXPECT_EQ(
@@ -103,7 +104,9 @@ TEST(HfConfig, FieldsOfAnyKindAreAnsweredWithAStatus) {
   }
   // What is no object holds no fields: those at the top count.
   for (const json& text : odd) {
-    if (text.is_object()) continue;
+    if (text.is_object()) {
+      continue;
+    }
     EXPECT_EQ("config.json: num_hidden_layers is 1; the runtime needs 32",
               message({{"num_hidden_layers", 1}, {"text_config", text}}));
   }
@@ -157,8 +160,9 @@ TEST_F(HfDirectory, ConvolutionOfAnotherFrameworkIsRefused) {
 }
 
 TEST_F(HfDirectory, NamesOfAnotherFrameworkAreRefused) {
-  for (auto& tensor : directory.weights.tensors)
+  for (auto& tensor : directory.weights.tensors) {
     tensor.name = "language_model." + tensor.name;
+  }
   EXPECT_NE(std::string::npos,
             refused().find("is a name of a directory converted for another framework"));
 }

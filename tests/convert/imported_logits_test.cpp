@@ -41,10 +41,13 @@ class Source {
   void encodeMatrices(Accepts accepts) {
     size_t next = 0;
     for (TinyTensor& tensor : model) {
-      if (!tensor.matrix) continue;
+      if (!tensor.matrix) {
+        continue;
+      }
       const ReferenceFormat* format = nullptr;
-      while (format == nullptr || !accepts(*format) || tensor.dims[0] % format->blockLen != 0)
+      while (format == nullptr || !accepts(*format) || tensor.dims[0] % format->blockLen != 0) {
         format = &referenceFormats()[next++ % referenceFormats().size()];
+      }
       encode(tensor, *format);
     }
   }

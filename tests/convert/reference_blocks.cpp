@@ -97,8 +97,9 @@ double iq4xs(const uint8_t* b, size_t i) {
 std::vector<double> ReferenceFormat::decodeAll(const Bytes& blocks) const {
   std::vector<double> values;
   for (size_t at = 0; at + blockBytes <= blocks.size(); at += blockBytes) {
-    for (size_t i = 0; i < blockLen; ++i)
+    for (size_t i = 0; i < blockLen; ++i) {
       values.push_back(value(blocks.data() + at, i));
+    }
   }
   return values;
 }
@@ -165,19 +166,23 @@ const std::vector<ReferenceFormat>& referenceFormats() {
 
 const ReferenceFormat& formatNamed(const std::string& name) {
   for (const ReferenceFormat& format : referenceFormats()) {
-    if (name == format.name) return format;
+    if (name == format.name) {
+      return format;
+    }
   }
   throw std::out_of_range(name);
 }
 
 Bytes randomBlocks(const ReferenceFormat& format, size_t elements, std::mt19937& random) {
   Bytes bytes(elements / format.blockLen * format.blockBytes);
-  for (uint8_t& byte : bytes)
+  for (uint8_t& byte : bytes) {
     byte = static_cast<uint8_t>(random());
+  }
   for (size_t at = 0; at < bytes.size(); at += format.blockBytes) {
     // Between 2^-7 and 2^-6, either sign.
-    for (const size_t field : format.halfFields)
+    for (const size_t field : format.halfFields) {
       bytes[at + field + 1] = static_cast<uint8_t>((bytes[at + field + 1] & 0x83) | 8 << 2);
+    }
     // Plain floats: exponents about 1.
     if (format.blockLen == 1 && format.halfFields.empty()) {
       bytes[at + format.blockBytes - 1] = static_cast<uint8_t>((bytes[at] & 0x80) | 0x3F);

@@ -31,8 +31,9 @@ struct SafetensorsBuilder {
     uint64_t at = 0;
     for (const Tensor& tensor : tensors) {
       json << ",\"" << tensor.name << R"(":{"dtype":")" << tensor.dtype << R"(","shape":[)";
-      for (size_t i = 0; i < tensor.shape.size(); ++i)
+      for (size_t i = 0; i < tensor.shape.size(); ++i) {
         json << (i == 0 ? "" : ",") << tensor.shape[i];
+      }
       json << R"(],"data_offsets":[)" << at << ',' << at + sizeOf(tensor) << "]}";
       at += sizeOf(tensor);
     }

@@ -68,7 +68,9 @@ TEST(SafetensorsReader, DamagedBytesLeaveEntriesInsideTheFile) {
       Bytes damaged = whole;
       damaged[at] = static_cast<uint8_t>(value);
       std::vector<SafetensorsEntry> entries;
-      if (!parseSafetensors(damaged.data(), damaged.size(), "f", entries).ok()) continue;
+      if (!parseSafetensors(damaged.data(), damaged.size(), "f", entries).ok()) {
+        continue;
+      }
       for (const SafetensorsEntry& found : entries) {
         EXPECT_LE(damaged.data(), found.data);
         EXPECT_LE(found.data + found.nBytes, damaged.data() + damaged.size());

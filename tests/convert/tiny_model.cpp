@@ -10,13 +10,16 @@ namespace {
 // Multiples of 1/256 in [-1/4, 1/4]: exact in every float type.
 std::vector<float> noise(const std::string& name, size_t n) {
   uint64_t state = 1469598103934665603U;
-  for (const char c : name)
+  for (const char c : name) {
     state = (state ^ static_cast<uint8_t>(c)) * 1099511628211U;
+  }
   std::vector<float> values(n);
   for (float& value : values) {
     state = state * 6364136223846793005U + 1442695040888963407U;
     value = static_cast<float>(static_cast<int>(state >> 40) % 65) / 256.0F;
-    if ((state >> 39 & 1) != 0) value = -value;
+    if ((state >> 39 & 1) != 0) {
+      value = -value;
+    }
   }
   return values;
 }
@@ -27,8 +30,9 @@ std::vector<float> tiled(const std::vector<float>& grouped, size_t first, size_t
   std::vector<float> out = grouped;
   for (size_t g = 0; g < 16; ++g) {
     for (size_t j = 0; j < 2; ++j) {
-      for (size_t i = 0; i < unit; ++i)
+      for (size_t i = 0; i < unit; ++i) {
         out[first + (16 * j + g) * unit + i] = grouped[first + (2 * g + j) * unit + i];
+      }
     }
   }
   return out;
@@ -57,8 +61,9 @@ class Maker {
         prefix + name, checkpointPrefix + checkpointName, std::move(dims), matrix, {}, {}};
     if (withValues) {
       size_t n = 1;
-      for (const uint64_t dim : tensor.dims)
+      for (const uint64_t dim : tensor.dims) {
         n *= dim;
+      }
       tensor.checkpoint = noise(tensor.name, n);
       tensor.runtime = toRuntime ? toRuntime(tensor.checkpoint) : tensor.checkpoint;
     }
@@ -73,15 +78,17 @@ class Maker {
 
 std::vector<float> plusOne(const std::vector<float>& w) {
   std::vector<float> out;
-  for (const float value : w)
+  for (const float value : w) {
     out.push_back(1.0F + value);
+  }
   return out;
 }
 
 std::vector<float> decay(const std::vector<float>& logs) {
   std::vector<float> out;
-  for (const float value : tiled(logs, 0, 1))
+  for (const float value : tiled(logs, 0, 1)) {
     out.push_back(-std::exp(value));
+  }
   return out;
 }
 
@@ -122,15 +129,18 @@ uint64_t elementBytes(uint32_t type) {
 
 uint64_t elements(const std::vector<uint64_t>& dims) {
   uint64_t n = 1;
-  for (const uint64_t dim : dims)
+  for (const uint64_t dim : dims) {
     n *= dim;
+  }
   return n;
 }
 
 template <typename Builder>
 auto& named(Builder& file, const std::string& name) {
   for (auto& tensor : file.tensors) {
-    if (tensor.name == name) return tensor;
+    if (tensor.name == name) {
+      return tensor;
+    }
   }
   throw std::out_of_range(name);
 }
@@ -182,9 +192,13 @@ Bytes floatBytes(const std::vector<float>& values, const std::string& dtype) {
 
 void addTinyMetadata(GgufBuilder& file, const std::string& omit) {
   const auto u32 = [&](const std::string& key, uint32_t value) {
-    if (key != omit) file.u32(key, value);
+    if (key != omit) {
+      file.u32(key, value);
+    }
   };
-  if (omit != "general.architecture") file.text("general.architecture", "qwen35");
+  if (omit != "general.architecture") {
+    file.text("general.architecture", "qwen35");
+  }
   file.text("general.name", "Tiny");
   u32("qwen35.block_count", 32);
   u32("qwen35.context_length", 262144);
@@ -198,7 +212,9 @@ void addTinyMetadata(GgufBuilder& file, const std::string& omit) {
     file.f32("qwen35.attention.layer_norm_rms_epsilon", 1e-6F);
   }
   u32("qwen35.full_attention_interval", 4);
-  if (omit != "qwen35.rope.freq_base") file.f32("qwen35.rope.freq_base", 1e7F);
+  if (omit != "qwen35.rope.freq_base") {
+    file.f32("qwen35.rope.freq_base", 1e7F);
+  }
   u32("qwen35.rope.dimension_count", 64);
   file.array<int32_t>("qwen35.rope.dimension_sections", 5, {11, 11, 10, 0});
   u32("qwen35.ssm.conv_kernel", 4);
@@ -206,7 +222,9 @@ void addTinyMetadata(GgufBuilder& file, const std::string& omit) {
   u32("qwen35.ssm.group_count", 16);
   u32("qwen35.ssm.time_step_rank", 32);
   u32("qwen35.ssm.inner_size", 4096);
-  if (omit != "tokenizer.ggml.model") file.text("tokenizer.ggml.model", "gpt2");
+  if (omit != "tokenizer.ggml.model") {
+    file.text("tokenizer.ggml.model", "gpt2");
+  }
   file.text("tokenizer.ggml.pre", "qwen35");
   if (omit != "tokenizer.ggml.tokens") {
     file.texts("tokenizer.ggml.tokens", {"a", "b", "ab", "\u0120", "\u0120a", "\u010A",
@@ -253,14 +271,17 @@ GgufBuilder bundledGguf(const GgufBuilder& plain) {
   GgufBuilder file;
   addTinyMetadata(file, "qwen35.attention.head_count_kv");
   std::vector<uint32_t> heads;
-  for (int layer = 0; layer < 32; ++layer)
+  for (int layer = 0; layer < 32; ++layer) {
     heads.push_back(layer % 4 == 3 ? 4 : 0);
+  }
   file.array("qwen35.attention.head_count_kv", 4, heads);
   file.scalar<uint64_t>("general.parameter_count", 10, 15'000'000);
   file.boolean("qwen35.ssm.v_head_reordered", true);
   file.tensors = plain.tensors;
   for (GgufBuilder::Tensor& tensor : file.tensors) {
-    if (tensor.name.ends_with("ssm_dt.bias")) tensor.name.resize(tensor.name.size() - 5);
+    if (tensor.name.ends_with("ssm_dt.bias")) {
+      tensor.name.resize(tensor.name.size() - 5);
+    }
   }
   file.tensors.push_back({"v.patch_embd.weight", {8, 8}, 1, Bytes(128)});
   file.tensors.push_back({"mm.0.weight", {8}, 0, Bytes(32)});
@@ -276,7 +297,9 @@ TinyDirectory tinyDirectory(const std::vector<TinyTensor>& model, const std::str
     added.name = tensor.checkpointName;
     added.dtype = tensor.matrix ? dtype : "F32";
     added.shape.assign(tensor.dims.rbegin(), tensor.dims.rend());
-    if (tensor.name.ends_with("ssm_conv1d.weight")) added.shape = {8192, 1, 4};
+    if (tensor.name.ends_with("ssm_conv1d.weight")) {
+      added.shape = {8192, 1, 4};
+    }
     if (tensor.checkpoint.empty()) {
       added.holeBytes = elements(tensor.dims) * (added.dtype == "F32" ? 4 : 2);
     } else {

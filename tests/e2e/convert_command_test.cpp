@@ -59,7 +59,9 @@ class ConvertCommandTest : public testing_support::ProgramTest {
   }
   static std::string typeOf(const Json& report, const std::string& tensor) {
     for (const Json& entry : report["tensors"]) {
-      if (entry["name"] == tensor) return entry["type"];
+      if (entry["name"] == tensor) {
+        return entry["type"];
+      }
     }
     return "missing";
   }
@@ -69,8 +71,9 @@ class ConvertCommandTest : public testing_support::ProgramTest {
     fs::path copy = folder / "damaged";
     fs::create_directory(copy);
     for (const char* name :
-         {"config.json", "model.safetensors", "tokenizer.json", "tokenizer_config.json"})
+         {"config.json", "model.safetensors", "tokenizer.json", "tokenizer_config.json"}) {
       fs::copy_file(fs::path(kDemo) / name, copy / name, fs::copy_options::overwrite_existing);
+    }
     return copy;
   }
   std::string write(const std::string& name, const std::string& bytes) const {
@@ -244,8 +247,9 @@ TEST_F(ConvertCommandTest, DiskThatFillsUpLeavesNothing) {
 // Needs the right to mount within a user namespace.
 TEST_F(ConvertCommandTest, FullDiskIsToldBeforehand) {
   const std::string mount = "mount -t tmpfs -o size=4m none " + output.string();
-  if (testing_support::runProcess({"unshare", "-rm", "sh", "-c", mount}).status != 0)
+  if (testing_support::runProcess({"unshare", "-rm", "sh", "-c", mount}).status != 0) {
     GTEST_SKIP() << "no file system can be mounted here";
+  }
   const Outcome outcome = testing_support::runProcess(
       {"unshare", "-rm", "sh", "-c",
        mount + "; " + ZYM_PROGRAM + " convert " + kDemo + " " + target() + "; status=$?; ls -A " +
@@ -263,9 +267,12 @@ class StoppedConversionTest : public ConvertCommandTest {
     constexpr uint64_t kWidth = 409'600;
     kel::test::TinyDirectory source = tinyDirectory(kel::test::tinyModel(false), "BF16");
     for (kel::test::SafetensorsBuilder::Tensor& tensor : source.weights.tensors) {
-      if (tensor.name.find(".mlp.") == std::string::npos) continue;
-      for (uint64_t& dim : tensor.shape)
+      if (tensor.name.find(".mlp.") == std::string::npos) {
+        continue;
+      }
+      for (uint64_t& dim : tensor.shape) {
         dim = dim == kel::test::kTinyFeedForward ? kWidth : dim;
+      }
       tensor.holeBytes *= kWidth / kel::test::kTinyFeedForward;
     }
     Json config = Json::parse(source.config);
@@ -282,7 +289,9 @@ class StoppedConversionTest : public ConvertCommandTest {
     const auto until = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < until) {
       for (const fs::directory_entry& entry : fs::directory_iterator(output)) {
-        if (entry.path().extension() == ".tmp") return true;
+        if (entry.path().extension() == ".tmp") {
+          return true;
+        }
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

@@ -25,8 +25,9 @@ inline std::string readToEnd(int fd) {
   std::string text;
   char buffer[4096];
   ssize_t got = 0;
-  while ((got = ::read(fd, buffer, sizeof(buffer))) > 0)
+  while ((got = ::read(fd, buffer, sizeof(buffer))) > 0) {
     text.append(buffer, static_cast<size_t>(got));
+  }
   ::close(fd);
   return text;
 }
@@ -40,16 +41,18 @@ inline Outcome runProcess(const std::vector<std::string>& words, const std::stri
   int in[2];
   int out[2];
   int err[2];
-  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0)
+  if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
     return {};
+  }
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
   std::vector<char*> argv;
-  for (const std::string& word : words)
+  for (const std::string& word : words) {
     argv.push_back(const_cast<char*>(word.c_str()));
+  }
   argv.push_back(nullptr);
   pid_t child = -1;
   const int failed = posix_spawnp(&child, argv[0], &actions, nullptr, argv.data(), environ);
@@ -68,7 +71,9 @@ inline Outcome runProcess(const std::vector<std::string>& words, const std::stri
   feeder.join();
   listener.join();
   int waited = 0;
-  if (failed == 0 && waitpid(child, &waited, 0) == child) outcome.status = exitStatus(waited);
+  if (failed == 0 && waitpid(child, &waited, 0) == child) {
+    outcome.status = exitStatus(waited);
+  }
   return outcome;
 }
 

@@ -25,7 +25,9 @@ class TerminalTest : public testing_support::ProgramTest {
       kill(child, SIGKILL);
       waitpid(child, nullptr, 0);
     }
-    if (terminal >= 0) close(terminal);
+    if (terminal >= 0) {
+      close(terminal);
+    }
     testing_support::ProgramTest::TearDown();
   }
 
@@ -34,8 +36,9 @@ class TerminalTest : public testing_support::ProgramTest {
   void startCommand(std::vector<std::string> words, const std::string& errors = "") {
     words.insert(words.begin(), ZYM_PROGRAM);
     std::vector<char*> argv;
-    for (std::string& word : words)
+    for (std::string& word : words) {
       argv.push_back(word.data());
+    }
     argv.push_back(nullptr);
     setenv("TERM", "xterm", 1);
     child = forkpty(&terminal, nullptr, nullptr, nullptr);
@@ -43,7 +46,9 @@ class TerminalTest : public testing_support::ProgramTest {
     if (child == 0) {
       const bool redirected =
           errors.empty() || dup2(creat(errors.c_str(), 0600), STDERR_FILENO) >= 0;
-      if (redirected) execv(argv[0], argv.data());
+      if (redirected) {
+        execv(argv[0], argv.data());
+      }
       _exit(127);
     }
   }
@@ -62,10 +67,14 @@ class TerminalTest : public testing_support::ProgramTest {
         return testing::AssertionSuccess();
       }
       pollfd ready{terminal, POLLIN, 0};
-      if (poll(&ready, 1, 100) <= 0) continue;
+      if (poll(&ready, 1, 100) <= 0) {
+        continue;
+      }
       char buffer[1024];
       const ssize_t got = read(terminal, buffer, sizeof(buffer));
-      if (got <= 0) break;
+      if (got <= 0) {
+        break;
+      }
       screen.append(buffer, static_cast<size_t>(got));
     }
     return testing::AssertionFailure() << "no \"" << text << "\" in: " << screen;
@@ -81,8 +90,9 @@ class TerminalTest : public testing_support::ProgramTest {
     // The rest of the output is taken off the terminal, so that the child can end.
     (void)waitFor("a text that never comes");
     pid_t ended = 0;
-    for (int i = 0; i < 100 && (ended = waitpid(child, &waited, WNOHANG)) == 0; ++i)
+    for (int i = 0; i < 100 && (ended = waitpid(child, &waited, WNOHANG)) == 0; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
     if (ended == 0) {
       ADD_FAILURE() << "the program does not end; on the screen: " << screen;
       kill(child, SIGKILL);

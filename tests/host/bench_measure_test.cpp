@@ -12,12 +12,15 @@ namespace {
 class CountingBackend : public Backend {
  public:
   kel::Status turn(const std::string& text, const PieceSink& sink, volatile int* cancel) override {
-    for (const char c : text)
+    for (const char c : text) {
       positions += c == ' ' ? 1 : 0;
+    }
     ++turns;
     const bool shy = everyOther && turns % 2 == 0;
     for (int i = 0; i < (shy ? 1 : piecesPerTurn) && *cancel == 0; ++i) {
-      if (positions >= capacity) return kel::Status::invalid("no room");
+      if (positions >= capacity) {
+        return kel::Status::invalid("no room");
+      }
       ++positions;
       sink("x");
     }

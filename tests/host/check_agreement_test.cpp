@@ -30,8 +30,9 @@ struct Damage {
 // The size that the record's shape and type need, so that the shape alone decides.
 void fitBytes(TensorView& tensor) {
   uint64_t rows = 1;
-  for (size_t d = 1; d < tensor.rank; ++d)
+  for (size_t d = 1; d < tensor.rank; ++d) {
     rows *= tensor.dims[d];
+  }
   tensor.byteSize = tensor.rank == 0
                         ? kel::quant::quantizedBytes(tensor.type, 1)
                         : rows * kel::quant::quantizedBytes(tensor.type, tensor.dims[0]);
@@ -39,7 +40,9 @@ void fitBytes(TensorView& tensor) {
 
 Damage dimension(size_t index, const std::string& what, uint64_t (*change)(uint64_t)) {
   return {"dimension " + std::to_string(index) + " " + what, [=](TensorView& tensor) {
-            if (index < tensor.rank) tensor.dims[index] = change(tensor.dims[index]);
+            if (index < tensor.rank) {
+              tensor.dims[index] = change(tensor.dims[index]);
+            }
           }};
 }
 
@@ -71,7 +74,9 @@ std::vector<Damage> damages() {
          tensor.dims[1] = tensor.dims[1] == 0 ? 1 : tensor.dims[1] / 2;
        }},
       {"transposed", [](TensorView& tensor) {
-         if (tensor.rank == 2) std::swap(tensor.dims[0], tensor.dims[1]);
+         if (tensor.rank == 2) {
+           std::swap(tensor.dims[0], tensor.dims[1]);
+         }
        }}};
   for (const size_t index : {0U, 1U}) {
     all.push_back(dimension(index, "less 1", [](uint64_t n) { return n - 1; }));
@@ -94,20 +99,24 @@ std::vector<Damage> damages() {
 std::string runtimeFault(BoundViews& file) {
   qwen35::Model model;
   if (!qwen35::initLayers(file.loader, model, kContext) ||
-      !qwen35::bindModel(file.loader, model, kContext))
+      !qwen35::bindModel(file.loader, model, kContext)) {
     return "a tensor is missing";
+  }
   return qwen35::findUnfitTensor(file.loader, model);
 }
 
 // The first fault; the records stand in a file without metadata, and without a vocabulary.
 std::string checkFault(BoundViews& file) {
   const TensorView* embedding = file.loader.findTensor("token_embd.weight");
-  if (embedding != nullptr && embedding->dims[1] < 1000)
+  if (embedding != nullptr && embedding->dims[1] < 1000) {
     file.loader.tokenizer.tokens.resize(embedding->dims[1]);
+  }
   std::vector<Fault> faults;
   checkModel(file.loader, faults);
   for (const Fault& fault : faults) {
-    if (fault.where != "metadata") return fault.where + ": " + fault.what;
+    if (fault.where != "metadata") {
+      return fault.where + ": " + fault.what;
+    }
   }
   return "";
 }
@@ -119,8 +128,9 @@ class CheckAgreementTest : public testing::Test {
     std::vector<std::string> chosen;
     for (const TensorView& view : file.loader.tensors) {
       if (!view.name.starts_with("blk.") || view.name.starts_with("blk.0.") ||
-          view.name.starts_with("blk.3."))
+          view.name.starts_with("blk.3.")) {
         chosen.push_back(view.name);
+      }
     }
     return chosen;
   }
@@ -160,8 +170,9 @@ TEST(CheckAgreementOfNarrowModelsTest, RowsEndWithTheirBlocks) {
 }
 
 TEST_F(CheckAgreementTest, LayersMayHaveWidthsOfTheirOwn) {
-  for (const char* name : {"blk.5.ffn_gate.weight", "blk.5.ffn_up.weight"})
+  for (const char* name : {"blk.5.ffn_gate.weight", "blk.5.ffn_up.weight"}) {
     file.view(name).dims[1] = 256;
+  }
   expectAgreement("a narrow gate");
   file.view("blk.5.ffn_down.weight").dims[0] = 256;
   EXPECT_EQ(runtimeFault(file), "");

@@ -25,10 +25,13 @@ class ContainerCheckTest : public testing::Test {
   std::string faults() const {
     kel::ZYMLoader loader;
     const kel::Status status = loader.open(path.c_str());
-    if (!status.ok()) return status.message;
+    if (!status.ok()) {
+      return status.message;
+    }
     std::string text;
-    for (const Fault& fault : checkContainer(loader, nullptr))
+    for (const Fault& fault : checkContainer(loader, nullptr)) {
       text += fault.where + ": " + fault.what + "\n";
+    }
     return text;
   }
   std::string faultsAfter(const std::function<void(TensorPlan&)>& change) const {

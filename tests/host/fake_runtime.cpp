@@ -60,8 +60,12 @@ std::string settingsText(const ZYMSessionOptions& options) {
 }
 
 uint32_t generate(ZYMRuntimeHandle* handle, const char* prompt, char* out, size_t cap) {
-  if (std::string_view(prompt) == "break") return ZYM_STATUS_FAILED;
-  if (std::string_view(prompt) == "think") std::this_thread::sleep_for(std::chrono::seconds(2));
+  if (std::string_view(prompt) == "break") {
+    return ZYM_STATUS_FAILED;
+  }
+  if (std::string_view(prompt) == "think") {
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+  }
   const std::string text = std::string_view(prompt) == "settings"
                                ? settingsText(sessionOf(handle)->options)
                                : std::string(prompt) + " and so on";
@@ -81,10 +85,18 @@ uint32_t bench(ZYMRuntimeHandle*, const ZYMBenchParams*, ZYMBenchResult*) {
 
 uint32_t configure(ZYMRuntimeHandle* handle, const ZYMSessionOptions* options) {
   ZYMSessionOptions& kept = sessionOf(handle)->options;
-  if (options->temperature >= 0) kept.temperature = options->temperature;
-  if (options->topK > 0) kept.topK = options->topK;
-  if (options->topP > 0) kept.topP = options->topP;
-  if (options->seed != 0) kept.seed = options->seed;
+  if (options->temperature >= 0) {
+    kept.temperature = options->temperature;
+  }
+  if (options->topK > 0) {
+    kept.topK = options->topK;
+  }
+  if (options->topP > 0) {
+    kept.topP = options->topP;
+  }
+  if (options->seed != 0) {
+    kept.seed = options->seed;
+  }
   return ZYM_STATUS_OK;
 }
 
@@ -111,7 +123,9 @@ struct Turn {
 
   // False when the turn is to end.
   bool emit(const std::string& piece) const {
-    if (callback != nullptr) callback(piece.c_str(), static_cast<uint32_t>(piece.size()), userData);
+    if (callback != nullptr) {
+      callback(piece.c_str(), static_cast<uint32_t>(piece.size()), userData);
+    }
     ++session->position;
     return cancel == nullptr || *cancel == 0;
   }
@@ -122,15 +136,18 @@ uint32_t answer(const Turn& turn, std::string_view text) {
     // Letters of the alphabet are one or two bytes long, and one letter is one byte of the reply.
     for (size_t at = 4; at < text.size();) {
       const size_t length = (text[at] & 0x80) == 0 ? 1 : 2;
-      if (!turn.emit(std::string(text.substr(at, length)))) break;
+      if (!turn.emit(std::string(text.substr(at, length)))) {
+        break;
+      }
       at += length;
     }
   } else if (text == "limit") {
     for (int i = 0; i < ZYM_MAX_TURN_TOKENS && turn.emit("x"); ++i) {
     }
   } else if (text == "slow") {
-    for (int i = 0; i < ZYM_MAX_TURN_TOKENS && turn.emit("tick "); ++i)
+    for (int i = 0; i < ZYM_MAX_TURN_TOKENS && turn.emit("tick "); ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
   } else if (text == "think") {
     std::this_thread::sleep_for(std::chrono::seconds(2));
     turn.emit("done");
@@ -139,8 +156,9 @@ uint32_t answer(const Turn& turn, std::string_view text) {
   } else if (text == "settings") {
     turn.emit(settingsText(turn.session->options));
   } else {
-    if (turn.emit("heard " + std::to_string(turn.session->turns) + ": "))
+    if (turn.emit("heard " + std::to_string(turn.session->turns) + ": ")) {
       turn.emit(std::string(text));
+    }
   }
   return ZYM_STATUS_OK;
 }
@@ -149,12 +167,20 @@ uint32_t chatTurnStream(ZYMRuntimeHandle* handle, const char* userText, ZYMStrea
                         void* userData, volatile int* cancel) {
   Session* session = sessionOf(handle);
   const std::string_view text(userText);
-  if (text == "break") return ZYM_STATUS_FAILED;
+  if (text == "break") {
+    return ZYM_STATUS_FAILED;
+  }
   session->position += 1 + text.size() / 4;
-  if (text == "fill") session->position = ZYM_CONTEXT_CAPACITY;
-  if (session->position >= ZYM_CONTEXT_CAPACITY) return ZYM_STATUS_FAILED;
+  if (text == "fill") {
+    session->position = ZYM_CONTEXT_CAPACITY;
+  }
+  if (session->position >= ZYM_CONTEXT_CAPACITY) {
+    return ZYM_STATUS_FAILED;
+  }
   ++session->turns;
-  if (cancel != nullptr && *cancel != 0) return ZYM_STATUS_OK;
+  if (cancel != nullptr && *cancel != 0) {
+    return ZYM_STATUS_OK;
+  }
   return answer({callback, userData, cancel, session}, text);
 }
 
@@ -167,11 +193,15 @@ const ZYMRuntimeTableV2S kOtherStream = {2, 0x18, "fake", nullptr, {nullptr, nul
 }  // namespace
 
 const ZYMRuntimeTableV2* zym_plugin_runtimes_v2(uint32_t* count) {
-  if (count != nullptr) *count = 1;
+  if (count != nullptr) {
+    *count = 1;
+  }
   return &kTable;
 }
 
 const ZYMRuntimeTableV2S* zym_plugin_runtimes_v2s(uint32_t* count) {
-  if (count != nullptr) *count = 1;
+  if (count != nullptr) {
+    *count = 1;
+  }
   return std::getenv("FAKE_OTHER_STREAM") == nullptr ? &kStream : &kOtherStream;
 }

@@ -14,8 +14,9 @@ namespace zym::testing_support {
 inline kel::TokenizerData smallVocabulary(size_t tokens) {
   kel::TokenizerData data;
   data.label = "alphabet";
-  for (size_t i = 0; i < tokens; ++i)
+  for (size_t i = 0; i < tokens; ++i) {
     data.tokens.push_back(i == 0 ? "Ġ" : i == 1 ? "<|im_end|>" : "[PAD" + std::to_string(i) + "]");
+  }
   data.tokenTypes = std::vector<int32_t>(tokens, 1);
   data.tokenTypes[1] = 3;
   data.merges = {"Ġ a"};
@@ -43,19 +44,25 @@ inline kel::Status writeSmallModel(const std::string& path,
   kel::Status status = writer.create(path);
   writer.addMetaStr("general.architecture", architecture);
   writer.setTokenizer(smallVocabulary(kTokens));
-  if (more) more(writer);
+  if (more) {
+    more(writer);
+  }
   for (const ExpectedTensor& expected : expectedTensors({1, kTokens}, [](uint32_t layer) {
          return LayerChoice{(layer + 1) % 4 != 0, 1};
        })) {
     uint64_t count = 1;
-    for (const uint64_t dim : expected.dims)
+    for (const uint64_t dim : expected.dims) {
       count *= dim;
+    }
     TensorPlan plan{expected.name, kel::QuantType::F32, expected.dims,
                     std::vector<float>(count, 0.5F), true};
-    if (change) change(plan);
-    if (status.ok() && plan.written)
+    if (change) {
+      change(plan);
+    }
+    if (status.ok() && plan.written) {
       status = writer.addTensor(plan.name, plan.type, plan.dims, plan.values.data(),
                                 plan.values.size() * sizeof(float));
+    }
   }
   return status.ok() ? writer.finish() : status;
 }

@@ -57,12 +57,24 @@ TEST(GetScaleMinK4, UnpacksEveryBitToItsPlace) {
     for (int j = 0; j < 8; ++j) {
       int expectedScale = 0;
       int expectedMin = 0;
-      if (byte < 4 && at < 6 && j == byte) expectedScale = 1 << at;
-      if (byte < 4 && at >= 6 && j == byte + 4) expectedScale = 1 << (at - 2);
-      if (byte >= 8 && at < 4 && j == byte - 4) expectedScale = 1 << at;
-      if (byte >= 4 && byte < 8 && at < 6 && j == byte - 4) expectedMin = 1 << at;
-      if (byte >= 4 && byte < 8 && at >= 6 && j == byte) expectedMin = 1 << (at - 2);
-      if (byte >= 8 && at >= 4 && j == byte - 4) expectedMin = 1 << (at - 4);
+      if (byte < 4 && at < 6 && j == byte) {
+        expectedScale = 1 << at;
+      }
+      if (byte < 4 && at >= 6 && j == byte + 4) {
+        expectedScale = 1 << (at - 2);
+      }
+      if (byte >= 8 && at < 4 && j == byte - 4) {
+        expectedScale = 1 << at;
+      }
+      if (byte >= 4 && byte < 8 && at < 6 && j == byte - 4) {
+        expectedMin = 1 << at;
+      }
+      if (byte >= 4 && byte < 8 && at >= 6 && j == byte) {
+        expectedMin = 1 << (at - 2);
+      }
+      if (byte >= 8 && at >= 4 && j == byte - 4) {
+        expectedMin = 1 << (at - 4);
+      }
       uint8_t sc = 0xFF;
       uint8_t m = 0xFF;
       kel::quant::getScaleMinK4(j, scales, sc, m);

@@ -50,7 +50,9 @@ inline std::vector<float> decode(const Format& format, const std::vector<uint8_t
 
 // The same floats bit for bit, except that any NaN equals any NaN.
 inline bool sameFloat(float a, float b) {
-  if (std::isnan(a) || std::isnan(b)) return std::isnan(a) && std::isnan(b);
+  if (std::isnan(a) || std::isnan(b)) {
+    return std::isnan(a) && std::isnan(b);
+  }
   return std::bit_cast<uint32_t>(a) == std::bit_cast<uint32_t>(b);
 }
 

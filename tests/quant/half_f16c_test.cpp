@@ -21,7 +21,9 @@ bool isNanPattern(uint32_t h) {
 bool agrees(float x) {
   const uint16_t ours = f32ToF16(x);
   const uint16_t theirs = halfByProcessor(x);
-  if (std::isnan(x)) return isNanPattern(ours) && isNanPattern(theirs);
+  if (std::isnan(x)) {
+    return isNanPattern(ours) && isNanPattern(theirs);
+  }
   return ours == theirs;
 }
 
@@ -57,7 +59,9 @@ TEST_F(HalfByProcessor, AgreesOnEveryHalfTieAndNeighbour) {
   for (uint32_t h = 0; h <= 0xFFFF; ++h) {
     const float x = f16ToF32(static_cast<uint16_t>(h));
     ASSERT_TRUE(agrees(x)) << h;
-    if ((h & 0x7C00) == 0x7C00) continue;
+    if ((h & 0x7C00) == 0x7C00) {
+      continue;
+    }
     const float next = (h & 0x7FFF) == 0x7BFF ? std::copysign(65536.0F, x)
                                               : f16ToF32(static_cast<uint16_t>(h + 1));
     const float tie = x / 2 + next / 2;

@@ -82,11 +82,15 @@ TEST(QuantQ40, MultiplyAddIsFused) {
     const float max = *std::max_element(
         x.begin(), x.end(), [](float a, float b) { return std::fabs(a) < std::fabs(b); });
     const float inverse = 1 / (max * -0.125F);
-    if (!std::isnormal(inverse)) continue;
+    if (!std::isnormal(inverse)) {
+      continue;
+    }
     for (size_t j = 0; j < 32; ++j) {
       const float product = x[j] * inverse;
       const float fused = std::fma(x[j], inverse, 8.5F);
-      if (std::trunc(product + 8.5F) == std::trunc(fused)) continue;
+      if (std::trunc(product + 8.5F) == std::trunc(fused)) {
+        continue;
+      }
       ++differing;
       EXPECT_EQ(std::min(static_cast<int>(fused), 15), codeQ40(block, j));
     }
@@ -295,7 +299,9 @@ TEST_P(Encoder, RoundTripIsWithinHalfAStep) {
     for (size_t i = 0; i < row.size(); ++i) {
       const reference::Grid grid = reference::gridOf(GetParam().type, blocks, i);
       const double step = grid.scale * grid.d;
-      if (step == 0) continue;
+      if (step == 0) {
+        continue;
+      }
       const double slack = scaleRoundedLater ? std::abs(grid.code) * 0x1p-11 + 1e-4 : 1e-4;
       const double stepsAway =
           (static_cast<double>(row[i]) - static_cast<double>(decoded[i])) / step;

@@ -88,12 +88,16 @@ Split codeBits(QuantType type, size_t i) {
 
 // Where scale and minimum of sub-block j of a Q4_K or Q5_K block lie.
 Split scaleBits(size_t j) {
-  if (j < 4) return {{4 + j, 0, 6}, {}};
+  if (j < 4) {
+    return {{4 + j, 0, 6}, {}};
+  }
   return {{8 + j, 0, 4}, {j, 6, 2}};
 }
 
 Split minBits(size_t j) {
-  if (j < 4) return {{8 + j, 0, 6}, {}};
+  if (j < 4) {
+    return {{8 + j, 0, 6}, {}};
+  }
   return {{8 + j, 4, 4}, {4 + j, 6, 2}};
 }
 
@@ -121,7 +125,9 @@ float single(double value) {
 
 // Truncated and clamped; NaN counts as the lowest.
 int clampedInt(float value, int lowest, int highest) {
-  if (std::isnan(value)) return lowest;
+  if (std::isnan(value)) {
+    return lowest;
+  }
   const double whole = std::trunc(static_cast<double>(value));
   return static_cast<int>(std::clamp<double>(whole, lowest, highest));
 }
@@ -222,8 +228,12 @@ void encodeQ6K(const float* x, uint8_t* block) {
 uint16_t halfFromNumber(double value) {
   const int sign = std::signbit(value) ? 0x8000 : 0;
   const double magnitude = std::fabs(value);
-  if (magnitude >= 65520) return static_cast<uint16_t>(sign + 0x7C00);
-  if (magnitude == 0) return static_cast<uint16_t>(sign);
+  if (magnitude >= 65520) {
+    return static_cast<uint16_t>(sign + 0x7C00);
+  }
+  if (magnitude == 0) {
+    return static_cast<uint16_t>(sign);
+  }
   // Multiples of 2^unit; from 1024 units up the pattern's exponent field counts binades.
   const int unit = std::max(std::ilogb(magnitude), -14) - 10;
   const auto units = static_cast<int>(std::nearbyint(std::ldexp(magnitude, -unit)));

@@ -14,7 +14,9 @@ void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
   return std::malloc(size);
 }
 void* operator new(size_t size) {
-  if (void* memory = operator new(size, std::nothrow)) return memory;
+  if (void* memory = operator new(size, std::nothrow)) {
+    return memory;
+  }
   throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept {

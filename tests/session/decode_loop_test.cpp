@@ -125,7 +125,9 @@ class PromptFailure : public testing::Test {
     for (size_t i = 0; i < length; ++i) {
       tokens[i] = static_cast<int>(10 + i % 200);
     }
-    if (at < length) tokens[at] = odd;
+    if (at < length) {
+      tokens[at] = odd;
+    }
     Qwen35Session blocks;
     open(blocks, capacity);
     EXPECT_FALSE(feed(blocks, tokens));

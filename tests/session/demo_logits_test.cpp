@@ -22,7 +22,9 @@ TEST(DemoLogits, AgreeWithTheReference) {
     ASSERT_TRUE(openSession(&session, model.c_str(), message, sizeof message)) << message;
     ASSERT_EQ("", session.unfitReason);
     for (const kel::test::DemoLogits& reference : expected.logits) {
-      if (reference.matrices != name) continue;
+      if (reference.matrices != name) {
+        continue;
+      }
       session.restart();
       std::vector<float> hidden(session.model.nEmbd);
       std::vector<float> logits(session.model.nVocab);

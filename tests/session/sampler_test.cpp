@@ -23,8 +23,9 @@ class TwisterByTheBook {
  public:
   explicit TwisterByTheBook(uint32_t seed) {
     state[0] = seed;
-    for (uint32_t i = 1; i < kWords; ++i)
+    for (uint32_t i = 1; i < kWords; ++i) {
       state[i] = 1812433253U * (state[i - 1] ^ (state[i - 1] >> 30U)) + i;
+    }
   }
 
   uint32_t next() {
@@ -53,8 +54,9 @@ class TwisterByTheBook {
 
 std::vector<float> spreadLogits(size_t n) {
   std::vector<float> logits(n);
-  for (size_t i = 0; i < n; ++i)
+  for (size_t i = 0; i < n; ++i) {
     logits[i] = static_cast<float>((i * 37) % n) * 0.08F - 3.0F;
+  }
   return logits;
 }
 
@@ -148,12 +150,15 @@ int32_t sampleByTheBook(const std::vector<float>& logits, float temperature, siz
     return static_cast<double>(logits[static_cast<size_t>(token)] * scale);
   };
   std::vector<double> weights;
-  for (const int32_t token : order)
+  for (const int32_t token : order) {
     weights.push_back(std::exp(score(token) - score(order[0])));
+  }
   double rest = twister.uniform() * std::accumulate(weights.begin(), weights.end(), 0.0);
   for (size_t i = 0; i < k; ++i) {
     rest -= weights[i];
-    if (rest <= 0) return order[i];
+    if (rest <= 0) {
+      return order[i];
+    }
   }
   return order.back();
 }
@@ -198,8 +203,9 @@ TEST(Sampling, SameSeedSameChoices) {
   const std::vector<float> logits = spreadLogits(1000);
   std::mt19937 first(123);
   std::mt19937 second(123);
-  for (int i = 0; i < 200; ++i)
+  for (int i = 0; i < 200; ++i) {
     ASSERT_EQ(chosen(logits, 1.0F, 0, 1.0F, first), chosen(logits, 1.0F, 0, 1.0F, second));
+  }
 }
 
 TEST(Sampling, TwoGeneratorsOnTwoThreadsKeepTheirOwnSequences) {
@@ -209,8 +215,9 @@ TEST(Sampling, TwoGeneratorsOnTwoThreadsKeepTheirOwnSequences) {
   const auto sequence = [&logits](uint32_t seed) {
     std::mt19937 rng(seed);
     std::vector<int32_t> tokens(kDraws);
-    for (int32_t& token : tokens)
+    for (int32_t& token : tokens) {
       token = chosen(logits, 5.0F, 40, 1.0F, rng);
+    }
     return tokens;
   };
   std::vector<int32_t> together[2];
@@ -218,8 +225,9 @@ TEST(Sampling, TwoGeneratorsOnTwoThreadsKeepTheirOwnSequences) {
   together[0] = sequence(kSeeds[0]);
   other.join();
   EXPECT_NE(together[0], together[1]);
-  for (size_t i = 0; i < 2; ++i)
+  for (size_t i = 0; i < 2; ++i) {
     EXPECT_EQ(sequence(kSeeds[i]), together[i]);
+  }
 }
 
 TEST(Sampling, FrequenciesFitTheSoftmaxOfTheBestForty) {
@@ -233,12 +241,14 @@ TEST(Sampling, FrequenciesFitTheSoftmaxOfTheBestForty) {
 
   std::vector<int> counts(logits.size());
   std::mt19937 rng(42);
-  for (int i = 0; i < kDraws; ++i)
+  for (int i = 0; i < kDraws; ++i) {
     ++counts[static_cast<size_t>(chosen(logits, kTemperature, kTopK, 1.0F, rng))];
+  }
 
   double mass = 0;
-  for (size_t i = 0; i < kTopK; ++i)
+  for (size_t i = 0; i < kTopK; ++i) {
     mass += std::exp(static_cast<double>(logits[order[i]] - logits[order[0]]) / 0.8);
+  }
   double chiSquare = 0;
   for (size_t i = 0; i < kTopK; ++i) {
     const double expected =
@@ -247,8 +257,9 @@ TEST(Sampling, FrequenciesFitTheSoftmaxOfTheBestForty) {
     const double difference = counts[order[i]] - expected;
     chiSquare += difference * difference / expected;
   }
-  for (size_t i = kTopK; i < logits.size(); ++i)
+  for (size_t i = kTopK; i < logits.size(); ++i) {
     EXPECT_EQ(0, counts[order[i]]);
+  }
   // 39 degrees of freedom: 72.05 is exceeded once in a thousand seeds.
   EXPECT_LT(chiSquare, 72.05);
 }
@@ -260,11 +271,13 @@ TEST(Sampling, NoLogitsGiveZero) {
 
 TEST(Sampling, NotANumberIsNeverChosenWhileAnythingElseIs) {
   std::vector<float> logits(500, kNan);
-  for (size_t i = 0; i < logits.size(); i += 7)
+  for (size_t i = 0; i < logits.size(); i += 7) {
     logits[i] = static_cast<float>(i) * 0.001F;
+  }
   std::mt19937 rng(42);
-  for (int i = 0; i < 500; ++i)
+  for (int i = 0; i < 500; ++i) {
     EXPECT_EQ(0, chosen(logits, 0.8F, 0, 1.0F, rng) % 7);
+  }
 }
 
 TEST(Sampling, ExtremeLogitsGiveATokenOfTheVocabulary) {

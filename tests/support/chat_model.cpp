@@ -11,7 +11,9 @@ constexpr char kFirstPrintable = ' ';
 constexpr char kLastPrintable = '~';
 
 void check(const kel::Status& status) {
-  if (!status.ok()) throw std::runtime_error(status.message);
+  if (!status.ok()) {
+    throw std::runtime_error(status.message);
+  }
 }
 
 bool endsWith(const std::string& text, const std::string& end) {
@@ -54,7 +56,9 @@ kel::TokenizerData chatTables(size_t vocab) {
 int32_t chatId(const std::string& token) {
   const std::vector<std::string> tokens = chatTables(300).tokens;
   for (size_t id = 0; id < tokens.size(); ++id) {
-    if (tokens[id] == token) return static_cast<int32_t>(id);
+    if (tokens[id] == token) {
+      return static_cast<int32_t>(id);
+    }
   }
   throw std::runtime_error("no such token: " + token);
 }
@@ -79,12 +83,16 @@ void writeChatModel(const std::string& path, const ChatModel& model) {
   spec.layerKinds = model.layerKinds;
   spec.types = {model.matrices};
   spec.tokenizer = chatTables(model.vocab);
-  if (model.editTables) model.editTables(spec.tokenizer);
+  if (model.editTables) {
+    model.editTables(spec.tokenizer);
+  }
   const auto favourite = static_cast<size_t>(chatId(model.favourite));
   spec.edit = [&](std::vector<TensorPlan>& plan) {
     for (TensorPlan& tensor : plan) {
       for (const char* output : {"ssm_out.weight", "attn_output.weight", "ffn_down.weight"}) {
-        if (!endsWith(tensor.name, output)) continue;
+        if (!endsWith(tensor.name, output)) {
+          continue;
+        }
         tensor.type = kel::QuantType::F32;
         tensor.data = floatBytes(std::vector<float>(tensor.dims[0] * tensor.dims[1], 0.0f));
       }
@@ -93,7 +101,9 @@ void writeChatModel(const std::string& path, const ChatModel& model) {
     rows.type = kel::QuantType::F32;
     rows.data = floatBytes(embedding(model.hidden, model.vocab, favourite));
     planned(plan, "output_norm.weight").data = floatBytes(std::vector<float>(model.hidden, 1.0f));
-    if (model.editTensors) model.editTensors(plan);
+    if (model.editTensors) {
+      model.editTensors(plan);
+    }
   };
   check(writeRandomModel(path, spec));
 }

@@ -12,7 +12,9 @@
 namespace kel::test {
 
 inline void require(const Status& status) {
-  if (!status.ok()) throw std::runtime_error(status.message);
+  if (!status.ok()) {
+    throw std::runtime_error(status.message);
+  }
 }
 
 inline TokenizerData sampleTokenizer() {

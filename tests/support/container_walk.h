@@ -45,14 +45,22 @@ inline size_t walk(const ZYMLoader& loader) {
     uint32_t u32 = 0;
     const uint32_t* data = nullptr;
     size_t count = 0;
-    if (loader.reader.getMetaStr(entry.key.c_str(), str)) seen += str.size();
-    if (loader.reader.getMetaU32(entry.key.c_str(), u32)) seen += u32 & 1;
-    if (!loader.reader.getMetaU32Array(entry.key.c_str(), data, count)) continue;
-    for (size_t element = 0; element < count; ++element)
+    if (loader.reader.getMetaStr(entry.key.c_str(), str)) {
+      seen += str.size();
+    }
+    if (loader.reader.getMetaU32(entry.key.c_str(), u32)) {
+      seen += u32 & 1;
+    }
+    if (!loader.reader.getMetaU32Array(entry.key.c_str(), data, count)) {
+      continue;
+    }
+    for (size_t element = 0; element < count; ++element) {
       seen += data[element] & 1;
+    }
   }
-  for (size_t i = 0; i <= loader.tensorCount; ++i)
+  for (size_t i = 0; i <= loader.tensorCount; ++i) {
     seen += loader.reader.tensorView(i).rank;
+  }
   for (const TensorView& record : loader.tensors) {
     seen += loader.findTensor(record.name) != nullptr ? 1 : 0;
     seen += loader.reader.findTensor(record.name.c_str()) != nullptr ? 1 : 0;

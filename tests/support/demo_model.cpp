@@ -24,7 +24,9 @@ constexpr size_t kHeadDim = 128;
 
 std::string readFile(const std::string& name) {
   std::ifstream file(std::string(ZYM_DEMO_FOLDER) + "/" + name, std::ios::binary);
-  if (!file) throw std::runtime_error("cannot read " + name);
+  if (!file) {
+    throw std::runtime_error("cannot read " + name);
+  }
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
@@ -125,7 +127,9 @@ class DemoWriter {
 
  private:
   static void check(const kel::Status& status) {
-    if (!status.ok()) throw std::runtime_error(status.message);
+    if (!status.ok()) {
+      throw std::runtime_error(status.message);
+    }
   }
 
   kel::ZYM2Writer writer;
@@ -133,8 +137,9 @@ class DemoWriter {
 };
 
 std::vector<float> plusOne(Matrix m) {
-  for (float& value : m.values)
+  for (float& value : m.values) {
     value += 1;
+  }
   return m.values;
 }
 
@@ -163,8 +168,9 @@ void writeLinearLayer(const Checkpoint& from, const std::string& layer, const st
 
   Matrix decay = from.read(layer + "A_log");
   reorderHeads(decay.values, 0, 1);
-  for (float& value : decay.values)
+  for (float& value : decay.values) {
     value = -std::exp(value);
+  }
   to.vector(block + "ssm_a", decay.values);
 
   Matrix bias = from.read(layer + "dt_bias");
@@ -208,8 +214,9 @@ kel::TokenizerData tokenizerTables() {
     tables.tokens.at(added["id"].get<size_t>()) = added["content"];
     tables.tokenTypes.at(added["id"].get<size_t>()) = 3;
   }
-  for (const json& rule : model["merges"])
+  for (const json& rule : model["merges"]) {
     tables.merges.push_back(rule);
+  }
   tables.eosId = json::parse(readFile("expected.json"))["eos_token_id"];
   return tables;
 }
@@ -244,13 +251,15 @@ DemoExpectations demoExpectations() {
   DemoExpectations expected;
   for (const json& chat : file["chats"]) {
     std::vector<DemoTurn>& turns = expected.chats.emplace_back();
-    for (const json& turn : chat["turns"])
+    for (const json& turn : chat["turns"]) {
       turns.push_back({turn["user"], turn["expected_reply"]});
+    }
   }
   for (const json& entry : file["logits"]) {
     DemoLogits logits{entry["prompt_ids"], entry["matrices"], {}};
-    for (const json& top : entry["top10"])
+    for (const json& top : entry["top10"]) {
       logits.largest.emplace_back(top["id"], top["logit"]);
+    }
     expected.logits.push_back(std::move(logits));
   }
   return expected;

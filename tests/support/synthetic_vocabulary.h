@@ -20,7 +20,9 @@ inline kel::TokenizerData syntheticVocabulary(uint64_t size) {
   while (tables.tokens.size() < size) {
     const std::string& left = tables.tokens[random() % tables.tokens.size()];
     const std::string& right = tables.tokens[random() % tables.tokens.size()];
-    if (left.size() + right.size() > 14) continue;
+    if (left.size() + right.size() > 14) {
+      continue;
+    }
     tables.merges.push_back(left + " " + right);
     tables.tokens.push_back(left + right);
   }

@@ -21,7 +21,9 @@ class TempDir {
  public:
   TempDir() {
     std::string name = (std::filesystem::temp_directory_path() / "zym-test-XXXXXX").string();
-    if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+    if (::mkdtemp(name.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed");
+    }
     folder = name;
   }
   ~TempDir() {
@@ -40,7 +42,9 @@ class TempDir {
 
 inline Bytes readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path);
+  if (!in) {
+    throw std::runtime_error("cannot read " + path);
+  }
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
@@ -48,7 +52,9 @@ inline void writeFile(const std::string& path, const Bytes& bytes) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out.write(reinterpret_cast<const char*>(bytes.data()),
             static_cast<std::streamsize>(bytes.size()));
-  if (!out.flush()) throw std::runtime_error("cannot write " + path);
+  if (!out.flush()) {
+    throw std::runtime_error("cannot write " + path);
+  }
 }
 
 }  // namespace kel::test

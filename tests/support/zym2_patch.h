@@ -76,14 +76,18 @@ class ContainerImage {
 
   template <typename T>
   ContainerImage& set(size_t at, T value) {
-    if (at + sizeof(T) > bytes.size()) throw std::out_of_range("patch past the end");
+    if (at + sizeof(T) > bytes.size()) {
+      throw std::out_of_range("patch past the end");
+    }
     std::memcpy(bytes.data() + at, &value, sizeof(T));
     return *this;
   }
   template <typename T>
   T get(size_t at) const {
     T value{};
-    if (at + sizeof(T) > bytes.size()) throw std::out_of_range("patch past the end");
+    if (at + sizeof(T) > bytes.size()) {
+      throw std::out_of_range("patch past the end");
+    }
     std::memcpy(&value, bytes.data() + at, sizeof(T));
     return value;
   }
@@ -94,7 +98,9 @@ class ContainerImage {
   size_t entryAt(zym2::SectionType type) const {
     for (size_t i = 0; i < sectionCount(); ++i) {
       const size_t at = kTableAt + i * kTableEntryBytes;
-      if (get<uint32_t>(at) == static_cast<uint32_t>(type)) return at;
+      if (get<uint32_t>(at) == static_cast<uint32_t>(type)) {
+        return at;
+      }
     }
     throw std::out_of_range("no such section");
   }

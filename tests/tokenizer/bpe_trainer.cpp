@@ -37,8 +37,9 @@ class Trainer {
       appendEscaped(word, marker, escaped);
       ++wordCounts[escaped];
     }
-    for (const auto& [word, count] : wordCounts)
+    for (const auto& [word, count] : wordCounts) {
       addWord(word, count);
+    }
   }
 
   std::vector<std::string> symbols;  // characters first, then what merges make
@@ -53,8 +54,12 @@ class Trainer {
       const auto [count, negated] = queue.top();
       queue.pop();
       const Pair pair = {~negated.first, ~negated.second};
-      if (pairCounts[pair] != count) continue;  // has changed since it was queued
-      if (count < 2) return;
+      if (pairCounts[pair] != count) {
+        continue;  // has changed since it was queued
+      }
+      if (count < 2) {
+        return;
+      }
       merge(pair);
     }
   }
@@ -67,7 +72,9 @@ class Trainer {
 
   uint32_t number(const std::string& symbol) {
     const auto [entry, isNew] = numbers.try_emplace(symbol, static_cast<uint32_t>(symbols.size()));
-    if (isNew) symbols.push_back(symbol);
+    if (isNew) {
+      symbols.push_back(symbol);
+    }
     return entry->second;
   }
 
@@ -90,7 +97,9 @@ class Trainer {
       const Pair pair = {word.symbols[i], word.symbols[i + 1]};
       const int64_t count = pairCounts[pair] += sign * word.count;
       queue.push({count, {~pair.first, ~pair.second}});
-      if (sign > 0) pairWords[pair].insert(wordIndex);
+      if (sign > 0) {
+        pairWords[pair].insert(wordIndex);
+      }
     }
   }
 
@@ -127,12 +136,15 @@ TokenizerData trainBpe(std::string_view text, std::string_view marker, size_t nM
   TokenizerData data;
   std::unordered_set<std::string> known;
   const auto addToken = [&](const std::string& token, int32_t type) {
-    if (!known.insert(token).second) return;
+    if (!known.insert(token).second) {
+      return;
+    }
     data.tokens.push_back(token);
     data.tokenTypes.push_back(type);
   };
-  for (int byte = 0; byte < 256; ++byte)
+  for (int byte = 0; byte < 256; ++byte) {
     addToken(byte == ' ' ? std::string(marker) : std::string(1, static_cast<char>(byte)), 1);
+  }
   data.merges = std::move(trainer.merges);
   for (const std::string& symbol : trainer.symbols) {
     if (symbol.size() == characterBytes(symbol.front())) {
@@ -143,8 +155,9 @@ TokenizerData trainBpe(std::string_view text, std::string_view marker, size_t nM
     }
     addToken(symbol, 1);
   }
-  for (const char* special : {"<|endoftext|>", "<|im_start|>", "<|im_end|>"})
+  for (const char* special : {"<|endoftext|>", "<|im_start|>", "<|im_end|>"}) {
     addToken(special, 3);
+  }
   data.eosId = static_cast<int32_t>(data.tokens.size()) - 1;
   return data;
 }

@@ -15,8 +15,9 @@ using ReferenceRanks = std::unordered_map<std::string, int32_t>;
 
 inline ReferenceRanks referenceRanks(const std::vector<std::string>& merges) {
   ReferenceRanks ranks;
-  for (size_t rank = 0; rank < merges.size(); ++rank)
+  for (size_t rank = 0; rank < merges.size(); ++rank) {
     ranks.emplace(merges[rank], static_cast<int32_t>(rank));
+  }
   return ranks;
 }
 
@@ -25,9 +26,15 @@ inline std::vector<std::string> referenceCharacters(std::string_view piece) {
   for (size_t at = 0; at < piece.size();) {
     const auto lead = static_cast<unsigned char>(piece[at]);
     size_t size = 1;
-    if (lead >= 0xC0 && lead <= 0xDF) size = 2;
-    if (lead >= 0xE0 && lead <= 0xEF) size = 3;
-    if (lead >= 0xF0 && lead <= 0xF7) size = 4;
+    if (lead >= 0xC0 && lead <= 0xDF) {
+      size = 2;
+    }
+    if (lead >= 0xE0 && lead <= 0xEF) {
+      size = 3;
+    }
+    if (lead >= 0xF0 && lead <= 0xF7) {
+      size = 4;
+    }
     characters.emplace_back(piece.substr(at, size));
     at += size;
   }
@@ -48,7 +55,9 @@ inline std::vector<std::string> referenceMerge(std::string_view piece,
         bestRank = found->second;
       }
     }
-    if (best == symbols.size()) return symbols;
+    if (best == symbols.size()) {
+      return symbols;
+    }
     symbols[best] += symbols[best + 1];
     symbols.erase(symbols.begin() + static_cast<std::ptrdiff_t>(best) + 1);
   }

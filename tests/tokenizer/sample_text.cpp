@@ -80,7 +80,9 @@ class EnglishGenerator {
     for (size_t i = 1; i < nWords; ++i) {
       text += below(12) == 0 ? ", " : " ";
       text += below(40) == 0 ? std::to_string(below(3000)) : word();
-      if (below(60) == 0) text += "'s";
+      if (below(60) == 0) {
+        text += "'s";
+      }
     }
     return below(10) == 0 ? "\"" + text + "!\"" : text + ".";
   }
@@ -132,8 +134,9 @@ const std::vector<SampleText>& sampleTexts() {
 
 std::string allSampleText() {
   std::string all;
-  for (const SampleText& sample : sampleTexts())
+  for (const SampleText& sample : sampleTexts()) {
     all.append(sample.text).append("\n");
+  }
   return all;
 }
 

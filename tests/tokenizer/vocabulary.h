@@ -34,8 +34,9 @@ constexpr const char* kByteLevelRule = "\xC4\xA0 \x01";
 // One token per byte value, ids 0 to 255, so that every symbol of one byte shows in the ids.
 inline std::vector<std::string> byteTokens() {
   std::vector<std::string> tokens;
-  for (int byte = 0; byte < 256; ++byte)
+  for (int byte = 0; byte < 256; ++byte) {
     tokens.emplace_back(1, static_cast<char>(byte));
+  }
   return tokens;
 }
 
@@ -43,8 +44,9 @@ inline std::vector<std::string> byteTokens() {
 inline std::vector<std::string> strings(const Tokenizer& tokenizer,
                                         const std::vector<int32_t>& ids) {
   std::vector<std::string> out(ids.size());
-  for (size_t i = 0; i < ids.size(); ++i)
+  for (size_t i = 0; i < ids.size(); ++i) {
     EXPECT_TRUE(tokenizer.tokenToString(ids[i], out[i]).ok()) << ids[i];
+  }
   return out;
 }
 
