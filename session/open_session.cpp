@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "qwen35/processors.h"
 #include "qwen35/run_check.h"
 #include "session/architecture.h"
 #include "session/session.h"
@@ -42,6 +43,11 @@ const char* openSteps(Qwen35Session& session, const char* path) {
     return "qwen35 model bind failed";
   }
   session.unfitReason = qwen35::findUnfitTensor(loader, session.model);
+  if (session.canRun()) {
+    session.context = std::make_unique<qwen35::Context>(
+        session.model, qwen35::ContextOptions{.maxTokens = qwen35::kBatchTokens,
+                                              .threads = qwen35::defaultThreads()});
+  }
   return nullptr;
 }
 
