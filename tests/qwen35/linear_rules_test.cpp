@@ -87,8 +87,11 @@ class LinearRule : public ::testing::Test {
         n, [&](size_t) { return low + (high - low) * 0.5f * (1.0f + tensors.random()); });
   }
 
+  // Values large enough for the heads' outputs to weigh beside queries and keys.
   void setConvolution(size_t columns) {
-    layer.ssmConv1d = tensors.randomMatrix(kChannels, columns);
+    layer.ssmConv1d = tensors.matrix(kChannels, columns, [&](size_t c, size_t) {
+      return (c < 2 * kKeyFloats ? 1.0f : 50.0f) * tensors.random();
+    });
   }
 
   static const float* floats(const kel::TensorView* tensor) {
