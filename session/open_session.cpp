@@ -9,8 +9,6 @@ namespace session {
 
 namespace {
 
-constexpr size_t kContextCapacity = 8192;
-
 // The message of the first step that fails; null when every step succeeded.
 const char* openSteps(Qwen35Session& session, const char* path) {
   session.loader = std::make_unique<kel::ZYMLoader>();
@@ -35,10 +33,11 @@ const char* openSteps(Qwen35Session& session, const char* path) {
     return "tokenizer load failed";
   }
 
-  if (!qwen35::initLayers(loader, session.model, kContextCapacity)) {
+  const size_t capacity = session.model.shape.contextLength;
+  if (!qwen35::initLayers(loader, session.model, capacity)) {
     return "qwen35 layer bind failed";
   }
-  if (!qwen35::bindModel(loader, session.model, kContextCapacity)) {
+  if (!qwen35::bindModel(loader, session.model, capacity)) {
     return "qwen35 model bind failed";
   }
   session.unfitReason = qwen35::findUnfitTensor(loader, session.model);

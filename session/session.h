@@ -19,8 +19,6 @@ namespace session {
 struct Qwen35Session {
   static constexpr uint32_t kDefaultSeed = 42;
 
-  Qwen35Session();
-
   std::unique_ptr<kel::ZYMLoader> loader;  // owns the file mapping that model points into
   qwen35::Model model;
   qwen35::RecurrentState beforeBlock;  // of a prompt; kept between prompts for its memory
