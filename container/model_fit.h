@@ -24,10 +24,11 @@ struct ModelFault {
 // At most one fault per tensor, in binding order after those of the model.
 //
 // A layer is linear attention where it has ssm_out.weight, its feed-forward width is that of
-// ffn_gate.weight, and biases count where attn_q.bias exists: then all three must be there. Every
-// tensor lies inside the weight section and covers its rows. Matrices are F32, BF16, Q8_0, Q4_K or
-// Q5_K with rows of whole blocks; vectors are F32 with enough elements. F32 and BF16 data are
-// aligned to their elements. Where the embedding is no table, nothing else is looked at; where it
+// ffn_gate.weight, and biases count where attn_q.bias exists: then all three must be there. Rows of
+// a matrix are F32, BF16, Q8_0, Q4_K or Q5_K, of whole blocks, and covered by the tensor's bytes,
+// which lie in the weight section. A vector is read as floats and may be longer than needed; of the
+// record only its dimensions and place count, so neither label nor byte size is looked at. Any
+// address will do for either. Where the embedding is no table, nothing else is looked at; where it
 // is missing, only whether the others exist.
 std::vector<ModelFault> findModelFaults(const ZYMLoader& loader, const ModelShape& shape);
 

@@ -4,15 +4,19 @@
 //   Model m;
 //   if (!initLayers(loader, m, maxCtx) || !bindModel(loader, m, maxCtx)) ...
 //   if (!findUnfitTensor(loader, m).empty()) ...   // qwen35/run_check.h: before the first token
+//   alignVectors(m);                               // qwen35/aligned_vectors.h: likewise
 //   embedRow(m, token, hidden);
 //   forwardToken(m, hidden, pos, logits);          // qwen35/forward.h
 //
 // Every tensor pointer is owned by the loader and reads from its file mapping, so the loader
-// outlives the model. A model is used by one thread at a time; two models are independent.
+// outlives the model; the few that alignVectors makes are the model's own. A model is used by one
+// thread at a time; two models are independent.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
+#include <memory>
 #include <vector>
 
 #include "container/model_shape.h"
@@ -71,6 +75,12 @@ struct Layer {
   uint64_t written = 0;
 };
 
+// A vector that lies in the file at an address where no floats may lie: a copy, and its record.
+struct AlignedVector {
+  kel::TensorView view;
+  std::unique_ptr<float[]> values;
+};
+
 struct Model {
   const kel::TensorView* tokEmbd = nullptr;  // [nVocab][nEmbd]; the output head as well
   const kel::TensorView* outputNorm = nullptr;
@@ -92,14 +102,16 @@ struct Model {
 
   uint64_t nLayer = 0;
   std::vector<Layer> layers;
-  uint64_t maxCtx = 0;        // capacity of the caches, in positions
-  std::vector<float> embBuf;  // scratch row of embedRow
+  uint64_t maxCtx = 0;                      // capacity of the caches, in positions
+  std::vector<float> embBuf;                // scratch row of embedRow
+  std::list<AlignedVector> alignedVectors;  // bound in place of the file's records
 
   // Channels of the convolution: queries, keys and values side by side.
   uint64_t convChannels() const { return ssmInner + 2 * ssmDState * ssmGroups; }
 };
 
-// The values of an F32 tensor, where they lie.
+// The values of a vector or of convolution taps, where they lie. Of a model in use they are
+// aligned.
 inline const float* floats(const kel::TensorView* tensor) {
   return static_cast<const float*>(tensor->data);
 }

@@ -1,5 +1,6 @@
 #include <utility>
 
+#include "qwen35/aligned_vectors.h"
 #include "qwen35/run_check.h"
 #include "session/architecture.h"
 #include "session/session.h"
@@ -41,6 +42,9 @@ const char* openSteps(Qwen35Session& session, const char* path) {
     return "qwen35 model bind failed";
   }
   session.unfitReason = qwen35::findUnfitTensor(loader, session.model);
+  if (session.canRun()) {
+    qwen35::alignVectors(session.model);
+  }
   return nullptr;
 }
 
