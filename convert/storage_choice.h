@@ -4,14 +4,14 @@
 #include <cstdint>
 #include <string>
 
+#include "container/model_tensors.h"
 #include "convert/convert.h"
 #include "convert/source_type.h"
 
 namespace kel::convert {
 
 struct MatrixToStore {
-  std::string_view suffix;  // name without the layer
-  bool embedding = false;
+  TensorRole role = TensorRole::Embedding;
   SourceType source = SourceType::F32;
   uint64_t cols = 0;
   bool blocksSplit = false;  // reordering moves parts of the source's blocks: they cannot be copied
