@@ -59,7 +59,7 @@ std::string shapeFault(const TensorView& t, const Expectation& expected) {
     return *elements >= expected.cols ? std::string()
                                       : hasNeeds(*elements, expected.cols, "elements");
   }
-  const std::string fault = rowLengthFault(t, expected);
+  std::string fault = rowLengthFault(t, expected);
   if (!fault.empty()) {
     return fault;
   }
