@@ -6,7 +6,7 @@
 //   if (!findUnfitTensor(loader, m).empty()) ...   // qwen35/run_check.h: before the first token
 //   alignVectors(m);                               // qwen35/aligned_vectors.h: likewise
 //   embedRow(m, token, hidden);
-//   forwardToken(m, hidden, pos, logits);          // qwen35/forward.h
+//   forward(context, m, {...});                    // qwen35/forward.h
 //
 // Every tensor pointer is owned by the loader and reads from its file mapping, so the loader
 // outlives the model; the few that alignVectors makes are the model's own. A model is used by one
@@ -69,10 +69,6 @@ struct Layer {
   StateBuffer kCache;     // full: [nHeadKv][maxCtx][headDim], normalised and rotated keys
   StateBuffer vCache;     // full: the same shape, values as projected
   uint64_t pos = 0;       // full: filled cache positions; stays 0 in a linear layer
-
-  // What a reset has to clear. Full: cache positions from here on hold zeros still. Linear: tokens
-  // taken since the last reset.
-  uint64_t written = 0;
 };
 
 // A vector that lies in the file at an address where no floats may lie: a copy, and its record.
@@ -80,6 +76,9 @@ struct AlignedVector {
   kel::TensorView view;
   std::unique_ptr<float[]> values;
 };
+
+// Scratch rows, one per OpenMP thread.
+using ThreadRows = std::vector<std::vector<float>>;
 
 struct Model {
   const kel::TensorView* tokEmbd = nullptr;  // [nVocab][nEmbd]; the output head as well
@@ -104,6 +103,8 @@ struct Model {
   std::vector<Layer> layers;
   uint64_t maxCtx = 0;                      // capacity of the caches, in positions
   std::vector<float> embBuf;                // scratch row of embedRow
+  ThreadRows gemvRows;                      // of gemvRow
+  ThreadRows headRows;                      // of outputHead
   std::list<AlignedVector> alignedVectors;  // bound in place of the file's records
 
   // Channels of the convolution: queries, keys and values side by side.
@@ -126,8 +127,8 @@ bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 // after initLayers with the same maxCtx. False when either tensor is missing.
 bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
-// Empties every layer: pos 0 and all state zero. Sizes stay. Clears only what was written through
-// the forward pass, so a reset after a short conversation is cheap.
+// Empties every layer: pos 0 and all state zero, whoever wrote it. Sizes stay; memory that was
+// filled goes back to the system.
 void resetModel(Model& m);
 
 // Writes the embedding row of a token: out, nEmbd floats. The token must be below nVocab.

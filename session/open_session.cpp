@@ -1,6 +1,7 @@
 #include <utility>
 
 #include "qwen35/aligned_vectors.h"
+#include "qwen35/processors.h"
 #include "qwen35/run_check.h"
 #include "session/architecture.h"
 #include "session/session.h"
@@ -44,6 +45,9 @@ const char* openSteps(Qwen35Session& session, const char* path) {
   session.unfitReason = qwen35::findUnfitTensor(loader, session.model);
   if (session.canRun()) {
     qwen35::alignVectors(session.model);
+    session.context = std::make_unique<qwen35::Context>(
+        session.model, qwen35::ContextOptions{.maxTokens = qwen35::kBatchTokens,
+                                              .threads = qwen35::defaultThreads()});
   }
   return nullptr;
 }

@@ -2,15 +2,15 @@
 
 namespace session {
 
-void Qwen35Session::restart() {
+void Qwen35Session::clearContext() {
   qwen35::resetModel(model);
   position = 0;
   sampledTokens = 0;
   decodeMsTotal = 0;
 }
 
-void Qwen35Session::startOver() {
-  restart();
+void Qwen35Session::endChat() {
+  clearContext();
   chatActive = false;
 }
 
