@@ -20,8 +20,6 @@ namespace session {
 struct Qwen35Session {
   static constexpr uint32_t kDefaultSeed = 42;
 
-  Qwen35Session();
-
   std::unique_ptr<kel::ZYMLoader> loader;  // owns the file mapping that model points into
   qwen35::Model model;
   std::unique_ptr<qwen35::Context> context;  // null where the model cannot be run

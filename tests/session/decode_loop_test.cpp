@@ -51,7 +51,7 @@ TEST_F(DecodeLoop, AnEmptyPromptFeedsNothingAndLeavesTheLogits) {
 
 TEST_F(DecodeLoop, AnUnfitModelIsRefusedEvenWithAnEmptyPrompt) {
   open();
-  session.unfitReason = "blk.0.ffn_up.weight: no product for F16";
+  session.unfitReason = "blk.0.ffn_up.weight: is F16, a type without matmul";
   EXPECT_FALSE(prefill(&session, {}, hidden, logits));
   EXPECT_FALSE(prefill(&session, {1, 2}, hidden, logits));
   EXPECT_EQ(0u, session.position);

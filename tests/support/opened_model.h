@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "container/zym_loader.h"
+#include "qwen35/aligned_vectors.h"
 #include "qwen35/forward.h"
 #include "qwen35/model.h"
 #include "qwen35/run_check.h"
@@ -24,6 +25,7 @@ struct Handle {
     if (const std::string fault = qwen35::findUnfitTensor(loader, model); !fault.empty()) {
       throw std::runtime_error(fault);
     }
+    qwen35::alignVectors(model);
   }
 
   // Feeds one token at the next position; returns its logits.
