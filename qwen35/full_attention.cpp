@@ -212,7 +212,7 @@ class Heads {
 void computeAngles(const Work& w, size_t token) {
   const size_t half = w.m.ropeDim / 2;
   RopeAngle* angles = w.at().angles + token * half;
-  const double ratio = std::pow(kRopeBase, -2.0 / static_cast<double>(w.m.ropeDim));
+  const double ratio = std::pow(w.m.shape.ropeBase, -2.0 / static_cast<double>(w.m.ropeDim));
   auto angle = static_cast<double>(w.pos + token);
   for (size_t i = 0; i < half; ++i) {
     angles[i] = {static_cast<float>(std::cos(angle)), static_cast<float>(std::sin(angle))};

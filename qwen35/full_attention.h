@@ -9,18 +9,8 @@
 
 namespace qwen35 {
 
-// Floats of the projections of one token. A model's heads must not need more, and its biases cover
-// all of them.
-constexpr size_t kQueryFloats = 8192;  // 2 * nHead * headDim: query and gate of each head
-constexpr size_t kKeyFloats = 1024;    // nHeadKv * headDim
-constexpr size_t kValueFloats = 1024;
-constexpr size_t kHeadOutputFloats = 4096;  // nHead * headDim
-
 // Scale of the attention scores: 1 / sqrt(256), for the one head width there is.
 constexpr float kScoreScale = 0.0625f;
-
-// Base of the rotary angles; no file changes it.
-constexpr double kRopeBase = 1e7;
 
 // The block for the tokens of a pass, whose angles are computed. Their keys go to the cache rows
 // from layer.pos on, which the caller raises after the pass. Called by all members of the team;
