@@ -10,9 +10,9 @@
 #include <random>
 #include <string>
 
-#include "convert/bfloat16.h"
 #include "convert/convert.h"
 #include "convert/model_layout.h"
+#include "quant/bfloat16.h"
 #include "tests/convert/gguf_builder.h"
 
 namespace {
@@ -31,7 +31,7 @@ Bytes weights(std::mt19937& random) {
   Bytes bytes;
   bytes.reserve(kPatternElements * sizeof(uint16_t));
   for (size_t i = 0; i < kPatternElements; ++i) {
-    kel::test::appendNumber(bytes, kel::convert::floatToBfloat16(gauss(random)));
+    kel::test::appendNumber(bytes, kel::quant::f32ToBf16(gauss(random)));
   }
   return bytes;
 }

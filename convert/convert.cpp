@@ -28,8 +28,7 @@ constexpr uint64_t kFixedBytes = 65536;
 constexpr unsigned kMostThreads = 256;
 
 bool isStorable(std::optional<QuantType> type) {
-  return !type || *type == QuantType::F32 || *type == QuantType::BF16 || *type == QuantType::Q8_0 ||
-         *type == QuantType::Q5_K || *type == QuantType::Q4_K;
+  return !type || hasProduct(*type);
 }
 
 Status checkOptions(const ConvertOptions& options) {

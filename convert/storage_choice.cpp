@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "convert/errors.h"
-#include "quant/blocks.h"
+#include "quant/block_sizes.h"
 
 namespace kel::convert {
 
@@ -93,29 +93,17 @@ Storage wantedStorage(const MatrixToStore& matrix, const StorageChoice& choice) 
 
 // The nearest format whose blocks divide the row.
 QuantType fittingType(QuantType wanted, uint64_t cols) {
-  if (cols % storedBlockLen(wanted) == 0) {
+  if (cols % quant::blockFormat(wanted).elements == 0) {
     return wanted;
   }
   return cols % quant::kBlockLen == 0 ? QuantType::Q8_0 : QuantType::BF16;
 }
 
 bool isLossy(SourceType type) {
-  return sourceTypeInfo(type).blockLen > 1;
+  return sourceTypeInfo(type).block.elements > 1;
 }
 
 }  // namespace
-
-uint64_t storedBlockLen(QuantType type) {
-  switch (type) {
-    case QuantType::Q8_0:
-      return quant::kBlockLen;
-    case QuantType::Q4_K:
-    case QuantType::Q5_K:
-      return quant::kSuperBlockLen;
-    default:
-      return 1;
-  }
-}
 
 Storage chooseStorage(const MatrixToStore& matrix, const StorageChoice& choice) {
   const SourceTypeInfo& source = sourceTypeInfo(matrix.source);

@@ -22,9 +22,6 @@ struct Storage {
   std::string reason;  // empty: the source's own type
 };
 
-// Elements that one block of a type holds, 1 for plain numbers. type: one that products accept.
-uint64_t storedBlockLen(QuantType type);
-
 Storage chooseStorage(const MatrixToStore& matrix, const StorageChoice& choice);
 
 }  // namespace kel::convert

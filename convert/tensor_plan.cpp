@@ -107,7 +107,7 @@ bool sameShape(std::vector<uint64_t> dims, const std::vector<uint64_t>& wanted) 
 // A vector of one element a head cannot be put into another order block by block.
 Status checkVectorType(const SourceTensor& tensor, const TensorSpec& spec, bool groupedHeads) {
   const bool isReordered = groupedHeads && spec.heads.kind == HeadAxis::Kind::Rows;
-  if (spec.dims.size() != 1 || !isReordered || sourceTypeInfo(*tensor.type).blockLen == 1) {
+  if (spec.dims.size() != 1 || !isReordered || sourceTypeInfo(*tensor.type).block.elements == 1) {
     return Status::success();
   }
   return unsupported(
@@ -138,7 +138,7 @@ void decideStorage(const SourceModel& source, const StorageChoice& choice, Plann
   if (isMatrix(plan.spec)) {
     const HeadAxis& heads = plan.spec.heads;
     const bool blocksSplit = source.groupedHeads && heads.kind == HeadAxis::Kind::Columns &&
-                             heads.unit % from.blockLen != 0;
+                             heads.unit % from.block.elements != 0;
     const Storage storage =
         chooseStorage({plan.spec.suffix, plan.spec.role == TensorRole::Embedding,
                        *plan.source->type, plan.spec.dims[0], blocksSplit},

@@ -5,8 +5,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "convert/bfloat16.h"
 #include "convert/mapped_file.h"
+#include "quant/bfloat16.h"
 #include "quant/blocks.h"
 
 namespace kel::convert {
@@ -15,7 +15,7 @@ namespace {
 
 void encodeBfloat16(const float* values, size_t n, uint8_t* out) {
   for (size_t i = 0; i < n; ++i) {
-    const uint16_t half = floatToBfloat16(values[i]);
+    const uint16_t half = quant::f32ToBf16(values[i]);
     std::memcpy(out + 2 * i, &half, sizeof(half));
   }
 }
@@ -64,7 +64,7 @@ TensorRows::TensorRows(const PlannedTensor& planned, const SourceModel& source)
   colCount = elementPerRow ? 1 : dims[0];
   rowCount = elementPerRow ? dims[0] : dims.size() == 1 ? 1 : dims[1];
   const SourceTypeInfo& from = sourceTypeInfo(*plan.source->type);
-  sourceBytes = colCount / from.blockLen * from.blockBytes;
+  sourceBytes = colCount / from.block.elements * from.block.bytes;
   storedBytes = quant::quantizedBytes(plan.stored, colCount);
 }
 

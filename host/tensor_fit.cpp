@@ -3,37 +3,13 @@
 #include <fmt/format.h>
 
 #include "host/container_report.h"
-#include "quant/blocks.h"
+#include "quant/block_sizes.h"
 
 namespace zym {
 namespace {
 
 using kel::QuantType;
 using kel::TensorView;
-
-// Values per block and bytes per block; zeros for types without a product.
-struct BlockFormat {
-  uint64_t elements;
-  uint64_t bytes;
-};
-
-BlockFormat blockFormat(QuantType type) {
-  using namespace kel::quant;
-  switch (type) {
-    case QuantType::F32:
-      return {1, sizeof(float)};
-    case QuantType::BF16:
-      return {1, sizeof(uint16_t)};
-    case QuantType::Q8_0:
-      return {kBlockLen, kQ80Bytes};
-    case QuantType::Q4_K:
-      return {kSuperBlockLen, kQ4KBytes};
-    case QuantType::Q5_K:
-      return {kSuperBlockLen, kQ5KBytes};
-    default:
-      return {0, 0};
-  }
-}
 
 bool shapeFits(const ExpectedTensor& expected, const TensorView& tensor) {
   const std::optional<uint64_t> elements = elementCount(tensor.dims, tensor.rank);
@@ -72,10 +48,10 @@ std::vector<std::string> misfits(const ExpectedTensor& expected, const TensorVie
         fmt::format("has shape {}, needs {}", shapeText(tensor), fmt::join(expected.dims, " x ")));
   }
   const char* type = kel::quantTypeName(tensor.type);
-  const BlockFormat format = blockFormat(tensor.type);
+  const kel::quant::BlockFormat format = kel::quant::blockFormat(tensor.type);
   if (expected.role != TensorRole::Matrix && tensor.type != QuantType::F32) {
     found.push_back(fmt::format("is {}, needs F32", type));
-  } else if (format.elements == 0) {
+  } else if (!kel::hasProduct(tensor.type)) {
     found.push_back(
         fmt::format("is {}, which cannot be multiplied; `zym convert` stores it otherwise", type));
   } else if (tensor.dims[0] % format.elements != 0) {
