@@ -87,8 +87,8 @@ class ZYM2Reader {
   // Records copied from the quant info section, at least one per tensor or none at all.
   const std::vector<zym2::QuantRecord>& quantRecords() const { return quantInfo; }
 
-  // Parses the tokenizer section. False when it is absent or malformed; out is then partly filled
-  // and to be discarded.
+  // Parses the tokenizer section. False when it is absent or malformed; out, which is to be
+  // discarded, then holds what was read before the fault, a list in progress in its new length.
   bool readTokenizer(TokenizerData& out) const;
 
  private:
