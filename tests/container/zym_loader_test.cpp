@@ -172,6 +172,7 @@ TEST_F(LoaderTest, QuantWordsAreCarriedUnchanged) {
   EXPECT_EQ(0x1234U, tensor.quant.word0);
   EXPECT_EQ(101U, tensor.quant.word1);
   EXPECT_EQ(102U, tensor.quantWords[0]);
+  EXPECT_EQ(103U, tensor.quantWords[1]);
   EXPECT_EQ(104U, tensor.quantWords[2]);
 }
 
@@ -202,6 +203,13 @@ TEST_F(LoaderTest, AnAbsentAndAnEmptyTextAreEmpty) {
   EXPECT_EQ("", loader.text);
   ASSERT_TRUE(open(image.setSize(SectionType::Text, 0).fixCrc()).ok());
   EXPECT_EQ("", loader.text);
+}
+
+TEST_F(LoaderTest, ATextWithNulBytesIsKeptWhole) {
+  const std::string text("be\0fore\0", 8);
+  image.replace(SectionType::Text, test::Bytes(text.begin(), text.end())).fixCrc();
+  ASSERT_TRUE(open(image).ok());
+  EXPECT_EQ(text, loader.text);
 }
 
 TEST_F(LoaderTest, OpeningASecondFileReplacesAllRecords) {
