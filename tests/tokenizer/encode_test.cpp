@@ -85,6 +85,15 @@ TEST(TokenizePlain, OtherVocabularyMergesTheWholeRun) {
   EXPECT_EQ(Ids{2}, encoded(tokenizer, "a  b"));
 }
 
+// The caller has escaped the text: here it is neither cut into words nor escaped.
+TEST(TokenizePlain, OtherVocabularyTakesTheTextAsItStands) {
+  const Tokenizer tokenizer = loaded(tables({"x", "!", " ", "x▁!x", "▁"}, {"x ▁", "! x", "x▁ !x"}));
+  Ids ids = {9};
+  EXPECT_TRUE(tokenizer.tokenizePlain("x▁!x", ids).ok());
+  EXPECT_TRUE(tokenizer.tokenizePlain("x !", ids).ok());
+  EXPECT_EQ((Ids{9, 3, 0, 2, 1}), ids);
+}
+
 TEST(TokenizePlain, ByteLevelWordsNeverMergeAcrossTheirBorder) {
   const Tokenizer tokenizer =
       loaded(tables({"a", "b", "Ġ", "ĠĠ", "Ġb", "ĠĠb"}, {"Ġ Ġ", "Ġ b", "ĠĠ b"}));
