@@ -47,24 +47,13 @@ void checkOverlaps(std::vector<Range> ranges, std::vector<Fault>& faults) {
   }
 }
 
-TensorEntry entryAt(const kel::ZYM2Reader& reader, uint32_t index) {
-  TensorEntry entry;
-  std::memcpy(&entry, reader.sectionData(SectionType::TensorIndex) + index * sizeof(entry),
-              sizeof(entry));
-  return entry;
-}
-
-std::string entryName(const TensorEntry& entry) {
-  return {entry.name, std::min<size_t>(entry.nameLength, sizeof(entry.name))};
-}
-
 bool fitsSection(const TensorEntry& entry, uint64_t sectionBytes) {
   return entry.offset <= sectionBytes && entry.byteSize <= sectionBytes - entry.offset;
 }
 
 // Faults of one entry that can be seen without its neighbours.
 void checkEntry(const TensorEntry& entry, uint64_t sectionBytes, std::vector<Fault>& faults) {
-  const std::string name = entryName(entry);
+  const std::string name(entry.nameText());
   const auto fault = [&](std::string what) { faults.push_back({name, std::move(what)}); };
   if (name.empty()) {
     fault("has an empty name");
@@ -160,7 +149,7 @@ std::vector<TensorEntry> readableFloats(const kel::ZYM2Reader& reader) {
   std::vector<TensorEntry> floats;
   const uint64_t sectionBytes = reader.sectionSize(SectionType::WeightData);
   for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
-    const TensorEntry entry = entryAt(reader, i);
+    const TensorEntry& entry = *reader.tensorEntry(i);
     if (entry.type == static_cast<uint16_t>(QuantType::F32) && fitsSection(entry, sectionBytes)) {
       floats.push_back(entry);
     }
@@ -202,8 +191,8 @@ void checkIndex(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
   std::vector<Range> ranges;
   std::string previous;
   for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
-    const TensorEntry entry = entryAt(reader, i);
-    const std::string name = entryName(entry);
+    const TensorEntry& entry = *reader.tensorEntry(i);
+    const std::string name(entry.nameText());
     checkEntry(entry, sectionBytes, faults);
     if (i > 0 && name == previous) {
       faults.push_back({name, "occurs twice"});
@@ -254,7 +243,7 @@ void checkContents(const kel::ZYM2Reader& reader, const CheckProgress& progress,
   const uint8_t* weights = reader.sectionData(SectionType::WeightData);
   for (const TensorEntry& entry : floats) {
     if (const auto at = firstNonFinite(weights + entry.offset, entry.byteSize)) {
-      faults.push_back({entryName(entry), fmt::format("value {} is not finite", *at)});
+      faults.push_back({std::string(entry.nameText()), fmt::format("value {} is not finite", *at)});
     }
     reading.advance(entry.byteSize);
   }

@@ -116,6 +116,24 @@ TEST_F(TensorsTest, LookupsThatFindNothingAnswerAllZero) {
   expectAllZero(reader.tensorView("a"));
 }
 
+TEST_F(TensorsTest, AnEntryIsTheStoredRecord) {
+  image.set<uint16_t>(entryAt(1) + 64, 70).set<uint16_t>(entryAt(1) + 66, 300);
+  image.set<uint16_t>(entryAt(1) + 68, 9).set<uint64_t>(entryAt(1) + 72 + 24, 44);
+  image.set<uint64_t>(entryAt(1) + 104, 55).set<uint64_t>(entryAt(1) + 112, 66);
+  open(image);
+  ASSERT_EQ(static_cast<const void*>(entry(1)), reader.tensorEntry(1));
+  const kel::zym2::TensorEntry& stored = *reader.tensorEntry(1);
+  EXPECT_EQ(70U, stored.nameLength);
+  EXPECT_EQ(300U, stored.type);
+  EXPECT_EQ(9U, stored.rank);
+  EXPECT_EQ(2U, stored.dims[0]);
+  EXPECT_EQ(44U, stored.dims[3]);
+  EXPECT_EQ(55U, stored.offset);
+  EXPECT_EQ(66U, stored.byteSize);
+  EXPECT_EQ(std::string("b") + std::string(63, '\0'), stored.nameText());
+  EXPECT_EQ("a", reader.tensorEntry(0)->nameText());
+}
+
 TEST_F(TensorsTest, ARankAbove4GivesAnAllZeroView) {
   for (const uint16_t rank : std::initializer_list<uint16_t>{5, 255, 256, 65535}) {
     image.set<uint16_t>(entryAt(1) + 68, rank);

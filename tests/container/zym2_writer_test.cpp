@@ -155,7 +155,9 @@ TEST_F(WriterTest, TheIndexIsSortedByUnsignedBytes) {
   ASSERT_TRUE(reader.open(path.c_str()).ok());
   const std::vector<std::string> sorted = {"B", "a", "ab", "b", std::string(64, 'n'), "\xC3\xA9"};
   for (size_t i = 0; i < sorted.size(); ++i) {
-    EXPECT_EQ(reader.tensorEntry(i), reader.findTensor(sorted[i].c_str())) << sorted[i];
+    EXPECT_EQ(sorted[i], reader.tensorEntry(i)->nameText());
+    EXPECT_EQ(static_cast<const void*>(reader.tensorEntry(i)), reader.findTensor(sorted[i].c_str()))
+        << sorted[i];
   }
 }
 
