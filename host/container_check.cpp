@@ -9,6 +9,7 @@
 #include <optional>
 #include <utility>
 
+#include "container/checksum.h"
 #include "host/checksums.h"
 #include "host/container_report.h"
 #include "host/expected_tensors.h"
@@ -160,9 +161,9 @@ std::vector<TensorEntry> readableFloats(const kel::ZYM2Reader& reader) {
 // Sections whose checksum is in the metadata.
 std::vector<std::pair<SectionType, std::string>> storedChecksums(const kel::ZYM2Reader& reader) {
   std::vector<std::pair<SectionType, std::string>> stored;
-  for (const SectionChecksum& checksum : kSectionChecksums) {
+  for (const kel::SectionChecksum& checksum : kel::kSectionChecksums) {
     std::string text;
-    if (reader.getMetaStr(std::string(checksum.key).c_str(), text)) {
+    if (reader.getMetaStr(checksum.key, text)) {
       stored.emplace_back(checksum.section, text);
     }
   }
