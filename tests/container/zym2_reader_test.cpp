@@ -335,10 +335,12 @@ TEST_F(ReaderTest, AnOpenReaderIsAlignedAndAClosedOneIsNot) {
 
 TEST_F(ReaderTest, HeaderWordsAndReservedBytesMayHoldAnything) {
   ContainerImage image = sampleImage();
-  for (size_t at = test::kWordAAt; at < test::kTensorCountAt; ++at)
+  for (size_t at = test::kWordAAt; at < test::kTensorCountAt; ++at) {
     image.bytes[at] = 0xFF;
-  for (size_t at = test::kTensorCountAt + 4; at < test::kCrcAt; ++at)
+  }
+  for (size_t at = test::kTensorCountAt + 4; at < test::kCrcAt; ++at) {
     image.bytes[at] = 0xFF;
+  }
   EXPECT_EQ("", openMessage(image.fixCrc()));
   EXPECT_EQ(UINT32_MAX, reader.header().wordA);
   EXPECT_EQ(UINT64_MAX, reader.header().wordB);

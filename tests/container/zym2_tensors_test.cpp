@@ -36,8 +36,9 @@ void expectAllZero(const ZYM2Reader::TensorEntryView& view) {
   EXPECT_EQ(0U, view.byteSize);
   EXPECT_EQ(0U, view.type);
   EXPECT_EQ(0U, view.rank);
-  for (const uint64_t dim : view.dims)
+  for (const uint64_t dim : view.dims) {
     EXPECT_EQ(0U, dim);
+  }
   EXPECT_EQ(0U, view.quantInfo);
 }
 
@@ -46,8 +47,9 @@ TEST_F(TensorsTest, FindsEachNameAndNoneBetweenThem) {
   EXPECT_EQ(entry(0), reader.findTensor("a"));
   EXPECT_EQ(entry(1), reader.findTensor("b"));
   EXPECT_EQ(entry(2), reader.findTensor("c"));
-  for (const char* absent : {"bb", "", "0", "d"})
+  for (const char* absent : {"bb", "", "0", "d"}) {
     EXPECT_EQ(nullptr, reader.findTensor(absent));
+  }
   EXPECT_EQ(nullptr, reader.findTensor(nullptr));
 }
 
@@ -91,8 +93,9 @@ TEST_F(TensorsTest, AViewPointsIntoTheWeights) {
 }
 
 TEST_F(TensorsTest, OnlyDimensionsBelowTheRankAreCopied) {
-  for (size_t dim = 0; dim < 4; ++dim)
+  for (size_t dim = 0; dim < 4; ++dim) {
     image.set<uint64_t>(entryAt(0) + 72 + 8 * dim, 10 + dim);
+  }
   image.set<uint16_t>(entryAt(0) + 68, 3);
   open(image);
   const ZYM2Reader::TensorEntryView view = reader.tensorView(size_t{0});

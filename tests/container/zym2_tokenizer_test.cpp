@@ -207,8 +207,9 @@ TEST_F(TokenizerSectionTest, ACountOf67108865FailsBeforeTheListGrows) {
   for (size_t list = 0; list < 4; ++list) {
     Packer start;
     start.text("TKNZ").u32(0);
-    for (size_t i = 0; i < list; ++i)
+    for (size_t i = 0; i < list; ++i) {
       start.u32(0);
+    }
     start.u32(kMaxCount + 1);
     EXPECT_FALSE(parseSparse(start, start.bytes.size() + uint64_t{4} * kMaxCount + 100));
     EXPECT_EQ(0U, out.tokens.size() + out.auxValues.size());

@@ -150,8 +150,9 @@ TEST_F(WriterTest, TensorDataIsAlignedAndItsPaddingZero) {
 TEST_F(WriterTest, TheIndexIsSortedByUnsignedBytes) {
   ASSERT_TRUE(writer.create(path).ok());
   const std::vector<std::string> names = {"b", "\xC3\xA9", "ab", "a", std::string(64, 'n'), "B"};
-  for (const std::string& name : names)
+  for (const std::string& name : names) {
     ASSERT_TRUE(addSmallTensor(name).ok());
+  }
   ASSERT_TRUE(writer.finish().ok());
   ZYM2Reader reader;
   ASSERT_TRUE(reader.open(path.c_str()).ok());
@@ -249,8 +250,9 @@ TEST_F(WriterTest, ATensorMayHaveNoBytesAndNoDimensions) {
 // More than the writer's buffer, in pieces smaller, equal and larger than it.
 TEST_F(WriterTest, ABigTensorIsStreamedInPiecesOfAnySize) {
   Bytes data(6 << 20);
-  for (size_t i = 0; i < data.size(); ++i)
+  for (size_t i = 0; i < data.size(); ++i) {
     data[i] = static_cast<uint8_t>(i * 2654435761U >> 13);
+  }
   ASSERT_TRUE(writer.create(path).ok());
   ASSERT_TRUE(writer.beginTensor("big", QuantType::F32, {1024, 1536}).ok());
   const size_t pieces[] = {1, 4095, 0, 1 << 20, (1 << 20) - 1, (2 << 20) + 7, 100};

@@ -77,8 +77,9 @@ TEST_F(LoaderTest, RecordsStandInIndexOrderAndPointIntoTheMapping) {
     EXPECT_EQ(0U, record.dims[3]);
     EXPECT_EQ(&record, loader.findTensor(record.name));
   }
-  for (const char* absent : {"", "0", "bb", "d"})
+  for (const char* absent : {"", "0", "bb", "d"}) {
     EXPECT_EQ(nullptr, loader.findTensor(absent));
+  }
 }
 
 TEST_F(LoaderTest, AStatusOfTheReaderPassesThrough) {
@@ -164,8 +165,9 @@ TEST_F(LoaderTest, QuantWordsAreCarriedUnchanged) {
   const size_t record = image.offsetOf(SectionType::QuantInfo) + 32;
   image.set<uint16_t>(record, 0xFFFF);  // its type word is not used
   image.set<uint16_t>(record + 2, 0x1234);
-  for (uint32_t word = 1; word <= 4; ++word)
+  for (uint32_t word = 1; word <= 4; ++word) {
     image.set<uint32_t>(record + 4 * word, 100 + word);
+  }
   ASSERT_TRUE(open(image).ok());
   const TensorView& tensor = loader.tensors[1];
   EXPECT_EQ(0U, tensor.quant.type);

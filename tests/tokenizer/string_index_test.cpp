@@ -92,8 +92,9 @@ TEST(StringIndex, AgreesWithAStandardMap) {
   std::mt19937 rng(17);
   const auto randomString = [&rng] {
     std::string s(rng() % 7, ' ');
-    for (char& c : s)
+    for (char& c : s) {
       c = " abc"[rng() % 4];
+    }
     return s;
   };
   Strings strings(5000);

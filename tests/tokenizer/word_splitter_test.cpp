@@ -138,8 +138,9 @@ TEST(WordSplitter, WordsOfAnyBytesAreNotEmptyAndJoinToTheText) {
   std::mt19937 rng(7);
   for (int round = 0; round < 20000; ++round) {
     std::string text(rng() % 24, ' ');
-    for (char& c : text)
+    for (char& c : text) {
       c = kBytes[rng() % kBytes.size()];
+    }
     std::string joined;
     for (const std::string_view word : kel::splitWords(text)) {
       ASSERT_FALSE(word.empty());
