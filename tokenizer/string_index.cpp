@@ -10,26 +10,45 @@
 namespace kel {
 namespace {
 
-// Keys up to here are joined without allocating. Merge rules of real vocabularies are shorter.
+constexpr size_t kShortKeyBytes = 16;
+// Longer keys are joined here, and in allocated memory beyond. Merge rules of real vocabularies are
+// short.
 constexpr size_t kInlineKeyBytes = 64;
-
-constexpr uint64_t kPrime = (uint64_t{1} << 61U) - 1;
-constexpr size_t kCoefficientBytes = 7;  // the most that stay below the prime
 
 __extension__ using Wide = unsigned __int128;
 
-// a * b + c modulo the prime, up to a few multiples of it; a, c < 2^62, b < 2^61.
-uint64_t multiplyAdd(uint64_t a, uint64_t b, uint64_t c) {
-  const Wide product = static_cast<Wide>(a) * b;
-  const uint64_t folded =
-      (static_cast<uint64_t>(product) & kPrime) + static_cast<uint64_t>(product >> 61U);
-  return (folded & kPrime) + (folded >> 61U) + c;
+template <typename T>
+uint64_t load(const char* at) {
+  T value = 0;
+  std::memcpy(&value, at, sizeof(value));
+  return value;
 }
 
-// The values of the polynomial fill 61 bits and differ little for short keys that differ little;
-// the place is taken from the upper bits.
-uint64_t spread(uint64_t hash) {
-  return (hash ^ hash >> 32U) * 0x9E3779B97F4A7C15U;
+// Fewer than eight bytes as a little-endian number, by loads that overlap where they meet.
+uint64_t shortNumber(const char* first, size_t n) {
+  if (n >= 4) {
+    return load<uint32_t>(first) | load<uint32_t>(first + n - 4) << 8 * (n - 4);
+  }
+  if (n == 0) {
+    return 0;
+  }
+  const size_t middle = n / 2;
+  return load<uint8_t>(first) | load<uint8_t>(first + middle) << 8 * middle |
+         load<uint8_t>(first + n - 1) << 8 * (n - 1);
+}
+
+uint64_t foldedProduct(uint64_t a, uint64_t b) {
+  const Wide product = static_cast<Wide>(a) * b;
+  return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64U);
+}
+
+// The numbers that follow a seed: "Fast Splittable Pseudorandom Number Generators" (2014).
+uint64_t nextSecret(uint64_t& seed) {
+  seed += 0x9E3779B97F4A7C15U;
+  uint64_t z = seed;
+  z = (z ^ z >> 30U) * 0xBF58476D1CE4E5B9U;
+  z = (z ^ z >> 27U) * 0x94D049BB133111EBU;
+  return z ^ z >> 31U;
 }
 
 uint64_t drawSeed() {
@@ -54,30 +73,44 @@ bool isAscii(char c) {
 
 }  // namespace
 
-// The key as a polynomial at the secret point, modulo a prime: its length, then its bytes, seven a
-// coefficient. Two keys of n coefficients meet at no more than n of 2^61 points. Without a constant
-// term, so that even the difference of two short keys is known to nobody.
-uint64_t StringIndex::hashOf(std::string_view key) const {
-  uint64_t hash = key.size() & kPrime;
-  uint64_t coefficient = 0;
-  while (key.size() >= kCoefficientBytes) {
-    std::memcpy(&coefficient, key.data(), kCoefficientBytes);
-    hash = multiplyAdd(hash, point, coefficient);
-    key.remove_prefix(kCoefficientBytes);
+StringIndex::ShortKey StringIndex::shortKey(std::string_view bytes) {
+  const char* first = bytes.data();
+  const size_t n = bytes.size();
+  if (n < sizeof(uint64_t)) {
+    return shortNumber(first, n);
   }
-  coefficient = 0;
-  for (size_t i = 0; i < key.size(); ++i) {
-    coefficient |= static_cast<uint64_t>(static_cast<unsigned char>(key[i])) << 8U * i;
+  const uint64_t low = load<uint64_t>(first);
+  if (n == sizeof(uint64_t)) {
+    return low;
   }
-  return spread(multiplyAdd(multiplyAdd(hash, point, coefficient), point, 0));
+  const uint64_t high = load<uint64_t>(first + n - sizeof(uint64_t)) >> 8 * (kShortKeyBytes - n);
+  return low | static_cast<ShortKey>(high) << 64U;
 }
 
-// The slot that holds key, or the empty one where the search for it ends.
-size_t StringIndex::slotOf(uint64_t hash, std::string_view key) const {
+// Products with secret numbers: who does not know them knows neither a key's place nor whether two
+// keys share one. before: what came before the last bytes of a longer key.
+uint64_t StringIndex::hashOf(ShortKey key, size_t nBytes, uint64_t before) const {
+  const uint64_t low = static_cast<uint64_t>(key) ^ secrets[0] ^ before;
+  const uint64_t high = static_cast<uint64_t>(key >> 64U) ^ secrets[1];
+  return foldedProduct(foldedProduct(low, high) ^ nBytes, secrets[2]);
+}
+
+uint64_t StringIndex::hashOf(std::string_view key) const {
+  const size_t nBytes = key.size();
+  uint64_t before = 0;
+  for (; key.size() > kShortKeyBytes; key.remove_prefix(kShortKeyBytes)) {
+    before = hashOf(shortKey(key.substr(0, kShortKeyBytes)), kShortKeyBytes, before);
+  }
+  return hashOf(shortKey(key), nBytes, before);
+}
+
+// The slot of the string for which equals holds, or the empty one where the search for it ends.
+template <typename Equals>
+size_t StringIndex::slotOf(uint64_t hash, Equals equals) const {
   const auto tag = static_cast<uint32_t>(hash);
   size_t i = hash >> shift;
   while (slots[i].position != kAbsent &&
-         !(slots[i].tag == tag && first[slots[i].position] == key)) {
+         !(slots[i].tag == tag && equals(first[slots[i].position]))) {
     i = (i + 1) & (slots.size() - 1);
   }
   return i;
@@ -96,14 +129,16 @@ void StringIndex::build(const std::vector<std::string>& strings, uint64_t seed) 
   if (strings.empty()) {
     return;
   }
-  point = spread(seed) % (kPrime - kAscii) + kAscii;  // small ones mix nothing
+  for (uint64_t& secret : secrets) {
+    secret = nextSecret(seed);
+  }
   asciiPairs.resize(kAscii * kAscii, kAbsent);
   slots.resize(std::bit_ceil(strings.size() * 2));
   shift = 64 - std::countr_zero(slots.size());
   for (size_t i = 0; i < strings.size(); ++i) {
     const std::string& string = strings[i];
     const uint64_t hash = hashOf(string);
-    Slot& slot = slots[slotOf(hash, string)];
+    Slot& slot = slots[slotOf(hash, [&](const std::string& other) { return other == string; })];
     if (slot.position != kAbsent) {
       continue;
     }
@@ -116,11 +151,22 @@ void StringIndex::build(const std::vector<std::string>& strings, uint64_t seed) 
   }
 }
 
+int32_t StringIndex::findShort(ShortKey key, size_t nBytes) const {
+  const auto equals = [&](const std::string& string) {
+    return string.size() == nBytes && shortKey(string) == key;
+  };
+  return slots[slotOf(hashOf(key, nBytes), equals)].position;
+}
+
 int32_t StringIndex::find(std::string_view key) const {
   if (slots.empty() || key.size() > longest) {
     return kAbsent;
   }
-  return slots[slotOf(hashOf(key), key)].position;
+  if (key.size() <= kShortKeyBytes) {
+    return findShort(shortKey(key), key.size());
+  }
+  return slots[slotOf(hashOf(key), [&](const std::string& string) { return string == key; })]
+      .position;
 }
 
 int32_t StringIndex::findPair(std::string_view left, std::string_view right) const {
@@ -133,6 +179,10 @@ int32_t StringIndex::findPair(std::string_view left, std::string_view right) con
   const size_t keyBytes = left.size() + 1 + right.size();
   if (keyBytes > longest) {
     return kAbsent;
+  }
+  if (keyBytes < kShortKeyBytes) {  // so that no shift is as wide as the number
+    const ShortKey withSpace = shortKey(left) | static_cast<ShortKey>(' ') << 8 * left.size();
+    return findShort(withSpace | shortKey(right) << 8 * (left.size() + 1), keyBytes);
   }
   if (keyBytes > kInlineKeyBytes) {
     return find(std::string(left).append(1, ' ').append(right));

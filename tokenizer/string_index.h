@@ -8,6 +8,7 @@
 // quadratic. Nothing but the order of the slots depends on the seed.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -46,15 +47,22 @@ class StringIndex {
     int32_t position = kAbsent;
   };
 
+  // Up to 16 bytes as one little-endian number: hashed and compared in registers.
+  __extension__ using ShortKey = unsigned __int128;
+  static ShortKey shortKey(std::string_view bytes);
+
   uint64_t hashOf(std::string_view key) const;
-  size_t slotOf(uint64_t hash, std::string_view key) const;
+  uint64_t hashOf(ShortKey key, size_t nBytes, uint64_t before = 0) const;
+  template <typename Equals>
+  size_t slotOf(uint64_t hash, Equals equals) const;
+  int32_t findShort(ShortKey key, size_t nBytes) const;
 
   // Positions of the strings "x y" by x * 128 + y, x and y single ASCII characters; empty when the
   // index is. Every text starts out as such pairs, and this table stays in the near caches.
   std::vector<int32_t> asciiPairs;
   const std::string* first = nullptr;  // of the list
   std::vector<Slot> slots;             // a power of two, at most half full; none when empty
-  uint64_t point = 0;                  // of the hash, secret
+  std::array<uint64_t, 3> secrets{};   // of the hash
   int shift = 0;                       // hash >> shift is a slot
   size_t count = 0;
   size_t longest = 0;  // bytes of the longest string

@@ -184,6 +184,42 @@ TEST(StringIndex, LongKeysAreFoundWholeAndInPairs) {
   EXPECT_EQ(StringIndex::kAbsent, index.find(strings[2] + 'l'));
 }
 
+// Keys of every length around those that are handled in one, two or more parts; each byte counts.
+TEST(StringIndex, EveryByteOfAKeyOfAnyLengthCounts) {
+  for (size_t length = 1; length <= 70; ++length) {
+    std::string key(length, '\0');
+    for (size_t i = 0; i < length; ++i) {
+      key[i] = static_cast<char>(1 + i);
+    }
+    Strings strings = {key};
+    for (size_t i = 0; i < length; ++i) {
+      strings.push_back(key);
+      strings.back()[i] = static_cast<char>(0xF0);
+    }
+    StringIndex index;
+    index.build(strings);
+    for (size_t i = 0; i < strings.size(); ++i) {
+      ASSERT_EQ(static_cast<int32_t>(i), index.find(strings[i])) << length;
+    }
+    ASSERT_EQ(StringIndex::kAbsent, index.find(key.substr(1))) << length;
+  }
+}
+
+TEST(StringIndex, PairsOfEveryLengthEqualTheirJoinedText) {
+  for (size_t left = 0; left <= 40; ++left) {
+    for (size_t right = 0; right <= 40; ++right) {
+      const std::string l(left, 'l');
+      const std::string r(right, 'r');
+      const Strings strings = {"other", l + ' ' + r};
+      StringIndex index;
+      index.build(strings);
+      ASSERT_EQ(1, index.findPair(l, r)) << left << ' ' << right;
+      ASSERT_EQ(StringIndex::kAbsent, index.findPair(l + 'l', r)) << left << ' ' << right;
+      ASSERT_EQ(StringIndex::kAbsent, index.findPair(r + 'x', l)) << left << ' ' << right;
+    }
+  }
+}
+
 TEST(StringIndex, TrailingZeroBytesTellKeysApart) {
   const Strings strings = {std::string(1, '\0'), std::string(2, '\0'), std::string(7, '\0'),
                            std::string(8, '\0')};
