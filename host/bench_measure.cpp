@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 #include <optional>
 #include <string>
 
@@ -47,12 +46,9 @@ ModelWork modelWork(const kel::ZYM2Reader& reader) {
   ModelWork work;
   work.weightBytes = reader.sectionSize(kel::zym2::SectionType::WeightData);
   for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
-    const uint8_t* entry = reader.tensorEntry(i);
-    const kel::ZYM2Reader::TensorEntryView tensor = reader.tensorView(size_t{i});
-    const bool isMatrix = entry != nullptr && tensor.rank == 2;
-    const bool isBlock = isMatrix && std::memcmp(entry, "blk.", 4) == 0;  // the name comes first
-    if (isBlock) {
-      work.multiplyAddsPerPrefillToken += tensor.dims[0] * tensor.dims[1];
+    const kel::zym2::TensorEntry* entry = reader.tensorEntry(i);
+    if (entry != nullptr && entry->rank == 2 && entry->nameText().starts_with("blk.")) {
+      work.multiplyAddsPerPrefillToken += entry->dims[0] * entry->dims[1];
     }
   }
   return work;

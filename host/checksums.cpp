@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "container/checksum.h"
+
 namespace zym {
 namespace {
 
@@ -11,7 +13,7 @@ constexpr uint64_t kStretch = uint64_t{8} << 20;
 
 std::string checksumText(const uint8_t* data, uint64_t nBytes,
                          const std::function<void(uint64_t)>& onBytes) {
-  kel::convert::Checksum sum;
+  kel::Checksum sum;
   for (uint64_t at = 0; at < nBytes; at += kStretch) {
     const uint64_t length = std::min(kStretch, nBytes - at);
     sum.update(data + at, length);

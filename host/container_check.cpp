@@ -11,6 +11,7 @@
 
 #include "container/model_fit.h"
 #include "container/model_tensors.h"
+#include "container/checksum.h"
 #include "host/checksums.h"
 #include "host/container_report.h"
 #include "quant/block_sizes.h"
@@ -47,24 +48,13 @@ void checkOverlaps(std::vector<Range> ranges, std::vector<Fault>& faults) {
   }
 }
 
-TensorEntry entryAt(const kel::ZYM2Reader& reader, uint32_t index) {
-  TensorEntry entry;
-  std::memcpy(&entry, reader.sectionData(SectionType::TensorIndex) + index * sizeof(entry),
-              sizeof(entry));
-  return entry;
-}
-
-std::string entryName(const TensorEntry& entry) {
-  return {entry.name, std::min<size_t>(entry.nameLength, sizeof(entry.name))};
-}
-
 bool fitsSection(const TensorEntry& entry, uint64_t sectionBytes) {
   return entry.offset <= sectionBytes && entry.byteSize <= sectionBytes - entry.offset;
 }
 
 // Faults of one entry that can be seen without its neighbours.
 void checkEntry(const TensorEntry& entry, uint64_t sectionBytes, std::vector<Fault>& faults) {
-  const std::string name = entryName(entry);
+  const std::string name(entry.nameText());
   const auto fault = [&](std::string what) { faults.push_back({name, std::move(what)}); };
   if (name.empty()) {
     fault("has an empty name");
@@ -152,7 +142,7 @@ std::vector<TensorEntry> readableFloats(const kel::ZYM2Reader& reader) {
   std::vector<TensorEntry> floats;
   const uint64_t sectionBytes = reader.sectionSize(SectionType::WeightData);
   for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
-    const TensorEntry entry = entryAt(reader, i);
+    const TensorEntry& entry = *reader.tensorEntry(i);
     if (entry.type == static_cast<uint16_t>(QuantType::F32) && fitsSection(entry, sectionBytes)) {
       floats.push_back(entry);
     }
@@ -163,9 +153,9 @@ std::vector<TensorEntry> readableFloats(const kel::ZYM2Reader& reader) {
 // Sections whose checksum is in the metadata.
 std::vector<std::pair<SectionType, std::string>> storedChecksums(const kel::ZYM2Reader& reader) {
   std::vector<std::pair<SectionType, std::string>> stored;
-  for (const SectionChecksum& checksum : kSectionChecksums) {
+  for (const kel::SectionChecksum& checksum : kel::kSectionChecksums) {
     std::string text;
-    if (reader.getMetaStr(std::string(checksum.key).c_str(), text)) {
+    if (reader.getMetaStr(checksum.key, text)) {
       stored.emplace_back(checksum.section, text);
     }
   }
@@ -194,8 +184,8 @@ void checkIndex(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
   std::vector<Range> ranges;
   std::string previous;
   for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
-    const TensorEntry entry = entryAt(reader, i);
-    const std::string name = entryName(entry);
+    const TensorEntry& entry = *reader.tensorEntry(i);
+    const std::string name(entry.nameText());
     checkEntry(entry, sectionBytes, faults);
     if (i > 0 && name == previous) {
       faults.push_back({name, "occurs twice"});
@@ -259,7 +249,7 @@ void checkContents(const kel::ZYM2Reader& reader, const CheckProgress& progress,
   const uint8_t* weights = reader.sectionData(SectionType::WeightData);
   for (const TensorEntry& entry : floats) {
     if (const auto at = firstNonFinite(weights + entry.offset, entry.byteSize)) {
-      faults.push_back({entryName(entry), fmt::format("value {} is not finite", *at)});
+      faults.push_back({std::string(entry.nameText()), fmt::format("value {} is not finite", *at)});
     }
     reading.advance(entry.byteSize);
   }

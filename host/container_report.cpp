@@ -39,8 +39,8 @@ std::map<std::string, TypeTotal> totalsByType(const kel::ZYMLoader& loader) {
 }
 
 size_t specialCount(const kel::TokenizerData& tables) {
-  return static_cast<size_t>(std::count_if(tables.tokenTypes.begin(), tables.tokenTypes.end(),
-                                           [](int32_t type) { return type == 2 || type == 3; }));
+  return static_cast<size_t>(
+      std::count_if(tables.tokenTypes.begin(), tables.tokenTypes.end(), kel::isSpecialTokenType));
 }
 
 std::string idText(const kel::TokenizerData& tables, int32_t id) {

@@ -29,9 +29,6 @@ bool isPunctuation(char c) {
       (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
   return c >= 0x21 && c <= 0x7E && !alphanumeric;
 }
-bool isSpecial(int32_t type) {
-  return type == 2 || type == 3;
-}
 
 std::string lettersOf(std::string_view bytes) {
   std::string out;
@@ -71,20 +68,6 @@ kel::TokenizerData spacingTables(const kel::TokenizerData& tables) {
   return spacing;
 }
 
-kel::SpecialTokens specialTokensOf(const kel::TokenizerData& tables) {
-  kel::SpecialTokens special;
-  if (tables.tokenTypes.size() != tables.tokens.size()) {
-    return special;
-  }
-  for (size_t id = 0; id < tables.tokens.size(); ++id) {
-    if (isSpecial(tables.tokenTypes[id]) && !tables.tokens[id].empty()) {
-      special.emplace_back(tables.tokens[id], static_cast<int32_t>(id));
-    }
-  }
-  kel::sortSpecialTokens(special);
-  return special;
-}
-
 // The punctuation mark that a following line feed may join to form one token, 0 when there is none:
 // a mark that stands alone. Behind two marks, or a space and a mark, the runtime's splitter cuts.
 char joinableMark(std::string_view before) {
@@ -105,7 +88,8 @@ VocabText vocabTextOf(std::string_view label) {
 }
 
 TextMap::TextMap(const kel::TokenizerData& tables)
-    : vocabText(vocabTextOf(tables.label)), specialTokens(specialTokensOf(tables)) {
+    : vocabText(vocabTextOf(tables.label)),
+      specialTokens(kel::specialTokensOf(tables.tokens, tables.tokenTypes)) {
   finder.build(specialTokens);
   // A vocabulary without such tokens leaves the tokenizer empty: then it covers nothing.
   if (vocabText == VocabText::Alphabet) {
