@@ -14,6 +14,14 @@
 #include <optional>
 #include <string_view>
 
+// Of the OpenMP runtime, where the program has one: this file serves programs without it, too.
+extern "C" {
+__attribute__((weak)) int omp_get_proc_bind();
+__attribute__((weak)) int omp_get_num_places();
+__attribute__((weak)) int omp_get_place_num_procs(int place);
+__attribute__((weak)) void omp_get_place_proc_ids(int place, int* ids);
+}
+
 namespace qwen35 {
 namespace {
 
@@ -55,8 +63,32 @@ std::vector<unsigned> affinityMask() {
   return all;
 }
 
+// With OMP_PROC_BIND the runtime gives each thread a place of its own, the first one to the main
+// thread: its mask is then that place alone, and all places together are what the process may use.
+std::vector<unsigned> boundProcessors() {
+  std::vector<unsigned> allowed;
+  if (omp_get_proc_bind == nullptr || omp_get_num_places == nullptr ||
+      omp_get_place_num_procs == nullptr || omp_get_place_proc_ids == nullptr ||
+      omp_get_proc_bind() == 0) {
+    return allowed;
+  }
+  for (int place = 0; place < omp_get_num_places(); ++place) {
+    std::vector<int> ids(static_cast<size_t>(std::max(omp_get_place_num_procs(place), 0)));
+    omp_get_place_proc_ids(place, ids.data());
+    allowed.insert(allowed.end(), ids.begin(), ids.end());
+  }
+  std::sort(allowed.begin(), allowed.end());
+  allowed.erase(std::unique(allowed.begin(), allowed.end()), allowed.end());
+  return allowed;
+}
+
+std::vector<unsigned> allowedProcessors() {
+  std::vector<unsigned> bound = boundProcessors();
+  return bound.empty() ? affinityMask() : bound;
+}
+
 ProcessorSources ownSources() {
-  return {affinityMask(), "/proc/self/cgroup", "/sys/fs/cgroup", "/sys/devices/system/cpu"};
+  return {allowedProcessors(), "/proc/self/cgroup", "/sys/fs/cgroup", "/sys/devices/system/cpu"};
 }
 
 std::string firstLine(const std::string& path) {

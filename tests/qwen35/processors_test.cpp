@@ -1,6 +1,7 @@
 #include "qwen35/processors.h"
 
 #include <gtest/gtest.h>
+#include <omp.h>
 #include <sched.h>
 
 #include <filesystem>
@@ -187,6 +188,15 @@ TEST(Processors, MalformedQuotasAreNone) {
     machine.file("fs/box/cpu.max", text);
     EXPECT_EQ(4u, machine.processors()) << '"' << text << '"';
   }
+}
+
+// Run with OMP_PROC_BIND as well, where the mask of the main thread is one processor.
+TEST(Processors, AreThoseThatOpenMpMayUse) {
+  qwen35::ProcessorSources sources;
+  sources.allowed.resize(static_cast<size_t>(omp_get_num_procs()));
+  sources.ownCgroups = "/proc/self/cgroup";
+  sources.cgroupRoot = "/sys/fs/cgroup";
+  EXPECT_EQ(processorsOf(sources), qwen35::usableProcessors());
 }
 
 TEST(Threads, WithoutARequestOneForEachCore) {
