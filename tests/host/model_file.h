@@ -7,7 +7,7 @@
 
 #include "container/tokenizer_data.h"
 #include "container/zym2_writer.h"
-#include "host/expected_tensors.h"
+#include "host/inspect/expected_tensors.h"
 
 namespace zym::testing_support {
 
