@@ -58,7 +58,8 @@ int runProgram(int argc, const char* const* argv) {
   program.fallthrough();
   program
       .add_option_function<int>("--threads", setThreads,
-                                "Threads to compute with (default: all processors)")
+                                "Threads to compute with, at most the processors that it may use "
+                                "(default: OMP_NUM_THREADS, else a thread for each physical core)")
       ->check(CLI::Range(1, 1024))
       ->type_name("N")
       ->trigger_on_parse();

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "qwen35/processors.h"
 #include "tests/e2e/fixture.h"
 
 namespace zym {
@@ -360,6 +361,13 @@ TEST_F(ProgramTest, BenchRefusesSizesThatDoNotFit) {
   EXPECT_EQ(outcome.out, "");
   EXPECT_EQ(outcome.err.rfind("zym: 4096 steps behind 7000 positions take about ", 0), 0U)
       << outcome.err;
+}
+
+TEST_F(ProgramTest, MoreThreadsThanProcessorsAreThoseThatThereAre) {
+  const Outcome outcome = zym({"--threads", "1000", "bench", model, "--json", "--repetitions", "1",
+                               "--prompt", "20", "--steps", "2"});
+  ASSERT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(Json::parse(outcome.out)["threads"], qwen35::usableProcessors());
 }
 
 TEST_F(ProgramTest, BenchReportsEveryMeasure) {
