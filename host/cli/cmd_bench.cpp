@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
 #include "host/measure/bench_measure.h"
+#include "host/measure/cache_size.h"
 #include "host/measure/memory_use.h"
 #include "host/measure/multiply_peak.h"
 #include "host/measure/read_bandwidth.h"
@@ -24,9 +26,6 @@ namespace zym {
 namespace {
 
 using kel::Status;
-
-// Far beyond any cache, and little enough for a small machine.
-constexpr size_t kBandwidthBuffer = size_t{512} << 20;
 
 struct BenchOptions {
   EngineOptions engine;
@@ -40,6 +39,7 @@ struct BenchOptions {
 struct BenchReport {
   double createSeconds = 0;
   ModelWork work;
+  bool fitsCaches = false;            // weights that need not come from memory
   double bandwidth = 0;               // bytes a second
   double multiplyPeak = 0;            // multiply-adds a second
   std::vector<double> prefillSpeeds;  // tokens a second, one for each repetition
@@ -133,6 +133,28 @@ Status measureRepeatedly(Backend& backend, const BenchOptions& options, BenchRep
   return status;
 }
 
+// Bytes of weights that decoding reads a second.
+double decodeReads(const BenchReport& report) {
+  return spreadOf(report.decodeSpeeds).median * static_cast<double>(report.work.weightBytes);
+}
+
+// Multiply-adds a second of the prefill's products.
+double prefillMultiplies(const BenchReport& report) {
+  return spreadOf(report.prefillSpeeds).median *
+         static_cast<double>(report.work.multiplyAddsPerPrefillToken);
+}
+
+// After the measurements, so that a repeated probe meets the machine as they did.
+void probeMachine(BenchReport& report) {
+  const uint64_t cacheBytes = lastLevelCacheBytes();
+  const size_t bufferBytes = bandwidthBufferBytes(cacheBytes, memoryBytes());
+  report.fitsCaches = report.work.weightBytes <= cacheBytes;
+  const auto probeReads = [&] { return readBandwidth(bufferBytes, report.threads); };
+  report.bandwidth = report.fitsCaches ? probeReads() : limitAbove(decodeReads(report), probeReads);
+  report.multiplyPeak =
+      limitAbove(prefillMultiplies(report), [&] { return multiplyPeak(report.threads); });
+}
+
 Status measure(const BenchOptions& options, BenchReport& report) {
   report.threads = threadCount();
   Engine engine;
@@ -153,28 +175,30 @@ Status measure(const BenchOptions& options, BenchReport& report) {
     return status;
   }
   report.memory = memoryUse();
-  report.bandwidth = readBandwidth(kBandwidthBuffer, report.threads);
-  report.multiplyPeak = multiplyPeak(report.threads);
+  probeMachine(report);
   return status;
 }
 
-// Part of the machine's read bandwidth that decoding reaches.
-double bandwidthShare(const BenchReport& report) {
-  const double read =
-      spreadOf(report.decodeSpeeds).median * static_cast<double>(report.work.weightBytes);
-  return report.bandwidth > 0 ? read / report.bandwidth : 0;
+// Part of the machine's read bandwidth that decoding reaches; none of weights that lie in caches.
+std::optional<double> bandwidthShare(const BenchReport& report) {
+  if (report.fitsCaches || report.bandwidth <= 0) {
+    return std::nullopt;
+  }
+  return decodeReads(report) / report.bandwidth;
 }
 
 // Part of the machine's single-precision multiply-adds that the prefill's products reach.
 double multiplyShare(const BenchReport& report) {
-  const double done = spreadOf(report.prefillSpeeds).median *
-                      static_cast<double>(report.work.multiplyAddsPerPrefillToken);
-  return report.multiplyPeak > 0 ? done / report.multiplyPeak : 0;
+  return report.multiplyPeak > 0 ? prefillMultiplies(report) / report.multiplyPeak : 0;
 }
 
 std::string spreadText(const std::vector<double>& speeds) {
   const Spread spread = spreadOf(speeds);
   return fmt::format("{:>9.2f} {:>9.2f} {:>9.2f}", spread.median, spread.min, spread.max);
+}
+
+std::string shareText(std::optional<double> share) {
+  return share ? fmt::format("{:.0f} %", *share * 100) : "none: the weights fit the caches";
 }
 
 void printTable(const BenchOptions& options, const BenchReport& report) {
@@ -189,12 +213,12 @@ void printTable(const BenchOptions& options, const BenchReport& report) {
              bytesText(report.work.weightBytes));
   fmt::print("| {:<33} | {:>27}/s |\n", "read bandwidth of the machine",
              bytesText(static_cast<uint64_t>(report.bandwidth)));
-  fmt::print("| {:<33} | {:>27.0f} % |\n", "decode, share of it", bandwidthShare(report) * 100);
+  fmt::print("| {:<33} | {:>29} |\n", "decode, share of it", shareText(bandwidthShare(report)));
   fmt::print("| {:<33} | {:>27.1f} G |\n", "multiply-adds of a prefill token",
              static_cast<double>(report.work.multiplyAddsPerPrefillToken) / 1e9);
   fmt::print("| {:<33} | {:>25.1f} G/s |\n", "multiply-adds of the machine",
              report.multiplyPeak / 1e9);
-  fmt::print("| {:<33} | {:>27.0f} % |\n", "prefill, share of them", multiplyShare(report) * 100);
+  fmt::print("| {:<33} | {:>29} |\n", "prefill, share of them", shareText(multiplyShare(report)));
   fmt::print("| {:<33} | {:>26.3f} s |\n", "create", report.createSeconds);
   fmt::print("| {:<33} | {:>29} |\n", "resident memory", bytesText(report.memory.resident));
   fmt::print("| {:<33} | {:>29} |\n", "of that pages of files", bytesText(report.memory.file));
@@ -208,6 +232,7 @@ nlohmann::ordered_json spreadJson(const std::vector<double>& speeds) {
 }
 
 void printJson(const BenchOptions& options, const BenchReport& report) {
+  const std::optional<double> share = bandwidthShare(report);
   const nlohmann::ordered_json all = {
       {"model", options.engine.model},
       {"threads", report.threads},
@@ -218,7 +243,7 @@ void printJson(const BenchOptions& options, const BenchReport& report) {
       {"decodeTokensPerSecond", spreadJson(report.decodeSpeeds)},
       {"weightBytes", report.work.weightBytes},
       {"readBytesPerSecond", report.bandwidth},
-      {"decodeBandwidthShare", bandwidthShare(report)},
+      {"decodeBandwidthShare", share ? nlohmann::ordered_json(*share) : nullptr},
       {"multiplyAddsPerPrefillToken", report.work.multiplyAddsPerPrefillToken},
       {"multiplyAddsPerSecond", report.multiplyPeak},
       {"prefillMultiplyShare", multiplyShare(report)},

@@ -16,6 +16,7 @@ using kel::Status;
 
 // Turns without a measurable step before the model counts as silent.
 constexpr int kSilentTurns = 4;
+constexpr int kMostProbes = 4;
 // Words of one filling turn: few enough to come close to the wanted position.
 constexpr uint64_t kWordsPerTurn = 256;
 
@@ -64,6 +65,14 @@ Spread spreadOf(std::vector<double> values) {
   const double median =
       values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
   return {median, values.front(), values.back()};
+}
+
+double limitAbove(double rate, const std::function<double()>& probe) {
+  double limit = probe();
+  for (int i = 1; i < kMostProbes && limit < rate; ++i) {
+    limit = std::max(limit, probe());
+  }
+  return std::max(limit, rate);
 }
 
 Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run,

@@ -32,6 +32,11 @@ struct PrefillRun {
   double seconds = 0;
 };
 
+// A limit of the machine that a measured rate stays below: the probe's answer, asked for again a
+// few times while the rate is above it, since a probe has its bad moments too. At last the rate
+// itself, which the machine has shown to be possible.
+double limitAbove(double rate, const std::function<double()>& probe);
+
 // Told how many positions, or steps, a measurement has done so far; may be null. The time it takes
 // is part of no decode step.
 using MeasureProgress = std::function<void(uint64_t done)>;

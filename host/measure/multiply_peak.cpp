@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cmath>
-#include <cstddef>
-#include <thread>
-#include <vector>
+
+#include "host/measure/probe_team.h"
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -17,77 +15,114 @@ namespace {
 
 constexpr int kPasses = 5;
 constexpr size_t kSteps = 4000000;
-constexpr size_t kChains = 10;  // enough to hide the latency of a multiply-add
 
-using Chains = float (*)();  // kSteps steps of kChains chains; returns something to keep
+// Chains: at least the latency of a multiply-add times those that begin in a cycle, and as many as
+// the registers hold.
+constexpr size_t kScalarChains = 10;
 
-float scalarChains() {
-  float sum[kChains] = {};
-  for (size_t i = 0; i < kSteps; ++i) {
-    for (float& chain : sum) {
+float scalarChains(size_t nSteps) {
+  float chains[kScalarChains] = {};
+  for (size_t i = 0; i < nSteps; ++i) {
+    for (float& chain : chains) {
       chain = std::fma(chain, 0.5f, 1.0f);
     }
   }
-  return sum[0] + sum[kChains - 1];
+  float total = 0;
+  for (const float chain : chains) {
+    total += chain;
+  }
+  return total;
 }
 
 #if defined(__x86_64__)
-__attribute__((target("avx2,fma"))) float avx2Chains() {
-  __m256 sum[kChains];
-  for (__m256& chain : sum) {
+constexpr size_t kAvx2Chains = 12;
+constexpr size_t kAvx512Chains = 24;
+
+__attribute__((target("avx2,fma"))) float avx2Chains(size_t nSteps) {
+  __m256 chains[kAvx2Chains];
+  for (__m256& chain : chains) {
     chain = _mm256_setzero_ps();
   }
   const __m256 half = _mm256_set1_ps(0.5f);
   const __m256 one = _mm256_set1_ps(1.0f);
-  for (size_t i = 0; i < kSteps; ++i) {
-#pragma GCC unroll 10
-    for (size_t c = 0; c < kChains; ++c) {
-      sum[c] = _mm256_fmadd_ps(sum[c], half, one);
+  for (size_t i = 0; i < nSteps; ++i) {
+#pragma GCC unroll 12
+    for (size_t c = 0; c < kAvx2Chains; ++c) {
+      chains[c] = _mm256_fmadd_ps(chains[c], half, one);
     }
   }
-  __m256 total = sum[0];
-  for (size_t c = 1; c < kChains; ++c) {
-    total = _mm256_add_ps(total, sum[c]);
+  for (size_t c = 1; c < kAvx2Chains; ++c) {
+    chains[0] = _mm256_add_ps(chains[0], chains[c]);
   }
-  return _mm256_cvtss_f32(total);
+  float lanes[8];
+  _mm256_storeu_ps(lanes, chains[0]);
+  float total = 0;
+  for (const float lane : lanes) {
+    total += lane;
+  }
+  return total;
+}
+
+__attribute__((target("avx512f"))) float avx512Chains(size_t nSteps) {
+  __m512 chains[kAvx512Chains];
+  for (__m512& chain : chains) {
+    chain = _mm512_setzero_ps();
+  }
+  const __m512 half = _mm512_set1_ps(0.5f);
+  const __m512 one = _mm512_set1_ps(1.0f);
+  for (size_t i = 0; i < nSteps; ++i) {
+#pragma GCC unroll 24
+    for (size_t c = 0; c < kAvx512Chains; ++c) {
+      chains[c] = _mm512_fmadd_ps(chains[c], half, one);
+    }
+  }
+  for (size_t c = 1; c < kAvx512Chains; ++c) {
+    chains[0] = _mm512_add_ps(chains[0], chains[c]);
+  }
+  float lanes[16];
+  _mm512_storeu_ps(lanes, chains[0]);
+  float total = 0;
+  for (const float lane : lanes) {
+    total += lane;
+  }
+  return total;
 }
 #endif
 
-struct Kind {
-  Chains run;
-  size_t lanes;
-};
-
-Kind widest() {
+std::vector<MultiplyChains> supportedChains() {
+  std::vector<MultiplyChains> kinds;
 #if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx512f")) {
+    kinds.push_back({"avx512", kAvx512Chains * 16, avx512Chains});
+  }
   if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
-    return {avx2Chains, 8};
+    kinds.push_back({"avx2", kAvx2Chains * 8, avx2Chains});
   }
 #endif
-  return {scalarChains, 1};
+  if (kinds.empty()) {
+    kinds.push_back({"scalar", kScalarChains, scalarChains});
+  }
+  return kinds;
 }
 
 }  // namespace
 
+const std::vector<MultiplyChains>& multiplyChains() {
+  static const std::vector<MultiplyChains> kinds = supportedChains();
+  return kinds;
+}
+
 double multiplyPeak(int nThreads) {
-  const Kind kind = widest();
-  const int threads = std::max(nThreads, 1);
+  const auto threads = static_cast<size_t>(std::max(nThreads, 1));
+  ProbeTeam team(threads);
   std::atomic<float> kept{0};  // so that the chains are not optimised away
   double best = 0;
-  for (int pass = 0; pass < kPasses; ++pass) {
-    const auto start = std::chrono::steady_clock::now();
-    std::vector<std::thread> team;
-    team.reserve(static_cast<size_t>(threads));
-    for (int t = 0; t < threads; ++t) {
-      team.emplace_back([&] { kept = kind.run(); });
-    }
-    for (std::thread& member : team) {
-      member.join();
-    }
-    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
-    const auto done = static_cast<double>(kSteps * kChains * kind.lanes) * threads;
-    if (seconds.count() > 0) {
-      best = std::max(best, done / seconds.count());
+  for (const MultiplyChains& kind : multiplyChains()) {
+    for (int pass = 0; pass < kPasses; ++pass) {
+      const double seconds = team.run([&](size_t) { kept = kind.run(kSteps); });
+      if (seconds > 0) {
+        best = std::max(best, static_cast<double>(kSteps * kind.nLanes * threads) / seconds);
+      }
     }
   }
   return kept == 0 ? 0 : best;

@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace zym {
 namespace {
@@ -48,6 +52,36 @@ TEST(BenchMeasureTest, SpreadOfOddAndEvenCounts) {
   EXPECT_EQ(spreadOf({4, 1, 2, 3}).median, 2.5);
   EXPECT_EQ(spreadOf({4, 1, 2, 3}).min, 1);
   EXPECT_EQ(spreadOf({4, 1, 2, 3}).max, 4);
+}
+
+// A probe that answers one value after the other, the last one for ever.
+class Probes {
+ public:
+  explicit Probes(std::vector<double> values) : answers(std::move(values)) {}
+  double operator()() { return answers[std::min(asked++, answers.size() - 1)]; }
+
+  size_t asked = 0;
+
+ private:
+  std::vector<double> answers;
+};
+
+TEST(BenchMeasureTest, ALimitAboveTheRateIsProbedOnce) {
+  Probes probes({100, 300});
+  EXPECT_EQ(limitAbove(90, std::ref(probes)), 100);
+  EXPECT_EQ(probes.asked, 1U);
+}
+
+TEST(BenchMeasureTest, ALimitBelowTheRateIsProbedAgain) {
+  Probes probes({100, 80, 150, 300});
+  EXPECT_EQ(limitAbove(120, std::ref(probes)), 150);
+  EXPECT_EQ(probes.asked, 3U);
+}
+
+TEST(BenchMeasureTest, ARateThatNoProbeReachesIsTheLimit) {
+  Probes probes({100});
+  EXPECT_EQ(limitAbove(120, std::ref(probes)), 120);
+  EXPECT_LE(probes.asked, 5U);
 }
 
 TEST(BenchMeasureTest, PrefillFillsTheWantedPositionsWithoutGenerating) {
