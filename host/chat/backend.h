@@ -1,5 +1,5 @@
-// What the program needs from something that generates. Commands that generate see this interface
-// and nothing behind it.
+// What the commands that generate text need from a runtime. They use this interface alone, whatever
+// implements it.
 //
 // One call at a time per backend, from any thread; only the cancel flag may change meanwhile.
 #pragma once
@@ -14,7 +14,7 @@
 
 namespace zym {
 
-// Unset members leave the backend's setting as it is.
+// Members without a value leave the backend's setting as it is.
 struct Sampling {
   std::optional<float> temperature;  // 0 is greedy
   std::optional<int32_t> topK;

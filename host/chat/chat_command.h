@@ -13,8 +13,8 @@ enum class ChatCommandKind { Message, Nothing, Reset, Stats, Set, Multiline, Hel
 
 struct ChatCommand {
   ChatCommandKind kind = ChatCommandKind::Nothing;
-  Sampling sampling;  // of Set: the one setting that was given
-  std::string text;   // of Message: the line; of Unknown: what is wrong with it
+  Sampling sampling;  // for Set: the one setting that was given
+  std::string text;   // for Message: the line; for Unknown: what is wrong with it
 };
 
 // A line that begins with "/" is a command, any other one a message; a line of white space is

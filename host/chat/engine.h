@@ -25,7 +25,7 @@ struct Engine {
   std::unique_ptr<TextMap> text;
   bool raw = false;
   Sampling sampling;           // all settings made so far
-  bool topPExplained = false;  // the remark on it has been made
+  bool topPExplained = false;  // whether configureEngine has explained top-p
 };
 
 // Fails unless path is something that can be opened as a file; the message says what to do.
@@ -33,12 +33,13 @@ kel::Status checkInputFile(const std::string& path);
 // The tokenizer of the container at path.
 kel::Status readVocabulary(const std::string& path, kel::TokenizerData& tables);
 kel::Status openEngine(const EngineOptions& options, Engine& engine);
-// Passes settings on. Remarks once, on standard error, when they do not mean what they say.
+// Passes settings to the backend. Says once, on standard error, when a top-p has another effect
+// than its value suggests (sampling_settings.h).
 void configureEngine(const Sampling& sampling, Engine& engine);
 
-// Unknown: of a completion, which may have stopped by itself or at the limit. The backend tells
-// neither the reason nor the number of pieces, and a stop behind the last piece but one feeds as
-// many positions as the limit.
+// Unknown: a completion that may have stopped by itself or been cut at the limit. The backend
+// reports neither the reason nor the number of pieces, and the filled positions do not tell either:
+// a completion that stops one piece early fills as many as one that was cut.
 enum class TurnEnd { Stopped, Limit, Cancelled, ContextFull, Unknown, Failed };
 // "stop", "limit", "cancelled", "context full", "unknown", "failed".
 const char* turnEndName(TurnEnd end);

@@ -14,7 +14,7 @@ namespace {
 
 using kel::Status;
 
-// 96 tokens of the longest strings that vocabularies hold fit many times over.
+// Holds far more than a completion can be: 96 tokens of the longest strings in a vocabulary.
 constexpr size_t kReplyBytes = size_t{1} << 20;
 
 struct Tables {
@@ -35,7 +35,8 @@ const Table* onlyTable(const Table* (*entry)(uint32_t*)) {
 }
 
 bool isUsable(const Tables& tables) {
-  // The stream table counts no more than its function; the reserved words behind it do not matter.
+  // Of the stream table only the function is used; the reserved words that follow it may be
+  // missing.
   constexpr size_t kStreamBytes =
       offsetof(ZYMRuntimeTableV2S, chatTurnStream) + sizeof(ZYMChatTurnStreamFn);
   return tables.v2 != nullptr && tables.v2->header0 == 3 &&
@@ -128,8 +129,8 @@ class PluginBackend : public Backend {
     if (status == ZYM_STATUS_OK) {
       return Status::success();
     }
-    // The runtime tells no reason. Opening takes tensors that do not fit together, and then every
-    // call fails: only the check finds out.
+    // The runtime gives no reason. It opens files whose tensors do not fit together and then fails
+    // every call; `zym check` names the tensors.
     return Status::invalid(std::string(what) + " failed; `zym check " + modelPath +
                            "` names a fault of the file");
   }

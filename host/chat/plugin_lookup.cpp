@@ -23,7 +23,7 @@ kel::Status findPlugin(const std::string& asked, const std::string& fromEnvironm
       const char* source = asked.empty() ? "ZYM_PLUGIN" : "--plugin";
       return kel::Status::invalid(named + ": no such runtime library; correct " + source);
     }
-    // A bare file name would send the loader through its own search path.
+    // dlopen searches the system's library folders for a name without a slash.
     found = fs::absolute(named, error);
     return kel::Status::success();
   }

@@ -43,7 +43,7 @@ Status setSampling(std::string_view name, std::string_view value, Sampling& samp
     }
     sampling.topK = count;
   } else if (name == "seed") {
-    // The runtime takes 0 for "leave the generator alone" and reads 32 bits.
+    // To the runtime a seed of 0 means that the generator is left alone, and it reads 32 bits.
     uint32_t seed = 0;
     if (!parseWhole(value, seed) || seed == 0) {
       return outOfRange(name, value, "a whole number from 1 to 4294967295");

@@ -11,7 +11,7 @@ namespace zym {
 // Stores one setting: "temperature" (0 or more), "top-k" (1 or more), "top-p" (above 0, at most 1),
 // "seed" (1 to 4294967295). The message of a failure names the setting and its range.
 kel::Status setSampling(std::string_view name, std::string_view value, Sampling& sampling);
-// Puts the settings of newer in front of those of sampling.
+// Replaces those settings of sampling that newer has a value for.
 void mergeSampling(const Sampling& newer, Sampling& sampling);
 // True when tokens are to be drawn, but top-p leaves only the best one: the runtime compares it
 // with a sum in which the best token alone counts 1.

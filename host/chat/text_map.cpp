@@ -18,7 +18,8 @@ using kel::convert::byteOfLetter;
 constexpr std::string_view kBreak = "\u200B";
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
 constexpr char32_t kSpaceLetter = 0x120;
-// Longer runs of white space are cut; trained vocabularies hold no token near this length.
+// Runs of white space are merged in stretches of this length; trained vocabularies hold no token
+// that is nearly as long.
 constexpr size_t kLongestRun = 128;
 
 bool isWhiteSpace(char c) {
@@ -85,8 +86,9 @@ kel::SpecialTokens specialTokensOf(const kel::TokenizerData& tables) {
   return special;
 }
 
-// The punctuation mark that a following line feed may join to form one token, 0 when there is none:
-// a mark that stands alone. Behind two marks, or a space and a mark, the runtime's splitter cuts.
+// The punctuation mark that may form one token with a line feed after it; 0 when there is none.
+// Only a single mark can: after two marks, or after a space and a mark, the runtime's splitter cuts
+// the text before the line feed.
 char joinableMark(std::string_view before) {
   if (before.empty() || !isPunctuation(before.back())) {
     return '\0';
@@ -107,7 +109,7 @@ VocabText vocabTextOf(std::string_view label) {
 TextMap::TextMap(const kel::TokenizerData& tables)
     : vocabText(vocabTextOf(tables.label)), specialTokens(specialTokensOf(tables)) {
   finder.build(specialTokens);
-  // A vocabulary without such tokens leaves the tokenizer empty: then it covers nothing.
+  // Without such tokens in the vocabulary the tokenizer stays empty, and covers() is always false.
   if (vocabText == VocabText::Alphabet) {
     (void)spacing.load(spacingTables(tables));
   }

@@ -45,7 +45,7 @@ struct BenchReport {
   std::vector<double> prefillSpeeds;  // tokens a second, one for each repetition
   std::vector<double> decodeSpeeds;
   uint64_t prefillPositions = 0;
-  uint64_t decodeAt = 0;  // positions filled before the decode steps
+  uint64_t decodeDepth = 0;  // positions filled before the decode steps
   MemoryUse memory;
   int threads = 0;
 };
@@ -59,16 +59,16 @@ Status readWork(const std::string& path, ModelWork& work) {
   return status;
 }
 
-// Positions that decoding is measured behind.
-uint64_t decodeAt(const BenchOptions& options) {
+// Positions that are filled before the decode steps.
+uint64_t decodeDepth(const BenchOptions& options) {
   return options.at > 0 ? options.at : options.prompt;
 }
 
-// The prefill generates nothing; decoding has its own length.
+// Each measurement by itself: the prefill generates nothing, decoding has a depth of its own.
 Status checkSizes(const BackendLimits& limits, const BenchOptions& options) {
   Status status = checkBenchSize(limits, options.prompt, 0);
   if (status.ok()) {
-    status = checkBenchSize(limits, decodeAt(options), options.steps);
+    status = checkBenchSize(limits, decodeDepth(options), options.steps);
   }
   return status;
 }
@@ -82,7 +82,7 @@ class BenchProgress {
     bar.update(0, total);
   }
 
-  // For a measurement of this length that begins now.
+  // What a measurement of this many positions, which begins now, reports its progress to.
   MeasureProgress next(uint64_t length) {
     const uint64_t begin = begun;
     begun += length;
@@ -111,9 +111,9 @@ Status measureOnce(Backend& backend, const BenchOptions& options, BenchProgress&
   if (!status.ok()) {
     return status;
   }
-  report.decodeAt = prefill.positions;
+  report.decodeDepth = prefill.positions;
   std::vector<double> stepMs;
-  status = measureDecode(backend, decodeAt(options), options.steps, stepMs,
+  status = measureDecode(backend, decodeDepth(options), options.steps, stepMs,
                          progress.next(options.steps));
   if (status.ok() && stepMs.empty()) {
     return Status::invalid("the model gives no text to measure");
@@ -133,12 +133,12 @@ Status measureRepeatedly(Backend& backend, const BenchOptions& options, BenchRep
   return status;
 }
 
-// Bytes of weights that decoding reads a second.
+// Bytes of weights that decoding reads in a second.
 double decodeReads(const BenchReport& report) {
   return spreadOf(report.decodeSpeeds).median * static_cast<double>(report.work.weightBytes);
 }
 
-// Multiply-adds a second of the prefill's products.
+// Multiply-adds that the prefill's products do in a second.
 double prefillMultiplies(const BenchReport& report) {
   return spreadOf(report.prefillSpeeds).median *
          static_cast<double>(report.work.multiplyAddsPerPrefillToken);
@@ -179,7 +179,8 @@ Status measure(const BenchOptions& options, BenchReport& report) {
   return status;
 }
 
-// Part of the machine's read bandwidth that decoding reaches; none of weights that lie in caches.
+// Part of the machine's read bandwidth that decoding reaches. Without a value when the weights fit
+// the caches: they need not come from memory.
 std::optional<double> bandwidthShare(const BenchReport& report) {
   if (report.fitsCaches || report.bandwidth <= 0) {
     return std::nullopt;
@@ -207,7 +208,7 @@ void printTable(const BenchOptions& options, const BenchReport& report) {
   fmt::print("|{:-<35}|{:->31}|\n", "", "");
   fmt::print("| {:<33} | {} |\n", fmt::format("prefill, {} positions", report.prefillPositions),
              spreadText(report.prefillSpeeds));
-  fmt::print("| {:<33} | {} |\n", fmt::format("decode behind {} positions", report.decodeAt),
+  fmt::print("| {:<33} | {} |\n", fmt::format("decode at depth {}", report.decodeDepth),
              spreadText(report.decodeSpeeds));
   fmt::print("| {:<33} | {:>29} |\n", "weights read for a token",
              bytesText(report.work.weightBytes));
@@ -239,7 +240,7 @@ void printJson(const BenchOptions& options, const BenchReport& report) {
       {"repetitions", options.repetitions},
       {"prefillPositions", report.prefillPositions},
       {"prefillTokensPerSecond", spreadJson(report.prefillSpeeds)},
-      {"decodeBehindPositions", report.decodeAt},
+      {"decodeDepth", report.decodeDepth},
       {"decodeTokensPerSecond", spreadJson(report.decodeSpeeds)},
       {"weightBytes", report.work.weightBytes},
       {"readBytesPerSecond", report.bandwidth},
@@ -285,7 +286,8 @@ void addBench(CLI::App& program, Action& action) {
       ->capture_default_str();
   command
       ->add_option("--at", options->at,
-                   "Measure decoding behind this many positions (default: behind the prompt)")
+                   "Measure decoding at this depth: with so many positions filled before "
+                   "(default: those of the prompt)")
       ->check(CLI::Range(1, 7000))
       ->type_name("N");
   command->add_flag("--json", options->json, "One JSON object");

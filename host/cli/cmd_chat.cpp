@@ -28,10 +28,11 @@ class Chat {
   int loop();
 
  private:
-  // False at the end of input; status is then the exit status.
+  // False when there is no further message or command; status is then the exit status.
   bool readMessage(std::string& message, int& status);
   LineResult readLine(const char* prompt, std::string& line);
-  // Adds the lines up to the single dot to the first one. message: after Failed, the reason.
+  // Appends the lines up to a single dot to message, which holds the first one. After Failed,
+  // message is the reason.
   LineResult readFurtherLines(std::string& message);
   // False when the line asks to leave.
   bool obey(const ChatCommand& command);
@@ -45,7 +46,7 @@ class Chat {
   bool replyOnTerminal;
   bool multiline = false;
   bool unanswered = false;  // a turn failed or found no room
-  bool warned = false;      // Ctrl-C came at the prompt and nothing since
+  bool warned = false;      // the last thing at the prompt was a Ctrl-C
 };
 
 int Chat::loop() {
@@ -56,10 +57,10 @@ int Chat::loop() {
   std::string line;
   bool stays = true;
   while (stays && readMessage(line, status)) {
-    // The first line of a longer message decides; a slash further down is text.
+    // Only the first line can be a command; a slash in a later line is text.
     stays = obey(parseChatCommand(line));
   }
-  // A person has seen what went wrong; a script sees the status.
+  // At a terminal the message of the failure was seen; a script has only the exit status.
   return status == 0 && unanswered && !interactive ? 1 : status;
 }
 
@@ -81,7 +82,7 @@ LineResult Chat::readLine(const char* prompt, std::string& line) {
   }
 }
 
-// Of a chat whose input gives no more lines.
+// Exit status of a chat when its input has ended or cannot be read.
 int exitStatus(LineResult result, const std::string& fault) {
   if (result == LineResult::Interrupted) {
     return kInterruptedExit;
@@ -100,7 +101,7 @@ bool Chat::readMessage(std::string& message, int& status) {
     if (result != LineResult::Line) {
       break;
     }
-    // Two slashes begin a message.
+    // "//" is a message that begins with a slash.
     const bool isCommand = message.starts_with('/') && !message.starts_with("//");
     if (!multiline || isCommand) {
       return true;

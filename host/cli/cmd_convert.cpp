@@ -24,7 +24,7 @@ namespace fs = std::filesystem;
 using kel::convert::ConvertOptions;
 using kel::convert::ConvertResult;
 
-// Bar and Ctrl-C of one conversion.
+// Shows the progress of a conversion and asks it to stop after Ctrl-C.
 class ConversionWatch : public kel::convert::ProgressSink {
  public:
   void onProgress(uint64_t doneBytes, uint64_t totalBytes) override {
@@ -37,7 +37,7 @@ class ConversionWatch : public kel::convert::ProgressSink {
   CancelScope scope{FurtherInterrupt::IsIgnored};
 };
 
-// What the library would refuse in words that know nothing of this command's options.
+// Refuses what the converter would refuse too, but with messages that name this command's options.
 kel::Status checkTarget(const ConvertOptions& options) {
   std::error_code error;
   if (fs::is_directory(options.target, error)) {
@@ -78,7 +78,7 @@ int convert(ConvertOptions options) {
   return 0;
 }
 
-// An option whose words are turned into values by find, which gives none for a word it lacks.
+// Adds an option of which find turns a word into a value, or into none when the word is unknown.
 template <typename Value>
 void addChoice(CLI::App& command, const std::string& option, const std::string& words,
                const std::string& what, std::optional<Value> (*find)(std::string_view),

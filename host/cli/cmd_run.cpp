@@ -22,7 +22,7 @@ struct RunOptions {
   EngineOptions engine;
   std::vector<std::string> prompts;
   std::string file;
-  std::string standardInput;  // "-" or nothing
+  std::string standardInput;  // "-" when the prompt is read from standard input
   bool chat = false;
   bool each = false;
   bool json = false;
@@ -82,7 +82,7 @@ void print(const RunOptions& options, const std::string& prompt, const TurnRepor
   std::fflush(stdout);
 }
 
-// True when the following prompts can go on.
+// Says why a reply ended before its time. False when no further prompt can be answered.
 bool explainEnd(const TurnReport& report, const BackendLimits& limits) {
   switch (report.end) {
     case TurnEnd::Failed:
@@ -103,12 +103,12 @@ bool explainEnd(const TurnReport& report, const BackendLimits& limits) {
   return true;
 }
 
-// Why a word that follows MODEL is none of the command's; empty when it is.
+// Why a word that follows MODEL is refused; empty when it is an option or "-".
 std::string checkInputWord(const std::string& word) {
   if (word == "-") {
     return "";
   }
-  return "\"" + word + "\" is no \"-\"; put the whole prompt in quotes, behind -p";
+  return "\"" + word + "\" is no \"-\"; put the whole prompt in quotes, after -p";
 }
 
 int run(const RunOptions& options) {
@@ -148,8 +148,8 @@ void addRun(CLI::App& program, Action& action) {
   auto* input = command->add_option("INPUT", options->standardInput,
                                     "\"-\": read the prompt from standard input");
   input->type_name("")->check(checkInputWord);
-  // Word by word as the command line has it: an option that is a list would take the words that
-  // follow, and split a text in brackets.
+  // Each -p takes one word exactly as it stands on the command line: an option that is a list would
+  // take the words after it as well, and split a text in brackets.
   auto* prompt = command
                      ->add_option_function<std::string>(
                          "-p,--prompt",

@@ -14,7 +14,7 @@
 namespace zym {
 namespace {
 
-// The line editor needs to know that text is UTF-8; the program itself takes it for granted.
+// The line editor asks the locale whether text is UTF-8. The rest of the program assumes it.
 void useUtf8() {
   std::setlocale(LC_CTYPE, "");
   if (std::string_view(nl_langinfo(CODESET)) != "UTF-8") {
@@ -31,7 +31,7 @@ int perform(const Action& action) {
     }
     return status;
   } catch (const std::exception& error) {
-    // Memory that runs out, mostly; everything else is a returned status.
+    // In practice memory that runs out: all other faults are returned as a status.
     complain(error.what());
     return 1;
   }

@@ -1,4 +1,4 @@
-// The whole program behind its command line.
+// The zym program: its command line, and what carries it out.
 #pragma once
 
 namespace zym {

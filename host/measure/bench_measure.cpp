@@ -14,20 +14,20 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using kel::Status;
 
-// Turns without a measurable step before the model counts as silent.
+// After so many turns in a row without a step to measure, the model counts as silent.
 constexpr int kSilentTurns = 4;
 constexpr int kMostProbes = 4;
-// Words of one filling turn: few enough to come close to the wanted position.
+// Words of one filling turn: few, so that the last one ends soon after the wanted position.
 constexpr uint64_t kWordsPerTurn = 256;
 
 double milliseconds(Clock::duration span) {
   return std::chrono::duration<double, std::milli>(span).count();
 }
 
-// Positions beyond the wanted ones that the last filling turn takes: framing, and words of more
-// than one token.
+// Positions that filling may go beyond the wanted ones: by the framing of turns, and by words of
+// more than one token.
 constexpr uint64_t kFillingExtra = 128;
-// Positions of a decoding turn beside its steps.
+// Positions that a decoding turn takes beside its steps: the framing and the message.
 constexpr uint64_t kTurnExtra = 24;
 
 bool contextFull(Backend& backend) {
@@ -78,7 +78,7 @@ double limitAbove(double rate, const std::function<double()>& probe) {
 Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run,
                       const MeasureProgress& onProgress) {
   backend.reset();
-  // Set beforehand: the text is fed, nothing is generated.
+  // Set before the turn, so that its text is fed but nothing is generated.
   volatile int cancel = 1;
   const auto start = Clock::now();
   uint64_t filled = 0;
@@ -101,13 +101,13 @@ Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run,
   return Status::success();
 }
 
-Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps, std::vector<double>& stepMs,
+Status measureDecode(Backend& backend, uint64_t depth, size_t nSteps, std::vector<double>& stepMs,
                      const MeasureProgress& onProgress) {
   int silent = 0;
   while (stepMs.size() < nSteps && silent < kSilentTurns) {
     if (contextFull(backend)) {
       PrefillRun again;
-      Status status = measurePrefill(backend, behind, again);
+      Status status = measurePrefill(backend, depth, again);
       if (!status.ok()) {
         return status;
       }
@@ -129,7 +129,7 @@ Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps, std::vect
       last = Clock::now();
     };
     Status status = backend.turn("Hello", onPiece, &cancel);
-    // A turn that found no room is one without steps.
+    // A turn that finds the context full measures nothing; the next round empties it.
     if (!status.ok() && !contextFull(backend)) {
       return status;
     }
@@ -138,17 +138,17 @@ Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps, std::vect
   return Status::success();
 }
 
-Status checkBenchSize(const BackendLimits& limits, uint64_t behind, size_t nSteps) {
+Status checkBenchSize(const BackendLimits& limits, uint64_t depth, size_t nSteps) {
   const uint64_t stepsPerTurn = std::max<uint64_t>(limits.turnTokens, 2) - 1;
   const uint64_t turns = nSteps / stepsPerTurn + 1;
-  const uint64_t needed = behind + kFillingExtra + nSteps + turns * kTurnExtra;
+  const uint64_t needed = depth + kFillingExtra + nSteps + turns * kTurnExtra;
   if (needed <= limits.contextCapacity) {
     return Status::success();
   }
   return Status::invalid(
-      fmt::format("{} steps behind {} positions take about {} with the framing, the context holds "
-                  "{}; lower --steps, or --prompt and --at",
-                  nSteps, behind, needed, limits.contextCapacity));
+      fmt::format("{} steps at depth {} take about {} positions with the framing, the context "
+                  "holds {}; lower --steps, or --prompt and --at",
+                  nSteps, depth, needed, limits.contextCapacity));
 }
 
 }  // namespace zym

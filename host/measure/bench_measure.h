@@ -1,4 +1,4 @@
-// The measurements behind zym bench, over a backend.
+// The measurements that zym bench makes with a backend.
 #pragma once
 
 #include <cstdint>
@@ -17,13 +17,15 @@ struct Spread {
   double max = 0;
 };
 
-// Of at least one value.
+// values: at least one.
 Spread spreadOf(std::vector<double> values);
 
 // What a model asks of the machine.
 struct ModelWork {
-  uint64_t weightBytes = 0;  // read once for a decoded token; the embedding is the output head too
-  uint64_t multiplyAddsPerPrefillToken = 0;  // by weights; only a prompt's last token has a head
+  uint64_t weightBytes =
+      0;  // all are read once for each decoded token: the embedding is the output head as well
+  uint64_t multiplyAddsPerPrefillToken =
+      0;  // one for each weight of the blocks; only a prompt's last token has an output head
 };
 ModelWork modelWork(const kel::ZYM2Reader& reader);
 
@@ -37,23 +39,23 @@ struct PrefillRun {
 // itself, which the machine has shown to be possible.
 double limitAbove(double rate, const std::function<double()>& probe);
 
-// Told how many positions, or steps, a measurement has done so far; may be null. The time it takes
-// is part of no decode step.
+// Called with the positions, or decode steps, that a measurement has done so far; may be null. No
+// decode step includes the time that the call takes.
 using MeasureProgress = std::function<void(uint64_t done)>;
 
 // Feeds text from an empty context until at least `positions` are filled, without generating.
 kel::Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run,
                            const MeasureProgress& onProgress = nullptr);
 
-// Milliseconds of single decode steps behind a context of at least `behind` positions, which
-// measurePrefill has filled: the time between one piece and the next, nSteps of them, in as many
-// turns as that takes. When replies are short and their turns fill the context, it is emptied and
-// filled again. Fewer steps, or none, when the model gives no two pieces in a turn.
-kel::Status measureDecode(Backend& backend, uint64_t behind, size_t nSteps,
+// Milliseconds of single decode steps: nSteps times the time from one piece to the next, over as
+// many turns as that takes. measurePrefill has filled the context to at least `depth` positions
+// before. Short replies take many turns: when these have filled the context, it is emptied and
+// filled to `depth` again. Gives fewer steps, or none, when the model's replies have no two pieces.
+kel::Status measureDecode(Backend& backend, uint64_t depth, size_t nSteps,
                           std::vector<double>& stepMs, const MeasureProgress& onProgress = nullptr);
 
-// Fails when nSteps decode steps behind `behind` positions, fed as above, would not fit into the
-// context; the message names the options --prompt, --at and --steps.
-kel::Status checkBenchSize(const BackendLimits& limits, uint64_t behind, size_t nSteps);
+// Fails when nSteps decode steps at this depth, fed as above, would not fit into the context; the
+// message names the options --prompt, --at and --steps.
+kel::Status checkBenchSize(const BackendLimits& limits, uint64_t depth, size_t nSteps);
 
 }  // namespace zym

@@ -10,7 +10,7 @@ struct MemoryUse {
   uint64_t file = 0;      // of these, pages of mapped files, which the system can drop
 };
 
-// Zeros where the system does not tell.
+// Zeros when the system gives no figures.
 MemoryUse memoryUse();
 
 }  // namespace zym

@@ -1,4 +1,4 @@
-// What the program reads besides models: prompts in files and from pipes.
+// Prompts from files and pipes.
 #pragma once
 
 #include <string>
@@ -7,13 +7,13 @@
 
 namespace zym {
 
-// Stands for standard input in messages.
+// The name of standard input in messages.
 constexpr const char* kStandardInput = "standard input";
 
 // Why name cannot be read, by errno, and what to do.
 kel::Status readFailure(const std::string& name, int error);
-// Everything that fd still holds. name: for the message of a failure; text then has what came
-// before.
+// Reads fd to its end. name: for the message of a failure, after which text has what came before
+// it.
 kel::Status readToEnd(int fd, const std::string& name, std::string& text);
 
 }  // namespace zym

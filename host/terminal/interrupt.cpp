@@ -10,7 +10,8 @@
 namespace zym {
 namespace {
 
-// Written by the handler; int is what the cancel flag of a turn must be, and is read whole.
+// Written by the signal handler. An int, since the cancel flag of a turn is one; it is written and
+// read in one access.
 volatile int cancelRequested = 0;
 volatile std::sig_atomic_t interrupted = 0;
 volatile std::sig_atomic_t cancellable = 0;
@@ -30,8 +31,8 @@ void catchSignal(int number) {
   struct sigaction action {};
   action.sa_handler = onInterrupt;
   sigemptyset(&action.sa_mask);
-  // A reply that waits for room in a pipe is not cut off. The wait for input returns all the same:
-  // ppoll never restarts.
+  // With SA_RESTART a write that waits for room in a pipe goes on after the signal. The wait for
+  // input still returns: ppoll is never restarted.
   action.sa_flags = SA_RESTART;
   sigaction(number, &action, nullptr);
 }
@@ -79,12 +80,14 @@ bool waitForInput(int fd) {
   sigset_t before;
   sigemptyset(&interrupt);
   sigaddset(&interrupt, SIGINT);
-  // Blocked but for the wait itself: a Ctrl-C between the test and the wait would be slept over.
+  // SIGINT is blocked except during the wait: one that came between the test of the flag and the
+  // wait would not end the wait.
   pthread_sigmask(SIG_BLOCK, &interrupt, &before);
   pollfd ready{fd, POLLIN, 0};
   while (interrupted == 0 && ppoll(&ready, 1, nullptr, &before) < 0 && errno == EINTR) {
   }
-  // A Ctrl-C in front of bytes that are ready as well is delivered here: the bytes come after it.
+  // When bytes are ready too, ppoll may return without delivering a pending Ctrl-C. Unblocking
+  // delivers it here, before the bytes are read.
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
   if (interrupted == 0) {
     return true;

@@ -10,15 +10,15 @@ constexpr int kInterruptedExit = 130;
 
 // Installs the handler; without it SIGINT ends the program.
 void catchInterrupts();
-// The same, with SIGTERM, SIGQUIT and SIGHUP (a terminal that is closed) treated like Ctrl-C. What
-// is ignored already stays ignored: nohup works. Writing to a closed pipe, or past the limit of a
-// file's size, fails instead of ending the program.
+// As above, and SIGTERM, SIGQUIT and SIGHUP (the terminal was closed) act like Ctrl-C. Signals that
+// were ignored when the program started stay ignored, so that nohup works. Writing to a closed
+// pipe, or past the limit of a file's size, fails instead of ending the program.
 void catchRequestsToEnd();
 // The flag that a turn, or a conversion, is given as its cancel flag.
 volatile int* cancelFlag();
 
-// What a further Ctrl-C does in a span that has been cancelled. Work that leaves a file behind when
-// it ends at once, and looks at the flag often, ignores it.
+// What a second Ctrl-C does in a span that the first one has cancelled. Work that would leave a
+// file if it ended at once ignores it, provided that it looks at the flag often.
 enum class FurtherInterrupt { Leaves, IsIgnored };
 
 // Marks the span in which Ctrl-C cancels; clears the flag at its start.

@@ -22,13 +22,13 @@ namespace fs = std::filesystem;
 
 constexpr int kHistoryLines = 1000;
 
-// Bytes of standard input, and why the last one did not come.
+// Bytes of standard input, one at a time; after the last one, why there is none.
 class ByteSource {
  public:
   bool next(char& byte) {
     while (waitForInput(STDIN_FILENO)) {
       const ssize_t got = ::read(STDIN_FILENO, &byte, 1);
-      // Only Ctrl-C ends the read, and that ends the wait.
+      // A read is interrupted by Ctrl-C alone, which the wait then reports.
       if (got < 0 && errno == EINTR) {
         continue;
       }
@@ -41,7 +41,8 @@ class ByteSource {
     reason = LineResult::Interrupted;
     return false;
   }
-  // After next has returned false: the result of the line. line receives the message of a failure.
+  // What the line ended with, after next has returned false. line receives the message of a
+  // failure.
   LineResult end(std::string& line) const {
     if (reason == LineResult::Failed) {
       line = fault;
@@ -58,7 +59,7 @@ class EditingReader : public LineReader {
  public:
   explicit EditingReader(fs::path historyFile)
       : file(std::move(historyFile)),
-        // The prompt is no result: it goes to standard error, like every other remark.
+        // Standard output is for replies: the prompt goes to standard error.
         editor(el_init("zym", stdin, stderr, stderr)),
         past(history_init()) {
     HistEvent event{};
@@ -82,7 +83,7 @@ class EditingReader : public LineReader {
 
   LineResult read(const std::string& shown, std::string& line, bool& wasEmpty) override {
     prompt = shown;
-    // Ahead of the prompt: keys that somebody types on seeing it are the editor's already.
+    // Before the prompt is shown: keys typed as soon as it appears must reach the editor.
     el_set(editor, EL_PREP_TERM, 1);
     int length = 0;
     const char* text = el_gets(editor, &length);
@@ -110,7 +111,7 @@ class EditingReader : public LineReader {
   }
   static char* promptOf(EditLine* editor) { return readerOf(editor).prompt.data(); }
 
-  // Called by the editor for each character. Its own reader would start over after Ctrl-C.
+  // Called by the editor for each character. The editor's own reader would read on after Ctrl-C.
   static int readCharacter(EditLine* editor, wchar_t* out) {
     ByteSource& source = readerOf(editor).bytes;
     std::string character;
@@ -131,7 +132,7 @@ class EditingReader : public LineReader {
     if (file.empty()) {
       return;
     }
-    std::error_code ignored;  // without a place to keep it, history lasts for this run
+    std::error_code ignored;  // without the folder the history is kept for this run only
     fs::create_directories(file.parent_path(), ignored);
     const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     if (fd < 0) {
@@ -144,8 +145,8 @@ class EditingReader : public LineReader {
       fchmod(fd, S_IRUSR | S_IWUSR);
     }
     ::close(fd);
-    // The editor's library sets the mode when it saves: of a device that the name links to, as of
-    // /dev/null where somebody wants no history, everybody else would be locked out.
+    // The editor's library sets the mode of the file when it saves. For somebody who wants no
+    // history and links the name to /dev/null, that would lock everybody else out of the device.
     if (!isFile) {
       file.clear();
       return;
@@ -170,7 +171,7 @@ class EditingReader : public LineReader {
   ByteSource bytes;
 };
 
-// Of a pipe, or of a terminal that edits and echoes lines itself.
+// Reads lines from a pipe, or from a terminal that edits and echoes them itself.
 class PlainReader : public LineReader {
  public:
   LineResult read(const std::string&, std::string& line, bool& wasEmpty) override {
@@ -188,7 +189,7 @@ class PlainReader : public LineReader {
       wasEmpty = false;
     }
     const LineResult result = bytes.end(line);
-    // A last line needs no line feed.
+    // The last line may end without a line feed.
     return result == LineResult::End && !wasEmpty ? LineResult::Line : result;
   }
 
@@ -210,7 +211,7 @@ std::unique_ptr<LineReader> openLineReader(const fs::path& historyFile) {
 
 fs::path defaultHistoryFile() {
   const char* state = std::getenv("XDG_STATE_HOME");
-  // A relative path there is to be ignored, says the base directory specification.
+  // The XDG base directory specification says to ignore a relative path.
   if (state != nullptr && *state == '/') {
     return fs::path(state) / "zym" / "history";
   }

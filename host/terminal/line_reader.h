@@ -1,4 +1,4 @@
-// Lines that a person types, or that a pipe delivers.
+// Lines of standard input, typed or from a pipe.
 #pragma once
 
 #include <filesystem>

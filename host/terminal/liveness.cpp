@@ -21,7 +21,7 @@ Liveness::Liveness(std::string text) : what(std::move(text)) {
   if (!isTerminal(STDERR_FILENO)) {
     return;
   }
-  // Ctrl-C is for the main thread: there it interrupts a pending read.
+  // Ctrl-C must be delivered to the main thread, where it interrupts a pending read.
   sigset_t interrupt;
   sigset_t before;
   sigemptyset(&interrupt);

@@ -25,8 +25,8 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // Done so far. Draws the bar at once and then at most ten times a second, or a plain line every
-  // ten seconds.
+  // done of total so far. Draws the bar at once and then at most ten times a second, or a plain
+  // line every ten seconds.
   void update(uint64_t done, uint64_t total);
   // Removes the bar. Called by the destructor too.
   void clear();

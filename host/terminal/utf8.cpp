@@ -13,7 +13,7 @@ const utf8proc_uint8_t* bytes(std::string_view text) {
   return reinterpret_cast<const utf8proc_uint8_t*>(text.data());
 }
 
-// Length that the lead byte announces, 0 for a byte that begins no longer character.
+// Bytes of the character that this lead byte begins; 0 unless it begins one of two bytes or more.
 size_t announcedLength(uint8_t lead) {
   if (lead >= 0xC2 && lead <= 0xDF) {
     return 2;

@@ -1,4 +1,4 @@
-// The little that the program does with UTF-8 itself.
+// UTF-8 text: lengths, repair, normalisation.
 #pragma once
 
 #include <cstddef>

@@ -146,7 +146,7 @@ TEST_F(ProgramTest, PromptIsOneWordOfTheCommandLine) {
 
 TEST_F(ProgramTest, WordsBehindThePromptAreWrongUse) {
   const std::string line =
-      "INPUT: \"there\" is no \"-\"; put the whole prompt in quotes, behind -p; see zym run --help";
+      "INPUT: \"there\" is no \"-\"; put the whole prompt in quotes, after -p; see zym run --help";
   expectFault(zym({"run", model, "-p", "Hello", "there"}), 2, line);
   expectFault(zym({"run", model, "there"}), 2, line);
 }
@@ -359,8 +359,7 @@ TEST_F(ProgramTest, BenchRefusesSizesThatDoNotFit) {
   const Outcome outcome = zym({"bench", model, "--at", "7000", "--steps", "4096"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err.rfind("zym: 4096 steps behind 7000 positions take about ", 0), 0U)
-      << outcome.err;
+  EXPECT_EQ(outcome.err.rfind("zym: 4096 steps at depth 7000 take about ", 0), 0U) << outcome.err;
 }
 
 TEST_F(ProgramTest, BenchReportsEveryMeasure) {

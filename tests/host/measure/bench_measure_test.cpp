@@ -153,9 +153,10 @@ TEST(BenchMeasureTest, SizesThatDoNotFitAreRefused) {
   EXPECT_TRUE(checkBenchSize({96, 8192}, 128, 32).ok());
   EXPECT_TRUE(checkBenchSize({96, 8192}, 4000, 1000).ok());
   EXPECT_TRUE(checkBenchSize({96, 8192}, 7000, 32).ok());
-  EXPECT_EQ(checkBenchSize({96, 8192}, 7000, 1200).message,
-            "1200 steps behind 7000 positions take about 8640 with the framing, the context holds "
-            "8192; lower --steps, or --prompt and --at");
+  EXPECT_EQ(
+      checkBenchSize({96, 8192}, 7000, 1200).message,
+      "1200 steps at depth 7000 take about 8640 positions with the framing, the context holds "
+      "8192; lower --steps, or --prompt and --at");
 }
 
 }  // namespace
