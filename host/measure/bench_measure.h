@@ -22,10 +22,10 @@ Spread spreadOf(std::vector<double> values);
 
 // What a model asks of the machine.
 struct ModelWork {
-  uint64_t weightBytes =
-      0;  // all are read once for each decoded token: the embedding is the output head as well
-  uint64_t multiplyAddsPerPrefillToken =
-      0;  // one for each weight of the blocks; only a prompt's last token has an output head
+  // Read once for each decoded token: the embedding is the output head as well.
+  uint64_t weightBytes = 0;
+  // One for each weight of the blocks; only a prompt's last token has an output head.
+  uint64_t multiplyAddsPerPrefillToken = 0;
 };
 ModelWork modelWork(const kel::ZYM2Reader& reader);
 
