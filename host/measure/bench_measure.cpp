@@ -70,7 +70,7 @@ Spread spreadOf(std::vector<double> values) {
 double limitAbove(double rate, const std::function<double()>& probe) {
   double limit = probe();
   for (int i = 1; i < kMostProbes && limit < rate; ++i) {
-    limit = std::max(limit, probe());
+    limit = probe();
   }
   return std::max(limit, rate);
 }

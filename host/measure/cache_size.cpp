@@ -37,25 +37,23 @@ Cache readCache(const fs::path& folder) {
 }  // namespace
 
 uint64_t lastLevelCacheBytes(const std::string& cpuRoot) {
-  int level = 0;
-  std::map<std::string, uint64_t> caches;  // of that level, by the processors that share one
+  // Of each level, by the processors that share a cache.
+  std::map<int, std::map<std::string, uint64_t>> caches;
   std::error_code unreadable;
   for (const fs::directory_entry& cpu : fs::directory_iterator(cpuRoot, unreadable)) {
     for (const fs::directory_entry& entry :
          fs::directory_iterator(cpu.path() / "cache", unreadable)) {
       const Cache cache = readCache(entry.path());
-      if (cache.level > level) {
-        level = cache.level;
-        caches.clear();
-      }
-      if (cache.level == level && cache.bytes > 0) {
-        caches[firstLine(entry.path() / "shared_cpu_list")] = cache.bytes;
+      if (cache.bytes > 0) {
+        caches[cache.level][firstLine(entry.path() / "shared_cpu_list")] = cache.bytes;
       }
     }
   }
   uint64_t total = 0;
-  for (const auto& [sharers, bytes] : caches) {
-    total += bytes;
+  if (!caches.empty()) {
+    for (const auto& [sharers, bytes] : caches.rbegin()->second) {
+      total += bytes;
+    }
   }
   return total;
 }
