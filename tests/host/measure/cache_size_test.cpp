@@ -48,6 +48,9 @@ TEST_F(CacheSizeTest, WhatIsMissingOrMalformedIsNoCache) {
   cache("cpu0", "index3", "three", "much", "0");
   EXPECT_EQ(bytes(), 0U);
   EXPECT_EQ(lastLevelCacheBytes("/nonexistent"), 0U);
+  cache("cpu0", "index2", "2", "512K", "0");
+  cache("cpu0", "index4", "4", "", "0");
+  EXPECT_EQ(bytes(), uint64_t{512} << 10) << "a level without a size is passed over";
 }
 
 }  // namespace
