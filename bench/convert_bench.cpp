@@ -10,20 +10,20 @@
 #include <random>
 #include <string>
 
-#include "convert/bfloat16.h"
 #include "convert/convert.h"
 #include "convert/model_layout.h"
+#include "quant/bfloat16.h"
 #include "tests/convert/gguf_builder.h"
 
 namespace {
 
 using kel::QuantType;
-using kel::convert::TensorRole;
 using kel::convert::TensorSpec;
+using kel::convert::ValueForm;
 using kel::test::Bytes;
 using kel::test::GgufBuilder;
 
-constexpr kel::convert::ModelSizes kSizes = {256, 1024, 4096};
+constexpr kel::ModelSizes kSizes = {256, 1024, 4096};
 constexpr size_t kPatternElements = 1 << 20;
 
 Bytes weights(std::mt19937& random) {
@@ -31,7 +31,7 @@ Bytes weights(std::mt19937& random) {
   Bytes bytes;
   bytes.reserve(kPatternElements * sizeof(uint16_t));
   for (size_t i = 0; i < kPatternElements; ++i) {
-    kel::test::appendNumber(bytes, kel::convert::floatToBfloat16(gauss(random)));
+    kel::test::appendNumber(bytes, kel::quant::f32ToBf16(gauss(random)));
   }
   return bytes;
 }
@@ -49,8 +49,8 @@ GgufBuilder::Tensor sourceTensor(const TensorSpec& spec, const Bytes& pattern) {
   for (const uint64_t dim : spec.dims) {
     n *= dim;
   }
-  if (spec.role != TensorRole::Matrix && spec.role != TensorRole::Embedding) {
-    return {spec.name, spec.dims, 0, constants(n, spec.role == TensorRole::Decay ? -1.0F : 1.0F)};
+  if (spec.tensor->kind != kel::TensorKind::Matrix) {
+    return {spec.name, spec.dims, 0, constants(n, spec.form == ValueForm::Decay ? -1.0F : 1.0F)};
   }
   GgufBuilder::Tensor tensor{spec.name, spec.dims, 30};
   tensor.data.resize(n * sizeof(uint16_t));
@@ -74,7 +74,7 @@ const std::string& sourceFolder() {
     std::mt19937 random(1);
     const Bytes pattern = weights(random);
     for (const TensorSpec& spec : kel::convert::modelTensors(kSizes)) {
-      if (spec.required) {
+      if (spec.tensor->required) {
         file.tensors.push_back(sourceTensor(spec, pattern));
       }
     }

@@ -15,13 +15,11 @@
 #include <vector>
 
 #include "bench/decode_then_dot.h"
+#include "qwen35/context.h"
 #include "qwen35/products.h"
 #include "qwen35/simd/dispatch.h"
+#include "qwen35/weights.h"
 #include "tests/qwen35/weight_rows.h"
-
-namespace qwen35 {
-struct Model {};
-}  // namespace qwen35
 
 namespace {
 
@@ -106,20 +104,28 @@ void gemv(benchmark::State& state, QuantType type, size_t rows, size_t cols, int
   const Pool& pool = poolOf(type, cols);
   const std::vector<float> x = randomFloats(cols, 2);
   std::vector<float> y(rows, 0.0f);
-  qwen35::Model model;
+  const qwen35::Model model;
   kel::TensorView view;
   view.type = type;
   view.rank = 2;
   view.dims[0] = cols;
   const int before = omp_get_max_threads();
   omp_set_num_threads(nThreads);
+  qwen35::Context context(cols, rows);
   size_t next = 0;
   const auto start = std::chrono::steady_clock::now();
   for ([[maybe_unused]] auto step : state) {
     overMatrix(pool, rows, next, [&](const uint8_t* data, size_t count) {
       view.data = data;
       view.dims[1] = count;
-      qwen35::gemvRow(model, &view, x.data(), y.data());
+      // The product of a pass, by itself.
+      context.team().run([&](qwen35::Team::Member& member) {
+        const qwen35::Work w{context, member, model, 1, 0, qwen35::Arithmetic::SingleToken};
+        const qwen35::Matmul product[] = {{&view, y.data(), rows}};
+        const qwen35::MatmulInput in = w.input(x.data(), cols, product);
+        w.prepare(in);
+        w.multiply(in, product);
+      });
     });
   }
   const auto end = std::chrono::steady_clock::now();
@@ -185,7 +191,7 @@ void addWeightedRows(benchmark::State& state) {
   size_t cache = 0;
   for ([[maybe_unused]] auto step : state) {
     qwen35::kernels().addWeightedRows(e.data(), 0.5f, values.data() + cache * kPositions * kDim,
-                                      acc.data(), kPositions, kDim);
+                                      kDim, acc.data(), kPositions, kDim);
     cache = (cache + 1) % kCaches;
   }
   state.SetBytesProcessed(static_cast<int64_t>(kPositions * kDim * sizeof(float)) *

@@ -18,11 +18,10 @@
 #include <cstring>
 #include <vector>
 
+#include "qwen35/elementwise.h"
 #include "qwen35/forward.h"
 #include "qwen35/full_attention.h"
-#include "qwen35/kernels.h"
 #include "qwen35/linear_attention.h"
-#include "qwen35/products.h"
 #include "qwen35/simd/dispatch.h"
 #include "tests/support/opened_model.h"
 
@@ -53,33 +52,47 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// forwardToken taken apart, so that every block can be timed by itself.
-PartTimes timeParts(qwen35::Model& m, const std::vector<float>& embedding, size_t pos,
-                    std::vector<float>& logits) {
+// A pass taken apart, so that every kind of block can be timed by itself.
+PartTimes timeParts(qwen35::Context& context, qwen35::Model& m, const std::vector<float>& embedding,
+                    size_t pos, std::vector<float>& logits) {
   PartTimes times{};
   std::vector<float> x = embedding;
   std::vector<float> y(m.nEmbd);
   std::vector<float> normed(m.nEmbd);
+  const auto timed = [&](Part part, const auto& body) {
+    addTime(times[part], [&] {
+      context.team().run([&](qwen35::Team::Member& member) {
+        body(qwen35::Work{context, member, m, 1, pos, qwen35::Arithmetic::SingleToken});
+      });
+    });
+  };
   const auto addToX = [&] {
     for (size_t i = 0; i < x.size(); ++i) {
       x[i] += y[i];
     }
   };
   for (size_t l = 0; l < m.nLayer; ++l) {
-    qwen35::Layer& L = m.layers[l];
-    addTime(times[L.isLinear ? kLinearAttention : kFullAttention], [&] {
-      L.isLinear ? qwen35::linearAttnStep(m, L, x.data(), y.data(), l, pos)
-                 : qwen35::fullAttnStep(m, L, x.data(), y.data(), pos, l);
-    });
+    qwen35::Layer& layer = m.layers[l];
+    const qwen35::ResidualSum input{x.data(), nullptr, nullptr};
+    if (layer.isLinear) {
+      timed(kLinearAttention,
+            [&](const qwen35::Work& w) { linearAttention(w, layer, l, input, y.data()); });
+    } else {
+      timed(kFullAttention, [&](const qwen35::Work& w) {
+        w.member.once([&] { computeAngles(w, 0); });
+        fullAttention(w, layer, l, input, y.data());
+      });
+      ++layer.pos;
+    }
     addToX();
-    const auto* norm = static_cast<const float*>(L.postAttnNorm->data);
-    qwen35::rmsNorm(x.data(), norm, normed.data(), m.nEmbd, qwen35::kNormEps);
-    addTime(times[kFeedForward], [&] { qwen35::ffnStep(m.nEmbd, L, normed.data(), y.data()); });
+    qwen35::rmsNorm(x.data(), qwen35::floats(layer.postAttnNorm), normed.data(), m.nEmbd,
+                    qwen35::kNormEps);
+    timed(kFeedForward,
+          [&](const qwen35::Work& w) { feedForward(w, layer, normed.data(), y.data()); });
     addToX();
   }
-  const auto* norm = static_cast<const float*>(m.outputNorm->data);
-  qwen35::rmsNorm(x.data(), norm, x.data(), m.nEmbd, qwen35::kNormEps);
-  addTime(times[kHead], [&] { qwen35::outputHead(m.tokEmbd, x.data(), logits.data()); });
+  qwen35::rmsNorm(x.data(), qwen35::floats(m.outputNorm), x.data(), m.nEmbd, qwen35::kNormEps);
+  timed(kHead, [&](const qwen35::Work& w) { head(w, x.data(), logits.data()); });
   return times;
 }
 
@@ -112,18 +125,21 @@ void run(Handle& handle, size_t tokens) {
   std::vector<float> logits(m.nVocab);
   std::vector<double> whole;
   std::array<std::vector<double>, kParts> parts;
+  qwen35::Context context(m);
   // Token 0 warms the page cache and the scratch; then whole and taken-apart passes alternate.
   for (size_t pos = 0; pos <= 2 * tokens; ++pos) {
     qwen35::embedRow(m, pos % m.nVocab, embedding.data());
     if (pos % 2 == 0) {
       double took = 0;
-      addTime(took, [&] { qwen35::forwardToken(m, embedding.data(), pos, logits.data()); });
+      addTime(took, [&] {
+        forward(context, m, {.embeddings = embedding.data(), .pos = pos, .logits = logits.data()});
+      });
       if (pos > 0) {
         whole.push_back(took);
       }
       continue;
     }
-    const PartTimes times = timeParts(m, embedding, pos, logits);
+    const PartTimes times = timeParts(context, m, embedding, pos, logits);
     for (size_t part = 0; part < kParts; ++part) {
       parts[part].push_back(times[part]);
     }

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "qwen35/forward_block.h"
+#include "qwen35/forward.h"
 #include "session/session.h"
 #include "tests/support/opened_model.h"
 #include "tests/support/synthetic_vocabulary.h"
@@ -53,9 +53,12 @@ void resetAfter100Tokens(benchmark::State& state) {
   constexpr size_t kTokens = 100;
   kel::test::Handle handle(smallVocabulary().path, 8192);
   const std::vector<float> embeddings(kTokens * handle.model.nEmbd, 0.5f);
-  std::vector<float> hidden(embeddings.size());
+  qwen35::Context context(handle.model, {.maxTokens = kTokens});
   for (auto _ : state) {
-    qwen35::forwardBlock(handle.model, embeddings.data(), kTokens, 0, hidden.data());
+    forward(context, handle.model,
+            {.embeddings = embeddings.data(),
+             .count = kTokens,
+             .arithmetic = qwen35::Arithmetic::Batch});
     const auto start = std::chrono::steady_clock::now();
     handle.reset();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;

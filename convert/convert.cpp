@@ -28,8 +28,7 @@ constexpr uint64_t kFixedBytes = 65536;
 constexpr unsigned kMostThreads = 256;
 
 bool isStorable(std::optional<QuantType> type) {
-  return !type || *type == QuantType::F32 || *type == QuantType::BF16 || *type == QuantType::Q8_0 ||
-         *type == QuantType::Q5_K || *type == QuantType::Q4_K;
+  return !type || hasProduct(*type);
 }
 
 Status checkOptions(const ConvertOptions& options) {
@@ -74,13 +73,14 @@ uint64_t estimatedBytes(const std::vector<PlannedTensor>& plan, const TokenizerD
 
 void addToGroups(const PlannedTensor& tensor, ConvertSummary& summary) {
   const auto alike = [&](const TensorGroup& group) {
-    return group.name == tensor.spec.suffix && group.sourceType == tensor.source->typeName &&
-           group.storedType == tensor.stored && group.reason == tensor.reason;
+    return group.name == tensor.spec.tensor->suffix &&
+           group.sourceType == tensor.source->typeName && group.storedType == tensor.stored &&
+           group.reason == tensor.reason;
   };
   auto group = std::find_if(summary.groups.begin(), summary.groups.end(), alike);
   if (group == summary.groups.end()) {
-    group = summary.groups.insert(group, {std::string(tensor.spec.suffix), tensor.source->typeName,
-                                          tensor.stored, tensor.reason});
+    group = summary.groups.insert(group, {std::string(tensor.spec.tensor->suffix),
+                                          tensor.source->typeName, tensor.stored, tensor.reason});
   }
   group->count += 1;
   group->sourceBytes += tensor.source->nBytes;

@@ -11,7 +11,8 @@ namespace kel::convert {
 namespace {
 
 constexpr std::string_view kArchitecture = "qwen35";
-constexpr int64_t kKvHeads = 4;
+constexpr int64_t kKvHeads = kFixedShape.kvHeads;
+constexpr uint32_t kLayers = kFixedShape.layers;
 
 struct IntegerKey {
   std::string_view key;
@@ -19,11 +20,16 @@ struct IntegerKey {
 };
 
 constexpr IntegerKey kIntegerKeys[] = {
-    {"qwen35.attention.head_count", 16},    {"qwen35.attention.key_length", 256},
-    {"qwen35.attention.value_length", 256}, {"qwen35.full_attention_interval", 4},
-    {"qwen35.rope.dimension_count", 64},    {"qwen35.ssm.conv_kernel", 4},
-    {"qwen35.ssm.state_size", 128},         {"qwen35.ssm.group_count", 16},
-    {"qwen35.ssm.time_step_rank", 32},      {"qwen35.ssm.inner_size", 4096},
+    {"qwen35.attention.head_count", kFixedShape.queryHeads},
+    {"qwen35.attention.key_length", kFixedShape.headDim},
+    {"qwen35.attention.value_length", kFixedShape.headDim},
+    {"qwen35.full_attention_interval", kFixedShape.fullInterval},
+    {"qwen35.rope.dimension_count", kFixedShape.ropeDim},
+    {"qwen35.ssm.conv_kernel", kFixedShape.convTaps},
+    {"qwen35.ssm.state_size", kFixedShape.linearHeadDim},
+    {"qwen35.ssm.group_count", kFixedShape.linearKeyHeads},
+    {"qwen35.ssm.time_step_rank", kFixedShape.linearValueHeads},
+    {"qwen35.ssm.inner_size", kFixedShape.linearValueWidth()},
 };
 
 struct NumberKey {
@@ -32,8 +38,8 @@ struct NumberKey {
 };
 
 constexpr NumberKey kNumberKeys[] = {
-    {"qwen35.rope.freq_base", 1e7},
-    {"qwen35.attention.layer_norm_rms_epsilon", 1e-6},
+    {"qwen35.rope.freq_base", kFixedShape.ropeBase},
+    {"qwen35.attention.layer_norm_rms_epsilon", kFixedShape.normEps},
 };
 constexpr double kRelativeTolerance = 1e-5;  // files hold such numbers in single precision
 
@@ -109,7 +115,7 @@ Status checkKvHeads(const GgufFile& file) {
   }
   for (uint32_t layer = 0; layer < kLayers; ++layer) {
     const std::optional<int64_t> count = value->integerAt(layer);
-    const int64_t needed = isFullLayer(layer) ? kKvHeads : 0;
+    const int64_t needed = kFixedShape.isFull(layer) ? kKvHeads : 0;
     if (!count) {
       return notAnInteger(kKey);
     }
@@ -131,7 +137,7 @@ Status checkRecurrentLayers(const GgufFile& file) {
     if (!recurrent) {
       return malformed("GGUF: {} is not a list of {} bools", kKey, kLayers);
     }
-    const int needed = isFullLayer(layer) ? 0 : 1;
+    const int needed = kFixedShape.isFull(layer) ? 0 : 1;
     if (*recurrent != needed) {
       return misfit(fmt::format("{}[{}]", kKey, layer), *recurrent, needed);
     }

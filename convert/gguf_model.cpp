@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "container/model_shape.h"
 #include "convert/errors.h"
 #include "convert/gguf_metadata.h"
 
@@ -11,16 +12,20 @@ namespace kel::convert {
 
 namespace {
 
-// Tensors that text generation does without: kind and what their names begin with. Block 32 is the
-// prediction block.
+constexpr const char* kPrediction = "multi-token prediction";
+
+// Tensors that text generation does without: kind and what their names begin with.
 constexpr std::pair<std::string_view, const char*> kSkipped[] = {
-    {"blk.32.", "multi-token prediction"},
-    {"mtp.", "multi-token prediction"},
+    {"mtp.", kPrediction},
     {"v.", "vision"},
     {"mm.", "vision"},
 };
 
+// The block behind the last layer is the prediction block.
 const char* skippedKind(std::string_view name) {
+  if (name.starts_with(fmt::format("blk.{}.", kFixedShape.layers))) {
+    return kPrediction;
+  }
   for (const auto& [prefix, kind] : kSkipped) {
     if (name.starts_with(prefix)) {
       return kind;

@@ -24,53 +24,54 @@ constexpr uint64_t kMinTensorBytes = 8 + 4 + 8 + 4 + 8;
 // Far above real files; what a file makes this reader allocate stays in proportion.
 constexpr uint64_t kMaxEntries = 65536;
 
+// Types that can be decoded, by their number in files.
+struct DecodedType {
+  uint32_t id;
+  SourceType type;
+};
+
+constexpr DecodedType kDecodedTypes[] = {
+    {0, SourceType::F32},     {1, SourceType::F16},     {2, SourceType::Q4_0},
+    {3, SourceType::Q4_1},    {6, SourceType::Q5_0},    {7, SourceType::Q5_1},
+    {8, SourceType::Q8_0},    {10, SourceType::Q2_K},   {11, SourceType::Q3_K},
+    {12, SourceType::Q4_K},   {13, SourceType::Q5_K},   {14, SourceType::Q6_K},
+    {20, SourceType::IQ4_NL}, {23, SourceType::IQ4_XS}, {30, SourceType::BF16},
+};
+
+// All others: only their names and, for the layout of the file, their sizes.
+struct OtherType {
+  uint32_t id;
+  const char* name;
+  quant::BlockFormat block;  // 0 bytes: size unknown, so the file's layout cannot be checked
+};
+
+constexpr OtherType kOtherTypes[] = {
+    {9, "Q8_1", {32, 36}},     {15, "Q8_K", {256, 292}},   {16, "IQ2_XXS", {256, 66}},
+    {17, "IQ2_XS", {256, 74}}, {18, "IQ3_XXS", {256, 98}}, {19, "IQ1_S", {256, 50}},
+    {21, "IQ3_S", {256, 110}}, {22, "IQ2_S", {256, 82}},   {24, "I8", {1, 1}},
+    {25, "I16", {1, 2}},       {26, "I32", {1, 4}},        {27, "I64", {1, 8}},
+    {28, "F64", {1, 8}},       {29, "IQ1_M", {256, 56}},   {34, "TQ1_0", {256, 0}},
+    {35, "TQ2_0", {256, 0}},   {39, "MXFP4", {32, 0}},
+};
+
 struct ElementType {
   const char* name;
-  uint32_t id;
-  uint32_t blockLen;
-  uint32_t blockBytes;  // 0: size unknown, so the file's layout cannot be checked
+  quant::BlockFormat block;
   std::optional<SourceType> decoded;
 };
 
-constexpr ElementType kElementTypes[] = {
-    {"F32", 0, 1, 4, SourceType::F32},
-    {"F16", 1, 1, 2, SourceType::F16},
-    {"Q4_0", 2, 32, 18, SourceType::Q4_0},
-    {"Q4_1", 3, 32, 20, SourceType::Q4_1},
-    {"Q5_0", 6, 32, 22, SourceType::Q5_0},
-    {"Q5_1", 7, 32, 24, SourceType::Q5_1},
-    {"Q8_0", 8, 32, 34, SourceType::Q8_0},
-    {"Q8_1", 9, 32, 36, {}},
-    {"Q2_K", 10, 256, 84, SourceType::Q2_K},
-    {"Q3_K", 11, 256, 110, SourceType::Q3_K},
-    {"Q4_K", 12, 256, 144, SourceType::Q4_K},
-    {"Q5_K", 13, 256, 176, SourceType::Q5_K},
-    {"Q6_K", 14, 256, 210, SourceType::Q6_K},
-    {"Q8_K", 15, 256, 292, {}},
-    {"IQ2_XXS", 16, 256, 66, {}},
-    {"IQ2_XS", 17, 256, 74, {}},
-    {"IQ3_XXS", 18, 256, 98, {}},
-    {"IQ1_S", 19, 256, 50, {}},
-    {"IQ4_NL", 20, 32, 18, SourceType::IQ4_NL},
-    {"IQ3_S", 21, 256, 110, {}},
-    {"IQ2_S", 22, 256, 82, {}},
-    {"IQ4_XS", 23, 256, 136, SourceType::IQ4_XS},
-    {"I8", 24, 1, 1, {}},
-    {"I16", 25, 1, 2, {}},
-    {"I32", 26, 1, 4, {}},
-    {"I64", 27, 1, 8, {}},
-    {"F64", 28, 1, 8, {}},
-    {"IQ1_M", 29, 256, 56, {}},
-    {"BF16", 30, 1, 2, SourceType::BF16},
-    {"TQ1_0", 34, 256, 0, {}},
-    {"TQ2_0", 35, 256, 0, {}},
-    {"MXFP4", 39, 32, 0, {}},
-};
-
-const ElementType* findElementType(uint32_t id) {
-  const auto* found = std::find_if(std::begin(kElementTypes), std::end(kElementTypes),
-                                   [&](const ElementType& type) { return type.id == id; });
-  return found == std::end(kElementTypes) ? nullptr : found;
+std::optional<ElementType> findElementType(uint32_t id) {
+  const auto hasId = [id](const auto& type) { return type.id == id; };
+  const auto* decoded = std::find_if(std::begin(kDecodedTypes), std::end(kDecodedTypes), hasId);
+  if (decoded != std::end(kDecodedTypes)) {
+    const SourceTypeInfo& info = sourceTypeInfo(decoded->type);
+    return ElementType{info.name, info.block, decoded->type};
+  }
+  const auto* other = std::find_if(std::begin(kOtherTypes), std::end(kOtherTypes), hasId);
+  if (other != std::end(kOtherTypes)) {
+    return ElementType{other->name, other->block, {}};
+  }
+  return std::nullopt;
 }
 
 bool readString(ByteCursor& in, std::string_view& out) {
@@ -145,11 +146,11 @@ Status readValue(ByteCursor& in, std::string_view key, GgufValue& value) {
 // Bytes of a tensor. False when the first dimension is no whole number of blocks or the size does
 // not fit 64 bits.
 bool tensorBytes(const std::vector<uint64_t>& dims, const ElementType& type, uint64_t& nBytes) {
-  if (dims[0] % type.blockLen != 0) {
+  if (dims[0] % type.block.elements != 0) {
     return false;
   }
-  nBytes = dims[0] / type.blockLen;
-  if (__builtin_mul_overflow(nBytes, uint64_t{type.blockBytes}, &nBytes)) {
+  nBytes = dims[0] / type.block.elements;
+  if (__builtin_mul_overflow(nBytes, uint64_t{type.block.bytes}, &nBytes)) {
     return false;
   }
   for (size_t i = 1; i < dims.size(); ++i) {
@@ -186,12 +187,12 @@ Status readTensorInfo(ByteCursor& in, GgufTensor& tensor, uint64_t& offset) {
   if (!in.read(typeId) || !in.read(offset)) {
     return malformed("GGUF: the tensor list is cut off");
   }
-  const ElementType* type = findElementType(typeId);
-  if (type == nullptr || type->blockBytes == 0) {
+  const std::optional<ElementType> type = findElementType(typeId);
+  if (!type || type->block.bytes == 0) {
     return unsupported(
         "{} has the element type {}, which cannot be decoded; F32, F16, BF16, Q4_0 to Q8_0, Q2_K "
         "to Q6_K, IQ4_NL and IQ4_XS can",
-        name, type == nullptr ? std::to_string(typeId) : type->name);
+        name, type ? type->name : std::to_string(typeId));
   }
   tensor.typeName = type->name;
   tensor.type = type->decoded;

@@ -24,20 +24,23 @@ struct NumberField {
   double needed;
 };
 
+constexpr double kRotaryFactor =
+    static_cast<double>(kFixedShape.ropeDim) / static_cast<double>(kFixedShape.headDim);
+
 constexpr NumberField kNumberFields[] = {
-    {"num_hidden_layers", kLayers},
-    {"num_attention_heads", 16},
-    {"num_key_value_heads", 4},
-    {"head_dim", 256},
-    {"linear_num_key_heads", kKeyHeads},
-    {"linear_num_value_heads", kValueHeads},
-    {"linear_key_head_dim", kSsmHeadDim},
-    {"linear_value_head_dim", kSsmHeadDim},
-    {"linear_conv_kernel_dim", 4},
-    {"full_attention_interval", 4},
-    {"rms_norm_eps", 1e-6},
-    {"rope_theta", 1e7},
-    {"partial_rotary_factor", 0.25},
+    {"num_hidden_layers", kFixedShape.layers},
+    {"num_attention_heads", kFixedShape.queryHeads},
+    {"num_key_value_heads", kFixedShape.kvHeads},
+    {"head_dim", kFixedShape.headDim},
+    {"linear_num_key_heads", kFixedShape.linearKeyHeads},
+    {"linear_num_value_heads", kFixedShape.linearValueHeads},
+    {"linear_key_head_dim", kFixedShape.linearHeadDim},
+    {"linear_value_head_dim", kFixedShape.linearHeadDim},
+    {"linear_conv_kernel_dim", kFixedShape.convTaps},
+    {"full_attention_interval", kFixedShape.fullInterval},
+    {"rms_norm_eps", kFixedShape.normEps},
+    {"rope_theta", kFixedShape.ropeBase},
+    {"partial_rotary_factor", kRotaryFactor},
 };
 
 std::string shown(const json& value) {
@@ -110,11 +113,11 @@ Status checkLayerTypes(const json& text) {
   if (types == nullptr || types->is_null()) {
     return Status::success();
   }
-  if (!types->is_array() || types->size() != kLayers) {
-    return misfit(field("the length of layer_types"), types->size(), kLayers);
+  if (!types->is_array() || types->size() != kFixedShape.layers) {
+    return misfit(field("the length of layer_types"), types->size(), kFixedShape.layers);
   }
-  for (uint32_t layer = 0; layer < kLayers; ++layer) {
-    const char* needed = isFullLayer(layer) ? "full_attention" : "linear_attention";
+  for (uint32_t layer = 0; layer < kFixedShape.layers; ++layer) {
+    const char* needed = kFixedShape.isFull(layer) ? "full_attention" : "linear_attention";
     const json& type = (*types)[layer];
     if (type != needed) {
       return misfit(field(fmt::format("layer_types[{}]", layer)), shown(type),
@@ -131,9 +134,9 @@ Status checkRope(const json& text) {
       continue;
     }
     const std::string prefix = std::string(name) + ".";
-    Status status = checkNumber(*rope, prefix, {"rope_theta", 1e7});
+    Status status = checkNumber(*rope, prefix, {"rope_theta", kFixedShape.ropeBase});
     if (status.ok()) {
-      status = checkNumber(*rope, prefix, {"partial_rotary_factor", 0.25});
+      status = checkNumber(*rope, prefix, {"partial_rotary_factor", kRotaryFactor});
     }
     if (status.ok()) {
       status = checkText(*rope, "rope_type", "default");

@@ -153,13 +153,8 @@ std::string_view prefixOf(const TensorList& tensors) {
 // Checkpoint name without prefix -> container name.
 std::unordered_map<std::string, std::string> nameMap() {
   std::unordered_map<std::string, std::string> names;
-  for (const TensorSpec& spec : modelTensors({})) {
-    std::string checkpoint(spec.checkpoint);
-    if (spec.name != spec.suffix) {  // "blk.N.suffix"
-      const std::string_view layer = std::string_view(spec.name).substr(4);
-      checkpoint = fmt::format("layers.{}.{}", layer.substr(0, layer.find('.')), spec.checkpoint);
-    }
-    names.emplace(std::move(checkpoint), spec.name);
+  for (TensorSpec& spec : modelTensors({})) {
+    names.emplace(std::move(spec.checkpoint), std::move(spec.name));
   }
   return names;
 }
@@ -172,9 +167,10 @@ Status dimensions(const SafetensorsEntry& entry, std::vector<uint64_t>& dims) {
   }
   if (dims[1] != 1) {
     return unsupported(
-        "the shape of {} is [{}, {}, {}]; the importer needs [8192, 1, 4]: a directory converted "
+        "the shape of {} is [{}, {}, {}]; the importer needs [{}, 1, {}]: a directory converted "
         "for another framework, where norms are already shifted by 1, does not fit",
-        printable(entry.name), entry.shape[0], entry.shape[1], entry.shape[2]);
+        printable(entry.name), entry.shape[0], entry.shape[1], entry.shape[2],
+        kFixedShape.convChannels(), kFixedShape.convTaps);
   }
   dims.erase(dims.begin() + 1);
   return Status::success();

@@ -1,96 +1,103 @@
 #include "convert/model_layout.h"
 
-#include <utility>
+#include <algorithm>
+#include <iterator>
 
 namespace kel::convert {
 
 namespace {
 
-constexpr uint64_t kQueryRows = 8192;  // 16 heads of 256 query rows, then 256 gate rows
-constexpr uint64_t kKvRows = 1024;
-constexpr uint64_t kHeadDim = 256;
-constexpr uint64_t kAttentionWidth = 4096;
-constexpr uint64_t kMixedRows = 8192;      // 2048 query, 2048 key, 4096 value rows
-constexpr uint64_t kFirstValueRow = 4096;  // among them
-constexpr uint64_t kValueRows = 4096;
-constexpr uint64_t kTaps = 4;
+using Role = TensorRole;
 
-class LayoutBuilder {
- public:
-  explicit LayoutBuilder(const ModelSizes& modelSizes) : sizes(modelSizes) {}
-
-  std::vector<TensorSpec> build() {
-    const auto [h, ffn, vocab] = sizes;
-    add("token_embd.weight", "embed_tokens.weight", {h, vocab}, TensorRole::Embedding);
-    add("output_norm.weight", "norm.weight", {h}, TensorRole::Norm);
-    for (uint32_t layer = 0; layer < kLayers; ++layer) {
-      prefix = "blk." + std::to_string(layer) + ".";
-      add("attn_norm.weight", "input_layernorm.weight", {h}, TensorRole::Norm);
-      if (isFullLayer(layer)) {
-        addFullAttention();
-      } else {
-        addLinearAttention();
-      }
-      add("post_attention_norm.weight", "post_attention_layernorm.weight", {h}, TensorRole::Norm);
-      add("ffn_gate.weight", "mlp.gate_proj.weight", {h, ffn});
-      add("ffn_up.weight", "mlp.up_proj.weight", {h, ffn});
-      add("ffn_down.weight", "mlp.down_proj.weight", {ffn, h});
-    }
-    return std::move(specs);
-  }
-
- private:
-  TensorSpec& add(std::string_view suffix, std::string_view checkpoint, std::vector<uint64_t> dims,
-                  TensorRole role = TensorRole::Matrix, HeadAxis heads = {}) {
-    return specs.emplace_back(
-        TensorSpec{prefix + std::string(suffix), suffix, checkpoint, std::move(dims), role, heads});
-  }
-
-  void addFullAttention() {
-    const uint64_t h = sizes.hidden;
-    add("attn_q.weight", "self_attn.q_proj.weight", {h, kQueryRows});
-    add("attn_k.weight", "self_attn.k_proj.weight", {h, kKvRows});
-    add("attn_v.weight", "self_attn.v_proj.weight", {h, kKvRows});
-    add("attn_q.bias", "self_attn.q_proj.bias", {kQueryRows}, TensorRole::Vector).required = false;
-    add("attn_k.bias", "self_attn.k_proj.bias", {kKvRows}, TensorRole::Vector).required = false;
-    add("attn_v.bias", "self_attn.v_proj.bias", {kKvRows}, TensorRole::Vector).required = false;
-    add("attn_output.weight", "self_attn.o_proj.weight", {kAttentionWidth, h});
-    add("attn_q_norm.weight", "self_attn.q_norm.weight", {kHeadDim}, TensorRole::Norm);
-    add("attn_k_norm.weight", "self_attn.k_norm.weight", {kHeadDim}, TensorRole::Norm);
-  }
-
-  void addLinearAttention() {
-    using Kind = HeadAxis::Kind;
-    const uint64_t h = sizes.hidden;
-    const HeadAxis mixedRows{Kind::Rows, kFirstValueRow, kSsmHeadDim};
-    const HeadAxis oneEach{Kind::Rows, 0, 1};
-    add("attn_qkv.weight", "linear_attn.in_proj_qkv.weight", {h, kMixedRows}, TensorRole::Matrix,
-        mixedRows);
-    add("attn_gate.weight", "linear_attn.in_proj_z.weight", {h, kValueRows}, TensorRole::Matrix,
-        {Kind::Rows, 0, kSsmHeadDim});
-    add("ssm_beta.weight", "linear_attn.in_proj_b.weight", {h, kValueHeads}, TensorRole::Matrix,
-        oneEach);
-    add("ssm_alpha.weight", "linear_attn.in_proj_a.weight", {h, kValueHeads}, TensorRole::Matrix,
-        oneEach);
-    add("ssm_a", "linear_attn.A_log", {kValueHeads}, TensorRole::Decay, oneEach);
-    add("ssm_dt.bias", "linear_attn.dt_bias", {kValueHeads}, TensorRole::Vector, oneEach);
-    add("ssm_conv1d.weight", "linear_attn.conv1d.weight", {kTaps, kMixedRows}, TensorRole::Vector,
-        mixedRows);
-    // The gated norm inside the layer is stored as it is used, without the 1 taken off.
-    add("ssm_norm.weight", "linear_attn.norm.weight", {kSsmHeadDim}, TensorRole::Vector);
-    add("ssm_out.weight", "linear_attn.out_proj.weight", {kValueRows, h}, TensorRole::Matrix,
-        {Kind::Columns, 0, kSsmHeadDim});
-  }
-
-  ModelSizes sizes;
-  std::string prefix;
-  std::vector<TensorSpec> specs;
+struct Origin {
+  Role role;
+  std::string_view name;  // without its layer
+  ValueForm form = ValueForm::Plain;
 };
+
+constexpr Origin kOrigins[] = {
+    {Role::Embedding, "embed_tokens.weight"},
+    {Role::OutputNorm, "norm.weight", ValueForm::Norm},
+    {Role::AttnNorm, "input_layernorm.weight", ValueForm::Norm},
+    {Role::PostAttnNorm, "post_attention_layernorm.weight", ValueForm::Norm},
+    {Role::FfnGate, "mlp.gate_proj.weight"},
+    {Role::FfnUp, "mlp.up_proj.weight"},
+    {Role::FfnDown, "mlp.down_proj.weight"},
+    {Role::AttnQkv, "linear_attn.in_proj_qkv.weight"},
+    {Role::AttnGate, "linear_attn.in_proj_z.weight"},
+    {Role::SsmBeta, "linear_attn.in_proj_b.weight"},
+    {Role::SsmAlpha, "linear_attn.in_proj_a.weight"},
+    {Role::SsmDtBias, "linear_attn.dt_bias"},
+    {Role::SsmA, "linear_attn.A_log", ValueForm::Decay},
+    {Role::SsmConv1d, "linear_attn.conv1d.weight"},
+    // The gated norm inside the layer is stored as it is used, without the 1 taken off.
+    {Role::SsmNorm, "linear_attn.norm.weight"},
+    {Role::SsmOut, "linear_attn.out_proj.weight"},
+    {Role::AttnQ, "self_attn.q_proj.weight"},
+    {Role::AttnK, "self_attn.k_proj.weight"},
+    {Role::AttnV, "self_attn.v_proj.weight"},
+    {Role::AttnQBias, "self_attn.q_proj.bias"},
+    {Role::AttnKBias, "self_attn.k_proj.bias"},
+    {Role::AttnVBias, "self_attn.v_proj.bias"},
+    {Role::AttnOutput, "self_attn.o_proj.weight"},
+    {Role::AttnQNorm, "self_attn.q_norm.weight", ValueForm::Norm},
+    {Role::AttnKNorm, "self_attn.k_norm.weight", ValueForm::Norm},
+};
+
+HeadAxis headAxis(Role role, const ModelShape& shape) {
+  using Kind = HeadAxis::Kind;
+  switch (role) {
+    case Role::AttnQkv:
+    case Role::SsmConv1d:  // queries and keys come before the values
+      return {Kind::Rows, 2 * shape.linearKeyWidth(), shape.linearHeadDim};
+    case Role::AttnGate:
+      return {Kind::Rows, 0, shape.linearHeadDim};
+    case Role::SsmBeta:
+    case Role::SsmAlpha:
+    case Role::SsmDtBias:
+    case Role::SsmA:
+      return {Kind::Rows, 0, 1};
+    case Role::SsmOut:
+      return {Kind::Columns, 0, shape.linearHeadDim};
+    default:
+      return {};
+  }
+}
+
+TensorSpec specOf(const ModelTensor& tensor, uint32_t layer, const ModelSizes& sizes) {
+  const auto* origin = std::find_if(std::begin(kOrigins), std::end(kOrigins),
+                                    [&](const Origin& o) { return o.role == tensor.role; });
+  std::string checkpoint;
+  if (tensor.group != TensorGroup::Model) {
+    checkpoint.append("layers.").append(std::to_string(layer)).append(".");
+  }
+  return {.tensor = &tensor,
+          .name = tensorName(tensor, layer),
+          .checkpoint = checkpoint.append(origin->name),
+          .dims = tensorDims(tensor, kFixedShape, sizes),
+          .form = origin->form,
+          .heads = headAxis(tensor.role, kFixedShape)};
+}
 
 }  // namespace
 
 std::vector<TensorSpec> modelTensors(const ModelSizes& sizes) {
-  return LayoutBuilder(sizes).build();
+  std::vector<TensorSpec> specs;
+  for (const ModelTensor& tensor : tensorsOf(TensorGroup::Model)) {
+    specs.push_back(specOf(tensor, 0, sizes));
+  }
+  for (uint32_t layer = 0; layer < kFixedShape.layers; ++layer) {
+    const auto attention = kFixedShape.isFull(layer) ? TensorGroup::Full : TensorGroup::Linear;
+    for (const ModelTensor& tensor : tensorsOf(TensorGroup::Common)) {
+      if (tensor.role == Role::PostAttnNorm) {  // attention is used before it
+        for (const ModelTensor& inside : tensorsOf(attention)) {
+          specs.push_back(specOf(inside, layer, sizes));
+        }
+      }
+      specs.push_back(specOf(tensor, layer, sizes));
+    }
+  }
+  return specs;
 }
 
 }  // namespace kel::convert

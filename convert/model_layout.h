@@ -1,5 +1,6 @@
-// The tensors that a container of this family holds, with what distinguishes each: the one table
-// from which both importers and the conversion work.
+// The tensors of a container as the importers and the conversion see them: those of
+// container/model_tensors.h, with their names and conventions in the training framework's
+// checkpoints.
 #pragma once
 
 #include <cstdint>
@@ -7,35 +8,21 @@
 #include <string_view>
 #include <vector>
 
+#include "container/model_shape.h"
+#include "container/model_tensors.h"
+
 namespace kel::convert {
 
-constexpr uint32_t kLayers = 32;
-constexpr uint64_t kKeyHeads = 16;
-constexpr uint64_t kValueHeads = 32;
-constexpr uint64_t kSsmHeadDim = 128;  // of key and value heads in linear-attention layers
-
-// Every fourth layer is full attention, the others are linear attention.
-constexpr bool isFullLayer(uint32_t layer) {
-  return (layer + 1) % 4 == 0;
-}
-
-// The three sizes that a model chooses.
-struct ModelSizes {
-  uint64_t hidden = 0;
-  uint64_t feedForward = 0;
-  uint64_t vocab = 0;
-};
-
-enum class TensorRole : uint8_t {
-  Embedding,
-  Matrix,
-  Norm,    // F32; checkpoints of the training framework store the weight less 1
-  Vector,  // F32, as it stands
-  Decay,   // F32; such checkpoints store log(-x)
+// How the values of a tensor differ from what such checkpoints store.
+enum class ValueForm : uint8_t {
+  Plain,  // not at all
+  Norm,   // they store the weight less 1
+  Decay,  // they store log(-x)
 };
 
 // Which axis runs over the value heads, and so has two orders. Grouped, in such checkpoints: the
-// value heads of a key head are neighbours. Tiled, in the runtime: they lie kKeyHeads apart.
+// value heads of a key head are neighbours. Tiled, in the runtime: they lie as far apart as there
+// are key heads.
 struct HeadAxis {
   enum class Kind : uint8_t { None, Rows, Columns } kind = Kind::None;
   uint64_t first = 0;  // row or column where the heads begin
@@ -43,22 +30,22 @@ struct HeadAxis {
 };
 
 struct TensorSpec {
+  const ModelTensor* tensor = nullptr;
   std::string name;              // in the container
-  std::string_view suffix;       // the name without its layer
-  std::string_view checkpoint;   // name in the training framework's checkpoints, likewise
+  std::string checkpoint;        // in such checkpoints, behind the prefix of all names
   std::vector<uint64_t> dims{};  // innermost first
-  TensorRole role = TensorRole::Matrix;
+  ValueForm form = ValueForm::Plain;
   HeadAxis heads{};
-  bool required = true;
 };
 
-// Model-level tensors first, then layer by layer.
+// Model-level tensors first, then layer by layer in the order of use, the optional ones included.
 std::vector<TensorSpec> modelTensors(const ModelSizes& sizes);
 
-// Index in the grouped order of the value head that the tiled order has at position head: tiled
-// 16 j + g is grouped 2 g + j.
+// Index in the grouped order of the value head that the tiled order has at position head: for 16
+// key heads and 32 value heads, tiled 16 j + g is grouped 2 g + j.
 constexpr uint64_t groupedHead(uint64_t head) {
-  constexpr uint64_t kPerKeyHead = kValueHeads / kKeyHeads;
+  constexpr uint64_t kKeyHeads = kFixedShape.linearKeyHeads;
+  constexpr uint64_t kPerKeyHead = kFixedShape.linearValueHeads / kKeyHeads;
   return head % kKeyHeads * kPerKeyHead + head / kKeyHeads;
 }
 

@@ -1,14 +1,11 @@
 #include "convert/norm_check.h"
 
-#include <string_view>
-
 #include "convert/errors.h"
 
 namespace kel::convert {
 
 namespace {
 
-constexpr std::string_view kInputNorm = "attn_norm.weight";
 constexpr double kLeastMean = 0.5;
 // Of weights stored less 1. Below: too few negative ones for numbers about 0.
 constexpr double kMostShiftedMean = 0.5;
@@ -22,7 +19,7 @@ Status checkNorms(const std::vector<PlannedTensor>& plan, const SourceModel& sou
   double count = 0;
   std::vector<float> values;
   for (const PlannedTensor& tensor : plan) {
-    if (tensor.spec.suffix != kInputNorm) {
+    if (tensor.spec.tensor->role != TensorRole::AttnNorm) {
       continue;
     }
     values.resize(tensor.spec.dims[0]);
@@ -45,8 +42,8 @@ Status checkNorms(const std::vector<PlannedTensor>& plan, const SourceModel& sou
   const double asUsed = source.normsLessOne ? 1 + mean : mean;
   if (!(asUsed > kLeastMean)) {
     return unsupported(
-        "the mean of {} is {:.3f}; the runtime needs norms with the 1 added, above {}", kInputNorm,
-        asUsed, kLeastMean);
+        "the mean of {} is {:.3f}; the runtime needs norms with the 1 added, above {}",
+        tensorOf(TensorRole::AttnNorm).suffix, asUsed, kLeastMean);
   }
   return Status::success();
 }

@@ -3,8 +3,8 @@
 #include <cstring>
 #include <iterator>
 
-#include "convert/bfloat16.h"
 #include "convert/block_decoders.h"
+#include "quant/bfloat16.h"
 #include "quant/blocks.h"
 
 namespace kel::convert {
@@ -26,21 +26,21 @@ void decodeHalves(const void* src, float* dst, size_t n) {
 }
 
 constexpr SourceTypeInfo kTypes[] = {
-    {"F32", 1, 4, decodeF32, QuantType::F32},
-    {"F16", 1, 2, decodeHalves<quant::f16ToF32>, {}},
-    {"BF16", 1, 2, decodeHalves<bfloat16ToFloat>, QuantType::BF16},
-    {"Q4_0", 32, 18, decodeQ40, {}},
-    {"Q4_1", 32, 20, decodeQ41, {}},
-    {"Q5_0", 32, 22, decodeQ50, {}},
-    {"Q5_1", 32, 24, decodeQ51, {}},
-    {"Q8_0", 32, 34, quant::dequantQ80, QuantType::Q8_0},
-    {"Q2_K", 256, 84, decodeQ2K, {}},
-    {"Q3_K", 256, 110, decodeQ3K, {}},
-    {"Q4_K", 256, 144, quant::dequantQ4K, QuantType::Q4_K},
-    {"Q5_K", 256, 176, quant::dequantQ5K, QuantType::Q5_K},
-    {"Q6_K", 256, 210, quant::dequantQ6K, {}},
-    {"IQ4_NL", 32, 18, decodeIQ4NL, {}},
-    {"IQ4_XS", 256, 136, decodeIQ4XS, {}},
+    {"F32", quant::blockFormat(QuantType::F32), decodeF32, QuantType::F32},
+    {"F16", quant::blockFormat(QuantType::F16), decodeHalves<quant::f16ToF32>, {}},
+    {"BF16", quant::blockFormat(QuantType::BF16), decodeHalves<quant::bf16ToF32>, QuantType::BF16},
+    {"Q4_0", {quant::kBlockLen, 18}, decodeQ40, {}},
+    {"Q4_1", {quant::kBlockLen, 20}, decodeQ41, {}},
+    {"Q5_0", {quant::kBlockLen, 22}, decodeQ50, {}},
+    {"Q5_1", {quant::kBlockLen, 24}, decodeQ51, {}},
+    {"Q8_0", quant::blockFormat(QuantType::Q8_0), quant::dequantQ80, QuantType::Q8_0},
+    {"Q2_K", {quant::kSuperBlockLen, 84}, decodeQ2K, {}},
+    {"Q3_K", {quant::kSuperBlockLen, 110}, decodeQ3K, {}},
+    {"Q4_K", quant::blockFormat(QuantType::Q4_K), quant::dequantQ4K, QuantType::Q4_K},
+    {"Q5_K", quant::blockFormat(QuantType::Q5_K), quant::dequantQ5K, QuantType::Q5_K},
+    {"Q6_K", quant::blockFormat(QuantType::Q6_K), quant::dequantQ6K, {}},
+    {"IQ4_NL", {quant::kBlockLen, 18}, decodeIQ4NL, {}},
+    {"IQ4_XS", quant::blockFormat(QuantType::IQ4_XS), decodeIQ4XS, {}},
 };
 static_assert(std::size(kTypes) == static_cast<size_t>(SourceType::IQ4_XS) + 1);
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "quant/quant_type.h"
+#include "quant/block_sizes.h"
 
 namespace kel::convert {
 
@@ -30,9 +30,8 @@ enum class SourceType : uint8_t {
 
 struct SourceTypeInfo {
   const char* name;
-  uint32_t blockLen;    // elements
-  uint32_t blockBytes;  // of one block
-  // n elements, a multiple of blockLen, at any alignment. Any thread.
+  quant::BlockFormat block;
+  // n elements, a multiple of the block's, at any alignment. Any thread.
   void (*decode)(const void* src, float* dst, size_t n);
   // The container's type of the same bytes, where matrix products accept it.
   std::optional<QuantType> kept;

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "convert/errors.h"
-#include "quant/blocks.h"
+#include "quant/block_sizes.h"
 
 namespace kel::convert {
 
@@ -26,36 +26,40 @@ constexpr Named kTypeNames[] = {{"f32", QuantType::F32},
 // In the order of the enumeration.
 constexpr std::string_view kPresetNames[] = {"small", "balanced", "best", "full"};
 
-bool isOneOf(std::string_view name, std::initializer_list<std::string_view> names) {
-  return std::find(names.begin(), names.end(), name) != names.end();
+QuantType smallType(TensorRole role) {
+  switch (role) {
+    case TensorRole::Embedding:
+    case TensorRole::SsmOut:
+      return QuantType::Q8_0;
+    case TensorRole::SsmAlpha:
+    case TensorRole::SsmBeta:
+      return QuantType::BF16;
+    case TensorRole::FfnGate:
+    case TensorRole::FfnUp:
+      return QuantType::Q4_K;
+    default:
+      return QuantType::Q5_K;
+  }
 }
 
-QuantType smallType(const MatrixToStore& matrix) {
-  if (matrix.embedding || matrix.suffix == "ssm_out.weight") {
-    return QuantType::Q8_0;
+QuantType balancedType(TensorRole role) {
+  switch (role) {
+    case TensorRole::Embedding:
+    case TensorRole::SsmOut:
+    case TensorRole::AttnQkv:
+    case TensorRole::AttnGate:
+      return QuantType::Q8_0;
+    default:
+      return QuantType::Q5_K;
   }
-  if (isOneOf(matrix.suffix, {"ssm_alpha.weight", "ssm_beta.weight"})) {
-    return QuantType::BF16;
-  }
-  if (isOneOf(matrix.suffix, {"ffn_gate.weight", "ffn_up.weight"})) {
-    return QuantType::Q4_K;
-  }
-  return QuantType::Q5_K;
 }
 
-QuantType balancedType(const MatrixToStore& matrix) {
-  const bool sensitive =
-      matrix.embedding ||
-      isOneOf(matrix.suffix, {"ssm_out.weight", "attn_qkv.weight", "attn_gate.weight"});
-  return sensitive ? QuantType::Q8_0 : QuantType::Q5_K;
-}
-
-QuantType presetType(const MatrixToStore& matrix, Preset preset) {
+QuantType presetType(TensorRole role, Preset preset) {
   switch (preset) {
     case Preset::Small:
-      return smallType(matrix);
+      return smallType(role);
     case Preset::Balanced:
-      return balancedType(matrix);
+      return balancedType(role);
     case Preset::Best:
       return QuantType::Q8_0;
     case Preset::Full:
@@ -78,14 +82,14 @@ Storage keptStorage(const MatrixToStore& matrix) {
 }
 
 Storage wantedStorage(const MatrixToStore& matrix, const StorageChoice& choice) {
-  if (matrix.embedding && choice.embeddingType) {
+  if (matrix.role == TensorRole::Embedding && choice.embeddingType) {
     return {*choice.embeddingType, "embedding type as asked for"};
   }
   if (choice.type) {
     return {*choice.type, "type as asked for"};
   }
   if (choice.preset) {
-    return {presetType(matrix, *choice.preset),
+    return {presetType(matrix.role, *choice.preset),
             fmt::format("preset {}", presetName(*choice.preset))};
   }
   return keptStorage(matrix);
@@ -93,29 +97,17 @@ Storage wantedStorage(const MatrixToStore& matrix, const StorageChoice& choice) 
 
 // The nearest format whose blocks divide the row.
 QuantType fittingType(QuantType wanted, uint64_t cols) {
-  if (cols % storedBlockLen(wanted) == 0) {
+  if (cols % quant::blockFormat(wanted).elements == 0) {
     return wanted;
   }
   return cols % quant::kBlockLen == 0 ? QuantType::Q8_0 : QuantType::BF16;
 }
 
 bool isLossy(SourceType type) {
-  return sourceTypeInfo(type).blockLen > 1;
+  return sourceTypeInfo(type).block.elements > 1;
 }
 
 }  // namespace
-
-uint64_t storedBlockLen(QuantType type) {
-  switch (type) {
-    case QuantType::Q8_0:
-      return quant::kBlockLen;
-    case QuantType::Q4_K:
-    case QuantType::Q5_K:
-      return quant::kSuperBlockLen;
-    default:
-      return 1;
-  }
-}
 
 Storage chooseStorage(const MatrixToStore& matrix, const StorageChoice& choice) {
   const SourceTypeInfo& source = sourceTypeInfo(matrix.source);

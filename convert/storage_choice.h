@@ -4,14 +4,14 @@
 #include <cstdint>
 #include <string>
 
+#include "container/model_tensors.h"
 #include "convert/convert.h"
 #include "convert/source_type.h"
 
 namespace kel::convert {
 
 struct MatrixToStore {
-  std::string_view suffix;  // name without the layer
-  bool embedding = false;
+  TensorRole role = TensorRole::Embedding;
   SourceType source = SourceType::F32;
   uint64_t cols = 0;
   bool blocksSplit = false;  // reordering moves parts of the source's blocks: they cannot be copied
@@ -21,9 +21,6 @@ struct Storage {
   QuantType type = QuantType::F32;
   std::string reason;  // empty: the source's own type
 };
-
-// Elements that one block of a type holds, 1 for plain numbers. type: one that products accept.
-uint64_t storedBlockLen(QuantType type);
 
 Storage chooseStorage(const MatrixToStore& matrix, const StorageChoice& choice);
 

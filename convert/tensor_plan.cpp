@@ -15,8 +15,9 @@ namespace kel::convert {
 
 namespace {
 
-constexpr std::string_view kEmbeddingName = "token_embd.weight";
-constexpr std::string_view kGateName = "blk.0.ffn_gate.weight";
+std::string embeddingName() {
+  return tensorName(tensorOf(TensorRole::Embedding));
+}
 
 std::string shapeText(const std::vector<uint64_t>& dims) {
   return fmt::format("[{}]", fmt::join(dims, ", "));
@@ -35,13 +36,14 @@ Status missing(std::string_view name) {
 
 // The sizes come from two tensors, which the others are then held against.
 Status readSizes(const SourceModel& source, ModelSizes& sizes) {
-  const auto embedding = source.tensors.find(std::string(kEmbeddingName));
-  const auto gate = source.tensors.find(std::string(kGateName));
+  const std::string gateName = tensorName(tensorOf(TensorRole::FfnGate), 0);
+  const auto embedding = source.tensors.find(embeddingName());
+  const auto gate = source.tensors.find(gateName);
   if (embedding == source.tensors.end()) {
-    return missing(kEmbeddingName);
+    return missing(embeddingName());
   }
   if (gate == source.tensors.end()) {
-    return missing(kGateName);
+    return missing(gateName);
   }
   for (const auto* tensor : {&embedding->second, &gate->second}) {
     if (tensor->dims.size() != 2 || tensor->dims[0] == 0 || tensor->dims[1] == 0) {
@@ -83,7 +85,7 @@ Status checkOutputHead(const SourceModel& source, ProgressSink& progress) {
     return Status::success();
   }
   const SourceTensor& head = *source.outputHead;
-  const SourceTensor& embedding = source.tensors.at(std::string(kEmbeddingName));
+  const SourceTensor& embedding = source.tensors.at(embeddingName());
   if (head.typeName == embedding.typeName && sameBytes(head, embedding, progress)) {
     return Status::success();
   }
@@ -107,7 +109,7 @@ bool sameShape(std::vector<uint64_t> dims, const std::vector<uint64_t>& wanted) 
 // A vector of one element a head cannot be put into another order block by block.
 Status checkVectorType(const SourceTensor& tensor, const TensorSpec& spec, bool groupedHeads) {
   const bool isReordered = groupedHeads && spec.heads.kind == HeadAxis::Kind::Rows;
-  if (spec.dims.size() != 1 || !isReordered || sourceTypeInfo(*tensor.type).blockLen == 1) {
+  if (spec.dims.size() != 1 || !isReordered || sourceTypeInfo(*tensor.type).block.elements == 1) {
     return Status::success();
   }
   return unsupported(
@@ -129,20 +131,14 @@ Status checkTensor(const SourceTensor& tensor, const TensorSpec& spec, bool grou
       tensor.name, tensor.typeName);
 }
 
-bool isMatrix(const TensorSpec& spec) {
-  return spec.role == TensorRole::Matrix || spec.role == TensorRole::Embedding;
-}
-
 void decideStorage(const SourceModel& source, const StorageChoice& choice, PlannedTensor& plan) {
   const SourceTypeInfo& from = sourceTypeInfo(*plan.source->type);
-  if (isMatrix(plan.spec)) {
+  if (plan.spec.tensor->kind == TensorKind::Matrix) {
     const HeadAxis& heads = plan.spec.heads;
     const bool blocksSplit = source.groupedHeads && heads.kind == HeadAxis::Kind::Columns &&
-                             heads.unit % from.blockLen != 0;
-    const Storage storage =
-        chooseStorage({plan.spec.suffix, plan.spec.role == TensorRole::Embedding,
-                       *plan.source->type, plan.spec.dims[0], blocksSplit},
-                      choice);
+                             heads.unit % from.block.elements != 0;
+    const Storage storage = chooseStorage(
+        {plan.spec.tensor->role, *plan.source->type, plan.spec.dims[0], blocksSplit}, choice);
     plan.stored = storage.type;
     plan.reason = storage.reason;
     plan.copied = from.kept == storage.type && !blocksSplit;
@@ -162,7 +158,7 @@ Status checkNoOthers(const SourceModel& source, const std::set<std::string>& use
   for (const auto& [name, tensor] : source.tensors) {
     if (!used.contains(name)) {
       return unsupported("{} has no place in a model of {} blocks of this family", tensor.name,
-                         kLayers);
+                         kFixedShape.layers);
     }
   }
   return Status::success();
@@ -184,7 +180,7 @@ Status planTensors(const SourceModel& source, const StorageChoice& storage, Prog
   for (TensorSpec& spec : modelTensors(sizes)) {
     const auto found = source.tensors.find(spec.name);
     if (found == source.tensors.end()) {
-      if (spec.required) {
+      if (spec.tensor->required) {
         return missing(spec.name);
       }
       continue;

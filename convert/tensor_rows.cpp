@@ -5,8 +5,8 @@
 #include <cmath>
 #include <cstring>
 
-#include "convert/bfloat16.h"
 #include "convert/mapped_file.h"
+#include "quant/bfloat16.h"
 #include "quant/blocks.h"
 
 namespace kel::convert {
@@ -15,7 +15,7 @@ namespace {
 
 void encodeBfloat16(const float* values, size_t n, uint8_t* out) {
   for (size_t i = 0; i < n; ++i) {
-    const uint16_t half = floatToBfloat16(values[i]);
+    const uint16_t half = quant::f32ToBf16(values[i]);
     std::memcpy(out + 2 * i, &half, sizeof(half));
   }
 }
@@ -32,7 +32,7 @@ bool allFinite(const float* values, size_t n) {
 
 // Columns of all value heads from grouped to tiled order; unitBytes: of one head.
 void tileColumns(const uint8_t* from, uint8_t* out, size_t unitBytes) {
-  for (uint64_t head = 0; head < kValueHeads; ++head) {
+  for (uint64_t head = 0; head < kFixedShape.linearValueHeads; ++head) {
     std::memcpy(out + head * unitBytes, from + groupedHead(head) * unitBytes, unitBytes);
   }
 }
@@ -57,14 +57,14 @@ void encodeRow(QuantType type, const float* values, size_t n, uint8_t* out) {
 TensorRows::TensorRows(const PlannedTensor& planned, const SourceModel& source)
     : plan(planned),
       heads(source.groupedHeads ? planned.spec.heads : HeadAxis{}),
-      addOne(planned.spec.role == TensorRole::Norm && source.normsLessOne),
-      negateExp(planned.spec.role == TensorRole::Decay && source.decaysAsLogs) {
+      addOne(planned.spec.form == ValueForm::Norm && source.normsLessOne),
+      negateExp(planned.spec.form == ValueForm::Decay && source.decaysAsLogs) {
   const std::vector<uint64_t>& dims = plan.spec.dims;
   const bool elementPerRow = dims.size() == 1 && heads.kind == HeadAxis::Kind::Rows;
   colCount = elementPerRow ? 1 : dims[0];
   rowCount = elementPerRow ? dims[0] : dims.size() == 1 ? 1 : dims[1];
   const SourceTypeInfo& from = sourceTypeInfo(*plan.source->type);
-  sourceBytes = colCount / from.blockLen * from.blockBytes;
+  sourceBytes = colCount / from.block.elements * from.block.bytes;
   storedBytes = quant::quantizedBytes(plan.stored, colCount);
 }
 
@@ -83,7 +83,7 @@ const uint8_t* TensorRows::sourceRow(uint64_t row) const {
 
 void TensorRows::copyRow(const uint8_t* from, uint8_t* out) const {
   if (heads.kind == HeadAxis::Kind::Columns) {
-    tileColumns(from, out, sourceBytes / kValueHeads);
+    tileColumns(from, out, sourceBytes / kFixedShape.linearValueHeads);
   } else {
     std::memcpy(out, from, sourceBytes);
   }
@@ -100,7 +100,7 @@ bool TensorRows::transform(float* values) const {
       values[i] = -std::exp(values[i]);
     }
   }
-  if (plan.spec.role == TensorRole::Decay) {
+  if (plan.spec.form == ValueForm::Decay) {
     for (uint64_t i = 0; i < colCount; ++i) {
       if (!(values[i] < 0)) {
         return false;
@@ -121,7 +121,7 @@ bool TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
   if (heads.kind == HeadAxis::Kind::Columns) {
     float* tiled = scratch + colCount;
     tileColumns(reinterpret_cast<const uint8_t*>(values), reinterpret_cast<uint8_t*>(tiled),
-                colCount / kValueHeads * sizeof(float));
+                colCount / kFixedShape.linearValueHeads * sizeof(float));
     values = tiled;
   }
   if (!transform(values)) {

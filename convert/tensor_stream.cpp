@@ -18,7 +18,7 @@ constexpr uint64_t kSmallBytes = uint64_t{256} << 10;  // of decoded floats
 
 Status badValue(const PlannedTensor& plan) {
   return unsupported("{} holds a value that is not finite{}", plan.source->name,
-                     plan.spec.role == TensorRole::Decay ? " or gives no negative decay" : "");
+                     plan.spec.form == ValueForm::Decay ? " or gives no negative decay" : "");
 }
 
 Status copyStretches(const PlannedTensor& plan, const StoredBytesSink& sink) {

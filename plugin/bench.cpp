@@ -57,7 +57,7 @@ uint32_t measure(Qwen35Session& session, int32_t genTokens, int32_t extraTokens,
   if (!session.tokenizer->encode(kBenchPrompt, ids, true).ok()) {
     return ZYM_STATUS_FAILED;
   }
-  session.startOver();
+  session.endChat();
   const float temperature = session.temperature;
   const int32_t topK = session.topK;
   session.temperature = 0;
@@ -86,7 +86,7 @@ uint32_t measure(Qwen35Session& session, int32_t genTokens, int32_t extraTokens,
 
   session.temperature = temperature;
   session.topK = topK;
-  session.restart();
+  session.clearContext();
   return ZYM_STATUS_OK;
 }
 

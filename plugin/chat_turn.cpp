@@ -36,7 +36,7 @@ struct OpenTurn {
 // the caches whatever was fed.
 bool openTurn(Qwen35Session& session, const char* userText, OpenTurn& turn) {
   if (!session.chatActive) {
-    session.restart();
+    session.clearContext();
   }
   std::vector<int> ids;
   if (!session.tokenizer->encode(turnText(userText), ids, true).ok()) {

@@ -33,7 +33,7 @@ uint32_t qwen35V2Reset(ZYMRuntimeHandle* handle) {
     return ZYM_STATUS_INVALID_ARGUMENT;
   }
   return guarded([handle]() -> uint32_t {
-    sessionOf(handle)->startOver();
+    sessionOf(handle)->endChat();
     sessionOf(handle)->lastDecodeMs = 0;
     return ZYM_STATUS_OK;
   });

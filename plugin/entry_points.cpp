@@ -1,8 +1,14 @@
 // The exported entry points and the constant tables that they return.
+#include "container/model_shape.h"
 #include "plugin/operations.h"
+#include "session/decode_loop.h"
 #include "zym/plugin.h"
 
 namespace {
+
+// The limits that hosts are told are those that sessions keep.
+static_assert(session::kMaxNewTokens == ZYM_MAX_TURN_TOKENS);
+static_assert(kel::kFixedShape.contextLength == ZYM_CONTEXT_CAPACITY);
 
 constexpr const char* kRuntimeName = "qwen35-cpu";
 

@@ -17,7 +17,7 @@ uint32_t complete(Qwen35Session& session, const char* prompt, char* out, size_t 
   if (!session.tokenizer->encode(prompt == nullptr ? "" : prompt, ids, true).ok()) {
     return ZYM_STATUS_FAILED;
   }
-  session.startOver();
+  session.endChat();
   if (!session.canRun()) {
     return ZYM_STATUS_FAILED;
   }

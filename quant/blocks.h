@@ -1,4 +1,5 @@
-// Block formats: storage sizes, half precision, decoders and encoders of every quantised format.
+// Block formats: half precision, decoders and encoders of every quantised format, and the storage
+// sizes of quant/block_sizes.h.
 //
 // Layouts and formulas are stated beside each function's definition and in docs/block-formats.md;
 // all multi-byte fields are little-endian. A row of n elements is ceil(n / block) consecutive
@@ -9,19 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "quant/quant_type.h"
+#include "quant/block_sizes.h"
 
 namespace kel::quant {
-
-constexpr size_t kBlockLen = 32;        // elements of a Q4_0 or Q8_0 block
-constexpr size_t kSuperBlockLen = 256;  // elements of a K-format super-block
-constexpr size_t kQ40Bytes = 18;
-constexpr size_t kQ80Bytes = 34;
-constexpr size_t kQ4KBytes = 144;
-constexpr size_t kQ5KBytes = 176;
-constexpr size_t kQ6KBytes = 210;
-constexpr size_t kIQ4XSBytes = 136;
-constexpr size_t kQ8KBytes = 290;
 
 // IEEE 754 binary32 -> binary16, round to nearest, ties to even. NaN becomes a quiet NaN with the
 // input's sign and no payload.
@@ -29,12 +20,6 @@ uint16_t f32ToF16(float x);
 
 // IEEE 754 binary16 -> binary32, exact; a NaN keeps its payload.
 float f16ToF32(uint16_t h);
-
-// Bytes that n elements of a type occupy; 0 for a value that is no type.
-size_t quantizedBytes(QuantType type, size_t n);
-
-// The same for Q4_K, Q5_K, Q6_K and IQ4_XS alone; 0 for any other type.
-size_t quantizedBytesK(QuantType type, size_t n);
 
 // 6-bit scale and minimum of sub-block j (0..7) from the 12 packed bytes of Q4_K and Q5_K.
 void getScaleMinK4(int j, const uint8_t* scales, uint8_t& sc, uint8_t& m);

@@ -1,55 +1,31 @@
 // Lookup of every weight by name.
 
-#include <string>
-
+#include "container/model_tensors.h"
+#include "qwen35/layer_tensors.h"
 #include "qwen35/model.h"
 
 namespace qwen35 {
 
 namespace {
 
-struct Binding {
-  const kel::TensorView* Layer::*field;
-  const char* suffix;
-  bool required = true;
-};
-
-constexpr Binding kCommonBindings[] = {
-    {&Layer::attnNorm, "attn_norm.weight"}, {&Layer::postAttnNorm, "post_attention_norm.weight"},
-    {&Layer::ffnGate, "ffn_gate.weight"},   {&Layer::ffnUp, "ffn_up.weight"},
-    {&Layer::ffnDown, "ffn_down.weight"},
-};
-
-constexpr Binding kLinearBindings[] = {
-    {&Layer::attnQkv, "attn_qkv.weight"},     {&Layer::attnGate, "attn_gate.weight"},
-    {&Layer::ssmBeta, "ssm_beta.weight"},     {&Layer::ssmAlpha, "ssm_alpha.weight"},
-    {&Layer::ssmDtBias, "ssm_dt.bias"},       {&Layer::ssmA, "ssm_a"},
-    {&Layer::ssmConv1d, "ssm_conv1d.weight"}, {&Layer::ssmNorm, "ssm_norm.weight"},
-    {&Layer::ssmOut, "ssm_out.weight"},
-};
-
-constexpr Binding kFullBindings[] = {
-    {&Layer::attnQ, "attn_q.weight"},           {&Layer::attnK, "attn_k.weight"},
-    {&Layer::attnV, "attn_v.weight"},           {&Layer::attnQBias, "attn_q.bias", false},
-    {&Layer::attnKBias, "attn_k.bias", false},  {&Layer::attnVBias, "attn_v.bias", false},
-    {&Layer::attnOutput, "attn_output.weight"}, {&Layer::attnQNorm, "attn_q_norm.weight"},
-    {&Layer::attnKNorm, "attn_k_norm.weight"},
-};
-
-template <size_t N>
-bool bindAll(const kel::ZYMLoader& loader, const std::string& prefix, const Binding (&bindings)[N],
-             Layer& layer) {
-  bool complete = true;
-  for (const Binding& binding : bindings) {
-    layer.*binding.field = loader.findTensor(prefix + binding.suffix);
-    complete = complete && (layer.*binding.field != nullptr || !binding.required);
+// All are looked up, whatever is missing.
+bool bindGroup(const kel::ZYMLoader& loader, kel::TensorGroup group, uint32_t index, Layer& layer) {
+  bool isComplete = true;
+  for (const kel::ModelTensor& tensor : kel::tensorsOf(group)) {
+    const kel::TensorView*& field = layerTensor(layer, tensor.role);
+    field = loader.findTensor(kel::tensorName(tensor, index));
+    isComplete = isComplete && (field != nullptr || !tensor.required);
   }
-  return complete;
+  return isComplete;
 }
 
-bool initLinearLayer(const kel::ZYMLoader& loader, const std::string& prefix, const Model& m,
-                     Layer& layer) {
-  if (!bindAll(loader, prefix, kLinearBindings, layer)) {
+const kel::TensorView* findTensor(const kel::ZYMLoader& loader, kel::TensorRole role,
+                                  uint32_t layer = 0) {
+  return loader.findTensor(kel::tensorName(kel::tensorOf(role), layer));
+}
+
+bool initLinearLayer(const kel::ZYMLoader& loader, uint32_t index, const Model& m, Layer& layer) {
+  if (!bindGroup(loader, kel::TensorGroup::Linear, index, layer)) {
     return false;
   }
   layer.ssmState = StateBuffer(m.ssmDState * m.ssmDState * m.ssmHeads);
@@ -57,9 +33,9 @@ bool initLinearLayer(const kel::ZYMLoader& loader, const std::string& prefix, co
   return true;
 }
 
-bool initFullLayer(const kel::ZYMLoader& loader, const std::string& prefix, const Model& m,
-                   size_t maxCtx, Layer& layer) {
-  if (!bindAll(loader, prefix, kFullBindings, layer)) {
+bool initFullLayer(const kel::ZYMLoader& loader, uint32_t index, const Model& m, size_t maxCtx,
+                   Layer& layer) {
+  if (!bindGroup(loader, kel::TensorGroup::Full, index, layer)) {
     return false;
   }
   layer.kCache = StateBuffer(m.nHeadKv * m.headDim * maxCtx);
@@ -67,26 +43,25 @@ bool initFullLayer(const kel::ZYMLoader& loader, const std::string& prefix, cons
   return true;
 }
 
-bool initLayer(const kel::ZYMLoader& loader, const std::string& prefix, const Model& m,
-               size_t maxCtx, Layer& layer) {
-  if (!bindAll(loader, prefix, kCommonBindings, layer)) {
+bool initLayer(const kel::ZYMLoader& loader, uint32_t index, const Model& m, size_t maxCtx,
+               Layer& layer) {
+  if (!bindGroup(loader, kel::TensorGroup::Common, index, layer)) {
     return false;
   }
   // The output projection alone tells the kind: a layer without it is full attention, whatever
   // other tensors the file holds for it.
-  layer.isLinear = loader.findTensor(prefix + "ssm_out.weight") != nullptr;
-  return layer.isLinear ? initLinearLayer(loader, prefix, m, layer)
-                        : initFullLayer(loader, prefix, m, maxCtx, layer);
+  layer.isLinear = findTensor(loader, kel::TensorRole::SsmOut, index) != nullptr;
+  return layer.isLinear ? initLinearLayer(loader, index, m, layer)
+                        : initFullLayer(loader, index, m, maxCtx, layer);
 }
 
 }  // namespace
 
 bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
   m.layers.clear();
-  m.layers.resize(kLayers);
-  for (size_t i = 0; i < kLayers; ++i) {
-    const std::string prefix = "blk." + std::to_string(i) + ".";
-    if (!initLayer(loader, prefix, m, maxCtx, m.layers[i])) {
+  m.layers.resize(m.shape.layers);
+  for (uint32_t i = 0; i < m.shape.layers; ++i) {
+    if (!initLayer(loader, i, m, maxCtx, m.layers[i])) {
       return false;
     }
   }
@@ -95,8 +70,8 @@ bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
 }
 
 bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
-  m.tokEmbd = loader.findTensor("token_embd.weight");
-  m.outputNorm = loader.findTensor("output_norm.weight");
+  m.tokEmbd = findTensor(loader, kel::TensorRole::Embedding);
+  m.outputNorm = findTensor(loader, kel::TensorRole::OutputNorm);
   if (m.tokEmbd == nullptr || m.outputNorm == nullptr) {
     return false;
   }

@@ -1,22 +1,17 @@
 #include "qwen35/diagnostics.h"
 
-#include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 
-#include "qwen35/products.h"
+#include "qwen35/weights.h"
 
 namespace qwen35 {
 
 static_assert(std::endian::native == std::endian::little, "dump records are written as they lie");
 
 namespace {
-
-// The periodic reports look at one position in eight.
-constexpr size_t kReportPeriod = 8;
 
 double dot(std::span<const float> a, std::span<const float> b) {
   double sum = 0;
@@ -28,20 +23,24 @@ double dot(std::span<const float> a, std::span<const float> b) {
 
 }  // namespace
 
-bool diagnosticSet(const char* variable) {
-  return std::getenv(variable) != nullptr;
+Diagnostics Diagnostics::fromEnvironment() {
+  const auto isSet = [](const char* variable) { return std::getenv(variable) != nullptr; };
+  const char* const kept = std::getenv("QWEN35_ABLATE");
+  return {.layerNorms = isSet("QWEN35_DBG"),
+          .linearStep = isSet("QWEN35_DBG2"),
+          .scores = isSet("QWEN35_DBG3"),
+          .linearState = isSet("QWEN35_DBG4"),
+          .timing = isSet("QWEN35_TIMING"),
+          .ablation = kept != nullptr,
+          .skipsLinear = kept != nullptr && std::strcmp(kept, "full") == 0,
+          .skipsFull = kept != nullptr && std::strcmp(kept, "lin") == 0,
+          .noDecay = isSet("QWEN35_NODECAY"),
+          .dump = std::getenv("QWEN35_HID_DUMP")};
 }
 
-bool anyDiagnosticSet() {
-  constexpr const char* kVariables[] = {"QWEN35_DBG",     "QWEN35_DBG2",    "QWEN35_DBG3",
-                                        "QWEN35_DBG4",    "QWEN35_TIMING",  "QWEN35_ABLATE",
-                                        "QWEN35_NODECAY", "QWEN35_HID_DUMP"};
-  return std::any_of(std::begin(kVariables), std::end(kVariables), diagnosticSet);
-}
-
-bool isAblated(bool isLinear) {
-  const char* kept = std::getenv("QWEN35_ABLATE");
-  return kept != nullptr && std::strcmp(kept, isLinear ? "full" : "lin") == 0;
+bool Diagnostics::any() const {
+  return layerNorms || linearStep || scores || linearState || timing || ablation || noDecay ||
+         dump != nullptr;
 }
 
 double l2Norm(std::span<const float> v) {
@@ -65,10 +64,6 @@ void printPassNorms(std::span<const float> embedding, std::span<const float> x) 
                dot(embedding, x) / (original * current));
 }
 
-bool linearReportWanted(size_t layerIdx) {
-  return layerIdx == 0 && diagnosticSet("QWEN35_DBG2");
-}
-
 void printLinearStep(const LinearStepView& step) {
   const kel::TensorView& conv1d = step.convWeights;
   std::fprintf(stderr,
@@ -87,18 +82,10 @@ void printLinearStep(const LinearStepView& step) {
   }
 }
 
-bool stateReportWanted(size_t pos, size_t layerIdx) {
-  return layerIdx == 0 && pos % kReportPeriod == 0 && diagnosticSet("QWEN35_DBG4");
-}
-
 void printLinearState(const LinearStepView& step, size_t pos) {
   std::fprintf(stderr, "LIN S-pos=%zu |S|tot %.4e head0 %.4e |oT| %.3e av0 %.4f bv0 %.4f\n", pos,
                l2Norm(step.state), l2Norm(step.state.first(step.headState)), l2Norm(step.o),
                static_cast<double>(step.g0), static_cast<double>(step.beta0));
-}
-
-bool scoreReportWanted(size_t pos, size_t layerIdx) {
-  return layerIdx == 3 && pos % kReportPeriod == 0 && diagnosticSet("QWEN35_DBG3");
 }
 
 void printScoreStatistics(const float* scores, size_t cached, float highest) {
@@ -115,8 +102,8 @@ void printHiddenTiming(size_t pos, double milliseconds) {
   std::fprintf(stderr, "[timing] hidden fwd pos=%zu %.1f ms\n", pos, milliseconds);
 }
 
-HiddenDump::HiddenDump() {
-  if (const char* path = std::getenv("QWEN35_HID_DUMP"); path != nullptr) {
+HiddenDump::HiddenDump(const char* path) {
+  if (path != nullptr) {
     file = std::fopen(path, "ab");
   }
 }

@@ -9,9 +9,9 @@
 //   QWEN35_NODECAY   the recurrent state is not decayed
 //   QWEN35_HID_DUMP  file to which forwardToken appends every intermediate vector
 //
-// The variables are read on every call, so that a running host can be looked into. Lines go to
-// standard error; their formats are read by scripts and stay as they are. But for QWEN35_ABLATE and
-// QWEN35_NODECAY, nothing here changes a result.
+// The variables are read at the start of every pass, so that a running host can be looked into.
+// Lines go to standard error; their formats are read by scripts and stay as they are. But for
+// QWEN35_ABLATE and QWEN35_NODECAY, nothing here changes a result.
 #pragma once
 
 #include <cstddef>
@@ -23,14 +23,36 @@
 
 namespace qwen35 {
 
-// True when the environment has the variable, whatever its value.
-bool diagnosticSet(const char* variable);
+// Which switches are on.
+struct Diagnostics {
+  // What the environment says.
+  static Diagnostics fromEnvironment();
 
-// True when the environment has any of the variables above.
-bool anyDiagnosticSet();
+  bool any() const;
 
-// True when QWEN35_ABLATE names the other kind of attention block.
-bool isAblated(bool isLinear);
+  bool layerNorms = false;     // QWEN35_DBG
+  bool linearStep = false;     // QWEN35_DBG2
+  bool scores = false;         // QWEN35_DBG3
+  bool linearState = false;    // QWEN35_DBG4
+  bool timing = false;         // QWEN35_TIMING
+  bool ablation = false;       // QWEN35_ABLATE is set, to whatever value
+  bool skipsLinear = false;    // it says "full"
+  bool skipsFull = false;      // it says "lin"
+  bool noDecay = false;        // QWEN35_NODECAY
+  const char* dump = nullptr;  // QWEN35_HID_DUMP
+
+  bool skips(bool isLinear) const { return isLinear ? skipsLinear : skipsFull; }
+  bool reportsLinearStep(size_t layerIdx) const { return linearStep && layerIdx == 0; }
+  bool reportsLinearState(size_t pos, size_t layerIdx) const {
+    return linearState && layerIdx == 0 && pos % kReportPeriod == 0;
+  }
+  bool reportsScores(size_t pos, size_t layerIdx) const {
+    return scores && layerIdx == 3 && pos % kReportPeriod == 0;
+  }
+
+  // The periodic reports look at one position in eight.
+  static constexpr size_t kReportPeriod = 8;
+};
 
 // Euclidean norm, summed in double.
 double l2Norm(std::span<const float> v);
@@ -56,24 +78,21 @@ struct LinearStepView {
   float g0;
   const kel::TensorView& convWeights;  // F32, at least 16 floats
 };
-bool linearReportWanted(size_t layerIdx);
 void printLinearStep(const LinearStepView& step);
-bool stateReportWanted(size_t pos, size_t layerIdx);
 void printLinearState(const LinearStepView& step, size_t pos);
 
 // QWEN35_DBG3, from fullAttnStep. scores: `cached` + 1 of them, `highest` their maximum.
-bool scoreReportWanted(size_t pos, size_t layerIdx);
 void printScoreStatistics(const float* scores, size_t cached, float highest);
 
 // QWEN35_TIMING, from forwardTokenHidden.
 void printHiddenTiming(size_t pos, double milliseconds);
 
 // QWEN35_HID_DUMP: the named file, open for appending from construction to destruction; nothing is
-// written when the variable is not set or the file cannot be opened. A record is, little-endian and
+// written when path is null or the file cannot be opened. A record is, little-endian and
 // without padding: u32 position, u32 name length, name, u64 count, count floats.
 class HiddenDump {
  public:
-  HiddenDump();
+  explicit HiddenDump(const char* path);
   ~HiddenDump();
   HiddenDump(const HiddenDump&) = delete;
   HiddenDump& operator=(const HiddenDump&) = delete;

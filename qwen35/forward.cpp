@@ -2,138 +2,193 @@
 
 #include <algorithm>
 #include <chrono>
-#include <vector>
 
-#include "qwen35/diagnostics.h"
+#include "qwen35/elementwise.h"
 #include "qwen35/full_attention.h"
-#include "qwen35/kernels.h"
 #include "qwen35/linear_attention.h"
-#include "qwen35/products.h"
+#include "qwen35/weights.h"
 
 namespace qwen35 {
 
 namespace {
 
-struct Scratch {
-  std::vector<float> x;         // [nEmbd] the residual stream
-  std::vector<float> attn;      // [nEmbd]
-  std::vector<float> residual;  // [nEmbd]
-  std::vector<float> normed;    // [nEmbd]
-  std::vector<float> ffn;       // [nEmbd]
-  std::vector<float> gate;      // [feed-forward width]
-  std::vector<float> up;        // [feed-forward width]
-};
-
-Scratch& threadScratch() {
-  static thread_local Scratch scratch;
-  return scratch;
-}
-
-// What forwardToken shows of a pass when asked to.
+// What a pass of one token shows of itself when asked to.
 struct Trace {
   bool prints;
   HiddenDump dump;
 };
 
-void attentionStep(Model& m, size_t layerIdx, size_t pos, Scratch& s) {
-  Layer& layer = m.layers[layerIdx];
-  if (isAblated(layer.isLinear)) {
-    std::fill(s.attn.begin(), s.attn.end(), 0.0f);
+// Gate and up projections of a feed-forward block.
+struct Projections {
+  Projections(const Work& w, const Layer& layer)
+      : width(rowCount(*layer.ffnGate)),
+        products{{layer.ffnGate, w.at().gate, width}, {layer.ffnUp, w.at().up, width}} {}
+
+  size_t width;
+  Matmul products[2];
+};
+
+// From the prepared input of the projections to the output of the block.
+void feedPrepared(const Work& w, const Layer& layer, const Projections& projections,
+                  const MatmulInput& in, float* out) {
+  const size_t width = projections.width;
+  w.multiply(in, projections.products);
+  const Matmul down[] = {{layer.ffnDown, out, w.m.nEmbd}};
+  const MatmulInput activated = w.input(w.at().gate, width, down);
+  const size_t runs = (width + kGroupLen - 1) / kGroupLen;
+  w.member.forEach(w.count * runs, [&](size_t piece) {
+    const size_t token = piece / runs;
+    const size_t begin = piece % runs * kGroupLen;
+    const size_t n = std::min(kGroupLen, width - begin);
+    float* gate = w.at().gate + token * width + begin;
+    const float* up = w.at().up + token * width + begin;
+    silu(gate, gate, n);
+    for (size_t i = 0; i < n; ++i) {
+      gate[i] *= up[i];
+    }
+    prepareInput(w.kernels(), activated, token, begin, n);
+  });
+  w.multiply(activated, down);
+}
+
+void attention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x) {
+  float* out = w.at().blockOut;
+  if (w.diagnostics().skips(layer.isLinear)) {
+    w.member.forEach(w.count, [&](size_t token) {
+      x.add(token, w.m.nEmbd);
+      std::fill_n(out + token * w.m.nEmbd, w.m.nEmbd, 0.0f);
+    });
   } else if (layer.isLinear) {
-    linearAttnStep(m, layer, s.x.data(), s.attn.data(), layerIdx, pos);
+    linearAttention(w, layer, layerIdx, x, out);
   } else {
-    fullAttnStep(m, layer, s.x.data(), s.attn.data(), pos, layerIdx);
+    fullAttention(w, layer, layerIdx, x, out);
   }
 }
 
-void add(const std::vector<float>& a, const std::vector<float>& b, std::vector<float>& sum) {
-  for (size_t i = 0; i < sum.size(); ++i) {
-    sum[i] = a[i] + b[i];
-  }
+// The values of a layer that the dump takes before the residual sum overwrites them.
+void dumpLayer(Trace& trace, const Work& w, size_t layerIdx, const float* what, const char* name) {
+  trace.dump.layerRecord(w.pos, layerIdx, name, {what, w.m.nEmbd});
 }
 
-void dumpLayer(Trace& trace, size_t pos, size_t layerIdx, const Scratch& s) {
-  trace.dump.layerRecord(pos, layerIdx, "attn_mm", s.attn);
-  trace.dump.layerRecord(pos, layerIdx, "attn_res", s.residual);
-  trace.dump.layerRecord(pos, layerIdx, "post_norm", s.normed);
-  trace.dump.layerRecord(pos, layerIdx, "ffn_mm", s.ffn);
-  trace.dump.layerRecord(pos, layerIdx, "layer_out", s.x);
-}
-
-void layerStep(Model& m, size_t layerIdx, size_t pos, Scratch& s, Trace* trace) {
-  Layer& layer = m.layers[layerIdx];
-  attentionStep(m, layerIdx, pos, s);
-  if (trace != nullptr && trace->prints) {
-    printLayerNorms(layerIdx, layer.isLinear, s.x, s.attn);
-  }
-  add(s.x, s.attn, s.residual);
-  rmsNorm(s.residual.data(), floats(layer.postAttnNorm), s.normed.data(), m.nEmbd, kNormEps);
-  ffnStep(m.nEmbd, layer, s.normed.data(), s.ffn.data());
-  if (trace != nullptr && trace->prints) {
-    printFfnNorm(s.ffn);
-  }
-  add(s.residual, s.ffn, s.x);
+// From x to x of the next layer, but for the last addition: that one is left to the step that norms
+// the sum.
+void runLayer(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x, Trace* trace) {
+  const PassBuffers& at = w.at();
+  attention(w, layer, layerIdx, x);
   if (trace != nullptr) {
-    dumpLayer(*trace, pos, layerIdx, s);
+    w.member.once([&] {
+      if (trace->prints) {
+        printLayerNorms(layerIdx, layer.isLinear, {at.x, w.m.nEmbd}, {at.blockOut, w.m.nEmbd});
+      }
+      dumpLayer(*trace, w, layerIdx, at.blockOut, "attn_mm");
+    });
+  }
+  const Projections projections(w, layer);
+  const MatmulInput in = w.input(at.normed, w.m.nEmbd, projections.products);
+  normStep(w, {at.x, at.blockOut, at.residual}, layer.postAttnNorm, at.normed, in);
+  feedPrepared(w, layer, projections, in, at.blockOut);
+  if (trace != nullptr) {
+    w.member.once([&] {
+      if (trace->prints) {
+        printFfnNorm({at.blockOut, w.m.nEmbd});
+      }
+      dumpLayer(*trace, w, layerIdx, at.residual, "attn_res");
+      dumpLayer(*trace, w, layerIdx, at.normed, "post_norm");
+      dumpLayer(*trace, w, layerIdx, at.blockOut, "ffn_mm");
+      // The sum is formed with the next norm; its floats are the same here.
+      for (size_t i = 0; i < w.m.nEmbd; ++i) {
+        at.x[i] = at.residual[i] + at.blockOut[i];
+      }
+      dumpLayer(*trace, w, layerIdx, at.x, "layer_out");
+    });
   }
 }
 
-// Leaves the residual stream in s.x, before the final norm.
-void runLayers(Model& m, const float* emb, size_t pos, Scratch& s, Trace* trace) {
-  s.x.assign(emb, emb + m.nEmbd);
-  for (std::vector<float>* v : {&s.attn, &s.residual, &s.normed, &s.ffn}) {
-    v->resize(m.nEmbd);
-  }
+void runPass(const Work& w, Model& m, const PassRequest& request, Trace* trace) {
+  const PassBuffers& at = w.at();
+  w.member.forEach(w.count, [&](size_t token) {
+    std::copy_n(request.embeddings + token * m.nEmbd, m.nEmbd, at.x + token * m.nEmbd);
+    computeAngles(w, token);
+  });
+  ResidualSum x{at.x, nullptr, at.x};
   for (size_t l = 0; l < m.nLayer; ++l) {
-    layerStep(m, l, pos, s, trace);
+    runLayer(w, m.layers[l], l, x, trace);
+    x = {at.residual, at.blockOut, at.x};
   }
+  if (trace != nullptr) {
+    w.member.once([&] {
+      if (trace->prints) {
+        printPassNorms({request.embeddings, m.nEmbd}, {at.x, m.nEmbd});
+      }
+      trace->dump.record(w.pos, "result_norm", {at.x, m.nEmbd});
+    });
+  }
+  float* hidden = request.hidden == nullptr ? at.normed : request.hidden;
+  normStep(w, x, m.outputNorm, hidden, {});
+  if (request.logits == nullptr) {
+    return;
+  }
+  Work asked = w;
+  asked.count = request.allLogits ? w.count : 1;
+  head(asked, hidden + (w.count - asked.count) * m.nEmbd, request.logits);
 }
 
 }  // namespace
 
-void ffnStep(size_t nEmbd, Layer& layer, const float* xn, float* out) {
-  Model unused;  // gemvRow takes a model and does not read it
-  Scratch& s = threadScratch();
-  const size_t width = rowCount(*layer.ffnGate);
-  s.gate.assign(width, 0.0f);
-  s.up.assign(width, 0.0f);
-  gemvRow(unused, layer.ffnGate, xn, s.gate.data());
-  gemvRow(unused, layer.ffnUp, xn, s.up.data());
-#pragma omp parallel
-  {
-    const RowRange part = rowsOfThisThread(width);
-    silu(s.gate.data() + part.begin, s.gate.data() + part.begin, part.end - part.begin);
-    for (size_t i = part.begin; i < part.end; ++i) {
-      s.gate[i] *= s.up[i];
+void feedForward(const Work& w, const Layer& layer, const float* normed, float* out) {
+  const Projections projections(w, layer);
+  const MatmulInput in = w.input(normed, w.m.nEmbd, projections.products);
+  w.prepare(in);
+  feedPrepared(w, layer, projections, in, out);
+}
+
+void head(const Work& w, const float* normed, float* logits) {
+  const Matmul product[] = {{w.m.tokEmbd, logits, w.m.nVocab, /*isHead=*/true}};
+  const MatmulInput in = w.input(normed, w.m.nEmbd, product);
+  w.prepare(in);
+  w.multiply(in, product);
+}
+
+void forward(Context& context, Model& m, const PassRequest& request) {
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point start = Clock::now();
+  context.diagnostics = Diagnostics::fromEnvironment();
+  const Diagnostics& asked = context.diagnostics;
+  const bool traced = request.count == 1 && request.logits != nullptr &&
+                      (asked.layerNorms || asked.dump != nullptr);
+  Trace trace{request.pos == 0 && asked.layerNorms, HiddenDump(traced ? asked.dump : nullptr)};
+  context.team().run([&](Team::Member& member) {
+    const Work w{context, member, m, request.count, request.pos, request.arithmetic};
+    runPass(w, m, request, traced ? &trace : nullptr);
+  });
+  for (Layer& layer : m.layers) {
+    if (!layer.isLinear && !asked.skips(false) && layer.pos + request.count <= m.maxCtx) {
+      layer.pos += request.count;
     }
   }
-  std::fill_n(out, nEmbd, 0.0f);
-  gemvRow(unused, layer.ffnDown, s.gate.data(), out);
+  if (asked.timing && request.logits == nullptr && request.count == 1) {
+    printHiddenTiming(request.pos,
+                      std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+  }
+}
+
+void ffnStep(size_t nEmbd, Layer& layer, const float* xn, float* out) {
+  Context context(nEmbd, rowCount(*layer.ffnGate));
+  Model m;
+  m.nEmbd = nEmbd;
+  context.team().run([&](Team::Member& member) {
+    feedForward({context, member, m, 1, 0, Arithmetic::SingleToken}, layer, xn, out);
+  });
 }
 
 void forwardToken(Model& m, const float* emb, size_t pos, float* logits) {
-  Trace trace{pos == 0 && diagnosticSet("QWEN35_DBG"), {}};
-  Scratch& s = threadScratch();
-  runLayers(m, emb, pos, s, &trace);
-  if (trace.prints) {
-    printPassNorms({emb, m.nEmbd}, s.x);
-  }
-  trace.dump.record(pos, "result_norm", s.x);
-  rmsNorm(s.x.data(), floats(m.outputNorm), s.x.data(), m.nEmbd, kNormEps);
-  outputHead(m.tokEmbd, s.x.data(), logits);
+  Context context(m);
+  forward(context, m, {.embeddings = emb, .pos = pos, .logits = logits});
 }
 
 void forwardTokenHidden(Model& m, const float* emb, size_t pos, float* out) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point start = Clock::now();
-  Scratch& s = threadScratch();
-  const DecodedRowSums asInBlocks;
-  runLayers(m, emb, pos, s, nullptr);
-  rmsNorm(s.x.data(), floats(m.outputNorm), s.x.data(), m.nEmbd, kNormEps);
-  std::copy(s.x.begin(), s.x.end(), out);
-  if (diagnosticSet("QWEN35_TIMING")) {
-    printHiddenTiming(pos, std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-  }
+  Context context(m);
+  forward(context, m, {.embeddings = emb, .pos = pos, .hidden = out});
 }
 
 }  // namespace qwen35

@@ -1,16 +1,44 @@
-// One token through the whole model: 32 blocks of attention and feed-forward with residual
-// connections, the final norm, and the output head tied to the token embeddings.
+// The forward pass: one or several tokens through the whole model, 32 layers of attention and
+// feed-forward with residual connections, the final norm, and the output head tied to the token
+// embeddings.
 //
 // The model must have passed findUnfitTensor (qwen35/run_check.h). Positions are consecutive from 0
-// after resetModel and stay below m.maxCtx. Two models may run on two host threads at once. The
-// diagnostics are listed in qwen35/diagnostics.h.
+// after resetModel; the tokens of a pass fit below m.maxCtx (beyond, attention adds nothing and
+// stores nothing). Two models may run on two host threads at once. The diagnostics are listed in
+// qwen35/diagnostics.h.
 #pragma once
 
 #include <cstddef>
 
+#include "qwen35/context.h"
 #include "qwen35/model.h"
 
 namespace qwen35 {
+
+struct PassRequest {
+  const float* embeddings = nullptr;  // [count][nEmbd], rows of embedRow
+  size_t count = 1;                   // tokens, 1 to the context's maxTokens()
+  size_t pos = 0;                     // of the first token
+  Arithmetic arithmetic = Arithmetic::SingleToken;
+  float* hidden = nullptr;  // [count][nEmbd] receives the final normalised states; may be null
+  float* logits = nullptr;  // [nVocab] of the last token; may be null: the head is then left out
+  bool allLogits = false;   // logits is [count][nVocab], for every token
+};
+
+// Advances every layer by request.count tokens. A token's results depend on the tokens before it
+// and on the arithmetic that each of them took, and on nothing else: not on how they were divided
+// into passes, on threads or on the instruction set. Allocates nothing, throws nothing.
+//
+// QWEN35_ABLATE and QWEN35_NODECAY apply to every pass; the printing diagnostics watch passes of
+// one token.
+void forward(Context& context, Model& m, const PassRequest& request);
+
+// The blocks of a pass beside attention, called by all members of the team. normed: their input,
+// [count][nEmbd]; out: [count][nEmbd]; logits: [count][nVocab].
+void feedForward(const Work& w, const Layer& layer, const float* normed, float* out);
+void head(const Work& w, const float* normed, float* logits);
+
+// One token in the single-token arithmetic, with a context of its own for the call.
 
 // SwiGLU feed-forward block: down * (silu(gate * xn) . (up * xn)). "GLU Variants Improve
 // Transformer" (2020). xn, out: nEmbd floats; out is overwritten and is not xn.
@@ -20,9 +48,8 @@ void ffnStep(size_t nEmbd, Layer& layer, const float* xn, float* out);
 // row, nEmbd floats; pos: its position; logits: nVocab floats.
 void forwardToken(Model& m, const float* emb, size_t pos, float* logits);
 
-// The same without the output head, for tokens whose logits nobody reads, in the arithmetic of
-// forwardBlock: a prompt leaves the same bits behind, token by token and in blocks. out: the final
-// normalised hidden state, nEmbd floats.
+// The same without the output head, for a token whose logits nobody reads: it leaves the bits of
+// forwardToken behind. out: the final normalised hidden state, nEmbd floats.
 void forwardTokenHidden(Model& m, const float* emb, size_t pos, float* out);
 
 }  // namespace qwen35

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 
+#include "qwen35/context.h"
 #include "qwen35/model.h"
 
 namespace qwen35 {
@@ -18,21 +19,19 @@ namespace qwen35 {
 void gdnStep(float* state, const float* q, const float* k, float* v, float beta, size_t dim,
              float g, float scale);
 
-// Advances the layer by one token. x: the layer's input, nEmbd floats. out: the block's output,
-// nEmbd floats, overwritten; not x. layerIdx and pos: for the diagnostics alone (note their order,
-// which is the reverse of fullAttnStep's). Moves layer.ssmState and layer.convState; layer.pos
-// stays.
+// The block for the tokens of a pass, in their order. Called by all members of the team; out:
+// [count][nEmbd], overwritten. Moves layer.ssmState and layer.convState; layer.pos stays.
 //
-// The value heads cycle over the key heads: head h reads key head h mod ssmGroups. The environment
-// variable QWEN35_NODECAY switches the decay of the state off.
-//
-// Products, channels and heads run on the OpenMP team, everything else on the calling thread.
-// Scratch is kept per host thread between calls; std::bad_alloc is thrown when it cannot grow.
+// The value heads cycle over the key heads: head h reads key head h mod ssmGroups.
+void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x,
+                     float* out);
+
+// Advances the layer by one token in the single-token arithmetic, with a context of its own for the
+// call. x: the layer's input, nEmbd floats. out: the block's output, nEmbd floats, overwritten; may
+// be x. layerIdx and pos: for the diagnostics alone (note their order, which is the reverse of
+// fullAttnStep's). The environment variable QWEN35_NODECAY switches the decay of the state off.
+// Throws std::bad_alloc.
 void linearAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t layerIdx,
                     size_t pos);
-
-// Advances the layer by `count` tokens at once, as that many steps without diagnostics do, but with
-// the products of qwen35/block_products.h. x, out: [count][nEmbd].
-void linearAttnBlock(Model& m, Layer& layer, const float* x, float* out, size_t count);
 
 }  // namespace qwen35

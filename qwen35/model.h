@@ -4,28 +4,32 @@
 //   Model m;
 //   if (!initLayers(loader, m, maxCtx) || !bindModel(loader, m, maxCtx)) ...
 //   if (!findUnfitTensor(loader, m).empty()) ...   // qwen35/run_check.h: before the first token
+//   alignVectors(m);                               // qwen35/aligned_vectors.h: likewise
 //   embedRow(m, token, hidden);
-//   forwardToken(m, hidden, pos, logits);          // qwen35/forward.h
+//   forward(context, m, {...});                    // qwen35/forward.h
 //
 // Every tensor pointer is owned by the loader and reads from its file mapping, so the loader
-// outlives the model. A model is used by one thread at a time; two models are independent.
+// outlives the model; the few that alignVectors makes are the model's own. A model is used by one
+// thread at a time; two models are independent.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
+#include <memory>
 #include <vector>
 
+#include "container/model_shape.h"
 #include "container/tensor_view.h"
 #include "container/zym_loader.h"
 #include "qwen35/state_buffer.h"
 
 namespace qwen35 {
 
-constexpr size_t kLayers = 32;
-constexpr float kNormEps = 1e-6f;  // of every RMS and L2 norm
+constexpr float kNormEps = static_cast<float>(kel::kFixedShape.normEps);  // of every norm
 
 // Taps of the causal convolution; convState keeps one input per tap but the newest.
-constexpr size_t kConvTaps = 4;
+constexpr size_t kConvTaps = kel::kFixedShape.convTaps;
 constexpr size_t kConvHistory = kConvTaps - 1;
 
 // A transformer block. Tensor fields are null when absent. Matrices: [output][input].
@@ -65,11 +69,16 @@ struct Layer {
   StateBuffer kCache;     // full: [nHeadKv][maxCtx][headDim], normalised and rotated keys
   StateBuffer vCache;     // full: the same shape, values as projected
   uint64_t pos = 0;       // full: filled cache positions; stays 0 in a linear layer
-
-  // What a reset has to clear. Full: cache positions from here on hold zeros still. Linear: tokens
-  // taken since the last reset.
-  uint64_t written = 0;
 };
+
+// A vector that lies in the file at an address where no floats may lie: a copy, and its record.
+struct AlignedVector {
+  kel::TensorView view;
+  std::unique_ptr<float[]> values;
+};
+
+// Scratch rows, one per OpenMP thread.
+using ThreadRows = std::vector<std::vector<float>>;
 
 struct Model {
   const kel::TensorView* tokEmbd = nullptr;  // [nVocab][nEmbd]; the output head as well
@@ -78,42 +87,48 @@ struct Model {
   uint64_t nEmbd = 0;   // from the file
   uint64_t nVocab = 0;  // from the file
 
-  // The shape of the family; no file changes it.
-  uint64_t nHead = 16;       // query heads of a full-attention layer
-  uint64_t nHeadKv = 4;      // key/value heads, each shared by nHead / nHeadKv query heads
-  uint64_t headDim = 256;    // width of one head
-  uint64_t ropeDim = 64;     // leading dimensions of a head that are rotated
-  uint64_t ssmDState = 128;  // width of one linear-attention head, keys and values alike
-  uint64_t ssmGroups = 16;   // key/query heads of a linear-attention layer
-  uint64_t ssmHeads = 32;    // value heads, each with a state of its own
-  uint64_t ssmInner = 4096;  // ssmHeads * ssmDState
-  uint64_t convKernel = 4;   // sizes convState; the step itself has kConvTaps taps
+  // No file changes it. The fields below spell it out for the forward pass.
+  kel::ModelShape shape = kel::kFixedShape;
+  uint64_t nHead = shape.queryHeads;
+  uint64_t nHeadKv = shape.kvHeads;  // each shared by nHead / nHeadKv query heads
+  uint64_t headDim = shape.headDim;
+  uint64_t ropeDim = shape.ropeDim;          // leading dimensions of a head that are rotated
+  uint64_t ssmDState = shape.linearHeadDim;  // of keys and values alike
+  uint64_t ssmGroups = shape.linearKeyHeads;
+  uint64_t ssmHeads = shape.linearValueHeads;  // each with a state of its own
+  uint64_t ssmInner = shape.linearValueWidth();
+  uint64_t convKernel = shape.convTaps;  // sizes convState; a step has kConvTaps taps
 
   uint64_t nLayer = 0;
   std::vector<Layer> layers;
-  uint64_t maxCtx = 0;        // capacity of the caches, in positions
-  std::vector<float> embBuf;  // scratch row of embedRow
+  uint64_t maxCtx = 0;                      // capacity of the caches, in positions
+  std::vector<float> embBuf;                // scratch row of embedRow
+  ThreadRows gemvRows;                      // of gemvRow
+  ThreadRows headRows;                      // of outputHead
+  std::list<AlignedVector> alignedVectors;  // bound in place of the file's records
 
   // Channels of the convolution: queries, keys and values side by side.
   uint64_t convChannels() const { return ssmInner + 2 * ssmDState * ssmGroups; }
 };
 
-// The values of an F32 tensor, where they lie.
+// The values of a vector or of convolution taps, where they lie. Of a model in use they are
+// aligned.
 inline const float* floats(const kel::TensorView* tensor) {
   return static_cast<const float*>(tensor->data);
 }
 
-// Binds the tensors of layers 0 to 31 by name and allocates the state of each. False on the first
-// layer that lacks a required tensor; the layers bound so far stay, to be discarded with the model.
-// Neither shape nor element type is looked at: see findUnfitTensor. Throws std::bad_alloc.
+// Binds the tensors of every layer of the shape by name and allocates the state of each. False on
+// the first layer that lacks a required tensor; the layers bound so far stay, to be discarded with
+// the model. Neither shape nor element type is looked at: see findUnfitTensor. Throws
+// std::bad_alloc.
 bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
 // Binds the embedding table and the final norm and takes nEmbd, nVocab, maxCtx and nLayer. Called
 // after initLayers with the same maxCtx. False when either tensor is missing.
 bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
-// Empties every layer: pos 0 and all state zero. Sizes stay. Clears only what was written through
-// the forward pass, so a reset after a short conversation is cheap.
+// Empties every layer: pos 0 and all state zero, whoever wrote it. Sizes stay; memory that was
+// filled goes back to the system.
 void resetModel(Model& m);
 
 // Writes the embedding row of a token: out, nEmbd floats. The token must be below nVocab.

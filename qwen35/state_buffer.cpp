@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <new>
 
@@ -28,6 +29,16 @@ StateBuffer::StateBuffer(size_t nFloats) {
 StateBuffer::~StateBuffer() {
   if (floats != nullptr) {
     munmap(floats, count * sizeof(float));
+  }
+}
+
+void StateBuffer::clear() {
+  if (floats == nullptr) {
+    return;
+  }
+  // Refused for memory that the process has locked.
+  if (madvise(floats, count * sizeof(float), MADV_DONTNEED) != 0) {
+    std::fill_n(floats, count, 0.0f);
   }
 }
 

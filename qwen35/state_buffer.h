@@ -28,6 +28,9 @@ class StateBuffer {
   StateBuffer(const StateBuffer&) = delete;
   StateBuffer& operator=(const StateBuffer&) = delete;
 
+  // All zeros again. The pages go back to the system, which hands out zeroed ones.
+  void clear();
+
   size_t size() const { return count; }
   bool empty() const { return count == 0; }
   float* data() { return floats; }

@@ -9,7 +9,6 @@
 
 #include "qwen35/diagnostics.h"
 #include "qwen35/forward.h"
-#include "qwen35/forward_block.h"
 #include "session/sampler.h"
 
 namespace session {
@@ -25,28 +24,18 @@ bool isFinite(float value) {
   return std::fabs(value) <= std::numeric_limits<float>::max();
 }
 
-// Runs forward passes. One that runs out of memory leaves the layers at different tokens: no token
-// can follow, and the session starts over.
-template <typename Pass>
-void runWhole(Qwen35Session& session, Pass&& pass) {
-  try {
-    pass();
-  } catch (...) {
-    session.startOver();
-    throw;
-  }
-}
-
-// Runs one forward pass at the session's position; counts and times it (the pass alone).
-template <typename Pass>
-void timedPass(Qwen35Session& session, Pass&& pass) {
+// Feeds the tokens of one pass: counts and times it (the pass alone). A pass of several tokens
+// counts as that many of equal length. The caller has checked that the context has room.
+void timedPass(Qwen35Session& session, qwen35::PassRequest request) {
   using Clock = std::chrono::steady_clock;
+  request.pos = session.position;
   const Clock::time_point start = Clock::now();
-  runWhole(session, pass);
-  const std::chrono::nanoseconds elapsed = Clock::now() - start;
-  ++session.position;
-  session.lastDecodeMs = static_cast<double>(elapsed.count()) / 1e6;
-  session.decodeMsTotal += session.lastDecodeMs;
+  forward(*session.context, session.model, request);
+  const double milliseconds =
+      static_cast<double>(std::chrono::nanoseconds(Clock::now() - start).count()) / 1e6;
+  session.position += request.count;
+  session.lastDecodeMs = milliseconds / static_cast<double>(request.count);
+  session.decodeMsTotal += milliseconds;
 }
 
 bool allFinite(const float* values, size_t n) {
@@ -59,25 +48,6 @@ bool hasEmbeddingRow(const Qwen35Session& session, int token) {
   return token >= 0 && static_cast<uint64_t>(token) < session.model.nVocab;
 }
 
-// Token by token, as the diagnostics want to see it. False as prefill.
-bool feedHiddenOneByOne(Qwen35Session& session, std::span<const int> tokens,
-                        std::vector<float>& hidden) {
-  std::vector<float> out(session.model.nEmbd);
-  for (const int token : tokens) {
-    if (contextIsFull(session) || !hasEmbeddingRow(session, token)) {
-      return false;
-    }
-    qwen35::embedRow(session.model, static_cast<size_t>(token), hidden.data());
-    timedPass(session, [&] {
-      qwen35::forwardTokenHidden(session.model, hidden.data(), session.position, out.data());
-    });
-    if (!allFinite(out.data(), out.size())) {
-      return false;
-    }
-  }
-  return true;
-}
-
 // How many of the tokens can be fed before one has no room or no embedding row.
 size_t feedableTokens(const Qwen35Session& session, std::span<const int> tokens) {
   const size_t room = session.model.maxCtx - std::min(session.position, session.model.maxCtx);
@@ -87,69 +57,47 @@ size_t feedableTokens(const Qwen35Session& session, std::span<const int> tokens)
   return static_cast<size_t>(unfit - tokens.begin());
 }
 
-// Buffers of a prompt that is fed in blocks: [block tokens][nEmbd].
-struct BlockBuffers {
+// Buffers of a prompt: [tokens of a batch][nEmbd].
+struct BatchBuffers {
   std::vector<float> embeddings;
   std::vector<float> hidden;
 };
 
-// Runs a block of tokens at the session's position; counts and times it like as many passes.
-void timedBlock(Qwen35Session& session, size_t count, BlockBuffers& b) {
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point start = Clock::now();
-  runWhole(session, [&] {
-    qwen35::forwardBlock(session.model, b.embeddings.data(), count, session.position,
-                         b.hidden.data());
-  });
-  const std::chrono::nanoseconds elapsed = Clock::now() - start;
-  session.position += count;
-  session.lastDecodeMs = static_cast<double>(elapsed.count()) / 1e6 / static_cast<double>(count);
-  session.decodeMsTotal += static_cast<double>(elapsed.count()) / 1e6;
-}
-
-// False when a hidden vector is not finite: the state is then as after the first such token.
-bool feedBlock(Qwen35Session& session, std::span<const int> tokens, BlockBuffers& b) {
+// Feeds one batch of a prompt; logits, when not null, receives those of its last token, whose
+// hidden state then is not looked at. False when any other hidden state is not finite: the model is
+// then as after the first such token.
+bool feedBatch(Qwen35Session& session, std::span<const int> tokens, BatchBuffers& b,
+               float* logits) {
   const size_t n = session.model.nEmbd;
   for (size_t i = 0; i < tokens.size(); ++i) {
-    qwen35::embedRow(session.model, static_cast<size_t>(tokens[i]), b.embeddings.data() + i * n);
+    embedRow(session.model, static_cast<size_t>(tokens[i]), b.embeddings.data() + i * n);
   }
   if (tokens.size() > 1) {
-    session.beforeBlock.save(session.model);
+    session.beforeBatch.save(session.model);
   }
+  qwen35::PassRequest request{.embeddings = b.embeddings.data(),
+                              .count = tokens.size(),
+                              .arithmetic = qwen35::Arithmetic::Batch,
+                              .hidden = b.hidden.data(),
+                              .logits = logits};
   const double msBefore = session.decodeMsTotal;
-  timedBlock(session, tokens.size(), b);
-  for (size_t i = 0; i < tokens.size(); ++i) {
+  timedPass(session, request);
+  const size_t tested = logits == nullptr ? tokens.size() : tokens.size() - 1;
+  for (size_t i = 0; i < tested; ++i) {
     if (allFinite(b.hidden.data() + i * n, n)) {
       continue;
     }
     if (i + 1 < tokens.size()) {
-      session.beforeBlock.restore(session.model);
+      session.beforeBatch.restore(session.model);
       session.position -= tokens.size();
       session.decodeMsTotal = msBefore;
-      timedBlock(session, i + 1, b);
+      request.count = i + 1;
+      request.logits = nullptr;
+      timedPass(session, request);
     }
     return false;
   }
   return true;
-}
-
-// Feeds tokens whose logits nobody reads. False as prefill.
-bool feedHidden(Qwen35Session& session, std::span<const int> tokens, std::vector<float>& hidden) {
-  if (qwen35::anyDiagnosticSet()) {
-    return feedHiddenOneByOne(session, tokens, hidden);
-  }
-  const size_t feedable = feedableTokens(session, tokens);
-  BlockBuffers b;
-  const size_t longest = std::min(feedable, qwen35::kBlockTokens);
-  b.embeddings.resize(longest * session.model.nEmbd);
-  b.hidden.resize(longest * session.model.nEmbd);
-  for (size_t at = 0; at < feedable; at += qwen35::kBlockTokens) {
-    const size_t count = std::min(qwen35::kBlockTokens, feedable - at);
-    if (!feedBlock(session, tokens.subspan(at, count), b)) {
-      return false;
-    }
-  }
-  return feedable == tokens.size();
 }
 
 }  // namespace
@@ -169,30 +117,32 @@ bool sampledLogitsAreFinite(const std::vector<float>& logits) {
 
 void feedToken(Qwen35Session* session, int token, std::vector<float>& hidden,
                std::vector<float>& logits) {
-  qwen35::embedRow(session->model, static_cast<size_t>(token), hidden.data());
-  timedPass(*session, [&] {
-    qwen35::forwardToken(session->model, hidden.data(), session->position, logits.data());
-  });
+  embedRow(session->model, static_cast<size_t>(token), hidden.data());
+  timedPass(*session, {.embeddings = hidden.data(), .logits = logits.data()});
 }
 
-bool prefill(Qwen35Session* session, const std::vector<int>& tokens, std::vector<float>& hidden,
+bool prefill(Qwen35Session* session, const std::vector<int>& tokens, std::vector<float>& /*hidden*/,
              std::vector<float>& logits) {
   if (!session->canRun()) {
     return false;
   }
-  if (tokens.empty()) {
-    return true;
+  // Token by token where a diagnostic watches, which looks at passes of one token.
+  const size_t longest = qwen35::Diagnostics::fromEnvironment().any() ? 1 : qwen35::kBatchTokens;
+  const size_t feedable = feedableTokens(*session, tokens);
+  BatchBuffers b;
+  b.embeddings.resize(std::min(feedable, longest) * session->model.nEmbd);
+  b.hidden.resize(b.embeddings.size());
+  for (size_t at = 0; at < feedable; at += longest) {
+    const auto batch = std::span(tokens).subspan(at, std::min(longest, feedable - at));
+    const bool isLast = at + batch.size() == tokens.size();
+    if (!feedBatch(*session, batch, b, isLast ? logits.data() : nullptr)) {
+      return false;
+    }
   }
-
-  const size_t last = tokens.size() - 1;
-  if (!feedHidden(*session, std::span(tokens).first(last), hidden)) {
+  if (feedable < tokens.size()) {
     return false;
   }
-  if (contextIsFull(*session) || !hasEmbeddingRow(*session, tokens[last])) {
-    return false;
-  }
-  feedToken(session, tokens[last], hidden, logits);
-  return sampledLogitsAreFinite(logits);
+  return tokens.empty() || sampledLogitsAreFinite(logits);
 }
 
 bool decodeLoop(Qwen35Session* session, std::vector<float>& hidden, std::vector<float>& logits,

@@ -17,10 +17,12 @@ namespace session {
 // Pieces that one generating call emits at most.
 constexpr size_t kMaxNewTokens = 96;
 
-// Feeds tokens one position after the other, all but the last in blocks unless a diagnostic is set;
-// the last one leaves its logits. An empty list feeds nothing and leaves logits untouched. False
-// when the context is full (what fits has been fed), a hidden value or one of the tested logits is
-// not finite, a token has no embedding row, or the model cannot be run safely.
+// Feeds the tokens of a prompt in the batch arithmetic, in batches unless a diagnostic is set; the
+// last one leaves its logits. So a prompt leaves the same bits behind whether it comes in one call
+// or in several. An empty list feeds nothing and leaves logits untouched. False when the context is
+// full (what fits has been fed), a hidden value or one of the tested logits is not finite (what
+// came before has been fed), a token has no embedding row, or the model cannot be run safely.
+// hidden is not touched: batches have room of their own.
 bool prefill(Qwen35Session* session, const std::vector<int>& tokens, std::vector<float>& hidden,
              std::vector<float>& logits);
 

@@ -1,5 +1,7 @@
 #include <utility>
 
+#include "qwen35/aligned_vectors.h"
+#include "qwen35/processors.h"
 #include "qwen35/run_check.h"
 #include "session/architecture.h"
 #include "session/session.h"
@@ -8,8 +10,6 @@
 namespace session {
 
 namespace {
-
-constexpr size_t kContextCapacity = 8192;
 
 // The message of the first step that fails; null when every step succeeded.
 const char* openSteps(Qwen35Session& session, const char* path) {
@@ -35,13 +35,20 @@ const char* openSteps(Qwen35Session& session, const char* path) {
     return "tokenizer load failed";
   }
 
-  if (!qwen35::initLayers(loader, session.model, kContextCapacity)) {
+  const size_t capacity = session.model.shape.contextLength;
+  if (!qwen35::initLayers(loader, session.model, capacity)) {
     return "qwen35 layer bind failed";
   }
-  if (!qwen35::bindModel(loader, session.model, kContextCapacity)) {
+  if (!qwen35::bindModel(loader, session.model, capacity)) {
     return "qwen35 model bind failed";
   }
   session.unfitReason = qwen35::findUnfitTensor(loader, session.model);
+  if (session.canRun()) {
+    qwen35::alignVectors(session.model);
+    session.context = std::make_unique<qwen35::Context>(
+        session.model, qwen35::ContextOptions{.maxTokens = qwen35::kBatchTokens,
+                                              .threads = qwen35::defaultThreads()});
+  }
   return nullptr;
 }
 

@@ -10,8 +10,9 @@
 #include <string>
 
 #include "container/zym_loader.h"
+#include "qwen35/context.h"
 #include "qwen35/model.h"
-#include "qwen35/recurrent_state.h"
+#include "qwen35/snapshot.h"
 #include "tokenizer/tokenizer.h"
 
 namespace session {
@@ -19,12 +20,11 @@ namespace session {
 struct Qwen35Session {
   static constexpr uint32_t kDefaultSeed = 42;
 
-  Qwen35Session();
-
   std::unique_ptr<kel::ZYMLoader> loader;  // owns the file mapping that model points into
   qwen35::Model model;
-  qwen35::RecurrentState beforeBlock;  // of a prompt; kept between prompts for its memory
-  bool loaded = false;                 // every loading step succeeded
+  std::unique_ptr<qwen35::Context> context;  // null where the model cannot be run
+  qwen35::Snapshot beforeBatch;              // of a prompt; kept between prompts for its memory
+  bool loaded = false;                       // every loading step succeeded
   std::unique_ptr<kel::Tokenizer> tokenizer;
   std::string modelPath;
 
@@ -48,12 +48,12 @@ struct Qwen35Session {
   // claim a vocabulary of billions.
   bool canRun() const { return unfitReason.empty(); }
 
-  // Empties the model's caches and the counters of a conversation. lastDecodeMs stays: it reports
-  // the last measured pass until the host resets the session.
-  void restart();
+  // Empties the model's caches and zeroes the counters of a conversation. lastDecodeMs stays: it
+  // reports the last measured pass until the host resets the session.
+  void clearContext();
 
-  // restart, and the end of any conversation.
-  void startOver();
+  // Clears the context and ends any chat: the next turn begins a new one.
+  void endChat();
 };
 
 // Opens a model file into a session: container, architecture, tokenizer, layers, model, run check.

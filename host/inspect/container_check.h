@@ -22,8 +22,12 @@ using CheckProgress = std::function<void(uint64_t done, uint64_t total)>;
 void checkSections(const kel::ZYM2Reader& reader, std::vector<Fault>& faults);
 // Every index entry by itself: name, order, rank, type, size for its shape, bounds; then overlaps.
 void checkIndex(const kel::ZYM2Reader& reader, std::vector<Fault>& faults);
-// Architecture, and the tensors that the model needs, with shapes and types that can be run.
+// Architecture, and the tensors that the model needs, with shapes and types that can be run: where
+// this finds no fault of a tensor, the runtime finds none. Faults of data in the wrong place are
+// left out of tensors that faults names already.
 void checkModel(const kel::ZYMLoader& loader, std::vector<Fault>& faults);
+// Vectors that are not labelled F32. They run, and if the label is true they run as nonsense.
+void checkLabels(const kel::ZYMLoader& loader, std::vector<Fault>& faults);
 // Values of the F32 tensors that are not finite, and sections that differ from their stored
 // checksums. Reads the whole file; tensors outside the weight section are skipped.
 void checkContents(const kel::ZYM2Reader& reader, const CheckProgress& progress,

@@ -1,5 +1,5 @@
-// Row sums of several rows and several inputs for AVX2. See kernels_avx2.cpp for what this file may
-// include.
+// dot products of several rows and several inputs for AVX2. See kernels_avx2.cpp for what this file
+// may include.
 #include "qwen35/simd/avx2_blocks.h"
 
 #include <immintrin.h>
@@ -14,7 +14,7 @@ namespace qwen35::avx2 {
 
 namespace {
 
-static_assert(kLanes == 8, "one register holds the lanes of a row sum");
+static_assert(kLanes == 8, "one register holds the lanes of a dot product");
 
 // Twelve chains, three inputs and a row element fill the registers; each load serves three or four
 // multiply-adds.
@@ -82,7 +82,7 @@ void addRows(const float* rows, const float* inputs, float* parts, size_t partSt
 
 constexpr size_t kSubLen = 32;
 constexpr size_t kSubBlocks = kChunk / kSubLen;
-constexpr size_t kHeadBytes = 16;  // super-scale, super-minimum, 12 bytes of scales and minimums
+constexpr size_t kHeaderBytes = 16;  // super-scale, super-minimum, 12 bytes of scales and minimums
 
 struct SubBlockScales {
   alignas(32) float scale[kSubBlocks];
@@ -162,7 +162,7 @@ void decodeQ4K(const void* src, float* dst, size_t n) {
   for (size_t at = 0; at < n; at += kChunk, super += kBlockBytes) {
     const SubBlockScales s = loadScales(super);
     for (size_t sub = 0; sub < kSubBlocks; sub += 2) {
-      const __m256i nibbles = load32Bytes(super + kHeadBytes + sub / 2 * kSubLen);
+      const __m256i nibbles = load32Bytes(super + kHeaderBytes + sub / 2 * kSubLen);
       storePair(nibbles, none, none, s, sub, dst + at + sub * kSubLen);
     }
   }
@@ -173,9 +173,9 @@ void decodeQ5K(const void* src, float* dst, size_t n) {
   const auto* super = static_cast<const uint8_t*>(src);
   for (size_t at = 0; at < n; at += kChunk, super += kBlockBytes) {
     const SubBlockScales s = loadScales(super);
-    __m256i bits = load32Bytes(super + kHeadBytes);  // bit j of each byte: sub-block j
+    __m256i bits = load32Bytes(super + kHeaderBytes);  // bit j of each byte: sub-block j
     for (size_t sub = 0; sub < kSubBlocks; sub += 2) {
-      const __m256i nibbles = load32Bytes(super + kHeadBytes + kSubLen + sub / 2 * kSubLen);
+      const __m256i nibbles = load32Bytes(super + kHeaderBytes + kSubLen + sub / 2 * kSubLen);
       const __m256i next = _mm256_srli_epi16(bits, 1);
       storePair(nibbles, fifthBits(bits), fifthBits(next), s, sub, dst + at + sub * kSubLen);
       bits = _mm256_srli_epi16(bits, 2);

@@ -36,7 +36,7 @@ inline __m256i load32Bytes(const void* at) {
   return _mm256_loadu_si256(static_cast<const __m256i*>(at));
 }
 
-// Folds the lanes of a row sum by halves.
+// Folds the lanes of a dot product by halves.
 inline float fold(__m256 total) {
   const __m128 four = _mm_add_ps(_mm256_castps256_ps128(total), _mm256_extractf128_ps(total, 1));
   const __m128 two = _mm_add_ps(four, _mm_movehl_ps(four, four));

@@ -1,7 +1,5 @@
 #include "qwen35/simd/dispatch.h"
 
-#include <atomic>
-
 #ifdef ZYM_HAVE_AVX2
 #include <cpuid.h>
 #endif
@@ -11,8 +9,6 @@
 namespace qwen35 {
 
 namespace {
-
-std::atomic<const KernelTable*> forced{nullptr};
 
 #ifdef ZYM_HAVE_AVX2
 // Conversions of half precision, of which not every compiler's builtin knows.
@@ -37,15 +33,8 @@ std::vector<const KernelTable*> supportedKernels() {
 }
 
 const KernelTable& kernels() {
-  if (const KernelTable* table = forced.load(std::memory_order_relaxed)) {
-    return *table;
-  }
   static const KernelTable* const chosen = supportedKernels().back();
   return *chosen;
-}
-
-void setKernelsForTesting(const KernelTable* table) {
-  forced.store(table, std::memory_order_relaxed);
 }
 
 }  // namespace qwen35

@@ -13,8 +13,4 @@ const KernelTable& kernels();
 // Every table that this machine can run, the scalar one first and the preferred one last.
 std::vector<const KernelTable*> supportedKernels();
 
-// Makes kernels() return *table, or its own choice again when table is null. For tests and
-// benchmarks: not to be called while another thread computes. table must outlive its use.
-void setKernelsForTesting(const KernelTable* table);
-
 }  // namespace qwen35

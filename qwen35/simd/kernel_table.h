@@ -4,9 +4,9 @@
 // (of a NaN result only that it is a NaN). kernels_scalar.cpp states each contract as plain loops
 // and is the reference. docs/kernels.md shows how to add a table.
 //
-// Row sum: how the products of one row are added. It serves a dot product, a matrix-vector product
-// and any product that takes several rows or several inputs at a time: each keeps one vector of
-// kLanes sums per pair of row and input.
+// Dot product: how the products of one row and one input are added. It serves a single dot product,
+// a matrix-vector product and any product of several rows with several inputs: each keeps one
+// vector of kLanes accumulators per pair of row and input.
 //   1. Element i belongs to lane i % kLanes. In rising i, chain[lane] = fma(w[i], x[i],
 //      chain[lane]); the chains start at 0.
 //   2. After every kChunk elements, and after the last, part[lane] += chain[lane] and the chains
@@ -16,10 +16,11 @@
 // The three levels are there for accuracy: the error of a sum grows with the number of additions
 // into it, which are 32, 16 and 8 for 32,768 elements. A chunk is one super-block of the K formats.
 //
-// Coded row sum: the product of one Q4_K or Q5_K row with a coded input (coded_input.h). Codes are
-// multiplied with digits in integers, which are exact in any order; single precision enters once
-// per super-block and lane. Element i of a sub-block belongs to lane i / 4.
-//   1. For each digit p: n[p] = sum over the sub-blocks of scaleCode * code * digit[p], per lane.
+// Quantised dot product: the product of one Q4_K or Q5_K row with a quantised input
+// (quantised_input.h). The row's codes are multiplied with the input's limbs in integers, which are
+// exact in any order; single precision enters once per super-block and lane. Element i of a
+// sub-block belongs to lane i / 4.
+//   1. For each limb p: n[p] = sum over the sub-blocks of scaleCode * code * limb[p], per lane.
 //      block = fma(n[3], 65536, fma(n[2], 256, fma(n[0], 1/256, n[1]))), the integers taken to
 //      single precision (they fit). chain[lane] = fma(block, superScale * inputScale, chain[lane]).
 //   2. Minimums: sub-block s of super-block b belongs to lane 4 (b mod 2) + s mod 4. In rising b
@@ -33,7 +34,7 @@
 
 #include <cstddef>
 
-#include "qwen35/simd/coded_input.h"
+#include "qwen35/simd/quantised_input.h"
 
 namespace qwen35 {
 
@@ -46,32 +47,32 @@ constexpr size_t kSpan = 4096;
 using RowsProduct = void (*)(const void* weights, const float* x, float* out, size_t rows,
                              size_t cols);
 
-// The same for a coded input; cols is a multiple of 256.
-using CodedRowsProduct = void (*)(const void* weights, const CodedInput* x, float* out, size_t rows,
-                                  size_t cols);
+// The same for a quantised input; cols is a multiple of 256.
+using QuantisedRowsProduct = void (*)(const void* weights, const QuantisedInput* x, float* out,
+                                      size_t rows, size_t cols);
 
 struct KernelTable {
   const char* name;  // "scalar", "avx2", ...
 
-  // Sum of a[i] * b[i], n floats each. n % kLanes == 0: the row sum above. Otherwise one running
-  // sum in index order: sum += a[i] * b[i] with both roundings, and sum = fma(a[i], b[i], sum) for
-  // the last n % 16 elements.
+  // Sum of a[i] * b[i], n floats each. n % kLanes == 0: the dot product above. Otherwise one
+  // running sum in index order: sum += a[i] * b[i] with both roundings, and sum = fma(a[i], b[i],
+  // sum) for the last n % 16 elements.
   float (*dot)(const float* a, const float* b, size_t n);
 
   // Each row as `dot`: any cols.
   RowsProduct rowsF32;
   RowsProduct rowsBf16;
 
-  // Row sums over the exact values of the decoder of quant/blocks.h; cols is a multiple of 32.
+  // dot products over the exact values of the decoder of quant/blocks.h; cols is a multiple of 32.
   RowsProduct rowsQ80;
 
-  // Coded row sums. The scales and minimums are those of the decoders of quant/blocks.h.
-  CodedRowsProduct rowsQ4K;
-  CodedRowsProduct rowsQ5K;
+  // quantised dot products. The scales and minimums are those of the decoders of quant/blocks.h.
+  QuantisedRowsProduct rowsQ4K;
+  QuantisedRowsProduct rowsQ5K;
 
-  // Codes an input for them: cols, a multiple of 256, floats into codedGroups(cols) groups. False,
-  // with groups unspecified, when an element is infinite or NaN.
-  bool (*codeInput)(const float* x, size_t cols, CodedInput* groups);
+  // Quantises an input for them: cols, a multiple of 256, floats into quantisedGroups(cols)
+  // groups. False, with groups unspecified, when an element is infinite or NaN.
+  bool (*quantiseInput)(const float* x, size_t cols, QuantisedInput* groups);
 
   // The exact values of whole blocks, as the decoders of quant/blocks.h give them. n is a multiple
   // of the block length.
@@ -79,7 +80,7 @@ struct KernelTable {
   void (*decodeQ4K)(const void* src, float* dst, size_t n);
   void (*decodeQ5K)(const void* src, float* dst, size_t n);
 
-  // The row sum of several rows and several inputs, a chunk at a time. rows: [nRows][kChunk],
+  // The dot product of several rows and several inputs, a chunk at a time. rows: [nRows][kChunk],
   // inputs: [nInputs][kChunk], of which the first len (a multiple of kLanes) count; parts:
   // [nRows][nInputs][kLanes]. The chains of the chunk are added to the parts.
   void (*addChunkProducts)(const float* rows, const float* inputs, float* parts, size_t nRows,
@@ -88,10 +89,11 @@ struct KernelTable {
   // out[i] = the kLanes sums at i, folded. sums: [n][kLanes].
   void (*foldSums)(const float* sums, float* out, size_t n);
 
-  // acc[d] = acc[d] + (e[p] * r) * values[p][d], for p in rising order and every d, each product
-  // and each sum rounded (nothing fused). values: [rows][n], e: [rows], acc: [n], not overlapping.
-  void (*addWeightedRows)(const float* e, float r, const float* values, float* acc, size_t rows,
-                          size_t n);
+  // acc[d] = acc[d] + (weights[p] * inverseSum) * values[p * stride + d], for p in rising order and
+  // every d below n, each product and each sum rounded (nothing fused): the values of attended
+  // positions under a softmax. weights: [rows], acc: [n], not overlapping; stride >= n.
+  void (*addWeightedRows)(const float* weights, float inverseSum, const float* values,
+                          size_t stride, float* acc, size_t rows, size_t n);
 
   // One update of a gated delta rule's state and its read-out. state: [dim][dim], row i of key
   // element i; q, k, v: [dim]; v enters as the value and leaves as the output. For every column j:

@@ -9,15 +9,15 @@
 #include <cstring>
 
 #include "qwen35/simd/avx2_blocks.h"
-#include "qwen35/simd/avx2_codes.h"
 #include "qwen35/simd/avx2_common.h"
+#include "qwen35/simd/avx2_quantised.h"
 #include "qwen35/simd/tables.h"
 
 namespace qwen35 {
 
 namespace {
 
-static_assert(kLanes == 8, "one register holds the lanes of a row sum");
+static_assert(kLanes == 8, "one register holds the lanes of a dot product");
 
 // Rows multiplied side by side: each has one chain of dependent additions, and four of them hide
 // the latency of the multiply-add.
@@ -128,9 +128,9 @@ size_t endOfGroup(size_t begin, size_t groupLen, size_t end) {
   return end - begin > groupLen ? begin + groupLen : end;
 }
 
-// The row sums of R rows, cols a multiple of the block length.
+// The dot products of R rows, cols a multiple of the block length.
 template <typename Format, size_t R>
-void rowSums(const uint8_t* first, size_t stride, const float* x, float* out, size_t cols) {
+void dotProducts(const uint8_t* first, size_t stride, const float* x, float* out, size_t cols) {
   __m256 total[R];
   setZero(total);
   for (size_t i = 0; i < cols;) {
@@ -160,10 +160,10 @@ void blockRows(const void* weights, const float* x, float* out, size_t rows, siz
   const size_t stride = cols / Format::kBlockLen * Format::kBlockBytes;
   size_t r = 0;
   for (; rows - r >= kRowsAtOnce; r += kRowsAtOnce, row += kRowsAtOnce * stride) {
-    rowSums<Format, kRowsAtOnce>(row, stride, x, out + r, cols);
+    dotProducts<Format, kRowsAtOnce>(row, stride, x, out + r, cols);
   }
   for (; r < rows; ++r, row += stride) {
-    rowSums<Format, 1>(row, stride, x, out + r, cols);
+    dotProducts<Format, 1>(row, stride, x, out + r, cols);
   }
 }
 
@@ -202,14 +202,14 @@ float dot(const float* a, const float* b, size_t n) {
 
 // Adds rows to kRegisters * kLanes columns of acc, which stay in registers meanwhile.
 template <size_t kRegisters>
-void addWeightedColumns(const float* e, float r, const float* values, float* acc, size_t rows,
-                        size_t n) {
+void addWeightedColumns(const float* weights, float inverseSum, const float* values, size_t stride,
+                        float* acc, size_t rows) {
   __m256 sum[kRegisters];
   for (size_t c = 0; c < kRegisters; ++c) {
     sum[c] = _mm256_loadu_ps(acc + c * kLanes);
   }
-  for (size_t p = 0; p < rows; ++p, values += n) {
-    const __m256 weight = _mm256_set1_ps(e[p] * r);
+  for (size_t p = 0; p < rows; ++p, values += stride) {
+    const __m256 weight = _mm256_set1_ps(weights[p] * inverseSum);
     for (size_t c = 0; c < kRegisters; ++c) {
       const __m256 product = _mm256_mul_ps(weight, _mm256_loadu_ps(values + c * kLanes));
       sum[c] = _mm256_add_ps(sum[c], product);
@@ -220,23 +220,23 @@ void addWeightedColumns(const float* e, float r, const float* values, float* acc
   }
 }
 
-void addWeightedRows(const float* e, float r, const float* values, float* acc, size_t rows,
-                     size_t n) {
+void addWeightedRows(const float* weights, float inverseSum, const float* values, size_t stride,
+                     float* acc, size_t rows, size_t n) {
   constexpr size_t kWide = 8;
   constexpr size_t kRowsPerTile = 16;  // their values are read once from memory, then from cache
   for (size_t p = 0; p < rows; p += kRowsPerTile) {
     const size_t count = rows - p < kRowsPerTile ? rows - p : kRowsPerTile;
-    const float* tile = values + p * n;
+    const float* tile = values + p * stride;
     size_t d = 0;
     for (; n - d >= kWide * kLanes; d += kWide * kLanes) {
-      addWeightedColumns<kWide>(e + p, r, tile + d, acc + d, count, n);
+      addWeightedColumns<kWide>(weights + p, inverseSum, tile + d, stride, acc + d, count);
     }
     for (; n - d >= kLanes; d += kLanes) {
-      addWeightedColumns<1>(e + p, r, tile + d, acc + d, count, n);
+      addWeightedColumns<1>(weights + p, inverseSum, tile + d, stride, acc + d, count);
     }
     for (; d < n; ++d) {
       for (size_t row = 0; row < count; ++row) {
-        acc[d] += (e[p + row] * r) * tile[row * n + d];
+        acc[d] += (weights[p + row] * inverseSum) * tile[row * stride + d];
       }
     }
   }
@@ -329,9 +329,9 @@ const KernelTable& avx2Kernels() {
       .rowsF32 = loadedRows<F32>,
       .rowsBf16 = loadedRows<BF16>,
       .rowsQ80 = blockRows<Q80>,
-      .rowsQ4K = avx2::codedRowsQ4K,
-      .rowsQ5K = avx2::codedRowsQ5K,
-      .codeInput = avx2::codeInput,
+      .rowsQ4K = avx2::quantisedRowsQ4K,
+      .rowsQ5K = avx2::quantisedRowsQ5K,
+      .quantiseInput = avx2::quantiseInput,
       .decodeQ80 = avx2::decodeQ80,
       .decodeQ4K = avx2::decodeQ4K,
       .decodeQ5K = avx2::decodeQ5K,

@@ -26,8 +26,8 @@ float foldLanes(const float* sums) {
   return total[0];
 }
 
-// A row sum in progress.
-class RowSum {
+// A dot product in progress.
+class DotProduct {
  public:
   // Takes the next n elements; n is a multiple of kLanes.
   void add(const float* w, const float* x, size_t n) {
@@ -81,7 +81,7 @@ float loadBf16(const uint8_t* row, size_t i) {
 template <float (*load)(const uint8_t*, size_t)>
 float loadedDot(const uint8_t* row, const float* x, size_t n) {
   if (n % kLanes == 0) {
-    RowSum sum;
+    DotProduct sum;
     for (size_t i = 0; i < n; i += kLanes) {
       float w[kLanes];
       for (size_t lane = 0; lane < kLanes; ++lane) {
@@ -115,10 +115,10 @@ void loadedRows(const void* weights, const float* x, float* out, size_t rows, si
 }
 
 template <void (*decode)(const void*, float*, size_t), size_t blockLen, size_t blockBytes>
-void decodedRows(const void* weights, const float* x, float* out, size_t rows, size_t cols) {
+void dequantisedRows(const void* weights, const float* x, float* out, size_t rows, size_t cols) {
   const auto* block = static_cast<const uint8_t*>(weights);
   for (size_t r = 0; r < rows; ++r) {
-    RowSum sum;
+    DotProduct sum;
     for (size_t i = 0; i < cols; i += blockLen, block += blockBytes) {
       float w[blockLen];
       decode(block, w, blockLen);
@@ -164,17 +164,18 @@ int fixedShift(float largest) {
   return std::min(shift, kMaxFixedShift);
 }
 
-// Digits and sum of a sub-block given in fixed point.
-void codeSubBlock(const int32_t* fixed, bool keepsLast, size_t block, size_t sub, CodedInput& out) {
+// Limbs and sum of a sub-block given in fixed point.
+void quantiseSubBlock(const int32_t* fixed, bool keepsLastLimb, size_t block, size_t sub,
+                      QuantisedInput& out) {
   int64_t sum = 0;
   for (size_t i = 0; i < kSubLen; ++i) {
     int64_t rest = fixed[i];
-    for (size_t p = 0; p < kInputDigits; ++p) {
-      const auto digit = static_cast<int8_t>(rest & 0xFF);
-      rest = (rest - digit) / 256;
-      const bool kept = p > 0 || keepsLast;
-      out.digits[block][sub][p][i] = kept ? digit : int8_t{0};
-      sum += kept ? int64_t{digit} << (8 * p) : 0;
+    for (size_t p = 0; p < kInputLimbs; ++p) {
+      const auto limb = static_cast<int8_t>(rest & 0xFF);
+      rest = (rest - limb) / 256;
+      const bool kept = p > 0 || keepsLastLimb;
+      out.limbs[block][sub][p][i] = kept ? limb : int8_t{0};
+      sum += kept ? int64_t{limb} << (8 * p) : 0;
     }
   }
   out.sums[block / 2 * 2 + sub / 4][block % 2 * 4 + sub % 4] =
@@ -182,7 +183,7 @@ void codeSubBlock(const int32_t* fixed, bool keepsLast, size_t block, size_t sub
 }
 
 // False when an element is infinite or NaN.
-bool codeSuperBlock(const float* x, size_t block, CodedInput& out) {
+bool quantiseSuperBlock(const float* x, size_t block, QuantisedInput& out) {
   float largest = 0.0f;
   for (size_t i = 0; i < kChunk; ++i) {
     if (!std::isfinite(x[i])) {
@@ -199,17 +200,17 @@ bool codeSuperBlock(const float* x, size_t block, CodedInput& out) {
     magnitudes += std::abs(fixed[i]) / 256;
   }
   out.scales[block] = std::ldexp(1.0f, 8 - shift);
-  out.keepsLast[block] = magnitudes < kOutlierSum;
+  out.keepsLastLimb[block] = magnitudes < kOutlierSum;
   for (size_t sub = 0; sub < kSubBlocks; ++sub) {
-    codeSubBlock(fixed + sub * kSubLen, out.keepsLast[block], block, sub, out);
+    quantiseSubBlock(fixed + sub * kSubLen, out.keepsLastLimb[block], block, sub, out);
   }
   return true;
 }
 
-bool codeInput(const float* x, size_t cols, CodedInput* groups) {
-  std::fill_n(groups, codedGroups(cols), CodedInput{});
+bool quantiseInput(const float* x, size_t cols, QuantisedInput* groups) {
+  std::fill_n(groups, quantisedGroups(cols), QuantisedInput{});
   for (size_t b = 0; b < cols / kChunk; ++b) {
-    if (!codeSuperBlock(x + b * kChunk, b % kGroupBlocks, groups[b / kGroupBlocks])) {
+    if (!quantiseSuperBlock(x + b * kChunk, b % kGroupSuperBlocks, groups[b / kGroupSuperBlocks])) {
       return false;
     }
   }
@@ -231,22 +232,22 @@ void codesQ5K(const uint8_t* bytes, uint8_t* codes) {
   }
 }
 
-// A coded row sum in progress.
-class CodedRowSum {
+// A quantised dot products in progress.
+class QuantisedDotProduct {
  public:
   // Super-block b of the row: its bytes, its codes and the input group that holds it.
-  void add(size_t b, const uint8_t* super, const uint8_t* codes, const CodedInput& x) {
-    const size_t block = b % kGroupBlocks;
+  void add(size_t b, const uint8_t* super, const uint8_t* codes, const QuantisedInput& x) {
+    const size_t block = b % kGroupSuperBlocks;
     const float superScale = loadF16(super);
     const float superMinimum = loadF16(super + 2);
-    int32_t sums[kInputDigits][kLanes] = {};
+    int32_t sums[kInputLimbs][kLanes] = {};
     for (size_t sub = 0; sub < kSubBlocks; ++sub) {
       uint8_t scale;
       uint8_t minimum;
       kel::quant::getScaleMinK4(static_cast<int>(sub), super + 4, scale, minimum);
-      for (size_t p = 0; p < kInputDigits; ++p) {
+      for (size_t p = 0; p < kInputLimbs; ++p) {
         for (size_t i = 0; i < kSubLen; ++i) {
-          sums[p][i / 4] += scale * codes[sub * kSubLen + i] * x.digits[block][sub][p][i];
+          sums[p][i / 4] += scale * codes[sub * kSubLen + i] * x.limbs[block][sub][p][i];
         }
       }
       const size_t lane = block % 2 * 4 + sub % 4;
@@ -255,9 +256,9 @@ class CodedRowSum {
     }
     const float factor = superScale * x.scales[block];
     for (size_t lane = 0; lane < kLanes; ++lane) {
-      const auto digit = [&](size_t p) { return static_cast<float>(sums[p][lane]); };
-      const float lower = std::fma(digit(2), 256.0f, std::fma(digit(0), 0x1p-8f, digit(1)));
-      const float value = std::fma(digit(3), 65536.0f, lower);
+      const auto limb = [&](size_t p) { return static_cast<float>(sums[p][lane]); };
+      const float lower = std::fma(limb(2), 256.0f, std::fma(limb(0), 0x1p-8f, limb(1)));
+      const float value = std::fma(limb(3), 65536.0f, lower);
       chain[lane] = std::fma(value, factor, chain[lane]);
     }
     if ((b + 1) % (kSpan / kChunk) == 0) {
@@ -291,24 +292,25 @@ class CodedRowSum {
 };
 
 template <void (*unpack)(const uint8_t*, uint8_t*), size_t blockBytes>
-void codedRows(const void* weights, const CodedInput* x, float* out, size_t rows, size_t cols) {
-  constexpr size_t kHeadBytes = 16;
+void quantisedRows(const void* weights, const QuantisedInput* x, float* out, size_t rows,
+                   size_t cols) {
+  constexpr size_t kHeaderBytes = 16;
   const auto* super = static_cast<const uint8_t*>(weights);
   for (size_t r = 0; r < rows; ++r) {
-    CodedRowSum sum;
+    QuantisedDotProduct sum;
     for (size_t b = 0; b < cols / kChunk; ++b, super += blockBytes) {
       uint8_t codes[kChunk];
-      unpack(super + kHeadBytes, codes);
-      sum.add(b, super, codes, x[b / kGroupBlocks]);
+      unpack(super + kHeaderBytes, codes);
+      sum.add(b, super, codes, x[b / kGroupSuperBlocks]);
     }
     out[r] = sum.finish();
   }
 }
 
-void addWeightedRows(const float* e, float r, const float* values, float* acc, size_t rows,
-                     size_t n) {
-  for (size_t p = 0; p < rows; ++p, values += n) {
-    const float weight = e[p] * r;
+void addWeightedRows(const float* weights, float inverseSum, const float* values, size_t stride,
+                     float* acc, size_t rows, size_t n) {
+  for (size_t p = 0; p < rows; ++p, values += stride) {
+    const float weight = weights[p] * inverseSum;
     for (size_t d = 0; d < n; ++d) {
       acc[d] += weight * values[d];
     }
@@ -342,10 +344,10 @@ const KernelTable& scalarKernels() {
       .dot = dot,
       .rowsF32 = loadedRows<loadF32, sizeof(float)>,
       .rowsBf16 = loadedRows<loadBf16, sizeof(uint16_t)>,
-      .rowsQ80 = decodedRows<dequantQ80, kBlockLen, kQ80Bytes>,
-      .rowsQ4K = codedRows<codesQ4K, kQ4KBytes>,
-      .rowsQ5K = codedRows<codesQ5K, kQ5KBytes>,
-      .codeInput = codeInput,
+      .rowsQ80 = dequantisedRows<dequantQ80, kBlockLen, kQ80Bytes>,
+      .rowsQ4K = quantisedRows<codesQ4K, kQ4KBytes>,
+      .rowsQ5K = quantisedRows<codesQ5K, kQ5KBytes>,
+      .quantiseInput = quantiseInput,
       .decodeQ80 = dequantQ80,
       .decodeQ4K = dequantQ4K,
       .decodeQ5K = dequantQ5K,

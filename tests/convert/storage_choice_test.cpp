@@ -9,6 +9,7 @@
 namespace {
 
 using kel::QuantType;
+using kel::TensorRole;
 using kel::convert::chooseStorage;
 using kel::convert::MatrixToStore;
 using kel::convert::Preset;
@@ -31,12 +32,12 @@ TEST(StorageChoice, KeepsWhatProductsAccept) {
        {std::pair{SourceType::F32, QuantType::F32}, std::pair{SourceType::BF16, QuantType::BF16},
         std::pair{SourceType::Q8_0, QuantType::Q8_0}, std::pair{SourceType::Q4_K, QuantType::Q4_K},
         std::pair{SourceType::Q5_K, QuantType::Q5_K}}) {
-    const Storage storage = chooseStorage({"ffn_up.weight", false, source, 2560}, {});
+    const Storage storage = chooseStorage({TensorRole::FfnUp, source, 2560}, {});
     EXPECT_EQ(type, storage.type);
     EXPECT_EQ("", storage.reason);
   }
   // The embedding of a common file.
-  const Storage embedding = chooseStorage({"token_embd.weight", true, SourceType::Q6_K, 2560}, {});
+  const Storage embedding = chooseStorage({TensorRole::Embedding, SourceType::Q6_K, 2560}, {});
   EXPECT_EQ(QuantType::Q8_0, embedding.type);
   EXPECT_EQ("matrix products cannot use Q6_K; quality stays that of Q6_K", embedding.reason);
 }
@@ -44,46 +45,46 @@ TEST(StorageChoice, KeepsWhatProductsAccept) {
 TEST(StorageChoice, RowsThatHoldNoWholeBlockFallBack) {
   StorageChoice choice;
   choice.type = QuantType::Q4_K;
-  EXPECT_EQ(QuantType::Q4_K, stored({"ffn_up.weight", false, SourceType::F32, 512}, choice));
-  EXPECT_EQ(QuantType::Q8_0, stored({"ffn_up.weight", false, SourceType::F32, 288}, choice));
-  EXPECT_EQ(QuantType::BF16, stored({"ffn_up.weight", false, SourceType::F32, 40}, choice));
+  EXPECT_EQ(QuantType::Q4_K, stored({TensorRole::FfnUp, SourceType::F32, 512}, choice));
+  EXPECT_EQ(QuantType::Q8_0, stored({TensorRole::FfnUp, SourceType::F32, 288}, choice));
+  EXPECT_EQ(QuantType::BF16, stored({TensorRole::FfnUp, SourceType::F32, 40}, choice));
   EXPECT_EQ("type as asked for; rows of 40 are no whole blocks of Q4_K",
-            chooseStorage({"ffn_up.weight", false, SourceType::F32, 40}, choice).reason);
-  EXPECT_EQ(QuantType::BF16, stored({"ffn_up.weight", false, SourceType::F16, 40}));
+            chooseStorage({TensorRole::FfnUp, SourceType::F32, 40}, choice).reason);
+  EXPECT_EQ(QuantType::BF16, stored({TensorRole::FfnUp, SourceType::F16, 40}));
 }
 
 TEST(StorageChoice, EmbeddingTypeComesFirst) {
   StorageChoice choice = preset(Preset::Best);
   choice.embeddingType = QuantType::F32;
-  EXPECT_EQ(QuantType::F32, stored({"token_embd.weight", true, SourceType::BF16, 256}, choice));
-  EXPECT_EQ(QuantType::Q8_0, stored({"ffn_up.weight", false, SourceType::BF16, 256}, choice));
+  EXPECT_EQ(QuantType::F32, stored({TensorRole::Embedding, SourceType::BF16, 256}, choice));
+  EXPECT_EQ(QuantType::Q8_0, stored({TensorRole::FfnUp, SourceType::BF16, 256}, choice));
 }
 
 TEST(StorageChoice, Presets) {
   struct Row {
-    const char* suffix;
+    TensorRole role;
     QuantType small;
     QuantType balanced;
   };
-  for (const Row& row : {Row{"ffn_gate.weight", QuantType::Q4_K, QuantType::Q5_K},
-                         Row{"ffn_up.weight", QuantType::Q4_K, QuantType::Q5_K},
-                         Row{"ffn_down.weight", QuantType::Q5_K, QuantType::Q5_K},
-                         Row{"attn_q.weight", QuantType::Q5_K, QuantType::Q5_K},
-                         Row{"attn_k.weight", QuantType::Q5_K, QuantType::Q5_K},
-                         Row{"attn_v.weight", QuantType::Q5_K, QuantType::Q5_K},
-                         Row{"attn_output.weight", QuantType::Q5_K, QuantType::Q5_K},
-                         Row{"attn_qkv.weight", QuantType::Q5_K, QuantType::Q8_0},
-                         Row{"attn_gate.weight", QuantType::Q5_K, QuantType::Q8_0},
-                         Row{"ssm_out.weight", QuantType::Q8_0, QuantType::Q8_0},
-                         Row{"ssm_alpha.weight", QuantType::BF16, QuantType::Q5_K},
-                         Row{"ssm_beta.weight", QuantType::BF16, QuantType::Q5_K},
-                         Row{"token_embd.weight", QuantType::Q8_0, QuantType::Q8_0}}) {
-    const bool embedding = std::string_view(row.suffix) == "token_embd.weight";
-    const MatrixToStore matrix{row.suffix, embedding, SourceType::F32, 2560};
-    EXPECT_EQ(row.small, stored(matrix, preset(Preset::Small))) << row.suffix;
-    EXPECT_EQ(row.balanced, stored(matrix, preset(Preset::Balanced))) << row.suffix;
-    EXPECT_EQ(QuantType::Q8_0, stored(matrix, preset(Preset::Best))) << row.suffix;
-    EXPECT_EQ(QuantType::BF16, stored(matrix, preset(Preset::Full))) << row.suffix;
+  for (const Row& row : {Row{TensorRole::FfnGate, QuantType::Q4_K, QuantType::Q5_K},
+                         Row{TensorRole::FfnUp, QuantType::Q4_K, QuantType::Q5_K},
+                         Row{TensorRole::FfnDown, QuantType::Q5_K, QuantType::Q5_K},
+                         Row{TensorRole::AttnQ, QuantType::Q5_K, QuantType::Q5_K},
+                         Row{TensorRole::AttnK, QuantType::Q5_K, QuantType::Q5_K},
+                         Row{TensorRole::AttnV, QuantType::Q5_K, QuantType::Q5_K},
+                         Row{TensorRole::AttnOutput, QuantType::Q5_K, QuantType::Q5_K},
+                         Row{TensorRole::AttnQkv, QuantType::Q5_K, QuantType::Q8_0},
+                         Row{TensorRole::AttnGate, QuantType::Q5_K, QuantType::Q8_0},
+                         Row{TensorRole::SsmOut, QuantType::Q8_0, QuantType::Q8_0},
+                         Row{TensorRole::SsmAlpha, QuantType::BF16, QuantType::Q5_K},
+                         Row{TensorRole::SsmBeta, QuantType::BF16, QuantType::Q5_K},
+                         Row{TensorRole::Embedding, QuantType::Q8_0, QuantType::Q8_0}}) {
+    const MatrixToStore matrix{row.role, SourceType::F32, 2560};
+    const std::string_view name = kel::tensorOf(row.role).suffix;
+    EXPECT_EQ(row.small, stored(matrix, preset(Preset::Small))) << name;
+    EXPECT_EQ(row.balanced, stored(matrix, preset(Preset::Balanced))) << name;
+    EXPECT_EQ(QuantType::Q8_0, stored(matrix, preset(Preset::Best))) << name;
+    EXPECT_EQ(QuantType::BF16, stored(matrix, preset(Preset::Full))) << name;
   }
 }
 

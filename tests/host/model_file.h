@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "container/model_tensors.h"
 #include "container/tokenizer_data.h"
 #include "container/zym2_writer.h"
-#include "host/inspect/expected_tensors.h"
 
 namespace zym::testing_support {
 
@@ -47,14 +47,14 @@ inline kel::Status writeSmallModel(const std::string& path,
   if (more) {
     more(writer);
   }
-  for (const ExpectedTensor& expected : expectedTensors({1, kTokens}, [](uint32_t layer) {
-         return LayerChoice{(layer + 1) % 4 != 0, 1};
-       })) {
+  const auto add = [&](const kel::ModelTensor& tensor, uint32_t layer) {
+    const std::vector<uint64_t> dims = kel::tensorDims(
+        tensor, kel::kFixedShape, {.hidden = 1, .feedForward = 1, .vocab = kTokens});
     uint64_t count = 1;
-    for (const uint64_t dim : expected.dims) {
+    for (const uint64_t dim : dims) {
       count *= dim;
     }
-    TensorPlan plan{expected.name, kel::QuantType::F32, expected.dims,
+    TensorPlan plan{kel::tensorName(tensor, layer), kel::QuantType::F32, dims,
                     std::vector<float>(count, 0.5F), true};
     if (change) {
       change(plan);
@@ -63,6 +63,19 @@ inline kel::Status writeSmallModel(const std::string& path,
       status = writer.addTensor(plan.name, plan.type, plan.dims, plan.values.data(),
                                 plan.values.size() * sizeof(float));
     }
+  };
+  const auto addGroup = [&](kel::TensorGroup group, uint32_t layer) {
+    for (const kel::ModelTensor& tensor : kel::tensorsOf(group)) {
+      if (tensor.required) {
+        add(tensor, layer);
+      }
+    }
+  };
+  addGroup(kel::TensorGroup::Model, 0);
+  for (uint32_t layer = 0; layer < kel::kFixedShape.layers; ++layer) {
+    addGroup(kel::TensorGroup::Common, layer);
+    addGroup(kel::kFixedShape.isFull(layer) ? kel::TensorGroup::Full : kel::TensorGroup::Linear,
+             layer);
   }
   return status.ok() ? writer.finish() : status;
 }

@@ -1,18 +1,38 @@
+#include "quant/block_sizes.h"
+
 #include <gtest/gtest.h>
 
 #include <limits>
 
-#include "quant/blocks.h"
-
 namespace {
 
 using kel::QuantType;
+using kel::quant::blockFormat;
+using kel::quant::BlockFormat;
 using kel::quant::quantizedBytes;
 using kel::quant::quantizedBytesK;
 
 constexpr QuantType kAllTypes[] = {QuantType::F32,  QuantType::F16,  QuantType::BF16,
                                    QuantType::Q4_0, QuantType::Q8_0, QuantType::Q4_K,
                                    QuantType::Q5_K, QuantType::Q6_K, QuantType::IQ4_XS};
+
+TEST(BlockFormat, EveryTypeHasItsBlockLengthAndBytes) {
+  constexpr size_t kExpected[][2] = {{1, 4},     {1, 2},     {1, 2},     {32, 18},  {32, 34},
+                                     {256, 144}, {256, 176}, {256, 210}, {256, 136}};
+  for (size_t i = 0; i < std::size(kAllTypes); ++i) {
+    const BlockFormat format = blockFormat(kAllTypes[i]);
+    EXPECT_EQ(kExpected[i][0], format.elements) << kel::quantTypeName(kAllTypes[i]);
+    EXPECT_EQ(kExpected[i][1], format.bytes) << kel::quantTypeName(kAllTypes[i]);
+  }
+}
+
+TEST(BlockFormat, ValuesAboveTheLastTypeHaveNone) {
+  for (int value = 9; value < 256; ++value) {
+    const BlockFormat format = blockFormat(static_cast<QuantType>(value));
+    EXPECT_EQ(0u, format.elements) << value;
+    EXPECT_EQ(0u, format.bytes) << value;
+  }
+}
 
 TEST(QuantizedBytes, PlainTypesCountElements) {
   EXPECT_EQ(28u, quantizedBytes(QuantType::F32, 7));

@@ -18,4 +18,15 @@ TEST(QuantTypeName, AnyOtherValueIsAQuestionMark) {
   }
 }
 
+TEST(HasProduct, FiveTypesHave) {
+  using kel::QuantType;
+  for (int value = 0; value < 256; ++value) {
+    const auto type = static_cast<QuantType>(value);
+    const bool expected = type == QuantType::F32 || type == QuantType::BF16 ||
+                          type == QuantType::Q8_0 || type == QuantType::Q4_K ||
+                          type == QuantType::Q5_K;
+    EXPECT_EQ(expected, kel::hasProduct(type)) << value;
+  }
+}
+
 }  // namespace

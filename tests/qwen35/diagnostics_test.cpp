@@ -137,9 +137,8 @@ TEST_F(Diagnostics, ADumpThatCannotBeOpenedIsSkipped) {
 TEST(HiddenDump, ARecordOf2048FloatsWithATenByteNameTakes8218Bytes) {
   const kel::test::TempDir folder;
   const std::string path = folder.file("dump");
-  const ScopedEnv variable("QWEN35_HID_DUMP", path.c_str());
   {
-    qwen35::HiddenDump dump;
+    qwen35::HiddenDump dump(path.c_str());
     dump.layerRecord(0, 0, "attn_mm", std::vector<float>(2048));
   }
   EXPECT_EQ(8218u, std::filesystem::file_size(path));

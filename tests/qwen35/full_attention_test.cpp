@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "qwen35/kernels.h"
+#include "qwen35/elementwise.h"
 #include "tests/support/hand_tensors.h"
 #include "tests/support/scoped_env.h"
 

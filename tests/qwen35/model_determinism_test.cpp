@@ -9,7 +9,6 @@
 #include <thread>
 #include <vector>
 
-#include "qwen35/simd/dispatch.h"
 #include "tests/support/opened_model.h"
 
 namespace {
@@ -49,10 +48,7 @@ std::vector<uint32_t> logitBits(const std::string& path, const std::vector<size_
 
 class ModelDeterminism : public ::testing::Test {
  protected:
-  ~ModelDeterminism() override {
-    omp_set_num_threads(threads);
-    qwen35::setKernelsForTesting(nullptr);
-  }
+  ~ModelDeterminism() override { omp_set_num_threads(threads); }
 
   const int threads = omp_get_max_threads();
   const std::vector<size_t> tokens = {3, 250, 17};
@@ -64,15 +60,6 @@ TEST_F(ModelDeterminism, LogitsDoNotDependOnTheThreadCount) {
   for (const int count : {2, 3, 7}) {
     omp_set_num_threads(count);
     EXPECT_EQ(expected, logitBits(mixedModel().path, tokens)) << count;
-  }
-}
-
-TEST_F(ModelDeterminism, LogitsDoNotDependOnTheInstructionSet) {
-  qwen35::setKernelsForTesting(qwen35::supportedKernels().front());
-  const std::vector<uint32_t> expected = logitBits(mixedModel().path, tokens);
-  for (const qwen35::KernelTable* table : qwen35::supportedKernels()) {
-    qwen35::setKernelsForTesting(table);
-    EXPECT_EQ(expected, logitBits(mixedModel().path, tokens)) << table->name;
   }
 }
 

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "quant/blocks.h"
-#include "qwen35/kernels.h"
+#include "qwen35/elementwise.h"
 
 namespace weight_rows {
 

@@ -51,7 +51,7 @@ TEST_F(DecodeLoop, AnEmptyPromptFeedsNothingAndLeavesTheLogits) {
 
 TEST_F(DecodeLoop, AnUnfitModelIsRefusedEvenWithAnEmptyPrompt) {
   open();
-  session.unfitReason = "blk.0.ffn_up.weight: no product for F16";
+  session.unfitReason = "blk.0.ffn_up.weight: is F16, a type without matmul";
   EXPECT_FALSE(prefill(&session, {}, hidden, logits));
   EXPECT_FALSE(prefill(&session, {1, 2}, hidden, logits));
   EXPECT_EQ(0u, session.position);
@@ -64,7 +64,7 @@ TEST_F(DecodeLoop, APromptOfOneTokenRunsThePassWithLogits) {
   EXPECT_TRUE(prefill(&session, {5}, hidden, logits));
   EXPECT_EQ(1u, session.position);
   std::vector<float> expected(logits.size());
-  session.restart();
+  session.clearContext();
   feedToken(&session, 5, hidden, expected);
   EXPECT_EQ(expected, logits);
 }
@@ -77,7 +77,7 @@ TEST_F(DecodeLoop, TimesAddUpAndTheLastOneStays) {
   ASSERT_TRUE(prefill(&session, {6}, hidden, logits));
   EXPECT_DOUBLE_EQ(first + session.lastDecodeMs, session.decodeMsTotal);
   const double last = session.lastDecodeMs;
-  session.restart();
+  session.clearContext();
   EXPECT_EQ(0.0, session.decodeMsTotal);
   EXPECT_EQ(last, session.lastDecodeMs);
 }

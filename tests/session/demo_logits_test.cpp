@@ -25,7 +25,7 @@ TEST(DemoLogits, AgreeWithTheReference) {
       if (reference.matrices != name) {
         continue;
       }
-      session.restart();
+      session.clearContext();
       std::vector<float> hidden(session.model.nEmbd);
       std::vector<float> logits(session.model.nVocab);
       ASSERT_TRUE(prefill(&session, reference.promptIds, hidden, logits));

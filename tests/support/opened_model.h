@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "container/zym_loader.h"
+#include "qwen35/aligned_vectors.h"
 #include "qwen35/forward.h"
 #include "qwen35/model.h"
 #include "qwen35/run_check.h"
@@ -24,6 +25,7 @@ struct Handle {
     if (const std::string fault = qwen35::findUnfitTensor(loader, model); !fault.empty()) {
       throw std::runtime_error(fault);
     }
+    qwen35::alignVectors(model);
   }
 
   // Feeds one token at the next position; returns its logits.
@@ -38,6 +40,35 @@ struct Handle {
     std::vector<float> result(model.nEmbd);
     qwen35::forwardTokenHidden(model, embedding(token).data(), position++, result.data());
     return result;
+  }
+
+  // Feeds tokens at the next positions in one pass; returns their final hidden states,
+  // [count][nEmbd]. logits, when not null, receives [count][nVocab].
+  std::vector<float> pass(const std::vector<size_t>& tokens, qwen35::Arithmetic arithmetic,
+                          std::vector<float>* logits = nullptr,
+                          const qwen35::ContextOptions& options = {}) {
+    std::vector<float> embeddings;
+    for (const size_t token : tokens) {
+      const std::vector<float> row = embedding(token);
+      embeddings.insert(embeddings.end(), row.begin(), row.end());
+    }
+    std::vector<float> hidden(embeddings.size());
+    if (logits != nullptr) {
+      logits->assign(tokens.size() * model.nVocab, 0.0f);
+    }
+    qwen35::ContextOptions sized = options;
+    sized.maxTokens = tokens.size();
+    qwen35::Context context(model, sized);
+    forward(context, model,
+            {.embeddings = embeddings.data(),
+             .count = tokens.size(),
+             .pos = position,
+             .arithmetic = arithmetic,
+             .hidden = hidden.data(),
+             .logits = logits == nullptr ? nullptr : logits->data(),
+             .allLogits = true});
+    position += tokens.size();
+    return hidden;
   }
 
   void reset() {

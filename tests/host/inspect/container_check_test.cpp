@@ -74,11 +74,20 @@ TEST_F(ContainerCheckTest, EveryMissingTensorIsNamed) {
             "blk.3.attn_q.weight: is missing\nblk.7.attn_k.weight: is missing\n");
 }
 
-TEST_F(ContainerCheckTest, WrongShapeNamesBothShapes) {
+TEST_F(ContainerCheckTest, WithoutTheEmbeddingOnlyWhatIsMissingIsNamed) {
+  EXPECT_EQ(faultsAfter([](TensorPlan& plan) {
+              plan.written = plan.name != "token_embd.weight" && plan.name != "blk.7.attn_k.weight";
+            }),
+            "token_embd.weight: is missing\nblk.7.attn_k.weight: is missing\n");
+}
+
+TEST_F(ContainerCheckTest, EveryTensorOfAnotherShapeIsNamed) {
   EXPECT_EQ(faultsAfter([](TensorPlan& plan) {
               if (plan.name == "blk.0.attn_qkv.weight") plan.dims = {2, 4096};
+              if (plan.name == "blk.1.ssm_norm.weight") plan.values.resize(plan.dims[0] = 127);
             }),
-            "blk.0.attn_qkv.weight: has shape 2 x 4096, needs 1 x 8192\n");
+            "blk.0.attn_qkv.weight: has 2 columns, needs 1\n"
+            "blk.1.ssm_norm.weight: has 127 elements, needs 128\n");
 }
 
 TEST_F(ContainerCheckTest, TypesThatCannotBeUsedAreNamed) {
@@ -91,8 +100,8 @@ TEST_F(ContainerCheckTest, TypesThatCannotBeUsedAreNamed) {
                 plan.values.resize(16);
               }
             }),
-            "blk.0.ssm_alpha.weight: is F16, which cannot be multiplied; `zym convert` stores it "
-            "otherwise\nblk.0.ssm_norm.weight: is BF16, needs F32\n");
+            "blk.0.ssm_alpha.weight: is F16, a type without matmul\n"
+            "blk.0.ssm_norm.weight: is BF16, but is read as F32\n");
 }
 
 TEST_F(ContainerCheckTest, ValuesThatAreNotFiniteAreNamed) {
@@ -109,6 +118,26 @@ TEST_F(ContainerCheckTest, TensorOutsideTheWeightSectionIsNamed) {
   ASSERT_TRUE(writeSmallModel(path).ok());
   editEntry(0, [](kel::zym2::TensorEntry& entry) { entry.offset = uint64_t{0} - 64; });
   EXPECT_EQ(faults(), "blk.0.attn_gate.weight: lies outside the weight section\n");
+}
+
+// Its own bytes lie inside, those of the floats that are read do not.
+TEST_F(ContainerCheckTest, FloatsOutsideTheWeightSectionAreNamed) {
+  ASSERT_TRUE(writeSmallModel(path).ok());
+  kel::ZYM2Reader reader;
+  ASSERT_TRUE(reader.open(path.c_str()).ok());
+  const uint64_t end = reader.sectionSize(kel::zym2::SectionType::WeightData);
+  const uint8_t* entries = reader.sectionData(kel::zym2::SectionType::TensorIndex);
+  const uint8_t* last = reader.findTensor("blk.31.attn_k_norm.weight");  // as it was written
+  const auto index = static_cast<uint32_t>((last - entries) / kel::zym2::kTensorEntryBytes);
+  reader.close();
+  editEntry(index, [&](kel::zym2::TensorEntry& entry) {
+    entry.type = static_cast<uint16_t>(QuantType::BF16);
+    entry.byteSize = 512;
+    entry.offset = end - 512;
+  });
+  EXPECT_EQ(faults(),
+            "blk.31.attn_k_norm.weight: leaves the weight section\n"
+            "blk.31.attn_k_norm.weight: is BF16, but is read as F32\n");
 }
 
 TEST_F(ContainerCheckTest, OverlapIsNamed) {

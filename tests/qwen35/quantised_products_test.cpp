@@ -1,5 +1,5 @@
-// Coded inputs and the coded row sums of Q4_K and Q5_K: every kernel table of this machine against
-// the scalar one, and the scalar one against the contract written out in wide integers.
+// Coded inputs and the quantised dot products of Q4_K and Q5_K: every kernel table of this machine
+// against the scalar one, and the scalar one against the contract written out in wide integers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,8 +16,8 @@
 namespace {
 
 using kel::QuantType;
-using qwen35::CodedInput;
 using qwen35::KernelTable;
+using qwen35::QuantisedInput;
 using weight_rows::bits;
 using weight_rows::randomFloats;
 using weight_rows::randomRows;
@@ -31,12 +31,12 @@ const KernelTable& scalar() {
   return *qwen35::supportedKernels().front();
 }
 
-std::vector<CodedInput> coded(const KernelTable& table, const std::vector<float>& x) {
-  std::vector<CodedInput> groups(qwen35::codedGroups(x.size()));
-  for (CodedInput& group : groups) {
+std::vector<QuantisedInput> coded(const KernelTable& table, const std::vector<float>& x) {
+  std::vector<QuantisedInput> groups(qwen35::quantisedGroups(x.size()));
+  for (QuantisedInput& group : groups) {
     std::memset(static_cast<void*>(&group), 0x5A, sizeof group);
   }
-  EXPECT_TRUE(table.codeInput(x.data(), x.size(), groups.data()));
+  EXPECT_TRUE(table.quantiseInput(x.data(), x.size(), groups.data()));
   return groups;
 }
 
@@ -44,7 +44,7 @@ std::vector<CodedInput> coded(const KernelTable& table, const std::vector<float>
 std::vector<float> rowSums(const KernelTable& table, QuantType type,
                            const std::vector<uint8_t>& weights, const std::vector<float>& x,
                            size_t rows) {
-  const std::vector<CodedInput> groups = coded(table, x);
+  const std::vector<QuantisedInput> groups = coded(table, x);
   std::vector<uint8_t> moved(weights.size() + 1);
   std::copy(weights.begin(), weights.end(), moved.begin() + 1);
   std::vector<float> out(rows + 1, 12345.0f);
@@ -82,22 +82,22 @@ std::vector<std::vector<float>> inputs(size_t cols) {
   return out;
 }
 
-// An element in fixed point, in units of its last digit.
-int64_t fixedAt(const CodedInput& group, size_t block, size_t i) {
+// An element in fixed point, in units of its last limb.
+int64_t fixedAt(const QuantisedInput& group, size_t block, size_t i) {
   int64_t fixed = 0;
   for (size_t p = 4; p-- > 0;) {
-    fixed = fixed * 256 + group.digits[block][i / kSub][p][i % kSub];
+    fixed = fixed * 256 + group.limbs[block][i / kSub][p][i % kSub];
   }
   return fixed;
 }
 
-float sumAt(const CodedInput& group, size_t block, size_t sub) {
+float sumAt(const QuantisedInput& group, size_t block, size_t sub) {
   return group.sums[block / 2 * 2 + sub / 4][block % 2 * 4 + sub % 4];
 }
 
-TEST(CodedInput, IsTheNearestFixedPointOfTheLargestShift) {
+TEST(QuantisedInput, IsTheNearestFixedPointOfTheLargestShift) {
   for (const std::vector<float>& x : inputs(3 * kSuper)) {
-    const std::vector<CodedInput> groups = coded(scalar(), x);
+    const std::vector<QuantisedInput> groups = coded(scalar(), x);
     for (size_t b = 0; b < 3; ++b) {
       const double unit = groups[0].scales[b] * 0x1p-8;
       double largest = 0.0;
@@ -108,9 +108,9 @@ TEST(CodedInput, IsTheNearestFixedPointOfTheLargestShift) {
         largest = std::max(largest, std::abs(value));
         magnitudes += std::floor(std::abs(nearest) / 256);
         const double error = std::abs(nearest - static_cast<double>(fixedAt(groups[0], b, i)));
-        EXPECT_LE(error, groups[0].keepsLast[b] ? 0.0 : 128.0);
+        EXPECT_LE(error, groups[0].keepsLastLimb[b] ? 0.0 : 128.0);
       }
-      EXPECT_EQ(magnitudes < 0x1p27, groups[0].keepsLast[b]);
+      EXPECT_EQ(magnitudes < 0x1p27, groups[0].keepsLastLimb[b]);
       EXPECT_LE(largest / unit, 0x7F7F7F00);
       if (largest == 0.0) {
         EXPECT_EQ(0x1p-8, unit);
@@ -122,20 +122,20 @@ TEST(CodedInput, IsTheNearestFixedPointOfTheLargestShift) {
   }
 }
 
-TEST(CodedInput, LastDigitsAreKeptBesideOutliersAlone) {
+TEST(QuantisedInput, LastDigitsAreKeptBesideOutliersAlone) {
   std::vector<float> x = randomFloats(2 * kSuper, 7);
   x[300] = 50.0f;
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    const std::vector<CodedInput> groups = coded(*table, x);
-    EXPECT_FALSE(groups[0].keepsLast[0]) << table->name;
-    EXPECT_TRUE(groups[0].keepsLast[1]) << table->name;
-    EXPECT_EQ(0, groups[0].digits[0][0][0][0]) << table->name;
+    const std::vector<QuantisedInput> groups = coded(*table, x);
+    EXPECT_FALSE(groups[0].keepsLastLimb[0]) << table->name;
+    EXPECT_TRUE(groups[0].keepsLastLimb[1]) << table->name;
+    EXPECT_EQ(0, groups[0].limbs[0][0][0][0]) << table->name;
   }
 }
 
-TEST(CodedInput, SumsAreThoseOfTheFixedPointElements) {
+TEST(QuantisedInput, SumsAreThoseOfTheFixedPointElements) {
   for (const std::vector<float>& x : inputs(2 * kSuper)) {
-    const std::vector<CodedInput> groups = coded(scalar(), x);
+    const std::vector<QuantisedInput> groups = coded(scalar(), x);
     for (size_t b = 0; b < 2; ++b) {
       for (size_t sub = 0; sub < 8; ++sub) {
         int64_t sum = 0;
@@ -149,9 +149,9 @@ TEST(CodedInput, SumsAreThoseOfTheFixedPointElements) {
   }
 }
 
-TEST(CodedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
+TEST(QuantisedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    const std::vector<CodedInput> groups = coded(*table, randomFloats(5 * kSuper, 5));
+    const std::vector<QuantisedInput> groups = coded(*table, randomFloats(5 * kSuper, 5));
     ASSERT_EQ(2u, groups.size());
     for (size_t b = 1; b < 4; ++b) {
       EXPECT_EQ(0.0f, groups[1].scales[b]);
@@ -165,14 +165,14 @@ TEST(CodedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
   }
 }
 
-TEST(CodedInput, IsTheSameInEveryTable) {
+TEST(QuantisedInput, IsTheSameInEveryTable) {
   for (const size_t cols : {0u, 256u, 512u, 768u, 1024u, 1280u, 4096u + 256u}) {
     for (const std::vector<float>& x : inputs(cols)) {
-      const std::vector<CodedInput> expected = coded(scalar(), x);
+      const std::vector<QuantisedInput> expected = coded(scalar(), x);
       for (const KernelTable* table : qwen35::supportedKernels()) {
-        const std::vector<CodedInput> actual = coded(*table, x);
+        const std::vector<QuantisedInput> actual = coded(*table, x);
         for (size_t g = 0; g < expected.size(); ++g) {
-          EXPECT_EQ(0, std::memcmp(expected[g].digits, actual[g].digits, sizeof actual[g].digits));
+          EXPECT_EQ(0, std::memcmp(expected[g].limbs, actual[g].limbs, sizeof actual[g].limbs));
           EXPECT_EQ(0, std::memcmp(expected[g].sums, actual[g].sums, sizeof actual[g].sums));
           EXPECT_EQ(0, std::memcmp(expected[g].scales, actual[g].scales, sizeof actual[g].scales));
         }
@@ -181,14 +181,14 @@ TEST(CodedInput, IsTheSameInEveryTable) {
   }
 }
 
-TEST(CodedInput, RefusesElementsThatAreNotFinite) {
+TEST(QuantisedInput, RefusesElementsThatAreNotFinite) {
   for (const KernelTable* table : qwen35::supportedKernels()) {
     for (const float odd : {INFINITY, -INFINITY, NAN, -NAN}) {
       for (const size_t at : {0u, 7u, 255u, 256u, 300u, 511u}) {
         std::vector<float> x = randomFloats(512, 6);
         x[at] = odd;
-        std::vector<CodedInput> groups(1);
-        EXPECT_FALSE(table->codeInput(x.data(), x.size(), groups.data())) << table->name << at;
+        std::vector<QuantisedInput> groups(1);
+        EXPECT_FALSE(table->quantiseInput(x.data(), x.size(), groups.data())) << table->name << at;
       }
     }
   }
@@ -255,21 +255,21 @@ RowParts parts(QuantType type, const uint8_t* super) {
 }
 
 float sumByContract(QuantType type, const uint8_t* row, const std::vector<float>& x) {
-  const std::vector<CodedInput> groups = coded(scalar(), x);
+  const std::vector<QuantisedInput> groups = coded(scalar(), x);
   float total[8] = {};
   const size_t blocks = x.size() / kSuper;
   for (size_t span = 0; span < blocks; span += 16) {
     float chain[8] = {};
     float low[8] = {};
     for (size_t b = span; b < std::min(span + 16, blocks); ++b) {
-      const CodedInput& group = groups[b / 4];
+      const QuantisedInput& group = groups[b / 4];
       const RowParts p = parts(type, row + b * weight_rows::blockBytes(type));
       for (size_t lane = 0; lane < 8; ++lane) {
         int64_t sums[4] = {};
         for (size_t i = 0; i < kSuper; ++i) {
           for (size_t d = 0; i % kSub / 4 == lane && d < 4; ++d) {
             sums[d] +=
-                int64_t{p.scale[i / kSub]} * p.code[i] * group.digits[b % 4][i / kSub][d][i % kSub];
+                int64_t{p.scale[i / kSub]} * p.code[i] * group.limbs[b % 4][i / kSub][d][i % kSub];
           }
         }
         const float units =

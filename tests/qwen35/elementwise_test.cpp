@@ -1,4 +1,4 @@
-#include "qwen35/kernels.h"
+#include "qwen35/elementwise.h"
 
 #include <gtest/gtest.h>
 

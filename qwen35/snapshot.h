@@ -10,10 +10,10 @@
 
 namespace qwen35 {
 
-class RecurrentState {
+class Snapshot {
  public:
-  // Copies the recurrent state of every layer, about 50 MB. Throws std::bad_alloc, and then holds
-  // nothing to go back to.
+  // Copies the recurrent state of every layer, about 50 MB, into memory that is kept between calls.
+  // Throws std::bad_alloc, and then holds nothing to go back to.
   void save(const Model& m);
 
   // Takes the model that was saved back to that state.
@@ -24,7 +24,6 @@ class RecurrentState {
     std::vector<float> ssm;
     std::vector<float> conv;
     uint64_t pos = 0;
-    uint64_t written = 0;
   };
   std::vector<LayerState> layers;
 };

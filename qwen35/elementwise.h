@@ -1,7 +1,7 @@
-// Small single-precision kernels of the forward pass: norms, activations, bfloat16, dot product.
+// Small single-precision functions of the forward pass: norms, activations, bfloat16, dot product.
 //
 // Plain sequential functions: any thread, no allocation, no errors. Elementwise functions may be
-// called with out equal to x. The matrix-vector products are in qwen35/products.h.
+// called with out equal to x. The matrix products are in qwen35/matmul.h.
 #pragma once
 
 #include <cstddef>
@@ -22,9 +22,6 @@ float dotF32(const float* a, const float* b, size_t n);
 // x, w, out: n floats. The squares are summed in double in index order and divided by n in double;
 // all that follows is single precision. w multiplies as stored, without "1 +".
 void rmsNorm(const float* x, const float* w, float* out, size_t n, float eps);
-
-// rmsNorm of each of nRows consecutive rows of n floats.
-void rmsNormRows(const float* x, const float* w, float* out, size_t nRows, size_t n, float eps);
 
 // Scales each of nBlocks consecutive blocks of blockLen floats to unit length:
 // out = x * inv, inv = 1 / sqrt(sum(x^2) + eps). The squares are summed in double in index order.

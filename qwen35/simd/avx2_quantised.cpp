@@ -1,6 +1,6 @@
-// Coded row sums for AVX2: codes times digits in byte products, exact in integers. See
+// Quantised dot products for AVX2: codes times limbs in byte products, exact in integers. See
 // kernels_avx2.cpp for what this file may include.
-#include "qwen35/simd/avx2_codes.h"
+#include "qwen35/simd/avx2_quantised.h"
 
 #include <immintrin.h>
 
@@ -14,22 +14,22 @@ namespace qwen35::avx2 {
 
 namespace {
 
-static_assert(kLanes == 8, "one register holds the lanes of a row sum");
+static_assert(kLanes == 8, "one register holds the lanes of a dot product");
 
 constexpr size_t kSubLen = 32;
 constexpr size_t kSubBlocks = kChunk / kSubLen;
-constexpr size_t kHeadBytes = 16;  // super-scale, super-minimum, 12 bytes of scales and minimums
+constexpr size_t kHeaderBytes = 16;  // super-scale, super-minimum, 12 bytes of scales and minimums
 constexpr size_t kSpanBlocks = kSpan / kChunk;
-constexpr size_t kSpanGroups = kSpanBlocks / kGroupBlocks;
+constexpr size_t kSpanGroups = kSpanBlocks / kGroupSuperBlocks;
 constexpr size_t kLineBytes = 64;
 
-// Rows whose sums are built up span by span, so that the coded input of a span stays in the first
-// cache; and how many rows ahead their bytes are asked for.
+// Rows whose sums are built up span by span, so that the quantised input of a span stays in
+// L1; and how many rows ahead their bytes are prefetched.
 constexpr size_t kRowsPerTile = 16;
 constexpr size_t kRowsAhead = 4;
 
-// The heads of four super-blocks, element j of each field for block j.
-struct Heads {
+// The headers of four super-blocks, element j of each field for block j.
+struct BlockHeaders {
   __m128i supers;     // super-scale in the low half, super-minimum in the high half
   __m128i scales[2];  // bytes: sub-blocks 0 to 3, then 4 to 7
   __m128i minimums[2];
@@ -38,22 +38,22 @@ struct Heads {
 // Four 6-bit fields to a word, in bytes: the first four scales and minimums are the low bits of
 // words 0 and 1; of the last four, word 2 holds the low four bits (scales in its low nibbles,
 // minimums in its high ones) and words 0 and 1 hold the two upper bits.
-Heads loadHeads(const uint8_t* const (&supers)[kGroupBlocks]) {
-  __m128i head[kGroupBlocks];
-  for (size_t j = 0; j < kGroupBlocks; ++j) {
-    head[j] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(supers[j]));
+BlockHeaders loadHeaders(const uint8_t* const (&supers)[kGroupSuperBlocks]) {
+  __m128i header[kGroupSuperBlocks];
+  for (size_t j = 0; j < kGroupSuperBlocks; ++j) {
+    header[j] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(supers[j]));
   }
-  const __m128i low01 = _mm_unpacklo_epi32(head[0], head[1]);
-  const __m128i low23 = _mm_unpacklo_epi32(head[2], head[3]);
-  const __m128i high01 = _mm_unpackhi_epi32(head[0], head[1]);
-  const __m128i high23 = _mm_unpackhi_epi32(head[2], head[3]);
+  const __m128i low01 = _mm_unpacklo_epi32(header[0], header[1]);
+  const __m128i low23 = _mm_unpacklo_epi32(header[2], header[3]);
+  const __m128i high01 = _mm_unpackhi_epi32(header[0], header[1]);
+  const __m128i high23 = _mm_unpackhi_epi32(header[2], header[3]);
   const __m128i word0 = _mm_unpackhi_epi64(low01, low23);
   const __m128i word1 = _mm_unpacklo_epi64(high01, high23);
   const __m128i word2 = _mm_unpackhi_epi64(high01, high23);
   const __m128i six = _mm_set1_epi8(0x3F);
   const __m128i four = _mm_set1_epi8(0x0F);
   const __m128i upperTwo = _mm_set1_epi8(0x30);
-  Heads out;
+  BlockHeaders out;
   out.supers = _mm_unpacklo_epi64(low01, low23);
   out.scales[0] = _mm_and_si128(word0, six);
   out.minimums[0] = _mm_and_si128(word1, six);
@@ -66,8 +66,8 @@ Heads loadHeads(const uint8_t* const (&supers)[kGroupBlocks]) {
 
 // What the codes of four super-blocks are multiplied with.
 struct GroupScales {
-  alignas(32) uint32_t scale[2][kGroupBlocks][4];  // the scale code twice, as pairs of words
-  alignas(16) float factor[kGroupBlocks];          // super-scale times input scale
+  alignas(32) uint32_t scale[2][kGroupSuperBlocks][4];  // the scale code twice, as pairs of words
+  alignas(16) float factor[kGroupSuperBlocks];          // super-scale times input scale
 };
 
 void storeScalePairs(__m128i bytes, uint32_t* pairs) {
@@ -83,13 +83,13 @@ void storeScalePairs(__m128i bytes, uint32_t* pairs) {
 }
 
 // Scales of a group into out; its minimums, times the input's sums, are added to low.
-__m256 openGroup(const uint8_t* const (&supers)[kGroupBlocks], const CodedInput& x,
+__m256 openGroup(const uint8_t* const (&supers)[kGroupSuperBlocks], const QuantisedInput& x,
                  GroupScales& out, __m256 low) {
-  const Heads heads = loadHeads(supers);
-  storeScalePairs(heads.scales[0], out.scale[0][0]);
-  storeScalePairs(heads.scales[1], out.scale[1][0]);
+  const BlockHeaders headers = loadHeaders(supers);
+  storeScalePairs(headers.scales[0], out.scale[0][0]);
+  storeScalePairs(headers.scales[1], out.scale[1][0]);
   // Super-scales at the even places, super-minimums at the odd ones.
-  const __m256 supers32 = _mm256_cvtph_ps(heads.supers);
+  const __m256 supers32 = _mm256_cvtph_ps(headers.supers);
   const __m256 superScales =
       _mm256_permutevar8x32_ps(supers32, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6));
   _mm_store_ps(out.factor, _mm_mul_ps(_mm256_castps256_ps128(superScales), _mm_load_ps(x.scales)));
@@ -101,30 +101,30 @@ __m256 openGroup(const uint8_t* const (&supers)[kGroupBlocks], const CodedInput&
     const __m256 minimum = _mm256_mul_ps(super, _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(codes)));
     low = _mm256_fmadd_ps(minimum, _mm256_load_ps(sums), low);
   };
-  addMinimums(first, heads.minimums[0], x.sums[0]);
-  addMinimums(first, heads.minimums[1], x.sums[1]);
-  addMinimums(second, _mm_srli_si128(heads.minimums[0], 8), x.sums[2]);
-  addMinimums(second, _mm_srli_si128(heads.minimums[1], 8), x.sums[3]);
+  addMinimums(first, headers.minimums[0], x.sums[0]);
+  addMinimums(first, headers.minimums[1], x.sums[1]);
+  addMinimums(second, _mm_srli_si128(headers.minimums[0], 8), x.sums[2]);
+  addMinimums(second, _mm_srli_si128(headers.minimums[1], 8), x.sums[3]);
   return low;
 }
 
-// Sums per digit of one super-block, eight lanes each; without the last digit unless it is kept.
+// Sums per limb of one super-block, eight lanes each; without the last limb unless it is kept.
 template <bool kLast>
-struct DigitSums {
+struct LimbSums {
   static constexpr size_t kFirst = kLast ? 0 : 1;
-  __m256i sum[kInputDigits];
+  __m256i sum[kInputLimbs];
 
-  DigitSums() {
+  LimbSums() {
     for (__m256i& lanes : sum) {
       lanes = _mm256_setzero_si256();
     }
   }
 
-  // Adds a sub-block: unsigned codes below 32 times digits, in pairs to words, times the scale code
+  // Adds a sub-block: unsigned codes below 32 times limbs, in pairs to words, times the scale code
   // in pairs to lanes.
-  void add(__m256i codes, __m256i scale, const int8_t (&digits)[kInputDigits][kSubLen]) {
-    for (size_t p = kFirst; p < kInputDigits; ++p) {
-      const __m256i words = _mm256_maddubs_epi16(codes, load32Bytes(digits[p]));
+  void add(__m256i codes, __m256i scale, const int8_t (&limbs)[kInputLimbs][kSubLen]) {
+    for (size_t p = kFirst; p < kInputLimbs; ++p) {
+      const __m256i words = _mm256_maddubs_epi16(codes, load32Bytes(limbs[p]));
       sum[p] = _mm256_add_epi32(sum[p], _mm256_madd_epi16(words, scale));
     }
   }
@@ -146,7 +146,7 @@ struct Q4K {
   template <size_t kPair>
   static void codes(const uint8_t* super, __m256i& low, __m256i& high) {
     const __m256i nibble = _mm256_set1_epi8(15);
-    const __m256i bytes = load32Bytes(super + kHeadBytes + kPair * kSubLen);
+    const __m256i bytes = load32Bytes(super + kHeaderBytes + kPair * kSubLen);
     low = _mm256_and_si256(bytes, nibble);
     high = _mm256_and_si256(_mm256_srli_epi16(bytes, 4), nibble);
   }
@@ -169,57 +169,55 @@ struct Q5K {
   template <size_t kPair>
   static void codes(const uint8_t* super, __m256i& low, __m256i& high) {
     Q4K::codes<kPair>(super + kSubLen, low, high);
-    const __m256i bits = load32Bytes(super + kHeadBytes);
+    const __m256i bits = load32Bytes(super + kHeaderBytes);
     low = _mm256_or_si256(low, fifthBits<2 * kPair>(bits));
     high = _mm256_or_si256(high, fifthBits<2 * kPair + 1>(bits));
   }
 };
 
-// The digits of a super-block, sub-block by sub-block.
-using Digits = const int8_t (*)[kInputDigits][kSubLen];
+// The limbs of a super-block, sub-block by sub-block.
+using Limbs = const int8_t (*)[kInputLimbs][kSubLen];
 
 template <typename Format, size_t kPair, bool kLast>
-void addPair(const uint8_t* super, const uint32_t* scale, Digits digits, DigitSums<kLast>& sums) {
+void addPair(const uint8_t* super, const uint32_t* scale, Limbs limbs, LimbSums<kLast>& sums) {
   __m256i low;
   __m256i high;
   Format::template codes<kPair>(super, low, high);
-  sums.add(low, _mm256_set1_epi32(static_cast<int>(scale[0])), digits[2 * kPair]);
-  sums.add(high, _mm256_set1_epi32(static_cast<int>(scale[1])), digits[2 * kPair + 1]);
+  sums.add(low, _mm256_set1_epi32(static_cast<int>(scale[0])), limbs[2 * kPair]);
+  sums.add(high, _mm256_set1_epi32(static_cast<int>(scale[1])), limbs[2 * kPair + 1]);
 }
 
 template <typename Format, bool kLast>
-__m256 blockValue(const uint8_t* super, const GroupScales& scales, size_t block, Digits digits) {
-  DigitSums<kLast> sums;
-  addPair<Format, 0>(super, scales.scale[0][block], digits, sums);
-  addPair<Format, 1>(super, scales.scale[0][block] + 2, digits, sums);
-  addPair<Format, 2>(super, scales.scale[1][block], digits, sums);
-  addPair<Format, 3>(super, scales.scale[1][block] + 2, digits, sums);
+__m256 blockValue(const uint8_t* super, const GroupScales& scales, size_t block, Limbs limbs) {
+  LimbSums<kLast> sums;
+  addPair<Format, 0>(super, scales.scale[0][block], limbs, sums);
+  addPair<Format, 1>(super, scales.scale[0][block] + 2, limbs, sums);
+  addPair<Format, 2>(super, scales.scale[1][block], limbs, sums);
+  addPair<Format, 3>(super, scales.scale[1][block] + 2, limbs, sums);
   return sums.value();
 }
 
 template <typename Format>
-__m256 addBlock(const uint8_t* super, const GroupScales& scales, size_t block, const CodedInput& x,
-                __m256 chain) {
-  const __m256 value = x.keepsLast[block]
-                           ? blockValue<Format, true>(super, scales, block, x.digits[block])
-                           : blockValue<Format, false>(super, scales, block, x.digits[block]);
+__m256 addBlock(const uint8_t* super, const GroupScales& scales, size_t block,
+                const QuantisedInput& x, __m256 chain) {
+  const __m256 value = x.keepsLastLimb[block]
+                           ? blockValue<Format, true>(super, scales, block, x.limbs[block])
+                           : blockValue<Format, false>(super, scales, block, x.limbs[block]);
   return _mm256_fmadd_ps(value, _mm256_broadcast_ss(&scales.factor[block]), chain);
 }
 
-// One span of a row: `blocks` super-blocks, at most kSpanBlocks; rows are `stride` bytes apart. The
-// heads come first: they cost latency, which the blocks after them hide from each other but not
-// from themselves.
+// One span of a row: `blocks` super-blocks, at most kSpanBlocks; rows are `stride` bytes apart.
 template <typename Format>
-__m256 spanSum(const uint8_t* super, size_t stride, const CodedInput* x, size_t blocks) {
-  static constexpr uint8_t kNoHead[kHeadBytes] = {};
+__m256 spanSum(const uint8_t* super, size_t stride, const QuantisedInput* x, size_t blocks) {
+  static constexpr uint8_t kNoHeader[kHeaderBytes] = {};
   GroupScales scales[kSpanGroups];
   __m256 low = _mm256_setzero_ps();
-  for (size_t b = 0; b < blocks; b += kGroupBlocks) {
-    const uint8_t* heads[kGroupBlocks];
-    for (size_t j = 0; j < kGroupBlocks; ++j) {
-      heads[j] = b + j < blocks ? super + (b + j) * Format::kBlockBytes : kNoHead;
+  for (size_t b = 0; b < blocks; b += kGroupSuperBlocks) {
+    const uint8_t* headers[kGroupSuperBlocks];
+    for (size_t j = 0; j < kGroupSuperBlocks; ++j) {
+      headers[j] = b + j < blocks ? super + (b + j) * Format::kBlockBytes : kNoHeader;
     }
-    low = openGroup(heads, x[b / kGroupBlocks], scales[b / kGroupBlocks], low);
+    low = openGroup(headers, x[b / kGroupSuperBlocks], scales[b / kGroupSuperBlocks], low);
   }
   __m256 chain = _mm256_setzero_ps();
   for (size_t b = 0; b < blocks; ++b, super += Format::kBlockBytes) {
@@ -227,15 +225,15 @@ __m256 spanSum(const uint8_t* super, size_t stride, const CodedInput* x, size_t 
     for (size_t line = 0; line < Format::kBlockBytes; line += kLineBytes) {
       _mm_prefetch(reinterpret_cast<const char*>(ahead + line), _MM_HINT_T0);
     }
-    chain = addBlock<Format>(super, scales[b / kGroupBlocks], b % kGroupBlocks, x[b / kGroupBlocks],
-                             chain);
+    chain = addBlock<Format>(super, scales[b / kGroupSuperBlocks], b % kGroupSuperBlocks,
+                             x[b / kGroupSuperBlocks], chain);
   }
   return _mm256_sub_ps(chain, low);
 }
 
 // Sums of `rows` rows, at most kRowsPerTile.
 template <typename Format>
-void tileSums(const uint8_t* first, size_t stride, const CodedInput* x, float* out, size_t rows,
+void tileSums(const uint8_t* first, size_t stride, const QuantisedInput* x, float* out, size_t rows,
               size_t blocks) {
   __m256 total[kRowsPerTile];
   for (size_t r = 0; r < rows; ++r) {
@@ -245,7 +243,7 @@ void tileSums(const uint8_t* first, size_t stride, const CodedInput* x, float* o
     const size_t count = blocks - b < kSpanBlocks ? blocks - b : kSpanBlocks;
     const uint8_t* super = first + b * Format::kBlockBytes;
     for (size_t r = 0; r < rows; ++r, super += stride) {
-      const __m256 sum = spanSum<Format>(super, stride, x + b / kGroupBlocks, count);
+      const __m256 sum = spanSum<Format>(super, stride, x + b / kGroupSuperBlocks, count);
       total[r] = _mm256_add_ps(total[r], sum);
     }
   }
@@ -255,7 +253,8 @@ void tileSums(const uint8_t* first, size_t stride, const CodedInput* x, float* o
 }
 
 template <typename Format>
-void codedRows(const void* weights, const CodedInput* x, float* out, size_t rows, size_t cols) {
+void quantisedRows(const void* weights, const QuantisedInput* x, float* out, size_t rows,
+                   size_t cols) {
   const auto* row = static_cast<const uint8_t*>(weights);
   const size_t blocks = cols / kChunk;
   const size_t stride = blocks * Format::kBlockBytes;
@@ -316,20 +315,20 @@ int32_t addLanes(__m256i lanes) {
   return _mm_cvtsi128_si32(four);
 }
 
-// With 128 added to every digit they are plain bytes; the top bit of each then restores the sign.
-__m256i digitBytes(__m256i fixed) {
+// With 128 added to every limb they are plain bytes; the top bit of each then restores the sign.
+__m256i limbBytes(__m256i fixed) {
   const __m256i bias = _mm256_set1_epi32(static_cast<int>(0x80808080u));
   return _mm256_xor_si256(_mm256_add_epi32(fixed, bias), bias);
 }
 
-// Digits of a sub-block given in fixed point.
-void storeDigits(const __m256i (&fixed)[4], int8_t (&digits)[kInputDigits][kSubLen]) {
+// Limbs of a sub-block given in fixed point.
+void storeLimbs(const __m256i (&fixed)[4], int8_t (&limbs)[kInputLimbs][kSubLen]) {
   // Each half of a register: the four bytes of its elements, place by place.
   const __m256i byPlace = _mm256_setr_epi8(0, 4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15, 0,
                                            4, 8, 12, 1, 5, 9, 13, 2, 6, 10, 14, 3, 7, 11, 15);
   __m256i places[4];
   for (size_t i = 0; i < 4; ++i) {
-    places[i] = _mm256_shuffle_epi8(digitBytes(fixed[i]), byPlace);
+    places[i] = _mm256_shuffle_epi8(limbBytes(fixed[i]), byPlace);
   }
   // Words of four elements: 0, 8, 16, 24 in the low half of a register, 4, 12, 20, 28 in the high.
   const __m256i low01 = _mm256_unpacklo_epi32(places[0], places[1]);
@@ -338,7 +337,7 @@ void storeDigits(const __m256i (&fixed)[4], int8_t (&digits)[kInputDigits][kSubL
   const __m256i high23 = _mm256_unpackhi_epi32(places[2], places[3]);
   const __m256i inOrder = _mm256_setr_epi32(0, 4, 1, 5, 2, 6, 3, 7);
   const auto store = [&](size_t place, __m256i bytes) {
-    _mm256_store_si256(reinterpret_cast<__m256i*>(digits[place]),
+    _mm256_store_si256(reinterpret_cast<__m256i*>(limbs[place]),
                        _mm256_permutevar8x32_epi32(bytes, inOrder));
   };
   store(0, _mm256_unpacklo_epi64(low01, low23));
@@ -347,31 +346,31 @@ void storeDigits(const __m256i (&fixed)[4], int8_t (&digits)[kInputDigits][kSubL
   store(3, _mm256_unpackhi_epi64(high01, high23));
 }
 
-float& sumOf(CodedInput& group, size_t block, size_t sub) {
+float& sumOf(QuantisedInput& group, size_t block, size_t sub) {
   return group.sums[block / 2 * 2 + sub / 4][block % 2 * 4 + sub % 4];
 }
 
-void codeSubBlock(const __m256i (&fixed)[4], size_t block, size_t sub, CodedInput& out) {
-  int8_t(&digits)[kInputDigits][kSubLen] = out.digits[block][sub];
-  storeDigits(fixed, digits);
-  __m256i upper = _mm256_setzero_si256();  // the sum without last digits, in units of digit 1
-  __m256i lower = _mm256_setzero_si256();  // the sum of last digits
+void quantiseSubBlock(const __m256i (&fixed)[4], size_t block, size_t sub, QuantisedInput& out) {
+  int8_t(&limbs)[kInputLimbs][kSubLen] = out.limbs[block][sub];
+  storeLimbs(fixed, limbs);
+  __m256i upper = _mm256_setzero_si256();  // the sum without last limbs, in units of limb 1
+  __m256i lower = _mm256_setzero_si256();  // the sum of last limbs
   for (const __m256i elements : fixed) {
-    const __m256i digit = _mm256_srai_epi32(_mm256_slli_epi32(elements, 24), 24);
-    upper = _mm256_add_epi32(upper, _mm256_srai_epi32(_mm256_sub_epi32(elements, digit), 8));
-    lower = _mm256_add_epi32(lower, digit);
+    const __m256i limb = _mm256_srai_epi32(_mm256_slli_epi32(elements, 24), 24);
+    upper = _mm256_add_epi32(upper, _mm256_srai_epi32(_mm256_sub_epi32(elements, limb), 8));
+    lower = _mm256_add_epi32(lower, limb);
   }
   int64_t sum = int64_t{addLanes(upper)} * 256;
-  if (out.keepsLast[block]) {
+  if (out.keepsLastLimb[block]) {
     sum += addLanes(lower);
   } else {
-    _mm256_store_si256(reinterpret_cast<__m256i*>(digits[0]), _mm256_setzero_si256());
+    _mm256_store_si256(reinterpret_cast<__m256i*>(limbs[0]), _mm256_setzero_si256());
   }
   sumOf(out, block, sub) = static_cast<float>(sum) * 0x1p-8f * out.scales[block];
 }
 
 // False when an element is infinite or NaN.
-bool codeSuperBlock(const float* x, size_t block, CodedInput& out) {
+bool quantiseSuperBlock(const float* x, size_t block, QuantisedInput& out) {
   float largest;
   if (!largestMagnitude(x, largest)) {
     return false;
@@ -386,17 +385,17 @@ bool codeSuperBlock(const float* x, size_t block, CodedInput& out) {
     magnitudes = _mm256_add_epi32(magnitudes, _mm256_srli_epi32(_mm256_abs_epi32(elements), 8));
   }
   out.scales[block] = static_cast<float>(powerOfTwo(8 - shift));
-  out.keepsLast[block] = addLanes(magnitudes) < kOutlierSum;
+  out.keepsLastLimb[block] = addLanes(magnitudes) < kOutlierSum;
   for (size_t sub = 0; sub < kSubBlocks; ++sub) {
-    codeSubBlock(fixed[sub], block, sub, out);
+    quantiseSubBlock(fixed[sub], block, sub, out);
   }
   return true;
 }
 
-void clearSuperBlock(size_t block, CodedInput& out) {
-  std::memset(out.digits[block], 0, sizeof out.digits[block]);
+void clearSuperBlock(size_t block, QuantisedInput& out) {
+  std::memset(out.limbs[block], 0, sizeof out.limbs[block]);
   out.scales[block] = 0.0f;
-  out.keepsLast[block] = false;
+  out.keepsLastLimb[block] = false;
   for (size_t sub = 0; sub < kSubBlocks; ++sub) {
     sumOf(out, block, sub) = 0.0f;
   }
@@ -404,23 +403,25 @@ void clearSuperBlock(size_t block, CodedInput& out) {
 
 }  // namespace
 
-void codedRowsQ4K(const void* weights, const CodedInput* x, float* out, size_t rows, size_t cols) {
-  codedRows<Q4K>(weights, x, out, rows, cols);
+void quantisedRowsQ4K(const void* weights, const QuantisedInput* x, float* out, size_t rows,
+                      size_t cols) {
+  quantisedRows<Q4K>(weights, x, out, rows, cols);
 }
 
-void codedRowsQ5K(const void* weights, const CodedInput* x, float* out, size_t rows, size_t cols) {
-  codedRows<Q5K>(weights, x, out, rows, cols);
+void quantisedRowsQ5K(const void* weights, const QuantisedInput* x, float* out, size_t rows,
+                      size_t cols) {
+  quantisedRows<Q5K>(weights, x, out, rows, cols);
 }
 
-bool codeInput(const float* x, size_t cols, CodedInput* groups) {
+bool quantiseInput(const float* x, size_t cols, QuantisedInput* groups) {
   const size_t blocks = cols / kChunk;
   for (size_t b = 0; b < blocks; ++b) {
-    if (!codeSuperBlock(x + b * kChunk, b % kGroupBlocks, groups[b / kGroupBlocks])) {
+    if (!quantiseSuperBlock(x + b * kChunk, b % kGroupSuperBlocks, groups[b / kGroupSuperBlocks])) {
       return false;
     }
   }
-  for (size_t b = blocks; b % kGroupBlocks != 0; ++b) {
-    clearSuperBlock(b % kGroupBlocks, groups[b / kGroupBlocks]);
+  for (size_t b = blocks; b % kGroupSuperBlocks != 0; ++b) {
+    clearSuperBlock(b % kGroupSuperBlocks, groups[b / kGroupSuperBlocks]);
   }
   return true;
 }

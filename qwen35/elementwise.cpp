@@ -1,4 +1,4 @@
-#include "qwen35/kernels.h"
+#include "qwen35/elementwise.h"
 
 #include <bit>
 #include <cmath>
@@ -29,12 +29,6 @@ void rmsNorm(const float* x, const float* w, float* out, size_t n, float eps) {
   const float inv = 1.0f / std::sqrt(mean + eps);
   for (size_t i = 0; i < n; ++i) {
     out[i] = (inv * x[i]) * w[i];
-  }
-}
-
-void rmsNormRows(const float* x, const float* w, float* out, size_t nRows, size_t n, float eps) {
-  for (size_t r = 0; r < nRows; ++r) {
-    rmsNorm(x + r * n, w, out + r * n, n, eps);
   }
 }
 

@@ -1,0 +1,251 @@
+#include "qwen35/matmul.h"
+
+#include <algorithm>
+
+#include "quant/blocks.h"
+#include "qwen35/weights.h"
+
+namespace qwen35 {
+
+using kel::QuantType;
+
+namespace {
+
+// Tokens from which on rows are decoded to tiles; below, each row is multiplied as it is read.
+constexpr size_t kTileTokens = 3;
+
+// Weights of a piece: some ten microseconds of reading.
+constexpr size_t kPieceBytes = 96 * 1024;
+
+// Pieces that every thread should find at least.
+constexpr size_t kPiecesPerThread = 8;
+
+constexpr size_t roundUp(size_t n, size_t multiple) {
+  return (n + multiple - 1) / multiple * multiple;
+}
+
+// One matrix with what it takes to multiply its rows.
+struct Matrix {
+  const uint8_t* data;
+  QuantType type;
+  size_t rows;
+  size_t cols;
+  size_t stride;                          // bytes from row to row
+  RowsProduct product;                    // of whole rows; null for types that are decoded first
+  QuantisedRowsProduct quantisedProduct;  // null for all but the K formats
+};
+
+Matrix matrixOf(const KernelTable& kernels, const kel::TensorView& weights) {
+  Matrix m{static_cast<const uint8_t*>(weights.data),
+           weights.type,
+           rowCount(weights),
+           weights.dims[0],
+           rowBytes(weights.type, weights.dims[0]),
+           nullptr,
+           nullptr};
+  switch (m.type) {
+    case QuantType::F32:
+      m.product = kernels.rowsF32;
+      break;
+    case QuantType::BF16:
+      m.product = kernels.rowsBf16;
+      break;
+    case QuantType::Q8_0:
+      m.product = kernels.rowsQ80;
+      break;
+    case QuantType::Q4_K:
+      m.quantisedProduct = kernels.rowsQ4K;
+      break;
+    case QuantType::Q5_K:
+      m.quantisedProduct = kernels.rowsQ5K;
+      break;
+    default:
+      break;
+  }
+  return m;
+}
+
+bool isKFormat(QuantType type) {
+  return type == QuantType::Q4_K || type == QuantType::Q5_K;
+}
+
+bool multipliesTiles(QuantType type, size_t count, size_t cols, Arithmetic arithmetic) {
+  if (isKFormat(type)) {
+    return arithmetic == Arithmetic::Batch;
+  }
+  return count >= kTileTokens && cols % kLanes == 0;
+}
+
+const QuantisedInput* quantisedToken(const MatmulInput& input, size_t token) {
+  const size_t groups = quantisedGroups(input.cols);
+  const uint8_t* finite = input.finite + token * groups;
+  const bool whole = std::all_of(finite, finite + groups, [](uint8_t f) { return f != 0; });
+  return whole ? input.quantised + token * groups : nullptr;
+}
+
+// Rows [first, first + count) of a matrix, and where their products go.
+struct Piece {
+  const Matrix& matrix;
+  const Matmul& target;
+  size_t first;
+  size_t count;
+
+  const uint8_t* data() const { return matrix.data + first * matrix.stride; }
+
+  void store(size_t token, const float* sums, size_t sumStride) const {
+    float* y = target.y + token * target.yStride + first;
+    for (size_t i = 0; i < count; ++i) {
+      const float sum = sums[i * sumStride];
+      y[i] = target.isHead ? sum : 0.0f + sum;
+    }
+  }
+};
+
+// Row by row for each token: the rows are in L2 after the first.
+void multiplyRows(const KernelTable& kernels, const Piece& piece, const MatmulInput& input,
+                  const MatmulScratch& scratch) {
+  const Matrix& m = piece.matrix;
+  for (size_t token = 0; token < input.count; ++token) {
+    const float* x = input.x + token * input.cols;
+    const QuantisedInput* quantised =
+        m.quantisedProduct == nullptr ? nullptr : quantisedToken(input, token);
+    if (m.product != nullptr) {
+      m.product(piece.data(), x, scratch.sums, piece.count, m.cols);
+    } else if (quantised != nullptr) {
+      m.quantisedProduct(piece.data(), quantised, scratch.sums, piece.count, m.cols);
+    } else {
+      // An input that is not finite: floats carry that on as they should.
+      for (size_t i = 0; i < piece.count; ++i) {
+        decodeRow(kernels, m.type, piece.data() + i * m.stride, scratch.rows, m.cols);
+        scratch.sums[i] = kernels.dot(scratch.rows, x, m.cols);
+      }
+    }
+    piece.store(token, scratch.sums, 1);
+  }
+}
+
+void addAndClear(float* totals, float* parts, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    totals[i] += parts[i];
+    parts[i] = 0.0f;
+  }
+}
+
+// Decodes `len` elements of each of `rows` rows, from element `at` on, and adds their products with
+// every input to parts.
+void addTile(const KernelTable& kernels, const Matrix& m, size_t firstRow, size_t rows, size_t at,
+             size_t len, const MatmulInput& input, float* decoded, float* parts) {
+  const uint8_t* chunk = m.data + firstRow * m.stride + at / kChunk * rowBytes(m.type, kChunk);
+  for (size_t r = 0; r < rows; ++r, chunk += m.stride) {
+    decodeRow(kernels, m.type, chunk, decoded + r * kChunk, len);
+  }
+  kernels.addChunkProducts(decoded, input.packed + at * input.count, parts, rows, input.count, len);
+}
+
+// Chunk by chunk for all tokens.
+void multiplyTiles(const KernelTable& kernels, const Piece& piece, const MatmulInput& input,
+                   const MatmulScratch& scratch) {
+  const Matrix& m = piece.matrix;
+  const size_t rowParts = input.count * kLanes;
+  const size_t nParts = piece.count * rowParts;
+  const bool severalSpans = m.cols > kSpan;
+  std::fill_n(scratch.parts, nParts, 0.0f);
+  if (severalSpans) {
+    std::fill_n(scratch.totals, nParts, 0.0f);
+  }
+  for (size_t at = 0; at < m.cols; at += kChunk) {
+    const size_t len = std::min(kChunk, m.cols - at);
+    for (size_t r = 0; r < piece.count; r += kTileRows) {
+      addTile(kernels, m, piece.first + r, std::min(kTileRows, piece.count - r), at, len, input,
+              scratch.rows, scratch.parts + r * rowParts);
+    }
+    if (severalSpans && ((at + len) % kSpan == 0 || at + len == m.cols)) {
+      addAndClear(scratch.totals, scratch.parts, nParts);
+    }
+  }
+  kernels.foldSums(severalSpans ? scratch.totals : scratch.parts, scratch.sums,
+                   piece.count * input.count);
+  for (size_t token = 0; token < input.count; ++token) {
+    piece.store(token, scratch.sums + token, input.count);
+  }
+}
+
+// Rows of a piece: a multiple of a tile.
+size_t pieceRows(const Matrix& m, const MatmulInput& input, size_t nThreads) {
+  const bool tiles = multipliesTiles(m.type, input.count, m.cols, input.arithmetic);
+  const size_t bySize = tiles ? kMaxPieceRows : kPieceBytes / std::max<size_t>(m.stride, 1);
+  const size_t byThreads = m.rows / (nThreads * kPiecesPerThread);
+  return std::clamp(std::min(bySize, byThreads) / kTileRows * kTileRows, kTileRows, kMaxPieceRows);
+}
+
+}  // namespace
+
+MatmulInput matmulInput(const float* x, size_t count, size_t cols, Arithmetic arithmetic,
+                        std::span<const Matmul> users, const MatmulBuffers& buffers) {
+  MatmulInput input{.x = x, .count = count, .cols = cols, .arithmetic = arithmetic};
+  for (const Matmul& user : users) {
+    if (multipliesTiles(user.weights->type, count, cols, arithmetic)) {
+      input.packed = buffers.packed;
+    } else if (isKFormat(user.weights->type)) {
+      input.quantised = buffers.quantised;
+      input.finite = buffers.finite;
+    }
+  }
+  return input;
+}
+
+void prepareInput(const KernelTable& kernels, const MatmulInput& input, size_t token, size_t at,
+                  size_t len) {
+  const float* x = input.x + token * input.cols;
+  if (input.packed != nullptr) {
+    for (size_t i = at; i < at + len; i += kChunk) {
+      std::copy_n(x + i, std::min(kChunk, at + len - i),
+                  input.packed + i * input.count + token * kChunk);
+    }
+  }
+  if (input.quantised != nullptr) {
+    const size_t firstGroup = token * quantisedGroups(input.cols);
+    for (size_t i = at; i < at + len; i += kGroupLen) {
+      const size_t group = firstGroup + i / kGroupLen;
+      input.finite[group] =
+          kernels.quantiseInput(x + i, std::min(kGroupLen, at + len - i), input.quantised + group)
+              ? 1
+              : 0;
+    }
+  }
+}
+
+void multiply(Team::Member& member, const KernelTable& kernels, const MatmulInput& input,
+              std::span<const Matmul> products, const MatmulScratch& scratch, size_t nThreads) {
+  constexpr size_t kMaxProducts = 4;  // that share an input
+  struct Share {
+    Matrix matrix;
+    size_t rows;      // of a piece
+    size_t endPiece;  // of all matrices up to this one
+  };
+  Share shares[kMaxProducts];
+  size_t pieces = 0;
+  for (size_t i = 0; i < products.size(); ++i) {
+    shares[i].matrix = matrixOf(kernels, *products[i].weights);
+    shares[i].rows = pieceRows(shares[i].matrix, input, nThreads);
+    pieces += roundUp(shares[i].matrix.rows, shares[i].rows) / shares[i].rows;
+    shares[i].endPiece = pieces;
+  }
+  member.forEach(pieces, [&](size_t index) {
+    size_t i = 0;
+    while (index >= shares[i].endPiece) {
+      ++i;
+    }
+    const Share& share = shares[i];
+    const Matrix& m = share.matrix;
+    const size_t first = (index - (i == 0 ? 0 : shares[i - 1].endPiece)) * share.rows;
+    const Piece piece{m, products[i], first, std::min(share.rows, m.rows - first)};
+    if (multipliesTiles(m.type, input.count, m.cols, input.arithmetic)) {
+      multiplyTiles(kernels, piece, input, scratch);
+    } else {
+      multiplyRows(kernels, piece, input, scratch);
+    }
+  });
+}
+
+}  // namespace qwen35

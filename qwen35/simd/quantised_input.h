@@ -1,0 +1,46 @@
+// An input vector in fixed point, as the products of the K formats take it.
+//
+// The elements of a super-block share one power of two: element = fixed * 2^-k, rounded to nearest,
+// ties to even, where k is the largest for which no |fixed| of the super-block passes 0x7F7F7F00,
+// at most 108, and 8 where all elements are zero. A fixed-point number is four limbs of eight bits,
+// each from -128 to 127, so that byte products with unsigned codes sum up exactly in integers:
+//   fixed = limb[3] * 2^24 + limb[2] * 2^16 + limb[1] * 2^8 + limb[0]
+//
+// The last limb, limb[0], is dropped (set to zero) unless the sum of |fixed| / 256, each rounded
+// down, is below 2^27: the average below 1/16 of the range, as in a super-block that an outlier or
+// two rule. docs/kernels.md states the error of both.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qwen35 {
+
+constexpr size_t kInputLimbs = 4;
+constexpr size_t kGroupSuperBlocks = 4;                // super-blocks of one QuantisedInput
+constexpr size_t kGroupLen = kGroupSuperBlocks * 256;  // elements of one
+constexpr int32_t kLargestFixed = 0x7F7F7F00;
+constexpr int32_t kOutlierSum = 1 << 27;
+constexpr int kMaxFixedShift = 108;  // products with half-precision scales stay normal numbers
+
+// Four super-blocks of input; those past the end of the vector are all zero. Limbs, sums and
+// scales lie as registers load them.
+struct alignas(64) QuantisedInput {
+  int8_t limbs[kGroupSuperBlocks][8][kInputLimbs][32];  // [super-block][sub-block][limb][element]
+
+  // The sum of the elements of sub-block s of super-block b: exact in fixed point, then rounded to
+  // single precision. At [2 (b / 2) + s / 4][4 (b mod 2) + s mod 4]: the order in which the
+  // minimums of two super-blocks fill a register.
+  float sums[kGroupSuperBlocks][8];
+
+  float scales[kGroupSuperBlocks];  // 2^(8 - k), the weight of limb 1
+
+  bool keepsLastLimb[kGroupSuperBlocks];
+};
+
+// Groups of an input of `cols` elements, a multiple of 256.
+constexpr size_t quantisedGroups(size_t cols) {
+  return (cols / 256 + kGroupSuperBlocks - 1) / kGroupSuperBlocks;
+}
+
+}  // namespace qwen35

@@ -1,0 +1,70 @@
+#include "qwen35/weights.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "quant/blocks.h"
+#include "qwen35/elementwise.h"
+
+namespace qwen35 {
+
+using kel::QuantType;
+
+size_t rowCount(const kel::TensorView& weights) {
+  size_t rows = 1;
+  for (size_t d = 1; d < std::min<size_t>(weights.rank, 4); ++d) {
+    rows *= weights.dims[d];
+  }
+  return rows;
+}
+
+size_t rowBytes(QuantType type, size_t cols) {
+  using namespace kel::quant;
+  switch (type) {
+    case QuantType::F32:
+      return cols * sizeof(float);
+    case QuantType::BF16:
+      return cols * sizeof(uint16_t);
+    case QuantType::Q8_0:
+      return cols / kBlockLen * kQ80Bytes;
+    case QuantType::Q4_K:
+      return cols / kSuperBlockLen * kQ4KBytes;
+    case QuantType::Q5_K:
+      return cols / kSuperBlockLen * kQ5KBytes;
+    default:
+      return 0;
+  }
+}
+
+void decodeRow(const KernelTable& kernels, QuantType type, const void* row, float* dst, size_t n) {
+  using namespace kel::quant;
+  const bool wholeBlocks = n % kBlockLen == 0;
+  const bool wholeSuperBlocks = n % kSuperBlockLen == 0;
+  switch (type) {
+    case QuantType::F32:
+      if (n > 0) {
+        std::memcpy(dst, row, n * sizeof(float));
+      }
+      break;
+    case QuantType::BF16:
+      for (size_t i = 0; i < n; ++i) {
+        uint16_t half;
+        std::memcpy(&half, static_cast<const uint8_t*>(row) + i * sizeof half, sizeof half);
+        dst[i] = bf16ToF32(half);
+      }
+      break;
+    case QuantType::Q8_0:
+      (wholeBlocks ? kernels.decodeQ80 : dequantQ80)(row, dst, n);
+      break;
+    case QuantType::Q4_K:
+      (wholeSuperBlocks ? kernels.decodeQ4K : dequantQ4K)(row, dst, n);
+      break;
+    case QuantType::Q5_K:
+      (wholeSuperBlocks ? kernels.decodeQ5K : dequantQ5K)(row, dst, n);
+      break;
+    default:
+      break;
+  }
+}
+
+}  // namespace qwen35

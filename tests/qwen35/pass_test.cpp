@@ -1,0 +1,303 @@
+// Passes of several tokens against passes of one, and against passes cut elsewhere.
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "qwen35/forward.h"
+#include "qwen35/snapshot.h"
+#include "tests/support/instrumented.h"
+#include "tests/support/opened_model.h"
+
+namespace {
+
+using kel::QuantType;
+using kel::test::Handle;
+using kel::test::ModelFile;
+using qwen35::Arithmetic;
+
+using Bits = std::vector<uint32_t>;
+using Tokens = std::vector<size_t>;
+
+constexpr size_t kTokens = 70;
+constexpr size_t kLengthStep = kel::test::kInstrumented ? 9 : 1;
+constexpr int kCuts = kel::test::kInstrumented ? 1 : 4;
+constexpr QuantType kTypes[] = {QuantType::F32, QuantType::BF16, QuantType::Q8_0, QuantType::Q4_K,
+                                QuantType::Q5_K};
+
+Bits bits(const float* values, size_t n) {
+  Bits out;
+  for (size_t i = 0; i < n; ++i) {
+    out.push_back(std::bit_cast<uint32_t>(values[i]));
+  }
+  return out;
+}
+
+Bits bits(const std::vector<float>& values) {
+  return bits(values.data(), values.size());
+}
+
+Tokens prompt(size_t n) {
+  Tokens tokens(n);
+  std::mt19937 generator(9);
+  for (size_t& token : tokens) {
+    token = generator() % 300;
+  }
+  return tokens;
+}
+
+Tokens part(const Tokens& tokens, size_t begin, size_t count) {
+  const auto first = tokens.begin() + static_cast<std::ptrdiff_t>(begin);
+  return {first, first + static_cast<std::ptrdiff_t>(count)};
+}
+
+void append(Bits& all, const Bits& more) {
+  all.insert(all.end(), more.begin(), more.end());
+}
+
+// Everything that the forward pass leaves behind.
+std::vector<Bits> stateOf(const qwen35::Model& m) {
+  std::vector<Bits> out;
+  for (const qwen35::Layer& layer : m.layers) {
+    out.push_back({static_cast<uint32_t>(layer.pos)});
+    for (const qwen35::StateBuffer* buffer :
+         {&layer.ssmState, &layer.convState, &layer.kCache, &layer.vCache}) {
+      out.push_back(bits(buffer->data(), buffer->size()));
+    }
+  }
+  return out;
+}
+
+ModelFile modelOf(const std::vector<QuantType>& types) {
+  return ModelFile({.hidden = 256, .ffn = 256, .vocab = 301, .types = types, .biases = true});
+}
+
+const ModelFile& mixedModel() {
+  static const ModelFile file =
+      modelOf({QuantType::Q4_K, QuantType::Q8_0, QuantType::Q5_K, QuantType::BF16, QuantType::F32});
+  return file;
+}
+
+// What tokens leave behind and give when each is a pass of its own.
+struct OneByOne {
+  OneByOne(const std::string& path, const Tokens& tokens, Arithmetic arithmetic)
+      : handle(path, kTokens) {
+    for (const size_t token : tokens) {
+      std::vector<float> row;
+      append(hidden, bits(handle.pass({token}, arithmetic, &row)));
+      append(logits, bits(row));
+    }
+  }
+
+  Handle handle;
+  Bits hidden;
+  Bits logits;
+};
+
+TEST(Pass, EveryLengthGivesTheBitsOfSingleTokens) {
+  const ModelFile file({.biases = true, .layerKinds = "FFFFFFFL"});
+  const Tokens tokens = prompt(kTokens);
+  OneByOne single(file.path, tokens, Arithmetic::Batch);
+  Handle batch(file.path, kTokens);
+  for (size_t length = 1; length <= kTokens; length += kLengthStep) {
+    batch.reset();
+    const Bits actual = bits(batch.pass(part(tokens, 0, length), Arithmetic::Batch));
+    EXPECT_TRUE(std::equal(actual.begin(), actual.end(), single.hidden.begin())) << length;
+  }
+  batch.reset();
+  batch.pass(tokens, Arithmetic::Batch);
+  EXPECT_EQ(stateOf(single.handle.model), stateOf(batch.model));
+}
+
+// The single-token arithmetic for several tokens at once: what verifies guessed tokens.
+TEST(Pass, SeveralTokensGiveTheBitsOfSingleTokensInBothArithmeticsForEveryType) {
+  for (const QuantType type : kTypes) {
+    const ModelFile file = modelOf({type});
+    const Tokens tokens = prompt(8);
+    for (const Arithmetic arithmetic : {Arithmetic::SingleToken, Arithmetic::Batch}) {
+      OneByOne single(file.path, tokens, arithmetic);
+      for (const size_t count : {2, 3, 5, 8}) {
+        Handle several(file.path, kTokens);
+        std::vector<float> logits;
+        const Bits hidden = bits(several.pass(part(tokens, 0, count), arithmetic, &logits));
+        EXPECT_TRUE(std::equal(hidden.begin(), hidden.end(), single.hidden.begin()))
+            << kel::quantTypeName(type) << " " << count;
+        const Bits all = bits(logits);
+        EXPECT_TRUE(std::equal(all.begin(), all.end(), single.logits.begin()))
+            << kel::quantTypeName(type) << " " << count;
+        if (count == 8) {
+          EXPECT_EQ(stateOf(single.handle.model), stateOf(several.model));
+        }
+      }
+    }
+  }
+}
+
+TEST(Pass, ThreadsAndInstructionSetsGiveTheSameBits) {
+  const Tokens tokens = prompt(5);
+  for (const Arithmetic arithmetic : {Arithmetic::SingleToken, Arithmetic::Batch}) {
+    Handle reference(mixedModel().path, kTokens);
+    std::vector<float> logits;
+    const qwen35::ContextOptions plain{.threads = 1, .kernels = qwen35::supportedKernels().front()};
+    const Bits expected = bits(reference.pass(tokens, arithmetic, &logits, plain));
+    const Bits expectedLogits = bits(logits);
+    const std::vector<Bits> expectedState = stateOf(reference.model);
+    for (const qwen35::KernelTable* table : qwen35::supportedKernels()) {
+      for (const size_t threads : {1, 2, 3, 7}) {
+        omp_set_num_threads(static_cast<int>(threads));
+        Handle handle(mixedModel().path, kTokens);
+        const Bits hidden =
+            bits(handle.pass(tokens, arithmetic, &logits, {.threads = threads, .kernels = table}));
+        EXPECT_EQ(expected, hidden) << table->name << " " << threads;
+        EXPECT_EQ(expectedLogits, bits(logits)) << table->name << " " << threads;
+        EXPECT_EQ(expectedState, stateOf(handle.model)) << table->name << " " << threads;
+      }
+    }
+  }
+}
+
+TEST(Pass, ArithmeticsDifferForTheKFormatsAlone) {
+  const Tokens tokens = prompt(12);
+  for (const QuantType type : kTypes) {
+    const ModelFile file = modelOf({type});
+    OneByOne single(file.path, tokens, Arithmetic::SingleToken);
+    OneByOne batch(file.path, tokens, Arithmetic::Batch);
+    const bool isKFormat = type == QuantType::Q4_K || type == QuantType::Q5_K;
+    EXPECT_EQ(!isKFormat, single.logits == batch.logits) << kel::quantTypeName(type);
+    float largest = 0.0f;
+    for (const uint32_t logit : single.logits) {
+      largest = std::max(largest, std::abs(std::bit_cast<float>(logit)));
+    }
+    for (size_t i = 0; i < single.logits.size(); ++i) {
+      ASSERT_NEAR(std::bit_cast<float>(single.logits[i]), std::bit_cast<float>(batch.logits[i]),
+                  1e-4f * largest)
+          << kel::quantTypeName(type) << " " << i;
+    }
+  }
+}
+
+TEST(Pass, ResultsDoNotDependOnTheCut) {
+  const Tokens tokens = prompt(kTokens);
+  for (const Arithmetic arithmetic : {Arithmetic::Batch, Arithmetic::SingleToken}) {
+    Handle whole(mixedModel().path, kTokens);
+    const Bits expected = bits(whole.pass(tokens, arithmetic));
+    std::mt19937 generator(10);
+    for (int cut = 0; cut < kCuts; ++cut) {
+      Handle handle(mixedModel().path, kTokens);
+      Bits actual;
+      for (size_t at = 0; at < kTokens;) {
+        const size_t count = std::min<size_t>(1 + generator() % 20, kTokens - at);
+        append(actual, bits(handle.pass(part(tokens, at, count), arithmetic)));
+        at += count;
+      }
+      EXPECT_EQ(expected, actual);
+      EXPECT_EQ(stateOf(whole.model), stateOf(handle.model));
+    }
+  }
+}
+
+TEST(Pass, TheEntrancesAreSinglePassesOfTheSingleTokenArithmetic) {
+  const Tokens tokens = prompt(3);
+  OneByOne single(mixedModel().path, tokens, Arithmetic::SingleToken);
+  Handle handle(mixedModel().path, kTokens);
+  Bits hidden = bits(handle.hidden(tokens[0]));
+  append(hidden, bits(handle.hidden(tokens[1])));
+  EXPECT_TRUE(std::equal(hidden.begin(), hidden.end(), single.hidden.begin()));
+  const Bits logits = bits(handle.logits(tokens[2]));
+  EXPECT_TRUE(std::equal(logits.begin(), logits.end(), single.logits.begin() + 2 * 301));
+  EXPECT_EQ(stateOf(single.handle.model), stateOf(handle.model));
+}
+
+TEST(Pass, OnlyTheLastLogitsAreWrittenUnlessAllAreAskedFor) {
+  const Tokens tokens = prompt(4);
+  OneByOne single(mixedModel().path, tokens, Arithmetic::Batch);
+  Handle handle(mixedModel().path, kTokens);
+  const size_t n = handle.model.nEmbd;
+  std::vector<float> embeddings(tokens.size() * n);
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    embedRow(handle.model, tokens[i], embeddings.data() + i * n);
+  }
+  std::vector<float> logits(302, 5.0f);
+  qwen35::Context context(handle.model, {.maxTokens = tokens.size()});
+  forward(context, handle.model,
+          {.embeddings = embeddings.data(),
+           .count = tokens.size(),
+           .arithmetic = Arithmetic::Batch,
+           .logits = logits.data()});
+  EXPECT_EQ(5.0f, logits.back());
+  logits.pop_back();
+  EXPECT_EQ(Bits(single.logits.end() - 301, single.logits.end()), bits(logits));
+}
+
+// An input that is not finite cannot be quantised: its rows are decoded, beside quantised ones.
+TEST(Pass, ATokenThatIsNotFiniteLeavesTheOthersAlone) {
+  for (const float odd : {std::numeric_limits<float>::infinity(), std::nanf("")}) {
+    const auto breakRow = [&](std::vector<kel::test::TensorPlan>& plan) {
+      kel::test::TensorPlan& table = kel::test::planned(plan, "token_embd.weight");
+      table.type = QuantType::F32;
+      table.data = kel::test::tensorBytes(table, 1);
+      std::memcpy(table.data.data() + (size_t{7} * 256 + 30) * sizeof odd, &odd, sizeof odd);
+    };
+    const ModelFile file({.hidden = 256,
+                          .ffn = 256,
+                          .vocab = 301,
+                          .types = {QuantType::Q4_K, QuantType::Q5_K},
+                          .edit = breakRow});
+    const Tokens tokens = {1, 2, 7, 3};
+    OneByOne single(file.path, tokens, Arithmetic::SingleToken);
+    Handle several(file.path, kTokens);
+    const std::vector<float> hidden = several.pass(tokens, Arithmetic::SingleToken);
+    const Bits actual = bits(hidden);
+    EXPECT_TRUE(std::equal(actual.begin(), actual.begin() + 2 * 256, single.hidden.begin()));
+    EXPECT_TRUE(std::all_of(hidden.begin(), hidden.begin() + 2 * 256,
+                            [](float f) { return std::isfinite(f); }));
+    EXPECT_TRUE(
+        std::all_of(hidden.begin() + 2 * 256, hidden.end(), [](float f) { return std::isnan(f); }));
+  }
+}
+
+TEST(Pass, WithoutRoomForAllItsTokensAttentionStoresNothing) {
+  const ModelFile file({.layerKinds = "F"});
+  Handle handle(file.path, 6);
+  handle.pass(prompt(4), Arithmetic::Batch);
+  const std::vector<Bits> before = stateOf(handle.model);
+  handle.pass(prompt(3), Arithmetic::Batch);
+  EXPECT_EQ(before, stateOf(handle.model));
+}
+
+TEST(Snapshot, GoesBackToWhereItWasSaved) {
+  const ModelFile file;
+  const Tokens tokens = prompt(20);
+  Handle expected(file.path);
+  expected.pass(part(tokens, 0, 5), Arithmetic::Batch);
+  Handle handle(file.path);
+  handle.pass(part(tokens, 0, 5), Arithmetic::Batch);
+  qwen35::Snapshot saved;
+  saved.save(handle.model);
+  handle.pass(part(tokens, 5, 9), Arithmetic::Batch);
+  saved.restore(handle.model);
+  handle.position = 5;
+  EXPECT_EQ(bits(expected.pass(part(tokens, 5, 3), Arithmetic::Batch)),
+            bits(handle.pass(part(tokens, 5, 3), Arithmetic::Batch)));
+  EXPECT_EQ(bits(expected.logits(1)), bits(handle.logits(1)));
+}
+
+TEST(Snapshot, AResetClearsWhatWasWrittenAfterTheSave) {
+  const ModelFile file;
+  Handle handle(file.path);
+  qwen35::Snapshot saved;
+  saved.save(handle.model);
+  handle.pass(prompt(9), Arithmetic::Batch);
+  saved.restore(handle.model);
+  handle.reset();
+  Handle fresh(file.path);
+  EXPECT_EQ(stateOf(fresh.model), stateOf(handle.model));
+}
+
+}  // namespace
