@@ -47,7 +47,7 @@ std::string rowLengthFault(const TensorView& t, const Expectation& expected) {
 }
 
 std::string shapeFault(const TensorView& t, const Expectation& expected) {
-  if (expected.kind == TensorKind::Matrix && !hasProduct(t.type)) {
+  if (expected.kind == TensorKind::Matrix && !hasMatmul(t.type)) {
     return std::string("is ") + quantTypeName(t.type) + ", a type without matmul";
   }
   const std::optional<uint64_t> rows = rowsOf(t);

@@ -27,7 +27,7 @@ constexpr uint64_t kFixedBytes = 65536;
 constexpr unsigned kMostThreads = 256;
 
 bool isStorable(std::optional<QuantType> type) {
-  return !type || hasProduct(*type);
+  return !type || hasMatmul(*type);
 }
 
 Status checkOptions(const ConvertOptions& options) {

@@ -20,7 +20,7 @@ enum class QuantType : uint8_t {
 };
 
 // Whether matrix products read rows of the type, so that a model's matrices may have it.
-constexpr bool hasProduct(QuantType type) {
+constexpr bool hasMatmul(QuantType type) {
   return type == QuantType::F32 || type == QuantType::BF16 || type == QuantType::Q8_0 ||
          type == QuantType::Q4_K || type == QuantType::Q5_K;
 }

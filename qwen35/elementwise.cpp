@@ -1,6 +1,5 @@
 #include "qwen35/elementwise.h"
 
-#include <bit>
 #include <cmath>
 
 #include "qwen35/simd/dispatch.h"
@@ -58,15 +57,6 @@ void softplus(const float* x, float* out, size_t n) {
   for (size_t i = 0; i < n; ++i) {
     out[i] = x[i] > 20.0f ? x[i] : std::log1p(std::exp(x[i]));
   }
-}
-
-float bf16ToF32(uint16_t h) {
-  return std::bit_cast<float>(static_cast<uint32_t>(h) << 16);
-}
-
-uint16_t f32ToBf16(float f) {
-  const auto bits = std::bit_cast<uint32_t>(f);
-  return static_cast<uint16_t>((bits + 0x7FFFu + ((bits >> 16) & 1u)) >> 16);
 }
 
 }  // namespace qwen35

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "quant/bfloat16.h"
+
 namespace qwen35 {
 
 // Sum of a[i] * b[i], n floats each, in single precision.
@@ -37,11 +39,12 @@ void sigmoid(const float* x, float* out, size_t n);
 // the exponential would overflow later.
 void softplus(const float* x, float* out, size_t n);
 
-// The float whose upper 16 bits are h and whose lower 16 bits are zero.
-float bf16ToF32(uint16_t h);
-
-// The upper 16 bits of f, rounded to nearest, ties to even. Deliberate: NaN and infinity take the
-// same path as every value, so a NaN with all low bits set can round into the sign bit.
-uint16_t f32ToBf16(float f);
+// Between bfloat16 and float (quant/bfloat16.h).
+inline float bf16ToF32(uint16_t h) {
+  return kel::quant::bf16ToF32(h);
+}
+inline uint16_t f32ToBf16(float f) {
+  return kel::quant::f32ToBf16(f);
+}
 
 }  // namespace qwen35

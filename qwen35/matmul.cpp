@@ -17,6 +17,9 @@ constexpr size_t kTileTokens = 3;
 // Weights of a piece: some ten microseconds of reading.
 constexpr size_t kPieceBytes = 96 * 1024;
 
+// Rows that the kernels multiply side by side.
+constexpr size_t kRowsAtOnce = 4;
+
 // Pieces that every thread should find at least.
 constexpr size_t kPiecesPerThread = 8;
 
@@ -170,12 +173,14 @@ void multiplyTiles(const KernelTable& kernels, const Piece& piece, const MatmulI
   }
 }
 
-// Rows of a piece: a multiple of a tile.
+// Rows of a piece: whole tiles where there are enough of them for all threads.
 size_t pieceRows(const Matrix& m, const MatmulInput& input, size_t nThreads) {
   const bool tiles = multipliesTiles(m.type, input.count, m.cols, input.arithmetic);
   const size_t bySize = tiles ? kMaxPieceRows : kPieceBytes / std::max<size_t>(m.stride, 1);
   const size_t byThreads = m.rows / (nThreads * kPiecesPerThread);
-  return std::clamp(std::min(bySize, byThreads) / kTileRows * kTileRows, kTileRows, kMaxPieceRows);
+  const size_t rows = std::min({bySize, byThreads, kMaxPieceRows});
+  const size_t unit = rows >= kTileRows ? kTileRows : kRowsAtOnce;
+  return std::max(rows / unit * unit, kRowsAtOnce);
 }
 
 }  // namespace

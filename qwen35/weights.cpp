@@ -19,21 +19,11 @@ size_t rowCount(const kel::TensorView& weights) {
 }
 
 size_t rowBytes(QuantType type, size_t cols) {
-  using namespace kel::quant;
-  switch (type) {
-    case QuantType::F32:
-      return cols * sizeof(float);
-    case QuantType::BF16:
-      return cols * sizeof(uint16_t);
-    case QuantType::Q8_0:
-      return cols / kBlockLen * kQ80Bytes;
-    case QuantType::Q4_K:
-      return cols / kSuperBlockLen * kQ4KBytes;
-    case QuantType::Q5_K:
-      return cols / kSuperBlockLen * kQ5KBytes;
-    default:
-      return 0;
+  if (!kel::hasMatmul(type)) {
+    return 0;
   }
+  const kel::quant::BlockFormat format = kel::quant::blockFormat(type);
+  return cols / format.elements * format.bytes;
 }
 
 void decodeRow(const KernelTable& kernels, QuantType type, const void* row, float* dst, size_t n) {

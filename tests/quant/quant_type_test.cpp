@@ -25,7 +25,7 @@ TEST(HasProduct, FiveTypesHave) {
     const bool expected = type == QuantType::F32 || type == QuantType::BF16 ||
                           type == QuantType::Q8_0 || type == QuantType::Q4_K ||
                           type == QuantType::Q5_K;
-    EXPECT_EQ(expected, kel::hasProduct(type)) << value;
+    EXPECT_EQ(expected, kel::hasMatmul(type)) << value;
   }
 }
 
