@@ -2,7 +2,6 @@
 // call drew and from which seed.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -16,17 +15,9 @@ namespace testing_abi {
 
 // Whatever is fed, "a" has the largest logit and "b" the next one, by little.
 inline kel::test::ChatModel coinModel() {
-  return {.favourite = "a",
-          .layerKinds = "F",
-          .editTensors = [](std::vector<kel::test::TensorPlan>& plan) {
-            kel::test::TensorPlan& rows = planned(plan, "token_embd.weight");
-            const auto row = [&rows](const char* token) {
-              const auto rowBytes = static_cast<std::ptrdiff_t>(rows.dims[0] * sizeof(float));
-              return rows.data.begin() + kel::test::chatId(token) * rowBytes;
-            };
-            std::copy_n(row("a"), rows.dims[0] * sizeof(float), row("b"));
-            const std::vector<uint8_t> first = kel::test::floatBytes({9.9F});
-            std::copy(first.begin(), first.end(), row("b"));
+  return {.layerKinds = "F", .editTensors = [](std::vector<kel::test::TensorPlan>& plan) {
+            kel::test::setEmbeddingRow(plan, "a", {10.0F, 0, 0, 0, 0, 0, 0, 0});
+            kel::test::setEmbeddingRow(plan, "b", {9.9F, 0, 0, 0, 0, 0, 0, 0});
           }};
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <string>
 
@@ -84,6 +85,28 @@ TEST_F(Lifecycle, EveryFailureOfCreateHasItsMessage) {
     std::erase_if(plan, [](const TensorPlan& t) { return t.name == "output_norm.weight"; });
   }});
   EXPECT_EQ(Failure(1, "qwen35 model bind failed"), failedCreate(noHead.c_str()));
+}
+
+TEST_F(Lifecycle, TheArchitectureIsJudgedBeforeTheTokenizer) {
+  const std::string path = folder.file("both.zym");
+  for (const auto& [architecture, message] :
+       {std::pair{"other", "not a qwen35-architecture model"},
+        std::pair{"qwen35moe", "qwen35moe not supported yet"}}) {
+    kel::ZYM2Writer writer;
+    ASSERT_TRUE(writer.create(path).ok());
+    writer.addMetaStr("general.architecture", architecture);
+    writer.setTokenizer({});
+    ASSERT_TRUE(writer.finish().ok());
+    EXPECT_EQ(Failure(1, message), failedCreate(path.c_str()));
+  }
+}
+
+TEST_F(Lifecycle, CreateTakesAFileOfAnyName) {
+  for (const char* name : {"m.bin", "m", "m.ZYM"}) {
+    const std::string path = folder.file(name);
+    std::filesystem::rename(model(), path);
+    EXPECT_TRUE(testing_abi::createHandle(path)) << name;
+  }
 }
 
 TEST_F(Lifecycle, Qwen35MoeIsProbedButNotCreated) {
@@ -170,18 +193,6 @@ TEST_F(Lifecycle, ConfigureWithNothingToApplyChangesNothing) {
   }
   EXPECT_EQ(first.text, testing_abi::generate(handle, "hello").text);
   EXPECT_EQ(second.text, testing_abi::generate(handle, "hello").text);
-}
-
-TEST_F(Lifecycle, SeedsAreTakenByTheirLow32Bits) {
-  const std::string path = folder.file("random.zym");
-  kel::test::writeRandomChatModel(path, kel::QuantType::BF16, 8);
-  const Handle handle = testing_abi::createHandle(path);
-  const ZYMSessionOptions narrow = testing_abi::sampling(5.0f, 50, 1.0f, 9);
-  const ZYMSessionOptions wide = testing_abi::sampling(5.0f, 50, 1.0f, 0xABCD00000009u);
-  ASSERT_EQ(0u, table().configure(handle.get(), &narrow));
-  const std::string text = testing_abi::generate(handle, "hello").text;
-  ASSERT_EQ(0u, table().configure(handle.get(), &wide));
-  EXPECT_EQ(text, testing_abi::generate(handle, "hello").text);
 }
 
 TEST_F(Lifecycle, ResetEmptiesContextAndTimes) {
