@@ -29,7 +29,7 @@ const ZYMRuntimeTableV2& table() {
 class Bench : public testing::Test {
  protected:
   std::string model(const ChatModel& what = {}) const {
-    const std::string path = folder.file("m.zym");
+    std::string path = folder.file("m.zym");
     kel::test::writeChatModel(path, what);
     return path;
   }

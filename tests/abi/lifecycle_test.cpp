@@ -26,7 +26,7 @@ const ZYMRuntimeTableV2& table() {
 class Lifecycle : public testing::Test {
  protected:
   std::string model(const ChatModel& what = {}) const {
-    const std::string path = folder.file("m.zym");
+    std::string path = folder.file("m.zym");
     kel::test::writeChatModel(path, what);
     return path;
   }
@@ -41,7 +41,7 @@ class Lifecycle : public testing::Test {
   }
 
   std::string withArchitecture(const std::string& value) const {
-    const std::string path = folder.file("arch.zym");
+    std::string path = folder.file("arch.zym");
     kel::ZYM2Writer writer;
     EXPECT_TRUE(writer.create(path).ok());
     writer.addMetaStr("general.architecture", value);

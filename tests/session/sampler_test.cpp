@@ -141,6 +141,7 @@ TEST(Sampling, EveryRangeDrawsTwice) {
 template <typename Exponential>
 size_t walkByTheBook(const std::vector<float>& scores, double uniform, Exponential&& exponential) {
   std::vector<double> weights;
+  weights.reserve(scores.size());
   for (const float score : scores) {
     weights.push_back(exponential(static_cast<double>(score) - static_cast<double>(scores[0])));
   }
@@ -169,6 +170,7 @@ int32_t sampleByTheBook(const std::vector<float>& logits, float temperature, siz
   order.resize(k);
   const float scale = 1.0F / temperature;
   std::vector<float> scores;
+  scores.reserve(k);
   for (const int32_t token : order) {
     scores.push_back(logits[static_cast<size_t>(token)] * scale);
   }
@@ -293,6 +295,7 @@ TEST(Sampling, EqualScoresComeInTheOrderOfTheStandardSort) {
     std::sort(ranked.begin(), ranked.end(),
               [](const Ranked& a, const Ranked& b) { return a.score > b.score; });
     std::vector<float> scores;
+    scores.reserve(n);
     for (const Ranked& each : ranked) {
       scores.push_back(each.score);
     }
