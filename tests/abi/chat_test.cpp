@@ -5,9 +5,11 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "tests/abi/chat_host.h"
 #include "tests/support/chat_model.h"
+#include "tests/support/instrumented.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -38,6 +40,28 @@ class Chat : public testing::Test {
   kel::test::TempDir folder;
 };
 
+// A token of the vocabulary that the matrix has no row for: a turn with it fails where it stands.
+constexpr const char* kUnfeedable = "\x7F";
+
+ChatModel withUnfeedableToken() {
+  return {.favourite = "<|im_end|>", .editTables = [](kel::TokenizerData& tables) {
+            tables.tokens.emplace_back(kUnfeedable);
+            tables.tokenTypes.push_back(1);
+          }};
+}
+
+// Chooses "b", behind which the logit of index 4096 is infinite and everything else finite.
+ChatModel failingBehindItsFirstPiece() {
+  return {.vocab = 4100, .editTensors = [](std::vector<TensorPlan>& plan) {
+            for (size_t row = 0; row < 4100; ++row) {
+              kel::test::setEmbeddingRow(plan, row, {1, 0, 0, 0, 0, 0, 0, 0});
+            }
+            const auto b = static_cast<size_t>(kel::test::chatId("b"));
+            kel::test::setEmbeddingRow(plan, b, {10, 0, 0, 0, 0, 0, 0, 10});
+            kel::test::setEmbeddingRow(plan, 4096, {0, 0, 0, 0, 0, 0, 0, 3e38F});
+          }};
+}
+
 // A model whose recurrent state grows beyond every float after some twenty positions.
 ChatModel explodingModel() {
   return {.editTensors = [](std::vector<TensorPlan>& plan) {
@@ -57,6 +81,79 @@ TEST_F(Chat, TurnsContinueWhereTheLastOneEnded) {
   EXPECT_EQ(0u, testing_abi::resetOf(handle));
   EXPECT_EQ(0u, testing_abi::chatTurn(handle, "hi").status);
   EXPECT_EQ(kFramingTokens + 2, statsOf(handle).contextTokens);
+}
+
+TEST_F(Chat, EveryTurnBeginsWithTheBeginningToken) {
+  const Handle handle = open({.favourite = "<|im_end|>", .editTables = [](kel::TokenizerData& t) {
+                                t.bosId = kel::test::chatId("z");
+                              }});
+  EXPECT_EQ(0u, testing_abi::chatTurn(handle, "hi").status);
+  EXPECT_EQ(1 + kFramingTokens + 2, statsOf(handle).contextTokens);
+  EXPECT_EQ(0u, testing_abi::streamTurn(handle, "hi").status);
+  EXPECT_EQ(2 * (1 + kFramingTokens + 2), statsOf(handle).contextTokens);
+}
+
+TEST_F(Chat, AFirstTurnThatIsNotFedWholeOpensNoConversation) {
+  for (const auto turn :
+       {+[](const Handle&handle, const char*text) { return testing_abi::chatTurn(handle, text); },
+        +[](const Handle&handle, const char*text) {
+          return testing_abi::streamTurn(handle, text);
+        }}) {
+    const Handle handle = open(withUnfeedableToken());
+    EXPECT_EQ(1u, turn(handle, kUnfeedable).status);
+    EXPECT_EQ(1 + 4 + 1, statsOf(handle).contextTokens) << "what was fed stays";
+    EXPECT_EQ(0u, turn(handle, "hi").status);
+    EXPECT_EQ(kFramingTokens + 2, statsOf(handle).contextTokens) << "and goes with the next turn";
+    EXPECT_EQ(1u, turn(handle, kUnfeedable).status);
+    EXPECT_EQ(0u, turn(handle, "hi").status);
+    EXPECT_EQ(2 * (kFramingTokens + 2) + 1 + 4 + 1, statsOf(handle).contextTokens)
+        << "a conversation that was open stays so";
+  }
+}
+
+// Position 0 alone does not show that the conversation is over: a turn that fails does.
+TEST_F(Chat, ResetEndsTheConversation) {
+  const Handle handle = open(withUnfeedableToken());
+  EXPECT_EQ(0u, testing_abi::chatTurn(handle, "hi").status);
+  EXPECT_EQ(0u, testing_abi::resetOf(handle));
+  EXPECT_EQ(1u, testing_abi::chatTurn(handle, kUnfeedable).status);
+  EXPECT_EQ(0u, testing_abi::chatTurn(handle, "hi").status);
+  EXPECT_EQ(kFramingTokens + 2, statsOf(handle).contextTokens);
+}
+
+TEST_F(Chat, AReplyThatFailsLeavesTheConversationOpen) {
+  const Handle buffered = open(failingBehindItsFirstPiece());
+  const Handle streamed = open(failingBehindItsFirstPiece());
+  for (const uint64_t turns : {1u, 2u, 3u}) {
+    const Reply text = testing_abi::chatTurn(buffered, "hi");
+    EXPECT_EQ(1u, text.status);
+    EXPECT_EQ("", text.text);
+    EXPECT_EQ(turns * (kFramingTokens + 2 + 1), statsOf(buffered).contextTokens);
+    const Reply pieces = testing_abi::streamTurn(streamed, "hi");
+    EXPECT_EQ(1u, pieces.status);
+    EXPECT_EQ("b", pieces.text);
+    EXPECT_EQ(turns * (kFramingTokens + 2 + 1), statsOf(streamed).contextTokens);
+  }
+}
+
+// A new conversation whose first token cannot be fed: its times are those of no pass.
+TEST_F(Chat, ANewConversationStartsItsTimeAndKeepsTheLastPass) {
+  const Handle handle = open({.editTables = [](kel::TokenizerData& tables) {
+    tables.tokens[static_cast<size_t>(kel::test::chatId("<|im_start|>"))] = "<|other|>";
+    tables.tokens.emplace_back("<|im_start|>");
+    tables.tokenTypes.push_back(3);
+  }});
+  for (const bool streams : {false, true}) {
+    ASSERT_EQ(0u, testing_abi::generate(handle, "x").status);
+    const ZYMRuntimeStats before = statsOf(handle);
+    EXPECT_GT(before.decodeMsTotal, before.lastDecodeMs);
+    const Reply turn =
+        streams ? testing_abi::streamTurn(handle, "hi") : testing_abi::chatTurn(handle, "hi");
+    EXPECT_EQ(1u, turn.status);
+    EXPECT_EQ(0u, statsOf(handle).contextTokens);
+    EXPECT_EQ(0.0, statsOf(handle).decodeMsTotal);
+    EXPECT_EQ(before.lastDecodeMs, statsOf(handle).lastDecodeMs);
+  }
 }
 
 TEST_F(Chat, AReplyHasAtMost96PiecesAndItsLastTokenIsNotFed) {
@@ -300,6 +397,56 @@ TEST_F(Chat, ANulInAPieceEndsTheBufferedTextAndIsStreamedWhole) {
   const Reply streamed = testing_abi::streamTurn(handle, "hi");
   ASSERT_EQ(96u, streamed.pieces.size());
   EXPECT_EQ(std::string("x\0y", 3), streamed.pieces[0]);
+}
+
+TEST_F(Chat, AnEmptyPieceIsDeliveredLikeAnyOther) {
+  const Handle handle = open({.editTables = [](kel::TokenizerData& tables) {
+    tables.tokens[static_cast<size_t>(kel::test::chatId("a"))] = "";
+  }});
+  const Reply streamed = testing_abi::streamTurn(handle, "hi");
+  EXPECT_EQ(0u, streamed.status);
+  EXPECT_EQ(std::vector<std::string>(96), streamed.pieces);
+  EXPECT_EQ(Reply({0u, ""}), testing_abi::chatTurn(handle, "hi"));
+}
+
+struct CallerSeen {
+  std::thread::id caller;
+  uint64_t positionAtPiece = 0;
+  ZYMRuntimeHandle* handle;
+};
+
+void seeCaller(const char*, uint32_t, void* userData) {
+  auto& seen = *static_cast<CallerSeen*>(userData);
+  seen.caller = std::this_thread::get_id();
+  ZYMRuntimeStats stats{};
+  table().stats(seen.handle, &stats);
+  seen.positionAtPiece = stats.contextTokens;
+}
+
+TEST_F(Chat, PiecesComeOnTheCallersThreadBeforeTheirTokenIsFed) {
+  const Handle handle = open();
+  CallerSeen seen{.caller = {}, .handle = handle.get()};
+  const auto stream = plugin().runtimesV2S(nullptr)->chatTurnStream;
+  EXPECT_EQ(0u, stream(handle.get(), "hi", seeCaller, &seen, nullptr));
+  EXPECT_EQ(std::this_thread::get_id(), seen.caller);
+  EXPECT_EQ(kFramingTokens + 2 + 95, seen.positionAtPiece);
+}
+
+// The limit of a collected text does not hold for one that nobody collects.
+TEST_F(Chat, AStreamedReplyMayExceedAGigabyte) {
+  if (kel::test::kInstrumented) {
+    GTEST_SKIP() << "takes long over pieces of this size";
+  }
+  constexpr size_t kPieceBytes = size_t{1} << 27;
+  const Handle handle = open({.editTables = [](kel::TokenizerData& tables) {
+    const auto favourite = static_cast<size_t>(kel::test::chatId("a"));
+    tables.tokens[favourite] = std::string(kPieceBytes, 'a');
+    tables.tokenTypes[favourite] = 3;  // a special token, which is decoded as it stands
+  }});
+  CancelAfter state{.pieces = 10};
+  const auto stream = plugin().runtimesV2S(nullptr)->chatTurnStream;
+  EXPECT_EQ(0u, stream(handle.get(), "hi", cancelFromCallback, &state, &state.flag));
+  EXPECT_EQ(10, state.delivered);
 }
 
 TEST_F(Chat, AVocabularyWithoutTheEndMarkerStopsAtTheEndOfSequenceAlone) {

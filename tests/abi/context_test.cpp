@@ -2,10 +2,13 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <limits>
 #include <string>
 
 #include "tests/abi/chat_host.h"
 #include "tests/support/chat_model.h"
+#include "tests/support/hidden_dump.h"
+#include "tests/support/scoped_env.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
@@ -61,11 +64,28 @@ TEST_F(FullContext, ConversationFillsUpStopsMidReplyAndThenRefuses) {
   EXPECT_EQ(0u, reply.status);
   EXPECT_EQ(kCapacity - 19 - 8100 + 1, reply.pieces.size());
   EXPECT_EQ(kCapacity, statsOf(*handle).contextTokens);
+  const double total = statsOf(*handle).decodeMsTotal;
+  EXPECT_GT(total, 0.0);
   EXPECT_EQ(1u, testing_abi::chatTurn(*handle, "hi").status);
   EXPECT_EQ(1u, testing_abi::streamTurn(*handle, "hi").status);
   EXPECT_EQ(kCapacity, statsOf(*handle).contextTokens);
+  EXPECT_EQ(total, statsOf(*handle).decodeMsTotal) << "a turn continues the conversation's time";
   EXPECT_EQ(0u, testing_abi::resetOf(*handle));
   EXPECT_EQ(0u, testing_abi::chatTurn(*handle, "hi").status);
+}
+
+// Half a context is as far as bench goes, whatever it is asked for.
+TEST_F(FullContext, BenchStopsAt4096Steps) {
+  const kel::test::TempDir folder;
+  const std::string dump = folder.file("dump");
+  const kel::test::ScopedEnv env("QWEN35_HID_DUMP", dump.c_str());
+  constexpr int32_t kMost = std::numeric_limits<int32_t>::max();
+  const ZYMBenchParams params = {.structSize = 12, .genTokens = kMost, .extraTokens = kMost};
+  ZYMBenchResult result{};
+  EXPECT_EQ(0u, testing_abi::plugin().runtimesV2(nullptr)->bench(handle->get(), &params, &result));
+  EXPECT_EQ(kMost, result.genTokens);
+  constexpr uint32_t kPromptTokens = 2;
+  EXPECT_EQ(kPromptTokens + 4095 - 1, kel::test::readHiddenDump(dump).back().pos);
 }
 
 TEST_F(FullContext, AMegabytePromptFailsAndLosesNothing) {

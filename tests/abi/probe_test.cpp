@@ -151,6 +151,26 @@ TEST_F(Probe, ExactlyTheFourBytesOfTheSuffixAreOpened) {
   fs::current_path(before);
 }
 
+TEST_F(Probe, ANullRecordStillHasTheFileOpenedAndClosed) {
+  const std::string model = writeModel("m.zym", kKey, "qwen35");
+  const int watcher = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(watcher, 0);
+  ASSERT_GE(inotify_add_watch(watcher, model.c_str(), IN_OPEN | IN_CLOSE), 0);
+  EXPECT_EQ(0u, plugin().runtimes(nullptr)->probe(model.c_str(), nullptr));
+  alignas(inotify_event) char events[4096];
+  const ssize_t bytes = read(watcher, events, sizeof events);
+  uint32_t seen = 0;
+  for (ssize_t at = 0; at < bytes;) {
+    inotify_event event{};
+    std::memcpy(&event, events + at, sizeof event);
+    seen |= event.mask;
+    at += static_cast<ssize_t>(sizeof event + event.len);
+  }
+  EXPECT_NE(0u, seen & IN_OPEN);
+  EXPECT_NE(0u, seen & IN_CLOSE);
+  close(watcher);
+}
+
 TEST_F(Probe, NullRecordReturnsZero) {
   const std::string model = writeModel("m.zym", kKey, "qwen35");
   const ZYMRuntimeTable* const table = plugin().runtimes(nullptr);

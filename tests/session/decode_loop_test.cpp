@@ -11,6 +11,7 @@
 
 #include "session/text_buffer.h"
 #include "tests/support/chat_model.h"
+#include "tests/support/instrumented.h"
 #include "tests/support/random_model.h"
 #include "tests/support/scoped_env.h"
 #include "tests/support/temp_dir.h"
@@ -47,6 +48,13 @@ TEST_F(DecodeLoop, AnEmptyPromptFeedsNothingAndLeavesTheLogits) {
   EXPECT_TRUE(prefill(&session, {}, hidden, logits));
   EXPECT_EQ(std::vector<float>(logits.size(), 7.0f), logits);
   EXPECT_EQ(0u, session.position);
+}
+
+TEST_F(DecodeLoop, AnEmptyPromptNeedsNoRoom) {
+  open();
+  session.position = session.model.maxCtx;
+  EXPECT_TRUE(prefill(&session, {}, hidden, logits));
+  EXPECT_FALSE(prefill(&session, {5}, hidden, logits));
 }
 
 TEST_F(DecodeLoop, AnUnfitModelIsRefusedEvenWithAnEmptyPrompt) {
@@ -206,6 +214,32 @@ TEST_F(PromptFailure, TimesOfBlocksAddUp) {
   EXPECT_GT(session.decodeMsTotal, session.lastDecodeMs);
 }
 
+// Token k of this model has a hidden vector of which element k alone is not finite; no token has a
+// logit of index 0 that is not finite.
+TEST_F(DecodeLoop, EveryElementOfAHiddenVectorIsTested) {
+  constexpr int kPlain = 20;
+  constexpr size_t kHidden = 8;
+  open({.hidden = kHidden, .editTensors = [](std::vector<TensorPlan>& plan) {
+          std::vector<float> rows(300 * kHidden, 1.0F);
+          std::fill_n(rows.begin(), kHidden * (kHidden + 1), 0.0F);
+          for (size_t k = 0; k < kHidden; ++k) {
+            rows[(k + 1) * kHidden + k] = 1.0F;  // behind the normalisation: sqrt(8)
+          }
+          planned(plan, "token_embd.weight").data = kel::test::floatBytes(rows);
+          planned(plan, "output_norm.weight").data =
+              kel::test::floatBytes(std::vector<float>(kHidden, 3e38F));
+        }});
+  ASSERT_TRUE(prefill(&session, {kPlain, kPlain, kPlain}, hidden, logits));
+  for (const char* diagnostic : {"NOT_A_DIAGNOSTIC", "QWEN35_DBG"}) {
+    const kel::test::ScopedEnv env(diagnostic, "1");
+    for (int k = 0; k < static_cast<int>(kHidden); ++k) {
+      const uint64_t before = session.position;
+      EXPECT_FALSE(prefill(&session, {kPlain, k + 1, kPlain}, hidden, logits)) << k;
+      EXPECT_EQ(before + 2, session.position) << k;
+    }
+  }
+}
+
 // With caches of no more than the capacity, so that a row too many is a fault of memory.
 TEST_F(DecodeLoop, APromptOfBlocksThatFillsTheContextYieldsOnePiece) {
   constexpr size_t kCapacity = 140;
@@ -272,6 +306,44 @@ TEST_F(DecodeLoop, ANaNAtLogit4097GoesUnnoticed) {
   bool ok = false;
   EXPECT_EQ("b" + std::string(95, 'a'), run(ok));
   EXPECT_TRUE(ok);
+}
+
+// Replies of a gigabyte, of few and long pieces.
+class LongText : public DecodeLoop {
+ protected:
+  static constexpr size_t kLimit = 1073741824 - 64;
+  static constexpr size_t kPieces = 15;  // that make up the limit to the byte
+  static_assert(kLimit % kPieces == 0);
+
+  void SetUp() override {
+    if (kel::test::kInstrumented) {
+      GTEST_SKIP() << "takes a multiple of its two gigabytes";
+    }
+    open();
+    kel::TokenizerData tables = kel::test::chatTables(300);
+    const auto favourite = static_cast<size_t>(kel::test::chatId("a"));
+    tables.tokens[favourite] = std::string(kLimit / kPieces, 'a');
+    tables.tokenTypes[favourite] = 3;  // a special one, which is decoded as it stands
+    ASSERT_TRUE(session.tokenizer->load(std::move(tables)).ok());
+  }
+
+  // Length of a reply whose first piece is that of `first`, the others long. All its pieces but the
+  // last one are fed.
+  size_t length(const char* first) {
+    logits.assign(logits.size(), 0.0F);
+    logits[static_cast<size_t>(kel::test::chatId(first))] = 1.0F;
+    bool ok = false;
+    const size_t bytes = run(ok).size();
+    EXPECT_TRUE(ok);
+    return bytes;
+  }
+};
+
+TEST_F(LongText, EndsBehindThePieceThatLeavesLessThan64BytesOfAGigabyte) {
+  EXPECT_EQ(kLimit + kLimit / kPieces, length("a")) << "64 bytes are left, and room for a piece";
+  EXPECT_EQ(kPieces, session.position);
+  EXPECT_EQ(kLimit + 1, length("b"));
+  EXPECT_EQ(2 * kPieces, session.position);
 }
 
 TEST(SampledLogits, EveryFourThousandAndNinetySixthCounts) {

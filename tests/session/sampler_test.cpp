@@ -7,6 +7,7 @@
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -136,6 +137,28 @@ TEST(Sampling, EveryRangeDrawsTwice) {
   }
 }
 
+// The walk over scores in falling order: an index into them.
+template <typename Exponential>
+size_t walkByTheBook(const std::vector<float>& scores, double uniform, Exponential&& exponential) {
+  std::vector<double> weights;
+  weights.reserve(scores.size());
+  for (const float score : scores) {
+    weights.push_back(exponential(static_cast<double>(score) - static_cast<double>(scores[0])));
+  }
+  double rest = uniform * std::accumulate(weights.begin(), weights.end(), 0.0);
+  for (size_t i = 0; i < weights.size(); ++i) {
+    rest -= weights[i];
+    if (rest <= 0) {
+      return i;
+    }
+  }
+  return weights.size() - 1;
+}
+
+double inDouble(double x) {
+  return std::exp(x);
+}
+
 // The whole choice computed again: order by selection, weights, draw by the book, walk.
 int32_t sampleByTheBook(const std::vector<float>& logits, float temperature, size_t k,
                         TwisterByTheBook& twister) {
@@ -146,21 +169,12 @@ int32_t sampleByTheBook(const std::vector<float>& logits, float temperature, siz
   });
   order.resize(k);
   const float scale = 1.0F / temperature;
-  const auto score = [&](int32_t token) {
-    return static_cast<double>(logits[static_cast<size_t>(token)] * scale);
-  };
-  std::vector<double> weights;
+  std::vector<float> scores;
+  scores.reserve(k);
   for (const int32_t token : order) {
-    weights.push_back(std::exp(score(token) - score(order[0])));
+    scores.push_back(logits[static_cast<size_t>(token)] * scale);
   }
-  double rest = twister.uniform() * std::accumulate(weights.begin(), weights.end(), 0.0);
-  for (size_t i = 0; i < k; ++i) {
-    rest -= weights[i];
-    if (rest <= 0) {
-      return order[i];
-    }
-  }
-  return order.back();
+  return order[walkByTheBook(scores, twister.uniform(), inDouble)];
 }
 
 TEST(Sampling, ChoicesFollowTheGeneratorsPublishedSequence) {
@@ -262,6 +276,153 @@ TEST(Sampling, FrequenciesFitTheSoftmaxOfTheBestForty) {
   }
   // 39 degrees of freedom: 72.05 is exceeded once in a thousand seeds.
   EXPECT_LT(chiSquare, 72.05);
+}
+
+// Among equal scores the token depends on how the sort moves its elements: the order is that of the
+// standard sort over pairs of score and token, compared by falling score.
+TEST(Sampling, EqualScoresComeInTheOrderOfTheStandardSort) {
+  struct Ranked {
+    float score;
+    int32_t token;
+  };
+  for (const size_t n : {17u, 100u, 5000u}) {
+    std::vector<float> logits(n);
+    std::vector<Ranked> ranked;
+    for (size_t i = 0; i < n; ++i) {
+      logits[i] = static_cast<float>(i * 7 % 3);
+      ranked.push_back({logits[i], static_cast<int32_t>(i)});
+    }
+    std::sort(ranked.begin(), ranked.end(),
+              [](const Ranked& a, const Ranked& b) { return a.score > b.score; });
+    std::vector<float> scores;
+    scores.reserve(n);
+    for (const Ranked& each : ranked) {
+      scores.push_back(each.score);
+    }
+    TwisterByTheBook twister(42);
+    std::mt19937 rng(42);
+    for (int i = 0; i < 100; ++i) {
+      const size_t place = walkByTheBook(scores, twister.uniform(), inDouble);
+      ASSERT_EQ(ranked[place].token, chosen(logits, 1.0F, 0, 1.0F, rng)) << n << " draw " << i;
+    }
+  }
+}
+
+// Two neighbouring floats whose quotients by the temperature differ while their products with its
+// reciprocal are one number, and two of which the reverse is true. A top-p below 1 shows which
+// token leads; of two equal scores it is the one of the lower index.
+TEST(Sampling, ScoresAreProductsWithTheReciprocalOfTheTemperature) {
+  constexpr float kTemperature = 3.0F;
+  constexpr float kReciprocal = 1.0F / kTemperature;
+  std::mt19937 rng(42);
+
+  constexpr float kLow = 0x1.800004p+0F;
+  constexpr float kHigh = 0x1.800006p+0F;
+  static_assert(kLow / kTemperature < kHigh / kTemperature);
+  static_assert(kLow * kReciprocal == kHigh * kReciprocal);
+  EXPECT_EQ(0, chosen({kLow, kHigh}, kTemperature, 0, 0.5F, rng));
+
+  constexpr float kLower = 0x1.800002p+0F;
+  constexpr float kHigher = 0x1.800004p+0F;
+  static_assert(kLower / kTemperature == kHigher / kTemperature);
+  static_assert(kLower * kReciprocal < kHigher * kReciprocal);
+  EXPECT_EQ(1, chosen({kLower, kHigher}, kTemperature, 0, 0.5F, rng));
+}
+
+// Two tokens whose scores differ by as much as makes the draw a close call.
+TEST(Sampling, CloseCallsAreDecidedInDoublePrecision) {
+  const auto inFloat = [](double x) {
+    return static_cast<double>(std::exp(static_cast<float>(x)));
+  };
+  TwisterByTheBook twister(42);
+  std::mt19937 rng(42);
+  int floatsDisagree = 0;
+  for (int i = 0; i < 2000; ++i) {
+    const double uniform = twister.uniform();
+    const std::mt19937 before = rng;
+    rng.discard(2);
+    if (uniform <= 0.5) {
+      continue;  // the better one, however close
+    }
+    auto score = static_cast<float>(std::log((1.0 - uniform) / uniform));
+    for (int step = 0; step < 3; ++step, score = std::nextafter(score, -kInf)) {
+      const size_t expected = walkByTheBook({0.0F, score}, uniform, inDouble);
+      std::mt19937 draw = before;
+      ASSERT_EQ(expected, static_cast<size_t>(chosen({0.0F, score}, 1.0F, 0, 1.0F, draw)));
+      floatsDisagree += expected != walkByTheBook({0.0F, score}, uniform, inFloat) ? 1 : 0;
+    }
+  }
+  EXPECT_GT(floatsDisagree, 10) << "calls so close that single precision would miss them";
+}
+
+// Behind one likely token come so many of so little weight that the leading 32 bits of the draw
+// leave several to choose from.
+TEST(Sampling, TheFirstOutputHoldsTheLowBitsOfTheDraw) {
+  std::vector<float> logits = {0.0F};
+  for (int i = 0; i < 20000; ++i) {
+    logits.push_back(-23.0F - 1e-5F * static_cast<float>(i));
+  }
+  TwisterByTheBook twister(42);
+  std::mt19937 rng(42);
+  double uniform = twister.uniform();
+  while (uniform < 1.0 - 1e-6) {
+    uniform = twister.uniform();
+    rng.discard(2);
+  }
+  const size_t expected = walkByTheBook(logits, uniform, inDouble);
+  ASSERT_NE(0u, expected);
+  ASSERT_NE(expected, walkByTheBook(logits, std::floor(uniform * 0x1p32) * 0x1p-32, inDouble));
+  EXPECT_EQ(expected, static_cast<size_t>(chosen(logits, 1.0F, 0, 1.0F, rng)));
+}
+
+TEST(Sampling, AVocabularyOfOneTokenDrawsTwice) {
+  std::mt19937 rng(42);
+  std::mt19937 twoOn(42);
+  twoOn.discard(2);
+  EXPECT_EQ(0, chosen({-3.0F}, 0.8F, 0, 1.0F, rng));
+  EXPECT_EQ(twoOn, rng);
+}
+
+// A generator whose next outputs are all ones.
+std::mt19937 generatorOfOnes() {
+  uint32_t word = 0xFFFFFFFFU;  // of the state, by the steps of the output backwards
+  word ^= word >> 18U;
+  word ^= (word << 15U) & 0xEFC60000U;
+  uint32_t undone = word;
+  for (int i = 0; i < 4; ++i) {
+    undone = word ^ ((undone << 7U) & 0x9D2C5680U);
+  }
+  word = undone;
+  for (int i = 0; i < 2; ++i) {
+    undone = word ^ (undone >> 11U);
+  }
+  std::stringstream state;
+  for (size_t i = 0; i < std::mt19937::state_size; ++i) {
+    state << undone << ' ';
+  }
+  state << 0;
+  std::mt19937 generator;
+  state >> generator;
+  return generator;
+}
+
+TEST(Sampling, TheLargestDrawStaysBelowOne) {
+  std::mt19937 rng = generatorOfOnes();
+  std::mt19937 outputs = rng;
+  ASSERT_EQ(0xFFFFFFFFU, outputs());
+  ASSERT_EQ(0xFFFFFFFFU, outputs());
+  // The sum of both weights is the next number above 1. All of it would reach the second token.
+  EXPECT_EQ(0, chosen({0.0F, -36.5F}, 1.0F, 0, 1.0F, rng));
+}
+
+// Each of the small weights raises the sum by more than itself: walking them leaves a rest.
+TEST(Sampling, ARestLeftByRoundingGoesToTheLastOfTheRange) {
+  const std::vector<float> logits = {-36.5F, -36.5F, 0.0F,   -36.5F, -36.5F, -36.5F,
+                                     -36.5F, -36.5F, -36.5F, -36.5F, -36.5F};
+  std::mt19937 rng = generatorOfOnes();
+  EXPECT_EQ(10, chosen(logits, 1.0F, 0, 1.0F, rng));
+  rng = generatorOfOnes();
+  EXPECT_EQ(9, chosen(logits, 1.0F, 10, 1.0F, rng)) << "of the best ten";
 }
 
 TEST(Sampling, NoLogitsGiveZero) {

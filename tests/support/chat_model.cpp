@@ -69,11 +69,23 @@ std::vector<uint8_t> floatBytes(const std::vector<float>& values) {
   return bytes;
 }
 
-void fillEmbeddingRow(std::vector<TensorPlan>& plan, size_t row, float value) {
+void setEmbeddingRow(std::vector<TensorPlan>& plan, size_t row, const std::vector<float>& values) {
   TensorPlan& matrix = planned(plan, "token_embd.weight");
-  const std::vector<float> values(matrix.dims[0], value);
-  std::memcpy(matrix.data.data() + row * matrix.dims[0] * sizeof(float), values.data(),
+  if (values.size() != matrix.dims[0]) {
+    throw std::invalid_argument("a row has as many values as the model's hidden size");
+  }
+  std::memcpy(matrix.data.data() + row * values.size() * sizeof(float), values.data(),
               values.size() * sizeof(float));
+}
+
+void setEmbeddingRow(std::vector<TensorPlan>& plan, const std::string& token,
+                     const std::vector<float>& values) {
+  setEmbeddingRow(plan, static_cast<size_t>(chatId(token)), values);
+}
+
+void fillEmbeddingRow(std::vector<TensorPlan>& plan, size_t row, float value) {
+  const uint64_t hidden = planned(plan, "token_embd.weight").dims[0];
+  setEmbeddingRow(plan, row, std::vector<float>(hidden, value));
 }
 
 void writeChatModel(const std::string& path, const ChatModel& model) {

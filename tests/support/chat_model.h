@@ -40,8 +40,12 @@ void writeChatModel(const std::string& path, const ChatModel& model);
 // Random weights throughout, the vocabulary of chatTables: for tests of likeness between entries.
 void writeRandomChatModel(const std::string& path, kel::QuantType matrices, uint64_t hidden = 32);
 
-// The values of one tensor as the bytes of a plan, and one row of an F32 embedding.
+// The values of one tensor as the bytes of a plan, and one row of an F32 embedding by its index or
+// its token.
 std::vector<uint8_t> floatBytes(const std::vector<float>& values);
+void setEmbeddingRow(std::vector<TensorPlan>& plan, size_t row, const std::vector<float>& values);
+void setEmbeddingRow(std::vector<TensorPlan>& plan, const std::string& token,
+                     const std::vector<float>& values);
 void fillEmbeddingRow(std::vector<TensorPlan>& plan, size_t row, float value);
 
 }  // namespace kel::test
