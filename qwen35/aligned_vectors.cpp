@@ -45,6 +45,10 @@ void alignVectors(Model& m) {
     for (const auto group :
          {kel::TensorGroup::Common, kel::TensorGroup::Linear, kel::TensorGroup::Full}) {
       for (const kel::ModelTensor& tensor : kel::tensorsOf(group)) {
+        // Without a query bias the others are neither read nor checked: they may lie anywhere.
+        if (!tensor.required && layer.attnQBias == nullptr) {
+          continue;
+        }
         alignVector(m, tensor, layerTensor(layer, tensor.role));
       }
     }

@@ -3,7 +3,8 @@
 //   Context context(model, {.maxTokens = kBatchTokens});
 //   forward(context, model, {...});                       // qwen35/forward.h
 //
-// Sized once, for one model: a pass allocates nothing. Memory is mapped and taken as it is first
+// Sized once, for one model: a pass allocates nothing (but for the file that QWEN35_HID_DUMP
+// names). Memory is mapped and taken as it is first
 // touched, so room for a batch costs nothing until one comes. One pass at a time; two contexts are
 // independent.
 #pragma once
@@ -18,13 +19,14 @@
 #include "qwen35/matmul.h"
 #include "qwen35/model.h"
 #include "qwen35/simd/dispatch.h"
+#include "qwen35/snapshot.h"
 #include "qwen35/state_buffer.h"
 #include "qwen35/team.h"
 
 namespace qwen35 {
 
-// Tokens of a batch: enough to make the cost of decoding weights small, few enough for the inputs
-// of a matrix to stay in L2.
+// Tokens of a batch: enough to make the cost of decoding weights small, few enough for a chunk of
+// all inputs to stay in L2.
 constexpr size_t kBatchTokens = 128;
 
 // Tokens whose scores are held at a time.
@@ -116,6 +118,7 @@ struct Work {
   size_t count;  // tokens
   size_t pos;    // of the first
   Arithmetic arithmetic;
+  Snapshot* before = nullptr;  // to be filled, where one is asked for
 
   const PassBuffers& at() const { return context.buffers(); }
   const KernelTable& kernels() const { return context.kernels(); }
@@ -125,8 +128,7 @@ struct Work {
     return matmulInput(x, count, cols, arithmetic, users, context.matmulBuffers());
   }
   void multiply(const MatmulInput& in, std::span<const Matmul> products) const {
-    qwen35::multiply(member, kernels(), in, products, context.scratch(member.thread()),
-                     context.team().maxThreads());
+    qwen35::multiply(member, kernels(), in, products, context.scratch(member.thread()));
   }
   // A step: fills the forms of an input whose floats are ready.
   void prepare(const MatmulInput& in) const;

@@ -1,13 +1,16 @@
 // Diagnostic output of the forward pass, off unless an environment variable asks for it:
 //
-//   QWEN35_DBG       norms per layer at position 0, and how far the pass moved the embedding
-//   QWEN35_DBG2      one linear-attention step in layer 0, every token
+//   QWEN35_DBG       norms per layer at position 0, in passes with logits, and how far the pass
+//                    moved the embedding
+//   QWEN35_DBG2      the linear-attention block of layer 0, every token
 //   QWEN35_DBG3      attention scores of head 0 in layer 3, every eighth position
 //   QWEN35_DBG4      recurrent state of layer 0, every eighth position
-//   QWEN35_TIMING    duration of each forwardTokenHidden
+//   QWEN35_TIMING    duration of each pass without logits
 //   QWEN35_ABLATE    "full" or "lin": the only kind of attention block that runs
 //   QWEN35_NODECAY   the recurrent state is not decayed
-//   QWEN35_HID_DUMP  file to which forwardToken appends every intermediate vector
+//   QWEN35_HID_DUMP  file to which passes with logits append every intermediate vector
+//
+// All watch passes of one token; a prompt is therefore fed token by token while any is set.
 //
 // The variables are read at the start of every pass, so that a running host can be looked into.
 // Lines go to standard error; their formats are read by scripts and stay as they are. But for
@@ -57,14 +60,14 @@ struct Diagnostics {
 // Euclidean norm, summed in double.
 double l2Norm(std::span<const float> v);
 
-// QWEN35_DBG, from forwardToken. The third number of a layer's line is the residual sum, which is
+// QWEN35_DBG. The third number of a layer's line is the residual sum, which is
 // not formed when the line is printed: always 0, and kept because scripts count the columns.
 void printLayerNorms(size_t layer, bool isLinear, std::span<const float> x,
                      std::span<const float> attn);
 void printFfnNorm(std::span<const float> ffn);
 void printPassNorms(std::span<const float> embedding, std::span<const float> x);
 
-// QWEN35_DBG2 and QWEN35_DBG4, from linearAttnStep.
+// QWEN35_DBG2 and QWEN35_DBG4.
 struct LinearStepView {
   std::span<const float> qkv;
   std::span<const float> z;
@@ -81,10 +84,10 @@ struct LinearStepView {
 void printLinearStep(const LinearStepView& step);
 void printLinearState(const LinearStepView& step, size_t pos);
 
-// QWEN35_DBG3, from fullAttnStep. scores: `cached` + 1 of them, `highest` their maximum.
+// QWEN35_DBG3. scores: `cached` + 1 of them, `highest` their maximum.
 void printScoreStatistics(const float* scores, size_t cached, float highest);
 
-// QWEN35_TIMING, from forwardTokenHidden.
+// QWEN35_TIMING.
 void printHiddenTiming(size_t pos, double milliseconds);
 
 // QWEN35_HID_DUMP: the named file, open for appending from construction to destruction; nothing is

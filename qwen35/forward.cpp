@@ -1,6 +1,7 @@
 #include "qwen35/forward.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 
 #include "qwen35/elementwise.h"
@@ -65,7 +66,7 @@ void attention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& 
   }
 }
 
-// The values of a layer that the dump takes before the residual sum overwrites them.
+// One record of a layer's values, nEmbd floats.
 void dumpLayer(Trace& trace, const Work& w, size_t layerIdx, const float* what, const char* name) {
   trace.dump.layerRecord(w.pos, layerIdx, name, {what, w.m.nEmbd});
 }
@@ -143,13 +144,14 @@ void feedForward(const Work& w, const Layer& layer, const float* normed, float* 
 }
 
 void head(const Work& w, const float* normed, float* logits) {
-  const Matmul product[] = {{w.m.tokEmbd, logits, w.m.nVocab, /*isHead=*/true}};
+  const Matmul product[] = {{w.m.tokEmbd, logits, w.m.nVocab, /*assigns=*/true}};
   const MatmulInput in = w.input(normed, w.m.nEmbd, product);
   w.prepare(in);
   w.multiply(in, product);
 }
 
 void forward(Context& context, Model& m, const PassRequest& request) {
+  assert(request.count >= 1 && request.count <= context.maxTokens());
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();
   context.diagnostics = Diagnostics::fromEnvironment();
@@ -157,8 +159,15 @@ void forward(Context& context, Model& m, const PassRequest& request) {
   const bool traced = request.count == 1 && request.logits != nullptr &&
                       (asked.layerNorms || asked.dump != nullptr);
   Trace trace{request.pos == 0 && asked.layerNorms, HiddenDump(traced ? asked.dump : nullptr)};
+  if (request.before != nullptr) {
+    for (size_t l = 0; l < m.layers.size(); ++l) {
+      request.before->layer(l).pos = m.layers[l].pos;
+      request.before->layer(l).taken = m.layers[l].isLinear && !asked.skips(true);
+    }
+  }
   context.team().run([&](Team::Member& member) {
-    const Work w{context, member, m, request.count, request.pos, request.arithmetic};
+    const Work w{context,       member, m, request.count, request.pos, request.arithmetic,
+                 request.before};
     runPass(w, m, request, traced ? &trace : nullptr);
   });
   for (Layer& layer : m.layers) {

@@ -12,6 +12,7 @@
 
 #include "qwen35/context.h"
 #include "qwen35/model.h"
+#include "qwen35/snapshot.h"
 
 namespace qwen35 {
 
@@ -20,9 +21,10 @@ struct PassRequest {
   size_t count = 1;                   // tokens, 1 to the context's maxTokens()
   size_t pos = 0;                     // of the first token
   Arithmetic arithmetic = Arithmetic::SingleToken;
-  float* hidden = nullptr;  // [count][nEmbd] receives the final normalised states; may be null
-  float* logits = nullptr;  // [nVocab] of the last token; may be null: the head is then left out
-  bool allLogits = false;   // logits is [count][nVocab], for every token
+  float* hidden = nullptr;     // [count][nEmbd] receives the final normalised states; may be null
+  float* logits = nullptr;     // [nVocab] of the last token; may be null: the head is then left out
+  Snapshot* before = nullptr;  // receives the recurrent state as it was; may be null
+  bool allLogits = false;      // logits is [count][nVocab], for every token
 };
 
 // Advances every layer by request.count tokens. A token's results depend on the tokens before it

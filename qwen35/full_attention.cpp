@@ -14,6 +14,9 @@ namespace {
 // still subtracts to -infinity.
 constexpr float kNoScore = -1e30f;
 
+// 1 / sqrt(256), for the one head width there is.
+constexpr float kScoreScale = 0.0625f;
+
 // Cache rows of a piece of scores, and those that all queries take their turn at: they fit L1,
 // beside the queries.
 constexpr size_t kRowsPerPiece = 64;

@@ -9,9 +9,6 @@
 
 namespace qwen35 {
 
-// Scale of the attention scores: 1 / sqrt(256), for the one head width there is.
-constexpr float kScoreScale = 0.0625f;
-
 // The block for the tokens of a pass, whose angles are computed. Their keys go to the cache rows
 // from layer.pos on, which the caller raises after the pass. Called by all members of the team;
 // out: [count][nEmbd], overwritten. Where the cache has no room for all tokens, nothing is stored

@@ -12,11 +12,12 @@ namespace {
 // The tokens of a pass between the projections of one layer.
 class Mixer {
  public:
-  Mixer(const Work& work, Layer& mixed)
+  Mixer(const Work& work, Layer& mixed, size_t layerIdx)
       : w(work),
         m(work.m),
         at(work.at()),
         layer(mixed),
+        before(w.before == nullptr ? nullptr : &w.before->layer(layerIdx)),
         d(m.ssmDState),
         keyFloats(m.ssmGroups * d),
         channels(m.convChannels()),
@@ -34,6 +35,7 @@ class Mixer {
       }
       for (size_t h = g; h < m.ssmHeads; h += m.ssmGroups) {
         convolveAll(2 * keyFloats + h * d);
+        saveHead(h);
         for (size_t token = 0; token < w.count; ++token) {
           openGates(token, h);
           update(token, h, g);
@@ -44,6 +46,19 @@ class Mixer {
   }
 
  private:
+  // The state before the first token, as it comes to be read anyway.
+  void saveChannels(size_t begin) const {
+    if (before != nullptr) {
+      std::copy_n(layer.convState.data() + begin * kConvHistory, d * kConvHistory,
+                  before->conv.data() + begin * kConvHistory);
+    }
+  }
+  void saveHead(size_t h) const {
+    if (before != nullptr) {
+      std::copy_n(layer.ssmState.data() + h * d * d, d * d, before->ssm.data() + h * d * d);
+    }
+  }
+
   // Four taps over an input and the three before it, for the d channels from `begin` on; then the
   // inputs move up. The state keeps raw projections, before convolution and activation.
   void convolve(const float* in, float* out, size_t begin) const {
@@ -62,6 +77,7 @@ class Mixer {
   }
 
   void convolveAll(size_t begin) const {
+    saveChannels(begin);
     for (size_t token = 0; token < w.count; ++token) {
       convolve(at.qkv + token * channels, at.conv + token * channels, begin);
     }
@@ -107,6 +123,7 @@ class Mixer {
   const Model& m;
   const PassBuffers& at;
   Layer& layer;
+  Snapshot::LayerState* before;
   size_t d;
   size_t keyFloats;  // of all query heads, and of all key heads
   size_t channels;
@@ -153,12 +170,13 @@ void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const Residua
   const MatmulInput in = w.input(at.normed, m.nEmbd, projections);
   normStep(w, x, layer.attnNorm, at.normed, in);
   w.multiply(in, projections);
-  Mixer(w, layer).mix();
+  Mixer(w, layer, layerIdx).mix();
   const Matmul output[] = {{layer.ssmOut, out, m.nEmbd}};
   const MatmulInput mixed = w.input(at.ssmOut, m.ssmInner, output);
   w.prepare(mixed);
   w.multiply(mixed, output);
-  if (w.count == 1 && layerIdx == 0 && w.diagnostics().any()) {
+  if (w.count == 1 && (w.diagnostics().reportsLinearStep(layerIdx) ||
+                       w.diagnostics().reportsLinearState(w.pos, layerIdx))) {
     w.member.once([&] { report(w, layer, layerIdx, out); });
   }
 }

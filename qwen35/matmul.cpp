@@ -1,6 +1,7 @@
 #include "qwen35/matmul.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "quant/blocks.h"
 #include "qwen35/weights.h"
@@ -99,7 +100,7 @@ struct Piece {
     float* y = target.y + token * target.yStride + first;
     for (size_t i = 0; i < count; ++i) {
       const float sum = sums[i * sumStride];
-      y[i] = target.isHead ? sum : 0.0f + sum;
+      y[i] = target.assigns ? sum : 0.0f + sum;
     }
   }
 };
@@ -221,18 +222,18 @@ void prepareInput(const KernelTable& kernels, const MatmulInput& input, size_t t
 }
 
 void multiply(Team::Member& member, const KernelTable& kernels, const MatmulInput& input,
-              std::span<const Matmul> products, const MatmulScratch& scratch, size_t nThreads) {
-  constexpr size_t kMaxProducts = 4;  // that share an input
+              std::span<const Matmul> products, const MatmulScratch& scratch) {
   struct Share {
     Matrix matrix;
     size_t rows;      // of a piece
     size_t endPiece;  // of all matrices up to this one
   };
-  Share shares[kMaxProducts];
+  assert(products.size() <= kMaxMatmuls);
+  Share shares[kMaxMatmuls];
   size_t pieces = 0;
   for (size_t i = 0; i < products.size(); ++i) {
     shares[i].matrix = matrixOf(kernels, *products[i].weights);
-    shares[i].rows = pieceRows(shares[i].matrix, input, nThreads);
+    shares[i].rows = pieceRows(shares[i].matrix, input, member.teamSize());
     pieces += roundUp(shares[i].matrix.rows, shares[i].rows) / shares[i].rows;
     shares[i].endPiece = pieces;
   }

@@ -6,8 +6,8 @@
 // takes the quantised dot product, which is faster where a row meets few inputs. A token's sums
 // depend on the arithmetic alone: not on the other tokens, on threads or on the instruction set.
 //
-// Everything here works on memory that its caller provides and is called by all members of a team
-// (qwen35/team.h) in the same order. Nothing is allocated, nothing is thrown.
+// Everything here works on memory that its caller provides: nothing is allocated, nothing is
+// thrown.
 #pragma once
 
 #include <cstddef>
@@ -54,6 +54,9 @@ struct MatmulScratch {
   float* sums;    // [kMaxPieceRows][tokens]
 };
 
+// Matrices that share an input.
+constexpr size_t kMaxMatmuls = 4;
+
 // Rows that are decoded and multiplied together: their chunk takes half of L1.
 constexpr size_t kTileRows = 16;
 
@@ -66,9 +69,9 @@ struct Matmul {
   const kel::TensorView* weights;
   float* y;
   size_t yStride;
-  // The sum itself rather than 0 + sum, which turns a -0 into +0: the output head is assigned, all
-  // other products are added to zeroed buffers.
-  bool isHead = false;
+  // The sum as it is, rather than added to a zero, which turns a -0 into +0. The output head is
+  // assigned, all other products are added to zeroed buffers.
+  bool assigns = false;
 };
 
 // An input as its matrices need it: x with the forms that prepareInput has to fill.
@@ -81,9 +84,9 @@ MatmulInput matmulInput(const float* x, size_t count, size_t cols, Arithmetic ar
 void prepareInput(const KernelTable& kernels, const MatmulInput& input, size_t token, size_t at,
                   size_t len);
 
-// y = row times input, for every row of every matrix and every token: one step of the team.
-// scratch: the calling member's; nThreads: of the team.
+// y = row times input, for every row of every matrix (at most kMaxMatmuls) and every token: one
+// step of the team, which all of its members come to. scratch: the calling member's.
 void multiply(Team::Member& member, const KernelTable& kernels, const MatmulInput& input,
-              std::span<const Matmul> products, const MatmulScratch& scratch, size_t nThreads);
+              std::span<const Matmul> products, const MatmulScratch& scratch);
 
 }  // namespace qwen35

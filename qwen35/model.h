@@ -127,8 +127,8 @@ bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 // after initLayers with the same maxCtx. False when either tensor is missing.
 bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
-// Empties every layer: pos 0 and all state zero, whoever wrote it. Sizes stay; memory that was
-// filled goes back to the system.
+// Empties every layer: pos 0 and all state zero, whoever wrote it. Sizes stay; the memory of filled
+// cache positions goes back to the system.
 void resetModel(Model& m);
 
 // Writes the embedding row of a token: out, nEmbd floats. The token must be below nVocab.

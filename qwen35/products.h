@@ -1,6 +1,6 @@
 // Matrix-vector products by themselves, over weight tensors of any element type, spread over OpenMP
-// threads. The forward pass has products of its own (qwen35/matmul.h); these serve tools, and state
-// in their simplest form what a product is.
+// threads: what a product is, in its simplest form. The forward pass has products of its own
+// (qwen35/matmul.h).
 //
 // Each row is summed as dotF32 sums it: the result does not depend on the number of threads or on
 // the instruction set (qwen35/simd/kernel_table.h). Each product opens one parallel region over the

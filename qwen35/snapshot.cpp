@@ -4,22 +4,22 @@
 
 namespace qwen35 {
 
-void Snapshot::save(const Model& m) {
-  layers.resize(m.layers.size());
+Snapshot::Snapshot(const Model& m) : layers(m.layers.size()) {
   for (size_t l = 0; l < layers.size(); ++l) {
-    const Layer& layer = m.layers[l];
-    layers[l].ssm.assign(layer.ssmState.begin(), layer.ssmState.end());
-    layers[l].conv.assign(layer.convState.begin(), layer.convState.end());
-    layers[l].pos = layer.pos;
+    layers[l].ssm = StateBuffer(m.layers[l].ssmState.size());
+    layers[l].conv = StateBuffer(m.layers[l].convState.size());
   }
 }
 
 void Snapshot::restore(Model& m) const {
   for (size_t l = 0; l < layers.size(); ++l) {
+    const LayerState& saved = layers[l];
     Layer& layer = m.layers[l];
-    std::copy(layers[l].ssm.begin(), layers[l].ssm.end(), layer.ssmState.begin());
-    std::copy(layers[l].conv.begin(), layers[l].conv.end(), layer.convState.begin());
-    layer.pos = layers[l].pos;
+    layer.pos = saved.pos;
+    if (saved.taken) {
+      std::copy(saved.ssm.begin(), saved.ssm.end(), layer.ssmState.begin());
+      std::copy(saved.conv.begin(), saved.conv.end(), layer.convState.begin());
+    }
   }
 }
 

@@ -12,19 +12,25 @@ namespace qwen35 {
 
 class Snapshot {
  public:
-  // Copies the recurrent state of every layer, about 50 MB, into memory that is kept between calls.
-  // Throws std::bad_alloc, and then holds nothing to go back to.
-  void save(const Model& m);
+  // The recurrent state of one layer; empty buffers for full attention.
+  struct LayerState {
+    StateBuffer ssm;   // as Layer::ssmState
+    StateBuffer conv;  // as Layer::convState
+    uint64_t pos = 0;
+    bool taken = false;
+  };
 
-  // Takes the model that was saved back to that state.
+  // Room for the recurrent state of m, about 50 MB, which is taken from the system as it is filled.
+  // Throws std::bad_alloc.
+  explicit Snapshot(const Model& m);
+
+  // To be filled while a pass goes through the layer (PassRequest::before).
+  LayerState& layer(size_t layerIdx) { return layers[layerIdx]; }
+
+  // Takes the model back to where it was before the pass that filled this.
   void restore(Model& m) const;
 
  private:
-  struct LayerState {
-    std::vector<float> ssm;
-    std::vector<float> conv;
-    uint64_t pos = 0;
-  };
   std::vector<LayerState> layers;
 };
 

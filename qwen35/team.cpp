@@ -71,7 +71,9 @@ void Team::Member::finish(size_t n, size_t count) {
   // `taken` says so.
   team.done.store(0, std::memory_order_relaxed);
   team.taken.store((step + 1) * kStepUnit, std::memory_order_release);
-  team.ended.store(step + 1, std::memory_order_release);
+  // Sequentially consistent: the notification looks for sleepers with a plain load, which must not
+  // pass this store, or one that is just lying down would be missed.
+  team.ended.store(step + 1, std::memory_order_seq_cst);
   team.ended.notify_all();
 }
 

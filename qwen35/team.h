@@ -4,7 +4,8 @@
 // a step is cut into pieces, small against a time slice, that are handed out as threads come for
 // them. What is waited for at the end of a step is its pieces, not the threads: a thread that the
 // system has put aside between two pieces holds nobody up, and finds the pieces gone when it comes
-// back. Which thread takes a piece decides nothing but time.
+// back. (The end of the region waits for all threads, once a pass.) Which thread takes a piece
+// decides nothing but time.
 //
 // Waiting threads look for the end of a step for a few microseconds and then sleep.
 #pragma once
@@ -29,8 +30,10 @@ class Team {
    public:
     Member(Team& owner, size_t index) : team(owner), self(index) {}
 
-    // From 0; below maxThreads().
+    // From 0; below teamSize().
     size_t thread() const { return self; }
+    // The threads that a step should have work for: maxThreads() of the team.
+    size_t teamSize() const { return team.limit; }
 
     // Has piece(i) called for every i below n, each once and on some thread of the team; returns
     // when all calls have returned, with their effects visible. All members come to the same steps

@@ -72,14 +72,12 @@ bool feedBatch(Qwen35Session& session, std::span<const int> tokens, BatchBuffers
   for (size_t i = 0; i < tokens.size(); ++i) {
     embedRow(session.model, static_cast<size_t>(tokens[i]), b.embeddings.data() + i * n);
   }
-  if (tokens.size() > 1) {
-    session.beforeBatch.save(session.model);
-  }
   qwen35::PassRequest request{.embeddings = b.embeddings.data(),
                               .count = tokens.size(),
                               .arithmetic = qwen35::Arithmetic::Batch,
                               .hidden = b.hidden.data(),
-                              .logits = logits};
+                              .logits = logits,
+                              .before = tokens.size() > 1 ? session.beforeBatch.get() : nullptr};
   const double msBefore = session.decodeMsTotal;
   timedPass(session, request);
   const size_t tested = logits == nullptr ? tokens.size() : tokens.size() - 1;
@@ -88,11 +86,12 @@ bool feedBatch(Qwen35Session& session, std::span<const int> tokens, BatchBuffers
       continue;
     }
     if (i + 1 < tokens.size()) {
-      session.beforeBatch.restore(session.model);
+      session.beforeBatch->restore(session.model);
       session.position -= tokens.size();
       session.decodeMsTotal = msBefore;
       request.count = i + 1;
       request.logits = nullptr;
+      request.before = nullptr;
       timedPass(session, request);
     }
     return false;
@@ -127,7 +126,8 @@ bool prefill(Qwen35Session* session, const std::vector<int>& tokens, std::vector
     return false;
   }
   // Token by token where a diagnostic watches, which looks at passes of one token.
-  const size_t longest = qwen35::Diagnostics::fromEnvironment().any() ? 1 : qwen35::kBatchTokens;
+  const size_t longest =
+      qwen35::Diagnostics::fromEnvironment().any() ? 1 : session->context->maxTokens();
   const size_t feedable = feedableTokens(*session, tokens);
   BatchBuffers b;
   b.embeddings.resize(std::min(feedable, longest) * session->model.nEmbd);

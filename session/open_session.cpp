@@ -1,3 +1,4 @@
+#include <new>
 #include <utility>
 
 #include "qwen35/aligned_vectors.h"
@@ -10,6 +11,17 @@
 namespace session {
 
 namespace {
+
+// Room for batches or, where a file claims a width that the system has no room for, for one token.
+std::unique_ptr<qwen35::Context> makeContext(const qwen35::Model& model) {
+  const size_t threads = qwen35::defaultThreads();
+  try {
+    return std::make_unique<qwen35::Context>(
+        model, qwen35::ContextOptions{.maxTokens = qwen35::kBatchTokens, .threads = threads});
+  } catch (const std::bad_alloc&) {
+    return std::make_unique<qwen35::Context>(model, qwen35::ContextOptions{.threads = threads});
+  }
+}
 
 // The message of the first step that fails; null when every step succeeded.
 const char* openSteps(Qwen35Session& session, const char* path) {
@@ -43,11 +55,10 @@ const char* openSteps(Qwen35Session& session, const char* path) {
     return "qwen35 model bind failed";
   }
   session.unfitReason = qwen35::findUnfitTensor(loader, session.model);
-  if (session.canRun()) {
+  if (session.unfitReason.empty()) {
     qwen35::alignVectors(session.model);
-    session.context = std::make_unique<qwen35::Context>(
-        session.model, qwen35::ContextOptions{.maxTokens = qwen35::kBatchTokens,
-                                              .threads = qwen35::defaultThreads()});
+    session.beforeBatch = std::make_unique<qwen35::Snapshot>(session.model);
+    session.context = makeContext(session.model);
   }
   return nullptr;
 }

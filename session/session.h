@@ -22,9 +22,9 @@ struct Qwen35Session {
 
   std::unique_ptr<kel::ZYMLoader> loader;  // owns the file mapping that model points into
   qwen35::Model model;
-  std::unique_ptr<qwen35::Context> context;  // null where the model cannot be run
-  qwen35::Snapshot beforeBatch;              // of a prompt; kept between prompts for its memory
-  bool loaded = false;                       // every loading step succeeded
+  std::unique_ptr<qwen35::Context> context;       // null where the model cannot run
+  std::unique_ptr<qwen35::Snapshot> beforeBatch;  // of a prompt; beside the context
+  bool loaded = false;                            // every loading step succeeded
   std::unique_ptr<kel::Tokenizer> tokenizer;
   std::string modelPath;
 
@@ -46,7 +46,7 @@ struct Qwen35Session {
 
   // To be asked before anything of a size from the file is allocated: a file of a kilobyte may
   // claim a vocabulary of billions.
-  bool canRun() const { return unfitReason.empty(); }
+  bool canRun() const { return context != nullptr; }
 
   // Empties the model's caches and zeroes the counters of a conversation. lastDecodeMs stays: it
   // reports the last measured pass until the host resets the session.

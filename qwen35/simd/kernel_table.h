@@ -63,10 +63,10 @@ struct KernelTable {
   RowsProduct rowsF32;
   RowsProduct rowsBf16;
 
-  // dot products over the exact values of the decoder of quant/blocks.h; cols is a multiple of 32.
+  // Dot products over the exact values of the decoder of quant/blocks.h; cols is a multiple of 32.
   RowsProduct rowsQ80;
 
-  // quantised dot products. The scales and minimums are those of the decoders of quant/blocks.h.
+  // Quantised dot products. The scales and minimums are those of the decoders of quant/blocks.h.
   QuantisedRowsProduct rowsQ4K;
   QuantisedRowsProduct rowsQ5K;
 

@@ -14,6 +14,7 @@
 #include "qwen35/snapshot.h"
 #include "tests/support/instrumented.h"
 #include "tests/support/opened_model.h"
+#include "tests/support/scoped_env.h"
 
 namespace {
 
@@ -139,7 +140,14 @@ TEST(Pass, SeveralTokensGiveTheBitsOfSingleTokensInBothArithmeticsForEveryType) 
   }
 }
 
-TEST(Pass, ThreadsAndInstructionSetsGiveTheSameBits) {
+class PassOnThreads : public ::testing::Test {
+ protected:
+  ~PassOnThreads() override { omp_set_num_threads(before); }
+
+  const int before = omp_get_max_threads();
+};
+
+TEST_F(PassOnThreads, AndWithEveryInstructionSetGivesTheSameBits) {
   const Tokens tokens = prompt(5);
   for (const Arithmetic arithmetic : {Arithmetic::SingleToken, Arithmetic::Batch}) {
     Handle reference(mixedModel().path, kTokens);
@@ -267,37 +275,41 @@ TEST(Pass, WithoutRoomForAllItsTokensAttentionStoresNothing) {
   Handle handle(file.path, 6);
   handle.pass(prompt(4), Arithmetic::Batch);
   const std::vector<Bits> before = stateOf(handle.model);
-  handle.pass(prompt(3), Arithmetic::Batch);
+  const Bits hidden = bits(handle.pass(prompt(3), Arithmetic::Batch));
   EXPECT_EQ(before, stateOf(handle.model));
+  // The layers add their feed-forward alone, as where attention is switched off.
+  const kel::test::ScopedEnv ablate("QWEN35_ABLATE", "lin");
+  Handle without(file.path, 6);
+  EXPECT_EQ(bits(without.pass(prompt(3), Arithmetic::Batch)), hidden);
 }
 
-TEST(Snapshot, GoesBackToWhereItWasSaved) {
+TEST(Snapshot, GoesBackToWhereThePassBegan) {
   const ModelFile file;
   const Tokens tokens = prompt(20);
   Handle expected(file.path);
   expected.pass(part(tokens, 0, 5), Arithmetic::Batch);
   Handle handle(file.path);
   handle.pass(part(tokens, 0, 5), Arithmetic::Batch);
-  qwen35::Snapshot saved;
-  saved.save(handle.model);
-  handle.pass(part(tokens, 5, 9), Arithmetic::Batch);
-  saved.restore(handle.model);
+  qwen35::Snapshot before(handle.model);
+  handle.pass(part(tokens, 5, 9), Arithmetic::Batch, nullptr, {}, &before);
+  before.restore(handle.model);
   handle.position = 5;
   EXPECT_EQ(bits(expected.pass(part(tokens, 5, 3), Arithmetic::Batch)),
             bits(handle.pass(part(tokens, 5, 3), Arithmetic::Batch)));
   EXPECT_EQ(bits(expected.logits(1)), bits(handle.logits(1)));
 }
 
-TEST(Snapshot, AResetClearsWhatWasWrittenAfterTheSave) {
+TEST(Snapshot, LeavesTheStatesOfSkippedLayersAlone) {
   const ModelFile file;
   Handle handle(file.path);
-  qwen35::Snapshot saved;
-  saved.save(handle.model);
-  handle.pass(prompt(9), Arithmetic::Batch);
-  saved.restore(handle.model);
-  handle.reset();
-  Handle fresh(file.path);
-  EXPECT_EQ(stateOf(fresh.model), stateOf(handle.model));
+  handle.pass(prompt(5), Arithmetic::Batch);
+  const std::vector<Bits> expected = stateOf(handle.model);
+  qwen35::Snapshot before(handle.model);
+  const kel::test::ScopedEnv ablate("QWEN35_ABLATE", "full");
+  handle.pass(prompt(5), Arithmetic::Batch, nullptr, {}, &before);
+  before.restore(handle.model);
+  EXPECT_EQ(expected[0], stateOf(handle.model)[0]);
+  EXPECT_EQ(expected[1], stateOf(handle.model)[1]);
 }
 
 }  // namespace

@@ -46,7 +46,8 @@ struct Handle {
   // [count][nEmbd]. logits, when not null, receives [count][nVocab].
   std::vector<float> pass(const std::vector<size_t>& tokens, qwen35::Arithmetic arithmetic,
                           std::vector<float>* logits = nullptr,
-                          const qwen35::ContextOptions& options = {}) {
+                          const qwen35::ContextOptions& options = {},
+                          qwen35::Snapshot* before = nullptr) {
     std::vector<float> embeddings;
     for (const size_t token : tokens) {
       const std::vector<float> row = embedding(token);
@@ -66,6 +67,7 @@ struct Handle {
              .arithmetic = arithmetic,
              .hidden = hidden.data(),
              .logits = logits == nullptr ? nullptr : logits->data(),
+             .before = before,
              .allLogits = true});
     position += tokens.size();
     return hidden;
