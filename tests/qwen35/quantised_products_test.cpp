@@ -1,5 +1,6 @@
-// Coded inputs and the quantised dot products of Q4_K and Q5_K: every kernel table of this machine
-// against the scalar one, and the scalar one against the contract written out in wide integers.
+// Quantised inputs and the quantised dot products of Q4_K and Q5_K: every kernel table of this
+// machine against the scalar one, and the scalar one against the contract written out in wide
+// integers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -23,7 +24,7 @@ using weight_rows::randomFloats;
 using weight_rows::randomRows;
 using weight_rows::Scales;
 
-constexpr QuantType kCodedTypes[] = {QuantType::Q4_K, QuantType::Q5_K};
+constexpr QuantType kQuantisedTypes[] = {QuantType::Q4_K, QuantType::Q5_K};
 constexpr size_t kSuper = 256;
 constexpr size_t kSub = 32;
 
@@ -31,7 +32,7 @@ const KernelTable& scalar() {
   return *qwen35::supportedKernels().front();
 }
 
-std::vector<QuantisedInput> coded(const KernelTable& table, const std::vector<float>& x) {
+std::vector<QuantisedInput> quantised(const KernelTable& table, const std::vector<float>& x) {
   std::vector<QuantisedInput> groups(qwen35::quantisedGroups(x.size()));
   for (QuantisedInput& group : groups) {
     std::memset(static_cast<void*>(&group), 0x5A, sizeof group);
@@ -41,10 +42,10 @@ std::vector<QuantisedInput> coded(const KernelTable& table, const std::vector<fl
 }
 
 // Every product of a row of weights that is moved one byte off alignment.
-std::vector<float> rowSums(const KernelTable& table, QuantType type,
-                           const std::vector<uint8_t>& weights, const std::vector<float>& x,
-                           size_t rows) {
-  const std::vector<QuantisedInput> groups = coded(table, x);
+std::vector<float> dotProducts(const KernelTable& table, QuantType type,
+                               const std::vector<uint8_t>& weights, const std::vector<float>& x,
+                               size_t rows) {
+  const std::vector<QuantisedInput> groups = quantised(table, x);
   std::vector<uint8_t> moved(weights.size() + 1);
   std::copy(weights.begin(), weights.end(), moved.begin() + 1);
   std::vector<float> out(rows + 1, 12345.0f);
@@ -97,7 +98,7 @@ float sumAt(const QuantisedInput& group, size_t block, size_t sub) {
 
 TEST(QuantisedInput, IsTheNearestFixedPointOfTheLargestShift) {
   for (const std::vector<float>& x : inputs(3 * kSuper)) {
-    const std::vector<QuantisedInput> groups = coded(scalar(), x);
+    const std::vector<QuantisedInput> groups = quantised(scalar(), x);
     for (size_t b = 0; b < 3; ++b) {
       const double unit = groups[0].scales[b] * 0x1p-8;
       double largest = 0.0;
@@ -122,11 +123,11 @@ TEST(QuantisedInput, IsTheNearestFixedPointOfTheLargestShift) {
   }
 }
 
-TEST(QuantisedInput, LastDigitsAreKeptBesideOutliersAlone) {
+TEST(QuantisedInput, LastLimbsAreKeptBesideOutliersAlone) {
   std::vector<float> x = randomFloats(2 * kSuper, 7);
   x[300] = 50.0f;
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    const std::vector<QuantisedInput> groups = coded(*table, x);
+    const std::vector<QuantisedInput> groups = quantised(*table, x);
     EXPECT_FALSE(groups[0].keepsLastLimb[0]) << table->name;
     EXPECT_TRUE(groups[0].keepsLastLimb[1]) << table->name;
     EXPECT_EQ(0, groups[0].limbs[0][0][0][0]) << table->name;
@@ -135,7 +136,7 @@ TEST(QuantisedInput, LastDigitsAreKeptBesideOutliersAlone) {
 
 TEST(QuantisedInput, SumsAreThoseOfTheFixedPointElements) {
   for (const std::vector<float>& x : inputs(2 * kSuper)) {
-    const std::vector<QuantisedInput> groups = coded(scalar(), x);
+    const std::vector<QuantisedInput> groups = quantised(scalar(), x);
     for (size_t b = 0; b < 2; ++b) {
       for (size_t sub = 0; sub < 8; ++sub) {
         int64_t sum = 0;
@@ -151,7 +152,7 @@ TEST(QuantisedInput, SumsAreThoseOfTheFixedPointElements) {
 
 TEST(QuantisedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    const std::vector<QuantisedInput> groups = coded(*table, randomFloats(5 * kSuper, 5));
+    const std::vector<QuantisedInput> groups = quantised(*table, randomFloats(5 * kSuper, 5));
     ASSERT_EQ(2u, groups.size());
     for (size_t b = 1; b < 4; ++b) {
       EXPECT_EQ(0.0f, groups[1].scales[b]);
@@ -168,9 +169,9 @@ TEST(QuantisedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
 TEST(QuantisedInput, IsTheSameInEveryTable) {
   for (const size_t cols : {0u, 256u, 512u, 768u, 1024u, 1280u, 4096u + 256u}) {
     for (const std::vector<float>& x : inputs(cols)) {
-      const std::vector<QuantisedInput> expected = coded(scalar(), x);
+      const std::vector<QuantisedInput> expected = quantised(scalar(), x);
       for (const KernelTable* table : qwen35::supportedKernels()) {
-        const std::vector<QuantisedInput> actual = coded(*table, x);
+        const std::vector<QuantisedInput> actual = quantised(*table, x);
         for (size_t g = 0; g < expected.size(); ++g) {
           EXPECT_EQ(0, std::memcmp(expected[g].limbs, actual[g].limbs, sizeof actual[g].limbs));
           EXPECT_EQ(0, std::memcmp(expected[g].sums, actual[g].sums, sizeof actual[g].sums));
@@ -194,15 +195,16 @@ TEST(QuantisedInput, RefusesElementsThatAreNotFinite) {
   }
 }
 
-TEST(CodedProducts, AreTheSameBitsInEveryTable) {
-  for (const QuantType type : kCodedTypes) {
+TEST(QuantisedProducts, AreTheSameBitsInEveryTable) {
+  for (const QuantType type : kQuantisedTypes) {
     for (const size_t cols : {0u, 256u, 512u, 768u, 1024u, 2560u, 4096u, 4352u, 9216u}) {
       for (const size_t rows : {0u, 1u, 3u, 5u}) {
         const std::vector<uint8_t> weights = randomRows(type, rows, cols, 11);
         for (const std::vector<float>& x : inputs(cols)) {
-          const std::vector<uint32_t> expected = bits(rowSums(scalar(), type, weights, x, rows));
+          const std::vector<uint32_t> expected =
+              bits(dotProducts(scalar(), type, weights, x, rows));
           for (const KernelTable* table : qwen35::supportedKernels()) {
-            EXPECT_EQ(expected, bits(rowSums(*table, type, weights, x, rows)))
+            EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, x, rows)))
                 << label(*table, type, cols);
           }
         }
@@ -211,14 +213,14 @@ TEST(CodedProducts, AreTheSameBitsInEveryTable) {
   }
 }
 
-TEST(CodedProducts, OfAnyBitPatternAreTheSameBits) {
-  for (const QuantType type : kCodedTypes) {
+TEST(QuantisedProducts, OfAnyBitPatternAreTheSameBits) {
+  for (const QuantType type : kQuantisedTypes) {
     for (uint32_t seed = 0; seed < 60; ++seed) {
       const std::vector<uint8_t> weights = randomRows(type, 12, 1280, seed, Scales::AnyBits);
       const std::vector<float> x = randomFloats(1280, seed, -1e3f, 1e3f);
-      const std::vector<uint32_t> expected = bits(rowSums(scalar(), type, weights, x, 12));
+      const std::vector<uint32_t> expected = bits(dotProducts(scalar(), type, weights, x, 12));
       for (const KernelTable* table : qwen35::supportedKernels()) {
-        EXPECT_EQ(expected, bits(rowSums(*table, type, weights, x, 12)))
+        EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, x, 12)))
             << label(*table, type, seed);
       }
     }
@@ -255,7 +257,7 @@ RowParts parts(QuantType type, const uint8_t* super) {
 }
 
 float sumByContract(QuantType type, const uint8_t* row, const std::vector<float>& x) {
-  const std::vector<QuantisedInput> groups = coded(scalar(), x);
+  const std::vector<QuantisedInput> groups = quantised(scalar(), x);
   float total[8] = {};
   const size_t blocks = x.size() / kSuper;
   for (size_t span = 0; span < blocks; span += 16) {
@@ -267,9 +269,9 @@ float sumByContract(QuantType type, const uint8_t* row, const std::vector<float>
       for (size_t lane = 0; lane < 8; ++lane) {
         int64_t sums[4] = {};
         for (size_t i = 0; i < kSuper; ++i) {
-          for (size_t d = 0; i % kSub / 4 == lane && d < 4; ++d) {
-            sums[d] +=
-                int64_t{p.scale[i / kSub]} * p.code[i] * group.limbs[b % 4][i / kSub][d][i % kSub];
+          for (size_t l = 0; i % kSub / 4 == lane && l < 4; ++l) {
+            sums[l] +=
+                int64_t{p.scale[i / kSub]} * p.code[i] * group.limbs[b % 4][i / kSub][l][i % kSub];
           }
         }
         const float units =
@@ -293,14 +295,14 @@ float sumByContract(QuantType type, const uint8_t* row, const std::vector<float>
   return even + odd;
 }
 
-TEST(CodedProducts, FollowTheContract) {
-  for (const QuantType type : kCodedTypes) {
+TEST(QuantisedProducts, FollowTheContract) {
+  for (const QuantType type : kQuantisedTypes) {
     for (const size_t cols : {256u, 512u, 768u, 2560u, 4096u, 4352u, 9216u}) {
       const std::vector<uint8_t> weights = randomRows(type, 1, cols, 41);
       const std::vector<float> x = randomFloats(cols, 42);
       const float expected = sumByContract(type, weights.data(), x);
       for (const KernelTable* table : qwen35::supportedKernels()) {
-        EXPECT_EQ(bits(expected), bits(rowSums(*table, type, weights, x, 1)[0]))
+        EXPECT_EQ(bits(expected), bits(dotProducts(*table, type, weights, x, 1)[0]))
             << label(*table, type, cols);
       }
     }
@@ -311,7 +313,7 @@ TEST(CodedProducts, FollowTheContract) {
 double worstError(QuantType type, Scales scales, const std::vector<float>& x, uint32_t seed) {
   constexpr size_t kRows = 64;
   const std::vector<uint8_t> weights = randomRows(type, kRows, x.size(), seed, scales);
-  const std::vector<float> sums = rowSums(scalar(), type, weights, x, kRows);
+  const std::vector<float> sums = dotProducts(scalar(), type, weights, x, kRows);
   double worst = 0.0;
   for (size_t r = 0; r < kRows; ++r) {
     const std::vector<float> w =
@@ -328,8 +330,8 @@ double worstError(QuantType type, Scales scales, const std::vector<float>& x, ui
   return worst;
 }
 
-TEST(CodedProducts, AreAccurateToSinglePrecision) {
-  for (const QuantType type : kCodedTypes) {
+TEST(QuantisedProducts, AreAccurateToSinglePrecision) {
+  for (const QuantType type : kQuantisedTypes) {
     for (const size_t cols : {256u, 512u, 1024u, 2560u, 9216u, 32768u}) {
       for (const Scales scales : {Scales::Usual, Scales::Positive}) {
         for (const float low : {-1.0f, 0.0f}) {
@@ -341,8 +343,8 @@ TEST(CodedProducts, AreAccurateToSinglePrecision) {
   }
 }
 
-TEST(CodedProducts, StayAccurateBesideOutliers) {
-  for (const QuantType type : kCodedTypes) {
+TEST(QuantisedProducts, StayAccurateBesideOutliers) {
+  for (const QuantType type : kQuantisedTypes) {
     for (const float outlier : {3.0f, 10.0f, 30.0f, 100.0f, 1e4f, 1e8f}) {
       std::vector<float> x = randomFloats(2560, 61);
       for (size_t b = 0; b < 10; ++b) {
