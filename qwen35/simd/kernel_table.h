@@ -71,7 +71,7 @@ struct KernelTable {
   QuantisedRowsProduct rowsQ5K;
 
   // Quantises an input for them: cols, a multiple of 256, floats into quantisedGroups(cols)
-  // groups. False, with groups unspecified, when an element is infinite or NaN.
+  // groups. False, with groups unspecified, when an element is not below kInputLimit in magnitude.
   bool (*quantiseInput)(const float* x, size_t cols, QuantisedInput* groups);
 
   // The exact values of whole blocks, as the decoders of quant/blocks.h give them. n is a multiple

@@ -27,6 +27,7 @@ using weight_rows::Scales;
 constexpr QuantType kQuantisedTypes[] = {QuantType::Q4_K, QuantType::Q5_K};
 constexpr size_t kSuper = 256;
 constexpr size_t kSub = 32;
+constexpr float kLargestInput = 0x1.fffffep121f;  // that is quantised
 
 const KernelTable& scalar() {
   return *qwen35::supportedKernels().front();
@@ -70,9 +71,8 @@ std::vector<std::vector<float>> inputs(size_t cols) {
     value = std::ldexp(value, static_cast<int>(generator() % 60) - 30);
   }
   out.push_back(wide);
-  for (const float filler :
-       {0x1p-149f, -0x1p-140f, 0x1p-100f, 1.0f, -0.9999999f, 0x1.fcfefep-1f, 0x1.fcfefcp-1f,
-        0x1.fdp-1f, 3e38f, -std::numeric_limits<float>::max()}) {
+  for (const float filler : {0x1p-149f, -0x1p-140f, 0x1p-100f, 1.0f, -0.9999999f, 0x1.fcfefep-1f,
+                             0x1.fcfefcp-1f, 0x1.fdp-1f, 0x1p121f, -kLargestInput}) {
     out.emplace_back(cols, filler);
     std::vector<float> one = randomFloats(cols, 4);
     if (cols > 0) {
@@ -182,14 +182,38 @@ TEST(QuantisedInput, IsTheSameInEveryTable) {
   }
 }
 
-TEST(QuantisedInput, RefusesElementsThatAreNotFinite) {
+TEST(QuantisedInput, RefusesElementsThatAreTooLargeOrNotFinite) {
+  const auto accepts = [](const KernelTable& table, float odd, size_t at) {
+    std::vector<float> x = randomFloats(512, 6);
+    x[at] = odd;
+    std::vector<QuantisedInput> groups(1);
+    return table.quantiseInput(x.data(), x.size(), groups.data());
+  };
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    for (const float odd : {INFINITY, -INFINITY, NAN, -NAN}) {
-      for (const size_t at : {0u, 7u, 255u, 256u, 300u, 511u}) {
-        std::vector<float> x = randomFloats(512, 6);
-        x[at] = odd;
-        std::vector<QuantisedInput> groups(1);
-        EXPECT_FALSE(table->quantiseInput(x.data(), x.size(), groups.data())) << table->name << at;
+    for (const size_t at : {0u, 7u, 255u, 256u, 300u, 511u}) {
+      for (const float odd : {INFINITY, -INFINITY, NAN, -NAN, 0x1p122f, -0x1p122f,
+                              std::numeric_limits<float>::max()}) {
+        EXPECT_FALSE(accepts(*table, odd, at)) << table->name << " " << at << " " << odd;
+      }
+      EXPECT_TRUE(accepts(*table, kLargestInput, at)) << table->name << " " << at;
+      EXPECT_TRUE(accepts(*table, -kLargestInput, at)) << table->name << " " << at;
+    }
+  }
+}
+
+// Of the largest inputs that are quantised, 32 of one sign still sum up to a float: a minimum of
+// zero times an infinite sum would be NaN.
+TEST(QuantisedProducts, OfTheLargestInputsStayFinite) {
+  const std::vector<float> x(2 * kSuper, kLargestInput);
+  for (const QuantType type : kQuantisedTypes) {
+    std::vector<uint8_t> weights = randomRows(type, 3, x.size(), 13);
+    for (size_t at = 0; at < weights.size(); at += weight_rows::blockBytes(type)) {
+      weight_rows::put16(weights, at, kel::quant::f32ToF16(0x1p-14f));
+      weight_rows::put16(weights, at + 2, 0);
+    }
+    for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const float sum : dotProducts(*table, type, weights, x, 3)) {
+        EXPECT_TRUE(std::isfinite(sum)) << label(*table, type, x.size());
       }
     }
   }
