@@ -1,4 +1,4 @@
-// dot products of several rows and several inputs for AVX2. See kernels_avx2.cpp for what this file
+// Dot products of several rows and several inputs for AVX2. See kernels_avx2.cpp for what this file
 // may include.
 #include "qwen35/simd/avx2_blocks.h"
 

@@ -233,7 +233,7 @@ void codesQ5K(const uint8_t* bytes, uint8_t* codes) {
   }
 }
 
-// A quantised dot products in progress.
+// A quantised dot product in progress.
 class QuantisedDotProduct {
  public:
   // Super-block b of the row: its bytes, its codes and the input group that holds it.
