@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 namespace kel::zym2 {
 
@@ -74,6 +75,11 @@ struct TensorEntry {
   uint64_t offset;          // from the start of the WeightData section
   uint64_t byteSize;
   uint64_t reserved1;
+
+  // As long as nameLength says, zero bytes included. Valid as long as the entry.
+  std::string_view nameText() const {
+    return {name, nameLength < kTensorNameBytes ? nameLength : kTensorNameBytes};
+  }
 };
 static_assert(sizeof(TensorEntry) == kTensorEntryBytes);
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace kel {
@@ -20,6 +21,14 @@ uint64_t headerCrc(const uint8_t* file, uint32_t sectionCount) {
   std::memcpy(covered, file, zym2::kCrcOffset);
   std::memcpy(covered + zym2::kCrcOffset, file + zym2::kHeaderBytes, tableBytes);
   return zym2::crc64(covered, zym2::kCrcOffset + tableBytes);
+}
+
+// Non-blocking, so that a named pipe is turned down as having no size instead of being waited on.
+// A file that another process holds a write lease on refuses that, and only that; it is given up
+// within the system's lease-break time.
+int openForReading(const char* path) {
+  const int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  return fd < 0 && errno == EWOULDBLOCK ? ::open(path, O_RDONLY | O_CLOEXEC) : fd;
 }
 
 }  // namespace
@@ -69,8 +78,7 @@ Status ZYM2Reader::mapFile(const char* path) {
   if (path == nullptr) {
     return Status::invalid("ZYM2: null path");
   }
-  // Non-blocking, so that a named pipe is turned down as having no size instead of being waited on.
-  fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  fd = openForReading(path);
   if (fd < 0) {
     return Status::invalid("ZYM2: cannot open file");
   }

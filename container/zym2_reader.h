@@ -78,8 +78,9 @@ class ZYM2Reader {
   // The index entry (128 bytes) of the first tensor whose name equals the first 64 bytes of name;
   // null when there is none, name is null, or the reader is closed. Binary search.
   const uint8_t* findTensor(const char* name) const;
-  // The index entry at a position; null when the reader is closed or index is past the end.
-  const uint8_t* tensorEntry(size_t index) const;
+  // The index entry at a position, in the mapping; null when the reader is closed or index is past
+  // the end. Nothing of it is checked or clamped.
+  const zym2::TensorEntry* tensorEntry(size_t index) const;
   // The same two lookups as views.
   TensorEntryView tensorView(size_t index) const;
   TensorEntryView tensorView(const char* name) const;
@@ -87,8 +88,8 @@ class ZYM2Reader {
   // Records copied from the quant info section, at least one per tensor or none at all.
   const std::vector<zym2::QuantRecord>& quantRecords() const { return quantInfo; }
 
-  // Parses the tokenizer section. False when it is absent or malformed; out is then partly filled
-  // and to be discarded.
+  // Parses the tokenizer section. False when it is absent or malformed; out, which is to be
+  // discarded, then holds what was read before the fault, a list in progress in its new length.
   bool readTokenizer(TokenizerData& out) const;
 
  private:

@@ -34,21 +34,21 @@ const uint8_t* ZYM2Reader::findTensor(const char* name) const {
   return index + lo * zym2::kTensorEntryBytes;
 }
 
-const uint8_t* ZYM2Reader::tensorEntry(size_t index) const {
+// Sections start at multiples of 64 bytes of a mapping of whole pages, so entries are aligned.
+const TensorEntry* ZYM2Reader::tensorEntry(size_t index) const {
   if (!opened || index >= headerCopy.tensorCount) {
     return nullptr;
   }
-  return sectionData(SectionType::TensorIndex) + index * zym2::kTensorEntryBytes;
+  return reinterpret_cast<const TensorEntry*>(sectionData(SectionType::TensorIndex)) + index;
 }
 
 ZYM2Reader::TensorEntryView ZYM2Reader::tensorView(size_t index) const {
   TensorEntryView view;
-  const uint8_t* bytes = tensorEntry(index);
-  if (bytes == nullptr) {
+  const TensorEntry* found = tensorEntry(index);
+  if (found == nullptr) {
     return view;
   }
-  TensorEntry entry;
-  std::memcpy(&entry, bytes, sizeof(entry));
+  const TensorEntry entry = *found;  // the rank that is checked is the rank that is used
   if (entry.rank > zym2::kMaxRank) {
     return view;
   }

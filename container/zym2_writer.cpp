@@ -142,6 +142,18 @@ void ZYM2Writer::setQuantInfo(bool present) {
   quantInfo = present;
 }
 
+void ZYM2Writer::storeChecksums() {
+  if (!failure.ok() || weightSum) {
+    return;
+  }
+  if (!tensors.empty()) {
+    // Remembered: the next call that answers a status reports it.
+    static_cast<void>(fail("checksums asked for after the first tensor"));
+    return;
+  }
+  weightSum.emplace();
+}
+
 Status ZYM2Writer::addTensor(std::string_view name, QuantType type,
                              const std::vector<uint64_t>& dims, const void* data,
                              uint64_t byteSize) {
@@ -182,7 +194,7 @@ Status ZYM2Writer::beginTensor(std::string_view name, QuantType type,
   if (!names.insert(std::string(name)).second) {
     return fail("duplicate tensor name: " + std::string(name));
   }
-  Status status = out.alignTo(zym2::kAlignment);
+  Status status = alignTensor();
   TensorEntry entry{};
   std::copy(name.begin(), name.end(), entry.name);
   entry.nameLength = static_cast<uint16_t>(name.size());
@@ -195,6 +207,17 @@ Status ZYM2Writer::beginTensor(std::string_view name, QuantType type,
   return check(std::move(status));
 }
 
+// The zeros in front of a tensor are part of the section.
+Status ZYM2Writer::alignTensor() {
+  constexpr uint8_t kZeros[zym2::kAlignment] = {};
+  const uint64_t before = out.size();
+  Status status = out.alignTo(zym2::kAlignment);
+  if (weightSum) {
+    weightSum->update(kZeros, out.size() - before);
+  }
+  return status;
+}
+
 Status ZYM2Writer::writeTensorData(const void* data, size_t nBytes) {
   if (!failure.ok()) {
     return failure;
@@ -203,6 +226,9 @@ Status ZYM2Writer::writeTensorData(const void* data, size_t nBytes) {
     return fail("tensor data outside a tensor");
   }
   tensors.back().byteSize += nBytes;
+  if (weightSum) {
+    weightSum->update(data, nBytes);
+  }
   return check(out.append(data, nBytes));
 }
 
@@ -228,6 +254,9 @@ Status ZYM2Writer::finish() {
     return fail("the last tensor is not ended");
   }
   addSection(SectionType::WeightData, weightsOffset);
+  if (weightSum) {
+    checksums.emplace_back(SectionType::WeightData, weightSum->hex());
+  }
   Status status = writeSections();
   if (status.ok()) {
     status = writeHead();
@@ -261,9 +290,20 @@ Status ZYM2Writer::writeSections() {
   if (!status.ok()) {
     return status;
   }
+  addChecksums();
   std::string count;
   appendScalar(count, metaCount);
   return writeSection(SectionType::Meta, count + meta);
+}
+
+void ZYM2Writer::addChecksums() {
+  for (const SectionChecksum& known : kSectionChecksums) {
+    for (const auto& [section, sum] : checksums) {
+      if (section == known.section) {
+        addMetaStr(known.key, sum);
+      }
+    }
+  }
 }
 
 Status ZYM2Writer::writeSection(SectionType type, std::string_view bytes) {
@@ -271,6 +311,11 @@ Status ZYM2Writer::writeSection(SectionType type, std::string_view bytes) {
   const uint64_t offset = out.size();
   if (status.ok()) {
     status = out.append(bytes.data(), bytes.size());
+  }
+  if (weightSum) {
+    Checksum sum;
+    sum.update(bytes.data(), bytes.size());
+    checksums.emplace_back(type, sum.hex());
   }
   addSection(type, offset);
   return status;
@@ -355,6 +400,8 @@ void ZYM2Writer::abandon() {
   tokenizer.reset();
   text.reset();
   quantInfo = true;
+  weightSum.reset();
+  checksums.clear();
   weightsOffset = 0;
   inTensor = false;
   names.clear();

@@ -22,8 +22,10 @@
 #include <string>
 #include <string_view>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
+#include "container/checksum.h"
 #include "container/output_file.h"
 #include "container/status.h"
 #include "container/tokenizer_data.h"
@@ -58,6 +60,9 @@ class ZYM2Writer {
   void setHeaderWords(uint32_t wordA, uint64_t wordB, uint64_t wordC);
   // Quant info is written by default (all zero); false leaves the section out.
   void setQuantInfo(bool present);
+  // Adds the checksum of every section but the metadata's own to the metadata, as its last entries
+  // (checksum.h). Before the first tensor: later it makes the next call that returns a status fail.
+  void storeChecksums();
 
   // A tensor in one call. name: unique, 1 to 64 bytes, no zero byte. dims: innermost first, at most
   // four. data: byteSize bytes, stored as they are; type and shape are not held against them.
@@ -81,6 +86,8 @@ class ZYM2Writer {
   void addSection(zym2::SectionType type, uint64_t offset);  // what was appended since offset
   Status writeTokenizer();
   Status writeIndex();
+  void addChecksums();
+  Status alignTensor();
   Status writeHead();
   Status fail(const std::string& what);
   Status check(Status status);  // remembers a failure and drops the file
@@ -93,6 +100,8 @@ class ZYM2Writer {
   std::optional<TokenizerData> tokenizer;
   std::optional<std::string> text;
   bool quantInfo = true;
+  std::optional<Checksum> weightSum;  // present where checksums are stored
+  std::vector<std::pair<zym2::SectionType, std::string>> checksums;  // of sections written so far
   uint64_t weightsOffset = 0;
   bool inTensor = false;
   std::unordered_set<std::string> names;

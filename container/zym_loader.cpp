@@ -1,7 +1,6 @@
 #include "container/zym_loader.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace kel {
 
@@ -15,10 +14,9 @@ QuantType clampType(uint16_t stored) {
 }
 
 TensorView makeRecord(const ZYM2Reader& reader, size_t index) {
-  zym2::TensorEntry entry;
-  std::memcpy(&entry, reader.tensorEntry(index), sizeof(entry));
+  const zym2::TensorEntry& entry = *reader.tensorEntry(index);
   TensorView record;
-  record.name.assign(entry.name, std::min<size_t>(entry.nameLength, zym2::kTensorNameBytes));
+  record.name = entry.nameText();
   if (entry.rank > zym2::kMaxRank) {
     return record;
   }

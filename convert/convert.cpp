@@ -11,7 +11,6 @@
 #include "convert/errors.h"
 #include "convert/free_space.h"
 #include "convert/norm_check.h"
-#include "convert/section_checksums.h"
 #include "convert/source_model.h"
 #include "convert/tensor_plan.h"
 #include "convert/tensor_stream.h"
@@ -100,7 +99,7 @@ ConvertSummary summarise(const SourceModel& source, const std::vector<PlannedTen
   return summary;
 }
 
-// One conversion from the checked plan on: writer, checksums and progress move together.
+// One conversion from the checked plan on: writer and progress move together.
 class ContainerStream {
  public:
   ContainerStream(const ConvertOptions& convertOptions, ProgressSink& progressSink)
@@ -111,6 +110,7 @@ class ContainerStream {
     totalBytes = sourceBytes;
     Status status = writer.create(options.target,
                                   options.force ? ExistingFile::IsReplaced : ExistingFile::IsKept);
+    writer.storeChecksums();
     for (const PlannedTensor& tensor : plan) {
       if (status.ok()) {
         status = writeTensor(source, tensor);
@@ -124,7 +124,6 @@ class ContainerStream {
       return status;
     }
     addMetadata(source);
-    checksums.addTo(writer, tokenizer);
     writer.setTokenizer(std::move(tokenizer));
     return writer.finish();
   }
@@ -142,7 +141,6 @@ class ContainerStream {
     if (!status.ok()) {
       return status;
     }
-    checksums.beginTensor(tensor.spec.name, tensor.stored, tensor.spec.dims);
     const unsigned threads =
         std::clamp(options.threads != 0 ? options.threads : std::thread::hardware_concurrency(), 1U,
                    kMostThreads);
@@ -161,7 +159,6 @@ class ContainerStream {
     if (!status.ok()) {
       return status;
     }
-    checksums.writeTensorData(data, nBytes);
     doneBytes += nSource;
     progress.onProgress(doneBytes, totalBytes);
     return status;
@@ -189,7 +186,6 @@ class ContainerStream {
   const ConvertOptions& options;
   ProgressSink& progress;
   ZYM2Writer writer;  // its destruction removes what finish() has not completed
-  SectionChecksums checksums;
   uint64_t totalBytes = 0;
   uint64_t doneBytes = 0;
   bool cancelled = false;

@@ -18,7 +18,7 @@ constexpr uint64_t kMaxRows = uint64_t{1} << 22;
 
 // A token that is matched whole, or never, and so is no alphabet text.
 bool isLiteral(int32_t type) {
-  return type == kUnknownToken || type == kControlToken || type == kUnusedToken;
+  return isSpecialTokenType(type) || type == kUnusedToken;
 }
 
 // Written as plain tokens, marks such as "<think>" would be cut into pieces of text.

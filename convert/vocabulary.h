@@ -29,7 +29,8 @@ enum class VocabularyForm : uint8_t {
 constexpr std::string_view kAlphabetLabel = "alphabet";
 constexpr std::string_view kRawLabel = "raw";
 
-// Token types, as in the container: 2 and 3 are matched whole in text.
+// Token types, in source files and in the container. Of these the unknown and control tokens are
+// special there (isSpecialTokenType).
 constexpr int32_t kNormalToken = 1;
 constexpr int32_t kUnknownToken = 2;
 constexpr int32_t kControlToken = 3;

@@ -5,6 +5,7 @@
 #include "plugin/boundary.h"
 #include "plugin/operations.h"
 #include "session/decode_loop.h"
+#include "session/sampler.h"
 
 namespace plugin {
 
@@ -21,23 +22,12 @@ int32_t atLeastOneOr(int32_t value, int32_t fallback) {
   return value >= 1 ? value : fallback;
 }
 
-// Index of the largest logit, the lowest of equals; 0 for a vocabulary of at most one entry.
-int argmax(const std::vector<float>& logits) {
-  int best = 0;
-  for (size_t i = 1; i < logits.size(); ++i) {
-    if (logits[i] > logits[static_cast<size_t>(best)]) {
-      best = static_cast<int>(i);
-    }
-  }
-  return best;
-}
-
 // Greedy decoding for at most maxSteps - 1 forward passes; ends early at the end of sequence, on a
 // full context, or when logits are not finite.
 void decodeGreedily(Qwen35Session& session, std::vector<float>& hidden, std::vector<float>& logits,
                     int64_t maxSteps) {
   for (int64_t step = 1;; ++step) {
-    const int token = argmax(logits);
+    const int token = session::largestLogit(logits.data(), logits.size());
     if (token == session.tokenizer->eosId) {
       return;
     }

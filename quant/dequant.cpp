@@ -1,5 +1,6 @@
-// Decoders of the block formats. These scalar loops define the decoded values bit for bit; faster
-// ones are tested against them. The layouts by offset: docs/block-formats.md.
+// Decoders of the block formats. These scalar loops define the decoded values bit for bit (which
+// NaN a NaN is stays open); faster ones are tested against them. The layouts by offset:
+// docs/block-formats.md.
 #include "quant/block_fields.h"
 #include "quant/block_rows.h"
 

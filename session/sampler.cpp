@@ -14,16 +14,6 @@ struct Candidate {
   int32_t token;
 };
 
-int32_t largestLogit(const float* logits, size_t n) {
-  size_t best = 0;
-  for (size_t i = 1; i < n; ++i) {
-    if (logits[i] > logits[best]) {
-      best = i;
-    }
-  }
-  return static_cast<int32_t>(best);
-}
-
 // All tokens by falling score. Equal scores come in the order that std::sort leaves them in; the
 // element type, the comparator and the initial order are therefore part of the result.
 std::vector<Candidate> rankedCandidates(const float* logits, size_t n, float temperature) {
@@ -90,6 +80,28 @@ int32_t draw(std::span<const Candidate> range, double max, std::mt19937& rng) {
 }
 
 }  // namespace
+
+int32_t largestLogit(const float* logits, size_t n) {
+  if (n <= 1 || std::isnan(logits[0])) {
+    return 0;  // nothing is greater than a NaN
+  }
+  // The maximum first, in lanes that the compiler keeps in registers, then where it stands first: a
+  // scan that carries the index along takes one element at a time.
+  constexpr size_t kLanes = 32;
+  float lanes[kLanes];
+  std::fill_n(lanes, kLanes, logits[0]);
+  const size_t whole = n - n % kLanes;
+  for (size_t i = 0; i < whole; i += kLanes) {
+    for (size_t lane = 0; lane < kLanes; ++lane) {
+      lanes[lane] = logits[i + lane] > lanes[lane] ? logits[i + lane] : lanes[lane];
+    }
+  }
+  for (size_t i = whole; i < n; ++i) {
+    lanes[0] = logits[i] > lanes[0] ? logits[i] : lanes[0];
+  }
+  const float largest = *std::max_element(lanes, lanes + kLanes);
+  return static_cast<int32_t>(std::find(logits, logits + n, largest) - logits);
+}
 
 int32_t sampleNext(const float* logits, size_t n, float temperature, int topK, float topP,
                    std::mt19937& rng) {

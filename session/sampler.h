@@ -7,6 +7,10 @@
 
 namespace session {
 
+// Index of the largest of n logits, the lowest of equals; 0 for at most one. Compares strictly from
+// index 0 on: a NaN is passed over, except that nothing is greater than one at index 0.
+int32_t largestLogit(const float* logits, size_t n);
+
 // Token id chosen from n logits (n is the vocabulary size); 0 when n is 0.
 //
 // temperature <= 0 or topK == 1 is greedy: the lowest index of the largest logit. It draws no

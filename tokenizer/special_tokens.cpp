@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "container/tokenizer_data.h"
+
 namespace kel {
 namespace {
 
@@ -14,6 +16,21 @@ bool matchesBefore(const SpecialTokens::value_type& a, const SpecialTokens::valu
 }
 
 }  // namespace
+
+SpecialTokens specialTokensOf(const std::vector<std::string>& tokens,
+                              const std::vector<int32_t>& types) {
+  SpecialTokens special;
+  if (types.size() != tokens.size()) {
+    return special;
+  }
+  for (size_t id = 0; id < tokens.size(); ++id) {
+    if (isSpecialTokenType(types[id]) && !tokens[id].empty()) {
+      special.emplace_back(tokens[id], static_cast<int32_t>(id));
+    }
+  }
+  sortSpecialTokens(special);
+  return special;
+}
 
 void sortSpecialTokens(SpecialTokens& tokens) {
   std::sort(tokens.begin(), tokens.end(), matchesBefore);

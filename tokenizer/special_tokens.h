@@ -15,6 +15,12 @@ namespace kel {
 // equal texts by id. The first match of a front-to-back scan is then the longest one.
 using SpecialTokens = std::vector<std::pair<std::string, int32_t>>;
 
+// The tokens that their types mark as special, in matching order; empty ones are left out, since
+// they would match everywhere without getting any further. None where there is not one type per
+// token.
+SpecialTokens specialTokensOf(const std::vector<std::string>& tokens,
+                              const std::vector<int32_t>& types);
+
 // Puts a list into matching order.
 void sortSpecialTokens(SpecialTokens& tokens);
 

@@ -40,26 +40,13 @@ Status Tokenizer::buildIndexes() {
   byteLevel = !merges.empty() && isByteLevelRule(merges.front());
   tokenIndex.build(tokens);
   mergeRanks.build(merges);
-  collectSpecialTokens();
+  specialTokens = specialTokensOf(tokens, tokenTypes);
+  specialTokenFinder.build(specialTokens);
   return Status::success();
 }
 
-void Tokenizer::collectSpecialTokens() {
-  specialTokens.clear();
-  if (tokenTypes.size() == tokens.size()) {
-    for (size_t id = 0; id < tokens.size(); ++id) {
-      // An empty one would match everywhere without getting any further.
-      if (isSpecial(id) && !tokens[id].empty()) {
-        specialTokens.emplace_back(tokens[id], static_cast<int32_t>(id));
-      }
-    }
-  }
-  sortSpecialTokens(specialTokens);
-  specialTokenFinder.build(specialTokens);
-}
-
 bool Tokenizer::isSpecial(size_t id) const {
-  return id < tokenTypes.size() && (tokenTypes[id] == 2 || tokenTypes[id] == 3);
+  return id < tokenTypes.size() && isSpecialTokenType(tokenTypes[id]);
 }
 
 int32_t Tokenizer::tokenToId(std::string_view token) const {

@@ -89,7 +89,7 @@ class Tokenizer {
   bool byteLevel = false;           // spaces are "Ġ" (true) or "▁" (false)
   std::vector<std::string> tokens;  // token id -> string
   std::vector<int32_t> auxValues;   // carried, not interpreted
-  std::vector<int32_t> tokenTypes;  // empty, or one per token; 2 and 3 mark special tokens
+  std::vector<int32_t> tokenTypes;  // empty, or one per token; see isSpecialTokenType
   std::vector<std::string> merges;  // rank -> rule
   int32_t bosId = -1;               // negative: none
   int32_t eosId = -1;               // negative: none
@@ -105,7 +105,6 @@ class Tokenizer {
  private:
   std::string_view spaceMarker() const;
   bool isSpecial(size_t id) const;
-  void collectSpecialTokens();
   void appendPiece(BpeMerger& merger, std::string_view piece, std::vector<int32_t>& out) const;
   Status encodeLines(std::string_view text, std::vector<int32_t>& ids) const;
 

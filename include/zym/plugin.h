@@ -122,7 +122,8 @@ typedef void (*ZYMStreamCallback)(const char* piece, uint32_t length, void* user
 typedef uint32_t (*ZYMProbeFn)(const char* path, ZYMRuntimeProbe* out);
 
 /* Opens a model. unused: ignored. *outHandle receives the handle, or null on failure; the message
- * of a failure goes to err (capacity errCap). 2 when outHandle is null. */
+ * of a failure goes to err (capacity errCap), except when memory runs out: err is then left as it
+ * is. 2 when outHandle is null. */
 typedef uint32_t (*ZYMCreateFn)(const char* modelPath, const char* unused,
                                 ZYMRuntimeHandle** outHandle, char* err, size_t errCap);
 

@@ -19,8 +19,7 @@ struct Outcome {
 };
 
 Outcome run(const std::string& arguments) {
-  const std::string command = "OMP_NUM_THREADS=1 ";
-  ZYM_HOSTING_EXAMPLE " " + arguments;
+  const std::string command = "OMP_NUM_THREADS=1 " ZYM_HOSTING_EXAMPLE " " + arguments;
   FILE* const pipe = ::popen(command.c_str(), "r");
   if (pipe == nullptr) {
     throw std::runtime_error("popen failed");

@@ -23,6 +23,10 @@ using testing_abi::plugin;
 constexpr size_t kMegabyte = 1 << 20;
 constexpr size_t kLongText = 64 * kMegabyte;
 
+// Exit statuses of a child that tells two good outcomes apart.
+constexpr int kFed = 10;
+constexpr int kStands = 11;
+
 const ZYMRuntimeTableV2& table() {
   return *plugin().runtimesV2(nullptr);
 }
@@ -131,8 +135,39 @@ TEST_F(OutOfMemoryDeathTest, TurnsAndPromptsFailAndTheHandleLivesOn) {
   EXPECT_EXIT(child(), testing::ExitedWithCode(0), "");
 }
 
-// A batch begins with a copy of the recurrent state; the first one allocates its eight megabytes.
-TEST_F(OutOfMemoryDeathTest, ABatchThatFindsNoMemoryLeavesTheConversationAsItWas) {
+// A pass allocates nothing: a turn that runs out of memory does so before it feeds anything, and
+// the conversation is as it was.
+TEST_F(OutOfMemoryDeathTest, ATurnIsFedWholeOrNotAtAll) {
+  const std::string path = folder.file("random.zym");
+  kel::test::writeRandomChatModel(path, kel::QuantType::F32, 8);
+  const auto child = [&path](size_t megabytes, size_t letters) {
+    const Handle other = testing_abi::createHandle(path);
+    const std::string first = startOfReply(other, "hi");
+    const std::string second = startOfReply(other, "there");
+
+    const Handle handle = testing_abi::createHandle(path);
+    require(startOfReply(handle, "hi") == first, "the same first turn");
+    const uint64_t position = testing_abi::statsOf(handle).contextTokens;
+    const std::string text(letters, 'x');
+    leaveMegabytes(megabytes);
+    const uint32_t status = testing_abi::chatTurn(handle, text.c_str()).status;
+    limitAddressSpace(RLIM_INFINITY);
+    const uint64_t held = testing_abi::statsOf(handle).contextTokens;
+    if (status == 0) {
+      require(held > position + letters, "fed wholly");
+    } else {
+      require(held == position, "not fed at all");
+      require(startOfReply(handle, "there") == second, "the conversation goes on");
+    }
+    std::_Exit(status == 0 ? kFed : kStands);
+  };
+  // The recurrent state before a batch is copied into memory that the first turn took.
+  EXPECT_EXIT(child(2, 100), testing::ExitedWithCode(kFed), "");
+  EXPECT_EXIT(child(2, kLongText), testing::ExitedWithCode(kStands), "");
+}
+
+// The copy of the recurrent state is taken before the first batch: eight megabytes here.
+TEST_F(OutOfMemoryDeathTest, ABatchWithoutRoomForTheCopyOfTheStateIsNotFed) {
   const std::string path = folder.file("random.zym");
   kel::test::writeRandomChatModel(path, kel::QuantType::F32, 8);
   const auto child = [&path](size_t megabytes) {
@@ -151,7 +186,6 @@ TEST_F(OutOfMemoryDeathTest, ABatchThatFindsNoMemoryLeavesTheConversationAsItWas
     const uint32_t status = testing_abi::chatTurn(handle, std::string(100, 'x').c_str()).status;
     limitAddressSpace(RLIM_INFINITY);
     require(status == 1, "the copy takes more than that");
-
     require(testing_abi::statsOf(handle).contextTokens == position, "nothing fed");
     require(startOfReply(handle, "there") == second, "the conversation goes on");
     std::_Exit(0);

@@ -47,7 +47,9 @@ class RobustnessTest : public testing::Test {
         ContainerImage image = whole;
         image.bytes[at] = value;
         survives(image.bytes);
-        if (image.sectionCount() > 16) continue;  // no table to make a checksum of
+        if (image.sectionCount() > 16) {
+          continue;  // no table to make a checksum of
+        }
         survives(image.fixCrc().bytes);
       }
     }

@@ -1,11 +1,16 @@
 #include "container/zym2_reader.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "tests/support/container_samples.h"
 
@@ -64,6 +69,35 @@ TEST_F(ReaderTest, ANamedPipeIsNotWaitedOn) {
   const std::string path = dir.file("pipe.zym");
   ASSERT_EQ(0, ::mkfifo(path.c_str(), 0600));
   EXPECT_EQ("ZYM2: cannot stat file", reader.open(path.c_str()).message);
+}
+
+// The holder of the lease is told by a signal that somebody waits, and gives it up.
+TEST_F(ReaderTest, AWriteLeaseIsWaitedForUntilItsHolderGivesItUp) {
+  const test::TempDir dir;
+  const std::string path = dir.file("leased.zym");
+  test::writeFile(path, sampleImage().bytes);
+  sigset_t wanted;
+  sigset_t before;
+  sigemptyset(&wanted);
+  sigaddset(&wanted, SIGIO);
+  ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &wanted, &before));
+  const int leased = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(leased, 0);
+  const bool held = ::fcntl(leased, F_SETLEASE, F_WRLCK) == 0;
+  if (held) {
+    std::thread holder([&] {
+      int signal = 0;
+      sigwait(&wanted, &signal);
+      ::fcntl(leased, F_SETLEASE, F_UNLCK);
+    });
+    EXPECT_EQ("", reader.open(path.c_str()).message);
+    holder.join();
+  }
+  ::close(leased);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  if (!held) {
+    GTEST_SKIP() << "this file system has no leases";
+  }
 }
 
 // A folder opens and has a size, but cannot be mapped.
@@ -198,6 +232,16 @@ TEST_F(ReaderTest, AnOffsetOf65IsRejectedEvenIfItFits) {
   EXPECT_EQ("ZYM2: bad section bounds", openMessage(image));
 }
 
+TEST_F(ReaderTest, AnOffsetThatIsAMultipleOf32AloneIsRejected) {
+  ContainerImage image = sampleImage();
+  for (const uint64_t offset : {96U, 72U, 80U}) {
+    image.setOffset(SectionType::Text, offset).setSize(SectionType::Text, 1).fixCrc();
+    EXPECT_EQ("ZYM2: bad section bounds", openMessage(image)) << offset;
+  }
+  image.setOffset(SectionType::Text, 128).fixCrc();
+  EXPECT_EQ("", openMessage(image));
+}
+
 TEST_F(ReaderTest, ASectionWhoseEndWrapsIsOutOfBounds) {
   ContainerImage image = sampleImage();
   image.setOffset(SectionType::Text, 128).setSize(SectionType::Text, UINT64_MAX - 63).fixCrc();
@@ -291,10 +335,12 @@ TEST_F(ReaderTest, AnOpenReaderIsAlignedAndAClosedOneIsNot) {
 
 TEST_F(ReaderTest, HeaderWordsAndReservedBytesMayHoldAnything) {
   ContainerImage image = sampleImage();
-  for (size_t at = test::kWordAAt; at < test::kTensorCountAt; ++at)
+  for (size_t at = test::kWordAAt; at < test::kTensorCountAt; ++at) {
     image.bytes[at] = 0xFF;
-  for (size_t at = test::kTensorCountAt + 4; at < test::kCrcAt; ++at)
+  }
+  for (size_t at = test::kTensorCountAt + 4; at < test::kCrcAt; ++at) {
     image.bytes[at] = 0xFF;
+  }
   EXPECT_EQ("", openMessage(image.fixCrc()));
   EXPECT_EQ(UINT32_MAX, reader.header().wordA);
   EXPECT_EQ(UINT64_MAX, reader.header().wordB);
@@ -312,6 +358,42 @@ TEST_F(ReaderTest, ClosingTwiceAndClosingAClosedReaderDoNothing) {
   EXPECT_EQ(nullptr, reader.section(SectionType::Meta));
   uint32_t value = 0;
   EXPECT_FALSE(reader.getMetaU32("u32", value));
+}
+
+// The flags that /proc/self/smaps shows of each mapping of a file, a line a mapping.
+std::vector<std::string> mappingFlags(const std::string& path) {
+  std::ifstream maps("/proc/self/smaps");
+  std::vector<std::string> flags;
+  bool ofFile = false;
+  for (std::string line; std::getline(maps, line);) {
+    if (line.find('-') < line.find(' ') && line.find(':') > line.find(' ')) {
+      ofFile = line.ends_with(path);
+    } else if (ofFile && line.starts_with("VmFlags:")) {
+      flags.push_back(line + ' ');
+    }
+  }
+  return flags;
+}
+
+// Advice for a part of the mapping would split it in two.
+TEST_F(ReaderTest, TheWholeMappingIsAdvisedToUseHugePages) {
+  const test::TempDir dir;
+  const std::string path = dir.file("advised.zym");
+  ContainerImage image = sampleImage();
+  image.bytes.resize(5 * 4096 + 17);
+  test::writeFile(path, image.bytes);
+  ASSERT_TRUE(reader.open(path.c_str()).ok());
+  const std::vector<std::string> flags = mappingFlags(path);
+  ASSERT_FALSE(flags.empty());
+  void* trial = ::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(MAP_FAILED, trial);
+  const bool known = ::madvise(trial, 4096, MADV_HUGEPAGE) == 0;
+  ::munmap(trial, 4096);
+  if (!known) {
+    GTEST_SKIP() << "this kernel has no huge pages to advise";
+  }
+  EXPECT_EQ(1U, flags.size());
+  EXPECT_NE(std::string::npos, flags.front().find(" hg ")) << flags.front();
 }
 
 bool isMapped(const std::string& path) {

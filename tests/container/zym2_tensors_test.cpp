@@ -36,8 +36,9 @@ void expectAllZero(const ZYM2Reader::TensorEntryView& view) {
   EXPECT_EQ(0U, view.byteSize);
   EXPECT_EQ(0U, view.type);
   EXPECT_EQ(0U, view.rank);
-  for (const uint64_t dim : view.dims)
+  for (const uint64_t dim : view.dims) {
     EXPECT_EQ(0U, dim);
+  }
   EXPECT_EQ(0U, view.quantInfo);
 }
 
@@ -46,8 +47,9 @@ TEST_F(TensorsTest, FindsEachNameAndNoneBetweenThem) {
   EXPECT_EQ(entry(0), reader.findTensor("a"));
   EXPECT_EQ(entry(1), reader.findTensor("b"));
   EXPECT_EQ(entry(2), reader.findTensor("c"));
-  for (const char* absent : {"bb", "", "0", "d"})
+  for (const char* absent : {"bb", "", "0", "d"}) {
     EXPECT_EQ(nullptr, reader.findTensor(absent));
+  }
   EXPECT_EQ(nullptr, reader.findTensor(nullptr));
 }
 
@@ -91,8 +93,9 @@ TEST_F(TensorsTest, AViewPointsIntoTheWeights) {
 }
 
 TEST_F(TensorsTest, OnlyDimensionsBelowTheRankAreCopied) {
-  for (size_t dim = 0; dim < 4; ++dim)
+  for (size_t dim = 0; dim < 4; ++dim) {
     image.set<uint64_t>(entryAt(0) + 72 + 8 * dim, 10 + dim);
+  }
   image.set<uint16_t>(entryAt(0) + 68, 3);
   open(image);
   const ZYM2Reader::TensorEntryView view = reader.tensorView(size_t{0});
@@ -114,6 +117,24 @@ TEST_F(TensorsTest, LookupsThatFindNothingAnswerAllZero) {
   EXPECT_EQ(nullptr, reader.tensorEntry(3));
   reader.close();
   expectAllZero(reader.tensorView("a"));
+}
+
+TEST_F(TensorsTest, AnEntryIsTheStoredRecord) {
+  image.set<uint16_t>(entryAt(1) + 64, 70).set<uint16_t>(entryAt(1) + 66, 300);
+  image.set<uint16_t>(entryAt(1) + 68, 9).set<uint64_t>(entryAt(1) + 72 + 24, 44);
+  image.set<uint64_t>(entryAt(1) + 104, 55).set<uint64_t>(entryAt(1) + 112, 66);
+  open(image);
+  ASSERT_EQ(static_cast<const void*>(entry(1)), reader.tensorEntry(1));
+  const kel::zym2::TensorEntry& stored = *reader.tensorEntry(1);
+  EXPECT_EQ(70U, stored.nameLength);
+  EXPECT_EQ(300U, stored.type);
+  EXPECT_EQ(9U, stored.rank);
+  EXPECT_EQ(2U, stored.dims[0]);
+  EXPECT_EQ(44U, stored.dims[3]);
+  EXPECT_EQ(55U, stored.offset);
+  EXPECT_EQ(66U, stored.byteSize);
+  EXPECT_EQ(std::string("b") + std::string(63, '\0'), stored.nameText());
+  EXPECT_EQ("a", reader.tensorEntry(0)->nameText());
 }
 
 TEST_F(TensorsTest, ARankAbove4GivesAnAllZeroView) {

@@ -23,10 +23,15 @@ Packer& emptyTail(Packer& section) {
 class TokenizerSectionTest : public testing::Test {
  protected:
   bool parse(const Packer& section) {
+    out = TokenizerData();
+    return parseOver(section);
+  }
+
+  // The same over what out holds.
+  bool parseOver(const Packer& section) {
     ContainerImage image = sample;
     image.replace(SectionType::Tokenizer, section.bytes).fixCrc();
     test::require(reader.open(file.write(image)));
-    out = TokenizerData();
     return reader.readTokenizer(out);
   }
 
@@ -72,6 +77,34 @@ TEST_F(TokenizerSectionTest, ListsOfAnEarlierParseAreReplaced) {
   ASSERT_TRUE(reader.readTokenizer(out));
   EXPECT_EQ(test::sampleTokenizer().tokens, out.tokens);
   EXPECT_EQ(test::sampleTokenizer().merges, out.merges);
+}
+
+// Callers throw the tables away; what stands in them shows how far a damaged section could be read.
+TEST_F(TokenizerSectionTest, AFailureInsideAListLeavesTheListResizedAndWhatCameBeforeRead) {
+  out.label = "old";
+  out.tokens = {"old"};
+  out.auxValues = {7, 8, 9};
+  out.bosId = 77;
+  Packer section;
+  section.text("TKNZ").string32("new").u32(3).string32("ab").u32(100).text("cdefghij");
+  EXPECT_FALSE(parseOver(section));
+  EXPECT_EQ("new", out.label);
+  EXPECT_EQ((std::vector<std::string>{"ab", "", ""}), out.tokens);
+  EXPECT_EQ((std::vector<int32_t>{7, 8, 9}), out.auxValues);
+  EXPECT_EQ(77, out.bosId);
+}
+
+TEST_F(TokenizerSectionTest, AFailureAmongTheIdsLeavesThoseBeforeItRead) {
+  out.eosId = out.unkId = out.extraId = 77;
+  out.flag = true;
+  Packer section;
+  section.text("TKNZ").u32(0).u32(0).u32(0).u32(0).u32(0).i32(5).i32(6).u16(0);
+  EXPECT_FALSE(parseOver(section));
+  EXPECT_EQ(5, out.bosId);
+  EXPECT_EQ(6, out.eosId);
+  EXPECT_EQ(77, out.unkId);
+  EXPECT_EQ(77, out.extraId);
+  EXPECT_TRUE(out.flag);
 }
 
 TEST_F(TokenizerSectionTest, AClosedReaderAndAnAbsentSectionFail) {
@@ -174,8 +207,9 @@ TEST_F(TokenizerSectionTest, ACountOf67108865FailsBeforeTheListGrows) {
   for (size_t list = 0; list < 4; ++list) {
     Packer start;
     start.text("TKNZ").u32(0);
-    for (size_t i = 0; i < list; ++i)
+    for (size_t i = 0; i < list; ++i) {
       start.u32(0);
+    }
     start.u32(kMaxCount + 1);
     EXPECT_FALSE(parseSparse(start, start.bytes.size() + uint64_t{4} * kMaxCount + 100));
     EXPECT_EQ(0U, out.tokens.size() + out.auxValues.size());

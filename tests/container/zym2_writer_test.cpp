@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <xxhash.h>
 
+#include <cstdio>
 #include <filesystem>
 #include <functional>
 
@@ -148,15 +150,91 @@ TEST_F(WriterTest, TensorDataIsAlignedAndItsPaddingZero) {
 TEST_F(WriterTest, TheIndexIsSortedByUnsignedBytes) {
   ASSERT_TRUE(writer.create(path).ok());
   const std::vector<std::string> names = {"b", "\xC3\xA9", "ab", "a", std::string(64, 'n'), "B"};
-  for (const std::string& name : names)
+  for (const std::string& name : names) {
     ASSERT_TRUE(addSmallTensor(name).ok());
+  }
   ASSERT_TRUE(writer.finish().ok());
   ZYM2Reader reader;
   ASSERT_TRUE(reader.open(path.c_str()).ok());
   const std::vector<std::string> sorted = {"B", "a", "ab", "b", std::string(64, 'n'), "\xC3\xA9"};
   for (size_t i = 0; i < sorted.size(); ++i) {
-    EXPECT_EQ(reader.tensorEntry(i), reader.findTensor(sorted[i].c_str())) << sorted[i];
+    EXPECT_EQ(sorted[i], reader.tensorEntry(i)->nameText());
+    EXPECT_EQ(static_cast<const void*>(reader.tensorEntry(i)), reader.findTensor(sorted[i].c_str()))
+        << sorted[i];
   }
+}
+
+// Keys and stored values of a file's checksums, in the order of its metadata.
+std::vector<std::pair<std::string, std::string>> storedChecksums(const ZYM2Reader& reader) {
+  std::vector<std::pair<std::string, std::string>> stored;
+  ZYM2Reader::MetaEntryView entry;
+  for (size_t i = 0; reader.metaAt(i, entry); ++i) {
+    if (entry.key.starts_with("zym.xxh3_128.")) {
+      stored.emplace_back(entry.key, entry.str);
+    }
+  }
+  return stored;
+}
+
+std::string checksumOf(const ZYM2Reader& reader, SectionType section) {
+  const XXH128_hash_t sum = XXH3_128bits(reader.sectionData(section), reader.sectionSize(section));
+  char text[33];
+  std::snprintf(text, sizeof text, "%016llx%016llx", static_cast<unsigned long long>(sum.high64),
+                static_cast<unsigned long long>(sum.low64));
+  return text;
+}
+
+// Odd sizes put padding between the tensors, and names in falling order have the index sorted.
+TEST_F(WriterTest, ChecksumsAreThoseOfTheSectionsAsWritten) {
+  const std::vector<char> data(1000, 'w');
+  ASSERT_TRUE(writer.create(path).ok());
+  writer.storeChecksums();
+  writer.setTokenizer(test::sampleTokenizer());
+  writer.setText("text");
+  ASSERT_TRUE(writer.addTensor("b", QuantType::F32, {1, 1}, data.data(), 5).ok());
+  ASSERT_TRUE(writer.addTensor("a", QuantType::Q8_0, {32, 7}, data.data(), 999).ok());
+  ASSERT_TRUE(writer.finish().ok());
+  ZYM2Reader reader;
+  ASSERT_TRUE(reader.open(path.c_str()).ok());
+  const std::vector<std::pair<std::string, std::string>> expected = {
+      {"zym.xxh3_128.tokenizer", checksumOf(reader, SectionType::Tokenizer)},
+      {"zym.xxh3_128.text", checksumOf(reader, SectionType::Text)},
+      {"zym.xxh3_128.tensor_index", checksumOf(reader, SectionType::TensorIndex)},
+      {"zym.xxh3_128.weight_data", checksumOf(reader, SectionType::WeightData)},
+      {"zym.xxh3_128.quant_info", checksumOf(reader, SectionType::QuantInfo)}};
+  EXPECT_EQ(expected, storedChecksums(reader));
+}
+
+TEST_F(WriterTest, SectionsThatAreLeftOutHaveNoChecksum) {
+  ASSERT_TRUE(writer.create(path).ok());
+  writer.storeChecksums();
+  writer.setQuantInfo(false);
+  ASSERT_TRUE(writer.finish().ok());
+  ZYM2Reader reader;
+  ASSERT_TRUE(reader.open(path.c_str()).ok());
+  const std::vector<std::pair<std::string, std::string>> expected = {
+      {"zym.xxh3_128.tensor_index", "99aa06d3014798d86001c324468d497f"},  // of no bytes
+      {"zym.xxh3_128.weight_data", "99aa06d3014798d86001c324468d497f"}};
+  EXPECT_EQ(expected, storedChecksums(reader));
+}
+
+TEST_F(WriterTest, ChecksumsAreStoredOnRequestAloneAndForOneFile) {
+  ASSERT_TRUE(writer.create(path).ok());
+  writer.storeChecksums();
+  ASSERT_TRUE(writer.finish().ok());
+  ASSERT_TRUE(writer.create(path).ok());
+  ASSERT_TRUE(addSmallTensor("a").ok());
+  ASSERT_TRUE(writer.finish().ok());
+  ZYM2Reader reader;
+  ASSERT_TRUE(reader.open(path.c_str()).ok());
+  EXPECT_TRUE(storedChecksums(reader).empty());
+}
+
+TEST_F(WriterTest, ChecksumsCannotBeginAfterTheFirstTensor) {
+  ASSERT_TRUE(writer.create(path).ok());
+  ASSERT_TRUE(addSmallTensor("a").ok());
+  writer.storeChecksums();
+  expectRefused(writer.endTensor(), "ZYM2Writer: checksums asked for after the first tensor");
 }
 
 TEST_F(WriterTest, ATensorMayHaveNoBytesAndNoDimensions) {
@@ -172,8 +250,9 @@ TEST_F(WriterTest, ATensorMayHaveNoBytesAndNoDimensions) {
 // More than the writer's buffer, in pieces smaller, equal and larger than it.
 TEST_F(WriterTest, ABigTensorIsStreamedInPiecesOfAnySize) {
   Bytes data(6 << 20);
-  for (size_t i = 0; i < data.size(); ++i)
+  for (size_t i = 0; i < data.size(); ++i) {
     data[i] = static_cast<uint8_t>(i * 2654435761U >> 13);
+  }
   ASSERT_TRUE(writer.create(path).ok());
   ASSERT_TRUE(writer.beginTensor("big", QuantType::F32, {1024, 1536}).ok());
   const size_t pieces[] = {1, 4095, 0, 1 << 20, (1 << 20) - 1, (2 << 20) + 7, 100};

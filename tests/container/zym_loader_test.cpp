@@ -77,8 +77,9 @@ TEST_F(LoaderTest, RecordsStandInIndexOrderAndPointIntoTheMapping) {
     EXPECT_EQ(0U, record.dims[3]);
     EXPECT_EQ(&record, loader.findTensor(record.name));
   }
-  for (const char* absent : {"", "0", "bb", "d"})
+  for (const char* absent : {"", "0", "bb", "d"}) {
     EXPECT_EQ(nullptr, loader.findTensor(absent));
+  }
 }
 
 TEST_F(LoaderTest, AStatusOfTheReaderPassesThrough) {
@@ -164,14 +165,16 @@ TEST_F(LoaderTest, QuantWordsAreCarriedUnchanged) {
   const size_t record = image.offsetOf(SectionType::QuantInfo) + 32;
   image.set<uint16_t>(record, 0xFFFF);  // its type word is not used
   image.set<uint16_t>(record + 2, 0x1234);
-  for (uint32_t word = 1; word <= 4; ++word)
+  for (uint32_t word = 1; word <= 4; ++word) {
     image.set<uint32_t>(record + 4 * word, 100 + word);
+  }
   ASSERT_TRUE(open(image).ok());
   const TensorView& tensor = loader.tensors[1];
   EXPECT_EQ(0U, tensor.quant.type);
   EXPECT_EQ(0x1234U, tensor.quant.word0);
   EXPECT_EQ(101U, tensor.quant.word1);
   EXPECT_EQ(102U, tensor.quantWords[0]);
+  EXPECT_EQ(103U, tensor.quantWords[1]);
   EXPECT_EQ(104U, tensor.quantWords[2]);
 }
 
@@ -202,6 +205,13 @@ TEST_F(LoaderTest, AnAbsentAndAnEmptyTextAreEmpty) {
   EXPECT_EQ("", loader.text);
   ASSERT_TRUE(open(image.setSize(SectionType::Text, 0).fixCrc()).ok());
   EXPECT_EQ("", loader.text);
+}
+
+TEST_F(LoaderTest, ATextWithNulBytesIsKeptWhole) {
+  const std::string text("be\0fore\0", 8);
+  image.replace(SectionType::Text, test::Bytes(text.begin(), text.end())).fixCrc();
+  ASSERT_TRUE(open(image).ok());
+  EXPECT_EQ(text, loader.text);
 }
 
 TEST_F(LoaderTest, OpeningASecondFileReplacesAllRecords) {

@@ -4,6 +4,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "qwen35/processors.h"
 #include "tests/e2e/fixture.h"
 
 namespace zym {
@@ -145,7 +146,7 @@ TEST_F(ProgramTest, PromptIsOneWordOfTheCommandLine) {
 
 TEST_F(ProgramTest, WordsBehindThePromptAreWrongUse) {
   const std::string line =
-      "INPUT: \"there\" is no \"-\"; put the whole prompt in quotes, behind -p; see zym run --help";
+      "INPUT: \"there\" is no \"-\"; put the whole prompt in quotes, after -p; see zym run --help";
   expectFault(zym({"run", model, "-p", "Hello", "there"}), 2, line);
   expectFault(zym({"run", model, "there"}), 2, line);
 }
@@ -358,17 +359,16 @@ TEST_F(ProgramTest, BenchRefusesSizesThatDoNotFit) {
   const Outcome outcome = zym({"bench", model, "--at", "7000", "--steps", "4096"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.out, "");
-  EXPECT_EQ(outcome.err.rfind("zym: 4096 steps behind 7000 positions take about ", 0), 0U)
-      << outcome.err;
+  EXPECT_EQ(outcome.err.rfind("zym: 4096 steps at depth 7000 take about ", 0), 0U) << outcome.err;
 }
 
 TEST_F(ProgramTest, BenchReportsEveryMeasure) {
-  const Outcome outcome = zym({"--threads", "1", "bench", model, "--json", "--repetitions", "2",
+  const Outcome outcome = zym({"--threads", "1000", "bench", model, "--json", "--repetitions", "2",
                                "--prompt", "20", "--steps", "4"});
   ASSERT_EQ(outcome.status, 0) << outcome.err;
   EXPECT_EQ(outcome.err, "");  // no bar in a pipe, and no plain line so soon
   const Json report = Json::parse(outcome.out);
-  EXPECT_EQ(report["threads"], 1);
+  EXPECT_EQ(report["threads"], qwen35::usableProcessors());  // no more run
   EXPECT_EQ(report["repetitions"], 2);
   EXPECT_GE(report["prefillPositions"], 20);
   for (const char* speed : {"prefillTokensPerSecond", "decodeTokensPerSecond"}) {
@@ -377,10 +377,14 @@ TEST_F(ProgramTest, BenchReportsEveryMeasure) {
     EXPECT_LE(report[speed]["median"], report[speed]["max"]) << speed;
   }
   for (const char* measure :
-       {"weightBytes", "readBytesPerSecond", "decodeBandwidthShare", "multiplyAddsPerPrefillToken",
-        "multiplyAddsPerSecond", "prefillMultiplyShare", "createSeconds", "residentBytes",
-        "residentFileBytes"})
+       {"weightBytes", "readBytesPerSecond", "multiplyAddsPerPrefillToken", "multiplyAddsPerSecond",
+        "prefillMultiplyShare", "createSeconds", "residentBytes", "residentFileBytes"}) {
     EXPECT_GT(report[measure], 0) << measure;
+  }
+  EXPECT_LE(report["prefillMultiplyShare"], 1);
+  // Of weights that fit the caches there is no share.
+  const Json& share = report["decodeBandwidthShare"];
+  EXPECT_TRUE(share.is_null() || (share > 0 && share <= 1)) << share;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <random>
 
 #include "tests/quant/formats.h"
@@ -111,6 +112,40 @@ TEST(DequantQ5K, FifthBitsLieBySubBlock) {
   kel::quant::dequantQ5K(block.data(), row, 256);
   for (size_t i = 0; i < 256; ++i) {
     EXPECT_EQ(i == 37 ? 16.0F : i == 229 ? 19.0F : 0.0F, row[i]) << i;
+  }
+}
+
+// Which NaN is open: the sign of the sum's NaN is the processor's matter.
+TEST(DequantScaleMin, ANanScaleOrMinimumMakesEveryElementNan) {
+  constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+  for (const formats::Format& format : {formats::kAll[2], formats::kAll[3]}) {
+    for (const size_t at : {size_t{0}, size_t{2}}) {
+      for (const float odd : {kNan, -kNan}) {
+        std::vector<uint8_t> block(kel::quant::quantizedBytes(format.type, 256), 0x11);
+        putHalf(block, 0, 1.0F);
+        putHalf(block, 2, 1.0F);
+        putHalf(block, at, odd);
+        std::fill_n(block.begin() + 4, 4, uint8_t{0});  // a scale of zero keeps the NaN
+        for (const float v : formats::decode(format, block, 256)) {
+          ASSERT_TRUE(std::isnan(v)) << kel::quantTypeName(format.type) << " " << at;
+        }
+      }
+    }
+  }
+}
+
+// Infinity times a minimum of zero is no number; times any other it is minus infinity.
+TEST(DequantScaleMin, AnInfiniteMinimumReachesTheElements) {
+  for (const formats::Format& format : {formats::kAll[2], formats::kAll[3]}) {
+    std::vector<uint8_t> block(kel::quant::quantizedBytes(format.type, 256));
+    putHalf(block, 0, 1.0F);
+    putHalf(block, 2, std::numeric_limits<float>::infinity());
+    block[8] = 1;  // the minimum of sub-block 0, the only one above zero
+    const std::vector<float> row = formats::decode(format, block, 256);
+    for (size_t i = 0; i < 256; ++i) {
+      ASSERT_TRUE(i < 32 ? row[i] == -std::numeric_limits<float>::infinity() : std::isnan(row[i]))
+          << kel::quantTypeName(format.type) << " " << i;
+    }
   }
 }
 

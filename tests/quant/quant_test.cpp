@@ -135,6 +135,22 @@ TEST(QuantQ80, UnderflowingScaleGivesZeroCodes) {
   EXPECT_EQ(64, codeQ80(encode(kel::QuantType::Q8_0, row), 5));
 }
 
+// Among denormals the scale itself is a whole number of units: 190 / 127 becomes 1, and quotients
+// leave the codes' range on both sides.
+TEST(QuantQ80, QuotientsBeyondTheCodesAreClampedToThem) {
+  constexpr float kUnit = std::numeric_limits<float>::denorm_min();
+  std::vector<float> row(32);
+  const float units[] = {190, -190, 127, -127, 128, -128, 126, -126};
+  std::transform(std::begin(units), std::end(units), row.begin(),
+                 [](float n) { return n * kUnit; });
+  const auto block = encode(kel::QuantType::Q8_0, row);
+  const int expected[] = {127, -127, 127, -127, 127, -127, 126, -126};
+  for (size_t j = 0; j < std::size(expected); ++j) {
+    EXPECT_EQ(expected[j], codeQ80(block, j)) << j;
+  }
+  EXPECT_EQ(0.0F, halfAt(block, 0));
+}
+
 TEST(QuantQ80, ElementThirtyThreeOpensABlockOfItsOwn) {
   std::vector<float> row(33, 1.0F);
   row[32] = -2.0F;

@@ -296,4 +296,27 @@ TEST(Sampling, ExtremeLogitsGiveATokenOfTheVocabulary) {
   }
 }
 
+// The rule as a plain scan.
+int32_t scanned(const std::vector<float>& logits) {
+  size_t best = 0;
+  for (size_t i = 1; i < logits.size(); ++i) {
+    best = logits[i] > logits[best] ? i : best;
+  }
+  return static_cast<int32_t>(best);
+}
+
+TEST(LargestLogit, IsTheFirstOfTheLargestForAnyValues) {
+  const float odd[] = {0.0f, -0.0f, NAN, INFINITY, -INFINITY, 1.0f, 1.0f, -1e-42f};
+  std::mt19937 generator(5);
+  for (size_t n = 0; n < 200; ++n) {
+    for (int round = 0; round < 20; ++round) {
+      std::vector<float> logits(n);
+      for (float& logit : logits) {
+        logit = odd[generator() % std::size(odd)];
+      }
+      EXPECT_EQ(scanned(logits), session::largestLogit(logits.data(), n)) << n;
+    }
+  }
+}
+
 }  // namespace

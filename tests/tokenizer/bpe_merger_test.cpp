@@ -34,8 +34,9 @@ Symbols symbolsOf(BpeMerger& merger, std::string_view piece) {
   EXPECT_EQ(0U, starts.front());
   EXPECT_EQ(piece.size(), starts.back());
   Symbols symbols;
-  for (size_t i = 0; i + 1 < starts.size(); ++i)
+  for (size_t i = 0; i + 1 < starts.size(); ++i) {
     symbols.emplace_back(piece.substr(starts[i], starts[i + 1] - starts[i]));
+  }
   return symbols;
 }
 
@@ -122,8 +123,9 @@ constexpr std::string_view kAtoms[] = {"a",    "a",        "b",    "c",        "
 std::string randomText(std::mt19937& rng, size_t nAtoms) {
   const size_t nKinds = 1 + rng() % std::size(kAtoms);
   std::string text;
-  for (size_t i = 0; i < nAtoms; ++i)
+  for (size_t i = 0; i < nAtoms; ++i) {
     text += kAtoms[rng() % nKinds];
+  }
   return text;
 }
 

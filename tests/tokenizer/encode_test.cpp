@@ -85,6 +85,15 @@ TEST(TokenizePlain, OtherVocabularyMergesTheWholeRun) {
   EXPECT_EQ(Ids{2}, encoded(tokenizer, "a  b"));
 }
 
+// The caller has escaped the text: here it is neither cut into words nor escaped.
+TEST(TokenizePlain, OtherVocabularyTakesTheTextAsItStands) {
+  const Tokenizer tokenizer = loaded(tables({"x", "!", " ", "x▁!x", "▁"}, {"x ▁", "! x", "x▁ !x"}));
+  Ids ids = {9};
+  EXPECT_TRUE(tokenizer.tokenizePlain("x▁!x", ids).ok());
+  EXPECT_TRUE(tokenizer.tokenizePlain("x !", ids).ok());
+  EXPECT_EQ((Ids{9, 3, 0, 2, 1}), ids);
+}
+
 TEST(TokenizePlain, ByteLevelWordsNeverMergeAcrossTheirBorder) {
   const Tokenizer tokenizer =
       loaded(tables({"a", "b", "Ġ", "ĠĠ", "Ġb", "ĠĠb"}, {"Ġ Ġ", "Ġ b", "ĠĠ b"}));
@@ -106,8 +115,9 @@ TEST(TokenizePlain, OtherWhitespaceIsLeftAsItIs) {
 
 Tokenizer chatTokenizer(const char* firstRule = kByteLevelRule) {
   Strings tokens = byteTokens();
-  for (const char* special : {"<|im_start|>", "<|im_end|>", "<|a|>", "<|a|>b"})
+  for (const char* special : {"<|im_start|>", "<|im_end|>", "<|a|>", "<|a|>b"}) {
     tokens.emplace_back(special);
+  }
   std::vector<int32_t> types(256, 1);
   types.insert(types.end(), {3, 3, 3, 2});
   return loaded(tables(std::move(tokens), {firstRule}, std::move(types)));
@@ -179,8 +189,9 @@ TEST(TokenizeSegment, EqualsTheDocumentedScanOnRandomText) {
   std::mt19937 rng(3);
   for (int round = 0; round < 20000; ++round) {
     std::string text(rng() % 20, 'a');
-    for (char& c : text)
+    for (char& c : text) {
       c = "a<b"[rng() % 3];
+    }
     Ids expected;
     for (size_t at = 0; at < text.size();) {
       const auto matches = [&](const auto& token) {
@@ -241,8 +252,9 @@ TEST(Encode, NewlineThatIsNoTokenGoesTheWayOfOtherText) {
 
 TEST(Encode, AnyBytesEncode) {
   std::string text;
-  for (int byte = 0; byte < 256; ++byte)
+  for (int byte = 0; byte < 256; ++byte) {
     text += static_cast<char>(byte);
+  }
   for (const char* rule : {kByteLevelRule, "a b"}) {
     const Tokenizer tokenizer = loaded(tables(byteTokens(), {rule}));
     const Ids ids = encoded(tokenizer, std::string("\0\0", 2));
@@ -251,8 +263,9 @@ TEST(Encode, AnyBytesEncode) {
     std::mt19937 rng(5);
     for (int round = 0; round < 2000; ++round) {
       std::string noise(rng() % 40, '\0');
-      for (char& c : noise)
+      for (char& c : noise) {
         c = static_cast<char>(rng());
+      }
       encoded(tokenizer, noise);
     }
   }

@@ -41,6 +41,11 @@ INSTANTIATE_TEST_SUITE_P(Documented, WordSplitting,
                              {"''s", {"''", "s"}},
                              {" 's", {" '", "s"}},
                              {"'ſ", {"'ſ"}},
+                             {"’Sx", {"’S", "x"}},
+                             {"’REst", {"’RE", "st"}},
+                             {"’lLama", {"’lL", "ama"}},
+                             {"’Vex", {"’Ve", "x"}},
+                             {"’ßx", {"’ßx"}},
                              {"\xE2\x80", {"\xE2\x80"}},
                              // digits
                              {"12345", {"123", "45"}},
@@ -59,6 +64,12 @@ INSTANTIATE_TEST_SUITE_P(Documented, WordSplitting,
                              {"\n\n  x", {"\n\n  ", "x"}},
                              {"\r\n\tx", {"\r\n\t", "x"}},
                              {"\v\f", {"\v\f"}},
+                             {"\vx", {"\vx"}},
+                             {"\fx", {"\fx"}},
+                             {"\nx", {"\n", "x"}},
+                             {"\rx", {"\r", "x"}},
+                             {"\r\nx", {"\r\n", "x"}},
+                             {"\n é", {"\n ", "é"}},
                              // punctuation
                              {"hi!!\n\nthere", {"hi", "!!\n\n", "there"}},
                              {" !?", {" !?"}},
@@ -83,6 +94,40 @@ INSTANTIATE_TEST_SUITE_P(Documented, WordSplitting,
                               {"\xC3 x"}},  // the lead byte takes the space as its continuation
                          }));
 
+enum class Class { Letter, Digit, Newline, Blank, Other };
+
+Class classOf(int byte) {
+  constexpr std::string_view kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+  const char c = static_cast<char>(byte);
+  if (byte >= 0x80 || kLetters.find(c) != std::string_view::npos) {
+    return Class::Letter;
+  }
+  if (std::string_view("0123456789").find(c) != std::string_view::npos) {
+    return Class::Digit;
+  }
+  if (c == '\n' || c == '\r') {
+    return Class::Newline;
+  }
+  return std::string_view("\t\v\f ").find(c) != std::string_view::npos ? Class::Blank
+                                                                       : Class::Other;
+}
+
+// How a byte joins a letter behind it, two signs before it and a byte like itself.
+TEST(WordSplitter, EveryByteHasItsClass) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string b(1, static_cast<char>(byte));
+    const Class is = classOf(byte);
+    const bool joinsLetters = is == Class::Letter || is == Class::Blank || is == Class::Other;
+    EXPECT_EQ(joinsLetters ? 1U : 2U, kel::splitWords(b + "x").size()) << byte;
+    const bool joinsSigns = is == Class::Newline || is == Class::Other;
+    EXPECT_EQ(joinsSigns ? 1U : 2U, kel::splitWords("!!" + b).size()) << byte;
+    EXPECT_EQ(is == Class::Letter ? 1U : 2U, kel::splitWords(b + b + "x").size()) << byte;
+    if (byte < 0x80) {  // a lead byte takes what follows as part of its character
+      EXPECT_EQ(is == Class::Digit ? 1U : 2U, kel::splitWords(b + "1").size()) << byte;
+    }
+  }
+}
+
 TEST(WordSplitter, NulIsAnOrdinaryOtherByte) {
   using namespace std::string_view_literals;
   EXPECT_EQ((Words{"a"sv, "\0b"sv, "\0\0"sv, "1"sv}), kel::splitWords("a\0b\0\0001"sv));
@@ -93,8 +138,9 @@ TEST(WordSplitter, WordsOfAnyBytesAreNotEmptyAndJoinToTheText) {
   std::mt19937 rng(7);
   for (int round = 0; round < 20000; ++round) {
     std::string text(rng() % 24, ' ');
-    for (char& c : text)
+    for (char& c : text) {
       c = kBytes[rng() % kBytes.size()];
+    }
     std::string joined;
     for (const std::string_view word : kel::splitWords(text)) {
       ASSERT_FALSE(word.empty());

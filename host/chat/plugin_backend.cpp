@@ -1,0 +1,163 @@
+#include "host/chat/plugin_backend.h"
+
+#include <dlfcn.h>
+
+#include <cstddef>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "zym/plugin.h"
+
+namespace zym {
+namespace {
+
+using kel::Status;
+
+// Holds far more than a completion can be: 96 tokens of the longest strings in a vocabulary.
+constexpr size_t kReplyBytes = size_t{1} << 20;
+
+struct Tables {
+  const ZYMRuntimeTableV2* v2 = nullptr;
+  const ZYMRuntimeTableV2S* stream = nullptr;
+};
+
+template <typename Function>
+Function symbol(void* library, const char* name) {
+  return reinterpret_cast<Function>(dlsym(library, name));
+}
+
+template <typename Table>
+const Table* onlyTable(const Table* (*entry)(uint32_t*)) {
+  uint32_t count = 0;
+  const Table* tables = entry == nullptr ? nullptr : entry(&count);
+  return count >= 1 ? tables : nullptr;
+}
+
+bool isUsable(const Tables& tables) {
+  // Of the stream table only the function is used; the reserved words that follow it may be
+  // missing.
+  constexpr size_t kStreamBytes =
+      offsetof(ZYMRuntimeTableV2S, chatTurnStream) + sizeof(ZYMChatTurnStreamFn);
+  return tables.v2 != nullptr && tables.v2->header0 == 3 &&
+         tables.v2->header1 >= sizeof(ZYMRuntimeTableV2) && tables.stream != nullptr &&
+         tables.stream->header0 == 1 && tables.stream->header1 >= kStreamBytes;
+}
+
+Status loadTables(const std::filesystem::path& path, Tables& tables) {
+  // Kept open: an OpenMP runtime whose threads live on must not be unloaded.
+  void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+  if (library == nullptr) {
+    const char* reason = dlerror();
+    return Status::invalid("cannot load the runtime library: " +
+                           std::string(reason == nullptr ? "unknown reason" : reason) +
+                           "; name a working one with --plugin");
+  }
+  tables.v2 = onlyTable(symbol<ZYMPluginRuntimesV2Fn>(library, "zym_plugin_runtimes_v2"));
+  tables.stream = onlyTable(symbol<ZYMPluginRuntimesV2SFn>(library, "zym_plugin_runtimes_v2s"));
+  if (!isUsable(tables)) {
+    return Status::invalid(path.string() +
+                           ": not a runtime library of this interface version; name another one "
+                           "with --plugin");
+  }
+  return Status::success();
+}
+
+// A message for people from the one-line reason that create gives.
+Status createFailure(const std::string& modelPath, std::string_view reason) {
+  std::string text = modelPath + ": " + std::string(reason);
+  if (reason == "zym open failed") {
+    text += "; `zym check` names the fault";
+  } else if (reason == "not a qwen35-architecture model" || reason.starts_with("qwen35moe")) {
+    text += "; this runtime runs dense qwen35 models of 32 layers";
+  } else {
+    text += "; `zym check` names the fault, `zym convert` makes the file anew";
+  }
+  return Status::invalid(text);
+}
+
+class PluginBackend : public Backend {
+ public:
+  PluginBackend(const Tables& tables, std::string path, ZYMRuntimeHandle* opened)
+      : table(tables), modelPath(std::move(path)), handle(opened) {}
+  ~PluginBackend() override { table.v2->destroy(handle); }
+  PluginBackend(const PluginBackend&) = delete;
+  PluginBackend& operator=(const PluginBackend&) = delete;
+
+  Status turn(const std::string& text, const PieceSink& sink, volatile int* cancel) override {
+    const auto forward = [](const char* piece, uint32_t length, void* userData) {
+      const auto& target = *static_cast<const PieceSink*>(userData);
+      if (target) {
+        target({piece, length});
+      }
+    };
+    return callStatus(table.stream->chatTurnStream(handle, text.c_str(), forward,
+                                                   const_cast<PieceSink*>(&sink), cancel),
+                      "the turn");
+  }
+
+  Status complete(const std::string& prompt, std::string& reply) override {
+    std::vector<char> buffer(kReplyBytes);
+    const uint32_t status =
+        table.v2->generate(handle, prompt.c_str(), buffer.data(), buffer.size());
+    reply = buffer.data();
+    return callStatus(status, "the completion");
+  }
+
+  void reset() override { table.v2->reset(handle); }
+
+  void configure(const Sampling& sampling) override {
+    ZYMSessionOptions options{};
+    options.structSize = sizeof(options);
+    options.temperature = sampling.temperature.value_or(-1.0F);
+    options.topK = sampling.topK.value_or(0);
+    options.topP = sampling.topP.value_or(0.0F);
+    options.seed = sampling.seed.value_or(0);
+    table.v2->configure(handle, &options);
+  }
+
+  BackendStats stats() override {
+    ZYMRuntimeStats record{};
+    table.v2->stats(handle, &record);
+    return {record.contextTokens, record.decodeMsTotal, record.lastDecodeMs};
+  }
+
+  BackendLimits limits() const override { return {ZYM_MAX_TURN_TOKENS, ZYM_CONTEXT_CAPACITY}; }
+
+ private:
+  Status callStatus(uint32_t status, const char* what) const {
+    if (status == ZYM_STATUS_OK) {
+      return Status::success();
+    }
+    // The runtime gives no reason. It opens files whose tensors do not fit together and then fails
+    // every call; `zym check` names the tensors.
+    return Status::invalid(std::string(what) + " failed; `zym check " + modelPath +
+                           "` names a fault of the file");
+  }
+
+  Tables table;
+  std::string modelPath;
+  ZYMRuntimeHandle* handle;
+};
+
+}  // namespace
+
+Status openPluginBackend(const std::filesystem::path& library, const std::string& modelPath,
+                         std::unique_ptr<Backend>& backend) {
+  Tables tables;
+  Status status = loadTables(library, tables);
+  if (!status.ok() || tables.v2 == nullptr) {
+    return status;
+  }
+  ZYMRuntimeHandle* handle = nullptr;
+  char reason[256] = "";
+  if (tables.v2->create(modelPath.c_str(), nullptr, &handle, reason, sizeof(reason)) !=
+          ZYM_STATUS_OK ||
+      handle == nullptr) {
+    return createFailure(modelPath, reason[0] == '\0' ? "the model cannot be opened" : reason);
+  }
+  backend = std::make_unique<PluginBackend>(tables, modelPath, handle);
+  return Status::success();
+}
+
+}  // namespace zym

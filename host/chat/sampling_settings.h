@@ -1,0 +1,20 @@
+// Sampling settings as people write them, on the command line and after /set.
+#pragma once
+
+#include <string_view>
+
+#include "container/status.h"
+#include "host/chat/backend.h"
+
+namespace zym {
+
+// Stores one setting: "temperature" (0 or more), "top-k" (1 or more), "top-p" (above 0, at most 1),
+// "seed" (1 to 4294967295). The message of a failure names the setting and its range.
+kel::Status setSampling(std::string_view name, std::string_view value, Sampling& sampling);
+// Replaces those settings of sampling that newer has a value for.
+void mergeSampling(const Sampling& newer, Sampling& sampling);
+// True when tokens are to be drawn, but top-p leaves only the best one: the runtime compares it
+// with a sum in which the best token alone counts 1.
+bool topPLeavesOneToken(const Sampling& sampling);
+
+}  // namespace zym

@@ -1,0 +1,301 @@
+// zym bench: how fast a model runs here, and how close to the memory's own speed.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "container/zym2_reader.h"
+#include "host/cli/commands.h"
+#include "host/cli/threads.h"
+#include "host/measure/bench_measure.h"
+#include "host/measure/cache_size.h"
+#include "host/measure/memory_use.h"
+#include "host/measure/multiply_peak.h"
+#include "host/measure/read_bandwidth.h"
+#include "host/terminal/progress.h"
+#include "host/terminal/terminal.h"
+#include "host/terminal/units.h"
+
+namespace zym {
+namespace {
+
+using kel::Status;
+
+struct BenchOptions {
+  EngineOptions engine;
+  int repetitions = 5;
+  uint64_t prompt = 128;
+  size_t steps = 32;
+  uint64_t at = 0;
+  bool json = false;
+};
+
+struct BenchReport {
+  double createSeconds = 0;
+  ModelWork work;
+  bool fitsCaches = false;            // weights that need not come from memory
+  double bandwidth = 0;               // bytes a second
+  double multiplyPeak = 0;            // multiply-adds a second
+  std::vector<double> prefillSpeeds;  // tokens a second, one for each repetition
+  std::vector<double> decodeSpeeds;
+  uint64_t prefillPositions = 0;
+  uint64_t decodeDepth = 0;  // positions filled before the decode steps
+  MemoryUse memory;
+  int threads = 0;
+};
+
+Status readWork(const std::string& path, ModelWork& work) {
+  kel::ZYM2Reader reader;
+  Status status = reader.open(path.c_str());
+  if (status.ok()) {
+    work = modelWork(reader);
+  }
+  return status;
+}
+
+// Positions that are filled before the decode steps.
+uint64_t decodeDepth(const BenchOptions& options) {
+  return options.at > 0 ? options.at : options.prompt;
+}
+
+// Each measurement by itself: the prefill generates nothing, decoding has a depth of its own.
+Status checkSizes(const BackendLimits& limits, const BenchOptions& options) {
+  Status status = checkBenchSize(limits, options.prompt, 0);
+  if (status.ok()) {
+    status = checkBenchSize(limits, decodeDepth(options), options.steps);
+  }
+  return status;
+}
+
+// One bar over all measurements, whose lengths are known beforehand.
+class BenchProgress {
+ public:
+  explicit BenchProgress(const BenchOptions& options)
+      : total((options.prompt + options.at + options.steps) *
+              static_cast<uint64_t>(options.repetitions)) {
+    bar.update(0, total);
+  }
+
+  // What a measurement of this many positions, which begins now, reports its progress to.
+  MeasureProgress next(uint64_t length) {
+    const uint64_t begin = begun;
+    begun += length;
+    return
+        [this, begin, length](uint64_t done) { bar.update(begin + std::min(done, length), total); };
+  }
+
+ private:
+  Progress bar{"measuring", ProgressUnit::Positions};
+  uint64_t total;
+  uint64_t begun = 0;
+};
+
+Status measureOnce(Backend& backend, const BenchOptions& options, BenchProgress& progress,
+                   BenchReport& report) {
+  PrefillRun prefill;
+  Status status = measurePrefill(backend, options.prompt, prefill, progress.next(options.prompt));
+  if (!status.ok()) {
+    return status;
+  }
+  report.prefillPositions = prefill.positions;
+  report.prefillSpeeds.push_back(static_cast<double>(prefill.positions) / prefill.seconds);
+  if (options.at > 0) {
+    status = measurePrefill(backend, options.at, prefill, progress.next(options.at));
+  }
+  if (!status.ok()) {
+    return status;
+  }
+  report.decodeDepth = prefill.positions;
+  std::vector<double> stepMs;
+  status = measureDecode(backend, decodeDepth(options), options.steps, stepMs,
+                         progress.next(options.steps));
+  if (status.ok() && stepMs.empty()) {
+    return Status::invalid("the model gives no text to measure");
+  }
+  if (status.ok()) {
+    report.decodeSpeeds.push_back(1000 / spreadOf(stepMs).median);
+  }
+  return status;
+}
+
+Status measureRepeatedly(Backend& backend, const BenchOptions& options, BenchReport& report) {
+  Status status;
+  BenchProgress progress(options);
+  for (int i = 0; status.ok() && i < options.repetitions; ++i) {
+    status = measureOnce(backend, options, progress, report);
+  }
+  return status;
+}
+
+// Bytes of weights that decoding reads in a second.
+double decodeReads(const BenchReport& report) {
+  return spreadOf(report.decodeSpeeds).median * static_cast<double>(report.work.weightBytes);
+}
+
+// Multiply-adds that the prefill's products do in a second.
+double prefillMultiplies(const BenchReport& report) {
+  return spreadOf(report.prefillSpeeds).median *
+         static_cast<double>(report.work.multiplyAddsPerPrefillToken);
+}
+
+// After the measurements, so that a repeated probe meets the machine as they did.
+void probeMachine(BenchReport& report) {
+  const uint64_t cacheBytes = lastLevelCacheBytes();
+  const size_t bufferBytes = bandwidthBufferBytes(cacheBytes, memoryBytes());
+  report.fitsCaches = report.work.weightBytes <= cacheBytes;
+  const auto probeReads = [&] { return readBandwidth(bufferBytes, report.threads); };
+  report.bandwidth = report.fitsCaches ? probeReads() : limitAbove(decodeReads(report), probeReads);
+  report.multiplyPeak =
+      limitAbove(prefillMultiplies(report), [&] { return multiplyPeak(report.threads); });
+}
+
+Status measure(const BenchOptions& options, BenchReport& report) {
+  report.threads = threadCount();
+  Engine engine;
+  const auto start = std::chrono::steady_clock::now();
+  Status status = openEngine(options.engine, engine);
+  const std::chrono::duration<double> created = std::chrono::steady_clock::now() - start;
+  report.createSeconds = created.count();
+  if (status.ok()) {
+    status = checkSizes(engine.backend->limits(), options);
+  }
+  if (status.ok()) {
+    status = readWork(options.engine.model, report.work);
+  }
+  if (status.ok()) {
+    status = measureRepeatedly(*engine.backend, options, report);
+  }
+  if (!status.ok()) {
+    return status;
+  }
+  report.memory = memoryUse();
+  probeMachine(report);
+  return status;
+}
+
+// Part of the machine's read bandwidth that decoding reaches. Without a value when the weights fit
+// the caches: they need not come from memory.
+std::optional<double> bandwidthShare(const BenchReport& report) {
+  if (report.fitsCaches || report.bandwidth <= 0) {
+    return std::nullopt;
+  }
+  return decodeReads(report) / report.bandwidth;
+}
+
+// Part of the machine's single-precision multiply-adds that the prefill's products reach.
+double multiplyShare(const BenchReport& report) {
+  return report.multiplyPeak > 0 ? prefillMultiplies(report) / report.multiplyPeak : 0;
+}
+
+std::string spreadText(const std::vector<double>& speeds) {
+  const Spread spread = spreadOf(speeds);
+  return fmt::format("{:>9.2f} {:>9.2f} {:>9.2f}", spread.median, spread.min, spread.max);
+}
+
+std::string shareText(std::optional<double> share) {
+  return share ? fmt::format("{:.0f} %", *share * 100) : "none: the weights fit the caches";
+}
+
+void printTable(const BenchOptions& options, const BenchReport& report) {
+  const std::string name = std::filesystem::path(options.engine.model).filename().string();
+  fmt::print("| {:<33} | {:>9} {:>9} {:>9} |\n", name + ", tokens/s", "median", "min", "max");
+  fmt::print("|{:-<35}|{:->31}|\n", "", "");
+  fmt::print("| {:<33} | {} |\n", fmt::format("prefill, {} positions", report.prefillPositions),
+             spreadText(report.prefillSpeeds));
+  fmt::print("| {:<33} | {} |\n", fmt::format("decode at depth {}", report.decodeDepth),
+             spreadText(report.decodeSpeeds));
+  fmt::print("| {:<33} | {:>29} |\n", "weights read for a token",
+             bytesText(report.work.weightBytes));
+  fmt::print("| {:<33} | {:>27}/s |\n", "read bandwidth of the machine",
+             bytesText(static_cast<uint64_t>(report.bandwidth)));
+  fmt::print("| {:<33} | {:>29} |\n", "decode, share of it", shareText(bandwidthShare(report)));
+  fmt::print("| {:<33} | {:>27.1f} G |\n", "multiply-adds of a prefill token",
+             static_cast<double>(report.work.multiplyAddsPerPrefillToken) / 1e9);
+  fmt::print("| {:<33} | {:>25.1f} G/s |\n", "multiply-adds of the machine",
+             report.multiplyPeak / 1e9);
+  fmt::print("| {:<33} | {:>29} |\n", "prefill, share of them", shareText(multiplyShare(report)));
+  fmt::print("| {:<33} | {:>26.3f} s |\n", "create", report.createSeconds);
+  fmt::print("| {:<33} | {:>29} |\n", "resident memory", bytesText(report.memory.resident));
+  fmt::print("| {:<33} | {:>29} |\n", "of that pages of files", bytesText(report.memory.file));
+  fmt::print("| {:<33} | {:>29} |\n", fmt::format("threads ({} repetitions)", options.repetitions),
+             report.threads);
+}
+
+nlohmann::ordered_json spreadJson(const std::vector<double>& speeds) {
+  const Spread spread = spreadOf(speeds);
+  return {{"median", spread.median}, {"min", spread.min}, {"max", spread.max}};
+}
+
+void printJson(const BenchOptions& options, const BenchReport& report) {
+  const std::optional<double> share = bandwidthShare(report);
+  const nlohmann::ordered_json all = {
+      {"model", options.engine.model},
+      {"threads", report.threads},
+      {"repetitions", options.repetitions},
+      {"prefillPositions", report.prefillPositions},
+      {"prefillTokensPerSecond", spreadJson(report.prefillSpeeds)},
+      {"decodeDepth", report.decodeDepth},
+      {"decodeTokensPerSecond", spreadJson(report.decodeSpeeds)},
+      {"weightBytes", report.work.weightBytes},
+      {"readBytesPerSecond", report.bandwidth},
+      {"decodeBandwidthShare", share ? nlohmann::ordered_json(*share) : nullptr},
+      {"multiplyAddsPerPrefillToken", report.work.multiplyAddsPerPrefillToken},
+      {"multiplyAddsPerSecond", report.multiplyPeak},
+      {"prefillMultiplyShare", multiplyShare(report)},
+      {"createSeconds", report.createSeconds},
+      {"residentBytes", report.memory.resident},
+      {"residentFileBytes", report.memory.file}};
+  fmt::print("{}\n", all.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+}
+
+int bench(const BenchOptions& options) {
+  BenchReport report;
+  const Status status = measure(options, report);
+  if (!status.ok()) {
+    complain(status.message);
+    return 1;
+  }
+  if (options.json) {
+    printJson(options, report);
+  } else {
+    printTable(options, report);
+  }
+  return 0;
+}
+
+}  // namespace
+
+void addBench(CLI::App& program, Action& action) {
+  auto options = std::make_shared<BenchOptions>();
+  CLI::App* command = program.add_subcommand("bench", "Measure speed and memory");
+  addModel(*command, options->engine);
+  command->add_option("--repetitions", options->repetitions, "Runs to take the median of")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  command->add_option("--prompt", options->prompt, "Positions of the prefill")
+      ->check(CLI::Range(1, 7000))
+      ->capture_default_str();
+  command->add_option("--steps", options->steps, "Decode steps timed in each repetition")
+      ->check(CLI::Range(1, 4096))
+      ->capture_default_str();
+  command
+      ->add_option("--at", options->at,
+                   "Measure decoding at this depth: with so many positions filled before "
+                   "(default: those of the prompt)")
+      ->check(CLI::Range(1, 7000))
+      ->type_name("N");
+  command->add_flag("--json", options->json, "One JSON object");
+  addExamples(*command,
+              "  zym bench model.zym\n"
+              "  zym bench model.zym --at 4000 --repetitions 3\n"
+              "  zym bench model.zym --threads 2 --json");
+  command->callback([options, &action] { action = [options] { return bench(*options); }; });
+}
+
+}  // namespace zym

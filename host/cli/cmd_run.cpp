@@ -1,0 +1,181 @@
+// zym run: completions, or chat turns, from the command line.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "host/cli/commands.h"
+#include "host/terminal/input_text.h"
+#include "host/terminal/terminal.h"
+#include "host/terminal/utf8.h"
+
+namespace zym {
+namespace {
+
+struct RunOptions {
+  EngineOptions engine;
+  std::vector<std::string> prompts;
+  std::string file;
+  std::string standardInput;  // "-" when the prompt is read from standard input
+  bool chat = false;
+  bool each = false;
+  bool json = false;
+};
+
+kel::Status readPrompt(int fd, const std::string& name, std::string& text) {
+  kel::Status status = readToEnd(fd, name, text);
+  // The line feed that ends a text file is no part of the prompt.
+  if (text.ends_with('\n')) {
+    text.pop_back();
+  }
+  return status;
+}
+
+kel::Status readPromptFile(const std::string& path, std::string& text) {
+  kel::Status status = checkInputFile(path);
+  if (!status.ok()) {
+    return status;
+  }
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return readFailure(path, errno);
+  }
+  status = readPrompt(fd, path, text);
+  ::close(fd);
+  return status;
+}
+
+kel::Status collectPrompts(const RunOptions& options, std::vector<std::string>& prompts) {
+  prompts = options.prompts;
+  kel::Status status;
+  if (!options.file.empty()) {
+    status = readPromptFile(options.file, prompts.emplace_back());
+  }
+  if (status.ok() && options.standardInput == "-") {
+    status = readPrompt(STDIN_FILENO, kStandardInput, prompts.emplace_back());
+  }
+  return status;
+}
+
+void print(const RunOptions& options, const std::string& prompt, const TurnReport& report) {
+  if (options.json) {
+    using Json = nlohmann::ordered_json;
+    Json line = {{"prompt", prompt}, {"reply", report.reply}, {"end", nullptr}};
+    if (report.end != TurnEnd::Unknown) {
+      line["end"] = turnEndName(report.end);
+    }
+    if (options.chat) {
+      line["pieces"] = report.pieces;
+    }
+    fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
+  } else if (isTerminal(1)) {
+    fmt::print("{}\n", withoutControls(report.reply));
+  } else {
+    fmt::print("{}\n", report.reply);
+  }
+  std::fflush(stdout);
+}
+
+// Says why a reply ended before its time. False when no further prompt can be answered.
+bool explainEnd(const TurnReport& report, const BackendLimits& limits) {
+  switch (report.end) {
+    case TurnEnd::Failed:
+      complain(report.fault);
+      return false;
+    case TurnEnd::ContextFull:
+      complain(fmt::format("the context of {} positions is full; shorten the text",
+                           limits.contextCapacity));
+      return false;
+    case TurnEnd::Limit:
+      remark(fmt::format("(the reply was cut at {} tokens)", limits.turnTokens));
+      return true;
+    case TurnEnd::Stopped:
+    case TurnEnd::Unknown:
+    case TurnEnd::Cancelled:
+      break;
+  }
+  return true;
+}
+
+// Why a word that follows MODEL is refused; empty when it is an option or "-".
+std::string checkInputWord(const std::string& word) {
+  if (word == "-") {
+    return "";
+  }
+  return "\"" + word + "\" is no \"-\"; put the whole prompt in quotes, after -p";
+}
+
+int run(const RunOptions& options) {
+  std::vector<std::string> prompts;
+  Engine engine;
+  kel::Status status = collectPrompts(options, prompts);
+  if (status.ok()) {
+    status = openEngine(options.engine, engine);
+  }
+  if (!status.ok()) {
+    complain(status.message);
+    return 1;
+  }
+  for (const std::string& prompt : prompts) {
+    if (options.each) {
+      engine.backend->reset();
+    }
+    const TurnReport report =
+        options.chat ? runTurn(engine, prompt, nullptr, false) : runCompletion(engine, prompt);
+    if (report.end != TurnEnd::Failed) {
+      print(options, prompt, report);
+    }
+    if (!explainEnd(report, engine.backend->limits())) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
+}  // namespace
+
+void addRun(CLI::App& program, Action& action) {
+  auto options = std::make_shared<RunOptions>();
+  CLI::App* command = program.add_subcommand(
+      "run", "Complete a text, or answer chat messages, with at most 96 tokens each");
+  addModel(*command, options->engine);
+  auto* input = command->add_option("INPUT", options->standardInput,
+                                    "\"-\": read the prompt from standard input");
+  input->type_name("")->check(checkInputWord);
+  // Each -p takes one word exactly as it stands on the command line: an option that is a list would
+  // take the words after it as well, and split a text in brackets.
+  auto* prompt = command
+                     ->add_option_function<std::string>(
+                         "-p,--prompt",
+                         [options](const std::string& text) { options->prompts.push_back(text); },
+                         "Prompt; may be repeated: with --chat the turns of one conversation")
+                     ->type_name("TEXT")
+                     ->trigger_on_parse();
+  auto* file = command->add_option("-f,--file", options->file, "Read the prompt from a file")
+                   ->type_name("FILE");
+  command->add_flag("--chat", options->chat, "Frame each prompt as a chat message");
+  command->add_flag("--each", options->each,
+                    "With --chat: every prompt is a conversation of its own");
+  command->add_flag("--json", options->json, "One JSON object per reply");
+  addRaw(*command, options->engine.raw);
+  addSampling(*command, options->engine.sampling);
+  addExamples(*command,
+              "  zym run model.zym --chat -p 'Who are you?'\n"
+              "  zym run model.zym --chat -p 'Hello' -p 'Who are you?' --json\n"
+              "  zym run model.zym -f story.txt --temperature 0.8 --top-k 40 --seed 7\n"
+              "  echo 'Once upon a time' | zym run model.zym -");
+  command->callback([options, prompt, file, input, &action] {
+    if (prompt->count() + file->count() + input->count() == 0) {
+      throw CLI::RequiredError("a prompt (-p TEXT, -f FILE or -)");
+    }
+    action = [options] { return run(*options); };
+  });
+}
+
+}  // namespace zym

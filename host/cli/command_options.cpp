@@ -1,0 +1,49 @@
+#include <string>
+
+#include "host/chat/sampling_settings.h"
+#include "host/cli/commands.h"
+
+namespace zym {
+namespace {
+
+void addSetting(CLI::App& command, const char* name, const char* what, Sampling& sampling) {
+  command
+      .add_option_function<std::string>(
+          std::string("--") + name,
+          [name, &sampling](const std::string& value) {
+            const kel::Status status = setSampling(name, value, sampling);
+            if (!status.ok()) {
+              throw CLI::ValidationError(status.message);
+            }
+          },
+          what)
+      ->type_name("VALUE");
+}
+
+}  // namespace
+
+void addModel(CLI::App& command, EngineOptions& options) {
+  command.add_option("MODEL", options.model, "Container file (.zym)")->required();
+  command
+      .add_option("--plugin", options.plugin,
+                  "Runtime library to load (else ZYM_PLUGIN, else searched)")
+      ->type_name("FILE");
+}
+
+void addSampling(CLI::App& command, Sampling& sampling) {
+  addSetting(command, "temperature", "Randomness; 0, the default, always takes the best token",
+             sampling);
+  addSetting(command, "top-k", "Sample among this many best tokens", sampling);
+  addSetting(command, "top-p", "Below 1 keeps only the best token; 1 turns the cut off", sampling);
+  addSetting(command, "seed", "Start of the random numbers", sampling);
+}
+
+void addRaw(CLI::App& command, bool& raw) {
+  command.add_flag("--raw", raw, "Let special tokens in the text take effect");
+}
+
+void addExamples(CLI::App& command, const std::string& lines) {
+  command.footer("Examples:\n" + lines);
+}
+
+}  // namespace zym

@@ -1,0 +1,32 @@
+// The subcommands. Each adds its options to the program's command line; when it is the one that was
+// called, action is set to what carries it out and returns the exit status: 0 done, 1 failed, 2
+// wrong use, 130 left by Ctrl-C.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <functional>
+#include <string>
+
+#include "host/chat/engine.h"
+
+namespace zym {
+
+using Action = std::function<int()>;
+
+void addChat(CLI::App& program, Action& action);
+void addRun(CLI::App& program, Action& action);
+void addBench(CLI::App& program, Action& action);
+void addInfo(CLI::App& program, Action& action);
+void addCheck(CLI::App& program, Action& action);
+void addTokenize(CLI::App& program, Action& action);
+void addConvert(CLI::App& program, Action& action);
+
+// Options that the generating commands share.
+void addModel(CLI::App& command, EngineOptions& options);
+void addSampling(CLI::App& command, Sampling& sampling);
+void addRaw(CLI::App& command, bool& raw);
+// Puts examples below a command's help.
+void addExamples(CLI::App& command, const std::string& lines);
+
+}  // namespace zym

@@ -1,0 +1,85 @@
+#include "host/cli/program.h"
+
+#include <langinfo.h>
+
+#include <clocale>
+#include <cstdio>
+#include <exception>
+#include <string_view>
+
+#include "host/cli/commands.h"
+#include "host/cli/threads.h"
+#include "host/terminal/terminal.h"
+
+namespace zym {
+namespace {
+
+// The line editor asks the locale whether text is UTF-8. The rest of the program assumes it.
+void useUtf8() {
+  std::setlocale(LC_CTYPE, "");
+  if (std::string_view(nl_langinfo(CODESET)) != "UTF-8") {
+    std::setlocale(LC_CTYPE, "C.UTF-8");
+  }
+}
+
+int perform(const Action& action) {
+  try {
+    const int status = action();
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+      complain("standard output cannot be written; is the disk full?");
+      return 1;
+    }
+    return status;
+  } catch (const std::exception& error) {
+    // In practice memory that runs out: all other faults are returned as a status.
+    complain(error.what());
+    return 1;
+  }
+}
+
+int showOrComplain(const CLI::App& program, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) {
+    return program.exit(error);  // --help and --version
+  }
+  const auto chosen = program.get_subcommands();
+  const std::string name = chosen.empty() ? "zym" : "zym " + chosen.front()->get_name();
+  complain(std::string(error.what()) + "; see " + name + " --help");
+  return 2;
+}
+
+}  // namespace
+
+int runProgram(int argc, const char* const* argv) {
+  useUtf8();
+  CLI::App program("Runs Qwen3.5 hybrid models on the CPU.", "zym");
+  Action action;
+  program.set_version_flag("--version", "zym " ZYM_VERSION);
+  program.require_subcommand(1);
+  program.fallthrough();
+  program
+      .add_option_function<int>("--threads", setThreads,
+                                "Threads to compute with, at most the processors that it may use "
+                                "(default: OMP_NUM_THREADS, else a thread for each physical core)")
+      ->check(CLI::Range(1, 1024))
+      ->type_name("N")
+      ->trigger_on_parse();
+  addChat(program, action);
+  addRun(program, action);
+  addBench(program, action);
+  addInfo(program, action);
+  addCheck(program, action);
+  addTokenize(program, action);
+  addConvert(program, action);
+  addExamples(program,
+              "  zym convert model.gguf model.zym\n"
+              "  zym chat model.zym\n"
+              "  zym COMMAND --help");
+  try {
+    program.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return showOrComplain(program, error);
+  }
+  return perform(action);
+}
+
+}  // namespace zym

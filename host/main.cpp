@@ -1,5 +1,0 @@
-#include "host/program.h"
-
-int main(int argc, char** argv) {
-  return zym::runProgram(argc, argv);
-}

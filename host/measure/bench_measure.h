@@ -1,0 +1,61 @@
+// The measurements that zym bench makes with a backend.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "container/status.h"
+#include "container/zym2_reader.h"
+#include "host/chat/backend.h"
+
+namespace zym {
+
+struct Spread {
+  double median = 0;
+  double min = 0;
+  double max = 0;
+};
+
+// values: at least one.
+Spread spreadOf(std::vector<double> values);
+
+// What a model asks of the machine.
+struct ModelWork {
+  // Read once for each decoded token: the embedding is the output head as well.
+  uint64_t weightBytes = 0;
+  // One for each weight of the blocks; only a prompt's last token has an output head.
+  uint64_t multiplyAddsPerPrefillToken = 0;
+};
+ModelWork modelWork(const kel::ZYM2Reader& reader);
+
+struct PrefillRun {
+  uint64_t positions = 0;  // fed in this run
+  double seconds = 0;
+};
+
+// A limit of the machine that a measured rate stays below: the probe's answer, asked for again a
+// few times while the rate is above it, since a probe has its bad moments too. At last the rate
+// itself, which the machine has shown to be possible.
+double limitAbove(double rate, const std::function<double()>& probe);
+
+// Called with the positions, or decode steps, that a measurement has done so far; may be null. No
+// decode step includes the time that the call takes.
+using MeasureProgress = std::function<void(uint64_t done)>;
+
+// Feeds text from an empty context until at least `positions` are filled, without generating.
+kel::Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run,
+                           const MeasureProgress& onProgress = nullptr);
+
+// Milliseconds of single decode steps: nSteps times the time from one piece to the next, over as
+// many turns as that takes. measurePrefill has filled the context to at least `depth` positions
+// before. Short replies take many turns: when these have filled the context, it is emptied and
+// filled to `depth` again. Gives fewer steps, or none, when the model's replies have no two pieces.
+kel::Status measureDecode(Backend& backend, uint64_t depth, size_t nSteps,
+                          std::vector<double>& stepMs, const MeasureProgress& onProgress = nullptr);
+
+// Fails when nSteps decode steps at this depth, fed as above, would not fit into the context; the
+// message names the options --prompt, --at and --steps.
+kel::Status checkBenchSize(const BackendLimits& limits, uint64_t depth, size_t nSteps);
+
+}  // namespace zym

@@ -1,0 +1,131 @@
+#include "host/measure/multiply_peak.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+
+#include "host/measure/probe_team.h"
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
+namespace zym {
+namespace {
+
+constexpr int kPasses = 5;
+constexpr size_t kSteps = 4000000;
+
+// Chains: at least the latency of a multiply-add times those that begin in a cycle, and as many as
+// the registers hold.
+constexpr size_t kScalarChains = 10;
+
+float scalarChains(size_t nSteps) {
+  float chains[kScalarChains] = {};
+  for (size_t i = 0; i < nSteps; ++i) {
+    for (float& chain : chains) {
+      chain = std::fma(chain, 0.5f, 1.0f);
+    }
+  }
+  float total = 0;
+  for (const float chain : chains) {
+    total += chain;
+  }
+  return total;
+}
+
+#if defined(__x86_64__)
+constexpr size_t kAvx2Chains = 12;
+constexpr size_t kAvx512Chains = 24;
+
+__attribute__((target("avx2,fma"))) float avx2Chains(size_t nSteps) {
+  __m256 chains[kAvx2Chains];
+  for (__m256& chain : chains) {
+    chain = _mm256_setzero_ps();
+  }
+  const __m256 half = _mm256_set1_ps(0.5f);
+  const __m256 one = _mm256_set1_ps(1.0f);
+  for (size_t i = 0; i < nSteps; ++i) {
+#pragma GCC unroll 12
+    for (size_t c = 0; c < kAvx2Chains; ++c) {
+      chains[c] = _mm256_fmadd_ps(chains[c], half, one);
+    }
+  }
+  for (size_t c = 1; c < kAvx2Chains; ++c) {
+    chains[0] = _mm256_add_ps(chains[0], chains[c]);
+  }
+  float lanes[8];
+  _mm256_storeu_ps(lanes, chains[0]);
+  float total = 0;
+  for (const float lane : lanes) {
+    total += lane;
+  }
+  return total;
+}
+
+__attribute__((target("avx512f"))) float avx512Chains(size_t nSteps) {
+  __m512 chains[kAvx512Chains];
+  for (__m512& chain : chains) {
+    chain = _mm512_setzero_ps();
+  }
+  const __m512 half = _mm512_set1_ps(0.5f);
+  const __m512 one = _mm512_set1_ps(1.0f);
+  for (size_t i = 0; i < nSteps; ++i) {
+#pragma GCC unroll 24
+    for (size_t c = 0; c < kAvx512Chains; ++c) {
+      chains[c] = _mm512_fmadd_ps(chains[c], half, one);
+    }
+  }
+  for (size_t c = 1; c < kAvx512Chains; ++c) {
+    chains[0] = _mm512_add_ps(chains[0], chains[c]);
+  }
+  float lanes[16];
+  _mm512_storeu_ps(lanes, chains[0]);
+  float total = 0;
+  for (const float lane : lanes) {
+    total += lane;
+  }
+  return total;
+}
+#endif
+
+std::vector<MultiplyChains> supportedChains() {
+  std::vector<MultiplyChains> kinds;
+#if defined(__x86_64__)
+  if (__builtin_cpu_supports("avx512f")) {
+    kinds.push_back({"avx512", kAvx512Chains * 16, avx512Chains});
+  }
+  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
+    kinds.push_back({"avx2", kAvx2Chains * 8, avx2Chains});
+  }
+#endif
+  if (kinds.empty()) {
+    kinds.push_back({"scalar", kScalarChains, scalarChains});
+  }
+  return kinds;
+}
+
+}  // namespace
+
+const std::vector<MultiplyChains>& multiplyChains() {
+  static const std::vector<MultiplyChains> kinds = supportedChains();
+  return kinds;
+}
+
+double multiplyPeak(int nThreads) {
+  const auto threads = static_cast<size_t>(std::max(nThreads, 1));
+  ProbeTeam team(threads);
+  std::atomic<float> kept{0};  // so that the chains are not optimised away
+  double best = 0;
+  for (const MultiplyChains& kind : multiplyChains()) {
+    for (int pass = 0; pass < kPasses; ++pass) {
+      const double seconds = team.run([&](size_t) { kept = kind.run(kSteps); });
+      if (seconds > 0) {
+        best = std::max(best, static_cast<double>(kSteps * kind.nLanes * threads) / seconds);
+      }
+    }
+  }
+  return kept == 0 ? 0 : best;
+}
+
+}  // namespace zym

@@ -1,9 +1,0 @@
-// The whole program behind its command line.
-#pragma once
-
-namespace zym {
-
-// Parses the command line and carries it out; returns the exit status. Once per process.
-int runProgram(int argc, const char* const* argv);
-
-}  // namespace zym

@@ -1,0 +1,99 @@
+#include "host/terminal/interrupt.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <initializer_list>
+
+namespace zym {
+namespace {
+
+// Written by the signal handler. An int, since the cancel flag of a turn is one; it is written and
+// read in one access.
+volatile int cancelRequested = 0;
+volatile std::sig_atomic_t interrupted = 0;
+volatile std::sig_atomic_t cancellable = 0;
+volatile std::sig_atomic_t leavesAtOnce = 0;
+
+void onInterrupt(int) {
+  if (cancellable != 0 && cancelRequested != 0 && leavesAtOnce != 0) {
+    _exit(kInterruptedExit);
+  }
+  if (cancellable != 0) {
+    cancelRequested = 1;
+  }
+  interrupted = 1;
+}
+
+void catchSignal(int number) {
+  struct sigaction action {};
+  action.sa_handler = onInterrupt;
+  sigemptyset(&action.sa_mask);
+  // With SA_RESTART a write that waits for room in a pipe goes on after the signal. The wait for
+  // input still returns: ppoll is never restarted.
+  action.sa_flags = SA_RESTART;
+  sigaction(number, &action, nullptr);
+}
+
+}  // namespace
+
+void catchInterrupts() {
+  catchSignal(SIGINT);
+}
+
+void catchRequestsToEnd() {
+  for (const int number : {SIGPIPE, SIGXFSZ}) {
+    std::signal(number, SIG_IGN);
+  }
+  for (const int number : {SIGINT, SIGTERM, SIGQUIT, SIGHUP}) {
+    struct sigaction action {};
+    sigaction(number, nullptr, &action);
+    if (action.sa_handler != SIG_IGN) {
+      catchSignal(number);
+    }
+  }
+}
+
+volatile int* cancelFlag() {
+  return &cancelRequested;
+}
+
+CancelScope::CancelScope(FurtherInterrupt further) {
+  leavesAtOnce = further == FurtherInterrupt::Leaves ? 1 : 0;
+  cancelRequested = 0;
+  cancellable = 1;
+}
+
+CancelScope::~CancelScope() {
+  cancellable = 0;
+  interrupted = 0;
+}
+
+bool CancelScope::cancelled() const {
+  return cancelRequested != 0;
+}
+
+bool waitForInput(int fd) {
+  sigset_t interrupt;
+  sigset_t before;
+  sigemptyset(&interrupt);
+  sigaddset(&interrupt, SIGINT);
+  // SIGINT is blocked except during the wait: one that came between the test of the flag and the
+  // wait would not end the wait.
+  pthread_sigmask(SIG_BLOCK, &interrupt, &before);
+  pollfd ready{fd, POLLIN, 0};
+  while (interrupted == 0 && ppoll(&ready, 1, nullptr, &before) < 0 && errno == EINTR) {
+  }
+  // When bytes are ready too, ppoll may return without delivering a pending Ctrl-C. Unblocking
+  // delivers it here, before the bytes are read.
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  if (interrupted == 0) {
+    return true;
+  }
+  interrupted = 0;
+  return false;
+}
+
+}  // namespace zym

@@ -1,0 +1,33 @@
+// Lines of standard input, typed or from a pipe.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+namespace zym {
+
+enum class LineResult {
+  Line,
+  End,          // Ctrl-D, or the end of the pipe
+  Interrupted,  // Ctrl-C; what had been typed is dropped
+  Failed,       // the input cannot be read
+};
+
+class LineReader {
+ public:
+  virtual ~LineReader() = default;
+  // Shows prompt if lines are edited. line: without its line end (LF or CR LF); after Failed, a
+  // message for people. wasEmpty tells, after Interrupted, whether nothing had been typed.
+  virtual LineResult read(const std::string& prompt, std::string& line, bool& wasEmpty) = 0;
+};
+
+// From standard input: with editing and history where it and standard error are terminals (history
+// is loaded from and saved to historyFile, made with mode 0600 if need be; empty: not kept),
+// plainly otherwise.
+std::unique_ptr<LineReader> openLineReader(const std::filesystem::path& historyFile);
+
+// $XDG_STATE_HOME/zym/history or ~/.local/state/zym/history; empty when neither is known.
+std::filesystem::path defaultHistoryFile();
+
+}  // namespace zym

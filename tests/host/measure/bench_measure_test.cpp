@@ -1,0 +1,163 @@
+#include "host/measure/bench_measure.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zym {
+namespace {
+
+// A position for every word and piece, and replies of a fixed number of pieces: the same in every
+// turn, or in every other one.
+class CountingBackend : public Backend {
+ public:
+  kel::Status turn(const std::string& text, const PieceSink& sink, volatile int* cancel) override {
+    for (const char c : text) {
+      positions += c == ' ' ? 1 : 0;
+    }
+    ++turns;
+    const bool shy = everyOther && turns % 2 == 0;
+    for (int i = 0; i < (shy ? 1 : piecesPerTurn) && *cancel == 0; ++i) {
+      if (positions >= capacity) {
+        return kel::Status::invalid("no room");
+      }
+      ++positions;
+      sink("x");
+    }
+    return kel::Status::success();
+  }
+  kel::Status complete(const std::string&, std::string&) override { return {}; }
+  void reset() override {
+    positions = 0;
+    ++resets;
+  }
+  void configure(const Sampling&) override {}
+  BackendStats stats() override { return {positions, 0, 0}; }
+  BackendLimits limits() const override { return {96, capacity}; }
+
+  uint64_t positions = 0;
+  uint64_t capacity = 8192;
+  int piecesPerTurn = 10;
+  bool everyOther = false;
+  int turns = 0;
+  int resets = 0;
+};
+
+TEST(BenchMeasureTest, SpreadOfOddAndEvenCounts) {
+  EXPECT_EQ(spreadOf({3, 1, 2}).median, 2);
+  EXPECT_EQ(spreadOf({4, 1, 2, 3}).median, 2.5);
+  EXPECT_EQ(spreadOf({4, 1, 2, 3}).min, 1);
+  EXPECT_EQ(spreadOf({4, 1, 2, 3}).max, 4);
+}
+
+// A probe that answers one value after the other, the last one for ever.
+class Probes {
+ public:
+  explicit Probes(std::vector<double> values) : answers(std::move(values)) {}
+  double operator()() { return answers[std::min(asked++, answers.size() - 1)]; }
+
+  size_t asked = 0;
+
+ private:
+  std::vector<double> answers;
+};
+
+TEST(BenchMeasureTest, ALimitAboveTheRateIsProbedOnce) {
+  Probes probes({100, 300});
+  EXPECT_EQ(limitAbove(90, std::ref(probes)), 100);
+  EXPECT_EQ(probes.asked, 1U);
+}
+
+TEST(BenchMeasureTest, ALimitBelowTheRateIsProbedAgain) {
+  Probes probes({100, 80, 150, 300});
+  EXPECT_EQ(limitAbove(120, std::ref(probes)), 150);
+  EXPECT_EQ(probes.asked, 3U);
+}
+
+TEST(BenchMeasureTest, ARateThatNoProbeReachesIsTheLimit) {
+  Probes probes({100});
+  EXPECT_EQ(limitAbove(120, std::ref(probes)), 120);
+  EXPECT_LE(probes.asked, 5U);
+}
+
+TEST(BenchMeasureTest, PrefillFillsTheWantedPositionsWithoutGenerating) {
+  CountingBackend backend;
+  PrefillRun run;
+  ASSERT_TRUE(measurePrefill(backend, 1000, run).ok());
+  EXPECT_EQ(run.positions, 1000U);
+}
+
+TEST(BenchMeasureTest, DecodeTakesAsManyTurnsAsItNeeds) {
+  CountingBackend backend;
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 0, 20, stepMs).ok());
+  EXPECT_EQ(stepMs.size(), 20U);  // 9 steps a turn
+}
+
+TEST(BenchMeasureTest, SilentModelEndsTheMeasurement) {
+  CountingBackend backend;
+  backend.piecesPerTurn = 1;
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 0, 20, stepMs).ok());
+  EXPECT_TRUE(stepMs.empty());
+}
+
+TEST(BenchMeasureTest, SilentTurnsInBetweenDoNotEndTheMeasurement) {
+  CountingBackend backend;
+  backend.everyOther = true;
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 0, 90, stepMs).ok());
+  EXPECT_EQ(stepMs.size(), 90U);
+}
+
+TEST(BenchMeasureTest, FullContextIsFilledAgain) {
+  CountingBackend backend;
+  backend.capacity = 100;
+  PrefillRun prefill;
+  ASSERT_TRUE(measurePrefill(backend, 50, prefill).ok());
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 50, 90, stepMs).ok());
+  EXPECT_EQ(stepMs.size(), 90U);  // five turns of 9 steps fill it
+  EXPECT_EQ(backend.resets, 2);
+  EXPECT_EQ(backend.positions, 100U);
+}
+
+TEST(BenchMeasureTest, ContextThatIsFullBeforeAnyStepEndsTheMeasurement) {
+  CountingBackend backend;
+  backend.capacity = 50;
+  PrefillRun prefill;
+  ASSERT_TRUE(measurePrefill(backend, 50, prefill).ok());
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 50, 20, stepMs).ok());
+  EXPECT_TRUE(stepMs.empty());
+}
+
+TEST(BenchMeasureTest, ProgressIsReported) {
+  CountingBackend backend;
+  std::vector<uint64_t> told;
+  const auto listen = [&](uint64_t done) { told.push_back(done); };
+  PrefillRun run;
+  ASSERT_TRUE(measurePrefill(backend, 600, run, listen).ok());
+  EXPECT_EQ(told, (std::vector<uint64_t>{256, 512, 600}));
+  told.clear();
+  std::vector<double> stepMs;
+  ASSERT_TRUE(measureDecode(backend, 600, 3, stepMs, listen).ok());
+  EXPECT_EQ(told, (std::vector<uint64_t>{0, 1, 2, 3}));
+}
+
+TEST(BenchMeasureTest, SizesThatDoNotFitAreRefused) {
+  EXPECT_TRUE(checkBenchSize({96, 8192}, 128, 32).ok());
+  EXPECT_TRUE(checkBenchSize({96, 8192}, 4000, 1000).ok());
+  EXPECT_TRUE(checkBenchSize({96, 8192}, 7000, 32).ok());
+  EXPECT_EQ(
+      checkBenchSize({96, 8192}, 7000, 1200).message,
+      "1200 steps at depth 7000 take about 8640 positions with the framing, the context holds "
+      "8192; lower --steps, or --prompt and --at");
+}
+
+}  // namespace
+}  // namespace zym

@@ -1,0 +1,115 @@
+#include "host/terminal/interrupt.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+#include <vector>
+
+namespace zym {
+namespace {
+
+void raiseTwice(int first, int second) {
+  std::raise(first);
+  std::raise(second);
+}
+
+TEST(InterruptTest, FirstInterruptCancelsTheSpan) {
+  catchInterrupts();
+  const CancelScope scope;
+  EXPECT_FALSE(scope.cancelled());
+  std::raise(SIGINT);
+  EXPECT_TRUE(scope.cancelled());
+  EXPECT_NE(*cancelFlag(), 0);
+}
+
+TEST(InterruptTest, WriteThatWaitsForRoomGoesOn) {
+  catchInterrupts();
+  int pipe[2];
+  ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+  // As much as a pipe holds, and one byte that has to wait.
+  const int room = fcntl(pipe[1], F_GETPIPE_SZ);
+  ASSERT_GT(room, 0);
+  const std::vector<char> bytes(static_cast<size_t>(room));
+  ASSERT_EQ(write(pipe[1], bytes.data(), bytes.size()), room);
+  const CancelScope scope;
+  const pthread_t writer = pthread_self();
+  std::thread reader([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    pthread_kill(writer, SIGINT);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::vector<char> taken(bytes.size());
+    (void)!read(pipe[0], taken.data(), taken.size());
+  });
+  EXPECT_EQ(write(pipe[1], "x", 1), 1);
+  reader.join();
+  EXPECT_TRUE(scope.cancelled());
+  close(pipe[0]);
+  close(pipe[1]);
+}
+
+TEST(InterruptTest, WaitForInputEndsWithAnInterrupt) {
+  catchInterrupts();
+  int pipe[2];
+  ASSERT_EQ(pipe2(pipe, O_CLOEXEC), 0);
+  const pthread_t waiter = pthread_self();
+  std::thread sender([waiter] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    pthread_kill(waiter, SIGINT);
+  });
+  EXPECT_FALSE(waitForInput(pipe[0]));
+  sender.join();
+  close(pipe[1]);
+  EXPECT_TRUE(waitForInput(pipe[0]));  // its end can be read
+  close(pipe[0]);
+}
+
+TEST(InterruptTest, NewSpanIsNotCancelled) {
+  catchInterrupts();
+  {
+    const CancelScope scope;
+    std::raise(SIGINT);
+  }
+  EXPECT_FALSE(CancelScope().cancelled());
+}
+
+TEST(InterruptDeathTest, FurtherInterruptLeavesAtOnce) {
+  EXPECT_EXIT(
+      {
+        catchInterrupts();
+        const CancelScope scope;
+        raiseTwice(SIGINT, SIGINT);
+        std::_Exit(0);
+      },
+      testing::ExitedWithCode(kInterruptedExit), "");
+}
+
+TEST(InterruptDeathTest, WorkThatTidiesUpIsNotCutShort) {
+  EXPECT_EXIT(
+      {
+        catchRequestsToEnd();
+        const CancelScope scope(FurtherInterrupt::IsIgnored);
+        raiseTwice(SIGTERM, SIGINT);
+        raiseTwice(SIGHUP, SIGINT);
+        std::_Exit(scope.cancelled() ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST(InterruptDeathTest, IgnoredSignalsStayIgnored) {
+  EXPECT_EXIT(
+      {
+        std::signal(SIGHUP, SIG_IGN);
+        catchRequestsToEnd();
+        const CancelScope scope(FurtherInterrupt::IsIgnored);
+        std::raise(SIGHUP);
+        std::_Exit(scope.cancelled() ? 1 : 0);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace zym
