@@ -118,7 +118,7 @@ void multiplyRows(const KernelTable& kernels, const Piece& piece, const MatmulIn
     } else if (quantised != nullptr) {
       m.quantisedProduct(piece.data(), quantised, scratch.sums, piece.count, m.cols);
     } else {
-      // An input that is not finite: floats carry that on as they should.
+      // An input that is too large or not finite: floats carry that on as they should.
       for (size_t i = 0; i < piece.count; ++i) {
         decodeRow(kernels, m.type, piece.data() + i * m.stride, scratch.rows, m.cols);
         scratch.sums[i] = kernels.dot(scratch.rows, x, m.cols);

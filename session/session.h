@@ -37,7 +37,7 @@ struct Qwen35Session {
   uint64_t position = 0;       // positions held in the model's caches
   uint64_t sampledTokens = 0;  // since the last reset
   double decodeMsTotal = 0;    // timed forward passes since the last reset
-  double lastDecodeMs = 0;     // the last timed forward pass
+  double lastDecodeMs = 0;     // the last timed forward pass, divided by its tokens
   bool chatActive = false;     // the caches hold a conversation
 
   // Why the opened model cannot be run safely; empty when it can. Found once, at open; prefill

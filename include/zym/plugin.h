@@ -7,7 +7,7 @@
  *
  * Conventions, for every function below:
  *
- * - Status: 0 success; 1 the operation failed (model, tokenizer, numeric or generation failure);
+ * - Status: 0 success; 1 the operation failed: model, tokenizer, numbers, generation or memory;
  *   2 invalid argument (null handle, model not loaded, null or zero-capacity output buffer, null
  *   required record, record declared too short). Nothing is thrown across the boundary.
  * - Texts are NUL-terminated byte strings, normally UTF-8, neither validated nor normalised.
@@ -107,8 +107,9 @@ typedef struct ZYMBenchResult {
 typedef struct ZYMRuntimeStats {
   uint32_t structSize;    /* 32 */
   uint64_t contextTokens; /* positions held in the model's caches */
-  double decodeMsTotal; /* sum of the timed single-token forward passes since the last reset, ms */
-  double lastDecodeMs;  /* the most recent of them, ms */
+  double decodeMsTotal;   /* all forward passes since the last reset, ms; a batch of prompt tokens
+                             is one pass */
+  double lastDecodeMs;    /* the last forward pass, ms, divided by its tokens */
 } ZYMRuntimeStats;
 
 /* Receives each piece of a streamed reply as soon as it exists, on the calling thread, between
@@ -151,7 +152,7 @@ typedef uint32_t (*ZYMConfigureFn)(ZYMRuntimeHandle* handle, const ZYMSessionOpt
 
 /* One turn of a conversation: feeds the user's text behind what the context holds and returns the
  * assistant's reply (at most 96 tokens). Null text is the empty text. A failed turn leaves what was
- * fed in the context; reset starts afresh. */
+ * fed in the context, also when memory ran out; reset starts afresh. */
 typedef uint32_t (*ZYMChatTurnFn)(ZYMRuntimeHandle* handle, const char* userText, char* out,
                                   size_t outCap);
 

@@ -264,10 +264,10 @@ void quantisedRows(const void* weights, const QuantisedInput* x, float* out, siz
   }
 }
 
-// The largest magnitude of a super-block; false when an element is infinite or NaN.
+// The largest magnitude of a super-block; false when an element is too large, infinite or NaN.
 bool largestMagnitude(const float* x, float& largest) {
   const __m256 magnitudeBits = _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF));
-  __m256i most = _mm256_setzero_si256();  // finite magnitudes order as their bits do
+  __m256i most = _mm256_setzero_si256();  // magnitudes order as their bits do, NaN above all
   for (size_t i = 0; i < kChunk; i += kLanes) {
     const __m256 magnitude = _mm256_and_ps(_mm256_loadu_ps(x + i), magnitudeBits);
     most = _mm256_max_epi32(most, _mm256_castps_si256(magnitude));
@@ -277,7 +277,7 @@ bool largestMagnitude(const float* x, float& largest) {
   four = _mm_max_epi32(four, _mm_shuffle_epi32(four, _MM_SHUFFLE(2, 3, 0, 1)));
   const int bits = _mm_cvtsi128_si32(four);
   std::memcpy(&largest, &bits, sizeof largest);
-  return bits < 0x7F800000;
+  return largest < kInputLimit;
 }
 
 double powerOfTwo(int exponent) {
@@ -369,7 +369,7 @@ void quantiseSubBlock(const __m256i (&fixed)[4], size_t block, size_t sub, Quant
   sumOf(out, block, sub) = static_cast<float>(sum) * 0x1p-8f * out.scales[block];
 }
 
-// False when an element is infinite or NaN.
+// False when an element is too large, infinite or NaN.
 bool quantiseSuperBlock(const float* x, size_t block, QuantisedInput& out) {
   float largest;
   if (!largestMagnitude(x, largest)) {

@@ -252,8 +252,8 @@ struct DeltaStep {
 };
 
 // kRegisters * kLanes columns of the state. The first pass only reads: the second decays each
-// element again, which costs less than storing it twice. Four registers of columns fit the first
-// cache between the two.
+// element again, which costs less than storing it twice. Four registers of columns stay in L1
+// between the two.
 template <size_t kRegisters>
 void deltaColumns(const DeltaStep& step, float* columns, float* v) {
   const __m256 decay = _mm256_set1_ps(step.decay);

@@ -182,14 +182,15 @@ void quantiseSubBlock(const int32_t* fixed, bool keepsLastLimb, size_t block, si
       static_cast<float>(sum) * 0x1p-8f * out.scales[block];
 }
 
-// False when an element is infinite or NaN.
+// False when an element is too large, infinite or NaN.
 bool quantiseSuperBlock(const float* x, size_t block, QuantisedInput& out) {
   float largest = 0.0f;
   for (size_t i = 0; i < kChunk; ++i) {
-    if (!std::isfinite(x[i])) {
+    const float magnitude = std::fabs(x[i]);
+    if (!(magnitude < kInputLimit)) {
       return false;
     }
-    largest = std::max(largest, std::fabs(x[i]));
+    largest = std::max(largest, magnitude);
   }
   const int shift = fixedShift(largest);
   int32_t fixed[kChunk];

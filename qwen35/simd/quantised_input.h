@@ -23,6 +23,9 @@ constexpr int32_t kLargestFixed = 0x7F7F7F00;
 constexpr int32_t kOutlierSum = 1 << 27;
 constexpr int kMaxFixedShift = 108;  // products with half-precision scales stay normal numbers
 
+// Magnitudes from here on are not quantised: the sum of a sub-block might pass the range of floats.
+constexpr float kInputLimit = 0x1p122f;
+
 // Four super-blocks of input; those past the end of the vector are all zero. Limbs, sums and
 // scales lie as registers load them.
 struct alignas(64) QuantisedInput {

@@ -160,7 +160,7 @@ TEST_F(OutOfMemoryDeathTest, ATurnIsFedWholeOrNotAtAll) {
     }
     std::_Exit(status == 0 ? kFed : kStands);
   };
-  // The recurrent state before a batch is copied into memory that the first turn took.
+  // Room for a batch and for the copy of the recurrent state before it is taken at create.
   EXPECT_EXIT(child(2, 100), testing::ExitedWithCode(kFed), "");
   EXPECT_EXIT(child(2, kLongText), testing::ExitedWithCode(kStands), "");
 }
