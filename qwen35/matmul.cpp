@@ -18,6 +18,9 @@ constexpr size_t kTileTokens = 3;
 // Weights of a piece: some ten microseconds of reading.
 constexpr size_t kPieceBytes = 96 * 1024;
 
+// Multiply-adds of a piece of tiles: less than half a millisecond.
+constexpr size_t kPieceProducts = size_t{1} << 24;
+
 // Rows that the kernels multiply side by side.
 constexpr size_t kRowsAtOnce = 4;
 
@@ -177,7 +180,8 @@ void multiplyTiles(const KernelTable& kernels, const Piece& piece, const MatmulI
 // Rows of a piece: whole tiles where there are enough of them for all threads.
 size_t pieceRows(const Matrix& m, const MatmulInput& input, size_t nThreads) {
   const bool tiles = multipliesTiles(m.type, input.count, m.cols, input.arithmetic);
-  const size_t bySize = tiles ? kMaxPieceRows : kPieceBytes / std::max<size_t>(m.stride, 1);
+  const size_t bySize = tiles ? kPieceProducts / std::max<size_t>(m.cols * input.count, 1)
+                              : kPieceBytes / std::max<size_t>(m.stride, 1);
   const size_t byThreads = m.rows / (nThreads * kPiecesPerThread);
   const size_t rows = std::min({bySize, byThreads, kMaxPieceRows});
   const size_t unit = rows >= kTileRows ? kTileRows : kRowsAtOnce;
@@ -237,21 +241,24 @@ void multiply(Team::Member& member, const KernelTable& kernels, const MatmulInpu
     pieces += roundUp(shares[i].matrix.rows, shares[i].rows) / shares[i].rows;
     shares[i].endPiece = pieces;
   }
-  member.forEach(pieces, [&](size_t index) {
-    size_t i = 0;
-    while (index >= shares[i].endPiece) {
-      ++i;
-    }
-    const Share& share = shares[i];
-    const Matrix& m = share.matrix;
-    const size_t first = (index - (i == 0 ? 0 : shares[i - 1].endPiece)) * share.rows;
-    const Piece piece{m, products[i], first, std::min(share.rows, m.rows - first)};
-    if (multipliesTiles(m.type, input.count, m.cols, input.arithmetic)) {
-      multiplyTiles(kernels, piece, input, scratch);
-    } else {
-      multiplyRows(kernels, piece, input, scratch);
-    }
-  });
+  member.forEach(
+      pieces,
+      [&](size_t index) {
+        size_t i = 0;
+        while (index >= shares[i].endPiece) {
+          ++i;
+        }
+        const Share& share = shares[i];
+        const Matrix& m = share.matrix;
+        const size_t first = (index - (i == 0 ? 0 : shares[i - 1].endPiece)) * share.rows;
+        const Piece piece{m, products[i], first, std::min(share.rows, m.rows - first)};
+        if (multipliesTiles(m.type, input.count, m.cols, input.arithmetic)) {
+          multiplyTiles(kernels, piece, input, scratch);
+        } else {
+          multiplyRows(kernels, piece, input, scratch);
+        }
+      },
+      input.packed == nullptr ? SIZE_MAX : 1);
 }
 
 }  // namespace qwen35

@@ -3,7 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <chrono>
+#include <thread>
 
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -17,6 +17,13 @@ namespace {
 // a time slice, which another program may be waiting for.
 constexpr std::chrono::microseconds kSpinTime{20};
 constexpr int kLooksPerClock = 16;
+
+// Time on the core after which a thread offers it: less than the time slice that a system gives two
+// programs on one core, at the end of which it would not be asked.
+constexpr std::chrono::microseconds kTurn{1000};
+
+// An offer that nobody takes is over sooner.
+constexpr std::chrono::microseconds kAlone{200};
 
 constexpr uint64_t kStepUnit = uint64_t{1} << 32;
 
@@ -44,7 +51,8 @@ void Team::runErased(void (*body)(Member&, const void*), const void* data) {
   }
 }
 
-bool Team::Member::claim(size_t n, size_t& begin, size_t& end) {
+bool Team::Member::claim(size_t n, size_t longestRun, size_t& begin, size_t& end) {
+  giveWay();
   uint64_t current = team.taken.load(std::memory_order_acquire);
   while (current / kStepUnit == step) {
     begin = current % kStepUnit;
@@ -53,7 +61,7 @@ bool Team::Member::claim(size_t n, size_t& begin, size_t& end) {
     }
     // Runs of pieces, long at first and short in the end: neighbours in memory stay together, and
     // the last pieces are small enough for all threads to end at one time.
-    const size_t run = std::max<size_t>((n - begin) / (2 * team.threads), 1);
+    const size_t run = std::clamp<size_t>((n - begin) / (2 * team.threads), 1, longestRun);
     if (team.taken.compare_exchange_weak(current, current + run, std::memory_order_acquire)) {
       end = begin + run;
       return true;
@@ -83,7 +91,7 @@ void Team::Member::await() {
   if (over()) {
     return;
   }
-  const auto start = std::chrono::steady_clock::now();
+  const Clock::time_point start = Clock::now();
   do {
     for (int look = 0; look < kLooksPerClock; ++look) {
       if (over()) {
@@ -91,10 +99,26 @@ void Team::Member::await() {
       }
       pause();
     }
-  } while (std::chrono::steady_clock::now() - start < kSpinTime);
+  } while (Clock::now() - start < kSpinTime);
   while (!over()) {
     team.ended.wait(mine, std::memory_order_acquire);
   }
+  onCoreSince = Clock::now();
+}
+
+void Team::Member::giveWay() {
+  const Clock::time_point before = Clock::now();
+  if (before - onCoreSince < kTurn) {
+    return;
+  }
+  if (coreIsShared) {
+    // Not a yield, which gives up the rest of the turn for good: a sleeper keeps its fair share.
+    std::this_thread::sleep_for(std::chrono::microseconds(1));
+  } else {
+    std::this_thread::yield();
+  }
+  onCoreSince = Clock::now();
+  coreIsShared = onCoreSince - before > kAlone;
 }
 
 }  // namespace qwen35

@@ -7,10 +7,14 @@
 // back. (The end of the region waits for all threads, once a pass.) Which thread takes a piece
 // decides nothing but time.
 //
-// Waiting threads look for the end of a step for a few microseconds and then sleep.
+// Waiting threads look for the end of a step for a few microseconds and then sleep. A thread that
+// has been at work for a while offers its core before it takes another piece: a program that shares
+// the core then gets its turn while nobody waits for the thread, rather than in the middle of a
+// piece.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -38,14 +42,16 @@ class Team {
     // Has piece(i) called for every i below n, each once and on some thread of the team; returns
     // when all calls have returned, with their effects visible. All members come to the same steps
     // in the same order and with the same n. piece must not throw.
+    //
+    // A thread takes up to longestRun neighbouring pieces at a time: 1 for pieces that take long.
     template <typename Piece>
-    void forEach(size_t n, const Piece& piece) {
+    void forEach(size_t n, const Piece& piece, size_t longestRun = SIZE_MAX) {
       if (n == 0) {
         return;
       }
       size_t begin;
       size_t end;
-      while (claim(n, begin, end)) {
+      while (claim(n, longestRun, begin, end)) {
         for (size_t i = begin; i < end; ++i) {
           piece(i);
         }
@@ -61,14 +67,20 @@ class Team {
     }
 
    private:
+    using Clock = std::chrono::steady_clock;
+
     // Takes pieces of the member's step that nobody has taken. False when there are none left.
-    bool claim(size_t n, size_t& begin, size_t& end);
+    bool claim(size_t n, size_t longestRun, size_t& begin, size_t& end);
     void finish(size_t n, size_t count);
     void await();
+    // Lets another program have the core when this thread, which holds no piece, has had it long.
+    void giveWay();
 
     Team& team;
     size_t self;
     uint32_t step = 0;
+    Clock::time_point onCoreSince = Clock::now();
+    bool coreIsShared = false;  // another program ran when the core was offered last
   };
 
   // Calls body(member) on every thread of one parallel region: as many as the team has, or as
