@@ -124,4 +124,22 @@ TEST(AlignedVectors, LeaveBehindWhatNobodyReads) {
   EXPECT_EQ(31.0f, qwen35::floats(m.layers[0].ssmA)[31]);
 }
 
+// They are never read, so nothing has been said of where they lie.
+TEST(AlignedVectors, LeaveKeyAndValueBiasesAloneWithoutAQueryBias) {
+  for (const char* bias : {"blk.3.attn_k.bias", "blk.3.attn_v.bias"}) {
+    kel::test::BoundViews file({.biases = true});
+    qwen35::Model m;
+    const void* nowhere = reinterpret_cast<const void*>(1);
+    file.view(bias).data = nowhere;
+    file.remove("blk.3.attn_q.bias");
+    ASSERT_TRUE(qwen35::initLayers(file.loader, m, 4) && qwen35::bindModel(file.loader, m, 4));
+
+    qwen35::alignVectors(m);
+
+    EXPECT_TRUE(m.alignedVectors.empty());
+    EXPECT_EQ(&file.view("blk.3.attn_k.bias"), m.layers[3].attnKBias);
+    EXPECT_EQ(&file.view("blk.3.attn_v.bias"), m.layers[3].attnVBias);
+  }
+}
+
 }  // namespace
