@@ -20,7 +20,7 @@ constexpr int kLooksPerClock = 16;
 
 // Time on the core after which a thread offers it: less than the time slice that a system gives two
 // programs on one core, at the end of which it would not be asked.
-constexpr std::chrono::microseconds kTurn{1000};
+constexpr std::chrono::microseconds kTurn{2500};
 
 // An offer that nobody takes is over sooner.
 constexpr std::chrono::microseconds kAlone{200};
