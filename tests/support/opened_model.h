@@ -47,6 +47,15 @@ struct Handle {
   std::vector<float> pass(const std::vector<size_t>& tokens, qwen35::Arithmetic arithmetic,
                           std::vector<float>* logits = nullptr,
                           const qwen35::ContextOptions& options = {}) {
+    qwen35::ContextOptions sized = options;
+    sized.maxTokens = tokens.size();
+    qwen35::Context context(model, sized);
+    return passIn(context, tokens, arithmetic, logits);
+  }
+
+  // The same in a context of the caller.
+  std::vector<float> passIn(qwen35::Context& context, const std::vector<size_t>& tokens,
+                            qwen35::Arithmetic arithmetic, std::vector<float>* logits = nullptr) {
     std::vector<float> embeddings;
     for (const size_t token : tokens) {
       const std::vector<float> row = embedding(token);
@@ -56,9 +65,6 @@ struct Handle {
     if (logits != nullptr) {
       logits->assign(tokens.size() * model.nVocab, 0.0f);
     }
-    qwen35::ContextOptions sized = options;
-    sized.maxTokens = tokens.size();
-    qwen35::Context context(model, sized);
     forward(context, model,
             {.embeddings = embeddings.data(),
              .count = tokens.size(),
