@@ -30,12 +30,11 @@ Tokens prompt(size_t n) {
 
 class PassContext : public testing::Test {
  protected:
-  // Every type of weight, and both kinds of layers.
+  // Weights that are multiplied by each kind of prepared input, and both kinds of layers.
   static const std::string& model() {
     static const ModelFile file({.hidden = 256,
                                  .ffn = 256,
-                                 .types = {QuantType::Q4_K, QuantType::Q8_0, QuantType::Q5_K,
-                                           QuantType::BF16, QuantType::F32},
+                                 .types = {QuantType::Q4_K, QuantType::Q8_0},
                                  .layerKinds = "LFFFFFFF"});
     return file.path;
   }
