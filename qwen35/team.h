@@ -96,14 +96,15 @@ class Team {
  private:
   void runErased(void (*body)(Member&, const void*), const void* data);
 
-  size_t limit;
-  size_t threads = 1;  // of the region under way
-
+  // A cache line each: all threads write to the first two, and look at the third while they wait.
   // Step in the upper half, pieces taken in the lower: a thread that is late cannot take pieces of
   // a later step for those of its own.
   alignas(64) std::atomic<uint64_t> taken{0};
   alignas(64) std::atomic<uint32_t> done{0};   // pieces of the current step
   alignas(64) std::atomic<uint32_t> ended{0};  // steps; waited on
+
+  size_t limit;
+  size_t threads = 1;  // of the region under way
 };
 
 }  // namespace qwen35

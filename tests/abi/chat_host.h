@@ -73,6 +73,25 @@ inline Reply streamTurn(const Handle& handle, const char* text, volatile int* ca
   return reply;
 }
 
+// A turn that is cancelled at its nPieces-th piece, for time; with 0 it is cancelled beforehand and
+// feeds its prompt alone.
+inline Reply firstPieces(const Handle& handle, const std::string& text, size_t nPieces) {
+  struct Turn {
+    Reply reply{};
+    size_t nPieces;
+    volatile int cancel;
+  } turn{.nPieces = nPieces, .cancel = nPieces == 0 ? 1 : 0};
+  const ZYMStreamCallback callback = [](const char* piece, uint32_t length, void* userData) {
+    Turn& own = *static_cast<Turn*>(userData);
+    own.reply.pieces.emplace_back(piece, length);
+    own.reply.text.append(piece, length);
+    own.cancel = own.reply.pieces.size() == own.nPieces ? 1 : 0;
+  };
+  turn.reply.status = plugin().runtimesV2S(nullptr)->chatTurnStream(handle.get(), text.c_str(),
+                                                                    callback, &turn, &turn.cancel);
+  return turn.reply;
+}
+
 inline ZYMRuntimeStats statsOf(const Handle& handle) {
   ZYMRuntimeStats stats{};
   EXPECT_EQ(0u, plugin().runtimesV2(nullptr)->stats(handle.get(), &stats));

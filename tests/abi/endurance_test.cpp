@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <array>
-#include <fstream>
 #include <limits>
 #include <random>
 #include <string>
@@ -11,27 +10,19 @@
 #include "tests/abi/chat_host.h"
 #include "tests/support/chat_model.h"
 #include "tests/support/instrumented.h"
+#include "tests/support/resident_memory.h"
 #include "tests/support/scoped_env.h"
 #include "tests/support/temp_dir.h"
 
 namespace {
 
 using kel::test::ChatModel;
+using kel::test::residentKilobytes;
 using testing_abi::Handle;
 using testing_abi::plugin;
 
 const ZYMRuntimeTableV2& table() {
   return *plugin().runtimesV2(nullptr);
-}
-
-long residentKilobytes() {
-  std::ifstream status("/proc/self/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("VmRSS:")) {
-      return std::stol(line.substr(6));
-    }
-  }
-  return -1;
 }
 
 // Of the calls that a sanitizer has to see: growth is not measured under one, and leaks show early.
@@ -50,9 +41,7 @@ class Endurance : public testing::Test {
   kel::test::TempDir folder;
 };
 
-// Sanitizers keep freed memory aside, which is growth of their own.
-constexpr long kAllowedGrowthKb =
-    kel::test::kInstrumented ? std::numeric_limits<long>::max() : 8192;
+constexpr long kAllowedGrowthKb = kel::test::allowedGrowth(8192);
 
 TEST_F(Endurance, TwoThousandHandlesLeaveMemoryFlat) {
   const std::string path = model();

@@ -6,11 +6,11 @@
 #include <vector>
 
 #include "session/sampler.h"
-#include "tests/session/allocation_counter.h"
+#include "tests/support/allocation_counter.h"
 
 namespace {
 
-using kel::testing::nAllocations;
+using kel::test::nAllocations;
 
 TEST(GreedySampling, AllocatesNothing) {
   const std::vector<float> logits = {1, 5, 3, 2};

@@ -1,5 +1,6 @@
 #include "tests/support/chat_model.h"
 
+#include <cmath>
 #include <cstring>
 #include <stdexcept>
 
@@ -30,6 +31,21 @@ std::vector<float> embedding(uint64_t hidden, size_t vocab, size_t favourite) {
     }
   }
   return values;
+}
+
+RandomModelSpec randomChatSpec(kel::QuantType matrices, uint64_t hidden) {
+  RandomModelSpec spec;
+  spec.hidden = hidden;
+  spec.ffn = 64;
+  spec.types = {matrices};
+  spec.layerKinds = ChatModel{}.layerKinds;
+  spec.tokenizer = chatTables(spec.vocab);
+  return spec;
+}
+
+void scaleVector(TensorPlan& vector, double factor) {
+  vector.low *= static_cast<float>(factor);
+  vector.high *= static_cast<float>(factor);
 }
 
 }  // namespace
@@ -121,12 +137,20 @@ void writeChatModel(const std::string& path, const ChatModel& model) {
 }
 
 void writeRandomChatModel(const std::string& path, kel::QuantType matrices, uint64_t hidden) {
-  RandomModelSpec spec;
-  spec.hidden = hidden;
-  spec.ffn = 64;
-  spec.types = {matrices};
-  spec.layerKinds = ChatModel{}.layerKinds;
-  spec.tokenizer = chatTables(spec.vocab);
+  check(writeRandomModel(path, randomChatSpec(matrices, hidden)));
+}
+
+void writeSensitiveChatModel(const std::string& path, kel::QuantType matrices, uint64_t hidden) {
+  RandomModelSpec spec = randomChatSpec(matrices, hidden);
+  spec.edit = [&spec](std::vector<TensorPlan>& plan) {
+    constexpr double kGrowth = 2;  // of a block's output from one layer to the next
+    for (size_t layer = 0; layer < spec.blocks; ++layer) {
+      const double gain = std::pow(kGrowth, static_cast<double>(layer));
+      const std::string prefix = "blk." + std::to_string(layer);
+      scaleVector(planned(plan, prefix + ".attn_norm.weight"), gain);
+      scaleVector(planned(plan, prefix + ".post_attention_norm.weight"), std::sqrt(gain));
+    }
+  };
   check(writeRandomModel(path, spec));
 }
 

@@ -40,6 +40,13 @@ void writeChatModel(const std::string& path, const ChatModel& model);
 // Random weights throughout, the vocabulary of chatTables: for tests of likeness between entries.
 void writeRandomChatModel(const std::string& path, kel::QuantType matrices, uint64_t hidden = 32);
 
+// The same, and every layer's block outweighs all layers before it: a feed-forward block is a
+// product of two of its inputs, so the relative difference of two states grows from layer to layer,
+// and one in the last bit of a value soon changes what is said. For tests that compare replies
+// where bits are meant.
+void writeSensitiveChatModel(const std::string& path, kel::QuantType matrices,
+                             uint64_t hidden = 32);
+
 // The values of one tensor as the bytes of a plan, and one row of an F32 embedding by its index or
 // its token.
 std::vector<uint8_t> floatBytes(const std::vector<float>& values);

@@ -48,6 +48,16 @@ struct Handle {
                           std::vector<float>* logits = nullptr,
                           const qwen35::ContextOptions& options = {},
                           qwen35::Snapshot* before = nullptr) {
+    qwen35::ContextOptions sized = options;
+    sized.maxTokens = tokens.size();
+    qwen35::Context context(model, sized);
+    return passIn(context, tokens, arithmetic, logits, before);
+  }
+
+  // The same in a context of the caller.
+  std::vector<float> passIn(qwen35::Context& context, const std::vector<size_t>& tokens,
+                            qwen35::Arithmetic arithmetic, std::vector<float>* logits = nullptr,
+                            qwen35::Snapshot* before = nullptr) {
     std::vector<float> embeddings;
     for (const size_t token : tokens) {
       const std::vector<float> row = embedding(token);
@@ -57,9 +67,6 @@ struct Handle {
     if (logits != nullptr) {
       logits->assign(tokens.size() * model.nVocab, 0.0f);
     }
-    qwen35::ContextOptions sized = options;
-    sized.maxTokens = tokens.size();
-    qwen35::Context context(model, sized);
     forward(context, model,
             {.embeddings = embeddings.data(),
              .count = tokens.size(),

@@ -1,16 +1,16 @@
-#include "tests/session/allocation_counter.h"
+#include "tests/support/allocation_counter.h"
 
 #include <cstdlib>
 #include <new>
 
-namespace kel::testing {
+namespace kel::test {
 
-size_t nAllocations = 0;
+std::atomic<size_t> nAllocations = 0;
 
-}  // namespace kel::testing
+}  // namespace kel::test
 
 void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
-  ++kel::testing::nAllocations;
+  ++kel::test::nAllocations;
   return std::malloc(size);
 }
 void* operator new(size_t size) {

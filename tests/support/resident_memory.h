@@ -1,0 +1,28 @@
+// Memory that the process has in use, to be compared before and after.
+#pragma once
+
+#include <fstream>
+#include <limits>
+#include <string>
+
+#include "tests/support/instrumented.h"
+
+namespace kel::test {
+
+// -1 where the system does not say.
+inline long residentKilobytes() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with("VmRSS:")) {
+      return std::stol(line.substr(6));
+    }
+  }
+  return -1;
+}
+
+// Sanitizers keep freed memory aside and books on what is touched, which is growth of their own.
+constexpr long allowedGrowth(long kilobytes) {
+  return kInstrumented ? std::numeric_limits<long>::max() : kilobytes;
+}
+
+}  // namespace kel::test
