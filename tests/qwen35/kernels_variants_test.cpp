@@ -44,7 +44,7 @@ std::string label(const KernelTable& table, QuantType type, size_t rows, size_t 
          "x" + std::to_string(cols);
 }
 
-// The row sums of weights, which is moved one byte off alignment, with inputs one float off.
+// The dot products of weights, which are moved one byte off alignment, with inputs one float off.
 std::vector<uint32_t> unalignedRowSums(const KernelTable& table, QuantType type,
                                        const std::vector<uint8_t>& weights,
                                        const std::vector<float>& x, size_t rows) {
@@ -125,7 +125,7 @@ TEST(KernelVariants, DotIsTheProductOfOneF32Row) {
   }
 }
 
-// The order of a row sum as the contract states it, lane by lane.
+// The order of a dot product as the contract states it, lane by lane.
 float rowSumByContract(const std::vector<float>& w, const std::vector<float>& x) {
   const size_t n = w.size();
   std::array<float, 8> total{};
