@@ -97,7 +97,8 @@ Storage wantedStorage(const MatrixToStore& matrix, const StorageChoice& choice) 
 
 // The nearest format whose blocks divide the row.
 QuantType fittingType(QuantType wanted, uint64_t cols) {
-  if (cols % quant::blockFormat(wanted).elements == 0) {
+  const size_t blockLen = quant::blockFormat(wanted).elements;
+  if (blockLen > 0 && cols % blockLen == 0) {
     return wanted;
   }
   return cols % quant::kBlockLen == 0 ? QuantType::Q8_0 : QuantType::BF16;
