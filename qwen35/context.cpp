@@ -120,6 +120,14 @@ const float* ResidualSum::add(size_t token, size_t nEmbd) const {
   return out;
 }
 
+void skipBlock(const Work& w, const ResidualSum& residual, float* out) {
+  const size_t n = w.m.nEmbd;
+  w.member.forEach(w.count, [&](size_t token) {
+    residual.add(token, n);
+    std::fill_n(out + token * n, n, 0.0f);
+  });
+}
+
 void normStep(const Work& w, const ResidualSum& residual, const kel::TensorView* weights,
               float* normed, const MatmulInput& in) {
   const size_t n = w.m.nEmbd;

@@ -134,6 +134,10 @@ struct Work {
   void prepare(const MatmulInput& in) const;
 };
 
+// A step in place of a block that adds nothing: forms the residual sum of every token; out, [count]
+// [nEmbd], is zero.
+void skipBlock(const Work& w, const ResidualSum& residual, float* out);
+
 // A step: forms the residual sum of every token, norms it with an F32 vector of weights into
 // normed, [count][nEmbd], and fills the other forms of `in`, whose floats those are.
 void normStep(const Work& w, const ResidualSum& residual, const kel::TensorView* weights,

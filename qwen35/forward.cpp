@@ -55,10 +55,7 @@ void feedPrepared(const Work& w, const Layer& layer, const Projections& projecti
 void attention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x) {
   float* out = w.at().blockOut;
   if (w.diagnostics().skips(layer.isLinear)) {
-    w.member.forEach(w.count, [&](size_t token) {
-      x.add(token, w.m.nEmbd);
-      std::fill_n(out + token * w.m.nEmbd, w.m.nEmbd, 0.0f);
-    });
+    skipBlock(w, x, out);
   } else if (layer.isLinear) {
     linearAttention(w, layer, layerIdx, x, out);
   } else {
@@ -96,10 +93,8 @@ void runLayer(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x
       dumpLayer(*trace, w, layerIdx, at.residual, "attn_res");
       dumpLayer(*trace, w, layerIdx, at.normed, "post_norm");
       dumpLayer(*trace, w, layerIdx, at.blockOut, "ffn_mm");
-      // The sum is formed with the next norm; its floats are the same here.
-      for (size_t i = 0; i < w.m.nEmbd; ++i) {
-        at.x[i] = at.residual[i] + at.blockOut[i];
-      }
+      // The next norm forms the same sum again.
+      ResidualSum{at.residual, at.blockOut, at.x}.add(0, w.m.nEmbd);
       dumpLayer(*trace, w, layerIdx, at.x, "layer_out");
     });
   }

@@ -227,10 +227,7 @@ void fullAttention(const Work& w, Layer& layer, size_t layerIdx, const ResidualS
   const PassBuffers& at = w.at();
   const size_t nEmbd = w.m.nEmbd;
   if (layer.pos + w.count > w.m.maxCtx) {
-    w.member.forEach(w.count, [&](size_t token) {
-      x.add(token, nEmbd);
-      std::fill_n(out + token * nEmbd, nEmbd, 0.0f);
-    });
+    skipBlock(w, x, out);
     return;
   }
   const Heads heads(w, layer);
