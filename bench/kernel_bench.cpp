@@ -199,6 +199,96 @@ void addWeightedRows(benchmark::State& state) {
   state.SetLabel(qwen35::kernels().name);
 }
 
+// Kernels of one table with all that they read in L1 or L2, on one thread.
+
+constexpr size_t kCachedRows = 16;
+constexpr size_t kCachedCols = 2560;
+
+void rowsInCache(benchmark::State& state, const qwen35::KernelTable& table, QuantType type) {
+  const std::vector<uint8_t> weights = weight_rows::randomRows(type, kCachedRows, kCachedCols, 1);
+  const std::vector<float> x = randomFloats(kCachedCols, 2);
+  std::vector<float> y(kCachedRows);
+  std::vector<qwen35::QuantisedInput> quantised(qwen35::quantisedGroups(kCachedCols));
+  table.quantiseInput(x.data(), kCachedCols, quantised.data());
+  for ([[maybe_unused]] auto step : state) {
+    switch (type) {
+      case QuantType::F32:
+        table.rowsF32(weights.data(), x.data(), y.data(), kCachedRows, kCachedCols);
+        break;
+      case QuantType::BF16:
+        table.rowsBf16(weights.data(), x.data(), y.data(), kCachedRows, kCachedCols);
+        break;
+      case QuantType::Q8_0:
+        table.rowsQ80(weights.data(), x.data(), y.data(), kCachedRows, kCachedCols);
+        break;
+      case QuantType::Q4_K:
+        table.rowsQ4K(weights.data(), quantised.data(), y.data(), kCachedRows, kCachedCols);
+        break;
+      default:
+        table.rowsQ5K(weights.data(), quantised.data(), y.data(), kCachedRows, kCachedCols);
+        break;
+    }
+    benchmark::DoNotOptimize(y.data());
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(weights.size()) * state.iterations());
+  state.SetItemsProcessed(static_cast<int64_t>(kCachedRows * kCachedCols) * state.iterations());
+}
+
+void decodeInCache(benchmark::State& state, const qwen35::KernelTable& table, QuantType type) {
+  const std::vector<uint8_t> weights =
+      weight_rows::randomRows(type, kCachedRows, qwen35::kChunk, 1);
+  std::vector<float> tile(kCachedRows * qwen35::kChunk);
+  for ([[maybe_unused]] auto step : state) {
+    qwen35::decodeRow(table, type, weights.data(), tile.data(), tile.size());
+    benchmark::DoNotOptimize(tile.data());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(tile.size()) * state.iterations());
+}
+
+void tileInCache(benchmark::State& state, const qwen35::KernelTable& table, size_t tokens) {
+  const std::vector<float> rows = randomFloats(kCachedRows * qwen35::kChunk, 1);
+  const std::vector<float> inputs = randomFloats(tokens * qwen35::kChunk, 2);
+  std::vector<float> parts(kCachedRows * tokens * qwen35::kLanes, 0.0f);
+  for ([[maybe_unused]] auto step : state) {
+    table.addChunkProducts(rows.data(), inputs.data(), parts.data(), kCachedRows, tokens,
+                           qwen35::kChunk);
+    benchmark::DoNotOptimize(parts.data());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(kCachedRows * tokens * qwen35::kChunk) *
+                          state.iterations());
+}
+
+void quantiseInCache(benchmark::State& state, const qwen35::KernelTable& table) {
+  const std::vector<float> x = randomFloats(kCachedCols, 2);
+  std::vector<qwen35::QuantisedInput> quantised(qwen35::quantisedGroups(kCachedCols));
+  for ([[maybe_unused]] auto step : state) {
+    table.quantiseInput(x.data(), kCachedCols, quantised.data());
+    benchmark::DoNotOptimize(quantised.data());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(kCachedCols) * state.iterations());
+}
+
+void registerTable(const qwen35::KernelTable& table) {
+  const std::string prefix = std::string("cached/") + table.name + "/";
+  for (const QuantType type : weight_rows::kProductTypes) {
+    const std::string name = kel::quantTypeName(type);
+    benchmark::RegisterBenchmark(
+        (prefix + "rows/" + name).c_str(),
+        [&table, type](benchmark::State& state) { rowsInCache(state, table, type); });
+    benchmark::RegisterBenchmark(
+        (prefix + "decode/" + name).c_str(),
+        [&table, type](benchmark::State& state) { decodeInCache(state, table, type); });
+  }
+  for (const size_t tokens : {4, 16, 128}) {
+    benchmark::RegisterBenchmark(
+        (prefix + "tile/" + std::to_string(tokens)).c_str(),
+        [&table, tokens](benchmark::State& state) { tileInCache(state, table, tokens); });
+  }
+  benchmark::RegisterBenchmark(
+      (prefix + "quantiseInput").c_str(),
+      [&table](benchmark::State& state) { quantiseInCache(state, table); });
+}
+
 const bool kRegistered = [] {
   constexpr size_t kShapes[][2] = {{2560, 9216}, {4096, 2560}, {248320, 2560}};
   const int nThreads = omp_get_max_threads();
@@ -224,6 +314,9 @@ const bool kRegistered = [] {
         }
       }
     }
+  }
+  for (const qwen35::KernelTable* table : qwen35::supportedKernels()) {
+    registerTable(*table);
   }
   benchmark::RegisterBenchmark("deltaStep/32x128x128", deltaStep);
   benchmark::RegisterBenchmark("addWeightedRows/4096x256", addWeightedRows);

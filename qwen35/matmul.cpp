@@ -208,9 +208,13 @@ void prepareInput(const KernelTable& kernels, const MatmulInput& input, size_t t
                   size_t len) {
   const float* x = input.x + token * input.cols;
   if (input.packed != nullptr) {
+    const auto [first, stride] = packedChunk(kernels, input.count, token);
     for (size_t i = at; i < at + len; i += kChunk) {
-      std::copy_n(x + i, std::min(kChunk, at + len - i),
-                  input.packed + i * input.count + token * kChunk);
+      float* packed = input.packed + i * input.count + first;
+      const size_t end = std::min(i + kChunk, at + len);
+      for (size_t eight = i; eight < end; eight += kLanes, packed += stride) {
+        std::copy_n(x + eight, kLanes, packed);
+      }
     }
   }
   if (input.quantised != nullptr) {

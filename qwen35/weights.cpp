@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "quant/blocks.h"
-#include "qwen35/elementwise.h"
 
 namespace qwen35 {
 
@@ -37,11 +36,7 @@ void decodeRow(const KernelTable& kernels, QuantType type, const void* row, floa
       }
       break;
     case QuantType::BF16:
-      for (size_t i = 0; i < n; ++i) {
-        uint16_t half;
-        std::memcpy(&half, static_cast<const uint8_t*>(row) + i * sizeof half, sizeof half);
-        dst[i] = bf16ToF32(half);
-      }
+      kernels.decodeBf16(row, dst, n);
       break;
     case QuantType::Q8_0:
       (wholeBlocks ? kernels.decodeQ80 : dequantQ80)(row, dst, n);

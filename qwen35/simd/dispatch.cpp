@@ -27,6 +27,11 @@ std::vector<const KernelTable*> supportedKernels() {
   // The builtin also asks whether the operating system saves the wide registers.
   if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && hasF16c()) {
     tables.push_back(&avx2Kernels());
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+        __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512dq") &&
+        __builtin_cpu_supports("avx512vnni")) {
+      tables.push_back(&avx512Kernels());
+    }
   }
 #endif
   return tables;

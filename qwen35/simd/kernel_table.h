@@ -23,8 +23,8 @@
 //   1. For each limb p: n[p] = sum over the sub-blocks of scaleCode * code * limb[p], per lane.
 //      block = fma(n[3], 65536, fma(n[2], 256, fma(n[0], 1/256, n[1]))), the integers taken to
 //      single precision (they fit). chain[lane] = fma(block, superScale * inputScale, chain[lane]).
-//   2. Minimums: sub-block s of super-block b belongs to lane 4 (b mod 2) + s mod 4. In rising b
-//      and s, low[lane] = fma(superMinimum * minimumCode, inputSum, low[lane]).
+//   2. Minimums: sub-block s of every super-block belongs to lane s. In rising super-blocks,
+//      low[lane] = fma(superMinimum * minimumCode, inputSum, low[lane]).
 //   3. After every kSpan elements, and after the last, total[lane] += chain[lane] - low[lane] and
 //      both restart at 0. The totals fold as above.
 // Its error, against the row as the decoder gives it, is at most (n + k + 9) 2^-24 of the sum over
@@ -59,6 +59,9 @@ using QuantisedRowsProduct = void (*)(const void* weights, const QuantisedInput*
 struct KernelTable {
   const char* name;  // "scalar", "avx2", ...
 
+  // Inputs that addChunkProducts takes side by side: 1 or 2.
+  size_t inputsSideBySide;
+
   // Sum of a[i] * b[i], n floats each. n % kLanes == 0: the dot product above. Otherwise one
   // running sum in index order: sum += a[i] * b[i] with both roundings, and sum = fma(a[i], b[i],
   // sum) for the last n % 16 elements.
@@ -79,15 +82,19 @@ struct KernelTable {
   // groups. False, with groups unspecified, when an element is not below kInputLimit in magnitude.
   bool (*quantiseInput)(const float* x, size_t cols, QuantisedInput* groups);
 
+  // The exact values of bfloat16 numbers, at any address; any n.
+  void (*decodeBf16)(const void* src, float* dst, size_t n);
+
   // The exact values of whole blocks, as the decoders of quant/blocks.h give them. n is a multiple
   // of the block length.
   void (*decodeQ80)(const void* src, float* dst, size_t n);
   void (*decodeQ4K)(const void* src, float* dst, size_t n);
   void (*decodeQ5K)(const void* src, float* dst, size_t n);
 
-  // The dot product of several rows and several inputs, a chunk at a time. rows: [nRows][kChunk],
-  // inputs: [nInputs][kChunk], of which the first len (a multiple of kLanes) count; parts:
-  // [nRows][nInputs][kLanes]. The chains of the chunk are added to the parts.
+  // The dot product of several rows and several inputs, a chunk at a time, of which the first len
+  // elements (a multiple of kLanes) count. rows: [nRows][kChunk]. inputs: nInputs * kChunk
+  // floats, each input where packedChunk says. parts: [nRows][nInputs][kLanes]. The chains of the
+  // chunk are added to the parts.
   void (*addChunkProducts)(const float* rows, const float* inputs, float* parts, size_t nRows,
                            size_t nInputs, size_t len);
 
@@ -110,5 +117,21 @@ struct KernelTable {
   void (*deltaStep)(float* state, const float* q, const float* k, float* v, size_t dim, float decay,
                     float beta, float scale);
 };
+
+// Where the chunk of an input lies among the packed inputs of addChunkProducts: groups of
+// inputsSideBySide inputs take turns every kLanes elements; those left over follow, each [kChunk].
+struct PackedChunk {
+  size_t first;   // of the input's first element
+  size_t stride;  // from its eight elements to the next eight
+};
+
+constexpr PackedChunk packedChunk(const KernelTable& kernels, size_t nInputs, size_t input) {
+  const size_t group = kernels.inputsSideBySide;
+  const size_t place = input % group;
+  if (input < nInputs / group * group) {
+    return {(input - place) * kChunk + place * kLanes, group * kLanes};
+  }
+  return {input * kChunk, kLanes};
+}
 
 }  // namespace qwen35

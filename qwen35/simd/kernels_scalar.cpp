@@ -128,6 +128,12 @@ void dequantisedRows(const void* weights, const float* x, float* out, size_t row
   }
 }
 
+void decodeBf16(const void* src, float* dst, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    dst[i] = loadBf16(static_cast<const uint8_t*>(src), i);
+  }
+}
+
 void addChunkProducts(const float* rows, const float* inputs, float* parts, size_t nRows,
                       size_t nInputs, size_t len) {
   for (size_t r = 0; r < nRows; ++r) {
@@ -164,6 +170,12 @@ int fixedShift(float largest) {
   return std::min(shift, kMaxFixedShift);
 }
 
+// Limb p of element i of a sub-block.
+template <typename Input>
+auto& limbOf(Input& x, size_t block, size_t sub, size_t p, size_t i) {
+  return x.limbs[block][sub / 4 * 2 + sub % 2][p][sub % 4 / 2][i];
+}
+
 // Limbs and sum of a sub-block given in fixed point.
 void quantiseSubBlock(const int32_t* fixed, bool keepsLastLimb, size_t block, size_t sub,
                       QuantisedInput& out) {
@@ -174,12 +186,11 @@ void quantiseSubBlock(const int32_t* fixed, bool keepsLastLimb, size_t block, si
       const auto limb = static_cast<int8_t>(rest & 0xFF);
       rest = (rest - limb) / 256;
       const bool kept = p > 0 || keepsLastLimb;
-      out.limbs[block][sub][p][i] = kept ? limb : int8_t{0};
+      limbOf(out, block, sub, p, i) = kept ? limb : int8_t{0};
       sum += kept ? int64_t{limb} << (8 * p) : 0;
     }
   }
-  out.sums[block / 2 * 2 + sub / 4][block % 2 * 4 + sub % 4] =
-      static_cast<float>(sum) * 0x1p-8f * out.scales[block];
+  out.sums[block][sub] = static_cast<float>(sum) * 0x1p-8f * out.scales[block];
 }
 
 // False when an element is too large, infinite or NaN.
@@ -248,12 +259,10 @@ class QuantisedDotProduct {
       kel::quant::getScaleMinK4(static_cast<int>(sub), super + 4, scale, minimum);
       for (size_t p = 0; p < kInputLimbs; ++p) {
         for (size_t i = 0; i < kSubLen; ++i) {
-          sums[p][i / 4] += scale * codes[sub * kSubLen + i] * x.limbs[block][sub][p][i];
+          sums[p][i / 4] += scale * codes[sub * kSubLen + i] * limbOf(x, block, sub, p, i);
         }
       }
-      const size_t lane = block % 2 * 4 + sub % 4;
-      low[lane] = std::fma(superMinimum * static_cast<float>(minimum),
-                           x.sums[block / 2 * 2 + sub / 4][lane], low[lane]);
+      low[sub] = std::fma(superMinimum * static_cast<float>(minimum), x.sums[block][sub], low[sub]);
     }
     const float factor = superScale * x.scales[block];
     for (size_t lane = 0; lane < kLanes; ++lane) {
@@ -342,6 +351,7 @@ const KernelTable& scalarKernels() {
   using namespace kel::quant;
   static constexpr KernelTable kTable = {
       .name = "scalar",
+      .inputsSideBySide = 1,
       .dot = dot,
       .rowsF32 = loadedRows<loadF32, sizeof(float)>,
       .rowsBf16 = loadedRows<loadBf16, sizeof(uint16_t)>,
@@ -349,6 +359,7 @@ const KernelTable& scalarKernels() {
       .rowsQ4K = quantisedRows<codesQ4K, kQ4KBytes>,
       .rowsQ5K = quantisedRows<codesQ5K, kQ5KBytes>,
       .quantiseInput = quantiseInput,
+      .decodeBf16 = decodeBf16,
       .decodeQ80 = dequantQ80,
       .decodeQ4K = dequantQ4K,
       .decodeQ5K = dequantQ5K,

@@ -29,11 +29,13 @@ constexpr float kInputLimit = 0x1p122f;
 // Four super-blocks of input; those past the end of the vector are all zero. Limbs, sums and
 // scales lie as registers load them.
 struct alignas(64) QuantisedInput {
-  int8_t limbs[kGroupSuperBlocks][8][kInputLimbs][32];  // [super-block][sub-block][limb][element]
+  // [super-block][pair][limb][half][element]: sub-block s is half s % 4 / 2 of pair
+  // s / 4 * 2 + s % 2. A pair are the codes that 64 bytes of a row hold in their low, or in their
+  // high, four bits.
+  int8_t limbs[kGroupSuperBlocks][4][kInputLimbs][2][32];
 
-  // The sum of the elements of sub-block s of super-block b: exact in fixed point, then rounded to
-  // single precision. At [2 (b / 2) + s / 4][4 (b mod 2) + s mod 4]: the order in which the
-  // minimums of two super-blocks fill a register.
+  // The sum of the elements of each sub-block: exact in fixed point, then rounded to single
+  // precision.
   float sums[kGroupSuperBlocks][8];
 
   float scales[kGroupSuperBlocks];  // 2^(8 - k), the weight of limb 1

@@ -6,6 +6,11 @@
 namespace qwen35 {
 
 const KernelTable& scalarKernels();
-const KernelTable& avx2Kernels();  // only where ZYM_HAVE_AVX2 is defined; needs AVX2, FMA and F16C
+
+// Each only where ZYM_HAVE_ with its name is defined.
+const KernelTable& avx2Kernels();
+const KernelTable& avxVnniKernels();
+const KernelTable& avx512Kernels();
+const KernelTable& neonKernels();
 
 }  // namespace qwen35

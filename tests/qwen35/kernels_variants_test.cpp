@@ -173,6 +173,7 @@ TEST(KernelVariants, DecodersGiveTheBitsOfTheBlockFormats) {
             << table->name << " " << kel::quantTypeName(type);
       }
     };
+    expectDecoded(QuantType::BF16, table->decodeBf16);
     expectDecoded(QuantType::Q8_0, table->decodeQ80);
     expectDecoded(QuantType::Q4_K, table->decodeQ4K);
     expectDecoded(QuantType::Q5_K, table->decodeQ5K);
@@ -182,8 +183,8 @@ TEST(KernelVariants, DecodersGiveTheBitsOfTheBlockFormats) {
 TEST(KernelVariants, ChunksOfABlockSumUpToTheRowSums) {
   constexpr size_t kCols = 600;  // two whole chunks and a shorter one
   for (const KernelTable* table : qwen35::supportedKernels()) {
-    for (const size_t nRows : {1u, 2u, 4u, 7u, 16u}) {
-      for (const size_t nInputs : {1u, 2u, 3u, 4u, 5u, 8u}) {
+    for (const size_t nRows : {1u, 2u, 4u, 7u, 8u, 11u, 16u}) {
+      for (const size_t nInputs : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 11u, 13u}) {
         std::vector<std::vector<float>> rows;
         std::vector<std::vector<float>> inputs;
         for (uint32_t r = 0; r < nRows; ++r)
@@ -193,15 +194,19 @@ TEST(KernelVariants, ChunksOfABlockSumUpToTheRowSums) {
         std::vector<float> parts(nRows * nInputs * 8 + 1, 0.0f);
         for (size_t at = 0; at < kCols; at += 256) {
           const size_t len = std::min<size_t>(256, kCols - at);
-          const auto packed = [&](const std::vector<std::vector<float>>& from) {
-            std::vector<float> chunk(from.size() * 256, NAN);  // the rest is not looked at
-            for (size_t i = 0; i < from.size(); ++i) {
-              std::copy_n(from[i].data() + at, len, chunk.data() + i * 256);
+          std::vector<float> rowChunks(nRows * 256, NAN);  // the rest is not looked at
+          for (size_t r = 0; r < nRows; ++r) {
+            std::copy_n(rows[r].data() + at, len, rowChunks.data() + r * 256);
+          }
+          std::vector<float> packed(nInputs * 256, NAN);
+          for (size_t p = 0; p < nInputs; ++p) {
+            const auto [first, stride] = qwen35::packedChunk(*table, nInputs, p);
+            for (size_t i = 0; i < len; ++i) {
+              packed[first + i / 8 * stride + i % 8] = inputs[p][at + i];
             }
-            return chunk;
-          };
-          table->addChunkProducts(packed(rows).data(), packed(inputs).data(), parts.data(), nRows,
-                                  nInputs, len);
+          }
+          table->addChunkProducts(rowChunks.data(), packed.data(), parts.data(), nRows, nInputs,
+                                  len);
         }
         EXPECT_EQ(0.0f, parts.back());
         std::vector<float> sums(nRows * nInputs);
@@ -213,6 +218,22 @@ TEST(KernelVariants, ChunksOfABlockSumUpToTheRowSums) {
       }
     }
   }
+}
+
+TEST(KernelVariants, PackedInputsTakeTurnsEveryEightElements) {
+  KernelTable table = scalar();
+  const auto expectChunk = [&](size_t nInputs, size_t input, size_t first, size_t stride) {
+    const auto [actualFirst, actualStride] = qwen35::packedChunk(table, nInputs, input);
+    EXPECT_EQ(first, actualFirst) << input << " of " << nInputs;
+    EXPECT_EQ(stride, actualStride) << input << " of " << nInputs;
+  };
+  expectChunk(5, 3, 3 * 256, 8);
+  table.inputsSideBySide = 2;
+  expectChunk(5, 0, 0, 16);
+  expectChunk(5, 1, 8, 16);
+  expectChunk(5, 2, 2 * 256, 16);
+  expectChunk(5, 3, 2 * 256 + 8, 16);
+  expectChunk(5, 4, 4 * 256, 8);
 }
 
 TEST(KernelVariants, RowSumsAreAccurateToSinglePrecision) {

@@ -385,10 +385,11 @@ class PreparedInput : public ::testing::Test {
 
   void expectFilled(const KernelTable& table) const {
     for (size_t token = 0; token < kTokens; ++token) {
+      const auto [first, stride] = qwen35::packedChunk(table, kTokens, token);
       for (size_t i = 0; i < kCols; ++i) {
-        const size_t chunk = i / qwen35::kChunk;
-        ASSERT_EQ(bits(x[token * kCols + i]),
-                  bits(packed[(chunk * kTokens + token) * qwen35::kChunk + i % qwen35::kChunk]))
+        const size_t chunk = i / qwen35::kChunk * kTokens * qwen35::kChunk;
+        const size_t place = i % qwen35::kChunk / 8 * stride + i % 8;
+        ASSERT_EQ(bits(x[token * kCols + i]), bits(packed[chunk + first + place]))
             << token << " " << i;
       }
       for (size_t g = 0; g < kGroups; ++g) {

@@ -83,17 +83,25 @@ std::vector<std::vector<float>> inputs(size_t cols) {
   return out;
 }
 
+// Limb p of element i of a super-block.
+int64_t limbAt(const QuantisedInput& group, size_t block, size_t i, size_t p) {
+  const size_t sub = i / kSub;
+  const size_t pair = sub / 4 * 2 + sub % 2;  // 0 and 2, 1 and 3, 4 and 6, 5 and 7
+  const size_t half = sub % 4 < 2 ? 0 : 1;
+  return group.limbs[block][pair][p][half][i % kSub];
+}
+
 // An element in fixed point, in units of its last limb.
 int64_t fixedAt(const QuantisedInput& group, size_t block, size_t i) {
   int64_t fixed = 0;
   for (size_t p = 4; p-- > 0;) {
-    fixed = fixed * 256 + group.limbs[block][i / kSub][p][i % kSub];
+    fixed = fixed * 256 + limbAt(group, block, i, p);
   }
   return fixed;
 }
 
 float sumAt(const QuantisedInput& group, size_t block, size_t sub) {
-  return group.sums[block / 2 * 2 + sub / 4][block % 2 * 4 + sub % 4];
+  return group.sums[block][sub];
 }
 
 TEST(QuantisedInput, IsTheNearestFixedPointOfTheLargestShift) {
@@ -130,7 +138,7 @@ TEST(QuantisedInput, LastLimbsAreKeptBesideOutliersAlone) {
     const std::vector<QuantisedInput> groups = quantised(*table, x);
     EXPECT_FALSE(groups[0].keepsLastLimb[0]) << table->name;
     EXPECT_TRUE(groups[0].keepsLastLimb[1]) << table->name;
-    EXPECT_EQ(0, groups[0].limbs[0][0][0][0]) << table->name;
+    EXPECT_EQ(0, limbAt(groups[0], 0, 0, 0)) << table->name;
   }
 }
 
@@ -294,8 +302,7 @@ float sumByContract(QuantType type, const uint8_t* row, const std::vector<float>
         int64_t sums[4] = {};
         for (size_t i = 0; i < kSuper; ++i) {
           for (size_t l = 0; i % kSub / 4 == lane && l < 4; ++l) {
-            sums[l] +=
-                int64_t{p.scale[i / kSub]} * p.code[i] * group.limbs[b % 4][i / kSub][l][i % kSub];
+            sums[l] += int64_t{p.scale[i / kSub]} * p.code[i] * limbAt(group, b % 4, i, l);
           }
         }
         const float units =
@@ -305,9 +312,8 @@ float sumByContract(QuantType type, const uint8_t* row, const std::vector<float>
         chain[lane] = std::fma(value, p.superScale * group.scales[b % 4], chain[lane]);
       }
       for (size_t sub = 0; sub < 8; ++sub) {
-        float& lane = low[4 * (b % 2) + sub % 4];
-        lane = std::fma(p.superMinimum * static_cast<float>(p.minimum[sub]),
-                        sumAt(group, b % 4, sub), lane);
+        low[sub] = std::fma(p.superMinimum * static_cast<float>(p.minimum[sub]),
+                            sumAt(group, b % 4, sub), low[sub]);
       }
     }
     for (size_t lane = 0; lane < 8; ++lane) {

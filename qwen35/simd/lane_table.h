@@ -1,0 +1,42 @@
+// A kernel table from a layer of vector operations (lanes.h).
+#pragma once
+
+#include "qwen35/simd/columns.h"
+#include "qwen35/simd/kernel_table.h"
+#include "qwen35/simd/lanes.h"
+#include "qwen35/simd/quantised_rows.h"
+#include "qwen35/simd/rows.h"
+#include "qwen35/simd/tiles.h"
+
+namespace qwen35 {
+
+namespace {
+
+template <typename V>
+constexpr KernelTable laneTable(const char* name) {
+  using H = typename V::Half;
+  static_assert(V::kFloats == V::kGroups * kLanes && H::kGroups == 1);
+  return {
+      .name = name,
+      .inputsSideBySide = V::kGroups,
+      .dot = dot<H>,
+      .rowsF32 = loadedRows<H, F32Rows<H>>,
+      .rowsBf16 = loadedRows<H, Bf16Rows<H>>,
+      .rowsQ80 = blockRows<H, Q80Rows<H>>,
+      .rowsQ4K = quantisedRows<V, Q4K>,
+      .rowsQ5K = quantisedRows<V, Q5K>,
+      .quantiseInput = quantiseInput<V>,
+      .decodeBf16 = decodeBf16<V>,
+      .decodeQ80 = decodeQ80<V>,
+      .decodeQ4K = decodeSuperBlocks<V, Q4K>,
+      .decodeQ5K = decodeSuperBlocks<V, Q5K>,
+      .addChunkProducts = addChunkProducts<V>,
+      .foldSums = foldSums<V>,
+      .addWeightedRows = addWeightedRows<V>,
+      .deltaStep = deltaStep<V>,
+  };
+}
+
+}  // namespace
+
+}  // namespace qwen35

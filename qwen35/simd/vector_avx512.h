@@ -1,0 +1,141 @@
+// The vector operations of AVX-512 (F, BW, VL, DQ, VNNI), for the lane-generic kernels. See
+// lanes.h.
+#pragma once
+
+#include <immintrin.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "qwen35/simd/kernel_table.h"
+#include "qwen35/simd/vector_avx2.h"
+
+namespace qwen35 {
+
+namespace {
+
+struct Avx512 {
+  using Half = Avx2;
+  static constexpr size_t kGroups = 2;
+  static constexpr size_t kFloats = kGroups * kLanes;
+
+  // Twenty-four chains, three vectors of inputs and a row element in 32 registers.
+  static constexpr size_t kTileRows = 8;
+  static constexpr size_t kTileInputs = 3;
+
+  static constexpr size_t kHeadersAtOnce = 1;  // scale codes stay in registers
+
+  static void prefetch(uintptr_t address) { Avx2::prefetch(address); }
+
+  // ---- floats
+
+  using F = __m512;
+
+  static F zero() { return _mm512_setzero_ps(); }
+  static F all(float x) { return _mm512_set1_ps(x); }
+  static F load(const float* at) { return _mm512_loadu_ps(at); }
+  static F loadRepeated(const float* at) { return _mm512_broadcast_f32x8(_mm256_loadu_ps(at)); }
+  static void store(float* at, F x) { _mm512_storeu_ps(at, x); }
+  static F add(F a, F b) { return _mm512_add_ps(a, b); }
+  static F sub(F a, F b) { return _mm512_sub_ps(a, b); }
+  static F mul(F a, F b) { return _mm512_mul_ps(a, b); }
+  static F fma(F a, F b, F c) { return _mm512_fmadd_ps(a, b, c); }
+
+  static void storeRounded(int32_t* at, F x) { _mm512_storeu_si512(at, _mm512_cvtps_epi32(x)); }
+
+  // ---- codes
+
+  // Two numbers, each in half of the elements of 32 bits.
+  template <int kFirst, int kSecond>
+  static __m512i halves() {
+    return _mm512_setr_epi32(kFirst, kFirst, kFirst, kFirst, kFirst, kFirst, kFirst, kFirst,
+                             kSecond, kSecond, kSecond, kSecond, kSecond, kSecond, kSecond,
+                             kSecond);
+  }
+
+  static constexpr size_t kSubBlocks = 2;
+
+  using Bytes = __m512i;
+
+  static Bytes loadBytes(const void* at) { return _mm512_loadu_si512(at); }
+  static Bytes loadFifths(const void* at) {
+    return _mm512_broadcast_i64x4(_mm256_loadu_si256(static_cast<const __m256i*>(at)));
+  }
+  static Bytes lowNibbles(Bytes x) { return _mm512_and_si512(x, _mm512_set1_epi8(15)); }
+  static Bytes highNibbles(Bytes x) { return lowNibbles(_mm512_srli_epi16(x, 4)); }
+
+  // A rotation of 32 bits brings the wanted bit of each byte to bit 4.
+  template <int kSub>
+  static Bytes withFifths(Bytes codes, Bytes bits) {
+    const __m512i turns = halves<(36 - kSub) % 32, (34 - kSub) % 32>();
+    constexpr int kFirstOrBothOthers = 0xF8;
+    return _mm512_ternarylogic_epi32(codes, _mm512_rolv_epi32(bits, turns), _mm512_set1_epi8(16),
+                                     kFirstOrBothOthers);
+  }
+
+  // What every code stands for, computed once for the 32 codes of a sub-block.
+  template <int kBits>
+  struct Levels {
+    Levels(float scale, float min) {
+      const F first = _mm512_setr_ps(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15);
+      low = _mm512_fmsub_ps(first, all(scale), all(min));
+      if constexpr (kBits == 5) {
+        const F second = add(first, all(16.0f));
+        high = _mm512_fmsub_ps(second, all(scale), all(min));
+      }
+    }
+
+    void store(Half::Bytes codes, float* at) const {
+      const __m128i sixteens[] = {_mm256_castsi256_si128(codes),
+                                  _mm256_extracti128_si256(codes, 1)};
+      for (size_t i = 0; i < 2; ++i) {
+        const __m512i places = _mm512_cvtepu8_epi32(sixteens[i]);
+        if constexpr (kBits == 5) {
+          Avx512::store(at + i * kFloats, _mm512_permutex2var_ps(low, places, high));
+        } else {
+          Avx512::store(at + i * kFloats, _mm512_permutexvar_ps(places, low));
+        }
+      }
+    }
+
+    F low;   // codes 0 to 15
+    F high;  // codes 16 to 31
+  };
+
+  // ---- products of codes and limbs
+
+  // The scale codes of eight sub-blocks, as the low words of 32 bits.
+  struct Scales {
+    Scales() = default;
+    explicit Scales(const Half::Codes& all)
+        : codes(_mm512_castsi256_si512(_mm256_cvtepu8_epi32(all.bytes))) {}
+
+    template <int kSub>
+    __m512i of() const {
+      const __m512i places = halves<kSub, kSub + 2>();
+      return _mm512_permutexvar_epi32(places, codes);
+    }
+
+    __m512i codes;
+  };
+
+  using Sums = __m512i;
+
+  static Sums zeroSums() { return _mm512_setzero_si512(); }
+
+  // Four products of a code below 32 and a limb fit 16 bits, so that the pair of words that they
+  // fill is times the pair of the scale and what lies above it, 0.
+  static Sums addProducts(Sums sums, Bytes codes, const int8_t* limbs, __m512i scale) {
+    const __m512i fours = _mm512_dpbusd_epi32(_mm512_setzero_si512(), codes, loadBytes(limbs));
+    return _mm512_dpwssd_epi32(sums, fours, scale);
+  }
+
+  static Half::F toFloats(Sums sums) {
+    return _mm256_cvtepi32_ps(
+        _mm256_add_epi32(_mm512_castsi512_si256(sums), _mm512_extracti64x4_epi64(sums, 1)));
+  }
+};
+
+}  // namespace
+
+}  // namespace qwen35
