@@ -80,6 +80,10 @@ void addRows(const float* rows, const float* inputs, float* parts, size_t partSt
     addTile<V, V::kTileRows, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len,
                                 next + tile * (kVectorBytes / kTilesPerFetch));
   }
+  constexpr size_t kFew = V::kTileRows > 4 ? 4 : 1;
+  for (; nRows - r >= kFew; r += kFew) {
+    addTile<V, kFew, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len, next);
+  }
   for (; r < nRows; ++r) {
     addTile<V, 1, P>(rows + r * kChunk, inputs, parts + r * partStride, partStride, len, next);
   }
