@@ -153,8 +153,8 @@ void probeMachine(BenchReport& report) {
   report.fitsCaches = report.work.weightBytes <= cacheBytes;
   const auto probeReads = [&] { return readBandwidth(bufferBytes, report.threads); };
   report.bandwidth = report.fitsCaches ? probeReads() : limitAbove(decodeReads(report), probeReads);
-  report.multiplyPeak =
-      limitAbove(prefillMultiplies(report), [&] { return multiplyPeak(report.threads); });
+  report.multiplyPeak = limitAbove(prefillMultiplies(report),
+                                   [&] { return multiplyPeak(report.threads, report.kernels); });
 }
 
 Status measure(const BenchOptions& options, BenchReport& report) {
