@@ -61,7 +61,8 @@ TEST(InstructionSets, AnUnknownNameGivesThePreferredOne) {
 
 TEST(InstructionSets, AnUnknownNameIsShownInOneShortLine) {
   const std::string line =
-      chooseInstructionSet(kSupported, ("a\nb\x1b\x7f\xC3\xA9" + std::string(1000, 'x')).c_str()).fault;
+      chooseInstructionSet(kSupported, ("a\nb\x1b\x7f\xC3\xA9" + std::string(1000, 'x')).c_str())
+          .fault;
   EXPECT_EQ("ZYM_CPU: there are no kernels named \"a?b????" + std::string(33, 'x') +
                 "...\"; using avx512 (supported: scalar, avx2, avx512)",
             line);
