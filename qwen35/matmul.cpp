@@ -139,29 +139,40 @@ void addAndClear(float* totals, float* parts, size_t n) {
   }
 }
 
-constexpr size_t kLineBytes = 64;
+// Rows [row, row + rows) of a matrix from element `at` on, `len` elements of each.
+struct Tile {
+  size_t row;
+  size_t rows;
+  size_t at;
+  size_t len;
 
-// Asks for the next chunk of a row: rows lie too far apart for the processor to foresee it.
-void prefetch(const uint8_t* chunk, size_t bytes) {
-  for (size_t line = 0; line < bytes; line += kLineBytes) {
-    __builtin_prefetch(chunk + line);
+  // Rows of a chunk lie the stride of the matrix apart.
+  const uint8_t* firstChunk(const Matrix& m) const {
+    return m.data + row * m.stride + at / kChunk * rowBytes(m.type, kChunk);
+  }
+};
+
+// Asks for the weights of a tile: its rows lie too far apart for the processor to foresee them.
+void prefetch(const Matrix& m, const Tile& tile) {
+  constexpr size_t kLineBytes = 64;
+  const uint8_t* chunk = tile.firstChunk(m);
+  const size_t bytes = std::min(rowBytes(m.type, kChunk), m.stride);
+  for (size_t r = 0; r < tile.rows; ++r, chunk += m.stride) {
+    for (size_t line = 0; line < bytes; line += kLineBytes) {
+      __builtin_prefetch(chunk + line);
+    }
   }
 }
 
-// Decodes `len` elements of each of `rows` rows, from element `at` on, and adds their products with
-// every input to parts.
-void addTile(const KernelTable& kernels, const Matrix& m, size_t firstRow, size_t rows, size_t at,
-             size_t len, const MatmulInput& input, float* decoded, float* parts) {
-  const size_t chunkBytes = rowBytes(m.type, kChunk);
-  const bool last = at + len == m.cols;
-  const uint8_t* chunk = m.data + firstRow * m.stride + at / kChunk * chunkBytes;
-  for (size_t r = 0; r < rows; ++r, chunk += m.stride) {
-    if (!last) {
-      prefetch(chunk + chunkBytes, chunkBytes);
-    }
-    decodeRow(kernels, m.type, chunk, decoded + r * kChunk, len);
+// Decodes a tile and adds its products with every input to parts.
+void addTile(const KernelTable& kernels, const Matrix& m, const Tile& tile,
+             const MatmulInput& input, float* decoded, float* parts) {
+  const uint8_t* chunk = tile.firstChunk(m);
+  for (size_t r = 0; r < tile.rows; ++r, chunk += m.stride) {
+    decodeRow(kernels, m.type, chunk, decoded + r * kChunk, tile.len);
   }
-  kernels.addChunkProducts(decoded, input.packed + at * input.count, parts, rows, input.count, len);
+  kernels.addChunkProducts(decoded, input.packed + tile.at * input.count, parts, tile.rows,
+                           input.count, tile.len);
 }
 
 // Chunk by chunk for all tokens.
@@ -178,8 +189,14 @@ void multiplyTiles(const KernelTable& kernels, const Piece& piece, const MatmulI
   for (size_t at = 0; at < m.cols; at += kChunk) {
     const size_t len = std::min(kChunk, m.cols - at);
     for (size_t r = 0; r < piece.count; r += kTileRows) {
-      addTile(kernels, m, piece.first + r, std::min(kTileRows, piece.count - r), at, len, input,
-              scratch.rows, scratch.parts + r * rowParts);
+      const Tile tile{piece.first + r, std::min(kTileRows, piece.count - r), at, len};
+      // What is decoded next: the same chunk of the rows that follow, or the next of the first.
+      const size_t next = r + kTileRows < piece.count ? r + kTileRows : 0;
+      if (next > 0 || at + len < m.cols) {
+        prefetch(m, {piece.first + next, std::min(kTileRows, piece.count - next),
+                     next > 0 ? at : at + len, len});
+      }
+      addTile(kernels, m, tile, input, scratch.rows, scratch.parts + r * rowParts);
     }
     if (severalSpans && ((at + len) % kSpan == 0 || at + len == m.cols)) {
       addAndClear(scratch.totals, scratch.parts, nParts);

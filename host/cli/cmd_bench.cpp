@@ -21,6 +21,7 @@
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/units.h"
+#include "qwen35/simd/instruction_sets.h"
 
 namespace zym {
 namespace {
@@ -48,6 +49,7 @@ struct BenchReport {
   uint64_t decodeDepth = 0;  // positions filled before the decode steps
   MemoryUse memory;
   int threads = 0;
+  std::string kernels;  // by the code that the runtime chooses them with
 };
 
 Status readWork(const std::string& path, ModelWork& work) {
@@ -151,12 +153,13 @@ void probeMachine(BenchReport& report) {
   report.fitsCaches = report.work.weightBytes <= cacheBytes;
   const auto probeReads = [&] { return readBandwidth(bufferBytes, report.threads); };
   report.bandwidth = report.fitsCaches ? probeReads() : limitAbove(decodeReads(report), probeReads);
-  report.multiplyPeak =
-      limitAbove(prefillMultiplies(report), [&] { return multiplyPeak(report.threads); });
+  report.multiplyPeak = limitAbove(prefillMultiplies(report),
+                                   [&] { return multiplyPeak(report.threads, report.kernels); });
 }
 
 Status measure(const BenchOptions& options, BenchReport& report) {
   report.threads = threadCount();
+  report.kernels = qwen35::instructionSet().name;
   Engine engine;
   const auto start = std::chrono::steady_clock::now();
   Status status = openEngine(options.engine, engine);
@@ -225,6 +228,7 @@ void printTable(const BenchOptions& options, const BenchReport& report) {
   fmt::print("| {:<33} | {:>29} |\n", "of that pages of files", bytesText(report.memory.file));
   fmt::print("| {:<33} | {:>29} |\n", fmt::format("threads ({} repetitions)", options.repetitions),
              report.threads);
+  fmt::print("| {:<33} | {:>29} |\n", "kernels", report.kernels);
 }
 
 nlohmann::ordered_json spreadJson(const std::vector<double>& speeds) {
@@ -237,6 +241,7 @@ void printJson(const BenchOptions& options, const BenchReport& report) {
   const nlohmann::ordered_json all = {
       {"model", options.engine.model},
       {"threads", report.threads},
+      {"kernels", report.kernels},
       {"repetitions", options.repetitions},
       {"prefillPositions", report.prefillPositions},
       {"prefillTokensPerSecond", spreadJson(report.prefillSpeeds)},

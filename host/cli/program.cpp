@@ -1,15 +1,19 @@
 #include "host/cli/program.h"
 
+#include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <langinfo.h>
 
 #include <clocale>
 #include <cstdio>
 #include <exception>
+#include <string>
 #include <string_view>
 
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
 #include "host/terminal/terminal.h"
+#include "qwen35/simd/instruction_sets.h"
 
 namespace zym {
 namespace {
@@ -20,6 +24,14 @@ void useUtf8() {
   if (std::string_view(nl_langinfo(CODESET)) != "UTF-8") {
     std::setlocale(LC_CTYPE, "C.UTF-8");
   }
+}
+
+// The kernels as the runtime library chooses them. A name in ZYM_CPU that cannot be had is the
+// library's to tell of, when it computes.
+std::string versionText() {
+  return fmt::format("zym " ZYM_VERSION "\nkernels: {} (supported: {})",
+                     qwen35::instructionSet().name,
+                     fmt::join(qwen35::supportedInstructionSets(), ", "));
 }
 
 int perform(const Action& action) {
@@ -53,7 +65,7 @@ int runProgram(int argc, const char* const* argv) {
   useUtf8();
   CLI::App program("Runs Qwen3.5 hybrid models on the CPU.", "zym");
   Action action;
-  program.set_version_flag("--version", "zym " ZYM_VERSION);
+  program.set_version_flag("--version", versionText);
   program.require_subcommand(1);
   program.fallthrough();
   program

@@ -8,13 +8,17 @@
 
 #if defined(__x86_64__)
 #include <immintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
 #endif
 
 namespace zym {
 namespace {
 
 constexpr int kPasses = 5;
-constexpr size_t kSteps = 4000000;
+// Of a pass, which takes some ten milliseconds: without vectors each multiply-add is a call.
+constexpr size_t kVectorSteps = 4000000;
+constexpr size_t kScalarSteps = kVectorSteps / 10;
 
 // Chains: at least the latency of a multiply-add times those that begin in a cycle, and as many as
 // the registers hold.
@@ -87,41 +91,59 @@ __attribute__((target("avx512f"))) float avx512Chains(size_t nSteps) {
   }
   return total;
 }
-#endif
+#elif defined(__aarch64__)
+constexpr size_t kNeonChains = 24;
 
-std::vector<MultiplyChains> supportedChains() {
-  std::vector<MultiplyChains> kinds;
-#if defined(__x86_64__)
-  if (__builtin_cpu_supports("avx512f")) {
-    kinds.push_back({"avx512", kAvx512Chains * 16, avx512Chains});
+float neonChains(size_t nSteps) {
+  float32x4_t chains[kNeonChains];
+  for (float32x4_t& chain : chains) {
+    chain = vdupq_n_f32(0);
   }
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
-    kinds.push_back({"avx2", kAvx2Chains * 8, avx2Chains});
+  const float32x4_t half = vdupq_n_f32(0.5f);
+  const float32x4_t one = vdupq_n_f32(1.0f);
+  for (size_t i = 0; i < nSteps; ++i) {
+#pragma GCC unroll 24
+    for (size_t c = 0; c < kNeonChains; ++c) {
+      chains[c] = vfmaq_f32(one, chains[c], half);
+    }
   }
-#endif
-  if (kinds.empty()) {
-    kinds.push_back({"scalar", kScalarChains, scalarChains});
+  for (size_t c = 1; c < kNeonChains; ++c) {
+    chains[0] = vaddq_f32(chains[0], chains[c]);
   }
-  return kinds;
+  return vaddvq_f32(chains[0]);
 }
+#endif
 
 }  // namespace
 
-const std::vector<MultiplyChains>& multiplyChains() {
-  static const std::vector<MultiplyChains> kinds = supportedChains();
-  return kinds;
+std::vector<MultiplyChains> multiplyChains([[maybe_unused]] std::string_view kernels) {
+#if defined(__x86_64__)
+  const MultiplyChains avx2{"avx2", kAvx2Chains * 8, kVectorSteps, avx2Chains};
+  if (kernels == "avx512") {
+    return {{"avx512", kAvx512Chains * 16, kVectorSteps, avx512Chains}, avx2};
+  }
+  if (kernels == "avx2" || kernels == "avxvnni") {
+    return {avx2};
+  }
+#elif defined(__aarch64__)
+  if (kernels == "neon") {
+    return {{"neon", kNeonChains * 4, kVectorSteps, neonChains}};
+  }
+#endif
+  return {{"scalar", kScalarChains, kScalarSteps, scalarChains}};
 }
 
-double multiplyPeak(int nThreads) {
+double multiplyPeak(int nThreads, std::string_view kernels) {
   const auto threads = static_cast<size_t>(std::max(nThreads, 1));
   ProbeTeam team(threads);
   std::atomic<float> kept{0};  // so that the chains are not optimised away
   double best = 0;
-  for (const MultiplyChains& kind : multiplyChains()) {
+  for (const MultiplyChains& kind : multiplyChains(kernels)) {
     for (int pass = 0; pass < kPasses; ++pass) {
-      const double seconds = team.run([&](size_t) { kept = kind.run(kSteps); });
+      const double seconds = team.run([&](size_t) { kept = kind.run(kind.passSteps); });
       if (seconds > 0) {
-        best = std::max(best, static_cast<double>(kSteps * kind.nLanes * threads) / seconds);
+        best =
+            std::max(best, static_cast<double>(kind.passSteps * kind.nLanes * threads) / seconds);
       }
     }
   }

@@ -1,45 +1,66 @@
 #include "qwen35/simd/dispatch.h"
 
-#ifdef ZYM_HAVE_AVX2
-#include <cpuid.h>
-#endif
+#include <algorithm>
+#include <cstdio>
+#include <string_view>
 
+#include "qwen35/simd/instruction_sets.h"
 #include "qwen35/simd/tables.h"
 
 namespace qwen35 {
 
 namespace {
 
+struct BuiltTable {
+  std::string_view instructionSet;
+  const KernelTable& (*table)();  // only called where the machine runs the set
+};
+
+constexpr BuiltTable kBuilt[] = {
+    {"scalar", scalarKernels},
 #ifdef ZYM_HAVE_AVX2
-// Conversions of half precision, of which not every compiler's builtin knows.
-bool hasF16c() {
-  unsigned registers[4] = {};
-  return __get_cpuid(1, &registers[0], &registers[1], &registers[2], &registers[3]) != 0 &&
-         (registers[2] & bit_F16C) != 0;
-}
+    {"avx2", avx2Kernels},
 #endif
+#ifdef ZYM_HAVE_AVXVNNI
+    {"avxvnni", avxVnniKernels},
+#endif
+#ifdef ZYM_HAVE_AVX512
+    {"avx512", avx512Kernels},
+#endif
+#ifdef ZYM_HAVE_NEON
+    {"neon", neonKernels},
+#endif
+};
+
+// instructionSet: a supported one.
+const KernelTable& tableOf(std::string_view instructionSet) {
+  return std::find_if(
+             std::begin(kBuilt), std::end(kBuilt),
+             [=](const BuiltTable& built) { return built.instructionSet == instructionSet; })
+      ->table();
+}
+
+const KernelTable& chosenTable() {
+  const InstructionSetChoice& choice = instructionSet();
+  if (!choice.fault.empty()) {
+    std::fprintf(stderr, "%s\n", choice.fault.c_str());
+  }
+  return tableOf(choice.name);
+}
 
 }  // namespace
 
 std::vector<const KernelTable*> supportedKernels() {
-  std::vector<const KernelTable*> tables{&scalarKernels()};
-#ifdef ZYM_HAVE_AVX2
-  // The builtin also asks whether the operating system saves the wide registers.
-  if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") && hasF16c()) {
-    tables.push_back(&avx2Kernels());
-    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-        __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512dq") &&
-        __builtin_cpu_supports("avx512vnni")) {
-      tables.push_back(&avx512Kernels());
-    }
+  std::vector<const KernelTable*> tables;
+  for (const std::string_view instructionSet : supportedInstructionSets()) {
+    tables.push_back(&tableOf(instructionSet));
   }
-#endif
   return tables;
 }
 
 const KernelTable& kernels() {
-  static const KernelTable* const chosen = supportedKernels().back();
-  return *chosen;
+  static const KernelTable& chosen = chosenTable();
+  return chosen;
 }
 
 }  // namespace qwen35

@@ -3,9 +3,14 @@
 
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+#include <utility>
 
 #include "qwen35/processors.h"
+#include "qwen35/simd/instruction_sets.h"
 #include "tests/e2e/fixture.h"
+#include "tests/support/scoped_env.h"
 
 namespace zym {
 namespace {
@@ -42,12 +47,32 @@ TEST_F(ProgramTest, WrongUseExitsWithTwo) {
 TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   const Outcome version = zym({"--version"});
   EXPECT_EQ(version.status, 0);
-  EXPECT_EQ(version.out, "zym " ZYM_VERSION "\n");
+  EXPECT_EQ(version.out.rfind("zym " ZYM_VERSION "\n", 0), 0U) << version.out;
   for (const char* command : {"chat", "run", "bench", "info", "check", "tokenize", "convert"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;
     EXPECT_NE(help.out.find("Examples:\n  zym "), std::string::npos) << command;
+  }
+}
+
+// The message about a name that cannot be had comes from the runtime alone: once.
+TEST_F(ProgramTest, VersionTellsWhichKernelsTheRuntimeUses) {
+  std::string supported;
+  for (const std::string_view name : qwen35::supportedInstructionSets()) {
+    supported.append(supported.empty() ? "" : ", ").append(name);
+  }
+  const std::string best(qwen35::supportedInstructionSets().back());
+  for (const auto& [wanted, used] : {std::pair<const char*, std::string>{"scalar", "scalar"},
+                                     {best.c_str(), best},
+                                     {"abacus", best},
+                                     {"", best}}) {
+    const kel::test::ScopedEnv environment("ZYM_CPU", wanted);
+    const Outcome version = zym({"--version"});
+    EXPECT_EQ(version.status, 0);
+    EXPECT_EQ(version.out,
+              "zym " ZYM_VERSION "\nkernels: " + used + " (supported: " + supported + ")\n");
+    EXPECT_EQ(version.err, "") << wanted;
   }
 }
 
@@ -363,12 +388,14 @@ TEST_F(ProgramTest, BenchRefusesSizesThatDoNotFit) {
 }
 
 TEST_F(ProgramTest, BenchReportsEveryMeasure) {
+  const kel::test::ScopedEnv environment("ZYM_CPU", "scalar");
   const Outcome outcome = zym({"--threads", "1000", "bench", model, "--json", "--repetitions", "2",
                                "--prompt", "20", "--steps", "4"});
   ASSERT_EQ(outcome.status, 0) << outcome.err;
   EXPECT_EQ(outcome.err, "");  // no bar in a pipe, and no plain line so soon
   const Json report = Json::parse(outcome.out);
   EXPECT_EQ(report["threads"], qwen35::usableProcessors());  // no more run
+  EXPECT_EQ(report["kernels"], "scalar");
   EXPECT_EQ(report["repetitions"], 2);
   EXPECT_GE(report["prefillPositions"], 20);
   for (const char* speed : {"prefillTokensPerSecond", "decodeTokensPerSecond"}) {

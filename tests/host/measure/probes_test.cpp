@@ -10,11 +10,14 @@
 #include <memory>
 #include <random>
 #include <stdexcept>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/measure/multiply_peak.h"
 #include "host/measure/probe_team.h"
 #include "host/measure/read_bandwidth.h"
+#include "qwen35/simd/instruction_sets.h"
 
 namespace zym {
 namespace {
@@ -36,10 +39,31 @@ TEST(ProbesTest, EveryReaderReadsEveryWordOnce) {
 }
 
 TEST(ProbesTest, EveryLaneOfEveryChainTakesEveryStep) {
-  ASSERT_FALSE(multiplyChains().empty());
-  for (const MultiplyChains& chains : multiplyChains()) {
-    EXPECT_EQ(chains.run(3), 1.75F * static_cast<float>(chains.nLanes)) << chains.name;
+  for (const std::string_view kernels : qwen35::supportedInstructionSets()) {
+    for (const MultiplyChains& chains : multiplyChains(kernels)) {
+      EXPECT_EQ(chains.run(3), 1.75F * static_cast<float>(chains.nLanes)) << chains.name;
+    }
   }
+}
+
+// Wider ones would make the share of the kernels look small.
+TEST(ProbesTest, ChainsAreNoWiderThanTheKernels) {
+  const auto names = [](std::string_view kernels) {
+    std::vector<std::string> all;
+    for (const MultiplyChains& chains : multiplyChains(kernels)) {
+      all.emplace_back(chains.name);
+    }
+    return all;
+  };
+  using Names = std::vector<std::string>;
+  EXPECT_EQ(names("scalar"), Names{"scalar"});
+#if defined(__x86_64__)
+  EXPECT_EQ(names("avx2"), Names{"avx2"});
+  EXPECT_EQ(names("avxvnni"), Names{"avx2"});
+  EXPECT_EQ(names("avx512"), (Names{"avx512", "avx2"}));
+#elif defined(__aarch64__)
+  EXPECT_EQ(names("neon"), Names{"neon"});
+#endif
 }
 
 TEST(ProbesTest, EveryThreadOfATeamWorksOnceInEveryPass) {
