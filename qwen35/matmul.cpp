@@ -164,13 +164,15 @@ void prefetch(const Matrix& m, const Tile& tile) {
   }
 }
 
-// Decodes a tile and adds its products with every input to parts.
-void addTile(const KernelTable& kernels, const Matrix& m, const Tile& tile,
+// Decodes a tile and adds its products with every input to parts. next: the tile that is decoded
+// after it, which arrives meanwhile.
+void addTile(const KernelTable& kernels, const Matrix& m, const Tile& tile, const Tile& next,
              const MatmulInput& input, float* decoded, float* parts) {
   const uint8_t* chunk = tile.firstChunk(m);
   for (size_t r = 0; r < tile.rows; ++r, chunk += m.stride) {
     decodeRow(kernels, m.type, chunk, decoded + r * kChunk, tile.len);
   }
+  prefetch(m, next);
   kernels.addChunkProducts(decoded, input.packed + tile.at * input.count, parts, tile.rows,
                            input.count, tile.len);
 }
@@ -190,13 +192,15 @@ void multiplyTiles(const KernelTable& kernels, const Piece& piece, const MatmulI
     const size_t len = std::min(kChunk, m.cols - at);
     for (size_t r = 0; r < piece.count; r += kTileRows) {
       const Tile tile{piece.first + r, std::min(kTileRows, piece.count - r), at, len};
-      // What is decoded next: the same chunk of the rows that follow, or the next of the first.
-      const size_t next = r + kTileRows < piece.count ? r + kTileRows : 0;
-      if (next > 0 || at + len < m.cols) {
-        prefetch(m, {piece.first + next, std::min(kTileRows, piece.count - next),
-                     next > 0 ? at : at + len, len});
+      // The same chunk of the rows that follow, or the next chunk of the first rows.
+      const bool more = r + kTileRows < piece.count;
+      Tile next{piece.first, 0, at, len};
+      if (more) {
+        next = {tile.row + kTileRows, std::min(kTileRows, piece.count - r - kTileRows), at, len};
+      } else if (at + len < m.cols) {
+        next = {piece.first, std::min(kTileRows, piece.count), at + len, len};
       }
-      addTile(kernels, m, tile, input, scratch.rows, scratch.parts + r * rowParts);
+      addTile(kernels, m, tile, next, input, scratch.rows, scratch.parts + r * rowParts);
     }
     if (severalSpans && ((at + len) % kSpan == 0 || at + len == m.cols)) {
       addAndClear(scratch.totals, scratch.parts, nParts);
