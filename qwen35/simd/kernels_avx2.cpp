@@ -11,6 +11,7 @@
 #include "qwen35/simd/avx2_blocks.h"
 #include "qwen35/simd/avx2_common.h"
 #include "qwen35/simd/avx2_quantised.h"
+#include "qwen35/simd/exponential.h"
 #include "qwen35/simd/tables.h"
 
 namespace qwen35 {
@@ -320,6 +321,45 @@ void deltaStep(float* state, const float* q, const float* k, float* v, size_t di
   }
 }
 
+// The layer of exponential.h.
+struct Avx2Exponential {
+  static constexpr size_t kFloats = 8;
+  using F = __m256;
+  struct D {
+    __m256d low;
+    __m256d high;
+  };
+
+  static F load(const float* at) { return _mm256_loadu_ps(at); }
+  static void store(float* at, F x) { _mm256_storeu_ps(at, x); }
+  static F all(float x) { return _mm256_set1_ps(x); }
+  static F add(F a, F b) { return _mm256_add_ps(a, b); }
+  static F sub(F a, F b) { return _mm256_sub_ps(a, b); }
+  static F mul(F a, F b) { return _mm256_mul_ps(a, b); }
+  static F div(F a, F b) { return _mm256_div_ps(a, b); }
+  // Both give their second operand where one is a NaN.
+  static F atLeast(F low, F x) { return _mm256_max_ps(low, x); }
+  static F atMost(F high, F x) { return _mm256_min_ps(high, x); }
+
+  static D toDouble(F x) {
+    return {_mm256_cvtps_pd(_mm256_castps256_ps128(x)),
+            _mm256_cvtps_pd(_mm256_extractf128_ps(x, 1))};
+  }
+  static F toFloat(D x) { return _mm256_set_m128(_mm256_cvtpd_ps(x.high), _mm256_cvtpd_ps(x.low)); }
+  static D allD(double x) { return {_mm256_set1_pd(x), _mm256_set1_pd(x)}; }
+  static D subD(D a, D b) { return {_mm256_sub_pd(a.low, b.low), _mm256_sub_pd(a.high, b.high)}; }
+  static D fmaD(D a, D b, D c) {
+    return {_mm256_fmadd_pd(a.low, b.low, c.low), _mm256_fmadd_pd(a.high, b.high, c.high)};
+  }
+  static D addExponent(D p, D t) { return {addShifted(p.low, t.low), addShifted(p.high, t.high)}; }
+
+ private:
+  static __m256d addShifted(__m256d p, __m256d t) {
+    const __m256i shifted = _mm256_slli_epi64(_mm256_castpd_si256(t), 52);
+    return _mm256_castsi256_pd(_mm256_add_epi64(_mm256_castpd_si256(p), shifted));
+  }
+};
+
 }  // namespace
 
 const KernelTable& avx2Kernels() {
@@ -339,6 +379,9 @@ const KernelTable& avx2Kernels() {
       .foldSums = avx2::foldSums,
       .addWeightedRows = addWeightedRows,
       .deltaStep = deltaStep,
+      .exponentials = exponentials<Avx2Exponential>,
+      .sigmoidGate = sigmoidGate<Avx2Exponential>,
+      .siluGate = siluGate<Avx2Exponential>,
   };
   return kTable;
 }
