@@ -1,6 +1,7 @@
 // The exponential of the kernel tables: its error over all floats, against the C library's in
 // double precision, whose own error is 2^-29 of what is looked at here; the kernels made of it; and
-// every table of this machine against the scalar one, bit for bit.
+// every table of this machine against the scalar one, bit for bit. And the logarithm of one plus an
+// exponential.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include <limits>
 #include <vector>
 
+#include "qwen35/elementwise.h"
 #include "qwen35/simd/dispatch.h"
 #include "tests/qwen35/weight_rows.h"
 #include "tests/support/instrumented.h"
@@ -25,7 +27,8 @@ using weight_rows::randomFloats;
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
 const KernelTable& scalar() {
-  return *qwen35::supportedKernels().front();
+  static const KernelTable& table = *qwen35::supportedKernels().front();
+  return table;
 }
 
 // The distance of neighbouring floats about a magnitude in the range of floats.
@@ -37,12 +40,13 @@ double unitInLastPlace(float value) {
 
 // Whether `actual` is within `units` in the last place of an exact value, and infinite exactly
 // where that rounds to infinity.
-bool isWithin(double units, double exact, float actual) {
+template <typename Exact>
+bool isWithin(double units, Exact exact, float actual) {
   const auto rounded = static_cast<float>(exact);
   if (std::isinf(rounded) || std::isinf(actual)) {
     return rounded == actual;
   }
-  return std::abs(static_cast<double>(actual) - exact) < units * unitInLastPlace(rounded);
+  return std::abs(static_cast<Exact>(actual) - exact) < units * unitInLastPlace(rounded);
 }
 
 // Beyond 89 and -104.5 the result is infinity or zero, and next to zero it is 1.
@@ -262,6 +266,48 @@ TEST(Exponential, ShortRunsAtAnyAddressAndInPlaceAreTheSame) {
       EXPECT_EQ(bits(expected), bits(out)) << table->name << " " << n << ", in place";
     }
   }
+}
+
+// The logarithm is as good as rounded once from its exact value.
+TEST(LogOnePlus, IsRoundedOnceOverAllPositiveFloats) {
+  std::atomic<uint64_t> wrong{0};
+  forAllFloats(kSamples ? 20011 : 1009, [&](const std::vector<float>& x) {
+    for (const float value : x) {
+      if (value >= 0.0f && value < kInfinity) {
+        const long double exact = std::log1p(static_cast<long double>(value));
+        wrong += !isWithin(0.5 + 0x1p-24, exact, qwen35::logOnePlus(value));
+      }
+    }
+  });
+  EXPECT_EQ(0u, wrong);
+}
+
+TEST(LogOnePlus, SpecialValues) {
+  EXPECT_EQ(0u, bits(qwen35::logOnePlus(0.0f)));
+  EXPECT_EQ(0x1p-149f, qwen35::logOnePlus(0x1p-149f));
+  EXPECT_EQ(0x1.62e43p-1f, qwen35::logOnePlus(1.0f));
+  EXPECT_TRUE(std::isnan(qwen35::logOnePlus(NAN)));
+}
+
+// An error of the exponential, relative to it, comes out no larger in the logarithm; but where the
+// one is just above a power of two and the other just below, it counts twice as many units.
+TEST(Softplus, IsWithinOneAndAHalfUnitsOverAllFloats) {
+  std::atomic<uint64_t> wrong{0};
+  forAllFloats(kSamples ? 20011 : 1009, [&](const std::vector<float>& x) {
+    std::vector<float> out(x.size());
+    qwen35::softplus(x.data(), out.data(), x.size());
+    for (size_t i = 0; i < x.size(); ++i) {
+      if (x[i] > 20.0f) {
+        wrong += out[i] != x[i];
+      } else if (std::isnan(x[i])) {
+        wrong += !std::isnan(out[i]);
+      } else {
+        const long double exact = std::log1p(std::exp(static_cast<long double>(x[i])));
+        wrong += !isWithin(0.5 + 2 * 0.51, exact, out[i]);
+      }
+    }
+  });
+  EXPECT_EQ(0u, wrong);
 }
 
 }  // namespace
