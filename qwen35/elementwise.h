@@ -29,14 +29,25 @@ void rmsNorm(const float* x, const float* w, float* out, size_t n, float eps);
 // out = x * inv, inv = 1 / sqrt(sum(x^2) + eps). The squares are summed in double in index order.
 void l2NormBlocks(const float* x, float* out, size_t nBlocks, size_t blockLen, float eps);
 
+// The exponential of KernelTable, of one value.
+float exponential(float x);
+
+// log(1 + x) for finite x >= 0, computed in double precision to 2^-50 of the result and rounded
+// once: the same bits everywhere, which the C library's does not promise. A NaN gives a NaN. The
+// series is that of 2 artanh(f / (2 + f)), Abramowitz and Stegun, "Handbook of Mathematical
+// Functions", 4.1.27.
+float logOnePlus(float x);
+
+// All exponentials below are that one, and every other operation rounds to single precision.
+
 // out[i] = x[i] / (1 + exp(-x[i])).
 void silu(const float* x, float* out, size_t n);
 
 // out[i] = 1 / (1 + exp(-x[i])).
 void sigmoid(const float* x, float* out, size_t n);
 
-// out[i] = log1p(exp(x[i])), or x[i] itself above 20, where the two agree to single precision and
-// the exponential would overflow later.
+// out[i] = logOnePlus(exp(x[i])), or x[i] itself above 20, where the two agree to single precision
+// and the exponential would overflow later.
 void softplus(const float* x, float* out, size_t n);
 
 // Between bfloat16 and float (quant/bfloat16.h).

@@ -4,7 +4,6 @@
 #include <cassert>
 #include <chrono>
 
-#include "qwen35/elementwise.h"
 #include "qwen35/full_attention.h"
 #include "qwen35/linear_attention.h"
 #include "qwen35/weights.h"
@@ -43,10 +42,7 @@ void feedPrepared(const Work& w, const Layer& layer, const Projections& projecti
     const size_t n = std::min(kGroupLen, width - begin);
     float* gate = w.at().gate + token * width + begin;
     const float* up = w.at().up + token * width + begin;
-    silu(gate, gate, n);
-    for (size_t i = 0; i < n; ++i) {
-      gate[i] *= up[i];
-    }
+    w.kernels().siluGate(up, gate, gate, n);
     prepareInput(w.kernels(), activated, token, begin, n);
   });
   w.multiply(activated, down);

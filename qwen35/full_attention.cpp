@@ -52,14 +52,13 @@ float scale(std::span<float> scores) {
   return highest;
 }
 
-// Turns scores into exponentials; returns their sum, added in position order.
-float exponentiate(std::span<float> scores, float highest) {
-  float sum = 0.0f;
-  for (float& score : scores) {
-    score = std::exp(score - highest);
-    sum += score;
+// The sum in position order.
+float sum(std::span<const float> exponentials) {
+  float total = 0.0f;
+  for (const float exponential : exponentials) {
+    total += exponential;
   }
-  return sum;
+  return total;
 }
 
 // The tokens of a pass in one layer.
@@ -174,7 +173,8 @@ class Heads {
     if (h == 0 && w.count == 1 && w.diagnostics().reportsScores(w.pos, layerIdx)) {
       printScoreStatistics(own.data(), own.size() - 1, highest);
     }
-    inverseSum(begin, token, h) = 1.0f / exponentiate(own, highest);
+    w.kernels().exponentials(own.data(), highest, own.data(), own.size());
+    inverseSum(begin, token, h) = 1.0f / sum(own);
   }
 
   // Dimensions [first, first + n) of the outputs.
@@ -193,11 +193,8 @@ class Heads {
             });
     for (size_t token = begin; token < end; ++token) {
       for (size_t h = g * group; h < (g + 1) * group; ++h) {
-        const float* gates = projected(token, h) + d + first;
         float* out = headOut(token, h) + first;
-        for (size_t i = 0; i < n; ++i) {
-          out[i] /= 1.0f + std::exp(-gates[i]);
-        }
+        w.kernels().sigmoidGate(out, projected(token, h) + d + first, out, n);
       }
     }
   }

@@ -73,7 +73,7 @@ class Mixer {
       past[1] = past[2];
       past[2] = in[c];
     }
-    silu(out + begin, out + begin, d);
+    w.kernels().sigmoidGate(out + begin, out + begin, out + begin, d);
   }
 
   void convolveAll(size_t begin) const {
@@ -93,7 +93,8 @@ class Mixer {
   void openGates(size_t token, size_t h) const {
     float* beta = at.beta + token * m.ssmHeads + h;
     float* g = at.decay + token * m.ssmHeads + h;
-    sigmoid(beta, beta, 1);
+    const float one = 1.0f;
+    w.kernels().sigmoidGate(&one, beta, beta, 1);
     *g += floats(layer.ssmDtBias)[h];
     softplus(g, g, 1);
     *g *= floats(layer.ssmA)[h];
@@ -103,8 +104,10 @@ class Mixer {
   void update(size_t token, size_t h, size_t g) const {
     const float* query = at.unitKeys + token * 2 * keyFloats + g * d;
     const float logDecay = w.diagnostics().noDecay ? 0.0f : at.decay[token * m.ssmHeads + h];
+    float decay;
+    w.kernels().exponentials(&logDecay, 0.0f, &decay, 1);
     w.kernels().deltaStep(layer.ssmState.data() + h * d * d, query, query + keyFloats,
-                          at.conv + token * channels + 2 * keyFloats + h * d, d, std::exp(logDecay),
+                          at.conv + token * channels + 2 * keyFloats + h * d, d, decay,
                           at.beta[token * m.ssmHeads + h], scale);
   }
 
@@ -114,9 +117,7 @@ class Mixer {
     const float* z = at.z + token * m.ssmInner + h * d;
     float* out = at.ssmOut + token * m.ssmInner + h * d;
     rmsNorm(value, floats(layer.ssmNorm), out, d, kNormEps);
-    for (size_t i = 0; i < d; ++i) {
-      out[i] *= z[i] / (1.0f + std::exp(-z[i]));
-    }
+    w.kernels().siluGate(out, z, out, d);
   }
 
   const Work& w;
@@ -156,7 +157,7 @@ void report(const Work& w, const Layer& layer, size_t layerIdx, const float* out
 
 void gdnStep(float* state, const float* q, const float* k, float* v, float beta, size_t dim,
              float g, float scale) {
-  kernels().deltaStep(state, q, k, v, dim, std::exp(g), beta, scale);
+  kernels().deltaStep(state, q, k, v, dim, exponential(g), beta, scale);
 }
 
 void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x,

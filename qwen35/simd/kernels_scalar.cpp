@@ -345,6 +345,45 @@ void deltaStep(float* state, const float* q, const float* k, float* v, size_t di
   }
 }
 
+float exponential(float x) {
+  constexpr double kRounder = 0x1.8p52;
+  constexpr double kReciprocalFactorials[] = {
+      1.0, 1.0, 1.0 / 2, 1.0 / 6, 1.0 / 24, 1.0 / 120, 1.0 / 720, 1.0 / 5040, 1.0 / 40320};
+  // Written so that a NaN passes.
+  x = x < -110.0f ? -110.0f : x;
+  x = x > 100.0f ? 100.0f : x;
+  const double d = x;
+  const double t = std::fma(d, 0x1.71547652b82fep0, kRounder);
+  const double k = t - kRounder;
+  const double r = std::fma(k, -0x1.62e42fefa39efp-1, d);
+  double p = kReciprocalFactorials[8];
+  for (size_t n = 8; n-- > 0;) {
+    p = std::fma(p, r, kReciprocalFactorials[n]);
+  }
+  // t ends in the integer k, which goes to the exponent. The low bits of a NaN that was a float are
+  // zero.
+  const uint64_t exponent = std::bit_cast<uint64_t>(t) << 52;
+  return static_cast<float>(std::bit_cast<double>(std::bit_cast<uint64_t>(p) + exponent));
+}
+
+void exponentials(const float* x, float shift, float* out, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    out[i] = exponential(x[i] - shift);
+  }
+}
+
+void sigmoidGate(const float* x, const float* gates, float* out, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    out[i] = x[i] / (1.0f + exponential(-gates[i]));
+  }
+}
+
+void siluGate(const float* x, const float* gates, float* out, size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    out[i] = x[i] * (gates[i] / (1.0f + exponential(-gates[i])));
+  }
+}
+
 }  // namespace
 
 const KernelTable& scalarKernels() {
@@ -367,6 +406,9 @@ const KernelTable& scalarKernels() {
       .foldSums = foldSums,
       .addWeightedRows = addWeightedRows,
       .deltaStep = deltaStep,
+      .exponentials = exponentials,
+      .sigmoidGate = sigmoidGate,
+      .siluGate = siluGate,
   };
   return kTable;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qwen35/simd/columns.h"
+#include "qwen35/simd/exponential.h"
 #include "qwen35/simd/kernel_table.h"
 #include "qwen35/simd/lanes.h"
 #include "qwen35/simd/quantised_rows.h"
@@ -34,6 +35,9 @@ constexpr KernelTable laneTable(const char* name) {
       .foldSums = foldSums<V>,
       .addWeightedRows = addWeightedRows<V>,
       .deltaStep = deltaStep<V>,
+      .exponentials = exponentials<V>,
+      .sigmoidGate = sigmoidGate<V>,
+      .siluGate = siluGate<V>,
   };
 }
 

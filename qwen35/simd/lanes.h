@@ -12,8 +12,12 @@
 //              Block headers of the K formats that are read before their products.
 //   prefetch(address)  Asks for a line of memory. The address may be anything.
 //
-//   F          kFloats floats: zero, all (one float everywhere), load, store, add, sub, mul,
+//   F          kFloats floats: zero, all (one float everywhere), load, store, add, sub, mul, div,
 //              fma(a, b, c) = a * b + c rounded once. loadRepeated: eight floats, in every group.
+//              atLeast(low, x) = x < low ? low : x and atMost(high, x) = x > high ? high : x, so
+//              that a NaN stays.
+//   D          As many doubles: toDouble, toFloat (rounded), allD, subD, fmaD. addExponent(p, t):
+//              the bits of p, to which those of t are added as integers, 52 places up.
 //   storeRounded(at, x)  Nearest integers, ties to even, of floats within the range of int32_t.
 //
 // and, where kGroups is 1 (V::Half):

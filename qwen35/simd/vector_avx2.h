@@ -43,7 +43,11 @@ struct Avx2 {
   static F add(F a, F b) { return _mm256_add_ps(a, b); }
   static F sub(F a, F b) { return _mm256_sub_ps(a, b); }
   static F mul(F a, F b) { return _mm256_mul_ps(a, b); }
+  static F div(F a, F b) { return _mm256_div_ps(a, b); }
   static F fma(F a, F b, F c) { return _mm256_fmadd_ps(a, b, c); }
+  // Both give their second operand where one is a NaN.
+  static F atLeast(F low, F x) { return _mm256_max_ps(low, x); }
+  static F atMost(F high, F x) { return _mm256_min_ps(high, x); }
 
   static float fold(F x) {
     const __m128 four = _mm_add_ps(_mm256_castps256_ps128(x), _mm256_extractf128_ps(x, 1));
@@ -77,6 +81,30 @@ struct Avx2 {
 
   static void storeRounded(int32_t* at, F x) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(at), _mm256_cvtps_epi32(x));
+  }
+
+  // ---- doubles
+
+  struct D {
+    __m256d low;
+    __m256d high;
+  };
+
+  static D toDouble(F x) {
+    return {_mm256_cvtps_pd(_mm256_castps256_ps128(x)),
+            _mm256_cvtps_pd(_mm256_extractf128_ps(x, 1))};
+  }
+  static F toFloat(D x) { return _mm256_set_m128(_mm256_cvtpd_ps(x.high), _mm256_cvtpd_ps(x.low)); }
+  static D allD(double x) { return {_mm256_set1_pd(x), _mm256_set1_pd(x)}; }
+  static D subD(D a, D b) { return {_mm256_sub_pd(a.low, b.low), _mm256_sub_pd(a.high, b.high)}; }
+  static D fmaD(D a, D b, D c) {
+    return {_mm256_fmadd_pd(a.low, b.low, c.low), _mm256_fmadd_pd(a.high, b.high, c.high)};
+  }
+  static D addExponent(D p, D t) { return {addShifted(p.low, t.low), addShifted(p.high, t.high)}; }
+
+  static __m256d addShifted(__m256d p, __m256d t) {
+    const __m256i shifted = _mm256_slli_epi64(_mm256_castpd_si256(t), 52);
+    return _mm256_castsi256_pd(_mm256_add_epi64(_mm256_castpd_si256(p), shifted));
   }
 
   // ---- codes

@@ -39,9 +39,40 @@ struct Avx512 {
   static F add(F a, F b) { return _mm512_add_ps(a, b); }
   static F sub(F a, F b) { return _mm512_sub_ps(a, b); }
   static F mul(F a, F b) { return _mm512_mul_ps(a, b); }
+  static F div(F a, F b) { return _mm512_div_ps(a, b); }
   static F fma(F a, F b, F c) { return _mm512_fmadd_ps(a, b, c); }
+  // Both give their second operand where one is a NaN.
+  static F atLeast(F low, F x) { return _mm512_max_ps(low, x); }
+  static F atMost(F high, F x) { return _mm512_min_ps(high, x); }
 
   static void storeRounded(int32_t* at, F x) { _mm512_storeu_si512(at, _mm512_cvtps_epi32(x)); }
+
+  // ---- doubles
+
+  struct D {
+    __m512d low;
+    __m512d high;
+  };
+
+  static D toDouble(F x) {
+    return {_mm512_cvtps_pd(_mm512_castps512_ps256(x)),
+            _mm512_cvtps_pd(_mm512_extractf32x8_ps(x, 1))};
+  }
+  static F toFloat(D x) {
+    return _mm512_insertf32x8(_mm512_castps256_ps512(_mm512_cvtpd_ps(x.low)),
+                              _mm512_cvtpd_ps(x.high), 1);
+  }
+  static D allD(double x) { return {_mm512_set1_pd(x), _mm512_set1_pd(x)}; }
+  static D subD(D a, D b) { return {_mm512_sub_pd(a.low, b.low), _mm512_sub_pd(a.high, b.high)}; }
+  static D fmaD(D a, D b, D c) {
+    return {_mm512_fmadd_pd(a.low, b.low, c.low), _mm512_fmadd_pd(a.high, b.high, c.high)};
+  }
+  static D addExponent(D p, D t) { return {addShifted(p.low, t.low), addShifted(p.high, t.high)}; }
+
+  static __m512d addShifted(__m512d p, __m512d t) {
+    const __m512i shifted = _mm512_slli_epi64(_mm512_castpd_si512(t), 52);
+    return _mm512_castsi512_pd(_mm512_add_epi64(_mm512_castpd_si512(p), shifted));
+  }
 
   // ---- codes
 

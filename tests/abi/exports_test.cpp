@@ -1,5 +1,5 @@
 // Reads the plugin's dynamic symbol table from the ELF file: what a host can resolve is exactly the
-// four entry points.
+// four entry points, and what the plugin resolves holds no inexact function of single precision.
 #include <elf.h>
 #include <gtest/gtest.h>
 
@@ -39,7 +39,9 @@ std::vector<Elf64_Shdr> sectionHeaders(const std::vector<char>& image) {
   return sections;
 }
 
-std::set<std::string> exportedSymbols(const std::vector<char>& image) {
+enum class Symbols { Exported, Imported };
+
+std::set<std::string> dynamicSymbols(const std::vector<char>& image, Symbols kind) {
   const std::vector<Elf64_Shdr> sections = sectionHeaders(image);
   std::set<std::string> names;
   for (const Elf64_Shdr& section : sections) {
@@ -49,7 +51,8 @@ std::set<std::string> exportedSymbols(const std::vector<char>& image) {
     const Elf64_Shdr& strings = sections.at(section.sh_link);
     for (size_t at = 0; at < section.sh_size; at += sizeof(Elf64_Sym)) {
       const auto symbol = recordAt<Elf64_Sym>(image, section.sh_offset + at);
-      if (symbol.st_shndx == SHN_UNDEF || symbol.st_name == 0) {
+      const bool imported = symbol.st_shndx == SHN_UNDEF;
+      if (imported != (kind == Symbols::Imported) || symbol.st_name == 0) {
         continue;
       }
       names.insert(image.data() + strings.sh_offset + symbol.st_name);
@@ -80,7 +83,20 @@ std::set<std::string> neededLibraries(const std::vector<char>& image) {
 TEST(Exports, AreExactlyTheFourEntryPoints) {
   const std::set<std::string> expected = {"zym_plugin_init", "zym_plugin_runtimes",
                                           "zym_plugin_runtimes_v2", "zym_plugin_runtimes_v2s"};
-  EXPECT_EQ(expected, exportedSymbols(readLibrary()));
+  EXPECT_EQ(expected, dynamicSymbols(readLibrary(), Symbols::Exported));
+}
+
+// In single precision a difference in the last bit of such a function is one in a result.
+TEST(Dependencies, HaveNoInexactFunctionsOfSinglePrecision) {
+  if (kel::test::kInstrumented) {
+    GTEST_SKIP() << "an instrumented build brings the functions of its own runtime";
+  }
+  const std::set<std::string> imported = dynamicSymbols(readLibrary(), Symbols::Imported);
+  EXPECT_TRUE(imported.contains("exp")) << "the sampler's, in double precision";
+  for (const char* name : {"exp", "exp2", "exp10", "expm1", "log", "log2", "log10", "log1p", "pow",
+                           "sin", "cos", "sincos", "tan", "sinh", "cosh", "tanh", "cbrt", "erf"}) {
+    EXPECT_FALSE(imported.contains(std::string(name) + "f")) << name;
+  }
 }
 
 TEST(Dependencies, AreTheLanguageRuntimesAlone) {

@@ -95,20 +95,22 @@ class AttentionRule : public ::testing::Test {
       a.firstScores = scores;
       a.firstHighest = highest;
     }
+    std::vector<float> exponentials;
     float sum = 0.0f;
     for (const float score : scores) {
-      sum += std::exp(score - highest);
+      exponentials.push_back(scalar_rules::exponential(score - highest));
+      sum += exponentials.back();
     }
     const float inverse = 1.0f / sum;
     std::vector<float> out(kWidth);
     for (size_t d = 0; d < kWidth; ++d) {
       float o = 0.0f;
       for (size_t p = 0; p <= a.cached; ++p) {
-        const float weight = std::exp(scores[p] - highest) * inverse;
+        const float weight = exponentials[p] * inverse;
         const float product = weight * a.values[first + p * kWidth + d];
         o += product;
       }
-      const float below = 1.0f + std::exp(-gate[d]);
+      const float below = 1.0f + scalar_rules::exponential(-gate[d]);
       out[d] = o / below;
     }
     return out;

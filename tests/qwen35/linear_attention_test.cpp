@@ -176,10 +176,12 @@ TEST_F(LinearAttention, LogDecayIsTheLogisticSumUpTo20AndTheArgumentItselfAbove)
     const std::string line = testing::internal::GetCapturedStderr();
     return std::stod(line.substr(line.find("av0 ") + 4));
   };
-  EXPECT_EQ(-1048576.0 * static_cast<double>(std::log1p(std::exp(20.0f))), logDecay(20.0f));
+  EXPECT_EQ(-1048576.0 * static_cast<double>(static_cast<float>(std::log1p(std::exp(20.0)))),
+            logDecay(20.0f));
   EXPECT_EQ(-1048576.0 * 20.5, logDecay(20.5f));
-  // log1pf(expf(3)) is far from 3, so the lower branch shows.
-  EXPECT_EQ(-1048576.0 * static_cast<double>(std::log1p(std::exp(3.0f))), logDecay(3.0f));
+  // log1p(exp(3)) is far from 3, so the lower branch shows.
+  EXPECT_EQ(-1048576.0 * static_cast<double>(static_cast<float>(std::log1p(std::exp(3.0)))),
+            logDecay(3.0f));
 }
 
 TEST_F(LinearAttention, StepReportIsPrintedForLayer0Alone) {

@@ -1,6 +1,9 @@
 // The rules of the arithmetic as plain scalar loops, each rounding where the rule has one. Tests
 // compare the product with them bit for bit.
 //
+// The exponential is that of the scalar kernels, which exponential_test.cpp holds to its
+// definition.
+//
 // The order in which a row's products are added is left open by the rules, so the matrices here are
 // OneHotRows: a row has a single weight, and its product with a vector is one multiplication in any
 // order.
@@ -15,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "qwen35/simd/dispatch.h"
 #include "tests/support/hand_tensors.h"
 
 namespace scalar_rules {
@@ -56,19 +60,30 @@ inline std::vector<float> l2Norm(const float* x, size_t n, float eps = kEps) {
   return out;
 }
 
+inline float exponential(float x) {
+  static const qwen35::KernelTable& scalar = *qwen35::supportedKernels().front();
+  float out = 0.0f;
+  scalar.exponentials(&x, 0.0f, &out, 1);
+  return out;
+}
+
 // x / (1 + exp(-x)): one division, where x times the logistic function would round twice.
 inline float silu(float x) {
-  const float below = 1.0f + std::exp(-x);
+  const float below = 1.0f + exponential(-x);
   return x / below;
 }
 
 inline float sigmoid(float x) {
-  const float below = 1.0f + std::exp(-x);
+  const float below = 1.0f + exponential(-x);
   return 1.0f / below;
 }
 
+// The logarithm is rounded once, from more than single precision.
 inline float softplus(float x) {
-  return x > 20.0f ? x : std::log1p(std::exp(x));
+  if (x > 20.0f) {
+    return x;
+  }
+  return static_cast<float>(std::log1p(static_cast<double>(exponential(x))));
 }
 
 // Rotates the pairs (i, i + rotated / 2). The angle of a pair is that of the pair before times one
@@ -92,7 +107,7 @@ inline void rotate(float* head, size_t rotated, uint64_t pos) {
 // One update of a gated delta rule's state, [dim (key)][dim (value)], and its read-out into v.
 inline void gatedDelta(float* state, const float* q, const float* k, float* v, float beta,
                        size_t dim, float g, float scale) {
-  const float decay = std::exp(g);
+  const float decay = exponential(g);
   for (size_t i = 0; i < dim * dim; ++i) {
     state[i] *= decay;
   }
