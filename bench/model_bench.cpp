@@ -1,4 +1,5 @@
-// Speed of the whole model: milliseconds per token and where they go.
+// Speed of the whole model: milliseconds per token and where they go, and prompts of several
+// lengths.
 //
 //   model_bench [hidden feed-forward vocabulary [tokens]]
 //
@@ -159,6 +160,44 @@ void run(Handle& handle, size_t tokens) {
               read / perToken);
 }
 
+// Tokens/s of prompts of several lengths, each with the logits of its last token, as a turn of a
+// chat has them.
+void runBatches(Handle& handle) {
+  constexpr size_t kRounds = 3;
+  constexpr size_t kCounts[] = {1, 2, 4, 8, 16, 32, 64, qwen35::kBatchTokens};
+  qwen35::Model& m = handle.model;
+  qwen35::Context context(m, {.maxTokens = qwen35::kBatchTokens});
+  std::vector<float> embeddings(qwen35::kBatchTokens * m.nEmbd);
+  std::vector<float> logits(m.nVocab);
+  for (size_t token = 0; token < qwen35::kBatchTokens; ++token) {
+    qwen35::embedRow(m, token % m.nVocab, embeddings.data() + token * m.nEmbd);
+  }
+  std::array<std::vector<double>, std::size(kCounts)> took;
+  for (size_t round = 0; round <= kRounds; ++round) {
+    for (size_t i = 0; i < std::size(kCounts); ++i) {
+      resetModel(m);
+      double once = 0;
+      addTime(once, [&] {
+        forward(context, m,
+                {.embeddings = embeddings.data(),
+                 .count = kCounts[i],
+                 .arithmetic = qwen35::Arithmetic::Batch,
+                 .logits = logits.data()});
+      });
+      if (round > 0) {
+        took[i].push_back(once);
+      }
+    }
+  }
+  const double longest =
+      static_cast<double>(kCounts[std::size(kCounts) - 1]) / median(took[std::size(kCounts) - 1]);
+  for (size_t i = 0; i < std::size(kCounts); ++i) {
+    const double perMillisecond = static_cast<double>(kCounts[i]) / median(took[i]);
+    std::printf("prompt of %3zu    %9.2f tokens/s; of a whole batch's %.2f\n", kCounts[i],
+                1000.0 * perMillisecond, perMillisecond / longest);
+  }
+}
+
 uint64_t argument(int argc, char** argv, int index, uint64_t otherwise) {
   return argc > index ? std::strtoull(argv[index], nullptr, 10) : otherwise;
 }
@@ -172,11 +211,12 @@ int main(int argc, char** argv) {
                                         .vocab = argument(argc, argv, 3, 248320),
                                         .types = {kel::QuantType::Q4_K}};
   const kel::test::ModelFile file(spec);
-  Handle handle(file.path, 2 * tokens + 1);
+  Handle handle(file.path, std::max<uint64_t>(2 * tokens + 1, qwen35::kBatchTokens));
   std::printf(
       "hidden %llu, feed-forward %llu, vocabulary %llu, Q4_K; kernels %s, %d threads\n",
       static_cast<unsigned long long>(spec.hidden), static_cast<unsigned long long>(spec.ffn),
       static_cast<unsigned long long>(spec.vocab), qwen35::kernels().name, omp_get_max_threads());
   run(handle, tokens);
+  runBatches(handle);
   return 0;
 }

@@ -22,6 +22,14 @@ constexpr size_t kPieceBytes = 96 * 1024;
 // matrices of up to 10,240 columns.
 constexpr size_t kPieceProducts = size_t{20} << 20;
 
+// Inputs that stay in L2 while tile after tile is multiplied with all of them.
+constexpr size_t kCachedInputBytes = size_t{640} << 10;
+
+// Tiles whose weights are on their way while one is multiplied: some microseconds of products.
+constexpr size_t tilesAhead(size_t tokens) {
+  return tokens < 8 ? 4 : 1;
+}
+
 // Rows that the kernels multiply side by side.
 constexpr size_t kRowsAtOnce = 4;
 
@@ -139,7 +147,7 @@ void addAndClear(float* totals, float* parts, size_t n) {
   }
 }
 
-// Rows [row, row + rows) of a matrix from element `at` on, `len` elements of each.
+// Rows [row, row + rows) of a piece from element `at` on, `len` elements of each.
 struct Tile {
   size_t row;
   size_t rows;
@@ -147,63 +155,106 @@ struct Tile {
   size_t len;
 
   // Rows of a chunk lie the stride of the matrix apart.
-  const uint8_t* firstChunk(const Matrix& m) const {
-    return m.data + row * m.stride + at / kChunk * rowBytes(m.type, kChunk);
+  const uint8_t* weights(const Piece& piece) const {
+    return piece.data() + row * piece.matrix.stride +
+           at / kChunk * rowBytes(piece.matrix.type, kChunk);
   }
 };
 
+bool staysInCache(const MatmulInput& input) {
+  return input.cols * input.count * sizeof(float) <= kCachedInputBytes;
+}
+
+// The tiles of a piece in the order of their products. While a chunk of the inputs is at hand it
+// serves all rows; inputs that stay in cache let every sixteen rows be read to their ends.
+class TileOrder {
+ public:
+  TileOrder(const Piece& piece, const MatmulInput& input)
+      : rows(piece.count),
+        cols(input.cols),
+        together(staysInCache(input) ? kTileRows : piece.count) {}
+
+  bool ended() const { return cols == 0 || first >= rows; }
+
+  Tile tile() const {
+    return {row, std::min(kTileRows, end() - row), at, std::min(kChunk, cols - at)};
+  }
+
+  void advance() {
+    row += kTileRows;
+    if (row < end()) {
+      return;
+    }
+    row = first;
+    at += kChunk;
+    if (at < cols) {
+      return;
+    }
+    at = 0;
+    row = first = end();
+  }
+
+ private:
+  size_t end() const { return std::min(first + together, rows); }
+
+  size_t rows;
+  size_t cols;
+  size_t together;
+  size_t first = 0;  // of the rows that are read to their ends together
+  size_t row = 0;
+  size_t at = 0;
+};
+
 // Asks for the weights of a tile: its rows lie too far apart for the processor to foresee them.
-void prefetch(const Matrix& m, const Tile& tile) {
+void prefetch(const Piece& piece, const Tile& tile) {
   constexpr size_t kLineBytes = 64;
-  const uint8_t* chunk = tile.firstChunk(m);
-  const size_t bytes = std::min(rowBytes(m.type, kChunk), m.stride);
-  for (size_t r = 0; r < tile.rows; ++r, chunk += m.stride) {
+  const uint8_t* chunk = tile.weights(piece);
+  const size_t bytes = rowBytes(piece.matrix.type, kChunk);
+  for (size_t r = 0; r < tile.rows; ++r, chunk += piece.matrix.stride) {
     for (size_t line = 0; line < bytes; line += kLineBytes) {
       __builtin_prefetch(chunk + line);
     }
   }
 }
 
-// Decodes a tile and adds its products with every input to parts. next: the tile that is decoded
-// after it, which arrives meanwhile.
-void addTile(const KernelTable& kernels, const Matrix& m, const Tile& tile, const Tile& next,
-             const MatmulInput& input, float* decoded, float* parts) {
-  const uint8_t* chunk = tile.firstChunk(m);
-  for (size_t r = 0; r < tile.rows; ++r, chunk += m.stride) {
-    decodeRow(kernels, m.type, chunk, decoded + r * kChunk, tile.len);
+void decode(const KernelTable& kernels, const Piece& piece, const Tile& tile, float* decoded) {
+  const uint8_t* chunk = tile.weights(piece);
+  for (size_t r = 0; r < tile.rows; ++r, chunk += piece.matrix.stride) {
+    decodeRow(kernels, piece.matrix.type, chunk, decoded + r * kChunk, tile.len);
   }
-  prefetch(m, next);
-  kernels.addChunkProducts(decoded, input.packed + tile.at * input.count, parts, tile.rows,
-                           input.count, tile.len);
 }
 
-// Chunk by chunk for all tokens.
+// Tile by tile for all tokens. The weights of later tiles arrive while one is multiplied.
 void multiplyTiles(const KernelTable& kernels, const Piece& piece, const MatmulInput& input,
                    const MatmulScratch& scratch) {
-  const Matrix& m = piece.matrix;
   const size_t rowParts = input.count * kLanes;
   const size_t nParts = piece.count * rowParts;
-  const bool severalSpans = m.cols > kSpan;
+  const bool severalSpans = input.cols > kSpan;
   std::fill_n(scratch.parts, nParts, 0.0f);
   if (severalSpans) {
     std::fill_n(scratch.totals, nParts, 0.0f);
   }
-  for (size_t at = 0; at < m.cols; at += kChunk) {
-    const size_t len = std::min(kChunk, m.cols - at);
-    for (size_t r = 0; r < piece.count; r += kTileRows) {
-      const Tile tile{piece.first + r, std::min(kTileRows, piece.count - r), at, len};
-      // The same chunk of the rows that follow, or the next chunk of the first rows.
-      const bool more = r + kTileRows < piece.count;
-      Tile next{piece.first, 0, at, len};
-      if (more) {
-        next = {tile.row + kTileRows, std::min(kTileRows, piece.count - r - kTileRows), at, len};
-      } else if (at + len < m.cols) {
-        next = {piece.first, std::min(kTileRows, piece.count), at + len, len};
-      }
-      addTile(kernels, m, tile, next, input, scratch.rows, scratch.parts + r * rowParts);
+  TileOrder order(piece, input);
+  TileOrder ahead = order;
+  const auto prefetchNext = [&] {
+    if (!ahead.ended()) {
+      prefetch(piece, ahead.tile());
+      ahead.advance();
     }
-    if (severalSpans && ((at + len) % kSpan == 0 || at + len == m.cols)) {
-      addAndClear(scratch.totals, scratch.parts, nParts);
+  };
+  for (size_t i = 0; i <= tilesAhead(input.count); ++i) {
+    prefetchNext();
+  }
+  for (; !order.ended(); order.advance()) {
+    const Tile tile = order.tile();
+    decode(kernels, piece, tile, scratch.rows);
+    prefetchNext();
+    float* parts = scratch.parts + tile.row * rowParts;
+    kernels.addChunkProducts(scratch.rows, input.packed + tile.at * input.count, parts, tile.rows,
+                             input.count, tile.len);
+    const size_t taken = tile.at + tile.len;
+    if (severalSpans && (taken % kSpan == 0 || taken == input.cols)) {
+      addAndClear(scratch.totals + tile.row * rowParts, parts, tile.rows * rowParts);
     }
   }
   kernels.foldSums(severalSpans ? scratch.totals : scratch.parts, scratch.sums,

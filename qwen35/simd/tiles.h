@@ -172,6 +172,13 @@ void decodePair(const uint8_t* super, const float* scales, const float* mins, fl
   Levels(scales[kSub + 1], mins[kSub + 1]).store(high, dst + (kSub + 1) * kSubLen);
 }
 
+// Elements are then read from memory, which costs the vector units nothing; left alone, compilers
+// take them out of the registers that were stored, by shuffles.
+template <size_t n>
+void keepInMemory(float (&values)[n]) {
+  __asm__("" : "+m"(values));
+}
+
 template <typename V, typename Format>
 void decodeSuperBlocks(const void* src, float* dst, size_t n) {
   using H = typename V::Half;
@@ -185,6 +192,8 @@ void decodeSuperBlocks(const void* src, float* dst, size_t n) {
     alignas(32) float mins[kSubBlocksOfBlock];
     H::store(scales, H::mul(H::all(superScale), codes.scales()));
     H::store(mins, H::mul(H::all(superMinimum), codes.minimums()));
+    keepInMemory(scales);
+    keepInMemory(mins);
     decodePair<V, Format, 0>(super, scales, mins, dst + at);
     decodePair<V, Format, 2>(super, scales, mins, dst + at);
     decodePair<V, Format, 4>(super, scales, mins, dst + at);
