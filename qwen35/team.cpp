@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <thread>
 
+#include "qwen35/placement.h"
+
 #if defined(__x86_64__)
 #include <immintrin.h>
 #endif
@@ -44,9 +46,12 @@ void Team::runErased(void (*body)(Member&, const void*), const void* data) {
   done.store(0, std::memory_order_relaxed);
   threads = std::min(limit, static_cast<size_t>(omp_get_max_threads()));
   ended.store(0, std::memory_order_release);
+  const ProcessorSet processors = ProcessorSet::ofThisThread();
 #pragma omp parallel num_threads(static_cast <int>(threads))
   {
-    Member member(*this, static_cast<size_t>(omp_get_thread_num()));
+    const auto index = static_cast<size_t>(omp_get_thread_num());
+    const OwnProcessor own(processors, index, static_cast<size_t>(omp_get_num_threads()));
+    Member member(*this, index);
     body(member, data);
   }
 }
