@@ -3,6 +3,10 @@
 #ifdef ZYM_HAVE_AVX2
 #include <cpuid.h>
 #endif
+#ifdef ZYM_HAVE_NEON
+#include <asm/hwcap.h>
+#include <sys/auxv.h>
+#endif
 
 #include "qwen35/simd/tables.h"
 
@@ -32,6 +36,11 @@ std::vector<const KernelTable*> supportedKernels() {
         __builtin_cpu_supports("avx512vnni")) {
       tables.push_back(&avx512Kernels());
     }
+  }
+#endif
+#ifdef ZYM_HAVE_NEON
+  if ((getauxval(AT_HWCAP) & HWCAP_ASIMDDP) != 0) {
+    tables.push_back(&neonKernels());
   }
 #endif
   return tables;
