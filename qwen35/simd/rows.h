@@ -73,6 +73,7 @@ struct Q80Rows {
   template <size_t R>
   static void addBlock(const uint8_t* first, size_t stride, const float* x,
                        typename V::F (&chain)[R]) {
+#pragma GCC unroll 4
     for (size_t r = 0; r < R; ++r) {
       const uint8_t* block = first + r * stride;
       const typename V::F scale = V::all(V::loadHalf(block));
