@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "qwen35/simd/dispatch.h"
+#include "tests/qwen35/tested_tables.h"
 #include "tests/qwen35/weight_rows.h"
 
 namespace {
@@ -63,7 +64,7 @@ std::vector<uint32_t> unalignedRowSums(const KernelTable& table, QuantType type,
 void expectSameRowSums(QuantType type, const std::vector<uint8_t>& weights,
                        const std::vector<float>& x, size_t rows) {
   const std::vector<uint32_t> expected = unalignedRowSums(scalar(), type, weights, x, rows);
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     EXPECT_EQ(expected, unalignedRowSums(*table, type, weights, x, rows))
         << label(*table, type, rows, x.size());
   }
@@ -113,7 +114,7 @@ TEST(KernelVariants, RowSumsOfUnusualInputsAreTheSameBits) {
 }
 
 TEST(KernelVariants, DotIsTheProductOfOneF32Row) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t n : lengths(QuantType::F32)) {
       const std::vector<float> a = randomFloats(n + 1, 31);
       const std::vector<float> b = randomFloats(n + 1, 32);
@@ -153,7 +154,7 @@ TEST(KernelVariants, RowSumsFollowTheContract) {
       const std::vector<uint8_t> weights = randomRows(type, 1, cols, 41);
       const std::vector<float> x = randomFloats(cols, 42);
       const float expected = rowSumByContract(weight_rows::decoded(type, weights.data(), cols), x);
-      for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const KernelTable* table : qwen35::testedTables()) {
         float sum = 0.0f;
         product(*table, type)(weights.data(), x.data(), &sum, 1, cols);
         EXPECT_EQ(bits(expected), bits(sum)) << label(*table, type, 1, cols);
@@ -163,7 +164,7 @@ TEST(KernelVariants, RowSumsFollowTheContract) {
 }
 
 TEST(KernelVariants, DecodersGiveTheBitsOfTheBlockFormats) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     const auto expectDecoded = [&](QuantType type, auto decode) {
       for (const Scales scales : {Scales::Usual, Scales::AnyBits}) {
         const std::vector<uint8_t> weights = randomRows(type, 1, 64 * 256, 15, scales);
@@ -182,7 +183,7 @@ TEST(KernelVariants, DecodersGiveTheBitsOfTheBlockFormats) {
 
 TEST(KernelVariants, ChunksOfABlockSumUpToTheRowSums) {
   constexpr size_t kCols = 600;  // two whole chunks and a shorter one
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t nRows : {1u, 2u, 4u, 7u, 8u, 11u, 16u}) {
       for (const size_t nInputs : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 11u, 13u}) {
         std::vector<std::vector<float>> rows;
@@ -280,7 +281,7 @@ TEST(KernelVariants, AccuracyHoldsFromOneBlock) {
 }
 
 TEST(KernelVariants, WeightedRowsAreAddedInOrderWithoutFusing) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t n : {0, 1, 7, 8, 20, 64, 100, 256}) {
       for (const size_t rows : {0, 1, 2, 15, 16, 17, 40}) {
         const size_t stride = n + rows % 3;
@@ -341,7 +342,7 @@ void deltaStepByContract(DeltaCase& c, float decay, float beta, float scale) {
 }
 
 TEST(KernelVariants, DeltaStepFollowsTheContract) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t dim : {0, 1, 7, 8, 31, 32, 43, 128}) {
       DeltaCase expected{randomFloats(dim * dim, 81), randomFloats(dim, 82), randomFloats(dim, 83),
                          randomFloats(dim, 84)};
@@ -365,7 +366,7 @@ TEST(KernelVariants, DeltaStepFromZeroStateScalesTheValue) {
   for (size_t i = 0; i < 128; ++i) {
     qk += static_cast<double>(q[i]) * static_cast<double>(k[i]);
   }
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     std::vector<float> state(128 * 128, 0.0f);
     std::vector<float> v = value;
     table->deltaStep(state.data(), q.data(), k.data(), v.data(), 128, 0.5f, 0.25f, 2.0f);

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "qwen35/simd/dispatch.h"
+#include "tests/qwen35/tested_tables.h"
 #include "tests/qwen35/weight_rows.h"
 
 namespace {
@@ -134,7 +135,7 @@ TEST(QuantisedInput, IsTheNearestFixedPointOfTheLargestShift) {
 TEST(QuantisedInput, LastLimbsAreKeptBesideOutliersAlone) {
   std::vector<float> x = randomFloats(2 * kSuper, 7);
   x[300] = 50.0f;
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     const std::vector<QuantisedInput> groups = quantised(*table, x);
     EXPECT_FALSE(groups[0].keepsLastLimb[0]) << table->name;
     EXPECT_TRUE(groups[0].keepsLastLimb[1]) << table->name;
@@ -159,7 +160,7 @@ TEST(QuantisedInput, SumsAreThoseOfTheFixedPointElements) {
 }
 
 TEST(QuantisedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     const std::vector<QuantisedInput> groups = quantised(*table, randomFloats(5 * kSuper, 5));
     ASSERT_EQ(2u, groups.size());
     for (size_t b = 1; b < 4; ++b) {
@@ -178,7 +179,7 @@ TEST(QuantisedInput, IsTheSameInEveryTable) {
   for (const size_t cols : {0u, 256u, 512u, 768u, 1024u, 1280u, 4096u + 256u}) {
     for (const std::vector<float>& x : inputs(cols)) {
       const std::vector<QuantisedInput> expected = quantised(scalar(), x);
-      for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const KernelTable* table : qwen35::testedTables()) {
         const std::vector<QuantisedInput> actual = quantised(*table, x);
         for (size_t g = 0; g < expected.size(); ++g) {
           EXPECT_EQ(0, std::memcmp(expected[g].limbs, actual[g].limbs, sizeof actual[g].limbs));
@@ -197,7 +198,7 @@ TEST(QuantisedInput, RefusesElementsThatAreTooLargeOrNotFinite) {
     std::vector<QuantisedInput> groups(1);
     return table.quantiseInput(x.data(), x.size(), groups.data());
   };
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t at : {0u, 7u, 255u, 256u, 300u, 511u}) {
       for (const float odd : {INFINITY, -INFINITY, NAN, -NAN, 0x1p122f, -0x1p122f,
                               std::numeric_limits<float>::max()}) {
@@ -219,7 +220,7 @@ TEST(QuantisedProducts, OfTheLargestInputsStayFinite) {
       weight_rows::put16(weights, at, kel::quant::f32ToF16(0x1p-14f));
       weight_rows::put16(weights, at + 2, 0);
     }
-    for (const KernelTable* table : qwen35::supportedKernels()) {
+    for (const KernelTable* table : qwen35::testedTables()) {
       for (const float sum : dotProducts(*table, type, weights, x, 3)) {
         EXPECT_TRUE(std::isfinite(sum)) << label(*table, type, x.size());
       }
@@ -235,7 +236,7 @@ TEST(QuantisedProducts, AreTheSameBitsInEveryTable) {
         for (const std::vector<float>& x : inputs(cols)) {
           const std::vector<uint32_t> expected =
               bits(dotProducts(scalar(), type, weights, x, rows));
-          for (const KernelTable* table : qwen35::supportedKernels()) {
+          for (const KernelTable* table : qwen35::testedTables()) {
             EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, x, rows)))
                 << label(*table, type, cols);
           }
@@ -251,7 +252,7 @@ TEST(QuantisedProducts, OfAnyBitPatternAreTheSameBits) {
       const std::vector<uint8_t> weights = randomRows(type, 12, 1280, seed, Scales::AnyBits);
       const std::vector<float> x = randomFloats(1280, seed, -1e3f, 1e3f);
       const std::vector<uint32_t> expected = bits(dotProducts(scalar(), type, weights, x, 12));
-      for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const KernelTable* table : qwen35::testedTables()) {
         EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, x, 12)))
             << label(*table, type, seed);
       }
@@ -331,7 +332,7 @@ TEST(QuantisedProducts, FollowTheContract) {
       const std::vector<uint8_t> weights = randomRows(type, 1, cols, 41);
       const std::vector<float> x = randomFloats(cols, 42);
       const float expected = sumByContract(type, weights.data(), x);
-      for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const KernelTable* table : qwen35::testedTables()) {
         EXPECT_EQ(bits(expected), bits(dotProducts(*table, type, weights, x, 1)[0]))
             << label(*table, type, cols);
       }
