@@ -1,4 +1,4 @@
-#include "tests/qwen35/emulated_kernels.h"
+#include "tests/qwen35/test_kernels.h"
 
 #include "qwen35/simd/lane_table.h"
 #include "tests/qwen35/vector_emulated.h"

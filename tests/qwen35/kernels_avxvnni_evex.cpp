@@ -2,7 +2,7 @@
 // without AVX-VNNI run them.
 #include "qwen35/simd/lane_table.h"
 #include "qwen35/simd/vector_avxvnni.h"
-#include "tests/qwen35/tested_tables.h"
+#include "tests/qwen35/test_kernels.h"
 
 #ifdef __AVXVNNI__
 #error "this compiler takes the encoding of AVX-VNNI"

@@ -4,7 +4,7 @@
 #include <string_view>
 
 #include "qwen35/simd/dispatch.h"
-#include "tests/qwen35/emulated_kernels.h"
+#include "tests/qwen35/test_kernels.h"
 
 namespace qwen35 {
 

@@ -11,7 +11,4 @@ namespace qwen35 {
 // encoding of AVX-512 where the processor has it.
 std::vector<const KernelTable*> testedTables();
 
-// Only where ZYM_HAVE_AVXVNNI_EVEX is defined.
-const KernelTable& avxVnniKernelsInEvex();
-
 }  // namespace qwen35
