@@ -1,5 +1,5 @@
-// Every kernel table of this machine against the scalar one, bit for bit, and the scalar one
-// against plain loops written from the contracts.
+// Every tested kernel table against the scalar one, bit for bit, and the scalar one against plain
+// loops written from the contracts.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -7,9 +7,11 @@
 #include <cmath>
 #include <limits>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qwen35/simd/dispatch.h"
+#include "tests/qwen35/tested_tables.h"
 #include "tests/qwen35/weight_rows.h"
 
 namespace {
@@ -23,6 +25,43 @@ using weight_rows::Scales;
 
 // The types that multiply floats; the others are in quantised_products_test.cpp.
 constexpr QuantType kTypes[] = {QuantType::F32, QuantType::BF16, QuantType::Q8_0};
+
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+constexpr float kUnusual[] = {0.0f,       -0.0f,      0x1p-149f,
+                              -0x1p-140f, 0x1p-126f,  3e38f,
+                              kInfinity,  -kInfinity, std::numeric_limits<float>::quiet_NaN()};
+
+// Random floats with one unusual among them, at an odd place.
+std::vector<float> withUnusual(size_t n, uint32_t seed, float unusual) {
+  std::vector<float> out = randomFloats(n, seed);
+  if (n > 0) {
+    out[n * 3 / 5] = unusual;
+  }
+  return out;
+}
+
+constexpr float kGuard = 12345.0f;
+
+// n floats, one float off alignment, between two that nothing may write to.
+class Guarded {
+ public:
+  explicit Guarded(size_t n) : values(n + 2, kGuard) {}
+  explicit Guarded(const std::vector<float>& content) : Guarded(content.size()) {
+    std::copy(content.begin(), content.end(), data());
+  }
+
+  float* data() { return values.data() + 1; }
+
+  // The content, once the guards are seen to be what they were.
+  std::vector<float> checked() const {
+    EXPECT_EQ(kGuard, values.front());
+    EXPECT_EQ(kGuard, values.back());
+    return {values.begin() + 1, values.end() - 1};
+  }
+
+ private:
+  std::vector<float> values;
+};
 
 const KernelTable& scalar() {
   return *qwen35::supportedKernels().front();
@@ -50,20 +89,16 @@ std::vector<uint32_t> unalignedRowSums(const KernelTable& table, QuantType type,
                                        const std::vector<float>& x, size_t rows) {
   std::vector<uint8_t> moved(weights.size() + 1);
   std::copy(weights.begin(), weights.end(), moved.begin() + 1);
-  std::vector<float> shifted(x.size() + 1);
-  std::copy(x.begin(), x.end(), shifted.begin() + 1);
-  constexpr float kGuard = 12345.0f;
-  std::vector<float> out(rows + 2, kGuard);
-  product(table, type)(moved.data() + 1, shifted.data() + 1, out.data() + 1, rows, x.size());
-  EXPECT_EQ(kGuard, out.front()) << table.name;
-  EXPECT_EQ(kGuard, out.back()) << table.name;
-  return bits(std::vector<float>(out.begin() + 1, out.end() - 1));
+  Guarded shifted(x);
+  Guarded out(rows);
+  product(table, type)(moved.data() + 1, shifted.data(), out.data(), rows, x.size());
+  return bits(out.checked());
 }
 
 void expectSameRowSums(QuantType type, const std::vector<uint8_t>& weights,
                        const std::vector<float>& x, size_t rows) {
   const std::vector<uint32_t> expected = unalignedRowSums(scalar(), type, weights, x, rows);
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     EXPECT_EQ(expected, unalignedRowSums(*table, type, weights, x, rows))
         << label(*table, type, rows, x.size());
   }
@@ -99,21 +134,25 @@ TEST(KernelVariants, RowSumsOfAnyBitPatternAreTheSameBits) {
 }
 
 TEST(KernelVariants, RowSumsOfUnusualInputsAreTheSameBits) {
-  constexpr float kInfinity = std::numeric_limits<float>::infinity();
-  const float fillers[] = {0.0f, -0.0f, 0x1p-149f, -0x1p-140f, 3e38f, kInfinity, -kInfinity, NAN};
   for (const QuantType type : kTypes) {
-    const std::vector<uint8_t> weights = randomRows(type, 6, 768, 21);
-    for (const float filler : fillers) {
-      expectSameRowSums(type, weights, std::vector<float>(768, filler), 6);
-      std::vector<float> one = randomFloats(768, 22);
-      one[515] = filler;
-      expectSameRowSums(type, weights, one, 6);
+    for (const size_t cols : {768, 771}) {
+      if (cols % weight_rows::blockLen(type) != 0) {
+        continue;
+      }
+      const std::vector<uint8_t> weights = randomRows(type, 6, cols, 21);
+      for (const float filler : kUnusual) {
+        expectSameRowSums(type, weights, std::vector<float>(cols, filler), 6);
+        std::vector<float> one = randomFloats(cols, 22);
+        one[515] = filler;
+        one[cols - 1] = filler;
+        expectSameRowSums(type, weights, one, 6);
+      }
     }
   }
 }
 
 TEST(KernelVariants, DotIsTheProductOfOneF32Row) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t n : lengths(QuantType::F32)) {
       const std::vector<float> a = randomFloats(n + 1, 31);
       const std::vector<float> b = randomFloats(n + 1, 32);
@@ -153,7 +192,7 @@ TEST(KernelVariants, RowSumsFollowTheContract) {
       const std::vector<uint8_t> weights = randomRows(type, 1, cols, 41);
       const std::vector<float> x = randomFloats(cols, 42);
       const float expected = rowSumByContract(weight_rows::decoded(type, weights.data(), cols), x);
-      for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const KernelTable* table : qwen35::testedTables()) {
         float sum = 0.0f;
         product(*table, type)(weights.data(), x.data(), &sum, 1, cols);
         EXPECT_EQ(bits(expected), bits(sum)) << label(*table, type, 1, cols);
@@ -162,27 +201,36 @@ TEST(KernelVariants, RowSumsFollowTheContract) {
   }
 }
 
+void expectDecoded(const KernelTable& table, QuantType type, size_t n, Scales scales,
+                   void (*decode)(const void*, float*, size_t)) {
+  std::vector<uint8_t> weights = randomRows(type, 1, n, 15, scales);
+  const std::vector<float> expected = weight_rows::decoded(type, weights.data(), n);
+  weights.insert(weights.begin(), 0);  // moves the row off alignment
+  Guarded actual(n);
+  decode(weights.data() + 1, actual.data(), n);
+  EXPECT_EQ(bits(expected), bits(actual.checked())) << label(table, type, 1, n);
+}
+
 TEST(KernelVariants, DecodersGiveTheBitsOfTheBlockFormats) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
-    const auto expectDecoded = [&](QuantType type, auto decode) {
-      for (const Scales scales : {Scales::Usual, Scales::AnyBits}) {
-        const std::vector<uint8_t> weights = randomRows(type, 1, 64 * 256, 15, scales);
-        std::vector<float> actual(64 * 256);
-        decode(weights.data(), actual.data(), actual.size());
-        EXPECT_EQ(bits(weight_rows::decoded(type, weights.data(), actual.size())), bits(actual))
-            << table->name << " " << kel::quantTypeName(type);
+  for (const KernelTable* table : qwen35::testedTables()) {
+    for (const Scales scales : {Scales::Usual, Scales::AnyBits}) {
+      for (const size_t n : {0, 1, 7, 8, 9, 31, 100, 16384}) {
+        expectDecoded(*table, QuantType::BF16, n, scales, table->decodeBf16);
       }
-    };
-    expectDecoded(QuantType::BF16, table->decodeBf16);
-    expectDecoded(QuantType::Q8_0, table->decodeQ80);
-    expectDecoded(QuantType::Q4_K, table->decodeQ4K);
-    expectDecoded(QuantType::Q5_K, table->decodeQ5K);
+      for (const size_t n : {0, 32, 96, 16384}) {
+        expectDecoded(*table, QuantType::Q8_0, n, scales, table->decodeQ80);
+      }
+      for (const size_t n : {0, 256, 768, 16384}) {
+        expectDecoded(*table, QuantType::Q4_K, n, scales, table->decodeQ4K);
+        expectDecoded(*table, QuantType::Q5_K, n, scales, table->decodeQ5K);
+      }
+    }
   }
 }
 
 TEST(KernelVariants, ChunksOfABlockSumUpToTheRowSums) {
   constexpr size_t kCols = 600;  // two whole chunks and a shorter one
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t nRows : {1u, 2u, 4u, 7u, 8u, 11u, 16u}) {
       for (const size_t nInputs : {1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 11u, 13u}) {
         std::vector<std::vector<float>> rows;
@@ -215,6 +263,57 @@ TEST(KernelVariants, ChunksOfABlockSumUpToTheRowSums) {
           EXPECT_EQ(bits(rowSumByContract(rows[i / nInputs], inputs[i % nInputs])), bits(sums[i]))
               << table->name << " " << nRows << "x" << nInputs << " at " << i;
         }
+      }
+    }
+  }
+}
+
+// One call for one chunk, to parts that hold sums already, of floats that are one float off
+// alignment.
+std::vector<uint32_t> chunkParts(const KernelTable& table, size_t nRows, size_t nInputs, size_t len,
+                                 float unusual) {
+  Guarded rows(withUnusual(nRows * 256, 111, unusual));
+  std::vector<float> packed(nInputs * 256, NAN);
+  for (size_t p = 0; p < nInputs; ++p) {
+    const auto [first, stride] = qwen35::packedChunk(table, nInputs, p);
+    const std::vector<float> input = withUnusual(len, 120 + static_cast<uint32_t>(p), unusual);
+    for (size_t i = 0; i < len; ++i) {
+      packed[first + i / 8 * stride + i % 8] = input[i];
+    }
+  }
+  Guarded inputs(packed);
+  Guarded parts(withUnusual(nRows * nInputs * 8, 113, unusual));
+  table.addChunkProducts(rows.data(), inputs.data(), parts.data(), nRows, nInputs, len);
+  return bits(parts.checked());
+}
+
+TEST(KernelVariants, ChunksOfUnusualFloatsAreAddedInTheSameWay) {
+  for (const KernelTable* table : qwen35::testedTables()) {
+    for (const auto& [nRows, nInputs] : {std::pair{1, 1}, {3, 2}, {9, 3}, {12, 7}, {17, 13}}) {
+      for (const size_t len : {0, 8, 24, 256}) {
+        for (const float unusual : kUnusual) {
+          EXPECT_EQ(chunkParts(scalar(), nRows, nInputs, len, unusual),
+                    chunkParts(*table, nRows, nInputs, len, unusual))
+              << table->name << " " << nRows << "x" << nInputs << " " << len << " " << unusual;
+        }
+      }
+    }
+  }
+}
+
+TEST(KernelVariants, SumsFoldByHalves) {
+  for (const KernelTable* table : qwen35::testedTables()) {
+    for (const size_t n : {0, 1, 2, 3, 17}) {
+      for (const float unusual : kUnusual) {
+        Guarded sums(withUnusual(n * 8, 131, unusual));
+        std::vector<float> expected;
+        for (size_t i = 0; i < n; ++i) {
+          const float* l = sums.data() + i * 8;
+          expected.push_back(((l[0] + l[4]) + (l[2] + l[6])) + ((l[1] + l[5]) + (l[3] + l[7])));
+        }
+        Guarded out(n);
+        table->foldSums(sums.data(), out.data(), n);
+        EXPECT_EQ(bits(expected), bits(out.checked())) << table->name << " " << n;
       }
     }
   }
@@ -279,28 +378,31 @@ TEST(KernelVariants, AccuracyHoldsFromOneBlock) {
   }
 }
 
+void expectWeightedRows(const KernelTable& table, size_t rows, size_t n, float unusual) {
+  const size_t stride = n + rows % 3;
+  const std::vector<float> weights = withUnusual(rows, 71, unusual);
+  Guarded values(withUnusual(rows * stride, 72, unusual));
+  Guarded acc(withUnusual(n, 73, unusual));
+  std::vector<float> expected = acc.checked();
+  for (size_t d = 0; d < n; ++d) {
+    for (size_t p = 0; p < rows; ++p) {
+      expected[d] = expected[d] + weights[p] * 0.3f * values.data()[p * stride + d];
+    }
+  }
+  table.addWeightedRows(weights.data(), 0.3f, values.data(), stride, acc.data(), rows, n);
+  EXPECT_EQ(bits(expected), bits(acc.checked()))
+      << table.name << " " << rows << "x" << n << " " << unusual;
+}
+
 TEST(KernelVariants, WeightedRowsAreAddedInOrderWithoutFusing) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
-    for (const size_t n : {0, 1, 7, 8, 20, 64, 100, 256}) {
+  for (const KernelTable* table : qwen35::testedTables()) {
+    for (const size_t n : {0, 1, 7, 8, 20, 64, 65, 79, 100, 136, 256}) {
       for (const size_t rows : {0, 1, 2, 15, 16, 17, 40}) {
-        const size_t stride = n + rows % 3;
-        const std::vector<float> weights = randomFloats(rows, 71, 0.0f);
-        const std::vector<float> values = randomFloats(rows * stride + 1, 72);
-        const std::vector<float> before = randomFloats(n, 73);
-        std::vector<float> expected = before;
-        for (size_t d = 0; d < n; ++d) {
-          for (size_t p = 0; p < rows; ++p) {
-            expected[d] = expected[d] + weights[p] * 0.3f * values[1 + p * stride + d];
-          }
-        }
-        std::vector<float> acc = before;
-        acc.push_back(5.0f);
-        table->addWeightedRows(weights.data(), 0.3f, values.data() + 1, stride, acc.data(), rows,
-                               n);
-        EXPECT_EQ(5.0f, acc.back());
-        acc.pop_back();
-        EXPECT_EQ(bits(expected), bits(acc)) << table->name << " " << rows << "x" << n;
+        expectWeightedRows(*table, rows, n, 0.5f);
       }
+    }
+    for (const float unusual : kUnusual) {
+      expectWeightedRows(*table, 17, 79, unusual);
     }
   }
 }
@@ -340,19 +442,33 @@ void deltaStepByContract(DeltaCase& c, float decay, float beta, float scale) {
   }
 }
 
+void expectDeltaSteps(const KernelTable& table, size_t dim, float decay, float beta,
+                      float unusual) {
+  DeltaCase expected{withUnusual(dim * dim, 81, unusual), withUnusual(dim, 82, unusual),
+                     withUnusual(dim, 83, unusual), withUnusual(dim, 84, unusual)};
+  Guarded state(expected.state);
+  Guarded q(expected.q);
+  Guarded k(expected.k);
+  Guarded v(expected.v);
+  for (int step = 0; step < 3; ++step) {
+    deltaStepByContract(expected, decay, beta, 0.1f);
+    table.deltaStep(state.data(), q.data(), k.data(), v.data(), dim, decay, beta, 0.1f);
+  }
+  const std::string what = std::string(table.name) + " dim=" + std::to_string(dim) + " " +
+                           std::to_string(decay) + " " + std::to_string(unusual);
+  EXPECT_EQ(bits(expected.state), bits(state.checked())) << what;
+  EXPECT_EQ(bits(expected.v), bits(v.checked())) << what;
+}
+
 TEST(KernelVariants, DeltaStepFollowsTheContract) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
-    for (const size_t dim : {0, 1, 7, 8, 31, 32, 43, 128}) {
-      DeltaCase expected{randomFloats(dim * dim, 81), randomFloats(dim, 82), randomFloats(dim, 83),
-                         randomFloats(dim, 84)};
-      DeltaCase actual = expected;
-      for (int step = 0; step < 3; ++step) {
-        deltaStepByContract(expected, 0.9f, 0.7f, 0.1f);
-        table->deltaStep(actual.state.data(), actual.q.data(), actual.k.data(), actual.v.data(),
-                         dim, 0.9f, 0.7f, 0.1f);
-      }
-      EXPECT_EQ(bits(expected.state), bits(actual.state)) << table->name << " dim=" << dim;
-      EXPECT_EQ(bits(expected.v), bits(actual.v)) << table->name << " dim=" << dim;
+  for (const KernelTable* table : qwen35::testedTables()) {
+    for (const size_t dim : {0, 1, 7, 8, 31, 32, 43, 63, 64, 79, 128}) {
+      expectDeltaSteps(*table, dim, 0.9f, 0.7f, 0.5f);
+    }
+    for (const float unusual : kUnusual) {
+      expectDeltaSteps(*table, 43, 0.9f, 0.7f, unusual);
+      expectDeltaSteps(*table, 43, 0.0f, 0.7f, unusual);
+      expectDeltaSteps(*table, 43, 1.0f, 0.0f, unusual);
     }
   }
 }
@@ -365,7 +481,7 @@ TEST(KernelVariants, DeltaStepFromZeroStateScalesTheValue) {
   for (size_t i = 0; i < 128; ++i) {
     qk += static_cast<double>(q[i]) * static_cast<double>(k[i]);
   }
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     std::vector<float> state(128 * 128, 0.0f);
     std::vector<float> v = value;
     table->deltaStep(state.data(), q.data(), k.data(), v.data(), 128, 0.5f, 0.25f, 2.0f);

@@ -1,6 +1,5 @@
-// Quantised inputs and the quantised dot products of Q4_K and Q5_K: every kernel table of this
-// machine against the scalar one, and the scalar one against the contract written out in wide
-// integers.
+// Quantised inputs and the quantised dot products of Q4_K and Q5_K: every tested kernel table
+// against the scalar one, and the scalar one against the contract written out in wide integers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,9 +8,11 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qwen35/simd/dispatch.h"
+#include "tests/qwen35/tested_tables.h"
 #include "tests/qwen35/weight_rows.h"
 
 namespace {
@@ -33,28 +34,44 @@ const KernelTable& scalar() {
   return *qwen35::supportedKernels().front();
 }
 
+bool isUntouched(const QuantisedInput& group) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(&group);
+  return std::all_of(bytes, bytes + sizeof group, [](uint8_t byte) { return byte == 0x5A; });
+}
+
+// The groups of an input that is moved one float off alignment, in memory that was not zero.
 std::vector<QuantisedInput> quantised(const KernelTable& table, const std::vector<float>& x) {
-  std::vector<QuantisedInput> groups(qwen35::quantisedGroups(x.size()));
+  std::vector<QuantisedInput> groups(qwen35::quantisedGroups(x.size()) + 1);
   for (QuantisedInput& group : groups) {
     std::memset(static_cast<void*>(&group), 0x5A, sizeof group);
   }
-  EXPECT_TRUE(table.quantiseInput(x.data(), x.size(), groups.data()));
+  std::vector<float> moved(x.size() + 1);
+  std::copy(x.begin(), x.end(), moved.begin() + 1);
+  EXPECT_TRUE(table.quantiseInput(moved.data() + 1, x.size(), groups.data()));
+  EXPECT_TRUE(isUntouched(groups.back())) << table.name;
+  groups.pop_back();
   return groups;
 }
 
 // Every product of a row of weights that is moved one byte off alignment.
 std::vector<float> dotProducts(const KernelTable& table, QuantType type,
-                               const std::vector<uint8_t>& weights, const std::vector<float>& x,
-                               size_t rows) {
-  const std::vector<QuantisedInput> groups = quantised(table, x);
+                               const std::vector<uint8_t>& weights,
+                               const std::vector<QuantisedInput>& groups, size_t rows,
+                               size_t cols) {
   std::vector<uint8_t> moved(weights.size() + 1);
   std::copy(weights.begin(), weights.end(), moved.begin() + 1);
   std::vector<float> out(rows + 1, 12345.0f);
   (type == QuantType::Q4_K ? table.rowsQ4K : table.rowsQ5K)(moved.data() + 1, groups.data(),
-                                                            out.data(), rows, x.size());
+                                                            out.data(), rows, cols);
   EXPECT_EQ(12345.0f, out.back()) << table.name;
   out.pop_back();
   return out;
+}
+
+std::vector<float> dotProducts(const KernelTable& table, QuantType type,
+                               const std::vector<uint8_t>& weights, const std::vector<float>& x,
+                               size_t rows) {
+  return dotProducts(table, type, weights, quantised(table, x), rows, x.size());
 }
 
 std::string label(const KernelTable& table, QuantType type, size_t cols) {
@@ -134,7 +151,7 @@ TEST(QuantisedInput, IsTheNearestFixedPointOfTheLargestShift) {
 TEST(QuantisedInput, LastLimbsAreKeptBesideOutliersAlone) {
   std::vector<float> x = randomFloats(2 * kSuper, 7);
   x[300] = 50.0f;
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     const std::vector<QuantisedInput> groups = quantised(*table, x);
     EXPECT_FALSE(groups[0].keepsLastLimb[0]) << table->name;
     EXPECT_TRUE(groups[0].keepsLastLimb[1]) << table->name;
@@ -159,11 +176,12 @@ TEST(QuantisedInput, SumsAreThoseOfTheFixedPointElements) {
 }
 
 TEST(QuantisedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     const std::vector<QuantisedInput> groups = quantised(*table, randomFloats(5 * kSuper, 5));
     ASSERT_EQ(2u, groups.size());
     for (size_t b = 1; b < 4; ++b) {
       EXPECT_EQ(0.0f, groups[1].scales[b]);
+      EXPECT_FALSE(groups[1].keepsLastLimb[b]) << table->name;
       for (size_t i = 0; i < kSuper; ++i) {
         EXPECT_EQ(0, fixedAt(groups[1], b, i));
       }
@@ -174,16 +192,35 @@ TEST(QuantisedInput, MissingSuperBlocksOfTheLastGroupAreZero) {
   }
 }
 
+TEST(QuantisedInput, TiesRoundToEven) {
+  constexpr float kUnit = 0x1p-30f;  // of the largest element's fixed point
+  const std::pair<float, int64_t> ties[] = {{0.5f, 0},  {1.5f, 2},   {2.5f, 2},   {3.5f, 4},
+                                            {-0.5f, 0}, {-1.5f, -2}, {-2.5f, -2}, {-3.5f, -4}};
+  std::vector<float> x(kSuper, 0.0f);
+  x[0] = 1.0f;
+  for (size_t i = 1; i < kSuper; ++i) {
+    x[i] = ties[i % 8].first * kUnit;
+  }
+  for (const KernelTable* table : qwen35::testedTables()) {
+    const std::vector<QuantisedInput> groups = quantised(*table, x);
+    ASSERT_TRUE(groups[0].keepsLastLimb[0]);
+    for (size_t i = 1; i < kSuper; ++i) {
+      EXPECT_EQ(ties[i % 8].second, fixedAt(groups[0], 0, i)) << table->name << " " << i;
+    }
+  }
+}
+
 TEST(QuantisedInput, IsTheSameInEveryTable) {
   for (const size_t cols : {0u, 256u, 512u, 768u, 1024u, 1280u, 4096u + 256u}) {
     for (const std::vector<float>& x : inputs(cols)) {
       const std::vector<QuantisedInput> expected = quantised(scalar(), x);
-      for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const KernelTable* table : qwen35::testedTables()) {
         const std::vector<QuantisedInput> actual = quantised(*table, x);
         for (size_t g = 0; g < expected.size(); ++g) {
           EXPECT_EQ(0, std::memcmp(expected[g].limbs, actual[g].limbs, sizeof actual[g].limbs));
           EXPECT_EQ(0, std::memcmp(expected[g].sums, actual[g].sums, sizeof actual[g].sums));
           EXPECT_EQ(0, std::memcmp(expected[g].scales, actual[g].scales, sizeof actual[g].scales));
+          EXPECT_TRUE(std::ranges::equal(expected[g].keepsLastLimb, actual[g].keepsLastLimb));
         }
       }
     }
@@ -197,7 +234,7 @@ TEST(QuantisedInput, RefusesElementsThatAreTooLargeOrNotFinite) {
     std::vector<QuantisedInput> groups(1);
     return table.quantiseInput(x.data(), x.size(), groups.data());
   };
-  for (const KernelTable* table : qwen35::supportedKernels()) {
+  for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t at : {0u, 7u, 255u, 256u, 300u, 511u}) {
       for (const float odd : {INFINITY, -INFINITY, NAN, -NAN, 0x1p122f, -0x1p122f,
                               std::numeric_limits<float>::max()}) {
@@ -219,7 +256,7 @@ TEST(QuantisedProducts, OfTheLargestInputsStayFinite) {
       weight_rows::put16(weights, at, kel::quant::f32ToF16(0x1p-14f));
       weight_rows::put16(weights, at + 2, 0);
     }
-    for (const KernelTable* table : qwen35::supportedKernels()) {
+    for (const KernelTable* table : qwen35::testedTables()) {
       for (const float sum : dotProducts(*table, type, weights, x, 3)) {
         EXPECT_TRUE(std::isfinite(sum)) << label(*table, type, x.size());
       }
@@ -235,11 +272,28 @@ TEST(QuantisedProducts, AreTheSameBitsInEveryTable) {
         for (const std::vector<float>& x : inputs(cols)) {
           const std::vector<uint32_t> expected =
               bits(dotProducts(scalar(), type, weights, x, rows));
-          for (const KernelTable* table : qwen35::supportedKernels()) {
+          for (const KernelTable* table : qwen35::testedTables()) {
             EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, x, rows)))
                 << label(*table, type, cols);
           }
         }
+      }
+    }
+  }
+}
+
+// Around sixteen rows, whose sums are built up together, and sixteen super-blocks, a span.
+TEST(QuantisedProducts, OfManyRowsAndAnyNumberOfSuperBlocksAreTheSameBits) {
+  for (const QuantType type : kQuantisedTypes) {
+    for (const auto& [rows, blocks] :
+         {std::pair{15, 3}, {16, 5}, {17, 15}, {33, 17}, {2, 18}, {2, 33}, {1, 49}}) {
+      const size_t cols = static_cast<size_t>(blocks) * kSuper;
+      const std::vector<uint8_t> weights = randomRows(type, rows, cols, 14);
+      const std::vector<float> x = randomFloats(cols, 15);
+      const std::vector<uint32_t> expected = bits(dotProducts(scalar(), type, weights, x, rows));
+      for (const KernelTable* table : qwen35::testedTables()) {
+        EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, x, rows)))
+            << label(*table, type, cols) << " " << rows;
       }
     }
   }
@@ -251,7 +305,7 @@ TEST(QuantisedProducts, OfAnyBitPatternAreTheSameBits) {
       const std::vector<uint8_t> weights = randomRows(type, 12, 1280, seed, Scales::AnyBits);
       const std::vector<float> x = randomFloats(1280, seed, -1e3f, 1e3f);
       const std::vector<uint32_t> expected = bits(dotProducts(scalar(), type, weights, x, 12));
-      for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const KernelTable* table : qwen35::testedTables()) {
         EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, x, 12)))
             << label(*table, type, seed);
       }
@@ -331,7 +385,7 @@ TEST(QuantisedProducts, FollowTheContract) {
       const std::vector<uint8_t> weights = randomRows(type, 1, cols, 41);
       const std::vector<float> x = randomFloats(cols, 42);
       const float expected = sumByContract(type, weights.data(), x);
-      for (const KernelTable* table : qwen35::supportedKernels()) {
+      for (const KernelTable* table : qwen35::testedTables()) {
         EXPECT_EQ(bits(expected), bits(dotProducts(*table, type, weights, x, 1)[0]))
             << label(*table, type, cols);
       }
@@ -357,6 +411,77 @@ void store(QuantType type, const RowParts& p, uint8_t* super) {
     nibbles[sub / 2 * kSub + i % kSub] |= static_cast<uint8_t>((p.code[i] & 15) << (sub % 2 * 4));
     if (type == QuantType::Q5_K) {
       super[16 + i % kSub] |= static_cast<uint8_t>(p.code[i] >> 4 << sub);
+    }
+  }
+}
+
+// The largest codes and scales on the largest limbs: every sum of integers is at its end.
+TEST(QuantisedProducts, OfTheLargestIntegerSumsAreExact) {
+  for (const QuantType type : kQuantisedTypes) {
+    RowParts largest{};
+    largest.superScale = 1.0f;
+    std::fill_n(largest.scale, 8, uint8_t{63});
+    const int code = type == QuantType::Q4_K ? 15 : 31;
+    std::fill_n(largest.code, kSuper, code);
+    std::vector<uint8_t> weights(weight_rows::blockBytes(type));
+    store(type, largest, weights.data());
+    for (const int limb : {-128, -127, 127}) {
+      for (const bool keepsLast : {false, true}) {
+        std::vector<QuantisedInput> groups(1);
+        groups[0].scales[0] = 1.0f;
+        groups[0].keepsLastLimb[0] = keepsLast;
+        for (auto& pair : groups[0].limbs[0]) {
+          std::memset(pair, limb, sizeof pair);
+          std::memset(pair[0], keepsLast ? limb : 0, sizeof pair[0]);
+        }
+        const auto sum = static_cast<float>(63 * code * 8 * 4 * limb);
+        const float units = keepsLast ? std::fma(sum, 0x1p-8f, sum) : sum;
+        const float lane = std::fma(sum, 65536.0f, std::fma(sum, 256.0f, units));
+        for (const KernelTable* table : qwen35::testedTables()) {
+          EXPECT_EQ(8.0f * lane, dotProducts(*table, type, weights, groups, 1, kSuper)[0])
+              << label(*table, type, kSuper) << " " << limb << " " << keepsLast;
+        }
+      }
+    }
+  }
+}
+
+// Groups of any limbs, and of sums and scales that the products have to carry along.
+std::vector<QuantisedInput> randomGroups(size_t cols, uint32_t seed) {
+  std::mt19937 generator(seed);
+  std::vector<QuantisedInput> groups(qwen35::quantisedGroups(cols));
+  const std::vector<float> odd = {1.0f, -0.0f, 0x1p-149f, 0x1p120f, INFINITY, NAN};
+  for (size_t b = 0; b < cols / kSuper; ++b) {
+    QuantisedInput& group = groups[b / 4];
+    group.keepsLastLimb[b % 4] = generator() % 2 == 0;
+    for (auto& pair : group.limbs[b % 4]) {
+      for (size_t p = group.keepsLastLimb[b % 4] ? 0 : 1; p < 4; ++p) {
+        for (size_t i = 0; i < 2 * kSub; ++i) {
+          pair[p][i / kSub][i % kSub] = static_cast<int8_t>(generator());
+        }
+      }
+    }
+    for (float& sum : group.sums[b % 4]) {
+      sum = generator() % 64 == 0 ? odd[generator() % odd.size()] : static_cast<float>(generator());
+    }
+    group.scales[b % 4] = std::ldexp(1.0f, static_cast<int>(generator() % 40) - 20);
+  }
+  return groups;
+}
+
+TEST(QuantisedProducts, OfAnyLimbsAreTheSameBits) {
+  for (const QuantType type : kQuantisedTypes) {
+    for (uint32_t seed = 0; seed < 40; ++seed) {
+      const size_t cols = (1 + seed % 18) * kSuper;
+      const Scales scales = seed % 4 == 0 ? Scales::AnyBits : Scales::Usual;
+      const std::vector<uint8_t> weights = randomRows(type, 5, cols, seed, scales);
+      const std::vector<QuantisedInput> groups = randomGroups(cols, seed);
+      const std::vector<uint32_t> expected =
+          bits(dotProducts(scalar(), type, weights, groups, 5, cols));
+      for (const KernelTable* table : qwen35::testedTables()) {
+        EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, groups, 5, cols)))
+            << label(*table, type, cols) << " " << seed;
+      }
     }
   }
 }
