@@ -159,6 +159,20 @@ TEST(QuantisedInput, LastLimbsAreKeptBesideOutliersAlone) {
   }
 }
 
+// Where |fixed| / 256 sum up to 2^27: 32 elements of 2^30, and one of them a little less.
+TEST(QuantisedInput, LastLimbsAreKeptBelowASixteenthOfTheRange) {
+  std::vector<float> x(2 * kSuper, 0.0f);
+  for (size_t i = 0; i < 32; ++i) {
+    x[8 * i] = x[kSuper + 8 * i] = i % 2 == 0 ? 1.0f : -1.0f;
+  }
+  x[kSuper + 8] = -0x1.fffffep-1f;
+  for (const KernelTable* table : qwen35::testedTables()) {
+    const std::vector<QuantisedInput> groups = quantised(*table, x);
+    EXPECT_FALSE(groups[0].keepsLastLimb[0]) << table->name;
+    EXPECT_TRUE(groups[0].keepsLastLimb[1]) << table->name;
+  }
+}
+
 TEST(QuantisedInput, SumsAreThoseOfTheFixedPointElements) {
   for (const std::vector<float>& x : inputs(2 * kSuper)) {
     const std::vector<QuantisedInput> groups = quantised(scalar(), x);
