@@ -42,13 +42,17 @@ enum Kernel {
   FoldSums,
   AddWeightedRows,
   DeltaStep,
+  Exponentials,
+  SigmoidGate,
+  SiluGate,
   kKernelCount
 };
 
 constexpr const char* kKernelNames[kKernelCount] = {
-    "dot",       "rowsF32",          "rowsBf16",   "rowsQ80",         "rowsQ4K",
-    "rowsQ5K",   "quantiseInput",    "decodeBf16", "decodeQ80",       "decodeQ4K",
-    "decodeQ5K", "addChunkProducts", "foldSums",   "addWeightedRows", "deltaStep"};
+    "dot",          "rowsF32",          "rowsBf16",   "rowsQ80",         "rowsQ4K",
+    "rowsQ5K",      "quantiseInput",    "decodeBf16", "decodeQ80",       "decodeQ4K",
+    "decodeQ5K",    "addChunkProducts", "foldSums",   "addWeightedRows", "deltaStep",
+    "exponentials", "sigmoidGate",      "siluGate"};
 
 constexpr size_t kHeaderBytes = 7;
 constexpr size_t kMaxRows = 20;    // a tile of 16 rows, and more
@@ -279,6 +283,24 @@ std::vector<float> deltaStepped(Call call, const KernelTable& table) {
   return out;
 }
 
+std::vector<float> exponentialsOf(Call call, const KernelTable& table) {
+  const float shift = call.source.number();
+  Floating x(call.source, call.cols);
+  Floating out(call.source, call.cols);
+  table.exponentials(x.data(), shift, out.data(), call.cols);
+  return out.result();
+}
+
+using Gate = void (*)(const float* x, const float* gates, float* out, size_t n);
+
+std::vector<float> gated(Call call, Gate gate) {
+  Floating x(call.source, call.cols);
+  Floating gates(call.source, call.cols);
+  Floating out(call.source, call.cols);
+  gate(x.data(), gates.data(), out.data(), call.cols);
+  return out.result();
+}
+
 std::vector<float> dotOf(Call call, const KernelTable& table) {
   Floating a(call.source, call.cols);
   Floating b(call.source, call.cols);
@@ -316,8 +338,14 @@ std::vector<float> results(const Call& call, const KernelTable& table) {
       return folded(call, table);
     case AddWeightedRows:
       return weightedRows(call, table);
-    default:
+    case DeltaStep:
       return deltaStepped(call, table);
+    case Exponentials:
+      return exponentialsOf(call, table);
+    case SigmoidGate:
+      return gated(call, table.sigmoidGate);
+    default:
+      return gated(call, table.siluGate);
   }
 }
 
