@@ -63,13 +63,14 @@ namespace qwen35 {
 
 namespace {
 
-constexpr size_t kLineBytes = 64;
+inline constexpr size_t kLineBytes = 64;
 
 // ---- the K formats
 
-constexpr size_t kSubLen = 32;  // elements of a sub-block
-constexpr size_t kSubBlocksOfBlock = kChunk / kSubLen;
-constexpr size_t kHeaderBytes = 16;  // super-scale, super-minimum, 12 bytes of scales and minimums
+inline constexpr size_t kSubLen = 32;  // elements of a sub-block
+inline constexpr size_t kSubBlocksOfBlock = kChunk / kSubLen;
+inline constexpr size_t kHeaderBytes =
+    16;  // super-scale, super-minimum, 12 bytes of scales and minimums
 
 // The scale codes and minimum codes of a super-block, a byte each.
 struct SubBlockCodes {

@@ -12,12 +12,12 @@ namespace qwen35 {
 
 namespace {
 
-constexpr size_t kSpanBlocks = kSpan / kChunk;
+inline constexpr size_t kSpanBlocks = kSpan / kChunk;
 
 // Rows whose sums are built up span by span, so that the quantised input of a span stays in L1;
 // and how many rows ahead their bytes are prefetched.
-constexpr size_t kRowsPerTile = 16;
-constexpr size_t kRowsAhead = 4;
+inline constexpr size_t kRowsPerTile = 16;
+inline constexpr size_t kRowsAhead = 4;
 
 // The limbs of a super-block.
 using Limbs = const int8_t (*)[kInputLimbs][2][kSubLen];

@@ -14,7 +14,7 @@ namespace {
 
 // Rows multiplied side by side: each has one chain of dependent additions, and four of them hide
 // the latency of the multiply-add.
-constexpr size_t kRowsAtOnce = 4;
+inline constexpr size_t kRowsAtOnce = 4;
 
 // A row format says how one block of each of R rows is multiplied with the block's inputs and
 // added to the rows' chains. The first row's block is at `first`, the others follow `stride` bytes

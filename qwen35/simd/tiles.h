@@ -14,7 +14,7 @@ namespace {
 
 // Rows that a caller multiplies together at least, as a rule: the inputs that come next arrive
 // while these pass.
-constexpr size_t kRowsPerFetch = 16;
+inline constexpr size_t kRowsPerFetch = 16;
 
 // The chains of R rows and P vectors of inputs, each of V::kGroups inputs side by side. parts:
 // those of the first row and input; rows of parts are partStride floats apart. ahead: address of
