@@ -8,6 +8,8 @@
 
 #if defined(__x86_64__)
 #include <immintrin.h>
+#elif defined(__aarch64__)
+#include <arm_neon.h>
 #endif
 
 namespace zym {
@@ -87,6 +89,28 @@ __attribute__((target("avx512f"))) float avx512Chains(size_t nSteps) {
   }
   return total;
 }
+#elif defined(__aarch64__)
+constexpr size_t kNeonChains = 24;
+
+// A multiply-add of vectors adds to one of its operands and leaves the sum there. Of x - 2, which
+// these chains hold, a step leaves the half: that is a sum with a product of the chain itself.
+float neonChains(size_t nSteps) {
+  float32x4_t chains[kNeonChains];
+  for (float32x4_t& chain : chains) {
+    chain = vdupq_n_f32(-2.0f);
+  }
+  const float32x4_t minusHalf = vdupq_n_f32(-0.5f);
+  for (size_t i = 0; i < nSteps; ++i) {
+#pragma GCC unroll 24
+    for (float32x4_t& chain : chains) {
+      chain = vfmaq_f32(chain, chain, minusHalf);
+    }
+  }
+  for (size_t c = 1; c < kNeonChains; ++c) {
+    chains[0] = vaddq_f32(chains[0], chains[c]);
+  }
+  return vaddvq_f32(chains[0]) + 2.0f * 4 * kNeonChains;
+}
 #endif
 
 std::vector<MultiplyChains> supportedChains() {
@@ -98,6 +122,8 @@ std::vector<MultiplyChains> supportedChains() {
   if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) {
     kinds.push_back({"avx2", kAvx2Chains * 8, avx2Chains});
   }
+#elif defined(__aarch64__)
+  kinds.push_back({"neon", kNeonChains * 4, neonChains});
 #endif
   if (kinds.empty()) {
     kinds.push_back({"scalar", kScalarChains, scalarChains});
