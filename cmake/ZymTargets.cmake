@@ -60,8 +60,10 @@ if(ZYM_SANITIZE OR ZYM_COVERAGE)
 endif()
 target_link_libraries(zym_test_options INTERFACE zym_options)
 
+include(EmulatedTests)
+
 # zym_add_test(name SOURCES ... DEPS ... [LABELS ...] [TIMEOUT s]): a GoogleTest program whose test
-# cases become CTest tests of their own. Idle OpenMP threads sleep: tests run beside each other, and
+# cases become CTest tests of their own, except in a cross-build that leaves it out. Idle OpenMP threads sleep: tests run beside each other, and
 # threads that spin for work take the processor from those that have some.
 function(zym_add_test name)
   cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
@@ -74,6 +76,10 @@ function(zym_add_test name)
     zym_test_options ${ARG_DEPS} GTest::gtest_main OpenMP::OpenMP_CXX)
   if(NOT ARG_SOURCES MATCHES "\\.c(;|$)")  # a C program has no use for them
     target_precompile_headers(${name} REUSE_FROM zym_test_headers)
+  endif()
+  if(CMAKE_CROSSCOMPILING AND NOT name IN_LIST zym_emulated_tests)
+    set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
+    return()
   endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
     PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")

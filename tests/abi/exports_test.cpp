@@ -103,9 +103,15 @@ TEST(Dependencies, AreTheLanguageRuntimesAlone) {
   if (kel::test::kInstrumented) {
     GTEST_SKIP() << "an instrumented build needs its own runtime";
   }
-  const std::set<std::string> allowed = {"libstdc++.so.6",  "libm.so.6",           "libgomp.so.1",
-                                         "libgcc_s.so.1",   "libc.so.6",           "libomp.so.5",
-                                         "libpthread.so.0", "ld-linux-x86-64.so.2"};
+  const std::set<std::string> allowed = {"libstdc++.so.6",
+                                         "libm.so.6",
+                                         "libgomp.so.1",
+                                         "libgcc_s.so.1",
+                                         "libc.so.6",
+                                         "libomp.so.5",
+                                         "libpthread.so.0",
+                                         "ld-linux-x86-64.so.2",
+                                         "ld-linux-aarch64.so.1"};
   for (const std::string& library : neededLibraries(readLibrary())) {
     EXPECT_TRUE(allowed.contains(library)) << library;
   }

@@ -375,24 +375,34 @@ std::vector<std::string> mappingFlags(const std::string& path) {
   return flags;
 }
 
+// Whether the system has huge pages to advise and shows the advice: an emulated one may do neither.
+bool adviceShows(const std::string& path) {
+  constexpr size_t kLength = 1;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  void* trial = ::mmap(nullptr, kLength, PROT_READ, MAP_PRIVATE, fd, 0);
+  ::close(fd);
+  if (trial == MAP_FAILED) {
+    return false;
+  }
+  const bool known = ::madvise(trial, kLength, MADV_HUGEPAGE) == 0;
+  const std::vector<std::string> flags = mappingFlags(path);
+  ::munmap(trial, kLength);
+  return known && flags.size() == 1 && flags.front().find(" hg ") != std::string::npos;
+}
+
 // Advice for a part of the mapping would split it in two.
 TEST_F(ReaderTest, TheWholeMappingIsAdvisedToUseHugePages) {
   const test::TempDir dir;
   const std::string path = dir.file("advised.zym");
   ContainerImage image = sampleImage();
-  image.bytes.resize(5 * 4096 + 17);
+  image.bytes.resize(5 * static_cast<size_t>(::sysconf(_SC_PAGESIZE)) + 17);
   test::writeFile(path, image.bytes);
+  if (!adviceShows(path)) {
+    GTEST_SKIP() << "this system shows no advice on huge pages";
+  }
   ASSERT_TRUE(reader.open(path.c_str()).ok());
   const std::vector<std::string> flags = mappingFlags(path);
-  ASSERT_FALSE(flags.empty());
-  void* trial = ::mmap(nullptr, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(MAP_FAILED, trial);
-  const bool known = ::madvise(trial, 4096, MADV_HUGEPAGE) == 0;
-  ::munmap(trial, 4096);
-  if (!known) {
-    GTEST_SKIP() << "this kernel has no huge pages to advise";
-  }
-  EXPECT_EQ(1U, flags.size());
+  ASSERT_EQ(1U, flags.size());
   EXPECT_NE(std::string::npos, flags.front().find(" hg ")) << flags.front();
 }
 
