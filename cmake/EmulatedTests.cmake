@@ -7,8 +7,9 @@
 #   context_*test, model_determinism_test, model_reference_test, diagnostics_*test, reset_rules_test,
 #   decode_loop_test, prompt_*_test and most of tests/abi. known_bits_test runs such passes, and a
 #   demonstration chat runs the program with the plugin;
-# - what depends on no processor: tests/convert, and the rest of tests/host and tests/e2e, whose
-#   programs start others (the emulator does not follow).
+# - what depends on no processor: tests/convert;
+# - programs that start others, which the emulator does not follow: dispatch_test and the rest of
+#   tests/host and tests/e2e.
 set(zym_emulated_tests
   # tests/quant
   quant_type_test block_sizes_test bfloat16_test half_test dequant_test quant_test
@@ -19,7 +20,7 @@ set(zym_emulated_tests
   whitespace_test word_splitter_test bpe_merger_test special_tokens_test string_index_test
   tokenizer_test encode_test
   # tests/qwen35
-  processors_test dispatch_test elementwise_test exponential_test kernels_variants_test
+  processors_test elementwise_test exponential_test kernels_variants_test
   quantised_products_test products_test matmul_test state_buffer_test bind_test run_check_test aligned_vectors_test full_attention_test
   linear_attention_test forward_test team_test norm_rules_test attention_rules_test
   linear_rules_test
