@@ -10,7 +10,8 @@
 //              Rows and vectors of inputs whose chains of dot products fill the registers.
 //   kHeadersAtOnce
 //              Block headers of the K formats that are read before their products.
-//   prefetch(address)  Asks for a line of memory. The address may be anything.
+//   prefetch(address), prefetchToL2(address)
+//              Ask for a line of memory. The address may be anything.
 //
 //   F          kFloats floats: zero, all (one float everywhere), load, store, add, sub, mul, div,
 //              fma(a, b, c) = a * b + c rounded once. loadRepeated: eight floats, in every group.

@@ -122,10 +122,33 @@ void prefetchBlock(const uint8_t* super, size_t stride) {
   }
 }
 
+// The bytes of the tile that follows, in the order of their addresses, for L2: those of rows of
+// several spans are not read in that order, and the processor does not foresee them.
+template <typename V, typename Format>
+class NextTile {
+ public:
+  NextTile(const uint8_t* first, size_t rows, size_t stride, size_t blocks)
+      : at(reinterpret_cast<uintptr_t>(first) + rows * stride), isForeseen(blocks <= kSpanBlocks) {}
+
+  void prefetchBlock() {
+    if (isForeseen) {
+      return;
+    }
+    for (size_t line = 0; line < Format::kBlockBytes; line += kLineBytes) {
+      V::prefetchToL2(at + line);
+    }
+    at += Format::kBlockBytes;
+  }
+
+ private:
+  uintptr_t at;
+  bool isForeseen;
+};
+
 // One span of a row: `blocks` super-blocks, at most kSpanBlocks; rows are `stride` bytes apart.
 template <typename V, typename Format>
 typename V::Half::F spanSum(const uint8_t* super, size_t stride, const QuantisedInput* x,
-                            size_t blocks) {
+                            size_t blocks, NextTile<V, Format>& next) {
   using H = typename V::Half;
   typename H::F low = H::zero();
   typename H::F chain = H::zero();
@@ -136,6 +159,7 @@ typename V::Half::F spanSum(const uint8_t* super, size_t stride, const Quantised
     openBlocks<V, Format>(super, x, first, count, opened, low);
     for (size_t i = 0; i < count; ++i, super += Format::kBlockBytes) {
       prefetchBlock<V, Format>(super, stride);
+      next.prefetchBlock();
       const QuantisedInput& group = x[(first + i) / kGroupSuperBlocks];
       const size_t block = (first + i) % kGroupSuperBlocks;
       const typename V::Scales& scales = opened.scales[i];
@@ -158,12 +182,13 @@ void tileSums(const uint8_t* first, size_t stride, const QuantisedInput* x, floa
   for (size_t r = 0; r < rows; ++r) {
     total[r] = H::zero();
   }
+  NextTile<V, Format> next(first, rows, stride, blocks);
   for (size_t b = 0; b < blocks; b += kSpanBlocks) {
     const size_t count = blocks - b < kSpanBlocks ? blocks - b : kSpanBlocks;
     const uint8_t* super = first + b * Format::kBlockBytes;
     for (size_t r = 0; r < rows; ++r, super += stride) {
-      total[r] =
-          H::add(total[r], spanSum<V, Format>(super, stride, x + b / kGroupSuperBlocks, count));
+      total[r] = H::add(total[r],
+                        spanSum<V, Format>(super, stride, x + b / kGroupSuperBlocks, count, next));
     }
   }
   for (size_t r = 0; r < rows; ++r) {

@@ -30,6 +30,9 @@ struct Avx2 {
   static void prefetch(uintptr_t address) {
     _mm_prefetch(reinterpret_cast<const char*>(address), _MM_HINT_T0);
   }
+  static void prefetchToL2(uintptr_t address) {
+    _mm_prefetch(reinterpret_cast<const char*>(address), _MM_HINT_T1);
+  }
 
   // ---- floats
 

@@ -26,6 +26,7 @@ struct Avx512 {
   static constexpr size_t kHeadersAtOnce = 1;  // scale codes stay in registers
 
   static void prefetch(uintptr_t address) { Avx2::prefetch(address); }
+  static void prefetchToL2(uintptr_t address) { Avx2::prefetchToL2(address); }
 
   // ---- floats
 

@@ -31,6 +31,10 @@ struct Neon {
   static void prefetch(uintptr_t address) {
     __builtin_prefetch(reinterpret_cast<const void*>(address));
   }
+  static void prefetchToL2(uintptr_t address) {
+    constexpr int kL2 = 2;
+    __builtin_prefetch(reinterpret_cast<const void*>(address), 0, kL2);
+  }
 
   // ---- floats
 

@@ -28,6 +28,7 @@ struct Emulated {
   static constexpr size_t kHeadersAtOnce = headersAtOnce;
 
   static void prefetch(uintptr_t /*address*/) {}
+  static void prefetchToL2(uintptr_t /*address*/) {}
 
   // ---- floats
 
