@@ -21,46 +21,44 @@ inline constexpr size_t kRowsAtOnce = 4;
 // apart.
 
 template <typename V>
-struct F32Rows {
-  static constexpr size_t kBlockLen = 8;
-  static constexpr size_t kBlockBytes = 32;
+struct F32 {
+  static constexpr size_t kBytes = 4;
 
-  static float load(const uint8_t* row, size_t i) {
+  static typename V::F eight(const uint8_t* at) { return V::loadF32(at); }
+  static float one(const uint8_t* at) {
     float value;
-    std::memcpy(&value, row + i * sizeof value, sizeof value);
+    std::memcpy(&value, at, sizeof value);
     return value;
-  }
-
-  template <size_t R>
-  static void addBlock(const uint8_t* first, size_t stride, const float* x,
-                       typename V::F (&chain)[R]) {
-    const typename V::F input = V::load(x);
-    for (size_t r = 0; r < R; ++r) {
-      chain[r] = V::fma(V::loadF32(first + r * stride), input, chain[r]);
-    }
   }
 };
 
 template <typename V>
-struct Bf16Rows {
-  static constexpr size_t kBlockLen = 8;
-  static constexpr size_t kBlockBytes = 16;
+struct Bf16 {
+  static constexpr size_t kBytes = 2;
 
-  static float load(const uint8_t* row, size_t i) {
+  static typename V::F eight(const uint8_t* at) { return V::loadBf16(at); }
+  static float one(const uint8_t* at) {
     uint16_t half;
-    std::memcpy(&half, row + i * sizeof half, sizeof half);
+    std::memcpy(&half, at, sizeof half);
     const uint32_t bits = static_cast<uint32_t>(half) << 16;
     float value;
     std::memcpy(&value, &bits, sizeof value);
     return value;
   }
+};
+
+// Rows of elements by themselves.
+template <typename V, typename Element>
+struct PlainRows {
+  static constexpr size_t kBlockLen = kLanes;
+  static constexpr size_t kBlockBytes = kLanes * Element::kBytes;
 
   template <size_t R>
   static void addBlock(const uint8_t* first, size_t stride, const float* x,
                        typename V::F (&chain)[R]) {
     const typename V::F input = V::load(x);
     for (size_t r = 0; r < R; ++r) {
-      chain[r] = V::fma(V::loadBf16(first + r * stride), input, chain[r]);
+      chain[r] = V::fma(Element::eight(first + r * stride), input, chain[r]);
     }
   }
 };
@@ -155,36 +153,35 @@ void blockRows(const void* weights, const float* x, float* out, size_t rows, siz
 }
 
 // The running sum for lengths that are no multiple of the lanes.
-template <typename Rows>
+template <typename Element>
 float runningSum(const uint8_t* row, const float* x, size_t n) {
   const size_t plain = n - n % 16;
   float sum = 0.0f;
   for (size_t i = 0; i < plain; ++i) {
-    sum += Rows::load(row, i) * x[i];
+    sum += Element::one(row + i * Element::kBytes) * x[i];
   }
   for (size_t i = plain; i < n; ++i) {
-    sum = __builtin_fmaf(Rows::load(row, i), x[i], sum);
+    sum = __builtin_fmaf(Element::one(row + i * Element::kBytes), x[i], sum);
   }
   return sum;
 }
 
-template <typename V, typename Rows>
-void loadedRows(const void* weights, const float* x, float* out, size_t rows, size_t cols) {
+template <typename V, typename Element>
+void plainRows(const void* weights, const float* x, float* out, size_t rows, size_t cols) {
   if (cols % kLanes == 0) {
-    blockRows<V, Rows>(weights, x, out, rows, cols);
+    blockRows<V, PlainRows<V, Element>>(weights, x, out, rows, cols);
     return;
   }
   const auto* row = static_cast<const uint8_t*>(weights);
-  constexpr size_t kElementBytes = Rows::kBlockBytes / Rows::kBlockLen;
-  for (size_t r = 0; r < rows; ++r, row += cols * kElementBytes) {
-    out[r] = runningSum<Rows>(row, x, cols);
+  for (size_t r = 0; r < rows; ++r, row += cols * Element::kBytes) {
+    out[r] = runningSum<Element>(row, x, cols);
   }
 }
 
 template <typename V>
 float dot(const float* a, const float* b, size_t n) {
   float sum;
-  loadedRows<V, F32Rows<V>>(a, b, &sum, 1, n);
+  plainRows<V, F32<V>>(a, b, &sum, 1, n);
   return sum;
 }
 

@@ -7,6 +7,7 @@
 
 #include "qwen35/simd/kernel_table.h"
 #include "qwen35/simd/lanes.h"
+#include "qwen35/simd/rows.h"
 
 namespace qwen35 {
 
@@ -129,16 +130,14 @@ void foldSums(const float* sums, float* out, size_t n) {
 
 template <typename V>
 void decodeBf16(const void* src, float* dst, size_t n) {
+  using Element = Bf16<typename V::Half>;
   const auto* at = static_cast<const uint8_t*>(src);
   size_t i = 0;
   for (; n - i >= kLanes; i += kLanes) {
-    V::Half::store(dst + i, V::Half::loadBf16(at + i * sizeof(uint16_t)));
+    V::Half::store(dst + i, Element::eight(at + i * Element::kBytes));
   }
   for (; i < n; ++i) {
-    uint16_t half;
-    std::memcpy(&half, at + i * sizeof half, sizeof half);
-    const uint32_t bits = static_cast<uint32_t>(half) << 16;
-    std::memcpy(dst + i, &bits, sizeof bits);
+    dst[i] = Element::one(at + i * Element::kBytes);
   }
 }
 
