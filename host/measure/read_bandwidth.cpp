@@ -114,7 +114,10 @@ std::vector<ChunkReader> supportedReaders() {
             {"avx2, 8 streams", sumAvx2<8>}};
   }
 #endif
-  return {{"1 stream", sumWords<1>}, {"4 streams", sumWords<4>}};
+  return {{"1 stream", sumWords<1>},
+          {"2 streams", sumWords<2>},
+          {"4 streams", sumWords<4>},
+          {"8 streams", sumWords<8>}};
 }
 
 // Pages that nobody has touched, huge ones if the system gives them.
