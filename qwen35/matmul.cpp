@@ -209,7 +209,7 @@ class TileOrder {
 void prefetch(const Piece& piece, const Tile& tile) {
   constexpr size_t kLineBytes = 64;
   const uint8_t* chunk = tile.weights(piece);
-  const size_t bytes = rowBytes(piece.matrix.type, kChunk);
+  const size_t bytes = rowBytes(piece.matrix.type, tile.len);
   for (size_t r = 0; r < tile.rows; ++r, chunk += piece.matrix.stride) {
     for (size_t line = 0; line < bytes; line += kLineBytes) {
       __builtin_prefetch(chunk + line);
