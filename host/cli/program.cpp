@@ -63,6 +63,7 @@ int showOrComplain(const CLI::App& program, const CLI::ParseError& error) {
 
 int runProgram(int argc, const char* const* argv) {
   useUtf8();
+  limitThreads();
   CLI::App program("Runs Qwen3.5 hybrid models on the CPU.", "zym");
   Action action;
   program.set_version_flag("--version", versionText);
@@ -71,7 +72,7 @@ int runProgram(int argc, const char* const* argv) {
   program
       .add_option_function<int>("--threads", setThreads,
                                 "Threads to compute with, at most the processors that it may use "
-                                "(default: OMP_NUM_THREADS, else a thread for each physical core)")
+                                "(default: OMP_NUM_THREADS, else one for each physical core)")
       ->check(CLI::Range(1, 1024))
       ->type_name("N")
       ->trigger_on_parse();

@@ -1,6 +1,7 @@
 // The program's two streams and its exit status, command by command.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -392,7 +393,9 @@ TEST_F(ProgramTest, BenchReportsEveryMeasure) {
   const Outcome outcome = zym({"--threads", "1000", "bench", model, "--json", "--repetitions", "2",
                                "--prompt", "20", "--steps", "4"});
   ASSERT_EQ(outcome.status, 0) << outcome.err;
-  EXPECT_EQ(outcome.err, "");  // no bar in a pipe, and no plain line so soon
+  // No bar in a pipe, and no plain line so soon.
+  EXPECT_TRUE(outcome.err.starts_with("(--threads 1000: ")) << outcome.err;
+  EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
   const Json report = Json::parse(outcome.out);
   EXPECT_EQ(report["threads"], qwen35::usableProcessors());  // no more run
   EXPECT_EQ(report["kernels"], "scalar");
