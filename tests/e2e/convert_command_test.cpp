@@ -162,7 +162,9 @@ TEST_F(ConvertCommandTest, BytesDoNotDependOnTheThreads) {
 }
 
 TEST_F(ConvertCommandTest, WrongUseExitsWithTwo) {
-  expectRefused({kDemo}, "DST is required; see zym convert --help", 2);
+  expectRefused({kDemo},
+                "DST is required, as in: zym convert model.gguf model.zym; see zym convert --help",
+                2);
   expectRefused({kDemo, target(), "--type", "q6_k"},
                 "--type is one of f32|bf16|q8_0|q5_k|q4_k, not \"q6_k\"", 2);
   expectRefused({kDemo, target(), "--embedding-type", ""}, "--embedding-type is one of", 2);

@@ -35,14 +35,41 @@ class ProgramTest : public testing_support::ProgramTest {
 };
 
 TEST_F(ProgramTest, WrongUseExitsWithTwo) {
-  expectFault(zym({}), 2, "A subcommand is required; see zym --help");
-  expectFault(zym({"chat"}), 2, "MODEL is required; see zym chat --help");
-  expectFault(zym({"run", model}), 2,
-              "a prompt (-p TEXT, -f FILE or -) is required; see zym run --help");
   expectFault(zym({"run", model, "-p", "a", "--top-k", "0"}), 2,
               "top-k must be a whole number from 1, not \"0\"; see zym run --help");
   expectFault(zym({"--threads", "0", "info", model}), 2,
               "--threads: Value 0 not in range 1 to 1024; see zym --help");
+}
+
+TEST_F(ProgramTest, WhatIsMissingIsNamedWithAnExample) {
+  EXPECT_EQ(zym({}).status, 2);
+  EXPECT_EQ(zym({}).err.rfind("zym: a command is required: chat, run, bench, ", 0), 0U);
+  expectFault(zym({"chat"}), 2,
+              "MODEL is required, as in: zym chat model.zym; see zym chat --help");
+  expectFault(zym({"run", model}), 2,
+              "a prompt (-p TEXT, -f FILE or -) is required, as in: "
+              "zym run model.zym --chat -p 'Who are you?'; see zym run --help");
+}
+
+TEST_F(ProgramTest, UnknownCommandIsNamedWithTheNearestOne) {
+  expectFault(zym({"inf", model}), 2, "no command \"inf\" (did you mean info?); see zym --help");
+  expectFault(zym({"foo", "--json"}), 2, "no command \"foo\"; see zym --help");
+  expectFault(zym({"small.zym"}), 2,
+              "no command \"small.zym\" (did you mean zym chat small.zym?); see zym --help");
+}
+
+// Whatever else is missing or has become wrong by it.
+TEST_F(ProgramTest, UnknownOptionIsNamedWithTheNearestOne) {
+  const std::string line = "no option \"--thraeds\" (did you mean --threads?); see zym run --help";
+  expectFault(zym({"run", "--thraeds", "2", model, "-p", "a"}), 2, line);
+  expectFault(zym({"run", "--thraeds=2"}), 2, line);
+  expectFault(zym({"chat", model, "--temp", "0.5"}), 2,
+              "no option \"--temp\" (did you mean --temperature?); see zym chat --help");
+  expectFault(zym({"info", model, "-jsno"}), 2,
+              "no option \"-jsno\" (did you mean --json?); see zym info --help");
+  expectFault(zym({"info", model, "--zzzz"}), 2, "no option \"--zzzz\"; see zym info --help");
+  expectFault(zym({"--vresion"}), 2,
+              "no option \"--vresion\" (did you mean --version?); see zym --help");
 }
 
 TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
