@@ -408,6 +408,65 @@ TEST_F(ProgramTest, TokenizeShowsIdsAndPieces) {
   EXPECT_EQ(report["ids"], Json::array({0}));
 }
 
+TEST_F(ProgramTest, TokenizeReadsFilesAndStandardInput) {
+  const std::string tokens = "      0  \" \"\n      1  \"<|im_end|>\"\n";
+  EXPECT_EQ(zym({"tokenize", model, "--raw", "-"}, " <|im_end|>\n").out, tokens);
+  EXPECT_EQ(zym({"tokenize", model, "--raw", "-f", write("text.txt", " <|im_end|>\n")}).out,
+            tokens);
+  const std::string missing = folder / "missing.txt";
+  expectFault(zym({"tokenize", model, "--file", missing}), 1,
+              missing + ": No such file or directory; check the path");
+}
+
+TEST_F(ProgramTest, TokenizeTurnsIdsIntoText) {
+  const std::string text = "<|im_end|> <|im_end|>\n";
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "1", "0", "1"}).out, text);
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "1,0 1"}).out, text);
+  EXPECT_EQ(zym({"tokenize", "--ids", model, "-"}, "[1,\n 0,\n 1]\n").out, text);
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "-f", write("ids.txt", "1\n0\n1\n")}).out, text);
+  const Json report = Json::parse(zym({"tokenize", model, "--ids", "--json", "1", "0"}).out);
+  EXPECT_EQ(report, Json({{"ids", {1, 0}}, {"text", "<|im_end|> "}}));
+  expectFault(zym({"tokenize", model, "--ids", "1", "4"}), 1,
+              "the vocabulary has no token 4; its last one is 3");
+}
+
+TEST_F(ProgramTest, TokenizeGivesACharacterOfSeveralTokensWhole) {
+  ASSERT_TRUE(writeSmallModel(model, nullptr, "qwen35", [](kel::ZYM2Writer& writer) {
+                kel::TokenizerData data = testing_support::smallVocabulary(4);
+                data.tokens[2] = "Ã";  // the letters of the two bytes of é
+                data.tokens[3] = "©";
+                writer.setTokenizer(data);
+              }).ok());
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "2", "3"}).out, "é\n");
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "3"}).out, "\uFFFD\n");
+  EXPECT_EQ(zym({"tokenize", model, "é"}).out, "      2  \"\uFFFD\"\n      3  \"\uFFFD\"\n");
+  const Outcome invalid = zym({"tokenize", model, "\xC3"});
+  EXPECT_EQ(invalid.out, "      2  \"\uFFFD\"\n");
+  EXPECT_EQ(invalid.err,
+            "(the text is not valid UTF-8; bytes that belong to no character are read one by "
+            "one)\n");
+}
+
+TEST_F(ProgramTest, TokenizeOfNothingShowsNothing) {
+  for (const Outcome& outcome : {zym({"tokenize", model, ""}), zym({"tokenize", model, "-"})}) {
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out + outcome.err, "");
+  }
+  EXPECT_EQ(Json::parse(zym({"tokenize", model, "--json", ""}).out),
+            Json({{"ids", Json::array()}, {"pieces", Json::array()}}));
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "-"}).out, "\n");
+}
+
+TEST_F(ProgramTest, TokenizeTakesOneText) {
+  expectFault(zym({"tokenize", model}), 2,
+              "a text (TEXT, -f FILE or -) is required, as in: zym tokenize model.zym 'Hello "
+              "there'; see zym tokenize --help");
+  expectFault(zym({"tokenize", model, "a", "b", "c"}), 2,
+              "\"b\" is one word too many; put the whole text in quotes; see zym tokenize --help");
+  expectFault(zym({"tokenize", model, "a", "-f", "b"}), 2,
+              "--file excludes TEXT; see zym tokenize --help");
+}
+
 TEST_F(ProgramTest, BenchRefusesSizesThatDoNotFit) {
   const Outcome outcome = zym({"bench", model, "--at", "7000", "--steps", "4096"});
   EXPECT_EQ(outcome.status, 1);
