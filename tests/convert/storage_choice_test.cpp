@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <vector>
+
 #include "convert/errors.h"
 #include "convert/free_space.h"
 #include "convert/tensor_rows.h"
+#include "quant/least_squares_k.h"
 
 namespace {
 
@@ -107,6 +111,21 @@ TEST(Bfloat16, RoundsToNearestEven) {
   EXPECT_EQ(0x3F82, encoded(1.01171875F)) << "a tie, up to even";
   EXPECT_EQ(0x3F81, encoded(1.005F));
   EXPECT_EQ(0xBF80, encoded(-1.0F));
+}
+
+TEST(EncodeRow, SearchesForTheLeastErrorInSuperBlocks) {
+  std::vector<float> row(512);
+  for (size_t i = 0; i < row.size(); ++i) {
+    row[i] = std::sin(static_cast<float>(i));
+  }
+  for (const auto& [type, encode] : {std::pair{QuantType::Q4_K, kel::quant::leastSquaresQ4K},
+                                     std::pair{QuantType::Q5_K, kel::quant::leastSquaresQ5K}}) {
+    std::vector<uint8_t> expected(kel::quant::quantizedBytes(type, row.size()));
+    std::vector<uint8_t> encoded(expected.size());
+    encode(row.data(), expected.data(), row.size());
+    kel::convert::encodeRow(type, row.data(), row.size(), encoded.data());
+    EXPECT_EQ(expected, encoded) << quantTypeName(type);
+  }
 }
 
 TEST(Printable, ControlBytesAreReplacedAndLongTextIsCutBetweenCharacters) {
