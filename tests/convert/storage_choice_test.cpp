@@ -8,6 +8,7 @@
 #include "convert/errors.h"
 #include "convert/free_space.h"
 #include "convert/tensor_rows.h"
+#include "quant/block_sizes.h"
 #include "quant/least_squares_k.h"
 
 namespace {
@@ -118,8 +119,8 @@ TEST(EncodeRow, SearchesForTheLeastErrorInSuperBlocks) {
   for (size_t i = 0; i < row.size(); ++i) {
     row[i] = std::sin(static_cast<float>(i));
   }
-  for (const auto& [type, encode] : {std::pair{QuantType::Q4_K, kel::quant::leastSquaresQ4K},
-                                     std::pair{QuantType::Q5_K, kel::quant::leastSquaresQ5K}}) {
+  for (const auto& [type, encode] : {std::pair{QuantType::Q4_K, &kel::quant::leastSquaresQ4K},
+                                     std::pair{QuantType::Q5_K, &kel::quant::leastSquaresQ5K}}) {
     std::vector<uint8_t> expected(kel::quant::quantizedBytes(type, row.size()));
     std::vector<uint8_t> encoded(expected.size());
     encode(row.data(), expected.data(), row.size());
