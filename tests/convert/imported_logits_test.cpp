@@ -131,13 +131,13 @@ TEST_F(ImportedLogits, OfEveryTypeAsFloatsAreTheSources) {
 
 TEST_F(ImportedLogits, OfReencodedTypesStayClose) {
   source.encodeMatrices([](const ReferenceFormat& format) { return !format.kept; });
-  // Through 32 layers of random weights. What is wrong altogether gives more than 1.
+  // Small steps, and larger ones where the source's are larger still, through 32 layers of random
+  // weights that amplify them. What is wrong altogether gives more than 1.
   const Vectors expected = source.referenceLogits();
   EXPECT_LE(errorOf(source.file, expected), 0.4);
-  // Steps of 1/127 of a block's largest value.
   StorageChoice best;
   best.preset = kel::convert::Preset::Best;
-  EXPECT_LE(errorOf(source.file, expected, best), 0.25);
+  EXPECT_LE(errorOf(source.file, expected, best), 0.4);
 }
 
 TEST_F(ImportedLogits, OfACheckpointAreTheSources) {
