@@ -60,8 +60,8 @@ class ZYM2Writer {
   void setHeaderWords(uint32_t wordA, uint64_t wordB, uint64_t wordC);
   // Quant info is written by default (all zero); false leaves the section out.
   void setQuantInfo(bool present);
-  // Adds the checksum of every section but the metadata's own to the metadata, as its last entries
-  // (checksum.h). Before the first tensor: later it makes the next call that returns a status fail.
+  // Adds the checksum of every section to the metadata, as its last entries (checksum.h). Before
+  // the first tensor: later it makes the next call that returns a status fail.
   void storeChecksums();
 
   // A tensor in one call. name: unique, 1 to 64 bytes, no zero byte. dims: innermost first, at most
@@ -86,6 +86,7 @@ class ZYM2Writer {
   void addSection(zym2::SectionType type, uint64_t offset);  // what was appended since offset
   Status writeTokenizer();
   Status writeIndex();
+  Status writeMeta();
   void addChecksums();
   Status alignTensor();
   Status writeHead();

@@ -129,10 +129,13 @@ class PluginBackend : public Backend {
     if (status == ZYM_STATUS_OK) {
       return Status::success();
     }
-    // The runtime gives no reason. It opens files whose tensors do not fit together and then fails
-    // every call; `zym check` names the tensors.
-    return Status::invalid(std::string(what) + " failed; `zym check " + modelPath +
-                           "` names a fault of the file");
+    // The runtime gives no reason. It opens files whose tensors do not fit together, or hold values
+    // that are not finite, and then fails every call; `zym check --full` names the tensors. A sound
+    // file leaves memory that ran out.
+    return Status::invalid(std::string(what) +
+                           " failed; memory ran out, or the file has a fault, which `zym check "
+                           "--full " +
+                           modelPath + "` names");
   }
 
   Tables table;

@@ -1,5 +1,6 @@
 // zym check: can this runtime run the file?
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <cstdio>
 #include <memory>
@@ -7,7 +8,9 @@
 #include <vector>
 
 #include "host/cli/commands.h"
+#include "host/cli/threads.h"
 #include "host/inspect/container_check.h"
+#include "host/terminal/interrupt.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
@@ -15,24 +18,49 @@
 namespace zym {
 namespace {
 
-std::vector<Fault> faultsOf(const std::string& path) {
+struct CheckCommand {
+  std::string file;
+  bool full = false;
+};
+
+CheckResult checkFile(const CheckCommand& command) {
   kel::ZYMLoader loader;
-  const kel::Status status = loader.open(path.c_str());
+  const kel::Status status = loader.open(command.file.c_str());
   if (!status.ok()) {
-    return {{"file", status.message}};
+    CheckResult unopened;
+    unopened.faults.push_back({"file", status.message});
+    return unopened;
   }
+  catchInterrupts();
+  const CancelScope scope;
   Progress progress("checking");
-  return checkContainer(loader,
-                        [&](uint64_t done, uint64_t total) { progress.update(done, total); });
+  return checkContainer(loader, {command.full, static_cast<unsigned>(threadCount())},
+                        [&](uint64_t done, uint64_t total) {
+                          progress.update(done, total);
+                          return !scope.cancelled();
+                        });
 }
 
-int check(const std::string& path) {
+void showUnguarded(const std::vector<std::string>& sections) {
+  if (!sections.empty()) {
+    remark(fmt::format("(no checksum covers: {}; damage to that goes unnoticed)",
+                       fmt::join(sections, ", ")));
+  }
+}
+
+int check(const CheckCommand& command) {
+  const std::string& path = command.file;
   const kel::Status status = checkInputFile(path);
   if (!status.ok()) {
     complain(status.message);
     return 1;
   }
-  const std::vector<Fault> faults = faultsOf(path);
+  const CheckResult result = checkFile(command);
+  if (result.stopped) {
+    complain("stopped before the whole file was checked");
+    return kInterruptedExit;
+  }
+  const std::vector<Fault>& faults = result.faults;
   for (const Fault& fault : faults) {
     std::printf("%s: %s\n", withoutControls(replaceInvalid(fault.where)).c_str(),
                 withoutControls(replaceInvalid(fault.what)).c_str());
@@ -43,17 +71,22 @@ int check(const std::string& path) {
     return 1;
   }
   std::printf("%s: can be run\n", path.c_str());
+  showUnguarded(result.unguarded);
   return 0;
 }
 
 }  // namespace
 
 void addCheck(CLI::App& program, Action& action) {
-  auto path = std::make_shared<std::string>();
+  auto chosen = std::make_shared<CheckCommand>();
   CLI::App* command = program.add_subcommand("check", "Tell whether a container can be run");
-  command->add_option("FILE", *path, "Container file (.zym)")->required();
-  addExamples(*command, "  zym check model.zym && zym chat model.zym");
-  command->callback([path, &action] { action = [path] { return check(*path); }; });
+  command->add_option("FILE", chosen->file, "Container file (.zym)")->required();
+  command->add_flag("--full", chosen->full,
+                    "Look at every weight for values that are not finite, not at vectors alone");
+  addExamples(*command,
+              "  zym check model.zym && zym chat model.zym\n"
+              "  zym check model.zym --full");
+  command->callback([chosen, &action] { action = [chosen] { return check(*chosen); }; });
 }
 
 }  // namespace zym

@@ -100,19 +100,29 @@ TEST_F(ConvertCommandTest, ConvertedCheckpointPassesTheCheck) {
   EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
 }
 
-TEST_F(ConvertCommandTest, DamageAfterwardsIsFoundByTheChecksums) {
+TEST_F(ConvertCommandTest, DamageAfterwardsIsFound) {
   ASSERT_EQ(zym({"convert", kDemo, target()}).status, 0);
-  // In the middle of the weights, where no value becomes infinite by it.
-  std::fstream file(target(), std::ios::in | std::ios::out | std::ios::binary);
-  const auto middle = static_cast<std::streamoff>(fs::file_size(target()) / 2);
-  file.seekg(middle);
-  const int byte = file.get();
-  file.seekp(middle);
-  file.put(static_cast<char>(byte ^ 1));
-  file.close();
+  const Outcome sound = zym({"check", target(), "--full"});
+  EXPECT_EQ(sound.out, target() + ": can be run\n");
+  EXPECT_EQ(sound.err, "");
+  const auto flip = [this](std::streamoff at) {
+    std::fstream file(target(), std::ios::in | std::ios::out | std::ios::binary);
+    file.seekg(at);
+    const int byte = file.get();
+    file.seekp(at);
+    file.put(static_cast<char>(byte ^ 1));
+  };
+  // In the middle of the weights, where no value becomes infinite by it; in the metadata.
+  const auto fileBytes = static_cast<std::streamoff>(fs::file_size(target()));
+  flip(fileBytes / 2);
+  flip(fileBytes - 300);
+  std::ofstream(target(), std::ios::app | std::ios::binary) << std::string(100, 'x');
   const Outcome check = zym({"check", target()});
   EXPECT_EQ(check.status, 1);
-  EXPECT_EQ(check.out, "section weights: differs from its checksum: the file is damaged\n");
+  EXPECT_EQ(check.out, "file: has 100 bytes behind its last section, which ends at " +
+                           std::to_string(fileBytes) +
+                           "\nsection weights: differs from its checksum: the file is damaged\n"
+                           "section metadata: differs from its checksum: the file is damaged\n");
 }
 
 TEST_F(ConvertCommandTest, SummaryTellsWhatBecameOfEveryGroup) {

@@ -1,6 +1,7 @@
 // The program's two streams and its exit status, command by command.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -240,7 +241,8 @@ TEST_F(ProgramTest, RunJsonDoesNotGuessTheEndOfACompletion) {
 }
 
 TEST_F(ProgramTest, RunFailuresAreReported) {
-  const std::string advice = "; `zym check " + model + "` names a fault of the file";
+  const std::string advice =
+      "; memory ran out, or the file has a fault, which `zym check --full " + model + "` names";
   expectFault(zym({"run", model, "-p", "break"}), 1, "the completion failed" + advice);
   expectFault(zym({"run", model, "--chat", "-p", "break"}), 1, "the turn failed" + advice);
 }
@@ -290,9 +292,10 @@ TEST_F(ProgramTest, ChatSaysWhyAReplyEnded) {
   EXPECT_EQ(zym({"chat", model}, "limit\n").err, "(cut at 96 tokens; say \"go on\" for more)\n");
   EXPECT_EQ(zym({"chat", model}, "fill\n").err,
             "The context of 8192 positions is full; /reset starts afresh.\n");
-  EXPECT_EQ(zym({"chat", model}, "break\n").err,
-            "zym: the turn failed; `zym check " + model +
-                "` names a fault of the file, /reset starts afresh\n");
+  EXPECT_EQ(
+      zym({"chat", model}, "break\n").err,
+      "zym: the turn failed; memory ran out, or the file has a fault, which `zym check --full " +
+          model + "` names, /reset starts afresh\n");
 }
 
 TEST_F(ProgramTest, ChatThroughPipesTellsOfUnansweredMessages) {
@@ -330,7 +333,26 @@ TEST_F(ProgramTest, CheckAcceptsAModelThatRuns) {
   const Outcome outcome = zym({"check", model});
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.out, model + ": can be run\n");
-  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(
+      outcome.err,
+      "(no checksum covers: weights, tokenizer, tensor index, quant info, metadata; damage to "
+      "that goes unnoticed)\n");
+}
+
+// As a conversion would copy it: such a matrix runs until a value of it is met.
+TEST_F(ProgramTest, FullCheckNamesAMatrixThatIsNotFinite) {
+  ASSERT_TRUE(writeSmallModel(model, [](testing_support::TensorPlan& plan) {
+                if (plan.name == "blk.3.attn_q.weight") {
+                  plan.type = kel::QuantType::BF16;
+                  plan.values.assign(plan.values.size() / 2, 0.5F);
+                  const uint32_t infinityAsSecond = 0x7F803F00;
+                  std::memcpy(&plan.values[10], &infinityAsSecond, sizeof(infinityAsSecond));
+                }
+              }).ok());
+  EXPECT_EQ(zym({"check", model}).status, 0);
+  const Outcome outcome = zym({"check", model, "--full"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "blk.3.attn_q.weight: row 21, value 0 is not finite\n");
 }
 
 TEST_F(ProgramTest, CheckNamesEveryFault) {
