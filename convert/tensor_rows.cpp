@@ -8,6 +8,7 @@
 #include "convert/mapped_file.h"
 #include "quant/bfloat16.h"
 #include "quant/blocks.h"
+#include "quant/non_finite.h"
 
 namespace kel::convert {
 
@@ -72,13 +73,21 @@ bool TensorRows::isPlainCopy() const {
   return plan.copied && heads.kind == HeadAxis::Kind::None;
 }
 
-const uint8_t* TensorRows::sourceRow(uint64_t row) const {
+uint64_t TensorRows::sourceRowNumber(uint64_t row) const {
   uint64_t from = row;
   if (heads.kind == HeadAxis::Kind::Rows && row >= heads.first) {
     const uint64_t past = row - heads.first;
     from = heads.first + groupedHead(past / heads.unit) * heads.unit + past % heads.unit;
   }
-  return plan.source->data + from * sourceBytes;
+  return from;
+}
+
+const uint8_t* TensorRows::sourceRow(uint64_t row) const {
+  return plan.source->data + sourceRowNumber(row) * sourceBytes;
+}
+
+bool TensorRows::isFinite(const uint8_t* data) const {
+  return !quant::firstNonFinite(plan.stored, data, colCount);
 }
 
 void TensorRows::copyRow(const uint8_t* from, uint8_t* out) const {
@@ -110,11 +119,11 @@ bool TensorRows::transform(float* values) const {
   return allFinite(values, colCount);
 }
 
-bool TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
+RowFault TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
   const uint8_t* from = sourceRow(row);
   if (plan.copied) {
     copyRow(from, out);
-    return true;
+    return isFinite(out) ? RowFault::None : RowFault::BadValue;
   }
   float* values = scratch;
   sourceTypeInfo(*plan.source->type).decode(from, values, colCount);
@@ -125,10 +134,10 @@ bool TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
     values = tiled;
   }
   if (!transform(values)) {
-    return false;
+    return RowFault::BadValue;
   }
   encodeRow(plan.stored, values, colCount, out);
-  return true;
+  return isFinite(out) ? RowFault::None : RowFault::TooLarge;
 }
 
 void TensorRows::releaseRows(uint64_t first, uint64_t count) const {
