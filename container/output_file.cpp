@@ -9,6 +9,8 @@
 #include <cstring>
 #include <system_error>
 
+#include "container/descriptors.h"
+
 namespace kel {
 
 namespace {
@@ -48,7 +50,8 @@ Status OutputFile::create(const std::string& path, ExistingFile existing) {
   // The folder is held open, so that a change of working directory does not separate the
   // temporary file from its target.
   const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-  folderFd = retry([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+  folderFd = aboveStandardStreams(
+      retry([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
   if (folderFd < 0) {
     return ioError("cannot open the folder of");
   }
@@ -60,9 +63,9 @@ Status OutputFile::createTemporary() {
   // with the same id are stepped over.
   for (int attempt = 0; attempt < kMaxNameAttempts; ++attempt) {
     temporary = ".zym2-" + std::to_string(::getpid()) + "-" + std::to_string(attempt) + ".tmp";
-    fd = retry([&] {
+    fd = aboveStandardStreams(retry([&] {
       return ::openat(folderFd, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    });
+    }));
     if (fd >= 0 || errno != EEXIST) {
       break;
     }

@@ -100,6 +100,19 @@ TEST_F(ConvertCommandTest, ConvertedCheckpointPassesTheCheck) {
   EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
 }
 
+// Messages went into the container, which took the place of standard error.
+TEST_F(ConvertCommandTest, ClosedStreamsLeaveTheContainerAlone) {
+  ASSERT_EQ(zym({"convert", kDemo, target()}).status, 0);
+  const std::string expected = read(target());
+  for (const char* closed : {"<&-", "<&- 2>&-", "<&- 2>&- >/dev/null"}) {
+    const Outcome outcome = testing_support::runProcess(
+        {"sh", "-c",
+         std::string(ZYM_PROGRAM) + " convert " + kDemo + " " + target() + " --force " + closed});
+    EXPECT_EQ(outcome.status, 0) << closed;
+    EXPECT_TRUE(read(target()) == expected) << closed;
+  }
+}
+
 TEST_F(ConvertCommandTest, DamageAfterwardsIsFound) {
   ASSERT_EQ(zym({"convert", kDemo, target()}).status, 0);
   const Outcome sound = zym({"check", target(), "--full"});

@@ -28,6 +28,11 @@ class ProgramTest : public testing_support::ProgramTest {
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.err, "zym: " + line + "\n");
   }
+  // The program as a shell starts it with redirections.
+  static Outcome withStreams(const std::string& words, const std::string& redirections) {
+    return testing_support::runProcess(
+        {"sh", "-c", std::string(ZYM_PROGRAM) + " " + words + " " + redirections});
+  }
   std::string write(const std::string& name, const std::string& bytes) const {
     std::ofstream(folder / name, std::ios::binary) << bytes;
     return folder / name;
@@ -152,6 +157,41 @@ TEST_F(ProgramTest, FullStandardOutputIsReported) {
       {"sh", "-c", std::string(ZYM_PROGRAM) + " info " + model + " >/dev/full"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.err, "zym: standard output cannot be written; is the disk full?\n");
+}
+
+TEST_F(ProgramTest, ClosedStandardOutputIsReported) {
+  for (const char* words : {"--version", "info --help", "info ", "run -p a "}) {
+    const bool hasModel = std::string_view(words).ends_with(' ');
+    const Outcome outcome = withStreams(words + (hasModel ? model : ""), ">&-");
+    EXPECT_EQ(outcome.status, 1) << words;
+    EXPECT_EQ(outcome.err, "zym: standard output is closed; the results are lost\n") << words;
+  }
+}
+
+TEST_F(ProgramTest, OutputWhoseReaderHasGoneIsReported) {
+  const Outcome outcome = testing_support::runProcess(
+      {"sh", "-c",
+       "trap '' PIPE; { " + std::string(ZYM_PROGRAM) + " info " + model + "; echo $? >" +
+           (folder / "status").string() + "; } | :"});
+  EXPECT_EQ(outcome.err, "zym: standard output was closed by its reader; the rest is lost\n");
+  std::ifstream status(folder / "status");
+  EXPECT_EQ(status.get(), '1');
+}
+
+TEST_F(ProgramTest, ClosedStandardErrorLosesMessagesAlone) {
+  EXPECT_EQ(withStreams("check " + model, "2>&-").out, model + ": can be run\n");
+  const Outcome missing = withStreams("info " + model + ".missing", "2>&-");
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.out, "");
+}
+
+// The model took the closed stream's descriptor and was read as what a person types.
+TEST_F(ProgramTest, ClosedStandardInputIsNoText) {
+  const std::string reason =
+      "standard input: Bad file descriptor; give a file or a pipe that can be read";
+  expectFault(withStreams("chat " + model, "<&-"), 1, reason);
+  expectFault(withStreams("run " + model + " -", "<&-"), 1, reason);
+  EXPECT_EQ(withStreams("run -p a " + model, "<&-").out, "a and so on\n");
 }
 
 TEST_F(ProgramTest, RunCompletesEachPrompt) {
