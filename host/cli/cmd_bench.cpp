@@ -98,24 +98,25 @@ class BenchProgress {
   uint64_t begun = 0;
 };
 
-Status measureOnce(Backend& backend, const BenchOptions& options, BenchProgress& progress,
-                   BenchReport& report) {
+Status measureOnce(Backend& backend, const FillingCost& cost, const BenchOptions& options,
+                   BenchProgress& progress, BenchReport& report) {
   PrefillRun prefill;
-  Status status = measurePrefill(backend, options.prompt, prefill, progress.next(options.prompt));
+  Status status =
+      measurePrefill(backend, cost, options.prompt, prefill, progress.next(options.prompt));
   if (!status.ok()) {
     return status;
   }
   report.prefillPositions = prefill.positions;
   report.prefillSpeeds.push_back(static_cast<double>(prefill.positions) / prefill.seconds);
   if (options.at > 0) {
-    status = measurePrefill(backend, options.at, prefill, progress.next(options.at));
+    status = measurePrefill(backend, cost, options.at, prefill, progress.next(options.at));
   }
   if (!status.ok()) {
     return status;
   }
   report.decodeDepth = prefill.positions;
   std::vector<double> stepMs;
-  status = measureDecode(backend, decodeDepth(options), options.steps, stepMs,
+  status = measureDecode(backend, cost, decodeDepth(options), options.steps, stepMs,
                          progress.next(options.steps));
   if (status.ok() && stepMs.empty()) {
     return Status::invalid("the model gives no text to measure");
@@ -127,10 +128,11 @@ Status measureOnce(Backend& backend, const BenchOptions& options, BenchProgress&
 }
 
 Status measureRepeatedly(Backend& backend, const BenchOptions& options, BenchReport& report) {
-  Status status;
   BenchProgress progress(options);
+  FillingCost cost;
+  Status status = learnFillingCost(backend, cost);
   for (int i = 0; status.ok() && i < options.repetitions; ++i) {
-    status = measureOnce(backend, options, progress, report);
+    status = measureOnce(backend, cost, options, progress, report);
   }
   return status;
 }
@@ -283,7 +285,7 @@ void addBench(CLI::App& program, Action& action) {
   command->add_option("--repetitions", options->repetitions, "Runs to take the median of")
       ->check(CLI::Range(1, 1000))
       ->capture_default_str();
-  command->add_option("--prompt", options->prompt, "Positions of the prefill")
+  command->add_option("--prompt", options->prompt, "Positions of the prefill, framing and all")
       ->check(CLI::Range(1, 7000))
       ->capture_default_str();
   command->add_option("--steps", options->steps, "Decode steps timed in each repetition")

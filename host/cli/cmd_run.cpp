@@ -1,9 +1,6 @@
 // zym run: completions, or chat turns, from the command line.
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -11,7 +8,7 @@
 #include <vector>
 
 #include "host/cli/commands.h"
-#include "host/terminal/input_text.h"
+#include "host/cli/text_source.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
 
@@ -28,37 +25,14 @@ struct RunOptions {
   bool json = false;
 };
 
-kel::Status readPrompt(int fd, const std::string& name, std::string& text) {
-  kel::Status status = readToEnd(fd, name, text);
-  // The line feed that ends a text file is no part of the prompt.
-  if (text.ends_with('\n')) {
-    text.pop_back();
-  }
-  return status;
-}
-
-kel::Status readPromptFile(const std::string& path, std::string& text) {
-  kel::Status status = checkInputFile(path);
-  if (!status.ok()) {
-    return status;
-  }
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return readFailure(path, errno);
-  }
-  status = readPrompt(fd, path, text);
-  ::close(fd);
-  return status;
-}
-
 kel::Status collectPrompts(const RunOptions& options, std::vector<std::string>& prompts) {
   prompts = options.prompts;
   kel::Status status;
   if (!options.file.empty()) {
-    status = readPromptFile(options.file, prompts.emplace_back());
+    status = readTextFile(options.file, prompts.emplace_back());
   }
   if (status.ok() && options.standardInput == "-") {
-    status = readPrompt(STDIN_FILENO, kStandardInput, prompts.emplace_back());
+    status = readStandardInput(prompts.emplace_back());
   }
   return status;
 }

@@ -14,6 +14,9 @@ namespace zym {
 
 using Action = std::function<int()>;
 
+// Makes program the zym program: its own options, and all of the commands.
+void addCommands(CLI::App& program, Action& action);
+
 void addChat(CLI::App& program, Action& action);
 void addRun(CLI::App& program, Action& action);
 void addBench(CLI::App& program, Action& action);
