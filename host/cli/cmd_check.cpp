@@ -5,11 +5,13 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
 #include "host/inspect/container_check.h"
+#include "host/inspect/open_failure.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
@@ -23,14 +25,25 @@ struct CheckCommand {
   bool full = false;
 };
 
-CheckResult checkFile(const CheckCommand& command) {
-  kel::ZYMLoader loader;
-  const kel::Status status = loader.open(command.file.c_str());
+// Opens the container; a fault of the file is left in faults, any other is the status.
+kel::Status openFile(const std::string& path, kel::ZYMLoader& loader, std::vector<Fault>& faults) {
+  kel::Status status = checkInputFile(path);
   if (!status.ok()) {
-    CheckResult unopened;
-    unopened.faults.push_back({"file", status.message});
-    return unopened;
+    return status;
   }
+  status = loader.open(path.c_str());
+  if (status.ok()) {
+    return status;
+  }
+  OpenFailure failure = explainOpenFailure(path, status);
+  if (!failure.ofFile) {
+    return kel::Status::invalid(path + ": " + failure.what + "; " + failure.advice);
+  }
+  faults.push_back({"file", std::move(failure.what)});
+  return kel::Status::success();
+}
+
+CheckResult checkFile(const CheckCommand& command, const kel::ZYMLoader& loader) {
   catchInterrupts();
   const CancelScope scope;
   Progress progress("checking");
@@ -50,12 +63,16 @@ void showUnguarded(const std::vector<std::string>& sections) {
 
 int check(const CheckCommand& command) {
   const std::string& path = command.file;
-  const kel::Status status = checkInputFile(path);
+  kel::ZYMLoader loader;
+  CheckResult result;
+  const kel::Status status = openFile(path, loader, result.faults);
   if (!status.ok()) {
     complain(status.message);
     return 1;
   }
-  const CheckResult result = checkFile(command);
+  if (result.faults.empty()) {
+    result = checkFile(command, loader);
+  }
   if (result.stopped) {
     complain("stopped before the whole file was checked");
     return kInterruptedExit;

@@ -12,6 +12,7 @@
 #include "qwen35/processors.h"
 #include "qwen35/simd/instruction_sets.h"
 #include "tests/e2e/fixture.h"
+#include "tests/support/instrumented.h"
 #include "tests/support/scoped_env.h"
 
 namespace zym {
@@ -133,7 +134,7 @@ TEST_F(ProgramTest, FolderForAFileIsOneClearLine) {
 TEST_F(ProgramTest, FileThatIsNoContainerIsOneClearLine) {
   const std::string other = write("other.zym", std::string(100, 'x'));
   const std::string line =
-      other + ": ZYM2: bad magic; give a .zym container, which `zym convert` makes";
+      other + ": is no container (ZYM2: bad magic); give a .zym file, which `zym convert` makes";
   expectFault(zym({"chat", other}), 1, line);
   expectFault(zym({"run", other, "-p", "a"}), 1, line);
   expectFault(zym({"info", other}), 1, line);
@@ -141,14 +142,45 @@ TEST_F(ProgramTest, FileThatIsNoContainerIsOneClearLine) {
 }
 
 TEST_F(ProgramTest, TruncatedContainerIsOneClearLine) {
-  std::filesystem::resize_file(model, std::filesystem::file_size(model) / 2);
-  expectFault(
-      zym({"chat", model}), 1,
-      model + ": ZYM2: bad section bounds; give a .zym container, which `zym convert` makes");
+  const auto whole = std::filesystem::file_size(model);
+  std::filesystem::resize_file(model, whole / 2);
+  const std::string what = "is cut short: it has " + std::to_string(whole / 2) + " of " +
+                           std::to_string(whole) + " bytes (ZYM2: bad section bounds)";
+  for (const char* command : {"chat", "info"}) {
+    expectFault(zym({command, model}), 1,
+                model + ": " + what + "; copy the file again, or convert it anew");
+  }
   const Outcome check = zym({"check", model});
   EXPECT_EQ(check.status, 1);
-  EXPECT_EQ(check.out, "file: ZYM2: bad section bounds\n");
+  EXPECT_EQ(check.out, "file: " + what + "\n");
   EXPECT_EQ(check.err, "zym: " + model + ": 1 fault; `zym convert` makes the file anew\n");
+}
+
+// As long as a large model, without its bytes.
+TEST_F(ProgramTest, MemoryThatRunsOutIsNoFaultOfTheFile) {
+  if (kel::test::kInstrumented) {
+    GTEST_SKIP() << "sanitizers reserve more address space than the limit leaves";
+  }
+  std::filesystem::resize_file(model, uint64_t{16} << 30);
+  for (const std::string& words :
+       {"chat " + model, "info " + model, "check " + model, "tokenize " + model + " a"}) {
+    const Outcome outcome = testing_support::runProcess(
+        {"sh", "-c", "ulimit -v 8000000; exec " + std::string(ZYM_PROGRAM) + " " + words});
+    expectFault(outcome, 1,
+                model +
+                    ": not enough memory to map its 17179869184 bytes (ZYM2: mmap failed); "
+                    "raise the limit of the address space (ulimit -v)");
+  }
+  const std::string large = folder / "too-large.zym";
+  ASSERT_TRUE(writeSmallModel(large).ok());
+  expectFault(zym({"chat", large}), 1,
+              large +
+                  ": not enough memory to open the model; end other programs, or convert it to "
+                  "smaller types");
+  const std::string unopened = folder / "unopened.zym";
+  ASSERT_TRUE(writeSmallModel(unopened).ok());
+  expectFault(zym({"chat", unopened}), 1,
+              unopened + ": zym open failed, though the file is a container; not enough memory?");
 }
 
 TEST_F(ProgramTest, RefusedModelSaysWhatRuns) {
