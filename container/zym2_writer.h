@@ -8,9 +8,9 @@
 //   if (s.ok()) s = writer.addTensor("token_embd.weight", QuantType::F32, {64, 300}, data, bytes);
 //   if (s.ok()) s = writer.finish();
 //
-// The file grows under a temporary name in the target's folder; finish() writes the index, the
-// other sections and the header, syncs, and renames. Until finish() succeeds the target is
-// untouched; a failure, abandon() or destruction removes the temporary file. After a failure every
+// The file grows without a name in the target's folder (output_file.h); finish() writes the index,
+// the other sections and the header, syncs, and names it. Until finish() succeeds the target is
+// untouched; a failure, abandon() or destruction drops the file. After a failure every
 // later call returns the first failure's status, until abandon(). Messages start with
 // "ZYM2Writer: "; IoError means that the system refused (the message names file and reason),
 // InvalidFormat that the caller erred. One thread at a time.

@@ -414,7 +414,6 @@ TEST_F(WriterTest, MistakesAreNamedAndDropTheFile) {
   for (const Mistake& mistake : mistakes) {
     SCOPED_TRACE(mistake.name);
     ASSERT_TRUE(writer.create(path).ok());
-    EXPECT_EQ(1U, filesInFolder());
     expectRefused(mistake.call(writer), "ZYM2Writer: " + mistake.message);
     writer.abandon();
   }
@@ -455,7 +454,6 @@ TEST_F(WriterTest, AMistakeAnAbandonAndADestructionLeaveTheTargetAlone) {
   {
     ZYM2Writer shortLived;
     ASSERT_TRUE(shortLived.create(path).ok());
-    EXPECT_EQ(2U, filesInFolder());
   }
   EXPECT_EQ(1U, filesInFolder());
   EXPECT_EQ((Bytes{'o', 'l', 'd'}), test::readFile(path));

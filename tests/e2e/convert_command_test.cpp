@@ -309,12 +309,28 @@ class StoppedConversionTest : public ConvertCommandTest {
     return folder / "slow";
   }
 
+  // Whether the process has a file open in the folder for its output, with or without a name.
+  bool writesOutput(const std::string& process) const {
+    std::error_code error;  // files that are closed meanwhile, and a process that has not begun
+    for (fs::directory_iterator at("/proc/" + process + "/fd", error), end; !error && at != end;
+         at.increment(error)) {
+      std::error_code closed;
+      const std::string open = fs::read_symlink(at->path(), closed).string();
+      if (open.starts_with(output.string() + "/")) {
+        return true;
+      }
+    }
+    return false;
+  }
+
   // Whether the conversion has begun to write.
-  bool waitForTemporaryFile() const {
+  bool waitForOutput() const {
     const auto until = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < until) {
-      for (const fs::directory_entry& entry : fs::directory_iterator(output)) {
-        if (entry.path().extension() == ".tmp") {
+      std::string process = read(folder / "pid");
+      if (process.ends_with('\n')) {
+        process.pop_back();
+        if (writesOutput(process)) {
           return true;
         }
       }
@@ -332,7 +348,7 @@ class StoppedConversionTest : public ConvertCommandTest {
                                                  ZYM_PROGRAM + " convert " + source + " " +
                                                  target() + " --type q8_0 --force"});
     });
-    EXPECT_TRUE(waitForTemporaryFile());
+    EXPECT_TRUE(waitForOutput());
     const Outcome kill = testing_support::runProcess(
         {"sh", "-c", "kill -" + signalName + " $(cat " + (folder / "pid").string() + ")"});
     EXPECT_EQ(kill.status, 0) << kill.err;
@@ -354,6 +370,14 @@ TEST_F(StoppedConversionTest, ClosedTerminalLeavesTheOldTarget) {
   const Outcome outcome = stoppedBy("HUP");
   EXPECT_EQ(outcome.status, 130);
   EXPECT_EQ(read(target()), "precious");
+  EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
+}
+
+// Where files need a name while they grow, the next conversion removes what was left.
+TEST_F(StoppedConversionTest, KilledOneLeavesNothingBesideTheNextOnesTarget) {
+  EXPECT_EQ(stoppedBy("KILL").status, 128 + SIGKILL);
+  EXPECT_FALSE(fs::exists(target()));
+  EXPECT_EQ(zym({"convert", kDemo, target()}).status, 0);
   EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
 }
 
