@@ -75,7 +75,7 @@ int check(const CheckCommand& command) {
   }
   if (result.stopped) {
     complain("stopped before the whole file was checked");
-    return kInterruptedExit;
+    return cancelledExit();
   }
   const std::vector<Fault>& faults = result.faults;
   for (const Fault& fault : faults) {

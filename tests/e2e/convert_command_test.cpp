@@ -368,7 +368,7 @@ TEST_F(StoppedConversionTest, CtrlCLeavesNothing) {
 TEST_F(StoppedConversionTest, ClosedTerminalLeavesTheOldTarget) {
   std::ofstream(target()) << "precious";
   const Outcome outcome = stoppedBy("HUP");
-  EXPECT_EQ(outcome.status, 130);
+  EXPECT_EQ(outcome.status, 128 + SIGHUP);
   EXPECT_EQ(read(target()), "precious");
   EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
 }
