@@ -2,9 +2,11 @@
 #include <fmt/format.h>
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/cli/commands.h"
@@ -37,23 +39,36 @@ kel::Status collectPrompts(const RunOptions& options, std::vector<std::string>& 
   return status;
 }
 
-void print(const RunOptions& options, const std::string& prompt, const TurnReport& report) {
-  if (options.json) {
-    using Json = nlohmann::ordered_json;
-    Json line = {{"prompt", prompt}, {"reply", report.reply}, {"end", nullptr}};
-    if (report.end != TurnEnd::Unknown) {
-      line["end"] = turnEndName(report.end);
-    }
-    if (options.chat) {
-      line["pieces"] = report.pieces;
-    }
-    fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
-  } else if (isTerminal(1)) {
-    fmt::print("{}\n", withoutControls(report.reply));
-  } else {
-    fmt::print("{}\n", report.reply);
+void printJson(const std::string& prompt, const TurnReport& report) {
+  using Json = nlohmann::ordered_json;
+  Json line = {{"prompt", prompt}, {"reply", report.reply}, {"end", nullptr}};
+  if (report.end != TurnEnd::Unknown) {
+    line["end"] = turnEndName(report.end);
+    line["pieces"] = report.pieces;
   }
+  fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
   std::fflush(stdout);
+}
+
+void show(std::string_view text) {
+  const std::string shown = isTerminal(1) ? withoutControls(text) : std::string(text);
+  std::fwrite(shown.data(), 1, shown.size(), stdout);
+  std::fflush(stdout);
+}
+
+// As text the reply is shown while it comes, as JSON when it is whole.
+TurnReport answer(Engine& engine, const RunOptions& options, const std::string& prompt) {
+  const std::function<void(std::string_view)> sink = options.json ? nullptr : show;
+  TurnReport report = options.chat ? runTurn(engine, prompt, sink, false)
+                                   : runCompletion(engine, prompt, sink, false);
+  const bool isBroken = report.end == TurnEnd::Failed;
+  if (options.json && !isBroken) {
+    printJson(prompt, report);
+  }
+  if (!options.json && (!isBroken || !report.reply.empty())) {
+    show("\n");
+  }
+  return report;
 }
 
 // Says why a reply ended before its time. False when no further prompt can be answered.
@@ -100,11 +115,7 @@ int run(const RunOptions& options) {
     if (options.each) {
       engine.backend->reset();
     }
-    const TurnReport report =
-        options.chat ? runTurn(engine, prompt, nullptr, false) : runCompletion(engine, prompt);
-    if (report.end != TurnEnd::Failed) {
-      print(options, prompt, report);
-    }
+    const TurnReport report = answer(engine, options, prompt);
     if (!explainEnd(report, engine.backend->limits())) {
       return 1;
     }
@@ -117,7 +128,7 @@ int run(const RunOptions& options) {
 void addRun(CLI::App& program, Action& action) {
   auto options = std::make_shared<RunOptions>();
   CLI::App* command = program.add_subcommand(
-      "run", "Complete a text, or answer chat messages, with at most 96 tokens each");
+      "run", "Complete a text, or answer chat messages");
   addModel(*command, options->engine);
   auto* input = command->add_option("INPUT", options->standardInput,
                                     "\"-\": read the prompt from standard input");
@@ -138,6 +149,7 @@ void addRun(CLI::App& program, Action& action) {
                     "With --chat: every prompt is a conversation of its own");
   command->add_flag("--json", options->json, "One JSON object per reply");
   addRaw(*command, options->engine.raw);
+  addMaxTokens(*command, options->engine.maxTokens);
   addSampling(*command, options->engine.sampling);
   addExamples(*command,
               "  zym run model.zym --chat -p 'Who are you?'\n"

@@ -29,6 +29,7 @@ void addConvert(CLI::App& program, Action& action);
 void addModel(CLI::App& command, EngineOptions& options);
 void addSampling(CLI::App& command, Sampling& sampling);
 void addRaw(CLI::App& command, bool& raw);
+void addMaxTokens(CLI::App& command, uint64_t& maxTokens);
 // Puts examples below a command's help.
 void addExamples(CLI::App& command, const std::string& lines);
 

@@ -3,9 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <optional>
 #include <string>
+
+#include "container/model_tensors.h"
 
 namespace zym {
 namespace {
@@ -33,6 +36,27 @@ bool contextFull(Backend& backend) {
   return backend.stats().contextTokens >= backend.limits().contextCapacity;
 }
 
+constexpr std::string_view kBlockPrefix = "blk.";
+
+// Of an embedding beside an output head a token reads one row, of an output head beside a tied
+// embedding and of blocks that are no layers of the shape nothing.
+bool isReadForEveryToken(std::string_view name, const kel::ModelShape& shape) {
+  const auto nameOf = [](kel::TensorRole role) { return kel::tensorOf(role).suffix; };
+  if (name == nameOf(kel::TensorRole::Embedding)) {
+    return !shape.ownOutput;
+  }
+  if (name == nameOf(kel::TensorRole::Output)) {
+    return shape.ownOutput;
+  }
+  uint32_t block = 0;
+  if (!name.starts_with(kBlockPrefix)) {
+    return true;
+  }
+  const std::string_view number = name.substr(kBlockPrefix.size());
+  std::from_chars(number.data(), number.data() + number.size(), block);
+  return block < shape.layers;
+}
+
 // All words but the first have a space in front of them, and so the same token or tokens.
 std::string filling(uint64_t words) {
   std::string text(kFillingWord);
@@ -48,7 +72,7 @@ std::string filling(uint64_t words) {
 Status feed(Backend& backend, const std::string& text, uint64_t& used) {
   volatile int cancel = 1;
   const uint64_t before = backend.stats().contextTokens;
-  Status status = backend.turn(text, nullptr, &cancel);
+  Status status = backend.turn(text, {nullptr, nullptr, &cancel});
   used = backend.stats().contextTokens - before;
   return status;
 }
@@ -65,12 +89,17 @@ uint64_t wordsOfTurn(const FillingCost& cost, uint64_t firstWord, uint64_t left)
 
 }  // namespace
 
-ModelWork modelWork(const kel::ZYM2Reader& reader) {
+ModelWork modelWork(const kel::ZYM2Reader& reader, const kel::ModelShape& shape) {
   ModelWork work;
   work.weightBytes = reader.sectionSize(kel::zym2::SectionType::WeightData);
   for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
     const kel::zym2::TensorEntry* entry = reader.tensorEntry(i);
-    if (entry != nullptr && entry->rank == 2 && entry->nameText().starts_with("blk.")) {
+    if (entry == nullptr) {
+      continue;
+    }
+    if (!isReadForEveryToken(entry->nameText(), shape)) {
+      work.weightBytes -= std::min(work.weightBytes, entry->byteSize);
+    } else if (entry->rank == 2 && entry->nameText().starts_with(kBlockPrefix)) {
       work.multiplyAddsPerPrefillToken += entry->dims[0] * entry->dims[1];
     }
   }
@@ -160,7 +189,7 @@ Status measureDecode(Backend& backend, const FillingCost& cost, uint64_t depth, 
       }
       last = Clock::now();
     };
-    Status status = backend.turn("Hello", onPiece, &cancel);
+    Status status = backend.turn("Hello", {onPiece, nullptr, &cancel});
     // A turn that finds the context full measures nothing; the next round empties it.
     if (!status.ok() && !contextFull(backend)) {
       return status;

@@ -5,6 +5,7 @@
 #include <functional>
 #include <vector>
 
+#include "container/model_shape.h"
 #include "container/status.h"
 #include "container/zym2_reader.h"
 #include "host/chat/backend.h"
@@ -22,12 +23,12 @@ Spread spreadOf(std::vector<double> values);
 
 // What a model asks of the machine.
 struct ModelWork {
-  // Read once for each decoded token: the embedding is the output head as well.
+  // Read once for each decoded token, the output head or the embedding that serves as it with them.
   uint64_t weightBytes = 0;
   // One for each weight of the blocks; only a prompt's last token has an output head.
   uint64_t multiplyAddsPerPrefillToken = 0;
 };
-ModelWork modelWork(const kel::ZYM2Reader& reader);
+ModelWork modelWork(const kel::ZYM2Reader& reader, const kel::ModelShape& shape);
 
 // What the turns take that measurements feed: framing comes with every one of them, and the
 // backend tells of positions only. Of a vocabulary that has the filling word as a token, a word is

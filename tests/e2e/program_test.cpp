@@ -558,7 +558,7 @@ TEST_F(ProgramTest, TokenizeTakesOneText) {
   expectFault(zym({"tokenize", model, "a", "b", "c"}), 2,
               "\"b\" is one word too many; put the whole text in quotes; see zym tokenize --help");
   expectFault(zym({"tokenize", model, "a", "-f", "b"}), 2,
-              "--file excludes TEXT; see zym tokenize --help");
+              "TEXT excludes --file; see zym tokenize --help");
 }
 
 TEST_F(ProgramTest, BenchRefusesSizesThatDoNotFit) {

@@ -15,21 +15,22 @@ namespace {
 // same in every turn, or in every other one.
 class CountingBackend : public Backend {
  public:
-  kel::Status turn(const std::string& text, const PieceSink& sink, volatile int* cancel) override {
+  kel::Status turn(const std::string& text, const TurnCalls& calls) override {
     const auto spaces = static_cast<uint64_t>(std::count(text.begin(), text.end(), ' '));
     positions += (positions == 0 ? beginning : 0) + framing + (spaces + 1) * positionsPerWord;
     ++turns;
     const bool shy = everyOther && turns % 2 == 0;
-    for (int i = 0; i < (shy ? 1 : piecesPerTurn) && *cancel == 0; ++i) {
+    for (int i = 0; i < (shy ? 1 : piecesPerTurn) && *calls.cancel == 0; ++i) {
       if (positions >= capacity) {
         return kel::Status::invalid("no room");
       }
       ++positions;
-      sink("x");
+      calls.piece("x");
     }
     return kel::Status::success();
   }
-  kel::Status complete(const std::string&, std::string&) override { return {}; }
+  kel::Status complete(const std::string&, const TurnCalls&) override { return {}; }
+  bool streamsCompletions() const override { return false; }
   void reset() override {
     positions = 0;
     ++resets;
