@@ -9,6 +9,7 @@
 #include "quant/bfloat16.h"
 #include "quant/blocks.h"
 #include "quant/least_squares_k.h"
+#include "quant/non_finite.h"
 
 namespace kel::convert {
 
@@ -29,6 +30,16 @@ bool allFinite(const float* values, size_t n) {
     largest = std::max(largest, std::bit_cast<uint32_t>(values[i]) & 0x7FFFFFFFU);
   }
   return largest < kInfinity;
+}
+
+// Whether a value exceeds all that super-blocks can hold: their encoders cut off what others let
+// become infinite.
+bool isBeyond(QuantType type, const float* values, size_t n) {
+  constexpr float kLargestScale = 65504.0F * 63.0F;  // a half-precision scale and six bits
+  const bool isSuperBlock = type == QuantType::Q4_K || type == QuantType::Q5_K;
+  const float largest = kLargestScale * (type == QuantType::Q4_K ? 15.0F : 31.0F);
+  return isSuperBlock &&
+         std::any_of(values, values + n, [=](float x) { return std::fabs(x) > largest; });
 }
 
 // Columns of all value heads from grouped to tiled order; unitBytes: of one head.
@@ -73,13 +84,21 @@ bool TensorRows::isPlainCopy() const {
   return plan.copied && heads.kind == HeadAxis::Kind::None;
 }
 
-const uint8_t* TensorRows::sourceRow(uint64_t row) const {
+uint64_t TensorRows::sourceRowNumber(uint64_t row) const {
   uint64_t from = row;
   if (heads.kind == HeadAxis::Kind::Rows && row >= heads.first) {
     const uint64_t past = row - heads.first;
     from = heads.first + groupedHead(past / heads.unit) * heads.unit + past % heads.unit;
   }
-  return plan.source->data + from * sourceBytes;
+  return from;
+}
+
+const uint8_t* TensorRows::sourceRow(uint64_t row) const {
+  return plan.source->data + sourceRowNumber(row) * sourceBytes;
+}
+
+bool TensorRows::isFinite(const uint8_t* data) const {
+  return !quant::firstNonFinite(plan.stored, data, colCount);
 }
 
 void TensorRows::copyRow(const uint8_t* from, uint8_t* out) const {
@@ -111,11 +130,11 @@ bool TensorRows::transform(float* values) const {
   return allFinite(values, colCount);
 }
 
-bool TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
+RowFault TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
   const uint8_t* from = sourceRow(row);
   if (plan.copied) {
     copyRow(from, out);
-    return true;
+    return isFinite(out) ? RowFault::None : RowFault::BadValue;
   }
   float* values = scratch;
   sourceTypeInfo(*plan.source->type).decode(from, values, colCount);
@@ -126,10 +145,13 @@ bool TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
     values = tiled;
   }
   if (!transform(values)) {
-    return false;
+    return RowFault::BadValue;
+  }
+  if (isBeyond(plan.stored, values, colCount)) {
+    return RowFault::TooLarge;
   }
   encodeRow(plan.stored, values, colCount, out);
-  return true;
+  return isFinite(out) ? RowFault::None : RowFault::TooLarge;
 }
 
 void TensorRows::releaseRows(uint64_t first, uint64_t count) const {

@@ -68,7 +68,7 @@ int convert(ConvertOptions options) {
   const ConvertResult result = convertWatched(options);
   if (result.cancelled) {
     complain("stopped; nothing was written");
-    return kInterruptedExit;
+    return cancelledExit();
   }
   if (!result.status.ok()) {
     complain(result.status.message);

@@ -7,12 +7,14 @@
 #include <clocale>
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <string>
 #include <string_view>
 
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
 #include "host/cli/wrong_use.h"
+#include "host/terminal/standard_streams.h"
 #include "host/terminal/terminal.h"
 #include "qwen35/simd/instruction_sets.h"
 
@@ -35,16 +37,23 @@ std::string versionText() {
                      fmt::join(qwen35::supportedInstructionSets(), ", "));
 }
 
+// The exit status of what ended with status, once its results have left the program.
+int afterOutput(int status) {
+  const std::string fault = outputFault();
+  if (fault.empty()) {
+    return status;
+  }
+  complain(fault);
+  return status == 0 ? 1 : status;
+}
+
 int perform(const Action& action) {
   try {
-    const int status = action();
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-      complain("standard output cannot be written; is the disk full?");
-      return 1;
-    }
-    return status;
+    return afterOutput(action());
+  } catch (const std::bad_alloc&) {
+    complain("not enough memory");
+    return 1;
   } catch (const std::exception& error) {
-    // In practice memory that runs out: all other faults are returned as a status.
     complain(error.what());
     return 1;
   }
@@ -52,7 +61,7 @@ int perform(const Action& action) {
 
 int showOrComplain(const CLI::App& program, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) {
-    return program.exit(error);  // --help and --version
+    return afterOutput(program.exit(error));  // --help and --version
   }
   complain(wrongUseText(program, error));
   return 2;
@@ -85,6 +94,7 @@ void addCommands(CLI::App& program, Action& action) {
 }
 
 int runProgram(int argc, const char* const* argv) {
+  reserveStandardStreams();
   useUtf8();
   limitThreads();
   CLI::App program("Runs Qwen3.5 hybrid models on the CPU.", "zym");

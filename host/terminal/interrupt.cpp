@@ -16,12 +16,16 @@ volatile int cancelRequested = 0;
 volatile std::sig_atomic_t interrupted = 0;
 volatile std::sig_atomic_t cancellable = 0;
 volatile std::sig_atomic_t leavesAtOnce = 0;
+volatile std::sig_atomic_t cancelledBy = SIGINT;
 
-void onInterrupt(int) {
+void onInterrupt(int number) {
   if (cancellable != 0 && cancelRequested != 0 && leavesAtOnce != 0) {
     _exit(kInterruptedExit);
   }
   if (cancellable != 0) {
+    if (cancelRequested == 0) {
+      cancelledBy = number;
+    }
     cancelRequested = 1;
   }
   interrupted = 1;
@@ -73,6 +77,10 @@ CancelScope::~CancelScope() {
 
 bool CancelScope::cancelled() const {
   return cancelRequested != 0;
+}
+
+int cancelledExit() {
+  return 128 + cancelledBy;
 }
 
 bool waitForInput(int fd) {

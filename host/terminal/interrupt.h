@@ -32,6 +32,10 @@ class CancelScope {
   bool cancelled() const;
 };
 
+// Exit status of a program that ends because its last span was cancelled: 128 and the number of the
+// first signal, as a shell tells of a program that a signal ended. kInterruptedExit for Ctrl-C.
+int cancelledExit();
+
 // Waits until fd can be read, or has ended. False when Ctrl-C came, since the last call or while
 // waiting; none is missed in between.
 bool waitForInput(int fd);
