@@ -78,6 +78,7 @@ void addCommands(CLI::App& program, Action& action) {
   addCheck(program, action);
   addTokenize(program, action);
   addConvert(program, action);
+  addCompletion(program, action);
   addExamples(program,
               "  zym convert model.gguf model.zym\n"
               "  zym chat model.zym\n"
