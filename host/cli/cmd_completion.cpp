@@ -33,8 +33,8 @@ void addCompletion(CLI::App& program, Action& action) {
                    : "\"" + name + "\" is no shell that it knows: bash, fish or zsh";
       });
   addExamples(*command,
-              "  source <(zym completion bash)\n"
-              "  zym completion fish >~/.config/fish/completions/zym.fish");
+              "  zym completion fish >~/.config/fish/completions/zym.fish\n"
+              "  source <(zym completion bash)");
   command->callback([shell, &program, &action] {
     action = [shell, &program] {
       std::fputs(scripts().at(*shell)(commandLineOf(program)).c_str(), stdout);

@@ -77,10 +77,9 @@ void appendValues(const CommandLine& command, std::string_view name, std::string
 
 // By their long names.
 std::vector<std::string> optionWords(const std::vector<OptionLine>& options) {
-  std::vector<std::string> words;
-  for (const OptionLine& option : options) {
-    words.push_back(typedNames(option).back());
-  }
+  std::vector<std::string> words(options.size());
+  std::transform(options.begin(), options.end(), words.begin(),
+                 [](const OptionLine& option) { return typedNames(option).back(); });
   return words;
 }
 
