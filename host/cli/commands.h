@@ -24,6 +24,7 @@ void addInfo(CLI::App& program, Action& action);
 void addCheck(CLI::App& program, Action& action);
 void addTokenize(CLI::App& program, Action& action);
 void addConvert(CLI::App& program, Action& action);
+void addCompletion(CLI::App& program, Action& action);
 
 // Options that the generating commands share.
 void addModel(CLI::App& command, EngineOptions& options);

@@ -67,6 +67,17 @@ int showOrComplain(const CLI::App& program, const CLI::ParseError& error) {
   return 2;
 }
 
+// The help names the type of every value. MODEL is no word of a type "TEXT", it tells by its name.
+void hideTypesOfPositionals(CLI::App& program) {
+  for (CLI::App* command : program.get_subcommands(nullptr)) {
+    for (CLI::Option* option : command->get_options()) {
+      if (option->get_positional() && option->get_type_name() == "TEXT") {
+        option->type_name("");
+      }
+    }
+  }
+}
+
 }  // namespace
 
 void addCommands(CLI::App& program, Action& action) {
@@ -87,10 +98,12 @@ void addCommands(CLI::App& program, Action& action) {
   addCheck(program, action);
   addTokenize(program, action);
   addConvert(program, action);
+  addCompletion(program, action);
   addExamples(program,
               "  zym convert model.gguf model.zym\n"
               "  zym chat model.zym\n"
               "  zym COMMAND --help");
+  hideTypesOfPositionals(program);
 }
 
 int runProgram(int argc, const char* const* argv) {

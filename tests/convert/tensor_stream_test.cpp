@@ -104,7 +104,7 @@ TEST_F(TensorStream, CopyingTakesAFewStretches) {
 // A matrix of F32 zeros with some other values.
 class TensorValues : public testing::Test {
  protected:
-  static constexpr uint256_t kWidth = 64;
+  static constexpr uint64_t kWidth = 256;
   static constexpr uint64_t kHeight = 2000;
 
   void put(uint64_t row, uint64_t column, float value) { values[row * kWidth + column] = value; }
