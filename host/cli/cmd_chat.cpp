@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "host/chat/chat_command.h"
+#include "host/chat/sampling_settings.h"
 #include "host/cli/commands.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/line_reader.h"
@@ -57,7 +58,6 @@ int Chat::loop() {
   std::string line;
   bool stays = true;
   while (stays && readMessage(line, status)) {
-    // Only the first line can be a command; a slash in a later line is text.
     stays = obey(parseChatCommand(line));
   }
   // At a terminal the message of the failure was seen; a script has only the exit status.
@@ -101,9 +101,7 @@ bool Chat::readMessage(std::string& message, int& status) {
     if (result != LineResult::Line) {
       break;
     }
-    // "//" is a message that begins with a slash.
-    const bool isCommand = message.starts_with('/') && !message.starts_with("//");
-    if (!multiline || isCommand) {
+    if (!multiline || isChatCommand(message)) {
       return true;
     }
     result = readFurtherLines(message);
@@ -120,6 +118,9 @@ LineResult Chat::readFurtherLines(std::string& message) {
   if (message == ".") {
     message.clear();
   }
+  // Of the lines that are typed the first one alone can be a command, and doubles its slash where
+  // it is none. In a text of several lines a slash is a slash.
+  const bool isDoubled = message.starts_with("//") && message.find('\n') == std::string::npos;
   std::string line;
   while (!message.empty()) {
     bool wasEmpty = true;
@@ -138,6 +139,9 @@ LineResult Chat::readFurtherLines(std::string& message) {
     }
     message += "\n" + line;
   }
+  if (isDoubled && message.find('\n') != std::string::npos) {
+    message.erase(0, 1);
+  }
   return LineResult::Line;
 }
 
@@ -155,6 +159,9 @@ bool Chat::obey(const ChatCommand& command) {
       break;
     case ChatCommandKind::Set:
       configureEngine(command.sampling, engine);
+      break;
+    case ChatCommandKind::ShowSettings:
+      remark(samplingText(engine.sampling));
       break;
     case ChatCommandKind::Multiline:
       multiline = !multiline;

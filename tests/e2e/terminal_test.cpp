@@ -201,6 +201,15 @@ TEST_F(TerminalTest, ResetStartsAfresh) {
   ASSERT_TRUE(waitFor("heard 1: two"));
 }
 
+TEST_F(TerminalTest, SetAloneShowsTheSettingsInForce) {
+  startCommand({"chat", model, "--top-k", "7"});
+  ASSERT_TRUE(waitFor("> "));
+  type("/set temperature 0.5\r");
+  ASSERT_TRUE(waitFor("> "));
+  type("/set\r");
+  ASSERT_TRUE(waitFor("temperature  0.5\r\ntop-k        7\r\ntop-p        off\r\nseed"));
+}
+
 TEST_F(TerminalTest, HistoryComesBackAndIsPrivate) {
   start();
   ASSERT_TRUE(waitFor("> "));
