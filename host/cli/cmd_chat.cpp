@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "host/chat/chat_command.h"
@@ -12,6 +13,7 @@
 #include "host/cli/commands.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/line_reader.h"
+#include "host/terminal/reply_wrap.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
 
@@ -38,11 +40,13 @@ class Chat {
   // False when the line asks to leave.
   bool obey(const ChatCommand& command);
   void answer(const std::string& message);
+  static void write(std::string_view text);
   void printStats();
   const char* hint() const { return "Leave with /quit, Ctrl-D, or Ctrl-C once more."; }
 
   Engine engine;
   std::unique_ptr<LineReader> lines;
+  ReplyWrap wrap;
   bool interactive;
   bool replyOnTerminal;
   bool multiline = false;
@@ -183,12 +187,11 @@ bool Chat::obey(const ChatCommand& command) {
 
 void Chat::answer(const std::string& message) {
   const auto show = [this](std::string_view text) {
-    const std::string shown = replyOnTerminal ? withoutControls(text) : std::string(text);
-    std::fwrite(shown.data(), 1, shown.size(), stdout);
-    std::fflush(stdout);
+    write(replyOnTerminal ? wrap.feed(withoutControls(text), terminalColumns(STDOUT_FILENO))
+                          : std::string(text));
   };
   const TurnReport report = runTurn(engine, message, show, true);
-  show("\n");
+  write(wrap.finish() + "\n");
   const BackendLimits limits = engine.backend->limits();
   if (report.end == TurnEnd::Failed || report.end == TurnEnd::ContextFull) {
     unanswered = true;
@@ -211,6 +214,11 @@ void Chat::answer(const std::string& message) {
     case TurnEnd::Unknown:
       break;
   }
+}
+
+void Chat::write(std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
 }
 
 void Chat::printStats() {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <termios.h>
 
@@ -41,7 +42,7 @@ class TerminalTest : public testing_support::ProgramTest {
     }
     argv.push_back(nullptr);
     setenv("TERM", "xterm", 1);
-    child = forkpty(&terminal, nullptr, nullptr, nullptr);
+    child = forkpty(&terminal, nullptr, nullptr, size.ws_col == 0 ? nullptr : &size);
     ASSERT_GE(child, 0);
     if (child == 0) {
       const bool redirected =
@@ -102,6 +103,14 @@ class TerminalTest : public testing_support::ProgramTest {
     return exitStatus(waited);
   }
 
+  void resize(uint16_t columns, uint16_t rows) {
+    size = {rows, columns, 0, 0};
+    if (terminal >= 0) {
+      ASSERT_EQ(ioctl(terminal, TIOCSWINSZ, &size), 0);
+    }
+  }
+
+  winsize size{};  // of the terminal; nothing: not known
   int terminal = -1;
   pid_t child = -1;
   std::string screen;
@@ -322,6 +331,25 @@ TEST_F(TerminalTest, BenchShowsABar) {
   ASSERT_TRUE(waitFor("measuring ["));
   ASSERT_TRUE(waitFor("0 of 24 positions"));
   ASSERT_TRUE(waitFor("median"));
+}
+
+TEST_F(TerminalTest, RepliesBreakBetweenWordsAtTheTerminalsWidth) {
+  resize(20, 10);
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  type("one two three four five six\r");
+  ASSERT_TRUE(waitFor("heard 1: one two\r\nthree four five six\r\n"));
+  resize(12, 10);
+  type("one two three\r");
+  ASSERT_TRUE(waitFor("heard 2: one\r\ntwo three\r\n"));
+}
+
+TEST_F(TerminalTest, RepliesOfATerminalOfUnknownWidthStayAsTheyAre) {
+  start();
+  ASSERT_TRUE(waitFor("> "));
+  const std::string text(100, 'w');
+  type("one " + text + " two\r");
+  ASSERT_TRUE(waitFor("heard 1: one " + text + " two\r\n"));
 }
 
 TEST_F(TerminalTest, RepliesCannotControlTheTerminal) {
