@@ -54,7 +54,8 @@ const char* const kChatHelp =
     "off\n"
     "/quit, /exit           leave (Ctrl-D does it too)\n"
     "//TEXT                 a message that begins with a slash\n"
-    "Ctrl-C                 stop the reply";
+    "Ctrl-C                 stop the reply\n"
+    "A pasted text of several lines is one message, which Enter sends.";
 
 bool isChatCommand(std::string_view text) {
   return text.starts_with('/') && !text.starts_with("//") &&

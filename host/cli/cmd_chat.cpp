@@ -105,10 +105,13 @@ bool Chat::readMessage(std::string& message, int& status) {
     if (result != LineResult::Line) {
       break;
     }
-    if (!multiline || isChatCommand(message)) {
-      return true;
+    if (multiline && !isChatCommand(message)) {
+      result = readFurtherLines(message);
     }
-    result = readFurtherLines(message);
+    // An unfinished message is kept too: it can be had back.
+    if (!message.empty() && result != LineResult::Failed) {
+      lines->remember(message);
+    }
     // A person drops the unfinished message with Ctrl-C and starts over.
   } while (result == LineResult::Interrupted && interactive);
   if (result == LineResult::Line) {
