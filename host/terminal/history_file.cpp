@@ -254,7 +254,7 @@ Status HistoryFile::append(const std::string& message) {
     if (writeAll(open.fd, text)) {
       return Status::success();
     }
-    const Status status = failure(file);
+    Status status = failure(file);
     if (locked) {
       (void)!ftruncate(open.fd, info.st_size);
     }
