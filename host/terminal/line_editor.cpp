@@ -100,6 +100,10 @@ class LineEditor : public LineReader {
     el_wset(editor, EL_ADDFN, L"zym-paste", L"Insert a pasted text", insertPaste);
     el_wset(editor, EL_ADDFN, L"zym-clear-screen", L"Clear the screen", clearScreen);
     el_wset(editor, EL_ADDFN, L"zym-nothing", L"Do nothing", doNothing);
+    // Where there is no locale that knows them, the library takes these for keys with Alt.
+    for (wchar_t character = 0x80; character <= 0xFF; ++character) {
+      el_wset(editor, EL_BIND, std::wstring(1, character).c_str(), L"ed-insert", nullptr);
+    }
     for (const Binding& binding : kBindings) {
       el_wset(editor, EL_BIND, binding.key, binding.command, nullptr);
     }

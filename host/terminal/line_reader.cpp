@@ -37,6 +37,9 @@ class PlainReader : public LineReader {
       line += byte;
       wasEmpty = false;
     }
+    if (prompts) {
+      std::fputs("\n", stderr);
+    }
     const LineResult result = bytes.end(line);
     // The last line may end without a line feed.
     return result == LineResult::End && !wasEmpty ? LineResult::Line : result;

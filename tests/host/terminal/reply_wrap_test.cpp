@@ -50,6 +50,8 @@ TEST(ReplyWrapTest, WordLongerThanARowIsLeftToTheTerminal) {
 TEST(ReplyWrapTest, WideCharactersCountTwiceAndBreakAnywhere) {
   EXPECT_EQ(wrappedAtOnce("\u6F22\u5B57\u6F22\u5B57", 5), "\u6F22\u5B57\n\u6F22\u5B57");
   EXPECT_EQ(wrappedAtOnce("ab \u6F22\u0301\u5B57", 5), "ab \u6F22\u0301\n\u5B57");
+  EXPECT_EQ(wrappedAtOnce("xy abc\u6F22", 6), "xy abc\n\u6F22") << "in front of one too";
+  EXPECT_EQ(wrappedAtOnce("ab \u6F22\u0301cd", 5), "ab \u6F22\u0301\ncd") << "not before a mark";
 }
 
 TEST(ReplyWrapTest, CombiningMarksTakeNoColumn) {
@@ -57,7 +59,7 @@ TEST(ReplyWrapTest, CombiningMarksTakeNoColumn) {
 }
 
 TEST(ReplyWrapTest, CodeStaysAsItIs) {
-  const std::string code = "```c\nint long_line = 1 + 2 + 3;\n``` x\n```\n";
+  const std::string code = "```c in a file\nint long_line = 1 + 2 + 3;\n``` x\n```\n";
   EXPECT_EQ(wrapped(code + "and so on", 8), code + "and so\non");
 }
 
