@@ -21,7 +21,7 @@
 namespace zym {
 namespace {
 
-// The line editor asks the locale whether text is UTF-8. The rest of the program assumes it.
+// The line editor asks the locale which characters are letters. That text is UTF-8 is assumed.
 void useUtf8() {
   std::setlocale(LC_CTYPE, "");
   if (std::string_view(nl_langinfo(CODESET)) != "UTF-8") {
