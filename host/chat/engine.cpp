@@ -11,10 +11,10 @@
 
 #include "container/zym2_reader.h"
 #include "host/chat/engine_backend.h"
+#include "host/chat/open_failure.h"
 #include "host/chat/plugin_backend.h"
 #include "host/chat/plugin_lookup.h"
 #include "host/chat/sampling_settings.h"
-#include "host/inspect/open_failure.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/liveness.h"
 #include "host/terminal/progress.h"
