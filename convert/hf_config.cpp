@@ -37,7 +37,7 @@ constexpr NumberField kNumberFields[] = {
     {"linear_key_head_dim", kFixedShape.linearKeyDim},
     {"linear_value_head_dim", kFixedShape.linearValueDim},
     {"linear_conv_kernel_dim", kFixedShape.convTaps},
-    {"full_attention_interval", kFixedShape.fullInterval()},
+    {"full_attention_interval", static_cast<double>(kFixedShape.fullInterval())},
     {"rms_norm_eps", kFixedShape.normEps},
     {"rope_theta", kFixedShape.ropeBase},
     {"partial_rotary_factor", kRotaryFactor},

@@ -108,10 +108,13 @@ Status openEngine(const EngineOptions& options, Engine& engine) {
 void configureEngine(const Sampling& sampling, Engine& engine) {
   engine.backend->configure(sampling);
   mergeSampling(sampling, engine.sampling);
-  if (engine.topPExplained || !topPLeavesOneToken(engine.sampling)) {
+  if (engine.topPExplained || !engine.backend->hasRelativeTopP() ||
+      !topPLeavesOneToken(engine.sampling)) {
     return;
   }
-  remark("(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)");
+  remark(
+      "(top-p below 1 keeps only the best token of this runtime library, whatever the temperature; "
+      "1 turns it off)");
   engine.topPExplained = true;
 }
 

@@ -136,6 +136,7 @@ class PluginBackend : public Backend {
     return {record.contextTokens, record.decodeMsTotal, record.lastDecodeMs};
   }
 
+  bool hasRelativeTopP() const override { return true; }
   bool streamsCompletions() const override { return false; }
 
   BackendLimits limits() const override { return {ZYM_MAX_TURN_TOKENS, ZYM_CONTEXT_CAPACITY}; }

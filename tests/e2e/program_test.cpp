@@ -311,7 +311,8 @@ TEST_F(ProgramTest, RunPassesSamplingSettings) {
 
 TEST_F(ProgramTest, TopPBelowOneIsExplainedOnce) {
   const std::string remark =
-      "(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)\n";
+      "(top-p below 1 keeps only the best token of this runtime library, whatever the temperature; "
+      "1 turns it off)\n";
   EXPECT_EQ(zym({"run", model, "-p", "a", "-p", "b", "--temperature", "0.5", "--top-p", "0.9"}).err,
             remark);
   EXPECT_EQ(zym({"run", model, "-p", "a", "--top-p", "0.9"}).err, "");
