@@ -159,6 +159,9 @@ class WatchedCall {
       report.end = TurnEnd::ContextFull;
     } else if (!status.ok()) {
       report.fault = status.message;
+      if (status.code == kel::StatusCode::Corrupted) {
+        report.fault += "; `zym check --full` names the tensors at fault";
+      }
       report.backendFault = true;
     } else {
       report.end =
