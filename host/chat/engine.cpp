@@ -11,10 +11,10 @@
 
 #include "container/zym2_reader.h"
 #include "host/chat/engine_backend.h"
+#include "host/chat/open_failure.h"
 #include "host/chat/plugin_backend.h"
 #include "host/chat/plugin_lookup.h"
 #include "host/chat/sampling_settings.h"
-#include "host/inspect/open_failure.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/liveness.h"
 #include "host/terminal/progress.h"
@@ -159,6 +159,9 @@ class WatchedCall {
       report.end = TurnEnd::ContextFull;
     } else if (!status.ok()) {
       report.fault = status.message;
+      if (status.code == kel::StatusCode::Corrupted) {
+        report.fault += "; `zym check --full` names the tensors at fault";
+      }
       report.backendFault = true;
     } else {
       report.end =

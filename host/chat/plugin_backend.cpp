@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "container/zym_loader.h"
-#include "host/inspect/open_failure.h"
+#include "host/chat/open_failure.h"
 #include "zym/plugin.h"
 
 namespace zym {

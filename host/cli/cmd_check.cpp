@@ -8,10 +8,10 @@
 #include <utility>
 #include <vector>
 
+#include "host/chat/open_failure.h"
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
 #include "host/inspect/container_check.h"
-#include "host/inspect/open_failure.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"

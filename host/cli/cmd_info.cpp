@@ -3,9 +3,9 @@
 #include <memory>
 #include <string>
 
+#include "host/chat/open_failure.h"
 #include "host/cli/commands.h"
 #include "host/inspect/container_report.h"
-#include "host/inspect/open_failure.h"
 #include "host/terminal/terminal.h"
 
 namespace zym {

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "container/zym2_reader.h"
 #include "tests/convert/tiny_model.h"
 #include "tests/e2e/fixture.h"
 
@@ -136,6 +137,28 @@ TEST_F(ConvertCommandTest, DamageAfterwardsIsFound) {
                            std::to_string(fileBytes) +
                            "\nsection weights: differs from its checksum: the file is damaged\n"
                            "section metadata: differs from its checksum: the file is damaged\n");
+}
+
+TEST_F(ConvertCommandTest, WeightsThatAreNotFiniteAreNamedByTheCheckThatRunsName) {
+  ASSERT_EQ(zym({"convert", kDemo, target()}).status, 0);
+  kel::ZYM2Reader reader;
+  ASSERT_TRUE(reader.open(target().c_str()).ok());
+  const auto weights = kel::zym2::SectionType::WeightData;
+  const auto distance = reader.tensorView("blk.0.ffn_up.weight").data - reader.sectionData(weights);
+  const auto at = static_cast<std::streamoff>(reader.section(weights)->offset) + distance;
+  reader.close();
+  std::fstream file(target(), std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(at);
+  file.write("\xC0\x7F", 2);  // a NaN of type BF16
+  file.close();
+  unsetenv("ZYM_PLUGIN");
+  const Outcome run = zym({"run", target(), "--chat", "-p", "Hello"});
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("`zym check --full` names the tensors at fault"), std::string::npos)
+      << run.err;
+  EXPECT_EQ(zym({"check", target(), "--full"})
+                .out.rfind("blk.0.ffn_up.weight: row 0, value 0 is not finite\n", 0),
+            0U);
 }
 
 TEST_F(ConvertCommandTest, SummaryTellsWhatBecameOfEveryGroup) {

@@ -1,4 +1,4 @@
-#include "host/inspect/open_failure.h"
+#include "host/chat/open_failure.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
