@@ -134,6 +134,8 @@ class TerminalTest : public testing_support::ProgramTest {
                                                              << view.text();
   }
 
+  void showOnlyThePrompt() { view.feed("\x1b[H\x1b[J> "); }
+
   // Reads what there is, or waits a little. False when the program has left the terminal.
   bool readMore() {
     pollfd ready{terminal, POLLIN, 0};
@@ -396,8 +398,7 @@ TEST_F(TerminalTest, CharactersOfEveryWidthCanBeEditedInTheMiddle) {
   start();
   unsetenv("LC_ALL");
   ASSERT_TRUE(waitFor("> "));
-  view = Screen(40, 6);
-  view.feed("> ");
+  showOnlyThePrompt();
   type("caf\u00E9 \u00E0 b");
   ASSERT_TRUE(shows("> caf\u00E9 \u00E0 b"));
   type("\x01\x06");  // to the beginning, one to the right
@@ -434,8 +435,7 @@ TEST_F(TerminalTest, PastedLinesAreOneMessageThatIsSeenFirst) {
   start();
   ASSERT_TRUE(waitFor("> "));
   EXPECT_TRUE(view.bracketsPastes());
-  view = Screen(40, 8);
-  view.feed("> ");
+  showOnlyThePrompt();
   type("see: \x1b[200~first line\r\n/second\n" + std::string(40, 'x') + "\r\x1b[201~");
   ASSERT_TRUE(shows("> see: first line\n  /second\n  " + std::string(37, 'x') + "\n  xxx"));
   type("!\r");
@@ -500,8 +500,7 @@ TEST_F(TerminalTest, StoppedPromptComesBackWithItsLine) {
   resize(40, 8);
   start();
   ASSERT_TRUE(waitFor("> "));
-  view = Screen(40, 8);
-  view.feed("> ");
+  showOnlyThePrompt();
   type("half a \u6F22");
   ASSERT_TRUE(shows("> half a \u6F22"));
   type("\x1a");
@@ -539,8 +538,7 @@ TEST_F(TerminalTest, PromptFollowsTheTerminalsWidth) {
   resize(40, 8);
   start();
   ASSERT_TRUE(waitFor("> "));
-  view = Screen(40, 8);
-  view.feed("> ");
+  showOnlyThePrompt();
   type("a line of some length");
   ASSERT_TRUE(shows("> a line of some length"));
   resize(20, 8);
