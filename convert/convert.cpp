@@ -93,6 +93,7 @@ ConvertSummary summarise(const SourceModel& source, const std::vector<PlannedTen
   summary.modelName = source.name;
   summary.sourceFormat = source.format;
   summary.skipped = source.skipped;
+  summary.remarks = source.remarks;
   for (const PlannedTensor& tensor : plan) {
     addToGroups(tensor, summary);
   }

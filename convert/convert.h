@@ -79,6 +79,7 @@ struct ConvertSummary {
   std::string sourceFormat;                 // "GGUF 3", "safetensors"
   std::vector<TensorGroup> groups;          // in the order of the container's tensor list
   std::map<std::string, uint64_t> skipped;  // "vision" -> tensors that were left out
+  std::vector<std::string> remarks;         // whole sentences without a full stop
   uint64_t sourceBytes = 0;                 // of the tensors in groups
   uint64_t storedBytes = 0;
 };

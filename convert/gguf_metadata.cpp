@@ -145,6 +145,24 @@ Status checkRecurrentLayers(const GgufFile& file) {
   return Status::success();
 }
 
+// Frequencies that are scaled give other results at every position, not at distant ones alone.
+Status checkRopeScaling(const GgufFile& file) {
+  constexpr std::string_view kTypeKey = "qwen35.rope.scaling.type";
+  const GgufValue* type = file.find(kTypeKey);
+  if (type != nullptr) {
+    return type->type == GgufType::String && type->text == "none"
+               ? Status::success()
+               : misfit(kTypeKey, fmt::format("\"{}\"", printable(type->text)), "\"none\"");
+  }
+  for (const std::string_view key : {"qwen35.rope.scaling.factor", "qwen35.rope.scale_linear"}) {
+    const GgufValue* factor = file.find(key);
+    if (factor != nullptr && factor->asNumber() != 1.0) {
+      return misfit(key, factor->asNumber().value_or(0), "1, or none");
+    }
+  }
+  return Status::success();
+}
+
 Status checkFixedValues(const GgufFile& file) {
   for (const IntegerKey& wanted : kIntegerKeys) {
     const GgufValue* value = file.find(wanted.key);
@@ -180,7 +198,7 @@ Status checkFixedValues(const GgufFile& file) {
 
 Status checkGgufMetadata(const GgufFile& file) {
   for (const auto& check : {checkArchitecture, checkSplit, checkBlockCount, checkFixedValues,
-                            checkKvHeads, checkRecurrentLayers}) {
+                            checkKvHeads, checkRecurrentLayers, checkRopeScaling}) {
     Status status = check(file);
     if (!status.ok()) {
       return status;

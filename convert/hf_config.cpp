@@ -74,6 +74,10 @@ Status checkText(const json& section, const char* name, std::string_view needed)
 
 // A mixture of experts is another model type, and refused here by its name.
 Status checkModelType(const json& file, const json& text) {
+  if (jsonMember(file, "model_type") == nullptr && jsonMember(text, "model_type") == nullptr) {
+    return unsupported("{} is missing; the importer needs \"qwen3_5\" or \"qwen3_5_text\"",
+                       field("model_type"));
+  }
   for (const json* section : {&file, &text}) {
     const json* type = jsonMember(*section, "model_type");
     if (type == nullptr) {
@@ -127,6 +131,26 @@ Status checkLayerTypes(const json& text) {
   return Status::success();
 }
 
+// Positions of text are the same in all three sections of "mrope": the rotation is the plain one.
+Status checkRopeType(const json& rope, const std::string& prefix) {
+  bool isStated = false;
+  for (const char* name : {"rope_type", "type"}) {
+    const json* type = jsonMember(rope, name);
+    if (type == nullptr || type->is_null()) {
+      continue;
+    }
+    isStated = true;
+    if (*type != "default" && *type != "mrope") {
+      return misfit(field(prefix + name), shown(*type), "\"default\"");
+    }
+  }
+  const json* factor = jsonMember(rope, "factor");
+  if (!isStated && factor != nullptr && !factor->is_null() && *factor != 1.0) {
+    return misfit(field(prefix + "factor"), shown(*factor), "1, or none");
+  }
+  return Status::success();
+}
+
 Status checkRope(const json& text) {
   for (const char* name : {"rope_parameters", "rope_scaling"}) {
     const json* rope = jsonMember(text, name);
@@ -139,7 +163,7 @@ Status checkRope(const json& text) {
       status = checkNumber(*rope, prefix, {"partial_rotary_factor", kRotaryFactor});
     }
     if (status.ok()) {
-      status = checkText(*rope, "rope_type", "default");
+      status = checkRopeType(*rope, prefix);
     }
     if (!status.ok()) {
       return status;
@@ -161,6 +185,9 @@ Status checkFields(const json& text) {
   }
   if (status.ok()) {
     status = checkRope(text);
+  }
+  if (status.ok()) {
+    status = checkText(text, "output_gate_type", "sigmoid");
   }
   const json* gate = jsonMember(text, "attn_output_gate");
   if (status.ok() && gate != nullptr && *gate != true) {

@@ -48,6 +48,7 @@ struct SourceModel {
   std::string format;                       // "GGUF 3", "safetensors"
   std::vector<std::string> fileNames;       // without their folder
   std::map<std::string, uint64_t> skipped;  // kind of tensor that text needs not -> how many
+  std::vector<std::string> remarks;         // what is odd about the source, yet does no harm
 
   std::vector<MappedFile> files;  // own what the tensors point to
 };

@@ -120,6 +120,52 @@ TEST(GgufMetadata, OtherArchitecturesAreNamed) {
   }
 }
 
+TEST(GgufMetadata, ScaledRotationIsRefused) {
+  const auto with = [](const auto& add) {
+    GgufBuilder file;
+    addTinyMetadata(file);
+    add(file);
+    return metadataMessage(file);
+  };
+  for (const char* type : {"yarn", "linear"}) {
+    EXPECT_EQ(
+        "qwen35.rope.scaling.type is \"" + std::string(type) + "\"; the runtime needs \"none\"",
+        with([&](GgufBuilder& f) { f.text("qwen35.rope.scaling.type", type); }));
+  }
+  // The factor of a scaling that is turned off counts for nothing.
+  EXPECT_EQ("", with([](GgufBuilder& f) {
+              f.text("qwen35.rope.scaling.type", "none");
+              f.f32("qwen35.rope.scaling.factor", 4.0F);
+            }));
+  EXPECT_EQ("qwen35.rope.scaling.factor is 4; the runtime needs 1, or none",
+            with([](GgufBuilder& f) { f.f32("qwen35.rope.scaling.factor", 4.0F); }));
+  EXPECT_EQ("", with([](GgufBuilder& f) { f.f32("qwen35.rope.scaling.factor", 1.0F); }));
+}
+
+TEST(GgufTokenizer, TextIsCutAsForThisFamily) {
+  const auto with = [](const std::string& name, std::vector<std::string>& remarks) {
+    GgufBuilder builder;
+    addTinyMetadata(builder, "tokenizer.ggml.pre");
+    builder.text("tokenizer.ggml.pre", name);
+    const Bytes bytes = builder.bytes();
+    kel::convert::GgufFile file;
+    EXPECT_TRUE(file.parse(bytes.data(), bytes.size()).ok());
+    kel::convert::SourceModel model;
+    const kel::Status status = readGgufModel(file, model);
+    remarks = model.remarks;
+    return status.message;
+  };
+  std::vector<std::string> remarks;
+  EXPECT_EQ("", with("qwen35", remarks));
+  EXPECT_TRUE(remarks.empty());
+  EXPECT_EQ("", with("qwen2", remarks));
+  EXPECT_EQ(std::vector<std::string>{"tokenizer.ggml.pre is \"qwen2\"; text is cut as for "
+                                     "\"qwen35\", which differs at combining marks"},
+            remarks);
+  EXPECT_EQ("tokenizer.ggml.pre is \"other-bpe\"; the runtime needs \"qwen35\"",
+            with("other-bpe", remarks));
+}
+
 TEST(GgufMetadata, PartsOfASplitModelAreRefused) {
   GgufBuilder file;
   addTinyMetadata(file);

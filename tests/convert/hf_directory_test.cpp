@@ -53,8 +53,28 @@ TEST(HfConfig, EachFixedValueIsHeldAgainstTheRuntimes) {
             with("attn_output_gate", false));
   EXPECT_EQ("config.json: rope_parameters.rope_theta is 10000.0; the runtime needs 10000000",
             with("rope_parameters", {{"rope_theta", 10000.0}}));
-  EXPECT_EQ("config.json: rope_type is \"yarn\"; the runtime needs \"default\"",
-            with("rope_parameters", {{"rope_type", "yarn"}}));
+  EXPECT_EQ("config.json: output_gate_type is \"swish\"; the runtime needs \"sigmoid\"",
+            with("output_gate_type", "swish"));
+  EXPECT_EQ("", with("output_gate_type", "sigmoid"));
+}
+
+TEST(HfConfig, ScaledRotationIsRefused) {
+  EXPECT_EQ("config.json: rope_parameters.rope_type is \"yarn\"; the runtime needs \"default\"",
+            with("rope_parameters", {{"rope_type", "yarn"}, {"factor", 4.0}}));
+  EXPECT_EQ("config.json: rope_scaling.type is \"linear\"; the runtime needs \"default\"",
+            with("rope_scaling", {{"type", "linear"}}));
+  EXPECT_EQ("config.json: rope_scaling.factor is 2.0; the runtime needs 1, or none",
+            with("rope_scaling", {{"factor", 2.0}}));
+  for (const char* type : {"default", "mrope"}) {
+    EXPECT_EQ("", with("rope_scaling", {{"type", type}, {"rope_type", "default"}}));
+  }
+  EXPECT_EQ("", with("rope_scaling", nullptr));
+}
+
+TEST(HfConfig, AFileThatNamesNoModelIsRefused) {
+  EXPECT_EQ(
+      "config.json: model_type is missing; the importer needs \"qwen3_5\" or \"qwen3_5_text\"",
+      message(json::object()));
 }
 
 TEST(HfConfig, OtherModelsAreNamed) {
@@ -107,8 +127,9 @@ TEST(HfConfig, FieldsOfAnyKindAreAnsweredWithAStatus) {
     if (text.is_object()) {
       continue;
     }
-    EXPECT_EQ("config.json: num_hidden_layers is 1; the runtime needs 32",
-              message({{"num_hidden_layers", 1}, {"text_config", text}}));
+    EXPECT_EQ(
+        "config.json: num_hidden_layers is 1; the runtime needs 32",
+        message({{"model_type", "qwen3_5"}, {"num_hidden_layers", 1}, {"text_config", text}}));
   }
 }
 

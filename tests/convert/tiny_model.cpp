@@ -225,7 +225,9 @@ void addTinyMetadata(GgufBuilder& file, const std::string& omit) {
   if (omit != "tokenizer.ggml.model") {
     file.text("tokenizer.ggml.model", "gpt2");
   }
-  file.text("tokenizer.ggml.pre", "qwen35");
+  if (omit != "tokenizer.ggml.pre") {
+    file.text("tokenizer.ggml.pre", "qwen35");
+  }
   if (omit != "tokenizer.ggml.tokens") {
     file.texts("tokenizer.ggml.tokens", {"a", "b", "ab", "\u0120", "\u0120a", "\u010A",
                                          "<|im_start|>", "<|im_end|>", "<think>", "[PAD9]"});
