@@ -47,6 +47,28 @@ Status notAnInteger(std::string_view key) {
   return malformed("GGUF: {} is not an integer", key);
 }
 
+// Files that go with a model and are none.
+Status checkKind(const GgufFile& file) {
+  const auto text = [&](std::string_view key) {
+    const GgufValue* value = file.find(key);
+    return value == nullptr ? std::string_view() : value->text;
+  };
+  const std::string_view kind = text("general.type");
+  if (kind == "adapter") {
+    return unsupported(
+        "general.type is \"adapter\" (LoRA), which is no model by itself: merge it into its model "
+        "first, and convert the result");
+  }
+  if (kind == "mmproj" || text("general.architecture") == "clip") {
+    return unsupported(
+        "this is the vision part of a model: give the file of the language model instead");
+  }
+  if (kind == "imatrix" || kind == "vocab") {
+    return unsupported("general.type is \"{}\": this file holds no model", kind);
+  }
+  return Status::success();
+}
+
 Status checkArchitecture(const GgufFile& file) {
   const GgufValue* value = file.find("general.architecture");
   if (value == nullptr || value->type != GgufType::String) {
@@ -58,21 +80,6 @@ Status checkArchitecture(const GgufFile& file) {
   const bool mixture = value->text == "qwen35moe";
   return unsupported("general.architecture is \"{}\"{}; the runtime needs \"{}\"",
                      printable(value->text), mixture ? " (mixture of experts)" : "", kArchitecture);
-}
-
-Status checkSplit(const GgufFile& file) {
-  const GgufValue* value = file.find("split.count");
-  if (value == nullptr) {
-    return Status::success();
-  }
-  const std::optional<int64_t> count = value->asInteger();
-  if (!count) {
-    return notAnInteger("split.count");
-  }
-  if (*count <= 1) {
-    return Status::success();
-  }
-  return unsupported("split.count is {}: join the parts into one file first", *count);
 }
 
 Status checkBlockCount(const GgufFile& file) {
@@ -197,7 +204,7 @@ Status checkFixedValues(const GgufFile& file) {
 }  // namespace
 
 Status checkGgufMetadata(const GgufFile& file) {
-  for (const auto& check : {checkArchitecture, checkSplit, checkBlockCount, checkFixedValues,
+  for (const auto& check : {checkKind, checkArchitecture, checkBlockCount, checkFixedValues,
                             checkKvHeads, checkRecurrentLayers, checkRopeScaling}) {
     Status status = check(file);
     if (!status.ok()) {

@@ -34,6 +34,29 @@ const char* skippedKind(std::string_view name) {
   return nullptr;
 }
 
+// Factors by which frequencies of the rotation are divided: of no use where all are 1.
+Status checkRopeFactors(const GgufTensor& tensor) {
+  if (tensor.type) {
+    const SourceTypeInfo& type = sourceTypeInfo(*tensor.type);
+    std::vector<float> factors(tensor.nBytes / type.block.bytes * type.block.elements);
+    type.decode(tensor.data, factors.data(), factors.size());
+    if (std::all_of(factors.begin(), factors.end(), [](float f) { return f == 1.0F; })) {
+      return Status::success();
+    }
+  }
+  return unsupported("{} scales the rotation; the runtime needs it as it is",
+                     printable(tensor.name));
+}
+
+// Files that hold one part alone of what a model can have.
+Status checkIsWhole(const SourceModel& model) {
+  if (!model.tensors.empty() || model.skipped.size() != 1) {
+    return Status::success();
+  }
+  return unsupported("this file holds nothing but {} tensors: give the model's own file",
+                     model.skipped.begin()->first);
+}
+
 // Some writers leave the ".bias" off this one name.
 std::string containerName(std::string_view name) {
   return std::string(name) + (name.ends_with(".ssm_dt") ? ".bias" : "");
@@ -49,13 +72,19 @@ Status readTensors(const GgufFile& file, SourceModel& out) {
   for (const GgufTensor& tensor : file.tensors()) {
     if (const char* kind = skippedKind(tensor.name); kind != nullptr) {
       ++out.skipped[kind];
+    } else if (tensor.name == "rope_freqs.weight") {
+      Status status = checkRopeFactors(tensor);
+      if (!status.ok()) {
+        return status;
+      }
+      ++out.skipped["rotation"];
     } else if (tensor.name == "output.weight") {
       out.outputHead = sourceTensor(tensor);
     } else if (!out.tensors.emplace(containerName(tensor.name), sourceTensor(tensor)).second) {
       return malformed("GGUF: {} occurs with and without \".bias\"", printable(tensor.name));
     }
   }
-  return Status::success();
+  return checkIsWhole(out);
 }
 
 const std::vector<std::string_view>* findStrings(const GgufFile& file, std::string_view key) {

@@ -11,6 +11,7 @@
 #include "convert/errors.h"
 #include "convert/json_reader.h"
 #include "convert/model_layout.h"
+#include "convert/other_sources.h"
 #include "convert/safetensors_reader.h"
 
 namespace kel::convert {
@@ -21,15 +22,20 @@ using nlohmann::json;
 
 constexpr const char* kIndexName = "model.safetensors.index.json";
 constexpr const char* kSingleName = "model.safetensors";
-constexpr std::string_view kWrapperPrefix = "model.language_model.";
-constexpr std::string_view kTextPrefix = "model.";
+// What checkpoint names begin with: the wrapper's, the text-only models', and what is left of both
+// when the text model was saved by itself.
+constexpr std::string_view kPrefixes[] = {"model.language_model.", "model.", "language_model.", ""};
 constexpr std::string_view kOtherFrameworkPrefix = "language_model.model.";
 constexpr std::string_view kOutputHead = "lm_head.weight";
 
+// Tensors that text generation does without: kind and what their names begin with, behind any of
+// the prefixes.
 constexpr std::pair<std::string_view, const char*> kSkipped[] = {
-    {"model.visual.", "vision"},
+    {"visual.", "vision"},
     {"mtp.", "multi-token prediction"},
 };
+// Frequencies that follow from the configuration.
+constexpr std::string_view kRotationEnding = "rotary_emb.inv_freq";
 // Names that only quantised checkpoints have.
 constexpr std::string_view kQuantisedEndings[] = {".weight_scale_inv", ".weight_scale", ".qweight",
                                                   ".qzeros", ".scales"};
@@ -144,10 +150,14 @@ Status checkOriginal(const TensorList& tensors) {
 }
 
 std::string_view prefixOf(const TensorList& tensors) {
-  const std::string wrapped = std::string(kWrapperPrefix) + "embed_tokens.weight";
-  const bool found = std::any_of(tensors.begin(), tensors.end(),
-                                 [&](const SafetensorsEntry& e) { return e.name == wrapped; });
-  return found ? kWrapperPrefix : kTextPrefix;
+  for (const std::string_view prefix : kPrefixes) {
+    const std::string embedding = std::string(prefix) + "embed_tokens.weight";
+    if (std::any_of(tensors.begin(), tensors.end(),
+                    [&](const SafetensorsEntry& e) { return e.name == embedding; })) {
+      return prefix;
+    }
+  }
+  return "model.";
 }
 
 // Checkpoint name without prefix -> container name.
@@ -180,6 +190,13 @@ Status sourceTensor(const SafetensorsEntry& entry, SourceTensor& out) {
   const auto* known = std::find_if(std::begin(kWeightTypes), std::end(kWeightTypes),
                                    [&](const WeightType& t) { return t.dtype == entry.dtype; });
   if (known == std::end(kWeightTypes)) {
+    if (entry.dtype.starts_with("F8") || entry.dtype.starts_with("F6") ||
+        entry.dtype.starts_with("F4")) {
+      return unsupported(
+          "{} has the element type {}: this checkpoint is quantised; the importer needs the "
+          "original in BF16, F16 or F32",
+          printable(entry.name), entry.dtype);
+    }
     return unsupported("{} has the element type {}; the importer needs BF16, F16 or F32",
                        printable(entry.name), entry.dtype);
   }
@@ -188,9 +205,14 @@ Status sourceTensor(const SafetensorsEntry& entry, SourceTensor& out) {
 }
 
 const char* skippedKind(std::string_view name) {
-  for (const auto& [prefix, kind] : kSkipped) {
-    if (name.starts_with(prefix)) {
-      return kind;
+  if (name.ends_with(kRotationEnding)) {
+    return "rotation";
+  }
+  for (const std::string_view prefix : kPrefixes) {
+    for (const auto& [part, kind] : kSkipped) {
+      if (name.starts_with(prefix) && name.substr(prefix.size()).starts_with(part)) {
+        return kind;
+      }
     }
   }
   return nullptr;
@@ -218,6 +240,10 @@ Status nameTensors(const TensorList& tensors, SourceModel& out) {
     const auto known = names.find(prefixed ? entry.name.substr(prefix.size()) : "");
     out.tensors.emplace(known == names.end() ? entry.name : known->second, std::move(tensor));
   }
+  if (out.tensors.empty() && out.skipped.size() == 1) {
+    return unsupported("this directory holds nothing but {} tensors: give that of the whole model",
+                       out.skipped.begin()->first);
+  }
   return Status::success();
 }
 
@@ -226,9 +252,20 @@ Status nameTensors(const TensorList& tensors, SourceModel& out) {
 Status readHfWeights(const std::string& folder, SourceModel& out) {
   TensorList tensors;
   std::error_code ignored;  // an index that cannot be looked at is as good as none
-  Status status = std::filesystem::exists(folder + "/" + kIndexName, ignored)
-                      ? readShards(folder, out, tensors)
-                      : openWeights(folder, kSingleName, out, tensors);
+  const auto exists = [&](const char* name) {
+    return std::filesystem::exists(folder + "/" + name, ignored);
+  };
+  Status status = Status::success();
+  if (exists(kIndexName)) {
+    status = readShards(folder, out, tensors);
+  } else {
+    if (!exists(kSingleName)) {
+      status = refuseFolderWithoutWeights(folder);
+    }
+    if (status.ok()) {
+      status = openWeights(folder, kSingleName, out, tensors);
+    }
+  }
   if (status.ok()) {
     status = checkOriginal(tensors);
   }

@@ -154,6 +154,27 @@ void decideStorage(const SourceModel& source, const StorageChoice& choice, Plann
   plan.storedBytes = rows * quant::quantizedBytes(plan.stored, plan.spec.dims[0]);
 }
 
+// The runtime asks for the query's bias, and uses all three or none.
+Status checkBiases(const SourceModel& source) {
+  constexpr TensorRole kBiases[] = {TensorRole::AttnQBias, TensorRole::AttnKBias,
+                                    TensorRole::AttnVBias};
+  for (uint32_t layer = 0; layer < kFixedShape.layers; ++layer) {
+    const auto has = [&](TensorRole role) {
+      return source.tensors.contains(tensorName(tensorOf(role), layer));
+    };
+    if (std::none_of(std::begin(kBiases), std::end(kBiases), has)) {
+      continue;
+    }
+    for (const TensorRole role : kBiases) {
+      if (!has(role)) {
+        return unsupported("{} is missing; the runtime needs the biases of query, key and value",
+                           tensorName(tensorOf(role), layer));
+      }
+    }
+  }
+  return Status::success();
+}
+
 Status checkNoOthers(const SourceModel& source, const std::set<std::string>& used) {
   for (const auto& [name, tensor] : source.tensors) {
     if (!used.contains(name)) {
@@ -195,7 +216,8 @@ Status planTensors(const SourceModel& source, const StorageChoice& storage, Prog
     plan.source = &found->second;
     decideStorage(source, storage, plan);
   }
-  return checkNoOthers(source, used);
+  status = checkBiases(source);
+  return status.ok() ? checkNoOthers(source, used) : status;
 }
 
 }  // namespace kel::convert

@@ -167,6 +167,12 @@ TEST_F(Convert, BiasesOfFullAttentionAreKept) {
   GgufBuilder file = tinyGguf(*model, 30);
   const std::vector<float> bias(1024, 0.5F);
   file.tensors.push_back({"blk.3.attn_k.bias", {1024}, 30, floatBytes(bias, "BF16")});
+  file.tensors.push_back({"blk.3.attn_v.bias", {1024}, 30, floatBytes(bias, "BF16")});
+  file.write(shared->file("biased.gguf"));
+  EXPECT_EQ("blk.3.attn_q.bias is missing; the runtime needs the biases of query, key and value",
+            refusal(shared->file("biased.gguf")));
+  file.tensors.push_back(
+      {"blk.3.attn_q.bias", {8192}, 30, floatBytes(std::vector<float>(8192, 0.25F), "BF16")});
   file.write(shared->file("biased.gguf"));
   const Converted converted(shared->file("biased.gguf"));
   EXPECT_EQ(floatBytes(bias, "F32"), converted.bytes("blk.3.attn_k.bias"));

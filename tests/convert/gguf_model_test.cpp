@@ -166,17 +166,6 @@ TEST(GgufTokenizer, TextIsCutAsForThisFamily) {
             with("other-bpe", remarks));
 }
 
-TEST(GgufMetadata, PartsOfASplitModelAreRefused) {
-  GgufBuilder file;
-  addTinyMetadata(file);
-  file.scalar<uint16_t>("split.count", 2, 3);
-  EXPECT_EQ("split.count is 3: join the parts into one file first", metadataMessage(file));
-  GgufBuilder whole;
-  addTinyMetadata(whole);
-  whole.scalar<uint16_t>("split.count", 2, 1);
-  EXPECT_EQ("", metadataMessage(whole));
-}
-
 TEST(GgufMetadata, HeadsPerLayerMustFollowThePattern) {
   std::vector<uint32_t> heads(32, 0);
   for (size_t layer = 3; layer < 32; layer += 4) {

@@ -208,7 +208,13 @@ TEST_F(HfDirectory, QuantisedWeightsAreRefused) {
     directory.weights.tensors.pop_back();
   }
   auto& tensor = tensorNamed(directory.weights, "model.layers.0.mlp.up_proj.weight");
-  for (const char* dtype : {"F8_E4M3", "I8", "U8"}) {
+  tensor.dtype = "F8_E4M3";
+  tensor.holeBytes = 32 * 256;
+  EXPECT_EQ(
+      "model.layers.0.mlp.up_proj.weight has the element type F8_E4M3: this checkpoint is "
+      "quantised; the importer needs the original in BF16, F16 or F32",
+      refused());
+  for (const char* dtype : {"I8", "U8"}) {
     tensor.dtype = dtype;
     tensor.holeBytes = 32 * 256;
     EXPECT_EQ("model.layers.0.mlp.up_proj.weight has the element type " + std::string(dtype) +
@@ -224,6 +230,32 @@ TEST_F(HfDirectory, UnknownAndMissingTensorsAreNamed) {
   directory.weights.tensors.back().name = "model.visual.patch.weight";
   tensorNamed(directory.weights, "model.layers.3.self_attn.q_proj.weight").name = "mtp.fc.weight";
   EXPECT_EQ("blk.3.attn_q.weight is missing; the runtime needs it", refused());
+}
+
+// Whatever the prefix, a model saved by itself or in its wrapper gives the same container, and what
+// text needs not is left out.
+TEST_F(HfDirectory, NamesMayHaveAnyPrefixOfTheFamily) {
+  const TinyDirectory plain = directory;
+  for (const std::string prefix : {"model.language_model.", "language_model.", ""}) {
+    directory = plain;
+    for (auto& tensor : directory.weights.tensors) {
+      tensor.name = prefix + tensor.name.substr(std::string("model.").size());
+    }
+    directory.weights.tensors.push_back(
+        {prefix + "layers.3.self_attn.rotary_emb.inv_freq", "F32", {32}, Bytes(128)});
+    directory.weights.tensors.push_back({"model.mtp.norm.weight", "F32", {8}, Bytes(32)});
+    directory.weights.tensors.push_back({"mtp.norm.weight", "F32", {8}, Bytes(32)});
+    directory.weights.tensors.push_back({"visual.patch.weight", "F32", {8}, Bytes(32)});
+    directory.weights.tensors.push_back({"model.visual.patch.weight", "I8", {8}, Bytes(8)});
+    directory.write(folder.file("model"));
+    kel::convert::SourceModel model;
+    EXPECT_EQ("", readHfDirectory(folder.file("model"), model).message);
+    EXPECT_EQ(426U, model.tensors.size());
+    EXPECT_TRUE(model.tensors.contains("blk.31.attn_k_norm.weight"));
+    EXPECT_EQ((std::map<std::string, uint64_t>{
+                  {"multi-token prediction", 2}, {"rotation", 1}, {"vision", 2}}),
+              model.skipped);
+  }
 }
 
 TEST_F(HfDirectory, StatedSizesMustBeTheTensors) {
