@@ -28,7 +28,7 @@ bool initLinearLayer(const kel::ZYMLoader& loader, uint32_t index, const Model& 
   if (!bindGroup(loader, kel::TensorGroup::Linear, index, layer)) {
     return false;
   }
-  layer.ssmState = StateBuffer(m.ssmDState * m.ssmDState * m.ssmHeads);
+  layer.ssmState = StateBuffer(m.ssmDState * m.ssmDValue() * m.ssmHeads);
   layer.convState = StateBuffer(m.convChannels() * (m.convKernel - 1));
   return true;
 }
@@ -72,7 +72,9 @@ bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
 bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
   m.tokEmbd = findTensor(loader, kel::TensorRole::Embedding);
   m.outputNorm = findTensor(loader, kel::TensorRole::OutputNorm);
-  if (m.tokEmbd == nullptr || m.outputNorm == nullptr) {
+  m.output = m.shape.ownOutput ? findTensor(loader, kel::TensorRole::Output) : nullptr;
+  if (m.tokEmbd == nullptr || m.outputNorm == nullptr ||
+      (m.shape.ownOutput && m.output == nullptr)) {
     return false;
   }
   m.nEmbd = m.tokEmbd->dims[0];

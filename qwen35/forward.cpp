@@ -12,6 +12,10 @@ namespace qwen35 {
 
 namespace {
 
+const kel::TensorView* outputMatrix(const Model& m) {
+  return m.output == nullptr ? m.tokEmbd : m.output;
+}
+
 // What a pass of one token shows of itself when asked to.
 struct Trace {
   bool prints;
@@ -135,7 +139,7 @@ void feedForward(const Work& w, const Layer& layer, const float* normed, float* 
 }
 
 void head(const Work& w, const float* normed, float* logits) {
-  const Matmul product[] = {{w.m.tokEmbd, logits, w.m.nVocab, /*assigns=*/true}};
+  const Matmul product[] = {{outputMatrix(w.m), logits, w.m.nVocab, /*assigns=*/true}};
   const MatmulInput in = w.input(normed, w.m.nEmbd, product);
   w.prepare(in);
   w.multiply(in, product);

@@ -1,6 +1,6 @@
-// The forward pass: one or several tokens through the whole model, 32 layers of attention and
-// feed-forward with residual connections, the final norm, and the output head tied to the token
-// embeddings.
+// The forward pass: one or several tokens through the whole model, layers of attention and
+// feed-forward with residual connections, the final norm, and the output head: a matrix of its own
+// or the token embeddings.
 //
 // The model must have passed findUnfitTensor (qwen35/run_check.h). Positions are consecutive from 0
 // after resetModel; the tokens of a pass fit below m.maxCtx (beyond, attention adds nothing and
