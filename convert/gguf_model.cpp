@@ -1,31 +1,26 @@
 #include "convert/gguf_model.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string>
 #include <utility>
 
-#include "container/model_shape.h"
 #include "convert/errors.h"
 #include "convert/gguf_metadata.h"
+#include "convert/gguf_shape.h"
 
 namespace kel::convert {
 
 namespace {
 
-constexpr const char* kPrediction = "multi-token prediction";
-
 // Tensors that text generation does without: kind and what their names begin with.
 constexpr std::pair<std::string_view, const char*> kSkipped[] = {
-    {"mtp.", kPrediction},
+    {"mtp.", kPredictionKind},
     {"v.", "vision"},
     {"mm.", "vision"},
 };
 
-// The block behind the last layer is the prediction block.
 const char* skippedKind(std::string_view name) {
-  if (name.starts_with(fmt::format("blk.{}.", kFixedShape.layers))) {
-    return kPrediction;
-  }
   for (const auto& [prefix, kind] : kSkipped) {
     if (name.starts_with(prefix)) {
       return kind;
@@ -48,15 +43,6 @@ Status checkRopeFactors(const GgufTensor& tensor) {
                      printable(tensor.name));
 }
 
-// Files that hold one part alone of what a model can have.
-Status checkIsWhole(const SourceModel& model) {
-  if (!model.tensors.empty() || model.skipped.size() != 1) {
-    return Status::success();
-  }
-  return unsupported("this file holds nothing but {} tensors: give the model's own file",
-                     model.skipped.begin()->first);
-}
-
 // Some writers leave the ".bias" off this one name.
 std::string containerName(std::string_view name) {
   return std::string(name) + (name.ends_with(".ssm_dt") ? ".bias" : "");
@@ -69,9 +55,13 @@ SourceTensor sourceTensor(const GgufTensor& tensor) {
 }
 
 Status readTensors(const GgufFile& file, SourceModel& out) {
+  // The block behind the last layer.
+  const std::string prediction = fmt::format("blk.{}.", out.shape.layers);
   for (const GgufTensor& tensor : file.tensors()) {
     if (const char* kind = skippedKind(tensor.name); kind != nullptr) {
       ++out.skipped[kind];
+    } else if (tensor.name.starts_with(prediction)) {
+      out.predictionTensors.emplace(tensor.name, sourceTensor(tensor));
     } else if (tensor.name == "rope_freqs.weight") {
       Status status = checkRopeFactors(tensor);
       if (!status.ok()) {
@@ -84,7 +74,7 @@ Status readTensors(const GgufFile& file, SourceModel& out) {
       return malformed("GGUF: {} occurs with and without \".bias\"", printable(tensor.name));
     }
   }
-  return checkIsWhole(out);
+  return checkIsWhole(out, "this file");
 }
 
 const std::vector<std::string_view>* findStrings(const GgufFile& file, std::string_view key) {
@@ -155,6 +145,33 @@ Status checkTextCutting(const GgufFile& file, std::vector<std::string>& remarks)
   return misfit(kKey, fmt::format("\"{}\"", printable(name->text)), "\"qwen35\"");
 }
 
+// Empty where the key is absent or holds no text.
+std::string textOf(const GgufFile& file, std::string_view key) {
+  const GgufValue* value = file.find(key);
+  return value == nullptr || value->type != GgufType::String ? "" : std::string(value->text);
+}
+
+void readSampling(const GgufFile& file, SourceModel& out) {
+  for (const char* name :
+       {"temp", "top_k", "top_p", "min_p", "penalty_present", "penalty_repeat"}) {
+    const GgufValue* value = file.find(std::string("general.sampling.") + name);
+    const std::optional<double> number = value == nullptr ? std::nullopt : value->asNumber();
+    if (number && std::isfinite(*number)) {
+      out.sampling.emplace_back(name, *number);
+    }
+  }
+}
+
+void readFacts(const GgufFile& file, SourceModel& out) {
+  out.format = fmt::format("GGUF {}", file.version());
+  out.name = printable(textOf(file, "general.name"));
+  out.license = printable(textOf(file, "general.license"));
+  out.chatTemplate = textOf(file, "tokenizer.chat_template");
+  const GgufValue* padding = file.find("tokenizer.ggml.padding_token_id");
+  out.paddingId = padding == nullptr ? -1 : padding->asInteger().value_or(-1);
+  readSampling(file, out);
+}
+
 Status readVocabulary(const GgufFile& file, Vocabulary& out) {
   const GgufValue* model = file.find("tokenizer.ggml.model");
   if (model == nullptr) {
@@ -220,6 +237,9 @@ Status readSize(const GgufFile& file, std::string_view key, StatedSize& out) {
 Status readGgufModel(const GgufFile& file, SourceModel& out) {
   Status status = checkGgufMetadata(file);
   if (status.ok()) {
+    status = readGgufShape(file, out.shape);
+  }
+  if (status.ok()) {
     status = readTensors(file, out);
   }
   if (status.ok()) {
@@ -240,12 +260,8 @@ Status readGgufModel(const GgufFile& file, SourceModel& out) {
   if (!status.ok()) {
     return status;
   }
-  out.format = fmt::format("GGUF {}", file.version());
-  const GgufValue* name = file.find("general.name");
-  if (name != nullptr && name->type == GgufType::String) {
-    out.name = printable(name->text);
-  }
-  return Status::success();
+  readFacts(file, out);
+  return status;
 }
 
 }  // namespace kel::convert

@@ -50,6 +50,15 @@ Status readDirectory(const std::string& path, SourceModel& out) {
 
 }  // namespace
 
+Status checkIsWhole(const SourceModel& model, const char* what) {
+  const size_t predictions = model.predictionTensors.empty() ? 0 : 1;
+  if (!model.tensors.empty() || model.skipped.size() + predictions != 1) {
+    return Status::success();
+  }
+  return unsupported("{} holds nothing but {} tensors: give that of the whole model", what,
+                     predictions != 0 ? kPredictionKind : model.skipped.begin()->first);
+}
+
 Status readSourceModel(const std::string& path, SourceModel& out) {
   std::error_code error;
   return fs::is_directory(path, error) ? readDirectory(path, out) : readFile(path, out);

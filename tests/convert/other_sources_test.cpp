@@ -92,9 +92,9 @@ TEST_F(OtherSources, OnePartOfAModelAloneIsNamed) {
     addTinyMetadata(file);
     file.tensors.push_back({tensor, {8}, 0, Bytes(32)});
     file.write(folder.file("part.gguf"));
-    EXPECT_EQ(
-        "this file holds nothing but " + std::string(kind) + " tensors: give the model's own file",
-        refusal(folder.file("part.gguf")));
+    EXPECT_EQ("this file holds nothing but " + std::string(kind) +
+                  " tensors: give that of the whole model",
+              refusal(folder.file("part.gguf")));
   }
   TinyDirectory directory = tinyDirectory({}, "BF16");
   directory.weights.tensors.push_back({"mtp.norm.weight", "F32", {8}, Bytes(32)});
