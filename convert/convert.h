@@ -110,10 +110,10 @@ struct ConvertResult {
 // Throws nothing. The source must not change meanwhile.
 ConvertResult convertModel(const ConvertOptions& options, ProgressSink& progress);
 
-// "f32", "bf16", "q8_0", "q5_k", "q4_k"; none for any other text.
+// "f32", "bf16", "q8_0", "q5_k", "q4_k", in small letters or capitals; none for any other text.
 std::optional<QuantType> storageTypeByName(std::string_view name);
 
-// "small", "balanced", "best", "full"; none for any other text.
+// "small", "balanced", "best", "full", in small letters or capitals; none for any other text.
 std::optional<Preset> presetByName(std::string_view name);
 
 std::string_view presetName(Preset preset);

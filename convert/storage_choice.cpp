@@ -104,6 +104,13 @@ QuantType fittingType(QuantType wanted, uint64_t cols) {
   return cols % quant::kBlockLen == 0 ? QuantType::Q8_0 : QuantType::BF16;
 }
 
+// Capitals of ASCII count as small letters: other tools and file names write Q8_0.
+bool isNamed(std::string_view known, std::string_view typed) {
+  return std::equal(known.begin(), known.end(), typed.begin(), typed.end(), [](char a, char b) {
+    return a == (b >= 'A' && b <= 'Z' ? static_cast<char>(b - 'A' + 'a') : b);
+  });
+}
+
 bool isLossy(SourceType type) {
   return sourceTypeInfo(type).block.elements > 1;
 }
@@ -133,7 +140,7 @@ std::string_view presetName(Preset preset) {
 
 std::optional<QuantType> storageTypeByName(std::string_view name) {
   for (const Named& known : kTypeNames) {
-    if (known.name == name) {
+    if (isNamed(known.name, name)) {
       return known.type;
     }
   }
@@ -141,7 +148,8 @@ std::optional<QuantType> storageTypeByName(std::string_view name) {
 }
 
 std::optional<Preset> presetByName(std::string_view name) {
-  const auto* found = std::find(std::begin(kPresetNames), std::end(kPresetNames), name);
+  const auto* found = std::find_if(std::begin(kPresetNames), std::end(kPresetNames),
+                                   [&](std::string_view known) { return isNamed(known, name); });
   if (found == std::end(kPresetNames)) {
     return std::nullopt;
   }

@@ -57,7 +57,7 @@ bool initLayer(const kel::ZYMLoader& loader, uint32_t index, const Model& m, siz
 
 }  // namespace
 
-bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
+bool initLayers(const kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
   m.layers.clear();
   m.layers.resize(m.shape.layers);
   for (uint32_t i = 0; i < m.shape.layers; ++i) {
@@ -69,7 +69,7 @@ bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
   return true;
 }
 
-bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
+bool bindModel(const kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
   m.tokEmbd = findTensor(loader, kel::TensorRole::Embedding);
   m.outputNorm = findTensor(loader, kel::TensorRole::OutputNorm);
   m.output = m.shape.ownOutput ? findTensor(loader, kel::TensorRole::Output) : nullptr;

@@ -96,12 +96,12 @@ struct Model {
   float normEps = static_cast<float>(shape.normEps);  // of every norm
 
   uint64_t nLayer = 0;
-  std::vector<Layer> layers;
+  std::vector<Layer> layers{};
   uint64_t maxCtx = 0;                      // capacity of the caches, in positions
-  std::vector<float> embBuf;                // scratch row of embedRow
-  ThreadRows gemvRows;                      // of gemvRow
-  ThreadRows headRows;                      // of outputHead
-  std::list<AlignedVector> alignedVectors;  // bound in place of the file's records
+  std::vector<float> embBuf{};                // scratch row of embedRow
+  ThreadRows gemvRows{};                      // of gemvRow
+  ThreadRows headRows{};                      // of outputHead
+  std::list<AlignedVector> alignedVectors{};  // bound in place of the file's records
 
   // Of a head's value.
   uint64_t ssmDValue() const { return ssmHeads == 0 ? 0 : ssmInner / ssmHeads; }
@@ -120,12 +120,12 @@ inline const float* floats(const kel::TensorView* tensor) {
 // the first layer that lacks a required tensor; the layers bound so far stay, to be discarded with
 // the model. Neither shape nor element type is looked at: see findUnfitTensor. Throws
 // std::bad_alloc.
-bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
+bool initLayers(const kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
 // Binds the embedding table, the final norm and the output head where the shape has one, and takes
 // nEmbd, nVocab, maxCtx and nLayer. Called after initLayers with the same maxCtx. False when a
 // tensor is missing.
-bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
+bool bindModel(const kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
 // Empties every layer: pos 0 and all state zero, whoever wrote it. Sizes stay; the memory of filled
 // cache positions goes back to the system.

@@ -26,7 +26,7 @@ void addModel(CLI::App& command, EngineOptions& options) {
   command.add_option("MODEL", options.model, "Container file (.zym)")->required();
   command
       .add_option("--plugin", options.plugin,
-                  "Runtime library to load (else ZYM_PLUGIN, else searched)")
+                  "Runtime library to use instead of the program's own engine (else ZYM_PLUGIN)")
       ->type_name("FILE");
 }
 
@@ -36,6 +36,14 @@ void addSampling(CLI::App& command, Sampling& sampling) {
   addSetting(command, "top-k", "Sample among this many best tokens", sampling);
   addSetting(command, "top-p", "Below 1 keeps only the best token; 1 turns the cut off", sampling);
   addSetting(command, "seed", "Start of the random numbers", sampling);
+}
+
+void addMaxTokens(CLI::App& command, uint64_t& maxTokens) {
+  command
+      .add_option("--max-tokens", maxTokens,
+                  "Tokens of a reply at most (default: as many as the context has room for)")
+      ->check(CLI::Range(1, 262144))
+      ->type_name("N");
 }
 
 void addRaw(CLI::App& command, bool& raw) {

@@ -14,6 +14,9 @@ namespace zym {
 
 using Action = std::function<int()>;
 
+// Makes program the zym program: its own options, and all of the commands.
+void addCommands(CLI::App& program, Action& action);
+
 void addChat(CLI::App& program, Action& action);
 void addRun(CLI::App& program, Action& action);
 void addBench(CLI::App& program, Action& action);
@@ -26,6 +29,7 @@ void addConvert(CLI::App& program, Action& action);
 void addModel(CLI::App& command, EngineOptions& options);
 void addSampling(CLI::App& command, Sampling& sampling);
 void addRaw(CLI::App& command, bool& raw);
+void addMaxTokens(CLI::App& command, uint64_t& maxTokens);
 // Puts examples below a command's help.
 void addExamples(CLI::App& command, const std::string& lines);
 

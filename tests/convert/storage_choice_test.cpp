@@ -96,6 +96,14 @@ TEST(StorageChoice, NamesOfTypesAndPresets) {
   EXPECT_EQ(std::nullopt, kel::convert::presetByName("tiny"));
 }
 
+TEST(StorageChoice, CapitalsCountAsSmallLetters) {
+  EXPECT_EQ(QuantType::Q8_0, kel::convert::storageTypeByName("Q8_0"));
+  EXPECT_EQ(QuantType::Q5_K, kel::convert::storageTypeByName("q5_K"));
+  EXPECT_EQ(Preset::Balanced, kel::convert::presetByName("Balanced"));
+  EXPECT_EQ(std::nullopt, kel::convert::storageTypeByName("Q8_"));
+  EXPECT_EQ(std::nullopt, kel::convert::storageTypeByName("Q8_01"));
+}
+
 TEST(Bfloat16, RoundsToNearestEven) {
   const auto encoded = [](float value) {
     uint8_t bytes[2];
