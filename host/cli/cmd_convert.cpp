@@ -160,7 +160,8 @@ void addConvert(CLI::App& program, Action& action) {
   addExamples(*command,
               "  zym convert model.gguf model.zym\n"
               "  zym convert checkpoint/ model.zym --preset balanced\n"
-              "  zym convert checkpoint/ model.zym --type q8_0 --embedding-type bf16");
+              "  zym convert checkpoint/ model.zym --type q8_0 --embedding-type bf16\n"
+              "  zym convert checkpoint/ --plan types.plan --dry-run");
   command->callback([chosen, &action] {
     if (chosen->options.target.empty() && !chosen->options.dryRun) {
       throw CLI::RequiredError("DST");
