@@ -231,6 +231,7 @@ Status readWidths(const GgufFile& file, ModelShape& shape) {
 }  // namespace
 
 Status readGgufShape(const GgufFile& file, ModelShape& out) {
+  out = {};
   Status status = readLayers(file, out);
   for (const IntegerKey& key : kIntegerKeys) {
     if (status.ok()) {

@@ -31,6 +31,9 @@ Status readFile(const std::string& path, SourceModel& out) {
   status = readGgufParts(path, std::move(file), out);
   if (status.ok() && out.name.empty()) {
     out.name = fs::path(path).stem().string();
+    if (const size_t part = out.name.rfind("-00001-of-"); part != std::string::npos) {
+      out.name.resize(part);
+    }
   }
   return status;
 }

@@ -69,6 +69,16 @@ TEST_F(GgufParts, GiveTheModelTogether) {
   EXPECT_EQ("tiny-00001-of-00003.gguf\ntiny-00002-of-00003.gguf\ntiny-00003-of-00003.gguf", files);
 }
 
+TEST_F(GgufParts, NameTheModelWithoutTheirNumbers) {
+  const std::string whole = folder.file("mine-00001-of-00001.gguf");
+  GgufBuilder file = tinyGguf(*model, 30);
+  GgufBuilder unnamed;
+  addTinyMetadata(unnamed, "general.name");
+  unnamed.tensors = file.tensors;
+  unnamed.write(whole);
+  EXPECT_EQ("mine", Converted(whole).result.summary.modelName);
+}
+
 TEST_F(GgufParts, AMissingOneIsNamed) {
   write();
   fs::remove(path(2));

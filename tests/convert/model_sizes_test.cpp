@@ -3,6 +3,8 @@
 // feed-forward width and vocabulary are small; heads, widths of heads and layers are the real ones.
 #include <gtest/gtest.h>
 
+#include <ostream>
+
 #include "container/shape_metadata.h"
 #include "tests/convert/converted.h"
 #include "tests/convert/tiny_model.h"
@@ -16,6 +18,10 @@ struct Size {
   const char* name;
   TinyShape shape;
 };
+
+void PrintTo(const Size& size, std::ostream* out) {
+  *out << size.name;
+}
 
 constexpr uint64_t kLess = 512;  // of which the widths are a part, so that the widest stay small
 
@@ -109,6 +115,19 @@ TEST_P(ModelSizes, BothSourcesGiveTheRuntimesValues) {
   std::filesystem::remove(folder.file("model.gguf"));
   tinyDirectory(model, "BF16", shape).write(folder.file("checkpoint"));
   expectModel(Converted(folder.file("checkpoint"), asFloats()));
+}
+
+TEST_P(ModelSizes, TheBundledDialectGivesTheSame) {
+  const GgufBuilder plain = tinyGguf(model, 30, shape);
+  plain.write(folder.file("plain.gguf"));
+  bundledGguf(plain, shape).write(folder.file("bundled.gguf"));
+  const Converted one(folder.file("plain.gguf"));
+  const Converted other(folder.file("bundled.gguf"));
+  expectShape(other, 0);
+  ASSERT_EQ(one.loader.tensorCount, other.loader.tensorCount);
+  for (const kel::TensorView& view : one.loader.tensors) {
+    EXPECT_TRUE(one.bytes(view.name) == other.bytes(view.name)) << view.name;
+  }
 }
 
 // Columns that change places, in a type whose blocks stay whole.

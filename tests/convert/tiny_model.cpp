@@ -231,7 +231,9 @@ void addTinyMetadata(GgufBuilder& file, const std::string& omit, const TinyShape
   if (omit != "general.architecture") {
     file.text("general.architecture", "qwen35");
   }
-  file.text("general.name", "Tiny");
+  if (omit != "general.name") {
+    file.text("general.name", "Tiny");
+  }
   u32("qwen35.block_count", shape.layers + (shape.prediction ? 1 : 0));
   if (shape.prediction) {
     u32("qwen35.nextn_predict_layers", 1);
@@ -304,12 +306,13 @@ SafetensorsBuilder::Tensor& tensorNamed(SafetensorsBuilder& file, const std::str
   return named(file, name);
 }
 
-GgufBuilder bundledGguf(const GgufBuilder& plain) {
+GgufBuilder bundledGguf(const GgufBuilder& plain, const TinyShape& shape) {
   GgufBuilder file;
-  addTinyMetadata(file, "qwen35.attention.head_count_kv");
+  addTinyMetadata(file, "qwen35.attention.head_count_kv", shape);
   std::vector<uint32_t> heads;
-  for (int layer = 0; layer < 32; ++layer) {
-    heads.push_back(layer % 4 == 3 ? 4 : 0);
+  for (uint64_t layer = 0; layer < shape.layers; ++layer) {
+    const bool isFull = (layer + 1) % shape.interval == 0;
+    heads.push_back(isFull ? static_cast<uint32_t>(shape.kvHeads) : 0);
   }
   file.array("qwen35.attention.head_count_kv", 4, heads);
   file.scalar<uint64_t>("general.parameter_count", 10, 15'000'000);
@@ -323,7 +326,10 @@ GgufBuilder bundledGguf(const GgufBuilder& plain) {
   file.tensors.push_back({"v.patch_embd.weight", {8, 8}, 1, Bytes(128)});
   file.tensors.push_back({"mm.0.weight", {8}, 0, Bytes(32)});
   file.tensors.push_back({"mtp.norm.weight", {8}, 0, Bytes(32)});
-  file.tensors.push_back({"blk.32.nextn.enorm.weight", {8}, 0, Bytes(32)});
+  if (!shape.prediction) {
+    const std::string block = "blk." + std::to_string(shape.layers);
+    file.tensors.push_back({block + ".nextn.enorm.weight", {8}, 0, Bytes(32)});
+  }
   return file;
 }
 

@@ -62,7 +62,7 @@ void addTinyMetadata(GgufBuilder& file, const std::string& omit = "", const Tiny
 
 // The same tensors as the dialect writes them that bundles all parts of a model in one file: other
 // names, head counts per layer, and four tensors that text does not need.
-GgufBuilder bundledGguf(const GgufBuilder& plain);
+GgufBuilder bundledGguf(const GgufBuilder& plain, const TinyShape& shape = {});
 
 // A checkpoint directory. Vectors are F32; dtype is that of matrices.
 struct TinyDirectory {
