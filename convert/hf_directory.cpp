@@ -57,19 +57,9 @@ int32_t endToken(const json& generation, const json& tokenizer, const HfConfig& 
   return id >= 0 ? id : config.eosId;
 }
 
-struct Settings {
-  json tokenizer;   // null where the directory has no such file
-  json generation;  // likewise
-};
-
-Status readSettings(const std::string& folder, Settings& out) {
-  Status status = readOptionalJson(folder + "/tokenizer_config.json", out.tokenizer);
-  return status.ok() ? readOptionalJson(folder + "/generation_config.json", out.generation)
-                     : status;
-}
-
-Status readVocabulary(const std::string& folder, const HfConfig& config, const Settings& settings,
-                      Vocabulary& out) {
+// tokenizer, generation: the settings of either, null where the directory has no such file.
+Status readVocabulary(const std::string& folder, const HfConfig& config, const json& tokenizer,
+                      const json& generation, Vocabulary& out) {
   MappedFile file;
   Status status = file.open(folder + "/tokenizer.json");
   if (status.ok()) {
@@ -78,9 +68,9 @@ Status readVocabulary(const std::string& folder, const HfConfig& config, const S
   if (!status.ok()) {
     return status;
   }
-  out.eosId = endToken(settings.generation, settings.tokenizer, config, out);
+  out.eosId = endToken(generation, tokenizer, config, out);
   out.bosId = config.bosId;
-  const json* addBos = jsonMember(settings.tokenizer, "add_bos_token");
+  const json* addBos = jsonMember(tokenizer, "add_bos_token");
   out.addBos = addBos != nullptr && *addBos == true;
   return status;
 }
@@ -156,9 +146,8 @@ void readSampling(const json& generation, SourceModel& out) {
   }
 }
 
-int64_t paddingToken(const Settings& settings, const HfConfig& config,
-                     const Vocabulary& vocabulary) {
-  const json* token = jsonMember(settings.tokenizer, "pad_token");
+int64_t paddingToken(const json& tokenizer, const HfConfig& config, const Vocabulary& vocabulary) {
+  const json* token = jsonMember(tokenizer, "pad_token");
   const int32_t id = token == nullptr ? -1 : idOfToken(vocabulary, *token);
   return id >= 0 ? id : config.paddingId;
 }
@@ -176,12 +165,16 @@ Status readHfDirectory(const std::string& path, SourceModel& out) {
     out.shape = config.shape;
     status = readHfWeights(path, out);
   }
-  Settings settings;
+  json tokenizer;
+  json generation;
   if (status.ok()) {
-    status = readSettings(path, settings);
+    status = readOptionalJson(path + "/tokenizer_config.json", tokenizer);
   }
   if (status.ok()) {
-    status = readVocabulary(path, config, settings, out.vocabulary);
+    status = readOptionalJson(path + "/generation_config.json", generation);
+  }
+  if (status.ok()) {
+    status = readVocabulary(path, config, tokenizer, generation, out.vocabulary);
   }
   if (!status.ok()) {
     return status;
@@ -195,11 +188,11 @@ Status readHfDirectory(const std::string& path, SourceModel& out) {
   out.decaysAsLogs = true;
   out.groupedHeads = true;
   out.format = "safetensors";
-  out.chatTemplate = chatTemplate(path, settings.tokenizer);
+  out.chatTemplate = chatTemplate(path, tokenizer);
   out.vocabulary.chat = !out.chatTemplate.empty();
-  out.paddingId = paddingToken(settings, config, out.vocabulary);
+  out.paddingId = paddingToken(tokenizer, config, out.vocabulary);
   out.license = license(path);
-  readSampling(settings.generation, out);
+  readSampling(generation, out);
   return status;
 }
 

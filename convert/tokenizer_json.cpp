@@ -92,7 +92,9 @@ Status checkTextHandling(const json& file, const json& model) {
   }
   for (const char* name : {"continuing_subword_prefix", "end_of_word_suffix"}) {
     const json* affix = jsonMember(model, name);
-    if (affix != nullptr && !affix->is_null() && *affix != "") {
+    const bool isNone = affix == nullptr || affix->is_null() ||
+                        (affix->is_string() && affix->get_ref<const std::string&>().empty());
+    if (!isNone) {
       return misfit(fmt::format("tokenizer.json: model.{}", name), printable(affix->dump()),
                     "none");
     }
