@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <utility>
 
+#include "container/model_shape.h"
 #include "convert/convert.h"
 #include "convert/model_layout.h"
 #include "quant/bfloat16.h"
@@ -61,19 +63,44 @@ GgufBuilder::Tensor sourceTensor(const TensorSpec& spec, const Bytes& pattern) {
   return tensor;
 }
 
+void addShape(GgufBuilder& file) {
+  constexpr const kel::ModelShape& kShape = kel::kFixedShape;
+  const std::pair<const char*, uint64_t> numbers[] = {
+      {"block_count", kShape.layers},
+      {"context_length", kShape.contextLength},
+      {"full_attention_interval", kShape.fullInterval()},
+      {"attention.head_count", kShape.queryHeads},
+      {"attention.head_count_kv", kShape.kvHeads},
+      {"attention.key_length", kShape.headDim},
+      {"attention.value_length", kShape.headDim},
+      {"rope.dimension_count", kShape.ropeDim},
+      {"ssm.conv_kernel", kShape.convTaps},
+      {"ssm.state_size", kShape.linearKeyDim},
+      {"ssm.group_count", kShape.linearKeyHeads},
+      {"ssm.time_step_rank", kShape.linearValueHeads},
+      {"ssm.inner_size", kShape.linearValueWidth()},
+  };
+  for (const auto& [name, value] : numbers) {
+    file.u32(std::string("qwen35.") + name, static_cast<uint32_t>(value));
+  }
+  file.f32("qwen35.rope.freq_base", static_cast<float>(kShape.ropeBase));
+  file.f32("qwen35.attention.layer_norm_rms_epsilon", static_cast<float>(kShape.normEps));
+}
+
 // Written once, removed at exit.
 const std::string& sourceFolder() {
   static const kel::test::TempDir folder;
   static const std::string path = [] {
     GgufBuilder file;
     file.text("general.architecture", "qwen35");
+    addShape(file);
     file.text("tokenizer.ggml.model", "gpt2");
     file.texts("tokenizer.ggml.tokens", {"a", "\u0120", "\u0120a"});
     file.array<int32_t>("tokenizer.ggml.token_type", 5, {1, 1, 1});
     file.texts("tokenizer.ggml.merges", {"\u0120 a"});
     std::mt19937 random(1);
     const Bytes pattern = weights(random);
-    for (const TensorSpec& spec : kel::convert::modelTensors(kSizes)) {
+    for (const TensorSpec& spec : kel::convert::modelTensors(kel::kFixedShape, kSizes, 0)) {
       if (spec.tensor->required) {
         file.tensors.push_back(sourceTensor(spec, pattern));
       }

@@ -26,6 +26,11 @@ uint64_t one(const ModelShape& /*shape*/, const ModelSizes& /*sizes*/) {
   return 1;
 }
 
+// An embedding and a hidden state side by side.
+uint64_t twiceHidden(const ModelShape& /*shape*/, const ModelSizes& sizes) {
+  return 2 * sizes.hidden;
+}
+
 constexpr auto kHidden = ofFile<&ModelSizes::hidden>;
 constexpr auto kFeedForward = ofFile<&ModelSizes::feedForward>;
 constexpr auto kVocab = ofFile<&ModelSizes::vocab>;
@@ -70,6 +75,11 @@ constexpr ModelTensor kTensors[] = {
     {Role::AttnOutput, Full, Matrix, "attn_output.weight", kHidden, kAttentionWidth},
     {Role::AttnQNorm, Full, Vector, "attn_q_norm.weight", one, kHeadDim},
     {Role::AttnKNorm, Full, Vector, "attn_k_norm.weight", one, kHeadDim},
+
+    {Role::PredictionProj, Prediction, Matrix, "nextn.eh_proj.weight", kHidden, twiceHidden},
+    {Role::PredictionEmbeddingNorm, Prediction, Vector, "nextn.enorm.weight", one, kHidden},
+    {Role::PredictionHiddenNorm, Prediction, Vector, "nextn.hnorm.weight", one, kHidden},
+    {Role::PredictionOutputNorm, Prediction, Vector, "nextn.shared_head_norm.weight", one, kHidden},
 };
 
 constexpr bool isInRoleOrder() {

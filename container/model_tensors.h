@@ -39,13 +39,18 @@ enum class TensorRole : uint8_t {
   AttnOutput,
   AttnQNorm,
   AttnKNorm,
+  PredictionProj,
+  PredictionEmbeddingNorm,
+  PredictionHiddenNorm,
+  PredictionOutputNorm,
 };
 
 enum class TensorGroup : uint8_t {
-  Model,   // once
-  Common,  // in every layer
-  Linear,  // in every layer of linear attention
-  Full,    // in every layer of full attention
+  Model,       // once
+  Common,      // in every layer
+  Linear,      // in every layer of linear attention
+  Full,        // in every layer of full attention
+  Prediction,  // beside those of a layer of full attention, in one of multi-token prediction
 };
 
 enum class TensorKind : uint8_t {

@@ -1,6 +1,7 @@
 #include "convert/convert.h"
 
 #include <algorithm>
+#include <cmath>
 #include <exception>
 #include <filesystem>
 #include <new>
@@ -8,9 +9,12 @@
 #include <utility>
 
 #include "container/zym2_writer.h"
+#include "convert/container_metadata.h"
 #include "convert/errors.h"
 #include "convert/free_space.h"
 #include "convert/norm_check.h"
+#include "convert/output_head.h"
+#include "convert/prediction_layer.h"
 #include "convert/source_model.h"
 #include "convert/tensor_plan.h"
 #include "convert/tensor_stream.h"
@@ -30,14 +34,7 @@ bool isStorable(std::optional<QuantType> type) {
   return !type || hasMatmul(*type);
 }
 
-Status checkOptions(const ConvertOptions& options) {
-  const StorageChoice& storage = options.storage;
-  if (storage.type && storage.preset) {
-    return Status::invalid("a type and a preset exclude each other: choose one");
-  }
-  if (!isStorable(storage.type) || !isStorable(storage.embeddingType)) {
-    return Status::invalid("matrices are stored as F32, BF16, Q8_0, Q5_K or Q4_K");
-  }
+Status checkTarget(const ConvertOptions& options) {
   if (!options.target.ends_with(kTargetEnding)) {
     return malformed("the name of the target must end in {}: {}", kTargetEnding, options.target);
   }
@@ -52,6 +49,21 @@ Status checkOptions(const ConvertOptions& options) {
   return Status::success();
 }
 
+Status checkOptions(const ConvertOptions& options) {
+  const StorageChoice& storage = options.storage;
+  if (storage.type && storage.preset) {
+    return Status::invalid("a type and a preset exclude each other: choose one");
+  }
+  if (!isStorable(storage.type) || !isStorable(storage.embeddingType)) {
+    return Status::invalid("matrices are stored as F32, BF16, Q8_0, Q5_K or Q4_K");
+  }
+  if (!storage.plan.empty() && !std::all_of(storage.plan.begin(), storage.plan.end(),
+                                            [](const PlanRule& r) { return hasMatmul(r.type); })) {
+    return Status::invalid("a plan names a type that matrices are not stored in");
+  }
+  return options.dryRun ? Status::success() : checkTarget(options);
+}
+
 uint64_t textBytes(const std::vector<std::string>& texts) {
   uint64_t nBytes = 0;
   for (const std::string& text : texts) {
@@ -60,10 +72,10 @@ uint64_t textBytes(const std::vector<std::string>& texts) {
   return nBytes;
 }
 
-uint64_t estimatedBytes(const std::vector<PlannedTensor>& plan, const TokenizerData& tokenizer) {
+uint64_t estimatedBytes(const TensorPlan& plan, const TokenizerData& tokenizer) {
   uint64_t nBytes = kFixedBytes + textBytes(tokenizer.tokens) + textBytes(tokenizer.merges) +
                     tokenizer.tokenTypes.size() * sizeof(int32_t);
-  for (const PlannedTensor& tensor : plan) {
+  for (const PlannedTensor& tensor : plan.tensors) {
     nBytes +=
         tensor.storedBytes + zym2::kAlignment + zym2::kTensorEntryBytes + zym2::kQuantRecordBytes;
   }
@@ -88,12 +100,36 @@ void addToGroups(const PlannedTensor& tensor, ConvertSummary& summary) {
   summary.storedBytes += tensor.storedBytes;
 }
 
-ConvertSummary summarise(const SourceModel& source, const std::vector<PlannedTensor>& plan) {
+// The plugin interface runs models of one shape alone; of others, whoever loads a container there
+// would hear no more than that it cannot be run.
+std::vector<std::string> interfaceRemarks(const SourceModel& source) {
+  ModelShape shape = source.shape;
+  shape.ownOutput = false;
+  shape.contextLength = kFixedShape.contextLength;
+  shape.normEps =
+      std::abs(shape.normEps - kFixedShape.normEps) < 1e-9 ? kFixedShape.normEps : shape.normEps;
+  if (!(shape == kFixedShape)) {
+    return {"the plugin interface runs models of another shape (that of 4B); zym itself runs this"};
+  }
+  if (source.shape.ownOutput) {
+    return {
+        "the output head differs from the embedding, and is kept: the plugin interface, which "
+        "computes logits with the embedding, does not run this model; zym itself does"};
+  }
+  return {};
+}
+
+ConvertSummary summarise(const SourceModel& source, const TensorPlan& plan,
+                         const std::string& name) {
   ConvertSummary summary;
-  summary.modelName = source.name;
+  summary.modelName = name.empty() ? source.name : name;
   summary.sourceFormat = source.format;
   summary.skipped = source.skipped;
-  for (const PlannedTensor& tensor : plan) {
+  summary.remarks = source.remarks;
+  for (const auto& more : {plan.remarks, interfaceRemarks(source)}) {
+    summary.remarks.insert(summary.remarks.end(), more.begin(), more.end());
+  }
+  for (const PlannedTensor& tensor : plan.tensors) {
     addToGroups(tensor, summary);
   }
   return summary;
@@ -105,13 +141,13 @@ class ContainerStream {
   ContainerStream(const ConvertOptions& convertOptions, ProgressSink& progressSink)
       : options(convertOptions), progress(progressSink) {}
 
-  Status write(const SourceModel& source, const std::vector<PlannedTensor>& plan,
-               uint64_t sourceBytes, TokenizerData tokenizer) {
-    totalBytes = sourceBytes;
+  Status write(const SourceModel& source, const TensorPlan& plan, const ConvertSummary& summary,
+               TokenizerData tokenizer) {
+    totalBytes = summary.sourceBytes;
     Status status = writer.create(options.target,
                                   options.force ? ExistingFile::IsReplaced : ExistingFile::IsKept);
     writer.storeChecksums();
-    for (const PlannedTensor& tensor : plan) {
+    for (const PlannedTensor& tensor : plan.tensors) {
       if (status.ok()) {
         status = writeTensor(source, tensor);
       }
@@ -123,7 +159,7 @@ class ContainerStream {
     if (!status.ok()) {
       return status;
     }
-    addMetadata(source);
+    addMetadata(source, plan, tokenizer, options, summary, writer);
     writer.setTokenizer(std::move(tokenizer));
     return writer.finish();
   }
@@ -164,25 +200,6 @@ class ContainerStream {
     return status;
   }
 
-  void addMetadata(const SourceModel& source) {
-    const auto typeName = [](std::optional<QuantType> type) {
-      return type ? quantTypeName(*type) : "keep";
-    };
-    const StorageChoice& storage = options.storage;
-    writer.addMetaStr("general.architecture", "qwen35");
-    writer.addMetaStr("general.name", source.name);
-    writer.addMetaStr("zym.source.format", source.format);
-    writer.addMetaStr("zym.source.files", fmt::format("{}", fmt::join(source.fileNames, "\n")));
-    if (storage.preset) {
-      writer.addMetaStr("zym.convert.preset", presetName(*storage.preset));
-    } else {
-      writer.addMetaStr("zym.convert.type", typeName(storage.type));
-    }
-    if (storage.embeddingType) {
-      writer.addMetaStr("zym.convert.embedding_type", typeName(storage.embeddingType));
-    }
-  }
-
   const ConvertOptions& options;
   ProgressSink& progress;
   ZYM2Writer writer;  // its destruction removes what finish() has not completed
@@ -193,37 +210,42 @@ class ContainerStream {
 
 Status convert(const ConvertOptions& options, ProgressSink& progress, ConvertResult& result) {
   SourceModel source;
-  std::vector<PlannedTensor> plan;
+  TensorPlan plan;
   TokenizerData tokenizer;
   Status status = checkOptions(options);
   if (status.ok()) {
     status = readSourceModel(options.source, source);
   }
-  if (!options.name.empty()) {
-    source.name = options.name;
+  if (status.ok()) {
+    decidePredictionLayer(source, options.keepPrediction);
+    status = decideOutputHead(source, progress);
   }
   if (status.ok()) {
-    status = planTensors(source, options.storage, progress, plan);
+    status = planTensors(source, options.storage, plan);
   }
   if (status.ok()) {
-    status = checkNorms(plan, source);
+    status = checkNorms(plan.tensors, source);
   }
   result.cancelled = !status.ok() && progress.cancelled();
   if (!status.ok()) {
     return status;
   }
-  // The embedding comes first in the plan.
-  status = buildTokenizer(std::move(source.vocabulary), plan.front().spec.dims[1],
-                          options.vocabulary, tokenizer);
-  if (status.ok()) {
-    status = checkFreeSpace(options.target, estimatedBytes(plan, tokenizer));
-  }
+  status =
+      buildTokenizer(std::move(source.vocabulary), plan.sizes.vocab, options.vocabulary, tokenizer);
   if (!status.ok()) {
     return status;
   }
-  result.summary = summarise(source, plan);
+  result.summary = summarise(source, plan, options.name);
+  result.summary.fileBytes = estimatedBytes(plan, tokenizer);
+  if (options.dryRun) {
+    return status;
+  }
+  status = checkFreeSpace(options.target, result.summary.fileBytes);
+  if (!status.ok()) {
+    return status;
+  }
   ContainerStream stream(options, progress);
-  status = stream.write(source, plan, result.summary.sourceBytes, std::move(tokenizer));
+  status = stream.write(source, plan, result.summary, std::move(tokenizer));
   result.cancelled = stream.wasCancelled();
   return status;
 }

@@ -31,6 +31,13 @@ enum class Preset : uint8_t {
   Full,      // BF16
 };
 
+// The type of the matrices whose names in the container match a pattern (storage_plan.h).
+struct PlanRule {
+  std::string pattern;
+  std::string typeName;
+  QuantType type = QuantType::F32;
+};
+
 // How matrices are stored. With neither type nor preset, what the runtime can use is kept as it is
 // and the rest is stored in the smallest type that keeps its precision. Types are F32, BF16, Q8_0,
 // Q5_K and Q4_K.
@@ -38,6 +45,7 @@ struct StorageChoice {
   std::optional<QuantType> type;           // of every matrix; excludes a preset
   std::optional<Preset> preset;            //
   std::optional<QuantType> embeddingType;  // of the embedding, before either
+  std::vector<PlanRule> plan;              // before all of these, for what it matches
 };
 
 struct ConvertOptions {
@@ -46,8 +54,10 @@ struct ConvertOptions {
   StorageChoice storage;
   std::string name;  // of the model; empty: the source's
   VocabularyForm vocabulary = VocabularyForm::Alphabet;
-  bool force = false;    // replace an existing target
-  unsigned threads = 0;  // 0: all
+  bool force = false;           // replace an existing target
+  bool dryRun = false;          // everything but the writing; there need be no target
+  bool keepPrediction = false;  // the layer of multi-token prediction, where there is one
+  unsigned threads = 0;         // 0: all
 };
 
 // Told how far a conversion is, and asked whether to go on; called from the converting thread.
@@ -80,8 +90,10 @@ struct ConvertSummary {
   std::string sourceFormat;                 // "GGUF 3", "safetensors"
   std::vector<TensorGroup> groups;          // in the order of the container's tensor list
   std::map<std::string, uint64_t> skipped;  // "vision" -> tensors that were left out
+  std::vector<std::string> remarks;         // whole sentences without a full stop
   uint64_t sourceBytes = 0;                 // of the tensors in groups
   uint64_t storedBytes = 0;
+  uint64_t fileBytes = 0;  // of the container, at most
 };
 
 struct ConvertResult {

@@ -1,4 +1,4 @@
-// Whether the metadata of a GGUF file describe a model that the runtime can run.
+// Whether a GGUF file is a model of this family at all.
 #pragma once
 
 #include "container/status.h"
@@ -6,8 +6,8 @@
 
 namespace kel::convert {
 
-// Names the first key that does not fit, with its value and the one needed. Keys that are absent
-// fit, but for the architecture: the tensors' shapes decide.
+// Refuses other architectures, files that go with a model and are none, and a rotation that is
+// scaled. The numbers are the business of gguf_shape.h.
 Status checkGgufMetadata(const GgufFile& file);
 
 }  // namespace kel::convert

@@ -1,37 +1,46 @@
 #include "convert/gguf_model.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string>
 #include <utility>
 
-#include "container/model_shape.h"
 #include "convert/errors.h"
 #include "convert/gguf_metadata.h"
+#include "convert/gguf_shape.h"
 
 namespace kel::convert {
 
 namespace {
 
-constexpr const char* kPrediction = "multi-token prediction";
-
 // Tensors that text generation does without: kind and what their names begin with.
 constexpr std::pair<std::string_view, const char*> kSkipped[] = {
-    {"mtp.", kPrediction},
+    {"mtp.", kPredictionKind},
     {"v.", "vision"},
     {"mm.", "vision"},
 };
 
-// The block behind the last layer is the prediction block.
 const char* skippedKind(std::string_view name) {
-  if (name.starts_with(fmt::format("blk.{}.", kFixedShape.layers))) {
-    return kPrediction;
-  }
   for (const auto& [prefix, kind] : kSkipped) {
     if (name.starts_with(prefix)) {
       return kind;
     }
   }
   return nullptr;
+}
+
+// Factors by which frequencies of the rotation are divided: of no use where all are 1.
+Status checkRopeFactors(const GgufTensor& tensor) {
+  if (tensor.type) {
+    const SourceTypeInfo& type = sourceTypeInfo(*tensor.type);
+    std::vector<float> factors(tensor.nBytes / type.block.bytes * type.block.elements);
+    type.decode(tensor.data, factors.data(), factors.size());
+    if (std::all_of(factors.begin(), factors.end(), [](float f) { return f == 1.0F; })) {
+      return Status::success();
+    }
+  }
+  return unsupported("{} scales the rotation; the runtime needs it as it is",
+                     printable(tensor.name));
 }
 
 // Some writers leave the ".bias" off this one name.
@@ -46,16 +55,26 @@ SourceTensor sourceTensor(const GgufTensor& tensor) {
 }
 
 Status readTensors(const GgufFile& file, SourceModel& out) {
+  // The block behind the last layer.
+  const std::string prediction = fmt::format("blk.{}.", out.shape.layers);
   for (const GgufTensor& tensor : file.tensors()) {
     if (const char* kind = skippedKind(tensor.name); kind != nullptr) {
       ++out.skipped[kind];
+    } else if (tensor.name.starts_with(prediction)) {
+      out.predictionTensors.emplace(tensor.name, sourceTensor(tensor));
+    } else if (tensor.name == "rope_freqs.weight") {
+      Status status = checkRopeFactors(tensor);
+      if (!status.ok()) {
+        return status;
+      }
+      ++out.skipped["rotation"];
     } else if (tensor.name == "output.weight") {
       out.outputHead = sourceTensor(tensor);
     } else if (!out.tensors.emplace(containerName(tensor.name), sourceTensor(tensor)).second) {
       return malformed("GGUF: {} occurs with and without \".bias\"", printable(tensor.name));
     }
   }
-  return Status::success();
+  return checkIsWhole(out, "this file");
 }
 
 const std::vector<std::string_view>* findStrings(const GgufFile& file, std::string_view key) {
@@ -107,6 +126,50 @@ Status readMerges(const GgufFile& file, Vocabulary& out) {
     out.merges.emplace_back(rule);
   }
   return Status::success();
+}
+
+// The name of how text is cut before merging. That of earlier models of the makers differs at
+// combining marks alone, and so does what files say that name none.
+Status checkTextCutting(const GgufFile& file, std::vector<std::string>& remarks) {
+  constexpr std::string_view kKey = "tokenizer.ggml.pre";
+  const GgufValue* name = file.find(kKey);
+  if (name == nullptr || name->text == "qwen35") {
+    return Status::success();
+  }
+  if (name->text == "qwen2" || name->text == "default") {
+    remarks.push_back(
+        fmt::format("{} is \"{}\"; text is cut as for \"qwen35\", which differs at combining marks",
+                    kKey, name->text));
+    return Status::success();
+  }
+  return misfit(kKey, fmt::format("\"{}\"", printable(name->text)), "\"qwen35\"");
+}
+
+// Empty where the key is absent or holds no text.
+std::string textOf(const GgufFile& file, std::string_view key) {
+  const GgufValue* value = file.find(key);
+  return value == nullptr || value->type != GgufType::String ? "" : std::string(value->text);
+}
+
+void readSampling(const GgufFile& file, SourceModel& out) {
+  for (const char* name :
+       {"temp", "top_k", "top_p", "min_p", "penalty_present", "penalty_repeat"}) {
+    const GgufValue* value = file.find(std::string("general.sampling.") + name);
+    const std::optional<double> number = value == nullptr ? std::nullopt : value->asNumber();
+    if (number && std::isfinite(*number)) {
+      out.sampling.emplace_back(name, *number);
+    }
+  }
+}
+
+void readFacts(const GgufFile& file, SourceModel& out) {
+  out.format = fmt::format("GGUF {}", file.version());
+  out.name = printable(textOf(file, "general.name"));
+  out.license = printable(textOf(file, "general.license"));
+  out.chatTemplate = textOf(file, "tokenizer.chat_template");
+  const GgufValue* padding = file.find("tokenizer.ggml.padding_token_id");
+  out.paddingId = padding == nullptr ? -1 : padding->asInteger().value_or(-1);
+  readSampling(file, out);
 }
 
 Status readVocabulary(const GgufFile& file, Vocabulary& out) {
@@ -174,10 +237,16 @@ Status readSize(const GgufFile& file, std::string_view key, StatedSize& out) {
 Status readGgufModel(const GgufFile& file, SourceModel& out) {
   Status status = checkGgufMetadata(file);
   if (status.ok()) {
+    status = readGgufShape(file, out.shape);
+  }
+  if (status.ok()) {
     status = readTensors(file, out);
   }
   if (status.ok()) {
     status = readVocabulary(file, out.vocabulary);
+  }
+  if (status.ok()) {
+    status = checkTextCutting(file, out.remarks);
   }
   if (status.ok()) {
     status = readHeadOrder(file, out.groupedHeads);
@@ -191,12 +260,8 @@ Status readGgufModel(const GgufFile& file, SourceModel& out) {
   if (!status.ok()) {
     return status;
   }
-  out.format = fmt::format("GGUF {}", file.version());
-  const GgufValue* name = file.find("general.name");
-  if (name != nullptr && name->type == GgufType::String) {
-    out.name = printable(name->text);
-  }
-  return Status::success();
+  readFacts(file, out);
+  return status;
 }
 
 }  // namespace kel::convert

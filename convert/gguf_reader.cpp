@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unordered_set>
 #include <utility>
 
 #include "container/byte_cursor.h"
@@ -356,6 +357,20 @@ Status GgufFile::parse(const uint8_t* data, uint64_t nBytes) {
   }
   return placeTensors(data + (nBytes - in.remaining()), in.remaining(), alignment, offsets,
                       tensorList);
+}
+
+Status GgufFile::takeTensors(GgufFile part) {
+  std::unordered_set<std::string_view> names;
+  for (const GgufTensor& tensor : tensorList) {
+    names.insert(tensor.name);
+  }
+  for (GgufTensor& tensor : part.tensorList) {
+    if (names.contains(tensor.name)) {
+      return malformed("GGUF: {} is in an earlier part too", printable(tensor.name));
+    }
+    tensorList.push_back(std::move(tensor));
+  }
+  return Status::success();
 }
 
 const GgufValue* GgufFile::find(std::string_view key) const {

@@ -76,6 +76,9 @@ class GgufFile {
   const GgufValue* find(std::string_view key) const;
   const std::vector<GgufTensor>& tensors() const { return tensorList; }
 
+  // Adds the tensors of another part of the same model. InvalidFormat when both have one.
+  Status takeTensors(GgufFile part);
+
  private:
   uint32_t fileVersion = 0;
   std::unordered_map<std::string_view, GgufValue> metadata;

@@ -11,6 +11,7 @@
 #include "convert/errors.h"
 #include "convert/json_reader.h"
 #include "convert/model_layout.h"
+#include "convert/other_sources.h"
 #include "convert/safetensors_reader.h"
 
 namespace kel::convert {
@@ -21,15 +22,16 @@ using nlohmann::json;
 
 constexpr const char* kIndexName = "model.safetensors.index.json";
 constexpr const char* kSingleName = "model.safetensors";
-constexpr std::string_view kWrapperPrefix = "model.language_model.";
-constexpr std::string_view kTextPrefix = "model.";
+// What checkpoint names begin with: the wrapper's, the text-only models', and what is left of both
+// when the text model was saved by itself.
+constexpr std::string_view kPrefixes[] = {"model.language_model.", "model.", "language_model.", ""};
 constexpr std::string_view kOtherFrameworkPrefix = "language_model.model.";
 constexpr std::string_view kOutputHead = "lm_head.weight";
 
-constexpr std::pair<std::string_view, const char*> kSkipped[] = {
-    {"model.visual.", "vision"},
-    {"mtp.", "multi-token prediction"},
-};
+// Of the names of vision tensors, behind any of the prefixes.
+constexpr std::string_view kVisionPart = "visual.";
+// Frequencies that follow from the configuration.
+constexpr std::string_view kRotationEnding = "rotary_emb.inv_freq";
 // Names that only quantised checkpoints have.
 constexpr std::string_view kQuantisedEndings[] = {".weight_scale_inv", ".weight_scale", ".qweight",
                                                   ".qzeros", ".scales"};
@@ -144,23 +146,28 @@ Status checkOriginal(const TensorList& tensors) {
 }
 
 std::string_view prefixOf(const TensorList& tensors) {
-  const std::string wrapped = std::string(kWrapperPrefix) + "embed_tokens.weight";
-  const bool found = std::any_of(tensors.begin(), tensors.end(),
-                                 [&](const SafetensorsEntry& e) { return e.name == wrapped; });
-  return found ? kWrapperPrefix : kTextPrefix;
+  for (const std::string_view prefix : kPrefixes) {
+    const std::string embedding = std::string(prefix) + "embed_tokens.weight";
+    if (std::any_of(tensors.begin(), tensors.end(),
+                    [&](const SafetensorsEntry& e) { return e.name == embedding; })) {
+      return prefix;
+    }
+  }
+  return "model.";
 }
 
 // Checkpoint name without prefix -> container name.
-std::unordered_map<std::string, std::string> nameMap() {
+std::unordered_map<std::string, std::string> nameMap(const ModelShape& shape) {
   std::unordered_map<std::string, std::string> names;
-  for (TensorSpec& spec : modelTensors({})) {
+  for (TensorSpec& spec : modelTensors(shape, {}, 1)) {
     names.emplace(std::move(spec.checkpoint), std::move(spec.name));
   }
   return names;
 }
 
 // Shapes as the container writes them: innermost first, and a convolution without its middle 1.
-Status dimensions(const SafetensorsEntry& entry, std::vector<uint64_t>& dims) {
+Status dimensions(const SafetensorsEntry& entry, const ModelShape& shape,
+                  std::vector<uint64_t>& dims) {
   dims.assign(entry.shape.rbegin(), entry.shape.rend());
   if (!entry.name.ends_with("conv1d.weight") || dims.size() != 3) {
     return Status::success();
@@ -169,43 +176,67 @@ Status dimensions(const SafetensorsEntry& entry, std::vector<uint64_t>& dims) {
     return unsupported(
         "the shape of {} is [{}, {}, {}]; the importer needs [{}, 1, {}]: a directory converted "
         "for another framework, where norms are already shifted by 1, does not fit",
-        printable(entry.name), entry.shape[0], entry.shape[1], entry.shape[2],
-        kFixedShape.convChannels(), kFixedShape.convTaps);
+        printable(entry.name), entry.shape[0], entry.shape[1], entry.shape[2], shape.convChannels(),
+        shape.convTaps);
   }
   dims.erase(dims.begin() + 1);
   return Status::success();
 }
 
-Status sourceTensor(const SafetensorsEntry& entry, SourceTensor& out) {
+Status sourceTensor(const SafetensorsEntry& entry, const ModelShape& shape, SourceTensor& out) {
   const auto* known = std::find_if(std::begin(kWeightTypes), std::end(kWeightTypes),
                                    [&](const WeightType& t) { return t.dtype == entry.dtype; });
+  out = {printable(entry.name), entry.dtype, {}, {}, entry.data, entry.nBytes};
   if (known == std::end(kWeightTypes)) {
-    return unsupported("{} has the element type {}; the importer needs BF16, F16 or F32",
-                       printable(entry.name), entry.dtype);
+    const bool isQuantised = entry.dtype.starts_with("F8") || entry.dtype.starts_with("F6") ||
+                             entry.dtype.starts_with("F4");
+    return unsupported(
+        "{} has the element type {}{} BF16, F16 or F32", printable(entry.name), entry.dtype,
+        isQuantised ? ": this checkpoint is quantised; the importer needs the original in"
+                    : "; the importer needs");
   }
-  out = {printable(entry.name), entry.dtype, known->type, {}, entry.data, entry.nBytes};
-  return dimensions(entry, out.dims);
+  out.type = known->type;
+  return dimensions(entry, shape, out.dims);
+}
+
+// The name without any of the prefixes, where what follows begins with part; empty otherwise.
+std::string_view namePart(std::string_view name, std::string_view part) {
+  for (const std::string_view prefix : kPrefixes) {
+    if (name.starts_with(prefix) && name.substr(prefix.size()).starts_with(part)) {
+      return name.substr(prefix.size());
+    }
+  }
+  return {};
 }
 
 const char* skippedKind(std::string_view name) {
-  for (const auto& [prefix, kind] : kSkipped) {
-    if (name.starts_with(prefix)) {
-      return kind;
-    }
+  if (name.ends_with(kRotationEnding)) {
+    return "rotation";
   }
-  return nullptr;
+  return namePart(name, kVisionPart).empty() ? nullptr : "vision";
 }
 
 Status nameTensors(const TensorList& tensors, SourceModel& out) {
   const std::string_view prefix = prefixOf(tensors);
-  const auto names = nameMap();
+  const auto names = nameMap(out.shape);
+  const auto containerName = [&](std::string_view name) {
+    const auto known = names.find(std::string(name));
+    return known == names.end() ? std::string() : known->second;
+  };
   for (const SafetensorsEntry& entry : tensors) {
     if (const char* kind = skippedKind(entry.name); kind != nullptr) {
       ++out.skipped[kind];
       continue;
     }
+    const std::string_view prediction = namePart(entry.name, kPredictionPrefix);
     SourceTensor tensor;
-    Status status = sourceTensor(entry, tensor);
+    Status status = sourceTensor(entry, out.shape, tensor);
+    if (!prediction.empty()) {
+      // Of a type that cannot be decoded, it hurts only where it is kept.
+      const std::string name = containerName(prediction);
+      out.predictionTensors.emplace(name.empty() ? entry.name : name, std::move(tensor));
+      continue;
+    }
     if (!status.ok()) {
       return status;
     }
@@ -215,10 +246,11 @@ Status nameTensors(const TensorList& tensors, SourceModel& out) {
     }
     // What has no place in the container keeps its own name and is refused by it later.
     const bool prefixed = entry.name.starts_with(prefix);
-    const auto known = names.find(prefixed ? entry.name.substr(prefix.size()) : "");
-    out.tensors.emplace(known == names.end() ? entry.name : known->second, std::move(tensor));
+    const std::string name =
+        prefixed ? containerName(std::string_view(entry.name).substr(prefix.size())) : "";
+    out.tensors.emplace(name.empty() ? entry.name : name, std::move(tensor));
   }
-  return Status::success();
+  return checkIsWhole(out, "this directory");
 }
 
 }  // namespace
@@ -226,9 +258,20 @@ Status nameTensors(const TensorList& tensors, SourceModel& out) {
 Status readHfWeights(const std::string& folder, SourceModel& out) {
   TensorList tensors;
   std::error_code ignored;  // an index that cannot be looked at is as good as none
-  Status status = std::filesystem::exists(folder + "/" + kIndexName, ignored)
-                      ? readShards(folder, out, tensors)
-                      : openWeights(folder, kSingleName, out, tensors);
+  const auto exists = [&](const char* name) {
+    return std::filesystem::exists(folder + "/" + name, ignored);
+  };
+  Status status = Status::success();
+  if (exists(kIndexName)) {
+    status = readShards(folder, out, tensors);
+  } else {
+    if (!exists(kSingleName)) {
+      status = refuseFolderWithoutWeights(folder);
+    }
+    if (status.ok()) {
+      status = openWeights(folder, kSingleName, out, tensors);
+    }
+  }
   if (status.ok()) {
     status = checkOriginal(tensors);
   }

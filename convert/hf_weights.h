@@ -8,7 +8,8 @@
 
 namespace kel::convert {
 
-// Fills tensors, outputHead, skipped, files and fileNames. folder ends in no slash.
+// Fills tensors, predictionTensors, outputHead, skipped, files and fileNames. folder ends in no
+// slash.
 Status readHfWeights(const std::string& folder, SourceModel& out);
 
 }  // namespace kel::convert

@@ -45,10 +45,18 @@ constexpr Origin kOrigins[] = {
     {Role::AttnOutput, "self_attn.o_proj.weight"},
     {Role::AttnQNorm, "self_attn.q_norm.weight", ValueForm::Norm},
     {Role::AttnKNorm, "self_attn.k_norm.weight", ValueForm::Norm},
+    {Role::PredictionProj, "fc.weight"},
+    {Role::PredictionEmbeddingNorm, "pre_fc_norm_embedding.weight", ValueForm::Norm},
+    {Role::PredictionHiddenNorm, "pre_fc_norm_hidden.weight", ValueForm::Norm},
+    {Role::PredictionOutputNorm, "norm.weight", ValueForm::Norm},
 };
 
+// None where both orders are the same.
 HeadAxis headAxis(Role role, const ModelShape& shape) {
   using Kind = HeadAxis::Kind;
+  if (shape.linearValueHeads == shape.linearKeyHeads) {
+    return {};
+  }
   switch (role) {
     case Role::AttnQkv:
     case Role::SsmConv1d:  // queries and keys come before the values
@@ -67,37 +75,53 @@ HeadAxis headAxis(Role role, const ModelShape& shape) {
   }
 }
 
-TensorSpec specOf(const ModelTensor& tensor, uint32_t layer, const ModelSizes& sizes) {
+TensorSpec specOf(const ModelTensor& tensor, uint32_t layer, const ModelShape& shape,
+                  const ModelSizes& sizes) {
   const auto* origin = std::find_if(std::begin(kOrigins), std::end(kOrigins),
                                     [&](const Origin& o) { return o.role == tensor.role; });
   std::string checkpoint;
-  if (tensor.group != TensorGroup::Model) {
-    checkpoint.append("layers.").append(std::to_string(layer)).append(".");
+  uint32_t number = layer;
+  if (layer >= shape.layers && tensor.group != TensorGroup::Model) {
+    checkpoint.append(kPredictionPrefix);
+    number -= shape.layers;
+  }
+  if (tensor.group != TensorGroup::Model && tensor.group != TensorGroup::Prediction) {
+    checkpoint.append("layers.").append(std::to_string(number)).append(".");
   }
   return {.tensor = &tensor,
           .name = tensorName(tensor, layer),
           .checkpoint = checkpoint.append(origin->name),
-          .dims = tensorDims(tensor, kFixedShape, sizes),
+          .dims = tensorDims(tensor, shape, sizes),
           .form = origin->form,
-          .heads = headAxis(tensor.role, kFixedShape)};
+          .heads = headAxis(tensor.role, shape)};
 }
 
 }  // namespace
 
-std::vector<TensorSpec> modelTensors(const ModelSizes& sizes) {
+std::vector<TensorSpec> modelTensors(const ModelShape& shape, const ModelSizes& sizes,
+                                     uint32_t predictionLayers) {
   std::vector<TensorSpec> specs;
   for (const ModelTensor& tensor : tensorsOf(TensorGroup::Model)) {
-    specs.push_back(specOf(tensor, 0, sizes));
+    if (tensor.role != Role::Output || shape.ownOutput) {
+      specs.push_back(specOf(tensor, 0, shape, sizes));
+    }
   }
-  for (uint32_t layer = 0; layer < kFixedShape.layers; ++layer) {
-    const auto attention = kFixedShape.isFull(layer) ? TensorGroup::Full : TensorGroup::Linear;
+  for (uint32_t layer = 0; layer < shape.layers + predictionLayers; ++layer) {
+    const bool isPrediction = layer >= shape.layers;
+    const auto attention =
+        isPrediction || shape.isFull(layer) ? TensorGroup::Full : TensorGroup::Linear;
+    if (isPrediction) {
+      for (const ModelTensor& tensor : tensorsOf(TensorGroup::Prediction)) {
+        specs.push_back(specOf(tensor, layer, shape, sizes));
+      }
+    }
     for (const ModelTensor& tensor : tensorsOf(TensorGroup::Common)) {
       if (tensor.role == Role::PostAttnNorm) {  // attention is used before it
         for (const ModelTensor& inside : tensorsOf(attention)) {
-          specs.push_back(specOf(inside, layer, sizes));
+          specs.push_back(specOf(inside, layer, shape, sizes));
         }
       }
-      specs.push_back(specOf(tensor, layer, sizes));
+      specs.push_back(specOf(tensor, layer, shape, sizes));
     }
   }
   return specs;

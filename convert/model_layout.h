@@ -38,15 +38,20 @@ struct TensorSpec {
   HeadAxis heads{};
 };
 
-// Model-level tensors first, then layer by layer in the order of use, the optional ones included.
-std::vector<TensorSpec> modelTensors(const ModelSizes& sizes);
+// Model-level tensors first, then layer by layer in the order of use, the optional ones included;
+// the output head only where the shape says that it is the model's own. Prediction layers, each a
+// layer of full attention with something in front, come last.
+std::vector<TensorSpec> modelTensors(const ModelShape& shape, const ModelSizes& sizes,
+                                     uint32_t predictionLayers);
+
+// Of the names of prediction layers in such checkpoints, where others have "layers.".
+constexpr std::string_view kPredictionPrefix = "mtp.";
 
 // Index in the grouped order of the value head that the tiled order has at position head: for 16
 // key heads and 32 value heads, tiled 16 j + g is grouped 2 g + j.
-constexpr uint64_t groupedHead(uint64_t head) {
-  constexpr uint64_t kKeyHeads = kFixedShape.linearKeyHeads;
-  constexpr uint64_t kPerKeyHead = kFixedShape.linearValueHeads / kKeyHeads;
-  return head % kKeyHeads * kPerKeyHead + head / kKeyHeads;
+constexpr uint64_t groupedHead(uint64_t head, const ModelShape& shape) {
+  const uint64_t perKeyHead = shape.linearValueHeads / shape.linearKeyHeads;
+  return head % shape.linearKeyHeads * perKeyHead + head / shape.linearKeyHeads;
 }
 
 }  // namespace kel::convert

@@ -5,9 +5,9 @@
 #include <string_view>
 
 #include "convert/errors.h"
-#include "convert/gguf_model.h"
-#include "convert/gguf_reader.h"
+#include "convert/gguf_parts.h"
 #include "convert/hf_directory.h"
+#include "convert/other_sources.h"
 
 namespace kel::convert {
 
@@ -26,24 +26,15 @@ Status readFile(const std::string& path, SourceModel& out) {
     return unsupported("{} is a ZYM2 container already: use it as it is", path);
   }
   if (start != "GGUF") {
-    if (path.ends_with(".safetensors")) {
-      return unsupported("{} is one file of a checkpoint: give the directory that holds it", path);
-    }
-    return malformed("{} is neither a GGUF file nor a directory with a config.json", path);
+    return refuseFile(path);
   }
-  GgufFile structure;
-  status = structure.parse(file.data(), file.size());
-  if (status.ok()) {
-    status = readGgufModel(structure, out);
-  }
-  if (!status.ok()) {
-    return status;
-  }
-  out.fileNames.push_back(fs::path(path).filename().string());
-  if (out.name.empty()) {
+  status = readGgufParts(path, std::move(file), out);
+  if (status.ok() && out.name.empty()) {
     out.name = fs::path(path).stem().string();
+    if (const size_t part = out.name.rfind("-00001-of-"); part != std::string::npos) {
+      out.name.resize(part);
+    }
   }
-  out.files.push_back(std::move(file));
   return status;
 }
 
@@ -54,13 +45,22 @@ Status readDirectory(const std::string& path, SourceModel& out) {
     return ioFailure("cannot read {}: {}", path, error.message());
   }
   if (!fs::exists(folder / "config.json", error)) {
-    return malformed("{} is a directory without a config.json", path);
+    return refuseFolder(path);
   }
   out.name = folder.filename().string();
   return readHfDirectory(folder.string(), out);
 }
 
 }  // namespace
+
+Status checkIsWhole(const SourceModel& model, const char* what) {
+  const size_t predictions = model.predictionTensors.empty() ? 0 : 1;
+  if (!model.tensors.empty() || model.skipped.size() + predictions != 1) {
+    return Status::success();
+  }
+  return unsupported("{} holds nothing but {} tensors: give that of the whole model", what,
+                     predictions != 0 ? kPredictionKind : model.skipped.begin()->first);
+}
 
 Status readSourceModel(const std::string& path, SourceModel& out) {
   std::error_code error;

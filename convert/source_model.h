@@ -6,14 +6,19 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "container/model_shape.h"
 #include "container/status.h"
 #include "convert/mapped_file.h"
 #include "convert/source_type.h"
 #include "convert/vocabulary.h"
 
 namespace kel::convert {
+
+// What a tensor of multi-token prediction is counted as.
+constexpr const char* kPredictionKind = "multi-token prediction";
 
 struct SourceTensor {
   std::string name;                // in the source, printable, for messages
@@ -31,8 +36,14 @@ struct StatedSize {
 };
 
 struct SourceModel {
-  std::map<std::string, SourceTensor> tensors;  // by container name
-  std::optional<SourceTensor> outputHead;       // one beside the embedding
+  ModelShape shape = kFixedShape;  // as described; whether the output head is its own is yet open
+  uint32_t predictionLayers = 0;   // behind those of the shape, of those that are kept
+
+  std::map<std::string, SourceTensor> tensors;            // by container name
+  std::map<std::string, SourceTensor> predictionTensors;  // likewise, until they are decided on
+  std::optional<SourceTensor> outputHead;  // beside the embedding, until it is decided on
+  bool statesOwnOutput = false;            // says that the head is not the embedding
+  std::string tiedField;                   // where it says so
 
   StatedSize hidden;
   StatedSize feedForward;
@@ -44,13 +55,23 @@ struct SourceModel {
   bool groupedHeads = false;
 
   Vocabulary vocabulary;
+  int64_t paddingId = -1;
+  std::string chatTemplate;
+  // Recommended settings under the names of metadata: "temp", "top_k", "top_p", "min_p" and others.
+  std::vector<std::pair<std::string, double>> sampling;
+  std::string license;
   std::string name;
   std::string format;                       // "GGUF 3", "safetensors"
   std::vector<std::string> fileNames;       // without their folder
   std::map<std::string, uint64_t> skipped;  // kind of tensor that text needs not -> how many
+  std::vector<std::string> remarks;         // what is odd about the source, yet does no harm
 
   std::vector<MappedFile> files;  // own what the tensors point to
 };
+
+// Refuses a source that holds one part alone of what a model can have, such as its vision part.
+// what: the source, as a message begins with it.
+Status checkIsWhole(const SourceModel& model, const char* what);
 
 // Reads a GGUF file or a checkpoint directory, whichever path is. Ok means that the structure is
 // sound and that the metadata describe a model of this family; tensors have yet to be checked

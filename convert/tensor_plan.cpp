@@ -1,14 +1,13 @@
 #include "convert/tensor_plan.h"
 
 #include <algorithm>
-#include <cstring>
 #include <set>
 #include <string_view>
 #include <utility>
 
 #include "convert/errors.h"
-#include "convert/mapped_file.h"
 #include "convert/storage_choice.h"
+#include "convert/storage_plan.h"
 #include "quant/blocks.h"
 
 namespace kel::convert {
@@ -60,42 +59,6 @@ Status readSizes(const SourceModel& source, ModelSizes& sizes) {
     status = checkStated(source.feedForward, sizes.feedForward, "the feed-forward gate");
   }
   return status;
-}
-
-// A stretch at a time, so that two large tensors never fill the memory. False when cancelled.
-bool sameBytes(const SourceTensor& a, const SourceTensor& b, ProgressSink& progress) {
-  constexpr uint64_t kStretchBytes = uint64_t{8} << 20;
-  if (a.nBytes != b.nBytes) {
-    return false;
-  }
-  for (uint64_t at = 0; at < a.nBytes; at += kStretchBytes) {
-    const uint64_t length = std::min(kStretchBytes, a.nBytes - at);
-    if (progress.cancelled() || std::memcmp(a.data + at, b.data + at, length) != 0) {
-      return false;
-    }
-    MappedFile::release(a.data + at, length);
-    MappedFile::release(b.data + at, length);
-  }
-  return true;
-}
-
-// The runtime computes logits against the embedding. Bytes decide, whatever the metadata say.
-Status checkOutputHead(const SourceModel& source, ProgressSink& progress) {
-  if (!source.outputHead) {
-    return Status::success();
-  }
-  const SourceTensor& head = *source.outputHead;
-  const SourceTensor& embedding = source.tensors.at(embeddingName());
-  if (head.typeName == embedding.typeName && sameBytes(head, embedding, progress)) {
-    return Status::success();
-  }
-  if (progress.cancelled()) {
-    return Status::ioError("cancelled");
-  }
-  return unsupported(
-      "{} ({} {}) differs from {} ({} {}); the runtime needs an output head that is the embedding",
-      head.name, head.typeName, shapeText(head.dims), embedding.name, embedding.typeName,
-      shapeText(embedding.dims));
 }
 
 // Dimensions of 1 at the end say nothing.
@@ -151,30 +114,74 @@ void decideStorage(const SourceModel& source, const StorageChoice& choice, Plann
   plan.storedBytes = rows * quant::quantizedBytes(plan.stored, plan.spec.dims[0]);
 }
 
-Status checkNoOthers(const SourceModel& source, const std::set<std::string>& used) {
-  for (const auto& [name, tensor] : source.tensors) {
-    if (!used.contains(name)) {
-      return unsupported("{} has no place in a model of {} blocks of this family", tensor.name,
-                         kFixedShape.layers);
+// The runtime asks for the query's bias, and uses all three or none.
+Status checkBiases(const SourceModel& source) {
+  constexpr TensorRole kBiases[] = {TensorRole::AttnQBias, TensorRole::AttnKBias,
+                                    TensorRole::AttnVBias};
+  for (uint32_t layer = 0; layer < source.shape.layers + source.predictionLayers; ++layer) {
+    const auto has = [&](TensorRole role) {
+      return source.tensors.contains(tensorName(tensorOf(role), layer));
+    };
+    if (std::none_of(std::begin(kBiases), std::end(kBiases), has)) {
+      continue;
+    }
+    for (const TensorRole role : kBiases) {
+      if (!has(role)) {
+        return unsupported("{} is missing; the runtime needs the biases of query, key and value",
+                           tensorName(tensorOf(role), layer));
+      }
     }
   }
   return Status::success();
 }
 
+Status checkNoOthers(const SourceModel& source, const std::set<std::string>& used) {
+  for (const auto& [name, tensor] : source.tensors) {
+    if (!used.contains(name)) {
+      return unsupported("{} has no place in a model of {} layers of this family", tensor.name,
+                         source.shape.layers);
+    }
+  }
+  return Status::success();
+}
+
+// The choice for one matrix: by the first rule of a plan that matches it, or by the rest.
+StorageChoice choiceFor(const std::string& tensor, const StorageChoice& storage,
+                        std::vector<bool>& usedRules) {
+  const size_t rule = findRule(storage.plan, tensor);
+  StorageChoice choice;
+  if (rule < storage.plan.size()) {
+    usedRules[rule] = true;
+    choice.type = storage.plan[rule].type;
+  } else {
+    choice.type = storage.type;
+    choice.preset = storage.preset;
+    choice.embeddingType = storage.embeddingType;
+  }
+  return choice;
+}
+
+void remarkUnusedRules(const StorageChoice& storage, const std::vector<bool>& used,
+                       TensorPlan& out) {
+  for (size_t i = 0; i < used.size(); ++i) {
+    if (!used[i]) {
+      out.remarks.push_back(fmt::format(
+          "no matrix is stored by the plan's \"{} {}\": nothing matches it, or lines before it do",
+          printable(storage.plan[i].pattern), storage.plan[i].typeName));
+    }
+  }
+}
+
 }  // namespace
 
-Status planTensors(const SourceModel& source, const StorageChoice& storage, ProgressSink& progress,
-                   std::vector<PlannedTensor>& out) {
-  ModelSizes sizes;
-  Status status = readSizes(source, sizes);
-  if (status.ok()) {
-    status = checkOutputHead(source, progress);
-  }
+Status planTensors(const SourceModel& source, const StorageChoice& storage, TensorPlan& out) {
+  Status status = readSizes(source, out.sizes);
   if (!status.ok()) {
     return status;
   }
   std::set<std::string> used;
-  for (TensorSpec& spec : modelTensors(sizes)) {
+  std::vector<bool> usedRules(storage.plan.size());
+  for (TensorSpec& spec : modelTensors(source.shape, out.sizes, source.predictionLayers)) {
     const auto found = source.tensors.find(spec.name);
     if (found == source.tensors.end()) {
       if (spec.tensor->required) {
@@ -187,12 +194,15 @@ Status planTensors(const SourceModel& source, const StorageChoice& storage, Prog
       return status;
     }
     used.insert(spec.name);
-    PlannedTensor& plan = out.emplace_back();
+    PlannedTensor& plan = out.tensors.emplace_back();
     plan.spec = std::move(spec);
     plan.source = &found->second;
-    decideStorage(source, storage, plan);
+    const bool isMatrix = plan.spec.tensor->kind == TensorKind::Matrix;
+    decideStorage(source, isMatrix ? choiceFor(plan.spec.name, storage, usedRules) : storage, plan);
   }
-  return checkNoOthers(source, used);
+  remarkUnusedRules(storage, usedRules, out);
+  status = checkBiases(source);
+  return status.ok() ? checkNoOthers(source, used) : status;
 }
 
 }  // namespace kel::convert

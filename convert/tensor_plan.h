@@ -21,11 +21,15 @@ struct PlannedTensor {
   uint64_t storedBytes = 0;
 };
 
+struct TensorPlan {
+  std::vector<PlannedTensor> tensors;  // in the order of modelTensors()
+  ModelSizes sizes;
+  std::vector<std::string> remarks;
+};
+
 // Checks the source's tensors for completeness and shape, and decides. Refuses a tensor that has no
-// place in the container, an output head that is not the embedding, and types that cannot be
-// decoded. out is in the order of modelTensors(). Comparing an output head with the embedding reads
-// gigabytes: fails when progress is cancelled meanwhile.
-Status planTensors(const SourceModel& source, const StorageChoice& storage, ProgressSink& progress,
-                   std::vector<PlannedTensor>& out);
+// place in the container, and types that cannot be decoded. Output head and prediction layer have
+// been decided on (output_head.h, prediction_layer.h).
+Status planTensors(const SourceModel& source, const StorageChoice& storage, TensorPlan& out);
 
 }  // namespace kel::convert

@@ -43,9 +43,9 @@ bool isBeyond(QuantType type, const float* values, size_t n) {
 }
 
 // Columns of all value heads from grouped to tiled order; unitBytes: of one head.
-void tileColumns(const uint8_t* from, uint8_t* out, size_t unitBytes) {
-  for (uint64_t head = 0; head < kFixedShape.linearValueHeads; ++head) {
-    std::memcpy(out + head * unitBytes, from + groupedHead(head) * unitBytes, unitBytes);
+void tileColumns(const uint8_t* from, uint8_t* out, const ModelShape& shape, size_t unitBytes) {
+  for (uint64_t head = 0; head < shape.linearValueHeads; ++head) {
+    std::memcpy(out + head * unitBytes, from + groupedHead(head, shape) * unitBytes, unitBytes);
   }
 }
 
@@ -68,6 +68,7 @@ void encodeRow(QuantType type, const float* values, size_t n, uint8_t* out) {
 
 TensorRows::TensorRows(const PlannedTensor& planned, const SourceModel& source)
     : plan(planned),
+      shape(source.shape),
       heads(source.groupedHeads ? planned.spec.heads : HeadAxis{}),
       addOne(planned.spec.form == ValueForm::Norm && source.normsLessOne),
       negateExp(planned.spec.form == ValueForm::Decay && source.decaysAsLogs) {
@@ -88,7 +89,7 @@ uint64_t TensorRows::sourceRowNumber(uint64_t row) const {
   uint64_t from = row;
   if (heads.kind == HeadAxis::Kind::Rows && row >= heads.first) {
     const uint64_t past = row - heads.first;
-    from = heads.first + groupedHead(past / heads.unit) * heads.unit + past % heads.unit;
+    from = heads.first + groupedHead(past / heads.unit, shape) * heads.unit + past % heads.unit;
   }
   return from;
 }
@@ -103,7 +104,7 @@ bool TensorRows::isFinite(const uint8_t* data) const {
 
 void TensorRows::copyRow(const uint8_t* from, uint8_t* out) const {
   if (heads.kind == HeadAxis::Kind::Columns) {
-    tileColumns(from, out, sourceBytes / kFixedShape.linearValueHeads);
+    tileColumns(from, out, shape, sourceBytes / shape.linearValueHeads);
   } else {
     std::memcpy(out, from, sourceBytes);
   }
@@ -140,8 +141,8 @@ RowFault TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) cons
   sourceTypeInfo(*plan.source->type).decode(from, values, colCount);
   if (heads.kind == HeadAxis::Kind::Columns) {
     float* tiled = scratch + colCount;
-    tileColumns(reinterpret_cast<const uint8_t*>(values), reinterpret_cast<uint8_t*>(tiled),
-                colCount / kFixedShape.linearValueHeads * sizeof(float));
+    tileColumns(reinterpret_cast<const uint8_t*>(values), reinterpret_cast<uint8_t*>(tiled), shape,
+                colCount / shape.linearValueHeads * sizeof(float));
     values = tiled;
   }
   if (!transform(values)) {

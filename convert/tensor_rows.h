@@ -52,6 +52,7 @@ class TensorRows {
   bool transform(float* values) const;
 
   const PlannedTensor& plan;
+  const ModelShape& shape;
   HeadAxis heads;  // none when the order is right already
   bool addOne;
   bool negateExp;

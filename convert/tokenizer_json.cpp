@@ -52,6 +52,56 @@ class TokenList {
   Vocabulary& out;
 };
 
+// The runtime's hosts write text in its composed form, and do nothing else to it.
+bool keepsText(const json& normalizer) {
+  const json* type = jsonMember(normalizer, "type");
+  if (normalizer.is_null() || (type != nullptr && *type == "NFC")) {
+    return true;
+  }
+  const json* steps = jsonMember(normalizer, "normalizers");
+  return type != nullptr && *type == "Sequence" && steps != nullptr && steps->is_array() &&
+         std::all_of(steps->begin(), steps->end(), keepsText);
+}
+
+// A space that is put in front of every text is no matter of how text is cut.
+bool addsPrefixSpace(const json& preTokenizer) {
+  const json* steps = jsonMember(preTokenizer, "pretokenizers");
+  if (steps != nullptr && steps->is_array()) {
+    return std::any_of(steps->begin(), steps->end(), addsPrefixSpace);
+  }
+  const json* adds = jsonMember(preTokenizer, "add_prefix_space");
+  return adds != nullptr && *adds == true;
+}
+
+// What would turn the same text into other tokens than the runtime's.
+Status checkTextHandling(const json& file, const json& model) {
+  const json* normalizer = jsonMember(file, "normalizer");
+  if (normalizer != nullptr && !keepsText(*normalizer)) {
+    const json* type = jsonMember(*normalizer, "type");
+    return misfit("tokenizer.json: the normalizer",
+                  printable(type == nullptr ? normalizer->dump() : type->dump()),
+                  "\"NFC\", or none");
+  }
+  const json* preTokenizer = jsonMember(file, "pre_tokenizer");
+  if (preTokenizer != nullptr && addsPrefixSpace(*preTokenizer)) {
+    return misfit("tokenizer.json: add_prefix_space", true, false);
+  }
+  const json* whole = jsonMember(model, "ignore_merges");
+  if (whole != nullptr && *whole == true) {
+    return misfit("tokenizer.json: model.ignore_merges", true, false);
+  }
+  for (const char* name : {"continuing_subword_prefix", "end_of_word_suffix"}) {
+    const json* affix = jsonMember(model, name);
+    const bool isNone = affix == nullptr || affix->is_null() ||
+                        (affix->is_string() && affix->get_ref<const std::string&>().empty());
+    if (!isNone) {
+      return misfit(fmt::format("tokenizer.json: model.{}", name), printable(affix->dump()),
+                    "none");
+    }
+  }
+  return Status::success();
+}
+
 Status readTokens(const json& vocab, const json* added, Vocabulary& out) {
   if (added != nullptr && !added->is_array()) {
     return malformed("tokenizer.json: added_tokens is not a list");
@@ -112,6 +162,10 @@ Status parseTokenizerJson(std::string_view text, Vocabulary& out) {
   }
   if (type != nullptr && *type != "BPE") {
     return misfit("tokenizer.json: model.type", printable(type->dump()), "\"BPE\"");
+  }
+  status = checkTextHandling(file, *model);
+  if (!status.ok()) {
+    return status;
   }
   status = readTokens(*vocab, jsonMember(file, "added_tokens"), out);
   if (!status.ok()) {

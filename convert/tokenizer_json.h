@@ -9,7 +9,9 @@
 namespace kel::convert {
 
 // Fills tokens, types and merges. Every added token becomes a control token, whatever its "special"
-// says; ids that nobody has become unused tokens. Messages name tokenizer.json.
+// says; ids that nobody has become unused tokens. Refuses what would turn the same text into other
+// tokens than the runtime's: normalizers beyond NFC, a space put in front, words looked up before
+// they are merged. Messages name tokenizer.json.
 Status parseTokenizerJson(std::string_view text, Vocabulary& out);
 
 }  // namespace kel::convert

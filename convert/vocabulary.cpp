@@ -45,17 +45,78 @@ int32_t endToken(const Vocabulary& vocabulary) {
   return vocabulary.eosId;
 }
 
-// The runtime looks at the first rule alone to tell which mark the vocabulary has for a space.
-Status checkFirstMerge(const std::vector<std::string>& merges) {
-  const std::string_view first = merges.empty() ? std::string_view() : merges.front();
-  if (first.find(kSpaceLetter) == std::string_view::npos ||
-      first.find(kOtherSpaceMark) != std::string_view::npos) {
-    return unsupported(
-        "tokenizer: the first merge rule is \"{}\"; a byte-level vocabulary of this family begins "
-        "with a rule that holds \"{}\"",
-        printable(first), kSpaceLetter);
+bool holds(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
+
+struct Letter {
+  int byte = -1;  // none: the bytes at this place are no letter
+  size_t nBytes = 1;
+};
+
+// The letters beyond ASCII are U+00A1 to U+0143: two bytes, of which the first is at most C5.
+Letter letterAt(std::string_view text, size_t at) {
+  const auto lead = static_cast<unsigned char>(text[at]);
+  if (lead < 0x80) {
+    return {byteOfLetter(lead), 1};
   }
-  return Status::success();
+  if (lead < 0xC2 || lead > 0xC5 || at + 1 == text.size()) {
+    return {};
+  }
+  const auto trail = static_cast<unsigned char>(text[at + 1]);
+  if ((trail & 0xC0U) != 0x80U) {
+    return {};
+  }
+  return {byteOfLetter(char32_t{lead & 0x1FU} << 6 | (trail & 0x3FU)), 2};
+}
+
+bool isAlphabetRule(std::string_view rule) {
+  for (size_t at = 0; at < rule.size();) {
+    const Letter letter = letterAt(rule, at);
+    if (letter.byte < 0 && rule[at] != ' ') {  // between its sides
+      return false;
+    }
+    at += letter.nBytes;
+  }
+  return true;
+}
+
+// Which mark a vocabulary has for a space shows in all of it, not in any one place.
+Status checkByteLevel(const Vocabulary& vocabulary) {
+  for (const std::string& rule : vocabulary.merges) {
+    if (!isAlphabetRule(rule)) {
+      return unsupported(
+          "tokenizer: the merge rule \"{}\" holds characters outside the byte alphabet; the "
+          "runtime needs a byte-level vocabulary",
+          printable(rule));
+    }
+  }
+  bool hasSpace = false;
+  for (size_t id = 0; id < vocabulary.tokens.size(); ++id) {
+    const std::string& token = vocabulary.tokens[id];
+    if (isLiteral(vocabulary.types[id])) {
+      continue;
+    }
+    if (holds(token, kOtherSpaceMark)) {
+      return unsupported(
+          "tokenizer: the token \"{}\" marks a space with \"{}\"; the runtime needs a byte-level "
+          "vocabulary, where \"{}\" does",
+          printable(token), kOtherSpaceMark, kSpaceLetter);
+    }
+    hasSpace = hasSpace || token == kSpaceLetter;
+  }
+  return hasSpace
+             ? Status::success()
+             : unsupported("tokenizer: no token is \"{}\", the space of a byte-level vocabulary",
+                           kSpaceLetter);
+}
+
+// The runtime tells by the first rule alone which mark the vocabulary has for a space. A rule whose
+// right side is empty says so and rules no pair; it moves all ranks alike.
+void markSpace(std::vector<std::string>& merges) {
+  if (merges.empty() || !holds(merges.front(), kSpaceLetter)) {
+    merges.insert(merges.begin(), std::string(kSpaceLetter) + " ");
+  }
 }
 
 Status checkIds(const Vocabulary& vocabulary) {
@@ -94,23 +155,16 @@ void storeRaw(Vocabulary& vocabulary) {
 std::string rawText(std::string_view letters) {
   std::string raw;
   raw.reserve(letters.size());
-  for (size_t at = 0; at < letters.size(); ++at) {
-    const auto lead = static_cast<unsigned char>(letters[at]);
-    // The letters beyond ASCII are U+00A1 to U+0143: two bytes, of which the first is at most C5.
-    if (lead < 0xC2 || lead > 0xC5 || at + 1 == letters.size()) {
+  for (size_t at = 0; at < letters.size();) {
+    const Letter letter = letterAt(letters, at);
+    const std::string_view character = letters.substr(at, letter.nBytes);
+    if (letter.byte < 0 || character == kSpaceLetter) {
       raw += letters[at];
+      ++at;
       continue;
     }
-    const std::string_view character = letters.substr(at, 2);
-    const auto trail = static_cast<unsigned char>(character[1]);
-    const int byte =
-        (trail & 0xC0U) == 0x80U ? byteOfLetter(char32_t{lead & 0x1FU} << 6 | (trail & 0x3FU)) : -1;
-    if (byte < 0 || character == kSpaceLetter) {
-      raw += letters[at];
-      continue;
-    }
-    raw += static_cast<char>(byte);
-    ++at;
+    raw += static_cast<char>(letter.byte);
+    at += letter.nBytes;
   }
   return raw;
 }
@@ -125,13 +179,14 @@ Status buildTokenizer(Vocabulary vocabulary, uint64_t vocabRows, VocabularyForm 
     return unsupported("token_embd.weight has {} rows; the importer takes at most {}", vocabRows,
                        kMaxRows);
   }
-  Status status = checkFirstMerge(vocabulary.merges);
+  Status status = checkByteLevel(vocabulary);
   if (status.ok()) {
     status = checkIds(vocabulary);
   }
   if (!status.ok()) {
     return status;
   }
+  markSpace(vocabulary.merges);
   padTokens(vocabulary, vocabRows);
   for (int32_t& type : vocabulary.types) {
     type = storedType(type);

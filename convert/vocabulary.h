@@ -48,9 +48,11 @@ struct Vocabulary {
 };
 
 // Tables for a model of vocabRows embedding rows. Fewer tokens are filled up with unused ones; more
-// are refused, as is a vocabulary that the runtime would not take for a byte-level one. Of a chat
-// model the end token is "<|im_end|>" where the vocabulary has it. The beginning token stays out
-// unless the source asks for it.
+// are refused, as is a vocabulary that is not byte-level: merge rules outside the alphabet, another
+// mark for a space, or none. The first merge rule of out holds the letter of the space, by which
+// the runtime tells the kind of vocabulary: where the source's does not, a rule is put in front
+// that no pair of texts can meet. Of a chat model the end token is "<|im_end|>" where the
+// vocabulary has it. The beginning token stays out unless the source asks for it.
 Status buildTokenizer(Vocabulary vocabulary, uint64_t vocabRows, VocabularyForm form,
                       TokenizerData& out);
 

@@ -3,10 +3,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <vector>
 
 #include "convert/gguf_model.h"
 #include "convert/gguf_reader.h"
+#include "convert/output_head.h"
+#include "convert/prediction_layer.h"
 #include "convert/tensor_plan.h"
 
 namespace {
@@ -40,9 +41,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     return 0;
   }
   require(model.vocabulary.tokens.size() == model.vocabulary.types.size());
-  std::vector<kel::convert::PlannedTensor> plan;
+  kel::convert::TensorPlan plan;
   kel::convert::ProgressSink quiet;
-  const kel::Status status = planTensors(model, {}, quiet, plan);
+  decidePredictionLayer(model, true);
+  kel::Status status = decideOutputHead(model, quiet);
+  if (status.ok()) {
+    status = planTensors(model, {}, plan);
+  }
   require(status.ok() == status.message.empty());
   return 0;
 }

@@ -10,12 +10,14 @@
 #include <system_error>
 
 #include "convert/convert.h"
+#include "convert/storage_plan.h"
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
 #include "host/inspect/conversion_report.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
+#include "host/terminal/units.h"
 
 namespace zym {
 namespace {
@@ -58,8 +60,11 @@ ConvertResult convertWatched(const ConvertOptions& options) {
   return kel::convert::convertModel(options, watch);
 }
 
-int convert(ConvertOptions options) {
-  kel::Status status = checkTarget(options);
+int convert(ConvertOptions options, const std::string& planFile) {
+  kel::Status status = options.dryRun ? kel::Status::success() : checkTarget(options);
+  if (status.ok() && !planFile.empty()) {
+    status = kel::convert::readStoragePlan(planFile, options.storage.plan);
+  }
   if (!status.ok()) {
     complain(status.message);
     return 1;
@@ -74,7 +79,12 @@ int convert(ConvertOptions options) {
     complain(result.status.message);
     return 1;
   }
-  fmt::print("{}: {}", options.target, conversionText(result.summary));
+  if (options.dryRun) {
+    fmt::print("{}at most {} in all; nothing was written\n", conversionText(result.summary),
+               bytesText(result.summary.fileBytes));
+  } else {
+    fmt::print("{}: {}", options.target, conversionText(result.summary));
+  }
   return 0;
 }
 
@@ -113,6 +123,7 @@ std::optional<kel::convert::VocabularyForm> vocabularyFormByName(std::string_vie
 struct ConvertCommand {
   ConvertOptions options;
   std::optional<kel::convert::VocabularyForm> vocabulary;
+  std::string planFile;
 };
 
 }  // namespace
@@ -124,7 +135,7 @@ void addConvert(CLI::App& program, Action& action) {
   CLI::App* command =
       program.add_subcommand("convert", "Make a container from a GGUF file or a checkpoint folder");
   command->add_option("SRC", options.source, "GGUF file, or folder with config.json")->required();
-  command->add_option("DST", options.target, "Container file to write (.zym)")->required();
+  command->add_option("DST", options.target, "Container file to write (.zym)");
   addChoice(*command, "--type", kTypes, "Type of all matrices (default: kept where possible)",
             kel::convert::storageTypeByName, options.storage.type);
   addChoice(*command, "--embedding-type", kTypes, "Type of the embedding",
@@ -132,21 +143,33 @@ void addConvert(CLI::App& program, Action& action) {
   addChoice(*command, "--preset", "small|balanced|best|full", "Types by size, instead of --type",
             kel::convert::presetByName, options.storage.preset);
   command->get_option("--preset")->excludes("--type");
+  command
+      ->add_option("--plan", chosen->planFile,
+                   "File of lines \"PATTERN TYPE\": the first that matches a tensor's name counts")
+      ->type_name("FILE");
   addChoice(*command, "--vocab", "alphabet|raw",
             "How tokens are stored: in the byte alphabet (default), or as bytes",
             vocabularyFormByName, chosen->vocabulary);
   command->add_option("--name", options.name, "Name of the model (default: the source's)")
       ->type_name("NAME");
+  command->add_flag("--keep-mtp", options.keepPrediction,
+                    "Keep the layer of multi-token prediction");
+  command->add_flag("--dry-run", options.dryRun,
+                    "Say what would be stored how, and write nothing; needs no DST");
   command->add_flag("--force", options.force, "Replace DST where it exists");
   addExamples(*command,
               "  zym convert model.gguf model.zym\n"
               "  zym convert checkpoint/ model.zym --preset balanced\n"
-              "  zym convert checkpoint/ model.zym --type q8_0 --embedding-type bf16");
+              "  zym convert checkpoint/ model.zym --type q8_0 --embedding-type bf16\n"
+              "  zym convert checkpoint/ --plan types.plan --dry-run");
   command->callback([chosen, &action] {
+    if (chosen->options.target.empty() && !chosen->options.dryRun) {
+      throw CLI::RequiredError("DST");
+    }
     if (chosen->vocabulary) {
       chosen->options.vocabulary = *chosen->vocabulary;
     }
-    action = [chosen] { return convert(chosen->options); };
+    action = [chosen] { return convert(chosen->options, chosen->planFile); };
   });
 }
 

@@ -61,6 +61,10 @@ std::string conversionText(const ConvertSummary& summary) {
     fmt::format_to(std::back_inserter(out), "left out: {} {} tensor{}\n", count, kind,
                    count == 1 ? "" : "s");
   }
+  for (const std::string& remark : summary.remarks) {
+    fmt::format_to(std::back_inserter(out), "remark: {}\n",
+                   withoutControls(replaceInvalid(remark)));
+  }
   return out;
 }
 

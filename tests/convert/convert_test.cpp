@@ -152,22 +152,61 @@ TEST_F(Convert, EqualOutputHeadCountsAsTheEmbedding) {
   ggufWithHead(*model).write(shared->file("tied.gguf"));
   const Converted converted(shared->file("tied.gguf"));
   EXPECT_EQ(426U, converted.loader.tensorCount);
+  EXPECT_EQ((std::map<std::string, uint64_t>{{"output head", 1}}),
+            converted.result.summary.skipped);
+  EXPECT_EQ(
+      std::vector<std::string>{
+          "output.weight holds the values of token_embd.weight: it is left out, as tied"},
+      converted.result.summary.remarks);
 }
 
-TEST_F(Convert, OtherOutputHeadIsRefused) {
+TEST_F(Convert, AHeadOfOtherValuesIsKept) {
   GgufBuilder file = ggufWithHead(*model);
   file.tensors.back().data.back() ^= 1;
   file.write(shared->file("untied.gguf"));
+  const Converted converted(shared->file("untied.gguf"));
+  EXPECT_EQ(427U, converted.loader.tensorCount);
+  EXPECT_TRUE(file.tensors.back().data == converted.bytes("output.weight"));
   EXPECT_EQ(
-      "output.weight (BF16 [32, 40]) differs from token_embd.weight (BF16 [32, 40]); the runtime "
-      "needs an output head that is the embedding",
-      refusal(shared->file("untied.gguf")));
+      std::vector<std::string>{
+          "the output head differs from the embedding, and is kept: the plugin interface, which "
+          "computes logits with the embedding, does not run this model; zym itself does"},
+      converted.result.summary.remarks);
+}
+
+TEST_F(Convert, AHeadOfTheSameValuesInAnotherTypeIsTied) {
+  GgufBuilder file = tinyGguf(*model, 30);
+  for (const TinyTensor& tensor : *model) {
+    if (tensor.name == "token_embd.weight") {
+      file.tensors.push_back({"output.weight", tensor.dims, 0, floatBytes(tensor.runtime, "F32")});
+    }
+  }
+  file.write(shared->file("same.gguf"));
+  EXPECT_EQ(426U, Converted(shared->file("same.gguf")).loader.tensorCount);
+  file.tensors.back().data[0] ^= 1;  // less than what the embedding's type can tell
+  file.write(shared->file("nearly.gguf"));
+  EXPECT_EQ(427U, Converted(shared->file("nearly.gguf")).loader.tensorCount);
+}
+
+TEST_F(Convert, AHeadOfAnotherShapeIsRefused) {
+  GgufBuilder file = ggufWithHead(*model);
+  file.tensors.back().ne = {32, 39};
+  file.tensors.back().data.resize(39 * 64);
+  file.write(shared->file("short.gguf"));
+  EXPECT_EQ("the shape of output.weight is [32, 39]; the runtime needs [32, 40]",
+            refusal(shared->file("short.gguf")));
 }
 
 TEST_F(Convert, BiasesOfFullAttentionAreKept) {
   GgufBuilder file = tinyGguf(*model, 30);
   const std::vector<float> bias(1024, 0.5F);
   file.tensors.push_back({"blk.3.attn_k.bias", {1024}, 30, floatBytes(bias, "BF16")});
+  file.tensors.push_back({"blk.3.attn_v.bias", {1024}, 30, floatBytes(bias, "BF16")});
+  file.write(shared->file("biased.gguf"));
+  EXPECT_EQ("blk.3.attn_q.bias is missing; the runtime needs the biases of query, key and value",
+            refusal(shared->file("biased.gguf")));
+  file.tensors.push_back(
+      {"blk.3.attn_q.bias", {8192}, 30, floatBytes(std::vector<float>(8192, 0.25F), "BF16")});
   file.write(shared->file("biased.gguf"));
   const Converted converted(shared->file("biased.gguf"));
   EXPECT_EQ(floatBytes(bias, "F32"), converted.bytes("blk.3.attn_k.bias"));

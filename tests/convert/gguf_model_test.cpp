@@ -23,38 +23,10 @@ std::string metadataMessage(const GgufBuilder& builder) {
   return readGgufModel(file, model).message;
 }
 
-// The metadata of a real file with one integer replaced.
-std::string withInteger(const std::string& key, uint32_t value) {
-  GgufBuilder file;
-  addTinyMetadata(file, key);
-  file.u32(key, value);
-  return metadataMessage(file);
-}
-
 TEST(GgufMetadata, OfARealFileFits) {
   GgufBuilder file;
   addTinyMetadata(file);
   EXPECT_EQ("", metadataMessage(file));
-}
-
-TEST(GgufMetadata, EachFixedValueIsHeldAgainstTheRuntimes) {
-  for (const auto& [key, needed] :
-       {std::pair{"qwen35.attention.head_count", 16},
-        std::pair{"qwen35.attention.head_count_kv", 4},
-        std::pair{"qwen35.attention.key_length", 256},
-        std::pair{"qwen35.attention.value_length", 256},
-        std::pair{"qwen35.full_attention_interval", 4},
-        std::pair{"qwen35.rope.dimension_count", 64}, std::pair{"qwen35.ssm.conv_kernel", 4},
-        std::pair{"qwen35.ssm.state_size", 128}, std::pair{"qwen35.ssm.group_count", 16},
-        std::pair{"qwen35.ssm.time_step_rank", 32}, std::pair{"qwen35.ssm.inner_size", 4096}}) {
-    EXPECT_EQ("", withInteger(key, static_cast<uint32_t>(needed)));
-    EXPECT_EQ(std::string(key) + " is 8; the runtime needs " + std::to_string(needed),
-              withInteger(key, 8));
-    GgufBuilder file;
-    addTinyMetadata(file, key);
-    file.text(key, "16");
-    EXPECT_EQ("GGUF: " + std::string(key) + " is not an integer", metadataMessage(file));
-  }
 }
 
 TEST(GgufMetadata, IntegersOfAnyWidthAreRead) {
@@ -66,43 +38,6 @@ TEST(GgufMetadata, IntegersOfAnyWidthAreRead) {
   addTinyMetadata(other, "qwen35.attention.head_count");
   other.scalar<int32_t>("qwen35.attention.head_count", 5, 16);
   EXPECT_EQ("", metadataMessage(other));
-}
-
-TEST(GgufMetadata, NumbersAreHeldAgainstTheRuntimes) {
-  for (const auto& [key, good, bad, text] :
-       {std::tuple{"qwen35.rope.freq_base", 1e7F, 1e6F, "1000000; the runtime needs 10000000"},
-        std::tuple{"qwen35.attention.layer_norm_rms_epsilon", 1e-6F, 0.5F,
-                   "0.5; the runtime needs 1e-06"}}) {
-    GgufBuilder file;
-    addTinyMetadata(file, key);
-    file.f32(key, good);
-    EXPECT_EQ("", metadataMessage(file));
-    GgufBuilder other;
-    addTinyMetadata(other, key);
-    other.f32(key, bad);
-    EXPECT_EQ(std::string(key) + " is " + text, metadataMessage(other));
-    GgufBuilder odd;
-    addTinyMetadata(odd, key);
-    odd.f32(key, std::numeric_limits<float>::quiet_NaN());
-    EXPECT_NE("", metadataMessage(odd));
-  }
-}
-
-TEST(GgufMetadata, BlockCountLessThePredictionBlockIs32) {
-  EXPECT_EQ("qwen35.block_count is 24; the runtime needs 32",
-            withInteger("qwen35.block_count", 24));
-  EXPECT_EQ("qwen35.block_count is 64; the runtime needs 32",
-            withInteger("qwen35.block_count", 64));
-  GgufBuilder file;
-  addTinyMetadata(file, "qwen35.block_count");
-  file.u32("qwen35.block_count", 33);
-  EXPECT_EQ("qwen35.block_count is 33; the runtime needs 32", metadataMessage(file));
-  file.u32("qwen35.nextn_predict_layers", 1);
-  EXPECT_EQ("", metadataMessage(file));
-  GgufBuilder less;
-  addTinyMetadata(less);
-  less.u32("qwen35.nextn_predict_layers", 1);
-  EXPECT_EQ("qwen35.block_count is 32; the runtime needs 33", metadataMessage(less));
 }
 
 TEST(GgufMetadata, OtherArchitecturesAreNamed) {
@@ -120,53 +55,50 @@ TEST(GgufMetadata, OtherArchitecturesAreNamed) {
   }
 }
 
-TEST(GgufMetadata, PartsOfASplitModelAreRefused) {
-  GgufBuilder file;
-  addTinyMetadata(file);
-  file.scalar<uint16_t>("split.count", 2, 3);
-  EXPECT_EQ("split.count is 3: join the parts into one file first", metadataMessage(file));
-  GgufBuilder whole;
-  addTinyMetadata(whole);
-  whole.scalar<uint16_t>("split.count", 2, 1);
-  EXPECT_EQ("", metadataMessage(whole));
-}
-
-TEST(GgufMetadata, HeadsPerLayerMustFollowThePattern) {
-  std::vector<uint32_t> heads(32, 0);
-  for (size_t layer = 3; layer < 32; layer += 4) {
-    heads[layer] = 4;
-  }
-  const auto messageOf = [](const std::vector<uint32_t>& values) {
-    GgufBuilder file;
-    addTinyMetadata(file, "qwen35.attention.head_count_kv");
-    file.array("qwen35.attention.head_count_kv", 4, values);
-    return metadataMessage(file);
-  };
-  EXPECT_EQ("", messageOf(heads));
-  heads[4] = 4;
-  EXPECT_EQ("qwen35.attention.head_count_kv[4] is 4; the runtime needs 0", messageOf(heads));
-  heads.resize(24);
-  EXPECT_EQ("the length of qwen35.attention.head_count_kv is 24; the runtime needs 32",
-            messageOf(heads));
-}
-
-TEST(GgufMetadata, RecurrentLayersMustFollowThePattern) {
-  std::vector<uint8_t> recurrent(32, 1);
-  for (size_t layer = 3; layer < 32; layer += 4) {
-    recurrent[layer] = 0;
-  }
-  const auto messageOf = [](const std::vector<uint8_t>& values) {
+TEST(GgufMetadata, ScaledRotationIsRefused) {
+  const auto with = [](const auto& add) {
     GgufBuilder file;
     addTinyMetadata(file);
-    file.array("qwen35.attention.recurrent_layers", 7, values);
+    add(file);
     return metadataMessage(file);
   };
-  EXPECT_EQ("", messageOf(recurrent));
-  recurrent[3] = 1;
-  EXPECT_EQ("qwen35.attention.recurrent_layers[3] is 1; the runtime needs 0", messageOf(recurrent));
-  recurrent.resize(3);
-  EXPECT_EQ("GGUF: qwen35.attention.recurrent_layers is not a list of 32 bools",
-            messageOf(recurrent));
+  for (const char* type : {"yarn", "linear"}) {
+    EXPECT_EQ(
+        "qwen35.rope.scaling.type is \"" + std::string(type) + "\"; the runtime needs \"none\"",
+        with([&](GgufBuilder& f) { f.text("qwen35.rope.scaling.type", type); }));
+  }
+  // The factor of a scaling that is turned off counts for nothing.
+  EXPECT_EQ("", with([](GgufBuilder& f) {
+              f.text("qwen35.rope.scaling.type", "none");
+              f.f32("qwen35.rope.scaling.factor", 4.0F);
+            }));
+  EXPECT_EQ("qwen35.rope.scaling.factor is 4; the runtime needs 1, or none",
+            with([](GgufBuilder& f) { f.f32("qwen35.rope.scaling.factor", 4.0F); }));
+  EXPECT_EQ("", with([](GgufBuilder& f) { f.f32("qwen35.rope.scaling.factor", 1.0F); }));
+}
+
+TEST(GgufTokenizer, TextIsCutAsForThisFamily) {
+  const auto with = [](const std::string& name, std::vector<std::string>& remarks) {
+    GgufBuilder builder;
+    addTinyMetadata(builder, "tokenizer.ggml.pre");
+    builder.text("tokenizer.ggml.pre", name);
+    const Bytes bytes = builder.bytes();
+    kel::convert::GgufFile file;
+    EXPECT_TRUE(file.parse(bytes.data(), bytes.size()).ok());
+    kel::convert::SourceModel model;
+    const kel::Status status = readGgufModel(file, model);
+    remarks = model.remarks;
+    return status.message;
+  };
+  std::vector<std::string> remarks;
+  EXPECT_EQ("", with("qwen35", remarks));
+  EXPECT_TRUE(remarks.empty());
+  EXPECT_EQ("", with("qwen2", remarks));
+  EXPECT_EQ(std::vector<std::string>{"tokenizer.ggml.pre is \"qwen2\"; text is cut as for "
+                                     "\"qwen35\", which differs at combining marks"},
+            remarks);
+  EXPECT_EQ("tokenizer.ggml.pre is \"other-bpe\"; the runtime needs \"qwen35\"",
+            with("other-bpe", remarks));
 }
 
 TEST(GgufTokenizer, TablesAreChecked) {
@@ -227,13 +159,13 @@ TEST_F(GgufTensors, AMissingEmbeddingIsNamed) {
 
 TEST_F(GgufTensors, AnUnknownOneIsNamed) {
   file.tensors.push_back({"blk.0.ffn_gate_inp.weight", {32, 4}, 0, Bytes(512)});
-  EXPECT_EQ("blk.0.ffn_gate_inp.weight has no place in a model of 32 blocks of this family",
+  EXPECT_EQ("blk.0.ffn_gate_inp.weight has no place in a model of 32 layers of this family",
             refusalOf(file));
 }
 
 TEST_F(GgufTensors, ControlBytesOfANameDoNotReachTheTerminal) {
   file.tensors.push_back({"\x1b[2Jx\n", {1}, 0, Bytes(4)});
-  EXPECT_EQ("?[2Jx? has no place in a model of 32 blocks of this family", refusalOf(file));
+  EXPECT_EQ("?[2Jx? has no place in a model of 32 layers of this family", refusalOf(file));
 }
 
 TEST_F(GgufTensors, AWrongShapeIsNamedWithBoth) {

@@ -17,9 +17,10 @@ json config() {
   return json::parse(tinyDirectory({}, "BF16").config);
 }
 
+// As read from a file, where numbers have no sign they do not need.
 std::string message(const json& file) {
   kel::convert::HfConfig out;
-  return readHfConfig(file, out).message;
+  return readHfConfig(json::parse(file.dump()), out).message;
 }
 
 std::string with(const std::string& field, const json& value) {
@@ -33,28 +34,111 @@ TEST(HfConfig, OfARealDirectoryFits) {
   EXPECT_EQ("", message({{"model_type", "qwen3_5"}, {"text_config", config()}}));
 }
 
-TEST(HfConfig, EachFixedValueIsHeldAgainstTheRuntimes) {
-  for (const auto& [field, needed] :
-       {std::pair{"num_hidden_layers", "32"}, std::pair{"num_attention_heads", "16"},
-        std::pair{"num_key_value_heads", "4"}, std::pair{"head_dim", "256"},
-        std::pair{"linear_num_key_heads", "16"}, std::pair{"linear_num_value_heads", "32"},
-        std::pair{"linear_key_head_dim", "128"}, std::pair{"linear_value_head_dim", "128"},
-        std::pair{"linear_conv_kernel_dim", "4"}, std::pair{"full_attention_interval", "4"},
-        std::pair{"rms_norm_eps", "1e-06"}, std::pair{"rope_theta", "10000000"},
-        std::pair{"partial_rotary_factor", "0.25"}}) {
-    const std::string is = "config.json: " + std::string(field) + " is ";
-    const std::string needs = "; the runtime needs " + std::string(needed);
-    EXPECT_EQ(is + "24" + needs, with(field, 24));
-    EXPECT_EQ(is + "\"32\"" + needs, with(field, "32"));
+TEST(HfConfig, ShapeIsWhatTheFileStates) {
+  TinyShape stated;
+  stated.layers = 10;
+  stated.interval = 5;
+  stated.queryHeads = 6;
+  stated.kvHeads = 2;
+  stated.headDim = 32;
+  stated.ropeDim = 8;
+  stated.keyHeads = 3;
+  stated.valueHeads = 12;
+  stated.keyDim = 40;
+  stated.valueDim = 48;
+  json file = json::parse(tinyDirectory({}, "BF16", stated).config);
+  kel::ModelShape expected{.layers = 10,
+                           .fullLayers = kel::LayerSet::every(5, 10),
+                           .queryHeads = 6,
+                           .kvHeads = 2,
+                           .headDim = 32,
+                           .ropeDim = 8,
+                           .ropeBase = 1e7,
+                           .linearKeyHeads = 3,
+                           .linearValueHeads = 12,
+                           .linearKeyDim = 40,
+                           .linearValueDim = 48,
+                           .convTaps = 4,
+                           .normEps = 1e-6,
+                           .contextLength = 262144};
+  kel::convert::HfConfig out;
+  ASSERT_EQ("", readHfConfig(file, out).message);
+  EXPECT_EQ(expected, out.shape);
+  file["max_position_embeddings"] = 4096U;
+  ASSERT_EQ("", readHfConfig(file, out).message);
+  EXPECT_EQ(4096U, out.shape.contextLength);
+}
+
+TEST(HfConfig, EveryNumberMustBeThereAndANumber) {
+  for (const char* name :
+       {"num_hidden_layers", "num_attention_heads", "num_key_value_heads", "head_dim",
+        "linear_num_key_heads", "linear_num_value_heads", "linear_key_head_dim",
+        "linear_value_head_dim", "linear_conv_kernel_dim", "rms_norm_eps"}) {
+    json file = config();
+    file.erase(name);
+    const std::string field = "config.json: " + std::string(name);
+    EXPECT_EQ(field + " is missing; the importer needs it", message(file));
+    EXPECT_TRUE(with(name, "32").starts_with(field + " is \"32\"; the importer needs a number"));
   }
+  json file = config();
+  file.erase("rope_parameters");
+  EXPECT_EQ("config.json: rope_theta is missing; the importer needs it", message(file));
+  file["rope_theta"] = 1e6;
+  EXPECT_EQ("config.json: partial_rotary_factor is missing; the importer needs it", message(file));
+  file["partial_rotary_factor"] = 0.5;
+  EXPECT_EQ("", message(file));
+}
+
+TEST(HfConfig, NumbersThatNoModelCanHaveAreNamed) {
+  EXPECT_EQ("config.json: num_hidden_layers is 1025; the runtime needs 1 to 1024",
+            with("num_hidden_layers", 1025));
+  EXPECT_EQ("config.json: full_attention_interval is 0; the runtime needs 1 to 1024",
+            with("full_attention_interval", 0));
+  EXPECT_EQ("config.json states 15 query heads cannot share 4 key/value heads evenly",
+            with("num_attention_heads", 15));
+  EXPECT_EQ("config.json states 32 value heads cannot share 12 key heads evenly",
+            with("linear_num_key_heads", 12));
+  EXPECT_EQ(
+      "config.json: partial_rotary_factor is 0.3, which gives no whole number of the 256 "
+      "dimensions of a head",
+      with("rope_parameters", {{"rope_theta", 1e7}, {"partial_rotary_factor", 0.3}}));
+  EXPECT_EQ(
+      "config.json: rope_parameters.rope_theta is 10000000; the runtime needs 1000000 as in "
+      "rope_theta",
+      with("rope_theta", 1e6));
+}
+
+TEST(HfConfig, OtherKindsOfLayersAreNamed) {
   EXPECT_EQ("config.json: hidden_act is \"gelu\"; the runtime needs \"silu\"",
             with("hidden_act", "gelu"));
   EXPECT_EQ("config.json: attn_output_gate is false; the runtime needs true",
             with("attn_output_gate", false));
-  EXPECT_EQ("config.json: rope_parameters.rope_theta is 10000.0; the runtime needs 10000000",
-            with("rope_parameters", {{"rope_theta", 10000.0}}));
-  EXPECT_EQ("config.json: rope_type is \"yarn\"; the runtime needs \"default\"",
-            with("rope_parameters", {{"rope_type", "yarn"}}));
+  EXPECT_EQ("config.json: output_gate_type is \"swish\"; the runtime needs \"sigmoid\"",
+            with("output_gate_type", "swish"));
+  EXPECT_EQ("", with("output_gate_type", "sigmoid"));
+}
+
+TEST(HfConfig, ScaledRotationIsRefused) {
+  EXPECT_EQ("config.json: rope_parameters.rope_type is \"yarn\"; the runtime needs \"default\"",
+            with("rope_parameters", {{"rope_type", "yarn"}, {"factor", 4.0}}));
+  EXPECT_EQ(
+      "config.json: rope_parameters.full_attention.rope_type is \"yarn\"; the runtime needs "
+      "\"default\"",
+      with("rope_parameters", {{"full_attention", {{"rope_type", "yarn"}}}}));
+  EXPECT_EQ("config.json: rope_scaling.type is \"linear\"; the runtime needs \"default\"",
+            with("rope_scaling", {{"type", "linear"}}));
+  EXPECT_EQ("config.json: rope_scaling.factor is 2.0; the runtime needs 1, or none",
+            with("rope_scaling", {{"factor", 2.0}}));
+  for (const char* type : {"default", "mrope"}) {
+    EXPECT_EQ("", with("rope_scaling", {{"type", type}, {"rope_type", "default"}}));
+  }
+  EXPECT_EQ("", with("rope_scaling", nullptr));
+}
+
+TEST(HfConfig, AFileThatNamesNoModelIsRefused) {
+  EXPECT_EQ(
+      "config.json: model_type is missing; the importer needs \"qwen3_5\" or \"qwen3_5_text\"",
+      message(json::object()));
 }
 
 TEST(HfConfig, OtherModelsAreNamed) {
@@ -73,7 +157,7 @@ TEST(HfConfig, OtherModelsAreNamed) {
   EXPECT_EQ("config.json is not an object", message(json::array()));
 }
 
-TEST(HfConfig, LayerTypesMustFollowThePattern) {
+TEST(HfConfig, LayerTypesTellTheKindOfEach) {
   json types = json::array();
   for (int layer = 0; layer < 32; ++layer) {
     types.push_back(layer % 4 == 3 ? "full_attention" : "linear_attention");
@@ -81,7 +165,21 @@ TEST(HfConfig, LayerTypesMustFollowThePattern) {
   EXPECT_EQ("", with("layer_types", types));
   types[2] = "full_attention";
   EXPECT_EQ(
-      "config.json: layer_types[2] is \"full_attention\"; the runtime needs \"linear_attention\"",
+      "layer 2 is of linear attention by config.json: full_attention_interval, but not by "
+      "config.json: layer_types",
+      with("layer_types", types));
+  json file = config();
+  file.erase("full_attention_interval");
+  EXPECT_EQ("config.json: layer_types is missing; the importer needs it", message(file));
+  file["layer_types"] = types;
+  kel::convert::HfConfig out;
+  ASSERT_EQ("", readHfConfig(file, out).message);
+  EXPECT_TRUE(out.shape.isFull(2));
+  EXPECT_FALSE(out.shape.isFull(4));
+  types[2] = "sliding_attention";
+  EXPECT_EQ(
+      "config.json: layer_types[2] is \"sliding_attention\"; the runtime needs \"full_attention\" "
+      "or \"linear_attention\"",
       with("layer_types", types));
   types.erase(31);
   EXPECT_EQ("config.json: the length of layer_types is 31; the runtime needs 32",
@@ -107,8 +205,9 @@ TEST(HfConfig, FieldsOfAnyKindAreAnsweredWithAStatus) {
     if (text.is_object()) {
       continue;
     }
-    EXPECT_EQ("config.json: num_hidden_layers is 1; the runtime needs 32",
-              message({{"num_hidden_layers", 1}, {"text_config", text}}));
+    EXPECT_EQ(
+        "config.json: num_hidden_layers is 2000; the runtime needs 1 to 1024",
+        message({{"model_type", "qwen3_5"}, {"num_hidden_layers", 2000}, {"text_config", text}}));
   }
 }
 
@@ -127,27 +226,17 @@ class HfDirectory : public testing::Test {
   TinyDirectory directory = tinyDirectory(tinyModel(false), "BF16");
 };
 
-TEST_F(HfDirectory, OtherOutputHeadIsRefused) {
-  directory.weights.tensors.push_back({"lm_head.weight", "BF16", {40, 32}, Bytes(40 * 64, 1)});
-  EXPECT_EQ(
-      "lm_head.weight (BF16 [32, 40]) differs from model.embed_tokens.weight (BF16 [32, 40]); the "
-      "runtime needs an output head that is the embedding",
-      refused());
-}
-
 TEST_F(HfDirectory, UntiedWithoutAHeadIsRefused) {
   json file = config();
   file["tie_word_embeddings"] = false;
   directory.config = file.dump();
-  EXPECT_EQ(
-      "config.json: tie_word_embeddings is false, but there is no lm_head.weight; the runtime "
-      "needs an output head that is the embedding",
-      refused());
+  EXPECT_EQ("config.json: tie_word_embeddings is false, but there is no lm_head.weight", refused());
   // Either level may say that they are tied.
   directory.config = json{{"tie_word_embeddings", true}, {"text_config", file}}.dump();
   directory.write(folder.file("model"));
   kel::convert::SourceModel model;
   EXPECT_EQ("", readHfDirectory(folder.file("model"), model).message);
+  EXPECT_FALSE(model.statesOwnOutput);
 }
 
 TEST_F(HfDirectory, ConvolutionOfAnotherFrameworkIsRefused) {
@@ -187,7 +276,13 @@ TEST_F(HfDirectory, QuantisedWeightsAreRefused) {
     directory.weights.tensors.pop_back();
   }
   auto& tensor = tensorNamed(directory.weights, "model.layers.0.mlp.up_proj.weight");
-  for (const char* dtype : {"F8_E4M3", "I8", "U8"}) {
+  tensor.dtype = "F8_E4M3";
+  tensor.holeBytes = 32 * 256;
+  EXPECT_EQ(
+      "model.layers.0.mlp.up_proj.weight has the element type F8_E4M3: this checkpoint is "
+      "quantised; the importer needs the original in BF16, F16 or F32",
+      refused());
+  for (const char* dtype : {"I8", "U8"}) {
     tensor.dtype = dtype;
     tensor.holeBytes = 32 * 256;
     EXPECT_EQ("model.layers.0.mlp.up_proj.weight has the element type " + std::string(dtype) +
@@ -198,11 +293,35 @@ TEST_F(HfDirectory, QuantisedWeightsAreRefused) {
 
 TEST_F(HfDirectory, UnknownAndMissingTensorsAreNamed) {
   directory.weights.tensors.push_back({"model.layers.0.mlp.router.weight", "F32", {1}, Bytes(4)});
-  EXPECT_EQ("model.layers.0.mlp.router.weight has no place in a model of 32 blocks of this family",
+  EXPECT_EQ("model.layers.0.mlp.router.weight has no place in a model of 32 layers of this family",
             refused());
   directory.weights.tensors.back().name = "model.visual.patch.weight";
   tensorNamed(directory.weights, "model.layers.3.self_attn.q_proj.weight").name = "mtp.fc.weight";
   EXPECT_EQ("blk.3.attn_q.weight is missing; the runtime needs it", refused());
+}
+
+// Whatever the prefix, a model saved by itself or in its wrapper gives the same container, and what
+// text needs not is left out.
+TEST_F(HfDirectory, NamesMayHaveAnyPrefixOfTheFamily) {
+  const TinyDirectory plain = directory;
+  for (const std::string prefix : {"model.language_model.", "language_model.", ""}) {
+    directory = plain;
+    for (auto& tensor : directory.weights.tensors) {
+      tensor.name = prefix + tensor.name.substr(std::string("model.").size());
+    }
+    directory.weights.tensors.push_back(
+        {prefix + "layers.3.self_attn.rotary_emb.inv_freq", "F32", {32}, Bytes(128)});
+    directory.weights.tensors.push_back({prefix + "mtp.norm.weight", "F32", {8}, Bytes(32)});
+    directory.weights.tensors.push_back({"visual.patch.weight", "F32", {8}, Bytes(32)});
+    directory.weights.tensors.push_back({"model.visual.patch.weight", "I8", {8}, Bytes(8)});
+    directory.write(folder.file("model"));
+    kel::convert::SourceModel model;
+    EXPECT_EQ("", readHfDirectory(folder.file("model"), model).message);
+    EXPECT_EQ(426U, model.tensors.size());
+    EXPECT_TRUE(model.tensors.contains("blk.31.attn_k_norm.weight"));
+    EXPECT_EQ((std::map<std::string, uint64_t>{{"rotation", 1}, {"vision", 2}}), model.skipped);
+    EXPECT_EQ(1U, model.predictionTensors.count("blk.32.nextn.shared_head_norm.weight"));
+  }
 }
 
 TEST_F(HfDirectory, StatedSizesMustBeTheTensors) {

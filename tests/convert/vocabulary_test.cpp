@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "convert/tokenizer_json.h"
+#include "tokenizer/tokenizer.h"
 
 namespace {
 
@@ -97,11 +98,50 @@ TEST(Vocabulary, WhatTheRuntimeWouldMisreadIsRefused) {
   vocabulary.eosId = 7;
   EXPECT_EQ("tokenizer: the end token is 7, but there are 7 tokens", refused(vocabulary));
   vocabulary.eosId = 6;
+}
+
+TEST(Vocabulary, AnotherMarkForASpaceIsRefused) {
+  Vocabulary vocabulary = sample();
+  vocabulary.merges.emplace_back("\u2581 a");
+  EXPECT_EQ(
+      "tokenizer: the merge rule \"\u2581 a\" holds characters outside the byte alphabet; the "
+      "runtime needs a byte-level vocabulary",
+      refused(vocabulary));
+  vocabulary = sample();
+  vocabulary.tokens[3] = "\u2581a";
+  EXPECT_EQ(
+      "tokenizer: the token \"\u2581a\" marks a space with \"\u2581\"; the runtime needs a "
+      "byte-level vocabulary, where \"\u0120\" does",
+      refused(vocabulary));
+  vocabulary.types[3] = 3;  // a special token is plain text
+  EXPECT_EQ("", refused(vocabulary));
+  vocabulary.tokens[0] = "\u0120b";
+  EXPECT_EQ("tokenizer: no token is \"\u0120\", the space of a byte-level vocabulary",
+            refused(vocabulary));
+}
+
+// The runtime asks the first rule alone. Ids must be those of the vocabulary's own rules all the
+// same: of "ab" the pair of the lower rank, and no rule of the mark.
+TEST(Vocabulary, ByteLevelVocabulariesMayBeginWithAnyRule) {
+  Vocabulary vocabulary;
+  vocabulary.tokens = {"\u0120", "a", "b", "c", "ab", "bc", "\u0120a", "\u010A"};
+  vocabulary.types.assign(8, 1);
   for (const std::vector<std::string>& merges :
-       {std::vector<std::string>{}, {"a b"}, {"\u0120 \u2581"}}) {
+       {std::vector<std::string>{"a b", "b c", "\u0120 a"}, {"b c", "a b", "\u0120 a"}}) {
     vocabulary.merges = merges;
-    EXPECT_NE(std::string::npos, refused(vocabulary).find("begins with a rule that holds")) << "";
+    for (const VocabularyForm form : {VocabularyForm::Alphabet, VocabularyForm::Raw}) {
+      kel::Tokenizer tokenizer;
+      ASSERT_TRUE(tokenizer.load(built(vocabulary, form, 8)).ok());
+      const bool abFirst = merges.front() == "a b";
+      std::vector<int32_t> ids;
+      ASSERT_TRUE(tokenizer.encode("abc ab a  ", ids, false).ok());
+      EXPECT_EQ(abFirst ? (std::vector<int32_t>{4, 3, 0, 4, 6, 0, 0})
+                        : (std::vector<int32_t>{1, 5, 0, 4, 6, 0, 0}),
+                ids);
+    }
   }
+  vocabulary.merges.clear();
+  EXPECT_EQ(std::vector<std::string>{"\u0120 "}, built(vocabulary, VocabularyForm::Raw, 8).merges);
 }
 
 std::string jsonMessage(const std::string& text) {
@@ -146,6 +186,29 @@ TEST(TokenizerJson, FaultsAreNamed) {
   }
   EXPECT_EQ("tokenizer.json: model.type is \"Unigram\"; the runtime needs \"BPE\"",
             jsonMessage(R"({"model": {"type": "Unigram", "vocab": {}, "merges": []}})"));
+}
+
+TEST(TokenizerJson, TextHandlingThatTheRuntimeHasNotIsRefused) {
+  const auto with = [](const std::string& file, const std::string& model = "") {
+    return jsonMessage(R"({"model": {"vocab": {}, "merges": [])" + model + "}" + file + "}");
+  };
+  for (const char* kept : {"null", R"({"type": "NFC"})",
+                           R"({"type": "Sequence", "normalizers": [{"type": "NFC"}]})"}) {
+    EXPECT_EQ("", with(std::string(R"(, "normalizer": )") + kept));
+  }
+  EXPECT_EQ("tokenizer.json: the normalizer is \"Lowercase\"; the runtime needs \"NFC\", or none",
+            with(R"(, "normalizer": {"type": "Lowercase"})"));
+  EXPECT_EQ("tokenizer.json: the normalizer is \"Sequence\"; the runtime needs \"NFC\", or none",
+            with(R"(, "normalizer": {"type": "Sequence", "normalizers": [{"type": "NFC"},
+                 {"type": "Strip"}]})"));
+  EXPECT_EQ("tokenizer.json: add_prefix_space is true; the runtime needs false",
+            with(R"(, "pre_tokenizer": {"type": "Sequence", "pretokenizers": [{"type": "Split"},
+                 {"type": "ByteLevel", "add_prefix_space": true}]})"));
+  EXPECT_EQ("", with(R"(, "pre_tokenizer": {"type": "ByteLevel", "add_prefix_space": false})"));
+  EXPECT_EQ("tokenizer.json: model.ignore_merges is true; the runtime needs false",
+            with("", R"(, "ignore_merges": true)"));
+  EXPECT_EQ("tokenizer.json: model.end_of_word_suffix is \"</w>\"; the runtime needs none",
+            with("", R"(, "end_of_word_suffix": "</w>", "continuing_subword_prefix": "")"));
 }
 
 TEST(TokenizerJson, EveryTruncationIsRefused) {

@@ -207,6 +207,25 @@ TEST_F(ConvertCommandTest, BytesDoNotDependOnTheThreads) {
   EXPECT_TRUE(one == read(target()));
 }
 
+TEST_F(ConvertCommandTest, ADryRunNeedsNoTargetAndWritesNothing) {
+  const Outcome outcome = zym({"convert", kDemo, "--dry-run", "--type", "q4_k"});
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_EQ(outcome.out.rfind("demo (safetensors)\n", 0), 0U) << outcome.out;
+  EXPECT_NE(outcome.out.find("in all; nothing was written\n"), std::string::npos) << outcome.out;
+  EXPECT_EQ(zym({"convert", kDemo, target(), "--dry-run"}).status, 0);
+  EXPECT_TRUE(fs::is_empty(output));
+}
+
+TEST_F(ConvertCommandTest, PlanChoosesTypesByPattern) {
+  const Json report = converted({"--plan", write("types", "*.ffn_down.weight q4_k\n* bf16\n")});
+  EXPECT_EQ(typeOf(report, "blk.0.ffn_down.weight"), "Q4_K");
+  EXPECT_EQ(typeOf(report, "blk.0.ffn_up.weight"), "BF16");
+  fs::remove(target());
+  const std::string faulty = write("faulty", "* q8_0\n* large\n");
+  expectRefused({kDemo, target(), "--plan", faulty},
+                faulty + ":2: \"large\" is not a type that matrices are stored in");
+}
+
 TEST_F(ConvertCommandTest, WrongUseExitsWithTwo) {
   expectRefused({kDemo},
                 "DST is required, as in: zym convert model.gguf model.zym; see zym convert --help",

@@ -39,6 +39,13 @@ TEST(ConversionReportTest, CountsWhatWasLeftOut) {
   EXPECT_NE(text.find("\nleft out: 297 vision tensors\n"), std::string::npos) << text;
 }
 
+TEST(ConversionReportTest, EndsWithRemarks) {
+  ConvertSummary summary = smallSummary();
+  summary.remarks = {"this is odd", "so\x1b is that"};
+  const std::string text = conversionText(summary);
+  EXPECT_TRUE(text.ends_with("5.57 MB\nremark: this is odd\nremark: so is that\n")) << text;
+}
+
 TEST(ConversionReportTest, NameOfTheModelCannotControlTheTerminal) {
   ConvertSummary summary = smallSummary();
   summary.modelName = "Sm\x1b[31mall\xFF";
