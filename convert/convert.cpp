@@ -181,6 +181,9 @@ class ContainerStream {
     if (storage.embeddingType) {
       writer.addMetaStr("zym.convert.embedding_type", typeName(storage.embeddingType));
     }
+    for (const auto& [key, value] : options.notes) {
+      writer.addMetaStr(key, value);
+    }
   }
 
   const ConvertOptions& options;
