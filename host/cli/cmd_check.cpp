@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 #include "host/inspect/container_check.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
@@ -26,7 +27,8 @@ std::vector<Fault> faultsOf(const std::string& path) {
                         [&](uint64_t done, uint64_t total) { progress.update(done, total); });
 }
 
-int check(const std::string& path) {
+// given: what path was asked for as.
+int check(const std::string& path, const std::string& given) {
   const kel::Status status = checkInputFile(path);
   if (!status.ok()) {
     complain(status.message);
@@ -38,11 +40,11 @@ int check(const std::string& path) {
                 withoutControls(replaceInvalid(fault.what)).c_str());
   }
   if (!faults.empty()) {
-    complain(fmt::format("{}: {} {}; `zym convert` makes the file anew", path, faults.size(),
+    complain(fmt::format("{}: {} {}; `zym convert` makes the file anew", given, faults.size(),
                          faults.size() == 1 ? "fault" : "faults"));
     return 1;
   }
-  std::printf("%s: can be run\n", path.c_str());
+  std::printf("%s: can be run\n", given.c_str());
   return 0;
 }
 
@@ -50,10 +52,12 @@ int check(const std::string& path) {
 
 void addCheck(CLI::App& program, Action& action) {
   auto path = std::make_shared<std::string>();
-  CLI::App* command = program.add_subcommand("check", "Tell whether a container can be run");
-  command->add_option("FILE", *path, "Container file (.zym)")->required();
+  CLI::App* command = program.add_subcommand("check", "Tell whether a model can be run");
+  const auto model = addModelArgument(*command);
   addExamples(*command, "  zym check model.zym && zym chat model.zym");
-  command->callback([path, &action] { action = [path] { return check(*path); }; });
+  command->callback([path, model, &action] {
+    action = onModel(model, *path, [path, model] { return check(*path, model->given); });
+  });
 }
 
 }  // namespace zym

@@ -10,6 +10,7 @@
 
 #include "host/chat/text_map.h"
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
 #include "tokenizer/tokenizer.h"
@@ -83,14 +84,16 @@ int tokenize(const TokenizeOptions& options) {
 void addTokenize(CLI::App& program, Action& action) {
   auto options = std::make_shared<TokenizeOptions>();
   CLI::App* command = program.add_subcommand("tokenize", "Show the tokens of a text");
-  command->add_option("MODEL", options->model, "Container file (.zym)")->required();
+  const auto model = addModelArgument(*command);
   command->add_option("TEXT", options->text, "The text")->required();
   command->add_flag("--json", options->json, "Ids and pieces as one JSON object");
   addRaw(*command, options->raw);
   addExamples(*command,
               "  zym tokenize model.zym 'Hello there'\n"
               "  zym tokenize model.zym --raw '<|im_start|>user'");
-  command->callback([options, &action] { action = [options] { return tokenize(*options); }; });
+  command->callback([options, model, &action] {
+    action = onModel(model, options->model, [options] { return tokenize(*options); });
+  });
 }
 
 }  // namespace zym

@@ -82,9 +82,10 @@ int runProgram(int argc, const char* const* argv) {
   addCheck(program, action);
   addTokenize(program, action);
   addConvert(program, action);
+  addCache(program, action);
   addExamples(program,
+              "  zym chat model.gguf\n"
               "  zym convert model.gguf model.zym\n"
-              "  zym chat model.zym\n"
               "  zym COMMAND --help");
   try {
     program.parse(argc, argv);

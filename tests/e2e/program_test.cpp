@@ -48,7 +48,8 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   const Outcome version = zym({"--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("zym " ZYM_VERSION "\n", 0), 0U) << version.out;
-  for (const char* command : {"chat", "run", "bench", "info", "check", "tokenize", "convert"}) {
+  for (const char* command :
+       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "cache"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;
@@ -89,7 +90,8 @@ TEST_F(ProgramTest, MissingFileIsOneClearLine) {
 }
 
 TEST_F(ProgramTest, FolderForAFileIsOneClearLine) {
-  const std::string line = folder.string() + ": is a folder; give the file itself";
+  const std::string line =
+      folder.string() + ": is a folder without a config.json; give a file in it, " + model;
   for (const char* command : {"chat", "bench", "info", "check"})
     expectFault(zym({command, folder}), 1, line);
   expectFault(zym({"run", folder, "-p", "a"}), 1, line);
