@@ -13,7 +13,6 @@
 #include <optional>
 #include <string_view>
 #include <system_error>
-#include <utility>
 
 namespace zym {
 namespace {
@@ -71,9 +70,8 @@ Status readFile(const fs::path& folder, const std::string& name, SourceFile& out
   return Status::success();
 }
 
-Status readFiles(const fs::path& folder, std::vector<std::string> names,
+Status readFiles(const fs::path& folder, const std::vector<std::string>& names,
                  std::vector<SourceFile>& out) {
-  std::sort(names.begin(), names.end());
   for (const std::string& name : names) {
     Status status = readFile(folder, name, out.emplace_back());
     if (!status.ok()) {
@@ -83,7 +81,7 @@ Status readFiles(const fs::path& folder, std::vector<std::string> names,
   return Status::success();
 }
 
-// Names in a folder that end in one of these. A folder that cannot be read has none.
+// Names in a folder that end in one of these, in order. A folder that cannot be read has none.
 std::vector<std::string> namesEndingIn(const fs::path& folder,
                                        std::initializer_list<std::string_view> endings) {
   std::vector<std::string> names;
@@ -197,7 +195,7 @@ Status recogniseGguf(const std::string& given, ModelSource& out) {
                                         name->parts, names.back()));
     }
   }
-  return readFiles(path.parent_path(), std::move(names), out.files);
+  return readFiles(path.parent_path(), names, out.files);
 }
 
 // The first bytes of a regular file.

@@ -28,7 +28,7 @@ struct ModelSource {
   ModelForm form = ModelForm::Container;
   std::string path;               // of a container as given, else as modelPath makes it
   std::string stem;               // its last component without the ending, for people
-  std::vector<SourceFile> files;  // in the order of their names; of a container none
+  std::vector<SourceFile> files;  // by name; of a container none
 };
 
 // given as an absolute path, free of symbolic links but for the last component of a file: the parts

@@ -2,6 +2,7 @@
 #include "host/models/conversion_cache.h"
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -117,6 +118,7 @@ class ConversionCacheTest : public testing::Test {
     const ModelSource model = source();
     const pid_t child = ::fork();
     if (child == 0) {
+      ::prctl(PR_SET_PDEATHSIG, SIGKILL);
       Listener ignored;
       const ConversionCache forever(folder, [](const ConvertOptions& options, ProgressSink&) {
         std::ofstream(options.target + ".tmp") << "begun";
@@ -188,9 +190,13 @@ TEST_F(ConversionCacheTest, ChangedSourceReplacesItsEntry) {
   write("model.gguf", "GGUF more weights");
   EXPECT_EQ(1, conversionsToOpen());
   expectOneEntryAlone();
-  // Of the same size, a nanosecond later.
   const fs::path path = dir.file("model.gguf");
-  fs::last_write_time(path, fs::last_write_time(path) + std::chrono::nanoseconds(1));
+  const fs::file_time_type time = fs::last_write_time(path);
+  write("model.gguf", "GGUF less");
+  fs::last_write_time(path, time);
+  EXPECT_EQ(1, conversionsToOpen());
+  // Of the same size, a nanosecond later.
+  fs::last_write_time(path, time + std::chrono::nanoseconds(1));
   EXPECT_EQ(1, conversionsToOpen());
   EXPECT_EQ(0, conversionsToOpen());
   expectOneEntryAlone();
