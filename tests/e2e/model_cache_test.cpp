@@ -5,11 +5,13 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/convert/slow_checkpoint.h"
 #include "tests/e2e/fixture.h"
 #include "tests/support/demo_gguf.h"
 #include "tests/support/scoped_env.h"
@@ -234,6 +236,89 @@ TEST_F(ModelCacheTest, NoHomeNamesTheWayOut) {
   EXPECT_NE(outcome.err.find("neither XDG_CACHE_HOME nor HOME"), std::string::npos) << outcome.err;
   EXPECT_NE(outcome.err.find("--no-cache"), std::string::npos) << outcome.err;
   EXPECT_EQ(zym({"cache", "list"}).status, 1);
+}
+
+// A model whose conversion takes seconds, and commands on it that are stopped.
+class StoppedOpeningTest : public ModelCacheTest {
+ protected:
+  void SetUp() override {
+    ModelCacheTest::SetUp();
+    kel::test::writeSlowCheckpoint(slow);
+  }
+
+  // A command on the model, whose process id is in the file `name`.
+  std::thread start(const std::string& name, Outcome& outcome) const {
+    return std::thread([this, name, &outcome] {
+      outcome =
+          testing_support::runProcess({"sh", "-c",
+                                       "echo $$ >" + (folder / name).string() + "; exec " +
+                                           ZYM_PROGRAM + " info " + slow + " 2>" + messages(name)});
+    });
+  }
+  std::string messages(const std::string& name) const { return folder / (name + ".err"); }
+  void stop(const std::string& signalName, const std::string& name) const {
+    EXPECT_EQ(testing_support::runProcess(
+                  {"sh", "-c", "kill -" + signalName + " $(cat " + (folder / name).string() + ")"})
+                  .status,
+              0);
+  }
+  static std::string read(const std::string& path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  static bool eventually(const std::function<bool()>& holds) {
+    const auto until = std::chrono::steady_clock::now() + kPatience;
+    while (!holds() && std::chrono::steady_clock::now() < until) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return holds();
+  }
+  // Whether a conversion has begun to write.
+  bool isUnderWay() const {
+    if (fs::exists(cache)) {
+      for (const fs::directory_entry& entry : fs::directory_iterator(cache)) {
+        if (entry.path().extension() == ".partial" && !fs::is_empty(entry.path())) {
+          return true;
+        }
+      }
+    }
+    return false;
+  }
+
+  std::string slow = folder / "slow";
+};
+
+TEST_F(StoppedOpeningTest, CtrlCKeepsNothing) {
+  Outcome outcome;
+  std::thread command = start("only", outcome);
+  EXPECT_TRUE(eventually([&] { return isUnderWay(); }));
+  stop("INT", "only");
+  command.join();
+  EXPECT_EQ(outcome.status, 130);
+  EXPECT_EQ(read(messages("only")), converting(slow) + "zym: stopped; nothing was kept\n");
+  EXPECT_TRUE(fs::is_empty(cache));
+}
+
+TEST_F(StoppedOpeningTest, CtrlCEndsTheWaitForAnotherProcess) {
+  Outcome first;
+  Outcome second;
+  std::thread converter = start("first", first);
+  EXPECT_TRUE(eventually([&] { return isUnderWay(); }));
+  stop("STOP", "first");  // it cannot end before the other is stopped
+  std::thread waiter = start("second", second);
+  const std::string waiting =
+      "(another process converts " + slow + "; waiting for it, Ctrl-C stops)\n";
+  EXPECT_TRUE(eventually([&] { return read(messages("second")) == waiting; }));
+  stop("INT", "second");
+  waiter.join();
+  EXPECT_EQ(second.status, 130);
+  EXPECT_TRUE(isUnderWay());
+  stop("KILL", "first");
+  converter.join();
+  EXPECT_EQ(first.status, 128 + SIGKILL);
+  EXPECT_TRUE(entries().empty());
+  EXPECT_EQ(zym({"cache", "clear"}).status, 0);
+  EXPECT_TRUE(fs::is_empty(cache));
 }
 
 // Stands in for a disk that fills up behind the check of the free space.
