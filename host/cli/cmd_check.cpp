@@ -27,8 +27,14 @@ std::vector<Fault> faultsOf(const std::string& path) {
                         [&](uint64_t done, uint64_t total) { progress.update(done, total); });
 }
 
-// given: what path was asked for as.
-int check(const std::string& path, const std::string& given) {
+// What makes a faulty container anew: one in the cache is no file of the user's.
+std::string remedy(const std::string& container, const ModelArgument& model) {
+  return container == model.given || model.withoutCache
+             ? "`zym convert` makes the file anew"
+             : fmt::format("`zym cache clear {}` has it converted anew", model.given);
+}
+
+int check(const std::string& path, const ModelArgument& model) {
   const kel::Status status = checkInputFile(path);
   if (!status.ok()) {
     complain(status.message);
@@ -40,11 +46,11 @@ int check(const std::string& path, const std::string& given) {
                 withoutControls(replaceInvalid(fault.what)).c_str());
   }
   if (!faults.empty()) {
-    complain(fmt::format("{}: {} {}; `zym convert` makes the file anew", given, faults.size(),
-                         faults.size() == 1 ? "fault" : "faults"));
+    complain(fmt::format("{}: {} {}; {}", model.given, faults.size(),
+                         faults.size() == 1 ? "fault" : "faults", remedy(path, model)));
     return 1;
   }
-  std::printf("%s: can be run\n", given.c_str());
+  std::printf("%s: can be run\n", model.given.c_str());
   return 0;
 }
 
@@ -56,7 +62,7 @@ void addCheck(CLI::App& program, Action& action) {
   const auto model = addModelArgument(*command);
   addExamples(*command, "  zym check model.zym && zym chat model.zym");
   command->callback([path, model, &action] {
-    action = onModel(model, *path, [path, model] { return check(*path, model->given); });
+    action = onModel(model, *path, [path, model] { return check(*path, *model); });
   });
 }
 

@@ -204,6 +204,24 @@ TEST_F(ModelCacheTest, ChangedCheckpointIsConvertedAnew) {
   EXPECT_EQ(entries().size(), 1U);
 }
 
+TEST_F(ModelCacheTest, CheckOfAContainerThatWasDamagedInPlaceSaysHowToGetAnother) {
+  ASSERT_EQ(zym({"check", ZYM_DEMO_FOLDER}).status, 0);
+  const std::string container = entries().at(0)["container"];
+  std::fstream file(container, std::ios::in | std::ios::out | std::ios::binary);
+  const auto middle = static_cast<std::streamoff>(fs::file_size(container) / 2);
+  file.seekg(middle);
+  const int byte = file.get();
+  file.seekp(middle);
+  file.put(static_cast<char>(byte ^ 1));
+  file.close();
+  const Outcome check = zym({"check", ZYM_DEMO_FOLDER});
+  EXPECT_EQ(check.status, 1);
+  EXPECT_EQ(check.err, "zym: " ZYM_DEMO_FOLDER ": 1 fault; `zym cache clear " ZYM_DEMO_FOLDER
+                       "` has it converted anew\n");
+  ASSERT_EQ(zym({"cache", "clear", ZYM_DEMO_FOLDER}).status, 0);
+  EXPECT_EQ(zym({"check", ZYM_DEMO_FOLDER}).status, 0);
+}
+
 TEST_F(ModelCacheTest, RefusedSourceIsOneClearLineAndLeavesNothing) {
   const std::string copy = checkpoint();
   fs::resize_file(fs::path(copy) / "model.safetensors", 20'000'000);
