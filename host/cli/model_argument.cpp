@@ -77,6 +77,16 @@ class ModelWatch : public CacheListener {
   CancelScope scope{FurtherInterrupt::IsIgnored};
 };
 
+// A converter's message names files inside a model, or none at all.
+kel::Status about(const std::string& given, const ModelSource& source, kel::Status status) {
+  const bool named = status.message.find(given) != std::string::npos ||
+                     status.message.find(source.path) != std::string::npos;
+  if (!status.ok() && !named) {
+    status.message.insert(0, given + ": ");
+  }
+  return status;
+}
+
 // 0, or the exit status of a failure that has been told.
 int told(const kel::Status& status, bool cancelled) {
   if (cancelled) {
@@ -104,7 +114,8 @@ int openCached(const std::string& given, const ModelSource& source, std::string&
       ConversionCache(*folder).open(source, static_cast<unsigned>(threadCount()), watch);
   watch.end();
   // One that came too late to stop the conversion still ends the command.
-  const int status = told(result.status, result.cancelled || watch.cancelled());
+  const int status =
+      told(about(given, source, result.status), result.cancelled || watch.cancelled());
   container = std::move(result.container);
   return status;
 }
@@ -116,7 +127,8 @@ int openTemporary(const std::string& given, const ModelSource& source,
   const kel::convert::ConvertResult result =
       temporary.make(source, static_cast<unsigned>(threadCount()), watch);
   watch.end();
-  const int status = told(result.status, result.cancelled || watch.cancelled());
+  const int status =
+      told(about(given, source, result.status), result.cancelled || watch.cancelled());
   if (status == 0) {
     container = temporary.path();
     remark(fmt::format("(the container takes {} in {} until the end)", bytesText(temporary.bytes()),

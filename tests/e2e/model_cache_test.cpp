@@ -228,8 +228,12 @@ TEST_F(ModelCacheTest, RefusedSourceIsOneClearLineAndLeavesNothing) {
   const Outcome outcome = zym({"chat", copy});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.out, "");
-  EXPECT_NE(outcome.err.find("\nzym: "), std::string::npos) << outcome.err;
+  EXPECT_EQ(outcome.err.rfind(converting(copy) + "zym: " + copy + ": ", 0), 0U) << outcome.err;
   EXPECT_NE(outcome.err.find("lies outside the file"), std::string::npos) << outcome.err;
+  EXPECT_EQ(zym({"info", copy, "--no-cache"})
+                .err.rfind("(converting " + copy + " for this run alone)\nzym: " + copy + ": ", 0),
+            0U);
+  EXPECT_TRUE(fs::is_empty(temporary));
   EXPECT_TRUE(fs::is_empty(cache));
 }
 

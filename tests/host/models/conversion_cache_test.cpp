@@ -362,6 +362,33 @@ TEST_F(ConversionCacheTest, TwoAtOnceMakeOneConversion) {
   expectOneEntryAlone();
 }
 
+TEST_F(ConversionCacheTest, WhoeverWaitsTakesOverFromAFailure) {
+  std::atomic<bool> begun = false;
+  std::atomic<bool> mayEnd = false;
+  const ConversionCache failing(folder, [&](const ConvertOptions&, ProgressSink&) {
+    begun = true;
+    while (!mayEnd) {
+      std::this_thread::sleep_for(kPause);
+    }
+    ConvertResult result;
+    result.status = Status::ioError("not enough memory");
+    return result;
+  });
+  CacheResult first;
+  std::thread other([&] {
+    Listener ignored;
+    first = failing.open(source(), 1, ignored);
+  });
+  while (!begun) {
+    std::this_thread::sleep_for(kPause);
+  }
+  listener.whenWaiting = [&] { mayEnd = true; };
+  EXPECT_EQ(1, conversionsToOpen());
+  other.join();
+  EXPECT_EQ("not enough memory", first.status.message);
+  EXPECT_EQ(1, listener.waits);
+}
+
 TEST_F(ConversionCacheTest, WaitingCanBeStopped) {
   const pid_t child = childThatConvertsForever();
   listener.whenWaiting = [&] { listener.cancel = true; };
