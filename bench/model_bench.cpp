@@ -87,12 +87,12 @@ PartTimes timeParts(qwen35::Context& context, qwen35::Model& m, const std::vecto
     }
     addToX();
     qwen35::rmsNorm(x.data(), qwen35::floats(layer.postAttnNorm), normed.data(), m.nEmbd,
-                    qwen35::kNormEps);
+                    m.normEps);
     timed(kFeedForward,
           [&](const qwen35::Work& w) { feedForward(w, layer, normed.data(), y.data()); });
     addToX();
   }
-  qwen35::rmsNorm(x.data(), qwen35::floats(m.outputNorm), x.data(), m.nEmbd, qwen35::kNormEps);
+  qwen35::rmsNorm(x.data(), qwen35::floats(m.outputNorm), x.data(), m.nEmbd, m.normEps);
   timed(kHead, [&](const qwen35::Work& w) { head(w, x.data(), logits.data()); });
   return times;
 }

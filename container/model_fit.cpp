@@ -125,7 +125,8 @@ class Checker {
 
   void checkGroup(TensorGroup group, uint32_t layer) {
     for (const ModelTensor& tensor : tensorsOf(group)) {
-      if (tensor.required || hasBiases) {
+      const bool isAsked = tensor.role == TensorRole::Output ? shape.ownOutput : hasBiases;
+      if (tensor.required || isAsked) {
         check(tensor, tensorName(tensor, layer));
       }
     }

@@ -24,7 +24,8 @@ struct ModelFault {
 // At most one fault per tensor, in binding order after those of the model.
 //
 // A layer is linear attention where it has ssm_out.weight, its feed-forward width is that of
-// ffn_gate.weight, and biases count where attn_q.bias exists: then all three must be there. Rows of
+// ffn_gate.weight, and biases count where attn_q.bias exists: then all three must be there.
+// output.weight counts where the shape says that the model has its own. Rows of
 // a matrix are F32, BF16, Q8_0, Q4_K or Q5_K, of whole blocks, and covered by the tensor's bytes,
 // which lie in the weight section. A vector is read as floats and may be longer than needed; of the
 // record only its dimensions and place count, so neither label nor byte size is looked at. Any

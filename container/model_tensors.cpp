@@ -37,12 +37,13 @@ constexpr auto kChannels = ofShape<&ModelShape::convChannels>;
 constexpr auto kTaps = ofShape<&ModelShape::convTaps>;
 constexpr auto kValueWidth = ofShape<&ModelShape::linearValueWidth>;
 constexpr auto kValueHeads = ofShape<&ModelShape::linearValueHeads>;
-constexpr auto kLinearHeadDim = ofShape<&ModelShape::linearHeadDim>;
+constexpr auto kValueDim = ofShape<&ModelShape::linearValueDim>;
 
 // In the order of the roles.
 constexpr ModelTensor kTensors[] = {
     {Role::Embedding, Model, Matrix, "token_embd.weight", kVocab, kHidden},
     {Role::OutputNorm, Model, Vector, "output_norm.weight", one, kHidden},
+    {Role::Output, Model, Matrix, "output.weight", kVocab, kHidden, false},
 
     {Role::AttnNorm, Common, Vector, "attn_norm.weight", one, kHidden},
     {Role::PostAttnNorm, Common, Vector, "post_attention_norm.weight", one, kHidden},
@@ -57,7 +58,7 @@ constexpr ModelTensor kTensors[] = {
     {Role::SsmDtBias, Linear, Vector, "ssm_dt.bias", one, kValueHeads},
     {Role::SsmA, Linear, Vector, "ssm_a", one, kValueHeads},
     {Role::SsmConv1d, Linear, ConvTaps, "ssm_conv1d.weight", kChannels, kTaps},
-    {Role::SsmNorm, Linear, Vector, "ssm_norm.weight", one, kLinearHeadDim},
+    {Role::SsmNorm, Linear, Vector, "ssm_norm.weight", one, kValueDim},
     {Role::SsmOut, Linear, Matrix, "ssm_out.weight", kHidden, kValueWidth},
 
     {Role::AttnQ, Full, Matrix, "attn_q.weight", kQueryRows, kHidden},

@@ -13,8 +13,9 @@
 namespace kel {
 
 enum class TensorRole : uint8_t {
-  Embedding,  // serves as the output head too
+  Embedding,  // serves as the output head where that is tied
   OutputNorm,
+  Output,
   AttnNorm,
   PostAttnNorm,
   FfnGate,
@@ -71,7 +72,8 @@ struct ModelTensor {
   std::string_view suffix;  // the name without its layer
   Extent rows;              // 1 for a vector
   Extent columns;           // elements of a vector
-  // Biases are not: a layer that has the query bias has all three, any other is used without.
+  // Biases are not: a layer that has the query bias has all three, any other is used without. Nor
+  // is the output head: it is there where the shape says that the model has its own.
   bool required = true;
 };
 

@@ -37,7 +37,8 @@ enum class Preset : uint8_t {
 };
 
 // How matrices are stored. With neither type nor preset, what the runtime can use is kept as it is
-// and the rest becomes Q8_0. Types are F32, BF16, Q8_0, Q5_K and Q4_K.
+// and the rest is stored in the smallest type that keeps its precision. Types are F32, BF16, Q8_0,
+// Q5_K and Q4_K.
 struct StorageChoice {
   std::optional<QuantType> type;           // of every matrix; excludes a preset
   std::optional<Preset> preset;            //
@@ -105,10 +106,10 @@ struct ConvertResult {
 // Throws nothing. The source must not change meanwhile.
 ConvertResult convertModel(const ConvertOptions& options, ProgressSink& progress);
 
-// "f32", "bf16", "q8_0", "q5_k", "q4_k"; none for any other text.
+// "f32", "bf16", "q8_0", "q5_k", "q4_k", in small letters or capitals; none for any other text.
 std::optional<QuantType> storageTypeByName(std::string_view name);
 
-// "small", "balanced", "best", "full"; none for any other text.
+// "small", "balanced", "best", "full", in small letters or capitals; none for any other text.
 std::optional<Preset> presetByName(std::string_view name);
 
 std::string_view presetName(Preset preset);

@@ -20,6 +20,7 @@ struct Origin {
 constexpr Origin kOrigins[] = {
     {Role::Embedding, "embed_tokens.weight"},
     {Role::OutputNorm, "norm.weight", ValueForm::Norm},
+    {Role::Output, "lm_head.weight"},
     {Role::AttnNorm, "input_layernorm.weight", ValueForm::Norm},
     {Role::PostAttnNorm, "post_attention_layernorm.weight", ValueForm::Norm},
     {Role::FfnGate, "mlp.gate_proj.weight"},
@@ -51,16 +52,16 @@ HeadAxis headAxis(Role role, const ModelShape& shape) {
   switch (role) {
     case Role::AttnQkv:
     case Role::SsmConv1d:  // queries and keys come before the values
-      return {Kind::Rows, 2 * shape.linearKeyWidth(), shape.linearHeadDim};
+      return {Kind::Rows, 2 * shape.linearKeyWidth(), shape.linearValueDim};
     case Role::AttnGate:
-      return {Kind::Rows, 0, shape.linearHeadDim};
+      return {Kind::Rows, 0, shape.linearValueDim};
     case Role::SsmBeta:
     case Role::SsmAlpha:
     case Role::SsmDtBias:
     case Role::SsmA:
       return {Kind::Rows, 0, 1};
     case Role::SsmOut:
-      return {Kind::Columns, 0, shape.linearHeadDim};
+      return {Kind::Columns, 0, shape.linearValueDim};
     default:
       return {};
   }

@@ -8,6 +8,7 @@
 #include "convert/mapped_file.h"
 #include "quant/bfloat16.h"
 #include "quant/blocks.h"
+#include "quant/least_squares_k.h"
 
 namespace kel::convert {
 
@@ -46,9 +47,9 @@ void encodeRow(QuantType type, const float* values, size_t n, uint8_t* out) {
     case QuantType::Q8_0:
       return quant::quantQ80(values, out, n);
     case QuantType::Q4_K:
-      return quant::quantQ4K(values, out, n);
+      return quant::leastSquaresQ4K(values, out, n);
     case QuantType::Q5_K:
-      return quant::quantQ5K(values, out, n);
+      return quant::leastSquaresQ5K(values, out, n);
     default:
       std::memcpy(out, values, n * sizeof(float));
   }

@@ -268,15 +268,16 @@ std::vector<float> weightedRows(Call call, const KernelTable& table) {
 }
 
 std::vector<float> deltaStepped(Call call, const KernelTable& table) {
-  const size_t dim = call.cols % kMaxDim;
+  const size_t keyDim = call.cols % kMaxDim;
+  const size_t valueDim = call.rows % kMaxDim;
   const float decay = call.source.number();
   const float beta = call.source.number();
   const float scale = call.source.number();
-  Floating state(call.source, dim * dim);
-  Floating q(call.source, dim);
-  Floating k(call.source, dim);
-  Floating v(call.source, dim);
-  table.deltaStep(state.data(), q.data(), k.data(), v.data(), dim, decay, beta, scale);
+  Floating state(call.source, keyDim * valueDim);
+  Floating q(call.source, keyDim);
+  Floating k(call.source, keyDim);
+  Floating v(call.source, valueDim);
+  table.deltaStep(state.data(), q.data(), k.data(), v.data(), keyDim, valueDim, decay, beta, scale);
   std::vector<float> out = state.result();
   const std::vector<float> values = v.result();
   out.insert(out.end(), values.begin(), values.end());

@@ -28,7 +28,7 @@ bool initLinearLayer(const kel::ZYMLoader& loader, uint32_t index, const Model& 
   if (!bindGroup(loader, kel::TensorGroup::Linear, index, layer)) {
     return false;
   }
-  layer.ssmState = StateBuffer(m.ssmDState * m.ssmDState * m.ssmHeads);
+  layer.ssmState = StateBuffer(m.ssmDState * m.ssmDValue() * m.ssmHeads);
   layer.convState = StateBuffer(m.convChannels() * (m.convKernel - 1));
   return true;
 }
@@ -57,7 +57,7 @@ bool initLayer(const kel::ZYMLoader& loader, uint32_t index, const Model& m, siz
 
 }  // namespace
 
-bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
+bool initLayers(const kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
   m.layers.clear();
   m.layers.resize(m.shape.layers);
   for (uint32_t i = 0; i < m.shape.layers; ++i) {
@@ -69,10 +69,12 @@ bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
   return true;
 }
 
-bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
+bool bindModel(const kel::ZYMLoader& loader, Model& m, size_t maxCtx) {
   m.tokEmbd = findTensor(loader, kel::TensorRole::Embedding);
   m.outputNorm = findTensor(loader, kel::TensorRole::OutputNorm);
-  if (m.tokEmbd == nullptr || m.outputNorm == nullptr) {
+  m.output = m.shape.ownOutput ? findTensor(loader, kel::TensorRole::Output) : nullptr;
+  if (m.tokEmbd == nullptr || m.outputNorm == nullptr ||
+      (m.shape.ownOutput && m.output == nullptr)) {
     return false;
   }
   m.nEmbd = m.tokEmbd->dims[0];

@@ -133,7 +133,7 @@ void normStep(const Work& w, const ResidualSum& residual, const kel::TensorView*
   const size_t n = w.m.nEmbd;
   w.member.forEach(w.count, [&](size_t token) {
     const float* row = residual.add(token, n);
-    rmsNorm(row, floats(weights), normed + token * n, n, kNormEps);
+    rmsNorm(row, floats(weights), normed + token * n, n, w.m.normEps);
     prepareInput(w.kernels(), in, token, 0, n);
   });
 }

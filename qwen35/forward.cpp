@@ -1,6 +1,7 @@
 #include "qwen35/forward.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cassert>
 #include <chrono>
 
@@ -11,6 +12,10 @@
 namespace qwen35 {
 
 namespace {
+
+const kel::TensorView* outputMatrix(const Model& m) {
+  return m.output == nullptr ? m.tokEmbd : m.output;
+}
 
 // What a pass of one token shows of itself when asked to.
 struct Trace {
@@ -96,7 +101,17 @@ void runLayer(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x
   }
 }
 
-void runPass(const Work& w, Model& m, const PassRequest& request, Trace* trace) {
+bool isSet(const volatile int* flag) {
+  return flag != nullptr && __atomic_load_n(flag, __ATOMIC_RELAXED) != 0;
+}
+
+// Of a pass that is to be cancelled: the layer before which it ends. Whether a member sees the
+// layer of a later step is all the same, as it compares with its own.
+using StopLayer = std::atomic<size_t>;
+constexpr size_t kNoLayer = SIZE_MAX;
+
+void runPass(const Work& w, Model& m, const PassRequest& request, Trace* trace,
+             StopLayer& stopLayer) {
   const PassBuffers& at = w.at();
   w.member.forEach(w.count, [&](size_t token) {
     std::copy_n(request.embeddings + token * m.nEmbd, m.nEmbd, at.x + token * m.nEmbd);
@@ -104,6 +119,17 @@ void runPass(const Work& w, Model& m, const PassRequest& request, Trace* trace) 
   });
   ResidualSum x{at.x, nullptr, at.x};
   for (size_t l = 0; l < m.nLayer; ++l) {
+    if (request.cancel != nullptr) {
+      // A step, so that all members come to the same answer.
+      w.member.once([&] {
+        if (isSet(request.cancel)) {
+          stopLayer = l;
+        }
+      });
+      if (stopLayer <= l) {
+        return;
+      }
+    }
     runLayer(w, m.layers[l], l, x, trace);
     x = {at.residual, at.blockOut, at.x};
   }
@@ -135,13 +161,13 @@ void feedForward(const Work& w, const Layer& layer, const float* normed, float* 
 }
 
 void head(const Work& w, const float* normed, float* logits) {
-  const Matmul product[] = {{w.m.tokEmbd, logits, w.m.nVocab, /*assigns=*/true}};
+  const Matmul product[] = {{outputMatrix(w.m), logits, w.m.nVocab, /*assigns=*/true}};
   const MatmulInput in = w.input(normed, w.m.nEmbd, product);
   w.prepare(in);
   w.multiply(in, product);
 }
 
-void forward(Context& context, Model& m, const PassRequest& request) {
+bool forward(Context& context, Model& m, const PassRequest& request) {
   assert(request.count >= 1 && request.count <= context.maxTokens());
   using Clock = std::chrono::steady_clock;
   const Clock::time_point start = Clock::now();
@@ -156,11 +182,18 @@ void forward(Context& context, Model& m, const PassRequest& request) {
       request.before->layer(l).taken = m.layers[l].isLinear && !asked.skips(true);
     }
   }
+  StopLayer stopLayer = kNoLayer;
   context.team().run([&](Team::Member& member) {
     const Work w{context,       member, m, request.count, request.pos, request.arithmetic,
                  request.before};
-    runPass(w, m, request, traced ? &trace : nullptr);
+    runPass(w, m, request, traced ? &trace : nullptr, stopLayer);
   });
+  if (stopLayer != kNoLayer) {
+    for (size_t l = stopLayer; request.before != nullptr && l < m.layers.size(); ++l) {
+      request.before->layer(l).taken = false;  // as it was
+    }
+    return false;
+  }
   for (Layer& layer : m.layers) {
     if (!layer.isLinear && !asked.skips(false) && layer.pos + request.count <= m.maxCtx) {
       layer.pos += request.count;
@@ -170,6 +203,7 @@ void forward(Context& context, Model& m, const PassRequest& request) {
     printHiddenTiming(request.pos,
                       std::chrono::duration<double, std::milli>(Clock::now() - start).count());
   }
+  return true;
 }
 
 void ffnStep(size_t nEmbd, Layer& layer, const float* xn, float* out) {

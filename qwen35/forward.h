@@ -1,6 +1,6 @@
-// The forward pass: one or several tokens through the whole model, 32 layers of attention and
-// feed-forward with residual connections, the final norm, and the output head tied to the token
-// embeddings.
+// The forward pass: one or several tokens through the whole model, layers of attention and
+// feed-forward with residual connections, the final norm, and the output head: a matrix of its own
+// or the token embeddings.
 //
 // The model must have passed findUnfitTensor (qwen35/run_check.h). Positions are consecutive from 0
 // after resetModel; the tokens of a pass fit below m.maxCtx (beyond, attention adds nothing and
@@ -25,6 +25,7 @@ struct PassRequest {
   float* logits = nullptr;     // [nVocab] of the last token; may be null: the head is then left out
   Snapshot* before = nullptr;  // receives the recurrent state as it was; may be null
   bool allLogits = false;      // logits is [count][nVocab], for every token
+  const volatile int* cancel = nullptr;  // looked at before each layer; may be null
 };
 
 // Advances every layer by request.count tokens. A token's results depend on the tokens before it
@@ -33,7 +34,11 @@ struct PassRequest {
 //
 // QWEN35_ABLATE and QWEN35_NODECAY apply to every pass; the printing diagnostics watch passes of
 // one token.
-void forward(Context& context, Model& m, const PassRequest& request);
+//
+// False when *cancel was not 0, as another thread or a signal handler may have stored meanwhile:
+// some layers are then advanced and others are not, and hidden and logits are unspecified. `before`
+// takes the model back.
+bool forward(Context& context, Model& m, const PassRequest& request);
 
 // The blocks of a pass beside attention, called by all members of the team. normed: their input,
 // [count][nEmbd]; out: [count][nEmbd]; logits: [count][nVocab].

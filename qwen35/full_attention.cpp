@@ -14,9 +14,6 @@ namespace {
 // still subtracts to -infinity.
 constexpr float kNoScore = -1e30f;
 
-// 1 / sqrt(256), for the one head width there is.
-constexpr float kScoreScale = 0.0625f;
-
 // Cache rows of a piece of scores, and those that all queries take their turn at: they fit L1,
 // beside the queries.
 constexpr size_t kRowsPerPiece = 64;
@@ -43,10 +40,10 @@ void addTo(float* buffer, const float* bias, size_t n) {
 }
 
 // Scales scores in place; returns their maximum.
-float scale(std::span<float> scores) {
+float scale(std::span<float> scores, float factor) {
   float highest = kNoScore;
   for (float& score : scores) {
-    score *= kScoreScale;
+    score *= factor;
     highest = std::max(highest, score);
   }
   return highest;
@@ -70,7 +67,8 @@ class Heads {
         at(work.at()),
         layer(attended),
         d(m.headDim),
-        group(m.nHead / m.nHeadKv) {}
+        group(m.nHead / m.nHeadKv),
+        scoreScale(1.0f / std::sqrt(static_cast<float>(d))) {}
 
   size_t width() const { return m.nHead * d; }
   size_t kvWidth() const { return m.nHeadKv * d; }
@@ -85,12 +83,12 @@ class Heads {
       const RopeAngle* angles = at.angles + token * (m.ropeDim / 2);
       const size_t row = (g * m.maxCtx + layer.pos + token) * d;
       float* key = layer.kCache.data() + row;
-      rmsNorm(at.key + token * kvWidth() + g * d, floats(layer.attnKNorm), key, d, kNormEps);
+      rmsNorm(at.key + token * kvWidth() + g * d, floats(layer.attnKNorm), key, d, m.normEps);
       rotate(angles, m.ropeDim / 2, key);
       std::copy_n(at.value + token * kvWidth() + g * d, d, layer.vCache.data() + row);
       for (size_t h = g * group; h < (g + 1) * group; ++h) {
         float* query = headQuery(token, h);
-        rmsNorm(projected(token, h), floats(layer.attnQNorm), query, d, kNormEps);
+        rmsNorm(projected(token, h), floats(layer.attnQNorm), query, d, m.normEps);
         rotate(angles, m.ropeDim / 2, query);
       }
     });
@@ -169,7 +167,7 @@ class Heads {
 
   void softmax(size_t begin, size_t token, size_t h, size_t layerIdx) const {
     const std::span<float> own(scores(begin, token, h), positions(token));
-    const float highest = scale(own);
+    const float highest = scale(own, scoreScale);
     if (h == 0 && w.count == 1 && w.diagnostics().reportsScores(w.pos, layerIdx)) {
       printScoreStatistics(own.data(), own.size() - 1, highest);
     }
@@ -205,6 +203,7 @@ class Heads {
   Layer& layer;
   size_t d;
   size_t group;  // query heads that share a key/value head
+  float scoreScale;
 };
 
 }  // namespace

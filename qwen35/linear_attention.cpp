@@ -9,6 +9,8 @@ namespace qwen35 {
 
 namespace {
 
+constexpr size_t kFamilyTaps = 4;
+
 // The tokens of a pass between the projections of one layer.
 class Mixer {
  public:
@@ -18,23 +20,25 @@ class Mixer {
         at(work.at()),
         layer(mixed),
         before(w.before == nullptr ? nullptr : &w.before->layer(layerIdx)),
-        d(m.ssmDState),
-        keyFloats(m.ssmGroups * d),
+        keyDim(m.ssmDState),
+        valueDim(m.ssmDValue()),
+        keyFloats(m.ssmGroups * keyDim),
         channels(m.convChannels()),
-        scale(1.0f / std::sqrt(static_cast<float>(d))) {}
+        history(m.shape.convTaps - 1),
+        scale(1.0f / std::sqrt(static_cast<float>(keyDim))) {}
 
   // A step, a piece for each key head with the value heads that read it: no two pieces share a
   // channel or a state. Tokens stay in order within a channel and within a head.
   void mix() const {
     w.member.forEach(m.ssmGroups, [&](size_t g) {
-      convolveAll(g * d);
-      convolveAll(keyFloats + g * d);
+      convolveAll(g * keyDim, keyDim);
+      convolveAll(keyFloats + g * keyDim, keyDim);
       for (size_t token = 0; token < w.count; ++token) {
-        unitLength(token, g * d);
-        unitLength(token, keyFloats + g * d);
+        unitLength(token, g * keyDim);
+        unitLength(token, keyFloats + g * keyDim);
       }
       for (size_t h = g; h < m.ssmHeads; h += m.ssmGroups) {
-        convolveAll(2 * keyFloats + h * d);
+        convolveAll(2 * keyFloats + h * valueDim, valueDim);
         saveHead(h);
         for (size_t token = 0; token < w.count; ++token) {
           openGates(token, h);
@@ -47,46 +51,61 @@ class Mixer {
 
  private:
   // The state before the first token, as it comes to be read anyway.
-  void saveChannels(size_t begin) const {
+  void saveChannels(size_t begin, size_t count) const {
     if (before != nullptr) {
-      std::copy_n(layer.convState.data() + begin * kConvHistory, d * kConvHistory,
-                  before->conv.data() + begin * kConvHistory);
+      std::copy_n(layer.convState.data() + begin * history, count * history,
+                  before->conv.data() + begin * history);
     }
   }
   void saveHead(size_t h) const {
+    const size_t floats = keyDim * valueDim;
     if (before != nullptr) {
-      std::copy_n(layer.ssmState.data() + h * d * d, d * d, before->ssm.data() + h * d * d);
+      std::copy_n(layer.ssmState.data() + h * floats, floats, before->ssm.data() + h * floats);
     }
   }
 
-  // Four taps over an input and the three before it, for the d channels from `begin` on; then the
-  // inputs move up. The state keeps raw projections, before convolution and activation.
-  void convolve(const float* in, float* out, size_t begin) const {
+  // The taps over an input and those before it, for `count` channels from `begin` on; then the
+  // inputs move up. The state keeps raw projections, before convolution and activation. The
+  // compiler unrolls kTaps; 0 stands for any number.
+  template <size_t kTaps>
+  void convolve(const float* in, float* out, size_t begin, size_t count) const {
     const size_t stride = layer.ssmConv1d->dims[0];
-    for (size_t c = begin; c < begin + d; ++c) {
+    const size_t earlier = kTaps == 0 ? history : kTaps - 1;
+    for (size_t c = begin; c < begin + count; ++c) {
       const float* tap = floats(layer.ssmConv1d) + c * stride;
-      float* past = layer.convState.data() + c * kConvHistory;
-      const float oldest = std::fma(tap[0], past[0], 0.0f);
-      out[c] =
-          std::fma(tap[3], in[c], std::fma(tap[2], past[2], std::fma(tap[1], past[1], oldest)));
-      past[0] = past[1];
-      past[1] = past[2];
-      past[2] = in[c];
+      float* past = layer.convState.data() + c * earlier;
+      float sum = 0.0f;
+      for (size_t i = 0; i < earlier; ++i) {
+        sum = std::fma(tap[i], past[i], sum);
+      }
+      out[c] = std::fma(tap[earlier], in[c], sum);
+      for (size_t i = 0; i + 1 < earlier; ++i) {
+        past[i] = past[i + 1];
+      }
+      if (earlier > 0) {
+        past[earlier - 1] = in[c];
+      }
     }
-    w.kernels().sigmoidGate(out + begin, out + begin, out + begin, d);
+    w.kernels().sigmoidGate(out + begin, out + begin, out + begin, count);
   }
 
-  void convolveAll(size_t begin) const {
-    saveChannels(begin);
+  void convolveAll(size_t begin, size_t count) const {
+    saveChannels(begin, count);
     for (size_t token = 0; token < w.count; ++token) {
-      convolve(at.qkv + token * channels, at.conv + token * channels, begin);
+      const float* in = at.qkv + token * channels;
+      float* out = at.conv + token * channels;
+      if (history == kFamilyTaps - 1) {
+        convolve<kFamilyTaps>(in, out, begin, count);
+      } else {
+        convolve<0>(in, out, begin, count);
+      }
     }
   }
 
   // The query or the key at channel `begin`.
   void unitLength(size_t token, size_t begin) const {
     l2NormBlocks(at.conv + token * channels + begin, at.unitKeys + token * 2 * keyFloats + begin, 1,
-                 d, kNormEps);
+                 keyDim, m.normEps);
   }
 
   // From projections to write strength in (0, 1) and log-decay, at most 0.
@@ -102,22 +121,22 @@ class Mixer {
 
   // The value of head h becomes its output.
   void update(size_t token, size_t h, size_t g) const {
-    const float* query = at.unitKeys + token * 2 * keyFloats + g * d;
+    const float* query = at.unitKeys + token * 2 * keyFloats + g * keyDim;
     const float logDecay = w.diagnostics().noDecay ? 0.0f : at.decay[token * m.ssmHeads + h];
     float decay;
     w.kernels().exponentials(&logDecay, 0.0f, &decay, 1);
-    w.kernels().deltaStep(layer.ssmState.data() + h * d * d, query, query + keyFloats,
-                          at.conv + token * channels + 2 * keyFloats + h * d, d, decay,
-                          at.beta[token * m.ssmHeads + h], scale);
+    w.kernels().deltaStep(layer.ssmState.data() + h * keyDim * valueDim, query, query + keyFloats,
+                          at.conv + token * channels + 2 * keyFloats + h * valueDim, keyDim,
+                          valueDim, decay, at.beta[token * m.ssmHeads + h], scale);
   }
 
   // Norm of head h with one set of weights for all, then the gate: silu(z).
   void normaliseAndGate(size_t token, size_t h) const {
-    const float* value = at.conv + token * channels + 2 * keyFloats + h * d;
-    const float* z = at.z + token * m.ssmInner + h * d;
-    float* out = at.ssmOut + token * m.ssmInner + h * d;
-    rmsNorm(value, floats(layer.ssmNorm), out, d, kNormEps);
-    w.kernels().siluGate(out, z, out, d);
+    const float* value = at.conv + token * channels + 2 * keyFloats + h * valueDim;
+    const float* z = at.z + token * m.ssmInner + h * valueDim;
+    float* out = at.ssmOut + token * m.ssmInner + h * valueDim;
+    rmsNorm(value, floats(layer.ssmNorm), out, valueDim, m.normEps);
+    w.kernels().siluGate(out, z, out, valueDim);
   }
 
   const Work& w;
@@ -125,9 +144,11 @@ class Mixer {
   const PassBuffers& at;
   Layer& layer;
   Snapshot::LayerState* before;
-  size_t d;
+  size_t keyDim;
+  size_t valueDim;
   size_t keyFloats;  // of all query heads, and of all key heads
   size_t channels;
+  size_t history;  // inputs of a channel that the convolution looks back at
   float scale;
 };
 
@@ -141,7 +162,7 @@ void report(const Work& w, const Layer& layer, size_t layerIdx, const float* out
                             .o = {at.ssmOut, m.ssmInner},
                             .out = {out, m.nEmbd},
                             .state = {layer.ssmState.data(), layer.ssmState.size()},
-                            .headState = m.ssmDState * m.ssmDState,
+                            .headState = m.ssmDState * m.ssmDValue(),
                             .beta0 = at.beta[0],
                             .g0 = at.decay[0],
                             .convWeights = *layer.ssmConv1d};
@@ -157,7 +178,7 @@ void report(const Work& w, const Layer& layer, size_t layerIdx, const float* out
 
 void gdnStep(float* state, const float* q, const float* k, float* v, float beta, size_t dim,
              float g, float scale) {
-  kernels().deltaStep(state, q, k, v, dim, exponential(g), beta, scale);
+  kernels().deltaStep(state, q, k, v, dim, dim, exponential(g), beta, scale);
 }
 
 void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x,

@@ -1,7 +1,7 @@
-// One loaded model: the weights bound in place, the fixed shape, and the state that grows or
-// changes token by token.
+// One loaded model: the weights bound in place, the shape, and the state that grows or changes
+// token by token.
 //
-//   Model m;
+//   Model m;                 // of the plugin interface's shape; Model m{.shape = ...} of another
 //   if (!initLayers(loader, m, maxCtx) || !bindModel(loader, m, maxCtx)) ...
 //   if (!findUnfitTensor(loader, m).empty()) ...   // qwen35/run_check.h: before the first token
 //   alignVectors(m);                               // qwen35/aligned_vectors.h: likewise
@@ -25,12 +25,6 @@
 #include "qwen35/state_buffer.h"
 
 namespace qwen35 {
-
-constexpr float kNormEps = static_cast<float>(kel::kFixedShape.normEps);  // of every norm
-
-// Taps of the causal convolution; convState keeps one input per tap but the newest.
-constexpr size_t kConvTaps = kel::kFixedShape.convTaps;
-constexpr size_t kConvHistory = kConvTaps - 1;
 
 // A transformer block. Tensor fields are null when absent. Matrices: [output][input].
 struct Layer {
@@ -57,15 +51,15 @@ struct Layer {
   const kel::TensorView* ssmDtBias = nullptr;  // [ssmHeads]
   const kel::TensorView* ssmA = nullptr;       // [ssmHeads], negative
   const kel::TensorView* ssmConv1d = nullptr;  // [convChannels][taps], oldest input first
-  const kel::TensorView* ssmNorm = nullptr;    // [ssmDState]
+  const kel::TensorView* ssmNorm = nullptr;    // [ssmDValue]
   const kel::TensorView* ssmOut = nullptr;     // [nEmbd][ssmInner]
 
   const kel::TensorView* ffnGate = nullptr;  // [feed-forward width][nEmbd]
   const kel::TensorView* ffnUp = nullptr;    // [feed-forward width][nEmbd]
   const kel::TensorView* ffnDown = nullptr;  // [nEmbd][feed-forward width]
 
-  StateBuffer ssmState;   // linear: [ssmHeads][ssmDState (key)][ssmDState (value)]
-  StateBuffer convState;  // linear: [convChannels][kConvHistory], oldest first
+  StateBuffer ssmState;   // linear: [ssmHeads][ssmDState][ssmDValue]
+  StateBuffer convState;  // linear: [convChannels][convKernel - 1], oldest first
   StateBuffer kCache;     // full: [nHeadKv][maxCtx][headDim], normalised and rotated keys
   StateBuffer vCache;     // full: the same shape, values as projected
   uint64_t pos = 0;       // full: filled cache positions; stays 0 in a linear layer
@@ -81,8 +75,9 @@ struct AlignedVector {
 using ThreadRows = std::vector<std::vector<float>>;
 
 struct Model {
-  const kel::TensorView* tokEmbd = nullptr;  // [nVocab][nEmbd]; the output head as well
+  const kel::TensorView* tokEmbd = nullptr;  // [nVocab][nEmbd]
   const kel::TensorView* outputNorm = nullptr;
+  const kel::TensorView* output = nullptr;  // [nVocab][nEmbd]; null: the embedding serves
 
   uint64_t nEmbd = 0;   // from the file
   uint64_t nVocab = 0;  // from the file
@@ -92,20 +87,24 @@ struct Model {
   uint64_t nHead = shape.queryHeads;
   uint64_t nHeadKv = shape.kvHeads;  // each shared by nHead / nHeadKv query heads
   uint64_t headDim = shape.headDim;
-  uint64_t ropeDim = shape.ropeDim;          // leading dimensions of a head that are rotated
-  uint64_t ssmDState = shape.linearHeadDim;  // of keys and values alike
+  uint64_t ropeDim = shape.ropeDim;         // leading dimensions of a head that are rotated
+  uint64_t ssmDState = shape.linearKeyDim;  // of a head's key
   uint64_t ssmGroups = shape.linearKeyHeads;
   uint64_t ssmHeads = shape.linearValueHeads;  // each with a state of its own
   uint64_t ssmInner = shape.linearValueWidth();
-  uint64_t convKernel = shape.convTaps;  // sizes convState; a step has kConvTaps taps
+  uint64_t convKernel = shape.convTaps;  // sizes convState; a step has shape.convTaps taps
+  float normEps = static_cast<float>(shape.normEps);  // of every norm
 
   uint64_t nLayer = 0;
-  std::vector<Layer> layers;
+  std::vector<Layer> layers{};
   uint64_t maxCtx = 0;                      // capacity of the caches, in positions
-  std::vector<float> embBuf;                // scratch row of embedRow
-  ThreadRows gemvRows;                      // of gemvRow
-  ThreadRows headRows;                      // of outputHead
-  std::list<AlignedVector> alignedVectors;  // bound in place of the file's records
+  std::vector<float> embBuf{};                // scratch row of embedRow
+  ThreadRows gemvRows{};                      // of gemvRow
+  ThreadRows headRows{};                      // of outputHead
+  std::list<AlignedVector> alignedVectors{};  // bound in place of the file's records
+
+  // Of a head's value.
+  uint64_t ssmDValue() const { return ssmHeads == 0 ? 0 : ssmInner / ssmHeads; }
 
   // Channels of the convolution: queries, keys and values side by side.
   uint64_t convChannels() const { return ssmInner + 2 * ssmDState * ssmGroups; }
@@ -121,11 +120,12 @@ inline const float* floats(const kel::TensorView* tensor) {
 // the first layer that lacks a required tensor; the layers bound so far stay, to be discarded with
 // the model. Neither shape nor element type is looked at: see findUnfitTensor. Throws
 // std::bad_alloc.
-bool initLayers(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
+bool initLayers(const kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
-// Binds the embedding table and the final norm and takes nEmbd, nVocab, maxCtx and nLayer. Called
-// after initLayers with the same maxCtx. False when either tensor is missing.
-bool bindModel(kel::ZYMLoader& loader, Model& m, size_t maxCtx);
+// Binds the embedding table, the final norm and the output head where the shape has one, and takes
+// nEmbd, nVocab, maxCtx and nLayer. Called after initLayers with the same maxCtx. False when a
+// tensor is missing.
+bool bindModel(const kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
 // Empties every layer: pos 0 and all state zero, whoever wrote it. Sizes stay; the memory of filled
 // cache positions goes back to the system.

@@ -11,6 +11,18 @@ Snapshot::Snapshot(const Model& m) : layers(m.layers.size()) {
   }
 }
 
+void Snapshot::take(const Model& m) {
+#pragma omp parallel for schedule(static)
+  for (size_t l = 0; l < layers.size(); ++l) {
+    const Layer& layer = m.layers[l];
+    LayerState& saved = layers[l];
+    saved.pos = layer.pos;
+    saved.taken = layer.isLinear;
+    std::copy(layer.ssmState.begin(), layer.ssmState.end(), saved.ssm.begin());
+    std::copy(layer.convState.begin(), layer.convState.end(), saved.conv.begin());
+  }
+}
+
 void Snapshot::restore(Model& m) const {
   for (size_t l = 0; l < layers.size(); ++l) {
     const LayerState& saved = layers[l];

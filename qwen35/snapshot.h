@@ -27,7 +27,10 @@ class Snapshot {
   // To be filled while a pass goes through the layer (PassRequest::before).
   LayerState& layer(size_t layerIdx) { return layers[layerIdx]; }
 
-  // Takes the model back to where it was before the pass that filled this.
+  // Fills it with the state of m as it is, between two passes.
+  void take(const Model& m);
+
+  // Takes the model back to where it was then, or before the pass that filled this.
   void restore(Model& m) const;
 
  private:

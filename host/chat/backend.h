@@ -29,7 +29,7 @@ struct BackendStats {
 };
 
 struct BackendLimits {
-  uint32_t turnTokens;       // tokens that one generating call emits at most
+  uint64_t turnTokens;       // tokens that one generating call emits at most
   uint64_t contextCapacity;  // positions that a conversation may hold
 };
 
@@ -37,22 +37,37 @@ struct BackendLimits {
 // called turn, between forward passes.
 using PieceSink = std::function<void(std::string_view piece)>;
 
+// Told how many tokens of a prompt have been read; not every backend can tell.
+using PromptSink = std::function<void(uint64_t done, uint64_t total)>;
+
+// What a generating call is watched and stopped by; all may be null.
+struct TurnCalls {
+  PieceSink piece;
+  PromptSink prompt;
+  volatile int* cancel = nullptr;  // set from anywhere to what is not 0
+};
+
 class Backend {
  public:
   virtual ~Backend() = default;
 
   // Feeds text (in vocabulary text, see text_map.h) as the user's next message and streams the
-  // reply. A non-zero *cancel, set from anywhere, ends the turn after the piece in flight; with the
-  // flag set beforehand the text is fed and nothing is generated. cancel may be null.
-  virtual kel::Status turn(const std::string& text, const PieceSink& sink,
-                           volatile int* cancel) = 0;
-  // Completes a prompt from an empty context; ends the conversation.
-  virtual kel::Status complete(const std::string& prompt, std::string& reply) = 0;
+  // reply. The cancel flag ends the turn after the piece in flight. Set while the message is read,
+  // it ends the turn before the reply; whether the message then counts as said is the backend's.
+  virtual kel::Status turn(const std::string& text, const TurnCalls& calls) = 0;
+  // Completes a prompt from an empty context; ends the conversation. Not every backend streams: one
+  // that does not hands over the whole reply as one piece, and looks at no flag.
+  virtual kel::Status complete(const std::string& prompt, const TurnCalls& calls) = 0;
   // Empties the context; sampling settings stay.
   virtual void reset() = 0;
   virtual void configure(const Sampling& sampling) = 0;
   virtual BackendStats stats() = 0;
   virtual BackendLimits limits() const = 0;
+  // Whether top-p is held against weights relative to the best token, so that below 1 it leaves
+  // that token alone.
+  virtual bool hasRelativeTopP() const = 0;
+  // Whether complete() hands over each piece by itself, so that they can be counted.
+  virtual bool streamsCompletions() const = 0;
 };
 
 }  // namespace zym

@@ -10,11 +10,13 @@
 #include <system_error>
 
 #include "container/zym2_reader.h"
+#include "host/chat/engine_backend.h"
 #include "host/chat/plugin_backend.h"
 #include "host/chat/plugin_lookup.h"
 #include "host/chat/sampling_settings.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/liveness.h"
+#include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
 
 namespace zym {
@@ -27,6 +29,27 @@ TurnReport failed(std::string fault) {
   TurnReport report;
   report.fault = std::move(fault);
   return report;
+}
+
+std::string pluginFromEnvironment() {
+  const char* name = std::getenv("ZYM_PLUGIN");
+  return name == nullptr ? "" : name;
+}
+
+Status openBackend(const EngineOptions& options, std::unique_ptr<Backend>& backend) {
+  std::filesystem::path library;
+  const Status status = findPlugin(options.plugin, pluginFromEnvironment(), library);
+  if (!status.ok()) {
+    return status;
+  }
+  if (library.empty()) {
+    return openEngineBackend(options.model, options.maxTokens, backend);
+  }
+  if (options.maxTokens != 0) {
+    return Status::invalid(
+        "a runtime library limits its replies itself; leave out --max-tokens, or --plugin");
+  }
+  return openPluginBackend(library, options.model, backend);
 }
 
 bool contextFull(Backend& backend) {
@@ -59,15 +82,12 @@ Status readVocabulary(const std::string& path, kel::TokenizerData& tables) {
   return Status::success();
 }
 
+bool namesPlugin(const EngineOptions& options) {
+  return !options.plugin.empty() || !pluginFromEnvironment().empty();
+}
+
 Status openEngine(const EngineOptions& options, Engine& engine) {
   Status status = checkInputFile(options.model);
-  if (!status.ok()) {
-    return status;
-  }
-  std::filesystem::path library;
-  const char* fromEnvironment = std::getenv("ZYM_PLUGIN");
-  status = findPlugin(options.plugin, fromEnvironment == nullptr ? "" : fromEnvironment,
-                      programFolder(), library);
   if (!status.ok()) {
     return status;
   }
@@ -78,7 +98,7 @@ Status openEngine(const EngineOptions& options, Engine& engine) {
   }
   engine.text = std::make_unique<TextMap>(tables);
   engine.raw = options.raw;
-  status = openPluginBackend(library, options.model, engine.backend);
+  status = openBackend(options, engine.backend);
   if (status.ok()) {
     configureEngine(options.sampling, engine);
   }
@@ -88,10 +108,13 @@ Status openEngine(const EngineOptions& options, Engine& engine) {
 void configureEngine(const Sampling& sampling, Engine& engine) {
   engine.backend->configure(sampling);
   mergeSampling(sampling, engine.sampling);
-  if (engine.topPExplained || !topPLeavesOneToken(engine.sampling)) {
+  if (engine.topPExplained || !engine.backend->hasRelativeTopP() ||
+      !topPLeavesOneToken(engine.sampling)) {
     return;
   }
-  remark("(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)");
+  remark(
+      "(top-p below 1 keeps only the best token of this runtime library, whatever the temperature; "
+      "1 turns it off)");
   engine.topPExplained = true;
 }
 
@@ -113,73 +136,107 @@ const char* turnEndName(TurnEnd end) {
   return "failed";
 }
 
-TurnReport runTurn(Engine& engine, const std::string& typed,
-                   const std::function<void(std::string_view)>& show, bool cancellable) {
-  std::string text;
-  const Status mapped = engine.text->toVocabulary(typed, engine.raw, text);
-  if (!mapped.ok()) {
-    return failed(mapped.message);
+namespace {
+
+// A generating call, watched: what is seen of it while it runs, and how it ended.
+class WatchedCall {
+ public:
+  WatchedCall(Engine& asked, std::string_view waiting,
+              const std::function<void(std::string_view)>& shown)
+      : engine(asked), show(shown), decoder(asked.text->way()), alive(std::string(waiting)) {}
+
+  TurnCalls calls(volatile int* cancel) {
+    return {[this](std::string_view piece) { onPiece(piece); },
+            [this](uint64_t done, uint64_t total) { onPrompt(done, total); }, cancel};
   }
 
-  TurnReport report;
-  PieceDecoder decoder(engine.text->way());
-  Liveness reading("reading");
-  const auto deliver = [&](const std::string& complete) {
+  TurnReport end(const Status& status, bool cancelled) {
+    becomeQuiet();
+    deliver(decoder.finish());
+    if (cancelled) {
+      report.end = TurnEnd::Cancelled;
+    } else if (contextFull(*engine.backend)) {
+      report.end = TurnEnd::ContextFull;
+    } else if (!status.ok()) {
+      report.fault = status.message;
+      report.backendFault = true;
+    } else {
+      report.end =
+          report.pieces >= engine.backend->limits().turnTokens ? TurnEnd::Limit : TurnEnd::Stopped;
+    }
+    return std::move(report);
+  }
+
+ private:
+  void onPiece(std::string_view piece) {
+    becomeQuiet();
+    ++report.pieces;
+    deliver(decoder.feed(piece));
+  }
+
+  // A prompt that is done at once is not worth a bar.
+  void onPrompt(uint64_t done, uint64_t total) {
+    if (done < total || bar) {
+      alive.stop();
+      if (!bar) {
+        bar.emplace("reading", ProgressUnit::Positions);
+      }
+      bar->update(done, total);
+    }
+  }
+
+  void becomeQuiet() {
+    alive.stop();
+    bar.reset();
+  }
+
+  void deliver(const std::string& complete) {
     report.reply += complete;
     if (!complete.empty() && show) {
       show(complete);
     }
-  };
-  std::optional<CancelScope> scope;
-  if (cancellable) {
-    scope.emplace();
   }
-  const Status status = engine.backend->turn(
-      text,
-      [&](std::string_view piece) {
-        reading.stop();
-        ++report.pieces;
-        deliver(decoder.feed(piece));
-      },
-      cancellable ? cancelFlag() : nullptr);
-  reading.stop();
-  deliver(decoder.finish());
 
-  if (scope && scope->cancelled()) {
-    report.end = TurnEnd::Cancelled;
-  } else if (contextFull(*engine.backend)) {
-    report.end = TurnEnd::ContextFull;
-  } else if (!status.ok()) {
-    report.fault = status.message;
-    report.backendFault = true;
-  } else {
-    report.end =
-        report.pieces >= engine.backend->limits().turnTokens ? TurnEnd::Limit : TurnEnd::Stopped;
-  }
-  return report;
-}
+  Engine& engine;
+  const std::function<void(std::string_view)>& show;
+  PieceDecoder decoder;
+  Liveness alive;
+  std::optional<Progress> bar;
+  TurnReport report;
+};
 
-TurnReport runCompletion(Engine& engine, const std::string& typed) {
+using BackendCall = Status (Backend::*)(const std::string& text, const TurnCalls& calls);
+
+TurnReport watch(Engine& engine, BackendCall call, const std::string& typed, const char* waiting,
+                 const std::function<void(std::string_view)>& show, bool cancellable) {
   std::string text;
   const Status mapped = engine.text->toVocabulary(typed, engine.raw, text);
   if (!mapped.ok()) {
     return failed(mapped.message);
   }
-  TurnReport report;
-  std::string pieces;
-  Liveness working("completing");
-  const Status status = engine.backend->complete(text, pieces);
-  working.stop();
-  PieceDecoder decoder(engine.text->way());
-  report.reply = decoder.feed(pieces);
-  report.reply += decoder.finish();
-  if (contextFull(*engine.backend)) {
-    report.end = TurnEnd::ContextFull;
-  } else if (status.ok()) {
+  WatchedCall watched(engine, waiting, show);
+  std::optional<CancelScope> scope;
+  if (cancellable) {
+    scope.emplace();
+  }
+  const Status status =
+      (engine.backend.get()->*call)(text, watched.calls(cancellable ? cancelFlag() : nullptr));
+  return watched.end(status, scope && scope->cancelled());
+}
+
+}  // namespace
+
+TurnReport runTurn(Engine& engine, const std::string& typed,
+                   const std::function<void(std::string_view)>& show, bool cancellable) {
+  return watch(engine, &Backend::turn, typed, "reading", show, cancellable);
+}
+
+TurnReport runCompletion(Engine& engine, const std::string& typed,
+                         const std::function<void(std::string_view)>& show, bool cancellable) {
+  TurnReport report = watch(engine, &Backend::complete, typed, "completing", show, cancellable);
+  if (!engine.backend->streamsCompletions() && report.end != TurnEnd::Failed &&
+      report.end != TurnEnd::ContextFull) {
     report.end = TurnEnd::Unknown;
-  } else {
-    report.fault = status.message;
-    report.backendFault = true;
   }
   return report;
 }

@@ -14,8 +14,9 @@
 namespace zym {
 
 struct EngineOptions {
-  std::string model;   // path of a container
-  std::string plugin;  // path of the runtime library, empty: looked for
+  std::string model;       // path of a container
+  std::string plugin;      // path of a runtime library to use instead of the program's own engine
+  uint64_t maxTokens = 0;  // of one reply; 0: as many as the context, or the library, allows
   Sampling sampling;
   bool raw = false;  // special tokens in typed text take effect
 };
@@ -32,12 +33,15 @@ struct Engine {
 kel::Status checkInputFile(const std::string& path);
 // The tokenizer of the container at path.
 kel::Status readVocabulary(const std::string& path, kel::TokenizerData& tables);
+// Whether a runtime library is to be used: options or ZYM_PLUGIN name one.
+bool namesPlugin(const EngineOptions& options);
+// The program's own engine, or the runtime library that options or ZYM_PLUGIN name.
 kel::Status openEngine(const EngineOptions& options, Engine& engine);
 // Passes settings to the backend. Says once, on standard error, when a top-p has another effect
 // than its value suggests (sampling_settings.h).
 void configureEngine(const Sampling& sampling, Engine& engine);
 
-// Unknown: a completion that may have stopped by itself or been cut at the limit. The backend
+// Unknown: a completion that may have stopped by itself or been cut at the limit. A runtime library
 // reports neither the reason nor the number of pieces, and the filled positions do not tell either:
 // a completion that stops one piece early fills as many as one that was cut.
 enum class TurnEnd { Stopped, Limit, Cancelled, ContextFull, Unknown, Failed };
@@ -56,7 +60,8 @@ struct TurnReport {
 // cancels if cancellable.
 TurnReport runTurn(Engine& engine, const std::string& typed,
                    const std::function<void(std::string_view)>& show, bool cancellable);
-// One completion from an empty context.
-TurnReport runCompletion(Engine& engine, const std::string& typed);
+// One completion from an empty context, shown as it comes where the backend streams it.
+TurnReport runCompletion(Engine& engine, const std::string& typed,
+                         const std::function<void(std::string_view)>& show, bool cancellable);
 
 }  // namespace zym

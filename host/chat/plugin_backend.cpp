@@ -84,23 +84,26 @@ class PluginBackend : public Backend {
   PluginBackend(const PluginBackend&) = delete;
   PluginBackend& operator=(const PluginBackend&) = delete;
 
-  Status turn(const std::string& text, const PieceSink& sink, volatile int* cancel) override {
+  Status turn(const std::string& text, const TurnCalls& calls) override {
     const auto forward = [](const char* piece, uint32_t length, void* userData) {
       const auto& target = *static_cast<const PieceSink*>(userData);
       if (target) {
         target({piece, length});
       }
     };
-    return callStatus(table.stream->chatTurnStream(handle, text.c_str(), forward,
-                                                   const_cast<PieceSink*>(&sink), cancel),
-                      "the turn");
+    return callStatus(
+        table.stream->chatTurnStream(handle, text.c_str(), forward,
+                                     const_cast<PieceSink*>(&calls.piece), calls.cancel),
+        "the turn");
   }
 
-  Status complete(const std::string& prompt, std::string& reply) override {
+  Status complete(const std::string& prompt, const TurnCalls& calls) override {
     std::vector<char> buffer(kReplyBytes);
     const uint32_t status =
         table.v2->generate(handle, prompt.c_str(), buffer.data(), buffer.size());
-    reply = buffer.data();
+    if (calls.piece) {
+      calls.piece(buffer.data());
+    }
     return callStatus(status, "the completion");
   }
 
@@ -121,6 +124,9 @@ class PluginBackend : public Backend {
     table.v2->stats(handle, &record);
     return {record.contextTokens, record.decodeMsTotal, record.lastDecodeMs};
   }
+
+  bool hasRelativeTopP() const override { return true; }
+  bool streamsCompletions() const override { return false; }
 
   BackendLimits limits() const override { return {ZYM_MAX_TURN_TOKENS, ZYM_CONTEXT_CAPACITY}; }
 

@@ -11,11 +11,13 @@
 #include <vector>
 
 #include "container/zym2_reader.h"
+#include "host/chat/engine_backend.h"
 #include "host/cli/commands.h"
 #include "host/cli/model_argument.h"
 #include "host/cli/threads.h"
 #include "host/measure/bench_measure.h"
 #include "host/measure/cache_size.h"
+#include "host/measure/measured_model.h"
 #include "host/measure/memory_use.h"
 #include "host/measure/multiply_peak.h"
 #include "host/measure/read_bandwidth.h"
@@ -54,11 +56,32 @@ struct BenchReport {
   std::string kernels;  // by the code that the runtime chooses them with
 };
 
-Status readWork(const std::string& path, ModelWork& work) {
-  kel::ZYM2Reader reader;
-  Status status = reader.open(path.c_str());
+// What the model is measured through, and what it asks of the machine. A runtime library takes
+// every model for one of the fixed shape.
+Status openMeasured(const BenchOptions& options, std::unique_ptr<MeasuredModel>& measured,
+                    ModelWork& work) {
+  if (namesPlugin(options.engine)) {
+    Engine engine;
+    Status status = openEngine(options.engine, engine);
+    kel::ZYM2Reader reader;
+    if (status.ok()) {
+      status = reader.open(options.engine.model.c_str());
+    }
+    if (status.ok()) {
+      work = modelWork(reader, kel::kFixedShape);
+      measured = measuredThroughTurns(std::move(engine.backend));
+    }
+    return status;
+  }
+  std::unique_ptr<engine::Context> context;
+  Status status = checkInputFile(options.engine.model);
   if (status.ok()) {
-    work = modelWork(reader);
+    status = openContext(options.engine.model, 0, context);
+  }
+  if (status.ok()) {
+    const engine::Model& model = context->model();
+    work = modelWork(model.file().reader, model.shape());
+    measured = measuredEngine(std::move(context));
   }
   return status;
 }
@@ -69,10 +92,10 @@ uint64_t decodeDepth(const BenchOptions& options) {
 }
 
 // Each measurement by itself: the prefill generates nothing, decoding has a depth of its own.
-Status checkSizes(const BackendLimits& limits, const BenchOptions& options) {
-  Status status = checkBenchSize(limits, options.prompt, 0);
+Status checkSizes(const MeasuredModel& measured, const BenchOptions& options) {
+  Status status = measured.checkSize(options.prompt, 0);
   if (status.ok()) {
-    status = checkBenchSize(limits, decodeDepth(options), options.steps);
+    status = measured.checkSize(decodeDepth(options), options.steps);
   }
   return status;
 }
@@ -100,25 +123,25 @@ class BenchProgress {
   uint64_t begun = 0;
 };
 
-Status measureOnce(Backend& backend, const BenchOptions& options, BenchProgress& progress,
+Status measureOnce(MeasuredModel& measured, const BenchOptions& options, BenchProgress& progress,
                    BenchReport& report) {
   PrefillRun prefill;
-  Status status = measurePrefill(backend, options.prompt, prefill, progress.next(options.prompt));
+  Status status = measured.prefill(options.prompt, prefill, progress.next(options.prompt));
   if (!status.ok()) {
     return status;
   }
   report.prefillPositions = prefill.positions;
   report.prefillSpeeds.push_back(static_cast<double>(prefill.positions) / prefill.seconds);
   if (options.at > 0) {
-    status = measurePrefill(backend, options.at, prefill, progress.next(options.at));
+    status = measured.prefill(options.at, prefill, progress.next(options.at));
   }
   if (!status.ok()) {
     return status;
   }
   report.decodeDepth = prefill.positions;
   std::vector<double> stepMs;
-  status = measureDecode(backend, decodeDepth(options), options.steps, stepMs,
-                         progress.next(options.steps));
+  status =
+      measured.decode(decodeDepth(options), options.steps, stepMs, progress.next(options.steps));
   if (status.ok() && stepMs.empty()) {
     return Status::invalid("the model gives no text to measure");
   }
@@ -128,11 +151,12 @@ Status measureOnce(Backend& backend, const BenchOptions& options, BenchProgress&
   return status;
 }
 
-Status measureRepeatedly(Backend& backend, const BenchOptions& options, BenchReport& report) {
-  Status status;
+Status measureRepeatedly(MeasuredModel& measured, const BenchOptions& options,
+                         BenchReport& report) {
   BenchProgress progress(options);
+  Status status = measured.warmUp();
   for (int i = 0; status.ok() && i < options.repetitions; ++i) {
-    status = measureOnce(backend, options, progress, report);
+    status = measureOnce(measured, options, progress, report);
   }
   return status;
 }
@@ -162,19 +186,16 @@ void probeMachine(BenchReport& report) {
 Status measure(const BenchOptions& options, BenchReport& report) {
   report.threads = threadCount();
   report.kernels = qwen35::instructionSet().name;
-  Engine engine;
+  std::unique_ptr<MeasuredModel> measured;
   const auto start = std::chrono::steady_clock::now();
-  Status status = openEngine(options.engine, engine);
+  Status status = openMeasured(options, measured, report.work);
   const std::chrono::duration<double> created = std::chrono::steady_clock::now() - start;
   report.createSeconds = created.count();
   if (status.ok()) {
-    status = checkSizes(engine.backend->limits(), options);
+    status = checkSizes(*measured, options);
   }
   if (status.ok()) {
-    status = readWork(options.engine.model, report.work);
-  }
-  if (status.ok()) {
-    status = measureRepeatedly(*engine.backend, options, report);
+    status = measureRepeatedly(*measured, options, report);
   }
   if (!status.ok()) {
     return status;
@@ -285,8 +306,8 @@ void addBench(CLI::App& program, Action& action) {
   command->add_option("--repetitions", options->repetitions, "Runs to take the median of")
       ->check(CLI::Range(1, 1000))
       ->capture_default_str();
-  command->add_option("--prompt", options->prompt, "Positions of the prefill")
-      ->check(CLI::Range(1, 7000))
+  command->add_option("--prompt", options->prompt, "Positions of the prefill, framing and all")
+      ->check(CLI::Range(1, 262144))
       ->capture_default_str();
   command->add_option("--steps", options->steps, "Decode steps timed in each repetition")
       ->check(CLI::Range(1, 4096))
@@ -295,7 +316,7 @@ void addBench(CLI::App& program, Action& action) {
       ->add_option("--at", options->at,
                    "Measure decoding at this depth: with so many positions filled before "
                    "(default: those of the prompt)")
-      ->check(CLI::Range(1, 7000))
+      ->check(CLI::Range(1, 262144))
       ->type_name("N");
   command->add_flag("--json", options->json, "One JSON object");
   addExamples(*command,

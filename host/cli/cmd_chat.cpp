@@ -238,6 +238,7 @@ void addChat(CLI::App& program, Action& action) {
   CLI::App* command = program.add_subcommand("chat", "Talk with a model");
   const auto model = addModel(*command, *options);
   addRaw(*command, options->raw);
+  addMaxTokens(*command, options->maxTokens);
   addSampling(*command, options->sampling);
   addExamples(*command,
               "  zym chat model.zym\n"

@@ -97,8 +97,10 @@ void addChoice(CLI::App& command, const std::string& option, const std::string& 
       ->type_name(words);
 }
 
-std::optional<kel::convert::VocabularyForm> vocabularyFormByName(std::string_view name) {
+// As with types and presets, capitals count as small letters.
+std::optional<kel::convert::VocabularyForm> vocabularyFormByName(std::string_view word) {
   using kel::convert::VocabularyForm;
+  const std::string name = CLI::detail::to_lower(std::string(word));
   if (name == "alphabet") {
     return VocabularyForm::Alphabet;
   }

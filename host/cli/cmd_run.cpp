@@ -1,18 +1,17 @@
 // zym run: completions, or chat turns, from the command line.
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/cli/commands.h"
 #include "host/cli/model_argument.h"
-#include "host/terminal/input_text.h"
+#include "host/cli/text_source.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
 
@@ -29,58 +28,48 @@ struct RunOptions {
   bool json = false;
 };
 
-kel::Status readPrompt(int fd, const std::string& name, std::string& text) {
-  kel::Status status = readToEnd(fd, name, text);
-  // The line feed that ends a text file is no part of the prompt.
-  if (text.ends_with('\n')) {
-    text.pop_back();
-  }
-  return status;
-}
-
-kel::Status readPromptFile(const std::string& path, std::string& text) {
-  kel::Status status = checkInputFile(path);
-  if (!status.ok()) {
-    return status;
-  }
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    return readFailure(path, errno);
-  }
-  status = readPrompt(fd, path, text);
-  ::close(fd);
-  return status;
-}
-
 kel::Status collectPrompts(const RunOptions& options, std::vector<std::string>& prompts) {
   prompts = options.prompts;
   kel::Status status;
   if (!options.file.empty()) {
-    status = readPromptFile(options.file, prompts.emplace_back());
+    status = readTextFile(options.file, prompts.emplace_back());
   }
   if (status.ok() && options.standardInput == "-") {
-    status = readPrompt(STDIN_FILENO, kStandardInput, prompts.emplace_back());
+    status = readStandardInput(prompts.emplace_back());
   }
   return status;
 }
 
-void print(const RunOptions& options, const std::string& prompt, const TurnReport& report) {
-  if (options.json) {
-    using Json = nlohmann::ordered_json;
-    Json line = {{"prompt", prompt}, {"reply", report.reply}, {"end", nullptr}};
-    if (report.end != TurnEnd::Unknown) {
-      line["end"] = turnEndName(report.end);
-    }
-    if (options.chat) {
-      line["pieces"] = report.pieces;
-    }
-    fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
-  } else if (isTerminal(1)) {
-    fmt::print("{}\n", withoutControls(report.reply));
-  } else {
-    fmt::print("{}\n", report.reply);
+void printJson(const std::string& prompt, const TurnReport& report) {
+  using Json = nlohmann::ordered_json;
+  Json line = {{"prompt", prompt}, {"reply", report.reply}, {"end", nullptr}};
+  if (report.end != TurnEnd::Unknown) {
+    line["end"] = turnEndName(report.end);
+    line["pieces"] = report.pieces;
   }
+  fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
   std::fflush(stdout);
+}
+
+void show(std::string_view text) {
+  const std::string shown = isTerminal(1) ? withoutControls(text) : std::string(text);
+  std::fwrite(shown.data(), 1, shown.size(), stdout);
+  std::fflush(stdout);
+}
+
+// As text the reply is shown while it comes, as JSON when it is whole.
+TurnReport answer(Engine& engine, const RunOptions& options, const std::string& prompt) {
+  const std::function<void(std::string_view)> sink = options.json ? nullptr : show;
+  TurnReport report = options.chat ? runTurn(engine, prompt, sink, false)
+                                   : runCompletion(engine, prompt, sink, false);
+  const bool isBroken = report.end == TurnEnd::Failed;
+  if (options.json && !isBroken) {
+    printJson(prompt, report);
+  }
+  if (!options.json && (!isBroken || !report.reply.empty())) {
+    show("\n");
+  }
+  return report;
 }
 
 // Says why a reply ended before its time. False when no further prompt can be answered.
@@ -127,11 +116,7 @@ int run(const RunOptions& options) {
     if (options.each) {
       engine.backend->reset();
     }
-    const TurnReport report =
-        options.chat ? runTurn(engine, prompt, nullptr, false) : runCompletion(engine, prompt);
-    if (report.end != TurnEnd::Failed) {
-      print(options, prompt, report);
-    }
+    const TurnReport report = answer(engine, options, prompt);
     if (!explainEnd(report, engine.backend->limits())) {
       return 1;
     }
@@ -143,8 +128,7 @@ int run(const RunOptions& options) {
 
 void addRun(CLI::App& program, Action& action) {
   auto options = std::make_shared<RunOptions>();
-  CLI::App* command = program.add_subcommand(
-      "run", "Complete a text, or answer chat messages, with at most 96 tokens each");
+  CLI::App* command = program.add_subcommand("run", "Complete a text, or answer chat messages");
   const auto model = addModel(*command, options->engine);
   auto* input = command->add_option("INPUT", options->standardInput,
                                     "\"-\": read the prompt from standard input");
@@ -165,6 +149,7 @@ void addRun(CLI::App& program, Action& action) {
                     "With --chat: every prompt is a conversation of its own");
   command->add_flag("--json", options->json, "One JSON object per reply");
   addRaw(*command, options->engine.raw);
+  addMaxTokens(*command, options->engine.maxTokens);
   addSampling(*command, options->engine.sampling);
   addExamples(*command,
               "  zym run model.zym --chat -p 'Who are you?'\n"

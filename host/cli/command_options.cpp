@@ -27,7 +27,7 @@ std::shared_ptr<ModelArgument> addModel(CLI::App& command, EngineOptions& option
   auto model = addModelArgument(command);
   command
       .add_option("--plugin", options.plugin,
-                  "Runtime library to load (else ZYM_PLUGIN, else searched)")
+                  "Runtime library to use instead of the program's own engine (else ZYM_PLUGIN)")
       ->type_name("FILE");
   return model;
 }
@@ -36,8 +36,16 @@ void addSampling(CLI::App& command, Sampling& sampling) {
   addSetting(command, "temperature", "Randomness; 0, the default, always takes the best token",
              sampling);
   addSetting(command, "top-k", "Sample among this many best tokens", sampling);
-  addSetting(command, "top-p", "Below 1 keeps only the best token; 1 turns the cut off", sampling);
+  addSetting(command, "top-p", "Sample among the fewest best tokens with this share of the probability; 1: among all", sampling);
   addSetting(command, "seed", "Start of the random numbers", sampling);
+}
+
+void addMaxTokens(CLI::App& command, uint64_t& maxTokens) {
+  command
+      .add_option("--max-tokens", maxTokens,
+                  "Tokens of a reply at most (default: as many as the context has room for)")
+      ->check(CLI::Range(1, 262144))
+      ->type_name("N");
 }
 
 void addRaw(CLI::App& command, bool& raw) {

@@ -16,6 +16,9 @@ namespace zym {
 using Action = std::function<int()>;
 struct ModelArgument;  // model_argument.h
 
+// Makes program the zym program: its own options, and all of the commands.
+void addCommands(CLI::App& program, Action& action);
+
 void addChat(CLI::App& program, Action& action);
 void addRun(CLI::App& program, Action& action);
 void addBench(CLI::App& program, Action& action);
@@ -30,6 +33,7 @@ void addCache(CLI::App& program, Action& action);
 std::shared_ptr<ModelArgument> addModel(CLI::App& command, EngineOptions& options);
 void addSampling(CLI::App& command, Sampling& sampling);
 void addRaw(CLI::App& command, bool& raw);
+void addMaxTokens(CLI::App& command, uint64_t& maxTokens);
 // Puts examples below a command's help.
 void addExamples(CLI::App& command, const std::string& lines);
 

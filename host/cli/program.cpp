@@ -12,6 +12,7 @@
 
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
+#include "host/cli/wrong_use.h"
 #include "host/terminal/terminal.h"
 #include "qwen35/simd/instruction_sets.h"
 
@@ -53,25 +54,20 @@ int showOrComplain(const CLI::App& program, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) {
     return program.exit(error);  // --help and --version
   }
-  const auto chosen = program.get_subcommands();
-  const std::string name = chosen.empty() ? "zym" : "zym " + chosen.front()->get_name();
-  complain(std::string(error.what()) + "; see " + name + " --help");
+  complain(wrongUseText(program, error));
   return 2;
 }
 
 }  // namespace
 
-int runProgram(int argc, const char* const* argv) {
-  useUtf8();
-  CLI::App program("Runs Qwen3.5 hybrid models on the CPU.", "zym");
-  Action action;
+void addCommands(CLI::App& program, Action& action) {
   program.set_version_flag("--version", versionText);
   program.require_subcommand(1);
   program.fallthrough();
   program
       .add_option_function<int>("--threads", setThreads,
                                 "Threads to compute with, at most the processors that it may use "
-                                "(default: OMP_NUM_THREADS, else a thread for each physical core)")
+                                "(default: OMP_NUM_THREADS, else one for each physical core)")
       ->check(CLI::Range(1, 1024))
       ->type_name("N")
       ->trigger_on_parse();
@@ -87,6 +83,14 @@ int runProgram(int argc, const char* const* argv) {
               "  zym chat model.gguf\n"
               "  zym convert model.gguf model.zym\n"
               "  zym COMMAND --help");
+}
+
+int runProgram(int argc, const char* const* argv) {
+  useUtf8();
+  limitThreads();
+  CLI::App program("Runs Qwen3.5 hybrid models on the CPU.", "zym");
+  Action action;
+  addCommands(program, action);
   try {
     program.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -5,6 +5,7 @@
 #include <functional>
 #include <vector>
 
+#include "container/model_shape.h"
 #include "container/status.h"
 #include "container/zym2_reader.h"
 #include "host/chat/backend.h"
@@ -22,12 +23,24 @@ Spread spreadOf(std::vector<double> values);
 
 // What a model asks of the machine.
 struct ModelWork {
-  // Read once for each decoded token: the embedding is the output head as well.
+  // Read once for each decoded token, the output head or the embedding that serves as it with them.
   uint64_t weightBytes = 0;
   // One for each weight of the blocks; only a prompt's last token has an output head.
   uint64_t multiplyAddsPerPrefillToken = 0;
 };
-ModelWork modelWork(const kel::ZYM2Reader& reader);
+ModelWork modelWork(const kel::ZYM2Reader& reader, const kel::ModelShape& shape);
+
+// What the turns take that measurements feed: framing comes with every one of them, and the
+// backend tells of positions only. Of a vocabulary that has the filling word as a token, a word is
+// a position.
+struct FillingCost {
+  uint64_t firstTurn = 1;  // positions of the first turn of a conversation, with one word
+  uint64_t laterTurn = 1;  // of every other turn, with one word
+  uint64_t word = 1;       // of each further word
+};
+// Found by a few short turns, which are the model's first passes as well: a measurement after them
+// finds buffers and weights in place.
+kel::Status learnFillingCost(Backend& backend, FillingCost& cost);
 
 struct PrefillRun {
   uint64_t positions = 0;  // fed in this run
@@ -43,15 +56,17 @@ double limitAbove(double rate, const std::function<double()>& probe);
 // decode step includes the time that the call takes.
 using MeasureProgress = std::function<void(uint64_t done)>;
 
-// Feeds text from an empty context until at least `positions` are filled, without generating.
-kel::Status measurePrefill(Backend& backend, uint64_t positions, PrefillRun& run,
-                           const MeasureProgress& onProgress = nullptr);
+// Fills `positions` from an empty context, without generating. Framing counts, so that the context
+// then holds exactly so many; more where they do not suffice for the first turn's framing, or where
+// a word takes several.
+kel::Status measurePrefill(Backend& backend, const FillingCost& cost, uint64_t positions,
+                           PrefillRun& run, const MeasureProgress& onProgress = nullptr);
 
 // Milliseconds of single decode steps: nSteps times the time from one piece to the next, over as
-// many turns as that takes. measurePrefill has filled the context to at least `depth` positions
-// before. Short replies take many turns: when these have filled the context, it is emptied and
-// filled to `depth` again. Gives fewer steps, or none, when the model's replies have no two pieces.
-kel::Status measureDecode(Backend& backend, uint64_t depth, size_t nSteps,
+// many turns as that takes. measurePrefill has filled the context to `depth` positions before.
+// Short replies take many turns: when these have filled the context, it is emptied and filled to
+// `depth` again. Gives fewer steps, or none, when the model's replies have no two pieces.
+kel::Status measureDecode(Backend& backend, const FillingCost& cost, uint64_t depth, size_t nSteps,
                           std::vector<double>& stepMs, const MeasureProgress& onProgress = nullptr);
 
 // Fails when nSteps decode steps at this depth, fed as above, would not fit into the context; the

@@ -60,7 +60,8 @@ void addWeightedRows(const float* weights, float inverseSum, const float* values
 struct DeltaStep {
   const float* q;
   const float* k;
-  size_t dim;
+  size_t keyDim;
+  size_t valueDim;  // floats from one row of the state to the next
   float decay;
   float beta;
   float scale;
@@ -76,11 +77,11 @@ void deltaColumns(const DeltaStep& step, float* columns, float* v) {
   for (size_t c = 0; c < kVectors; ++c) {
     kv[c] = V::zero();
   }
-  for (size_t i = 0; i < step.dim; ++i) {
+  for (size_t i = 0; i < step.keyDim; ++i) {
     const typename V::F key = V::all(step.k[i]);
 #pragma GCC unroll 4
     for (size_t c = 0; c < kVectors; ++c) {
-      const typename V::F state = V::load(columns + i * step.dim + c * V::kFloats);
+      const typename V::F state = V::load(columns + i * step.valueDim + c * V::kFloats);
       kv[c] = V::fma(key, V::mul(state, decay), kv[c]);
     }
   }
@@ -91,12 +92,12 @@ void deltaColumns(const DeltaStep& step, float* columns, float* v) {
     u[c] = V::mul(V::sub(V::load(v + c * V::kFloats), kv[c]), V::all(step.beta));
     o[c] = V::zero();
   }
-  for (size_t i = 0; i < step.dim; ++i) {
+  for (size_t i = 0; i < step.keyDim; ++i) {
     const typename V::F key = V::all(step.k[i]);
     const typename V::F query = V::all(step.q[i]);
 #pragma GCC unroll 4
     for (size_t c = 0; c < kVectors; ++c) {
-      float* at = columns + i * step.dim + c * V::kFloats;
+      float* at = columns + i * step.valueDim + c * V::kFloats;
       const typename V::F state = V::fma(key, u[c], V::mul(V::load(at), decay));
       V::store(at, state);
       o[c] = V::fma(state, query, o[c]);
@@ -110,32 +111,33 @@ void deltaColumns(const DeltaStep& step, float* columns, float* v) {
 
 inline void deltaColumn(const DeltaStep& step, float* columns, float* v) {
   float kv = 0.0f;
-  for (size_t i = 0; i < step.dim; ++i) {
-    kv = __builtin_fmaf(step.k[i], columns[i * step.dim] * step.decay, kv);
+  for (size_t i = 0; i < step.keyDim; ++i) {
+    kv = __builtin_fmaf(step.k[i], columns[i * step.valueDim] * step.decay, kv);
   }
   const float u = (*v - kv) * step.beta;
   float o = 0.0f;
-  for (size_t i = 0; i < step.dim; ++i) {
-    columns[i * step.dim] = __builtin_fmaf(step.k[i], u, columns[i * step.dim] * step.decay);
-    o = __builtin_fmaf(columns[i * step.dim], step.q[i], o);
+  for (size_t i = 0; i < step.keyDim; ++i) {
+    columns[i * step.valueDim] =
+        __builtin_fmaf(step.k[i], u, columns[i * step.valueDim] * step.decay);
+    o = __builtin_fmaf(columns[i * step.valueDim], step.q[i], o);
   }
   *v = step.scale * o;
 }
 
 template <typename V>
-void deltaStep(float* state, const float* q, const float* k, float* v, size_t dim, float decay,
-               float beta, float scale) {
+void deltaStep(float* state, const float* q, const float* k, float* v, size_t keyDim,
+               size_t valueDim, float decay, float beta, float scale) {
   using H = typename V::Half;
   constexpr size_t kWide = 4;
-  const DeltaStep step{q, k, dim, decay, beta, scale};
+  const DeltaStep step{q, k, keyDim, valueDim, decay, beta, scale};
   size_t j = 0;
-  for (; dim - j >= kWide * V::kFloats; j += kWide * V::kFloats) {
+  for (; valueDim - j >= kWide * V::kFloats; j += kWide * V::kFloats) {
     deltaColumns<V, kWide>(step, state + j, v + j);
   }
-  for (; dim - j >= H::kFloats; j += H::kFloats) {
+  for (; valueDim - j >= H::kFloats; j += H::kFloats) {
     deltaColumns<H, 1>(step, state + j, v + j);
   }
-  for (; j < dim; ++j) {
+  for (; j < valueDim; ++j) {
     deltaColumn(step, state + j, v + j);
   }
 }

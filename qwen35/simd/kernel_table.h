@@ -117,15 +117,16 @@ struct KernelTable {
   void (*addWeightedRows)(const float* weights, float inverseSum, const float* values,
                           size_t stride, float* acc, size_t rows, size_t n);
 
-  // One update of a gated delta rule's state and its read-out. state: [dim][dim], row i of key
-  // element i; q, k, v: [dim]; v enters as the value and leaves as the output. For every column j:
+  // One update of a gated delta rule's state and its read-out. state: [keyDim][valueDim],
+  // row i of key element i; q, k: [keyDim]; v: [valueDim]; v enters as the value and leaves as the
+  // output. For every column j:
   //   s(i, j) = s(i, j) * decay for all i
   //   kv = fma(k[i], s(i, j), kv) from 0 in rising i;  u = (v[j] - kv) * beta
   //   s(i, j) = fma(k[i], u, s(i, j)) for all i
   //   o = fma(s(i, j), q[i], o) from 0 in rising i;    v[j] = scale * o
   // "Gated Delta Networks: Improving Mamba2 with Delta Rule" (2024), eq. 10, transposed.
-  void (*deltaStep)(float* state, const float* q, const float* k, float* v, size_t dim, float decay,
-                    float beta, float scale);
+  void (*deltaStep)(float* state, const float* q, const float* k, float* v, size_t keyDim,
+                    size_t valueDim, float decay, float beta, float scale);
 
   // Elementwise, n of any size. Of the operations around the exponential each is rounded to single
   // precision. out may be any of the inputs; partly it overlaps none.

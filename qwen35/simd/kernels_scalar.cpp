@@ -327,19 +327,19 @@ void addWeightedRows(const float* weights, float inverseSum, const float* values
   }
 }
 
-void deltaStep(float* state, const float* q, const float* k, float* v, size_t dim, float decay,
-               float beta, float scale) {
-  for (size_t j = 0; j < dim; ++j) {
+void deltaStep(float* state, const float* q, const float* k, float* v, size_t keyDim,
+               size_t valueDim, float decay, float beta, float scale) {
+  for (size_t j = 0; j < valueDim; ++j) {
     float kv = 0.0f;
-    for (size_t i = 0; i < dim; ++i) {
-      state[i * dim + j] *= decay;
-      kv = std::fma(k[i], state[i * dim + j], kv);
+    for (size_t i = 0; i < keyDim; ++i) {
+      state[i * valueDim + j] *= decay;
+      kv = std::fma(k[i], state[i * valueDim + j], kv);
     }
     const float u = (v[j] - kv) * beta;
     float o = 0.0f;
-    for (size_t i = 0; i < dim; ++i) {
-      state[i * dim + j] = std::fma(k[i], u, state[i * dim + j]);
-      o = std::fma(state[i * dim + j], q[i], o);
+    for (size_t i = 0; i < keyDim; ++i) {
+      state[i * valueDim + j] = std::fma(k[i], u, state[i * valueDim + j]);
+      o = std::fma(state[i * valueDim + j], q[i], o);
     }
     v[j] = scale * o;
   }

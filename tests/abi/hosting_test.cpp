@@ -61,6 +61,24 @@ TEST_F(Hosting, ExampleShowsWhatEndsByItself) {
   EXPECT_EQ("\n0 pieces, 21 positions\n", result.output);
 }
 
+// Typed text reaches the model in letters, of which each is a token here, and pieces become bytes
+// again: a character that is split over two of them, and a space in front of every one.
+TEST_F(Hosting, ExampleReadsAndWritesTextThatIsSpeltInLetters) {
+  const std::string path =
+      model({.favourite = "<290>", .editTables = [](kel::TokenizerData& tables) {
+               tables.tokens[290] = "\u0120\u00C3";  // a space, and the first byte of é
+               tables.tokens[291] = "\u00C3";
+               tables.tokens[292] = "\u00A9";  // its second byte
+             }});
+  const Outcome result = run(ZYM_PLUGIN_PATH " " + path + " h\u00E9 2>/dev/null");
+  EXPECT_EQ(0, result.exitStatus);
+  std::string expected;
+  for (int piece = 0; piece < 40; ++piece) {
+    expected += " \xC3";
+  }
+  EXPECT_EQ(expected + "\n40 pieces, 61 positions\n", result.output);
+}
+
 TEST_F(Hosting, ExampleSaysWhyItCannotOpenAModel) {
   const std::string missing = folder.file("missing.zym");
   Outcome result = run(ZYM_PLUGIN_PATH " " + missing + " hi 2>&1");

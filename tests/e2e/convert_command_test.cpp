@@ -133,7 +133,7 @@ TEST_F(ConvertCommandTest, TypesAreThoseAskedFor) {
   const Json kept = converted({});
   EXPECT_EQ(typeOf(kept, "blk.0.ffn_down.weight"), "BF16");
   EXPECT_EQ(typeOf(kept, "blk.0.ssm_a"), "F32");
-  const Json mixed = converted({"--type", "q8_0", "--embedding-type", "f32"});
+  const Json mixed = converted({"--type", "Q8_0", "--embedding-type", "F32", "--vocab", "RAW"});
   EXPECT_EQ(typeOf(mixed, "blk.0.ffn_down.weight"), "Q8_0");
   EXPECT_EQ(typeOf(mixed, "token_embd.weight"), "F32");
   const Json small = converted({"--preset", "small"});
@@ -162,7 +162,9 @@ TEST_F(ConvertCommandTest, BytesDoNotDependOnTheThreads) {
 }
 
 TEST_F(ConvertCommandTest, WrongUseExitsWithTwo) {
-  expectRefused({kDemo}, "DST is required; see zym convert --help", 2);
+  expectRefused({kDemo},
+                "DST is required, as in: zym convert model.gguf model.zym; see zym convert --help",
+                2);
   expectRefused({kDemo, target(), "--type", "q6_k"},
                 "--type is one of f32|bf16|q8_0|q5_k|q4_k, not \"q6_k\"", 2);
   expectRefused({kDemo, target(), "--embedding-type", ""}, "--embedding-type is one of", 2);

@@ -1,6 +1,7 @@
 // The program's two streams and its exit status, command by command.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -34,14 +35,41 @@ class ProgramTest : public testing_support::ProgramTest {
 };
 
 TEST_F(ProgramTest, WrongUseExitsWithTwo) {
-  expectFault(zym({}), 2, "A subcommand is required; see zym --help");
-  expectFault(zym({"chat"}), 2, "MODEL is required; see zym chat --help");
-  expectFault(zym({"run", model}), 2,
-              "a prompt (-p TEXT, -f FILE or -) is required; see zym run --help");
   expectFault(zym({"run", model, "-p", "a", "--top-k", "0"}), 2,
               "top-k must be a whole number from 1, not \"0\"; see zym run --help");
   expectFault(zym({"--threads", "0", "info", model}), 2,
               "--threads: Value 0 not in range 1 to 1024; see zym --help");
+}
+
+TEST_F(ProgramTest, WhatIsMissingIsNamedWithAnExample) {
+  EXPECT_EQ(zym({}).status, 2);
+  EXPECT_EQ(zym({}).err.rfind("zym: a command is required: chat, run, bench, ", 0), 0U);
+  expectFault(zym({"chat"}), 2,
+              "MODEL is required, as in: zym chat model.zym; see zym chat --help");
+  expectFault(zym({"run", model}), 2,
+              "a prompt (-p TEXT, -f FILE or -) is required, as in: "
+              "zym run model.zym --chat -p 'Who are you?'; see zym run --help");
+}
+
+TEST_F(ProgramTest, UnknownCommandIsNamedWithTheNearestOne) {
+  expectFault(zym({"inf", model}), 2, "no command \"inf\" (did you mean info?); see zym --help");
+  expectFault(zym({"foo", "--json"}), 2, "no command \"foo\"; see zym --help");
+  expectFault(zym({"small.zym"}), 2,
+              "no command \"small.zym\" (did you mean zym chat small.zym?); see zym --help");
+}
+
+// Whatever else is missing or has become wrong by it.
+TEST_F(ProgramTest, UnknownOptionIsNamedWithTheNearestOne) {
+  const std::string line = "no option \"--thraeds\" (did you mean --threads?); see zym run --help";
+  expectFault(zym({"run", "--thraeds", "2", model, "-p", "a"}), 2, line);
+  expectFault(zym({"run", "--thraeds=2"}), 2, line);
+  expectFault(zym({"chat", model, "--temp", "0.5"}), 2,
+              "no option \"--temp\" (did you mean --temperature?); see zym chat --help");
+  expectFault(zym({"info", model, "-jsno"}), 2,
+              "no option \"-jsno\" (did you mean --json?); see zym info --help");
+  expectFault(zym({"info", model, "--zzzz"}), 2, "no option \"--zzzz\"; see zym info --help");
+  expectFault(zym({"--vresion"}), 2,
+              "no option \"--vresion\" (did you mean --version?); see zym --help");
 }
 
 TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
@@ -212,7 +240,8 @@ TEST_F(ProgramTest, RunPassesSamplingSettings) {
 
 TEST_F(ProgramTest, TopPBelowOneIsExplainedOnce) {
   const std::string remark =
-      "(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)\n";
+      "(top-p below 1 keeps only the best token of this runtime library, whatever the temperature; "
+      "1 turns it off)\n";
   EXPECT_EQ(zym({"run", model, "-p", "a", "-p", "b", "--temperature", "0.5", "--top-p", "0.9"}).err,
             remark);
   EXPECT_EQ(zym({"run", model, "-p", "a", "--top-p", "0.9"}).err, "");
@@ -382,6 +411,65 @@ TEST_F(ProgramTest, TokenizeShowsIdsAndPieces) {
   EXPECT_EQ(report["ids"], Json::array({0}));
 }
 
+TEST_F(ProgramTest, TokenizeReadsFilesAndStandardInput) {
+  const std::string tokens = "      0  \" \"\n      1  \"<|im_end|>\"\n";
+  EXPECT_EQ(zym({"tokenize", model, "--raw", "-"}, " <|im_end|>\n").out, tokens);
+  EXPECT_EQ(zym({"tokenize", model, "--raw", "-f", write("text.txt", " <|im_end|>\n")}).out,
+            tokens);
+  const std::string missing = folder / "missing.txt";
+  expectFault(zym({"tokenize", model, "--file", missing}), 1,
+              missing + ": No such file or directory; check the path");
+}
+
+TEST_F(ProgramTest, TokenizeTurnsIdsIntoText) {
+  const std::string text = "<|im_end|> <|im_end|>\n";
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "1", "0", "1"}).out, text);
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "1,0 1"}).out, text);
+  EXPECT_EQ(zym({"tokenize", "--ids", model, "-"}, "[1,\n 0,\n 1]\n").out, text);
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "-f", write("ids.txt", "1\n0\n1\n")}).out, text);
+  const Json report = Json::parse(zym({"tokenize", model, "--ids", "--json", "1", "0"}).out);
+  EXPECT_EQ(report, Json({{"ids", {1, 0}}, {"text", "<|im_end|> "}}));
+  expectFault(zym({"tokenize", model, "--ids", "1", "4"}), 1,
+              "the vocabulary has no token 4; its last one is 3");
+}
+
+TEST_F(ProgramTest, TokenizeGivesACharacterOfSeveralTokensWhole) {
+  ASSERT_TRUE(writeSmallModel(model, nullptr, "qwen35", [](kel::ZYM2Writer& writer) {
+                kel::TokenizerData data = testing_support::smallVocabulary(4);
+                data.tokens[2] = "Ã";  // the letters of the two bytes of é
+                data.tokens[3] = "©";
+                writer.setTokenizer(data);
+              }).ok());
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "2", "3"}).out, "é\n");
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "3"}).out, "\uFFFD\n");
+  EXPECT_EQ(zym({"tokenize", model, "é"}).out, "      2  \"\uFFFD\"\n      3  \"\uFFFD\"\n");
+  const Outcome invalid = zym({"tokenize", model, "\xC3"});
+  EXPECT_EQ(invalid.out, "      2  \"\uFFFD\"\n");
+  EXPECT_EQ(invalid.err,
+            "(the text is not valid UTF-8; bytes that belong to no character are read one by "
+            "one)\n");
+}
+
+TEST_F(ProgramTest, TokenizeOfNothingShowsNothing) {
+  for (const Outcome& outcome : {zym({"tokenize", model, ""}), zym({"tokenize", model, "-"})}) {
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out + outcome.err, "");
+  }
+  EXPECT_EQ(Json::parse(zym({"tokenize", model, "--json", ""}).out),
+            Json({{"ids", Json::array()}, {"pieces", Json::array()}}));
+  EXPECT_EQ(zym({"tokenize", model, "--ids", "-"}).out, "\n");
+}
+
+TEST_F(ProgramTest, TokenizeTakesOneText) {
+  expectFault(zym({"tokenize", model}), 2,
+              "a text (TEXT, -f FILE or -) is required, as in: zym tokenize model.zym 'Hello "
+              "there'; see zym tokenize --help");
+  expectFault(zym({"tokenize", model, "a", "b", "c"}), 2,
+              "\"b\" is one word too many; put the whole text in quotes; see zym tokenize --help");
+  expectFault(zym({"tokenize", model, "a", "-f", "b"}), 2,
+              "TEXT excludes --file; see zym tokenize --help");
+}
+
 TEST_F(ProgramTest, BenchRefusesSizesThatDoNotFit) {
   const Outcome outcome = zym({"bench", model, "--at", "7000", "--steps", "4096"});
   EXPECT_EQ(outcome.status, 1);
@@ -394,7 +482,9 @@ TEST_F(ProgramTest, BenchReportsEveryMeasure) {
   const Outcome outcome = zym({"--threads", "1000", "bench", model, "--json", "--repetitions", "2",
                                "--prompt", "20", "--steps", "4"});
   ASSERT_EQ(outcome.status, 0) << outcome.err;
-  EXPECT_EQ(outcome.err, "");  // no bar in a pipe, and no plain line so soon
+  // No bar in a pipe, and no plain line so soon.
+  EXPECT_TRUE(outcome.err.starts_with("(--threads 1000: ")) << outcome.err;
+  EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
   const Json report = Json::parse(outcome.out);
   EXPECT_EQ(report["threads"], qwen35::usableProcessors());  // no more run
   EXPECT_EQ(report["kernels"], "scalar");

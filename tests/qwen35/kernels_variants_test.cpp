@@ -416,46 +416,49 @@ struct DeltaCase {
 
 // The update step by step, each over the whole state.
 void deltaStepByContract(DeltaCase& c, float decay, float beta, float scale) {
-  const size_t dim = c.v.size();
+  const size_t keyDim = c.k.size();
+  const size_t valueDim = c.v.size();
   for (float& element : c.state) {
     element *= decay;
   }
-  std::vector<float> u(dim);
-  for (size_t j = 0; j < dim; ++j) {
+  std::vector<float> u(valueDim);
+  for (size_t j = 0; j < valueDim; ++j) {
     float kv = 0.0f;
-    for (size_t i = 0; i < dim; ++i) {
-      kv = std::fma(c.k[i], c.state[i * dim + j], kv);
+    for (size_t i = 0; i < keyDim; ++i) {
+      kv = std::fma(c.k[i], c.state[i * valueDim + j], kv);
     }
     u[j] = (c.v[j] - kv) * beta;
   }
-  for (size_t i = 0; i < dim; ++i) {
-    for (size_t j = 0; j < dim; ++j) {
-      c.state[i * dim + j] = std::fma(c.k[i], u[j], c.state[i * dim + j]);
+  for (size_t i = 0; i < keyDim; ++i) {
+    for (size_t j = 0; j < valueDim; ++j) {
+      c.state[i * valueDim + j] = std::fma(c.k[i], u[j], c.state[i * valueDim + j]);
     }
   }
-  for (size_t j = 0; j < dim; ++j) {
+  for (size_t j = 0; j < valueDim; ++j) {
     float o = 0.0f;
-    for (size_t i = 0; i < dim; ++i) {
-      o = std::fma(c.state[i * dim + j], c.q[i], o);
+    for (size_t i = 0; i < keyDim; ++i) {
+      o = std::fma(c.state[i * valueDim + j], c.q[i], o);
     }
     c.v[j] = scale * o;
   }
 }
 
-void expectDeltaSteps(const KernelTable& table, size_t dim, float decay, float beta,
-                      float unusual) {
-  DeltaCase expected{withUnusual(dim * dim, 81, unusual), withUnusual(dim, 82, unusual),
-                     withUnusual(dim, 83, unusual), withUnusual(dim, 84, unusual)};
+void expectDeltaSteps(const KernelTable& table, size_t keyDim, size_t valueDim, float decay,
+                      float beta, float unusual) {
+  DeltaCase expected{withUnusual(keyDim * valueDim, 81, unusual), withUnusual(keyDim, 82, unusual),
+                     withUnusual(keyDim, 83, unusual), withUnusual(valueDim, 84, unusual)};
   Guarded state(expected.state);
   Guarded q(expected.q);
   Guarded k(expected.k);
   Guarded v(expected.v);
   for (int step = 0; step < 3; ++step) {
     deltaStepByContract(expected, decay, beta, 0.1f);
-    table.deltaStep(state.data(), q.data(), k.data(), v.data(), dim, decay, beta, 0.1f);
+    table.deltaStep(state.data(), q.data(), k.data(), v.data(), keyDim, valueDim, decay, beta,
+                    0.1f);
   }
-  const std::string what = std::string(table.name) + " dim=" + std::to_string(dim) + " " +
-                           std::to_string(decay) + " " + std::to_string(unusual);
+  const std::string what = std::string(table.name) + " dims=" + std::to_string(keyDim) + "x" +
+                           std::to_string(valueDim) + " " + std::to_string(decay) + " " +
+                           std::to_string(unusual);
   EXPECT_EQ(bits(expected.state), bits(state.checked())) << what;
   EXPECT_EQ(bits(expected.v), bits(v.checked())) << what;
 }
@@ -463,12 +466,14 @@ void expectDeltaSteps(const KernelTable& table, size_t dim, float decay, float b
 TEST(KernelVariants, DeltaStepFollowsTheContract) {
   for (const KernelTable* table : qwen35::testedTables()) {
     for (const size_t dim : {0, 1, 7, 8, 31, 32, 43, 63, 64, 79, 128}) {
-      expectDeltaSteps(*table, dim, 0.9f, 0.7f, 0.5f);
+      expectDeltaSteps(*table, dim, dim, 0.9f, 0.7f, 0.5f);
+      expectDeltaSteps(*table, 24, dim, 0.9f, 0.7f, 0.5f);
+      expectDeltaSteps(*table, dim, 48, 0.9f, 0.7f, 0.5f);
     }
     for (const float unusual : kUnusual) {
-      expectDeltaSteps(*table, 43, 0.9f, 0.7f, unusual);
-      expectDeltaSteps(*table, 43, 0.0f, 0.7f, unusual);
-      expectDeltaSteps(*table, 43, 1.0f, 0.0f, unusual);
+      expectDeltaSteps(*table, 43, 43, 0.9f, 0.7f, unusual);
+      expectDeltaSteps(*table, 43, 43, 0.0f, 0.7f, unusual);
+      expectDeltaSteps(*table, 43, 43, 1.0f, 0.0f, unusual);
     }
   }
 }
@@ -484,7 +489,7 @@ TEST(KernelVariants, DeltaStepFromZeroStateScalesTheValue) {
   for (const KernelTable* table : qwen35::testedTables()) {
     std::vector<float> state(128 * 128, 0.0f);
     std::vector<float> v = value;
-    table->deltaStep(state.data(), q.data(), k.data(), v.data(), 128, 0.5f, 0.25f, 2.0f);
+    table->deltaStep(state.data(), q.data(), k.data(), v.data(), 128, 128, 0.5f, 0.25f, 2.0f);
     for (size_t j = 0; j < 128; ++j) {
       EXPECT_NEAR(2.0 * 0.25 * qk * static_cast<double>(value[j]), v[j], 2e-6) << table->name;
     }

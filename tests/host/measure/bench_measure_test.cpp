@@ -11,26 +11,27 @@
 namespace zym {
 namespace {
 
-// A position for every word and piece, and replies of a fixed number of pieces: the same in every
-// turn, or in every other one.
+// Positions for framing, every word and every piece, and replies of a fixed number of pieces: the
+// same in every turn, or in every other one.
 class CountingBackend : public Backend {
  public:
-  kel::Status turn(const std::string& text, const PieceSink& sink, volatile int* cancel) override {
-    for (const char c : text) {
-      positions += c == ' ' ? 1 : 0;
-    }
+  kel::Status turn(const std::string& text, const TurnCalls& calls) override {
+    const auto spaces = static_cast<uint64_t>(std::count(text.begin(), text.end(), ' '));
+    positions += (positions == 0 ? beginning : 0) + framing + (spaces + 1) * positionsPerWord;
     ++turns;
     const bool shy = everyOther && turns % 2 == 0;
-    for (int i = 0; i < (shy ? 1 : piecesPerTurn) && *cancel == 0; ++i) {
+    for (int i = 0; i < (shy ? 1 : piecesPerTurn) && *calls.cancel == 0; ++i) {
       if (positions >= capacity) {
         return kel::Status::invalid("no room");
       }
       ++positions;
-      sink("x");
+      calls.piece("x");
     }
     return kel::Status::success();
   }
-  kel::Status complete(const std::string&, std::string&) override { return {}; }
+  kel::Status complete(const std::string&, const TurnCalls&) override { return {}; }
+  bool hasRelativeTopP() const override { return true; }
+  bool streamsCompletions() const override { return false; }
   void reset() override {
     positions = 0;
     ++resets;
@@ -41,6 +42,9 @@ class CountingBackend : public Backend {
 
   uint64_t positions = 0;
   uint64_t capacity = 8192;
+  uint64_t beginning = 0;  // of a conversation, before the framing of its first turn
+  uint64_t framing = 0;    // of a turn
+  uint64_t positionsPerWord = 1;
   int piecesPerTurn = 10;
   bool everyOther = false;
   int turns = 0;
@@ -84,17 +88,47 @@ TEST(BenchMeasureTest, ARateThatNoProbeReachesIsTheLimit) {
   EXPECT_LE(probes.asked, 5U);
 }
 
-TEST(BenchMeasureTest, PrefillFillsTheWantedPositionsWithoutGenerating) {
-  CountingBackend backend;
+// Positions that a prefill of so many fills.
+uint64_t prefilled(CountingBackend& backend, uint64_t positions) {
+  FillingCost cost;
   PrefillRun run;
-  ASSERT_TRUE(measurePrefill(backend, 1000, run).ok());
-  EXPECT_EQ(run.positions, 1000U);
+  EXPECT_TRUE(learnFillingCost(backend, cost).ok());
+  EXPECT_TRUE(measurePrefill(backend, cost, positions, run).ok());
+  EXPECT_EQ(run.positions, backend.positions);
+  return run.positions;
+}
+
+TEST(BenchMeasureTest, PrefillFillsExactlyTheWantedPositionsWithoutGenerating) {
+  for (const uint64_t positions :
+       {12, 20, 128, 255, 256, 257, 263, 266, 267, 268, 511, 1000, 7000}) {
+    CountingBackend backend;
+    backend.beginning = 1;
+    backend.framing = 10;
+    EXPECT_EQ(prefilled(backend, positions), positions);
+  }
+}
+
+TEST(BenchMeasureTest, PrefillOfLessThanTheFramingIsTheFraming) {
+  CountingBackend backend;
+  backend.framing = 10;
+  EXPECT_EQ(prefilled(backend, 5), 11U);
+}
+
+TEST(BenchMeasureTest, PrefillGoesBeyondTheWantedPositionsByLessThanAWord) {
+  for (const uint64_t positions : {128, 256, 263, 600, 1000}) {
+    CountingBackend backend;
+    backend.framing = 10;
+    backend.positionsPerWord = 4;
+    const uint64_t filled = prefilled(backend, positions);
+    EXPECT_GE(filled, positions);
+    EXPECT_LT(filled, positions + 4);
+  }
 }
 
 TEST(BenchMeasureTest, DecodeTakesAsManyTurnsAsItNeeds) {
   CountingBackend backend;
   std::vector<double> stepMs;
-  ASSERT_TRUE(measureDecode(backend, 0, 20, stepMs).ok());
+  ASSERT_TRUE(measureDecode(backend, FillingCost(), 0, 20, stepMs).ok());
   EXPECT_EQ(stepMs.size(), 20U);  // 9 steps a turn
 }
 
@@ -102,7 +136,7 @@ TEST(BenchMeasureTest, SilentModelEndsTheMeasurement) {
   CountingBackend backend;
   backend.piecesPerTurn = 1;
   std::vector<double> stepMs;
-  ASSERT_TRUE(measureDecode(backend, 0, 20, stepMs).ok());
+  ASSERT_TRUE(measureDecode(backend, FillingCost(), 0, 20, stepMs).ok());
   EXPECT_TRUE(stepMs.empty());
 }
 
@@ -110,7 +144,7 @@ TEST(BenchMeasureTest, SilentTurnsInBetweenDoNotEndTheMeasurement) {
   CountingBackend backend;
   backend.everyOther = true;
   std::vector<double> stepMs;
-  ASSERT_TRUE(measureDecode(backend, 0, 90, stepMs).ok());
+  ASSERT_TRUE(measureDecode(backend, FillingCost(), 0, 90, stepMs).ok());
   EXPECT_EQ(stepMs.size(), 90U);
 }
 
@@ -118,21 +152,21 @@ TEST(BenchMeasureTest, FullContextIsFilledAgain) {
   CountingBackend backend;
   backend.capacity = 100;
   PrefillRun prefill;
-  ASSERT_TRUE(measurePrefill(backend, 50, prefill).ok());
+  ASSERT_TRUE(measurePrefill(backend, FillingCost(), 50, prefill).ok());
   std::vector<double> stepMs;
-  ASSERT_TRUE(measureDecode(backend, 50, 90, stepMs).ok());
-  EXPECT_EQ(stepMs.size(), 90U);  // five turns of 9 steps fill it
-  EXPECT_EQ(backend.resets, 2);
-  EXPECT_EQ(backend.positions, 100U);
+  ASSERT_TRUE(measureDecode(backend, FillingCost(), 50, 90, stepMs).ok());
+  EXPECT_EQ(stepMs.size(), 90U);  // four turns of 9 steps and one of 4 fill it, twice
+  EXPECT_EQ(backend.resets, 3);
+  EXPECT_EQ(backend.positions, 50U + 11U + 3U);
 }
 
 TEST(BenchMeasureTest, ContextThatIsFullBeforeAnyStepEndsTheMeasurement) {
   CountingBackend backend;
   backend.capacity = 50;
   PrefillRun prefill;
-  ASSERT_TRUE(measurePrefill(backend, 50, prefill).ok());
+  ASSERT_TRUE(measurePrefill(backend, FillingCost(), 50, prefill).ok());
   std::vector<double> stepMs;
-  ASSERT_TRUE(measureDecode(backend, 50, 20, stepMs).ok());
+  ASSERT_TRUE(measureDecode(backend, FillingCost(), 50, 20, stepMs).ok());
   EXPECT_TRUE(stepMs.empty());
 }
 
@@ -141,11 +175,11 @@ TEST(BenchMeasureTest, ProgressIsReported) {
   std::vector<uint64_t> told;
   const auto listen = [&](uint64_t done) { told.push_back(done); };
   PrefillRun run;
-  ASSERT_TRUE(measurePrefill(backend, 600, run, listen).ok());
+  ASSERT_TRUE(measurePrefill(backend, FillingCost(), 600, run, listen).ok());
   EXPECT_EQ(told, (std::vector<uint64_t>{256, 512, 600}));
   told.clear();
   std::vector<double> stepMs;
-  ASSERT_TRUE(measureDecode(backend, 600, 3, stepMs, listen).ok());
+  ASSERT_TRUE(measureDecode(backend, FillingCost(), 600, 3, stepMs, listen).ok());
   EXPECT_EQ(told, (std::vector<uint64_t>{0, 1, 2, 3}));
 }
 
@@ -155,7 +189,7 @@ TEST(BenchMeasureTest, SizesThatDoNotFitAreRefused) {
   EXPECT_TRUE(checkBenchSize({96, 8192}, 7000, 32).ok());
   EXPECT_EQ(
       checkBenchSize({96, 8192}, 7000, 1200).message,
-      "1200 steps at depth 7000 take about 8640 positions with the framing, the context holds "
+      "1200 steps at depth 7000 take about 8528 positions with the framing, the context holds "
       "8192; lower --steps, or --prompt and --at");
 }
 

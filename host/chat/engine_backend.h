@@ -1,0 +1,24 @@
+// The backend of the program's own engine: models of every size, replies as long as the context,
+// prompts that can be watched and stopped.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "container/status.h"
+#include "engine/context.h"
+#include "host/chat/backend.h"
+
+namespace zym {
+
+// Opens the container at modelPath and a context over it, of `positions` (engine::ContextOptions).
+// Messages name the path.
+kel::Status openContext(const std::string& modelPath, uint64_t positions,
+                        std::unique_ptr<engine::Context>& context);
+
+// maxTokens: of one reply; 0: as the context has room for. Messages as above.
+kel::Status openEngineBackend(const std::string& modelPath, uint64_t maxTokens,
+                              std::unique_ptr<Backend>& backend);
+
+}  // namespace zym
