@@ -204,6 +204,7 @@ void addClear(CLI::App& cache, Action& action) {
   command
       ->add_option("--older-than", options->olderThanDays,
                    "Only those that were not used for so many days")
+      ->check(CLI::Range(0, 100'000))
       ->type_name("DAYS");
   addExamples(*command,
               "  zym cache clear\n"
