@@ -109,6 +109,9 @@ void addMetadata(const SourceModel& source, const TensorPlan& plan, const Tokeni
   writer.addMetaStr("zym.source.files", fmt::format("{}", fmt::join(source.fileNames, "\n")));
   addStorage(options.storage, writer);
   addText(writer, "zym.convert.reencoded", reencodedText(summary));
+  for (const auto& [key, value] : options.notes) {
+    writer.addMetaStr(key, value);
+  }
 }
 
 }  // namespace kel::convert

@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "container/status.h"
@@ -22,6 +23,10 @@
 #include "quant/quant_type.h"
 
 namespace kel::convert {
+
+// Raised with every change after which a source and options that could be converted before give
+// other bytes: whoever keeps containers for later knows by it which ones are out of date.
+constexpr int kConverterVersion = 1;
 
 // Fixed choices of a type per tensor, by size.
 enum class Preset : uint8_t {
@@ -58,6 +63,8 @@ struct ConvertOptions {
   bool dryRun = false;          // everything but the writing; there need be no target
   bool keepPrediction = false;  // the layer of multi-token prediction, where there is one
   unsigned threads = 0;         // 0: all
+  // Further texts for the metadata, key and value, behind those that every conversion writes.
+  std::vector<std::pair<std::string, std::string>> notes;
 };
 
 // Told how far a conversion is, and asked whether to go on; called from the converting thread.

@@ -13,6 +13,7 @@
 #include "container/zym2_reader.h"
 #include "host/chat/engine_backend.h"
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 #include "host/cli/threads.h"
 #include "host/measure/bench_measure.h"
 #include "host/measure/cache_size.h"
@@ -32,6 +33,7 @@ using kel::Status;
 
 struct BenchOptions {
   EngineOptions engine;
+  std::shared_ptr<ModelArgument> model;
   int repetitions = 5;
   uint64_t prompt = 128;
   size_t steps = 32;
@@ -227,7 +229,7 @@ std::string shareText(std::optional<double> share) {
 }
 
 void printTable(const BenchOptions& options, const BenchReport& report) {
-  const std::string name = std::filesystem::path(options.engine.model).filename().string();
+  const std::string name = std::filesystem::path(options.model->given).filename().string();
   fmt::print("| {:<33} | {:>9} {:>9} {:>9} |\n", name + ", tokens/s", "median", "min", "max");
   fmt::print("|{:-<35}|{:->31}|\n", "", "");
   fmt::print("| {:<33} | {} |\n", fmt::format("prefill, {} positions", report.prefillPositions),
@@ -260,7 +262,7 @@ nlohmann::ordered_json spreadJson(const std::vector<double>& speeds) {
 void printJson(const BenchOptions& options, const BenchReport& report) {
   const std::optional<double> share = bandwidthShare(report);
   const nlohmann::ordered_json all = {
-      {"model", options.engine.model},
+      {"model", options.model->given},
       {"threads", report.threads},
       {"kernels", report.kernels},
       {"repetitions", options.repetitions},
@@ -300,7 +302,7 @@ int bench(const BenchOptions& options) {
 void addBench(CLI::App& program, Action& action) {
   auto options = std::make_shared<BenchOptions>();
   CLI::App* command = program.add_subcommand("bench", "Measure speed and memory");
-  addModel(*command, options->engine);
+  options->model = addModel(*command, options->engine);
   command->add_option("--repetitions", options->repetitions, "Runs to take the median of")
       ->check(CLI::Range(1, 1000))
       ->capture_default_str();
@@ -321,7 +323,9 @@ void addBench(CLI::App& program, Action& action) {
               "  zym bench model.zym\n"
               "  zym bench model.zym --at 4000 --repetitions 3\n"
               "  zym bench model.zym --threads 2 --json");
-  command->callback([options, &action] { action = [options] { return bench(*options); }; });
+  command->callback([options, &action] {
+    action = onModel(options->model, options->engine.model, [options] { return bench(*options); });
+  });
 }
 
 }  // namespace zym

@@ -11,6 +11,7 @@
 #include "host/chat/chat_command.h"
 #include "host/chat/sampling_settings.h"
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/line_reader.h"
 #include "host/terminal/reply_wrap.h"
@@ -253,7 +254,7 @@ int chat(const EngineOptions& options) {
 void addChat(CLI::App& program, Action& action) {
   auto options = std::make_shared<EngineOptions>();
   CLI::App* command = program.add_subcommand("chat", "Talk with a model");
-  addModel(*command, *options);
+  const auto model = addModel(*command, *options);
   addRaw(*command, options->raw);
   addMaxTokens(*command, options->maxTokens);
   addSampling(*command, options->sampling);
@@ -261,7 +262,9 @@ void addChat(CLI::App& program, Action& action) {
               "  zym chat model.zym\n"
               "  zym chat model.zym --temperature 0.7 --top-k 40 --seed 1\n"
               "  printf 'Hello\\nWho are you?\\n' | zym chat model.zym");
-  command->callback([options, &action] { action = [options] { return chat(*options); }; });
+  command->callback([options, model, &action] {
+    action = onModel(model, options->model, [options] { return chat(*options); });
+  });
 }
 
 }  // namespace zym

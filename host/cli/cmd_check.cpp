@@ -10,6 +10,7 @@
 
 #include "host/chat/open_failure.h"
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 #include "host/cli/threads.h"
 #include "host/inspect/container_check.h"
 #include "host/terminal/interrupt.h"
@@ -61,7 +62,14 @@ void showUnguarded(const std::vector<std::string>& sections) {
   }
 }
 
-int check(const CheckCommand& command) {
+// What makes a faulty container anew: one in the cache is no file of the user's.
+std::string remedy(const std::string& container, const ModelArgument& model) {
+  return container == model.given || model.withoutCache
+             ? "`zym convert` makes the file anew"
+             : fmt::format("`zym cache clear {}` has it converted anew", model.given);
+}
+
+int check(const CheckCommand& command, const ModelArgument& model) {
   const std::string& path = command.file;
   kel::ZYMLoader loader;
   CheckResult result;
@@ -83,11 +91,11 @@ int check(const CheckCommand& command) {
                 withoutControls(replaceInvalid(fault.what)).c_str());
   }
   if (!faults.empty()) {
-    complain(fmt::format("{}: {} {}; `zym convert` makes the file anew", path, faults.size(),
-                         faults.size() == 1 ? "fault" : "faults"));
+    complain(fmt::format("{}: {} {}; {}", model.given, faults.size(),
+                         faults.size() == 1 ? "fault" : "faults", remedy(path, model)));
     return 1;
   }
-  std::printf("%s: can be run\n", path.c_str());
+  std::printf("%s: can be run\n", model.given.c_str());
   showUnguarded(result.unguarded);
   return 0;
 }
@@ -96,14 +104,16 @@ int check(const CheckCommand& command) {
 
 void addCheck(CLI::App& program, Action& action) {
   auto chosen = std::make_shared<CheckCommand>();
-  CLI::App* command = program.add_subcommand("check", "Tell whether a container can be run");
-  command->add_option("FILE", chosen->file, "Container file (.zym)")->required();
+  CLI::App* command = program.add_subcommand("check", "Tell whether a model can be run");
+  const auto model = addModelArgument(*command);
   command->add_flag("--full", chosen->full,
                     "Look at every weight for values that are not finite, not at vectors alone");
   addExamples(*command,
               "  zym check model.zym && zym chat model.zym\n"
               "  zym check model.zym --full");
-  command->callback([chosen, &action] { action = [chosen] { return check(*chosen); }; });
+  command->callback([chosen, model, &action] {
+    action = onModel(model, chosen->file, [chosen, model] { return check(*chosen, *model); });
+  });
 }
 
 }  // namespace zym

@@ -5,6 +5,7 @@
 
 #include "host/chat/open_failure.h"
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 #include "host/inspect/container_report.h"
 #include "host/terminal/terminal.h"
 
@@ -49,8 +50,8 @@ int info(const InfoOptions& options) {
 
 void addInfo(CLI::App& program, Action& action) {
   auto options = std::make_shared<InfoOptions>();
-  CLI::App* command = program.add_subcommand("info", "Show what a container holds");
-  command->add_option("FILE", options->file, "Container file (.zym)")->required();
+  CLI::App* command = program.add_subcommand("info", "Show what a model holds");
+  const auto model = addModelArgument(*command);
   command->add_option("--tensors", options->pattern, "Only the tensors whose names match")
       ->type_name("PATTERN");
   command->add_flag("--json", options->json, "Everything as one JSON object");
@@ -58,7 +59,9 @@ void addInfo(CLI::App& program, Action& action) {
               "  zym info model.zym\n"
               "  zym info model.zym --tensors 'blk.0.*'\n"
               "  zym info model.zym --json");
-  command->callback([options, &action] { action = [options] { return info(*options); }; });
+  command->callback([options, model, &action] {
+    action = onModel(model, options->file, [options] { return info(*options); });
+  });
 }
 
 }  // namespace zym

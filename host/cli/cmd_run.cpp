@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 #include "host/cli/text_source.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
@@ -127,9 +128,8 @@ int run(const RunOptions& options) {
 
 void addRun(CLI::App& program, Action& action) {
   auto options = std::make_shared<RunOptions>();
-  CLI::App* command = program.add_subcommand(
-      "run", "Complete a text, or answer chat messages");
-  addModel(*command, options->engine);
+  CLI::App* command = program.add_subcommand("run", "Complete a text, or answer chat messages");
+  const auto model = addModel(*command, options->engine);
   auto* input = command->add_option("INPUT", options->standardInput,
                                     "\"-\": read the prompt from standard input");
   input->type_name("")->check(checkInputWord);
@@ -156,11 +156,11 @@ void addRun(CLI::App& program, Action& action) {
               "  zym run model.zym --chat -p 'Hello' -p 'Who are you?' --json\n"
               "  zym run model.zym -f story.txt --temperature 0.8 --top-k 40 --seed 7\n"
               "  echo 'Once upon a time' | zym run model.zym -");
-  command->callback([options, prompt, file, input, &action] {
+  command->callback([options, model, prompt, file, input, &action] {
     if (prompt->count() + file->count() + input->count() == 0) {
       throw CLI::RequiredError("a prompt (-p TEXT, -f FILE or -)");
     }
-    action = [options] { return run(*options); };
+    action = onModel(model, options->engine.model, [options] { return run(*options); });
   });
 }
 

@@ -11,6 +11,7 @@
 
 #include "host/chat/text_map.h"
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 #include "host/cli/text_source.h"
 #include "host/cli/token_ids.h"
 #include "host/terminal/terminal.h"
@@ -149,7 +150,7 @@ void addTokenize(CLI::App& program, Action& action) {
   auto options = std::make_shared<TokenizeOptions>();
   CLI::App* command =
       program.add_subcommand("tokenize", "Show the tokens of a text, or the text of tokens");
-  command->add_option("MODEL", options->model, "Container file (.zym)")->required();
+  const auto model = addModelArgument(*command);
   auto* text =
       command->add_option("TEXT", options->text, "The text; \"-\": read it from standard input");
   text->type_name("");
@@ -166,7 +167,7 @@ void addTokenize(CLI::App& program, Action& action) {
               "  zym tokenize model.zym --raw '<|im_start|>user'\n"
               "  zym tokenize model.zym -f story.txt --json\n"
               "  zym tokenize model.zym --ids 9707 1052");
-  command->callback([options, text, more, file, &action] {
+  command->callback([options, model, text, more, file, &action] {
     if (text->count() + file->count() == 0) {
       throw CLI::RequiredError("a text (TEXT, -f FILE or -)");
     }
@@ -174,7 +175,7 @@ void addTokenize(CLI::App& program, Action& action) {
       throw CLI::ValidationError("\"" + options->moreIds.front() +
                                  "\" is one word too many; put the whole text in quotes");
     }
-    action = [options] { return tokenize(*options); };
+    action = onModel(model, options->model, [options] { return tokenize(*options); });
   });
 }
 

@@ -2,6 +2,7 @@
 
 #include "host/chat/sampling_settings.h"
 #include "host/cli/commands.h"
+#include "host/cli/model_argument.h"
 
 namespace zym {
 namespace {
@@ -22,12 +23,13 @@ void addSetting(CLI::App& command, const char* name, const char* what, Sampling&
 
 }  // namespace
 
-void addModel(CLI::App& command, EngineOptions& options) {
-  command.add_option("MODEL", options.model, "Container file (.zym)")->required();
+std::shared_ptr<ModelArgument> addModel(CLI::App& command, EngineOptions& options) {
+  auto model = addModelArgument(command);
   command
       .add_option("--plugin", options.plugin,
                   "Runtime library to use instead of the program's own engine (else ZYM_PLUGIN)")
       ->type_name("FILE");
+  return model;
 }
 
 void addSampling(CLI::App& command, Sampling& sampling) {

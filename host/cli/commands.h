@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "host/chat/engine.h"
@@ -13,6 +14,7 @@
 namespace zym {
 
 using Action = std::function<int()>;
+struct ModelArgument;  // model_argument.h
 
 // Makes program the zym program: its own options, and all of the commands.
 void addCommands(CLI::App& program, Action& action);
@@ -25,9 +27,11 @@ void addCheck(CLI::App& program, Action& action);
 void addTokenize(CLI::App& program, Action& action);
 void addConvert(CLI::App& program, Action& action);
 void addCompletion(CLI::App& program, Action& action);
+void addCache(CLI::App& program, Action& action);
 
 // Options that the generating commands share.
-void addModel(CLI::App& command, EngineOptions& options);
+// Their action is wrapped by onModel with what addModel returns.
+std::shared_ptr<ModelArgument> addModel(CLI::App& command, EngineOptions& options);
 void addSampling(CLI::App& command, Sampling& sampling);
 void addRaw(CLI::App& command, bool& raw);
 void addMaxTokens(CLI::App& command, uint64_t& maxTokens);

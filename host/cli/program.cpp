@@ -99,9 +99,10 @@ void addCommands(CLI::App& program, Action& action) {
   addTokenize(program, action);
   addConvert(program, action);
   addCompletion(program, action);
+  addCache(program, action);
   addExamples(program,
+              "  zym chat model.gguf\n"
               "  zym convert model.gguf model.zym\n"
-              "  zym chat model.zym\n"
               "  zym COMMAND --help");
   hideTypesOfPositionals(program);
 }

@@ -56,6 +56,23 @@ class Convert : public testing::Test {
 std::vector<TinyTensor>* Convert::model = nullptr;
 TempDir* Convert::shared = nullptr;
 
+TEST_F(Convert, NotesStandInTheMetadata) {
+  ConvertOptions options;
+  options.source = shared->file("bf16.gguf");
+  const TempDir folder;
+  options.target = folder.file("noted.zym");
+  options.notes = {{"note.first", "one"}, {"note.second", "two\nlines"}};
+  kel::convert::ProgressSink quiet;
+  ASSERT_TRUE(kel::convert::convertModel(options, quiet).status.ok());
+  kel::ZYM2Reader reader;
+  ASSERT_TRUE(reader.open(options.target.c_str()).ok());
+  std::string value;
+  EXPECT_TRUE(reader.getMetaStr("note.first", value));
+  EXPECT_EQ("one", value);
+  EXPECT_TRUE(reader.getMetaStr("note.second", value));
+  EXPECT_EQ("two\nlines", value);
+}
+
 TEST_F(Convert, CheckpointGivesTheRuntimesValues) {
   const Converted converted(shared->file("checkpoint"), ofType(QuantType::F32));
   expectRuntimeValues(converted);

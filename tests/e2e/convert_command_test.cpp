@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "container/zym2_reader.h"
-#include "tests/convert/tiny_model.h"
+#include "tests/convert/slow_checkpoint.h"
 #include "tests/e2e/fixture.h"
 
 namespace zym {
@@ -329,28 +329,6 @@ TEST_F(ConvertCommandTest, FullDiskIsToldBeforehand) {
 // A conversion that takes seconds, stopped once it writes.
 class StoppedConversionTest : public ConvertCommandTest {
  protected:
-  // Feed-forward matrices of gigabytes without disk space: files with holes.
-  std::string slowSource() const {
-    constexpr uint64_t kWidth = 409'600;
-    kel::test::TinyDirectory source = tinyDirectory(kel::test::tinyModel(false), "BF16");
-    for (kel::test::SafetensorsBuilder::Tensor& tensor : source.weights.tensors) {
-      if (tensor.name.find(".mlp.") == std::string::npos) {
-        continue;
-      }
-      for (uint64_t& dim : tensor.shape) {
-        dim = dim == kel::test::kTinyFeedForward ? kWidth : dim;
-      }
-      tensor.holeBytes *= kWidth / kel::test::kTinyFeedForward;
-    }
-    Json config = Json::parse(source.config);
-    Json& sizes = config.contains("text_config") ? config["text_config"] : config;
-    sizes["intermediate_size"] = kWidth;
-    source.config = config.dump();
-    fs::create_directory(folder / "slow");
-    source.write(folder / "slow");
-    return folder / "slow";
-  }
-
   // Whether the process has a file open in the folder for its output, with or without a name.
   bool writesOutput(const std::string& process) const {
     std::error_code error;  // files that are closed meanwhile, and a process that has not begun
@@ -382,7 +360,8 @@ class StoppedConversionTest : public ConvertCommandTest {
   }
 
   Outcome stoppedBy(const std::string& signalName) const {
-    const std::string source = slowSource();
+    const std::string source = folder / "slow";
+    kel::test::writeSlowCheckpoint(source);
     Outcome outcome;
     std::thread conversion([&] {
       outcome = testing_support::runProcess({"sh", "-c",

@@ -23,6 +23,7 @@ class ProgramTest : public testing::Test {
     std::filesystem::create_directories(folder);
     setenv("ZYM_PLUGIN", ZYM_FAKE_RUNTIME, 1);
     setenv("XDG_STATE_HOME", folder.c_str(), 1);
+    setenv("XDG_CACHE_HOME", folder.c_str(), 1);
     ASSERT_TRUE(writeSmallModel(model).ok());
   }
   void TearDown() override { std::filesystem::remove_all(folder); }

@@ -84,7 +84,8 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("zym " ZYM_VERSION "\n", 0), 0U) << version.out;
   for (const char* command :
-       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "completion"}) {
+       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "cache",
+        "completion"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;
@@ -126,7 +127,8 @@ TEST_F(ProgramTest, MissingFileIsOneClearLine) {
 }
 
 TEST_F(ProgramTest, FolderForAFileIsOneClearLine) {
-  const std::string line = folder.string() + ": is a folder; give the file itself";
+  const std::string line =
+      folder.string() + ": is a folder without a config.json; give a file in it, " + model;
   for (const char* command : {"chat", "bench", "info", "check"})
     expectFault(zym({command, folder}), 1, line);
   expectFault(zym({"run", folder, "-p", "a"}), 1, line);
