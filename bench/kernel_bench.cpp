@@ -171,7 +171,8 @@ void deltaStep(benchmark::State& state) {
   for ([[maybe_unused]] auto step : state) {
     for (size_t head = 0; head < kHeads; ++head) {
       float* matrix = states.data() + (layer * kHeads + head) * kDim * kDim;
-      qwen35::kernels().deltaStep(matrix, q.data(), k.data(), v.data(), kDim, kDim, 0.9f, 0.5f, 0.1f);
+      qwen35::kernels().deltaStep(matrix, q.data(), k.data(), v.data(), kDim, kDim, 0.9f, 0.5f,
+                                  0.1f);
     }
     layer = (layer + 1) % kLayers;
   }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "quant/blocks.h"
+#include "quant/least_squares_k.h"
 
 namespace {
 
@@ -66,6 +67,8 @@ BENCHMARK_CAPTURE(encodeRow, Q8_0, quantQ80, QuantType::Q8_0);
 BENCHMARK_CAPTURE(encodeRow, Q4_K, quantQ4K, QuantType::Q4_K);
 BENCHMARK_CAPTURE(encodeRow, Q5_K, quantQ5K, QuantType::Q5_K);
 BENCHMARK_CAPTURE(encodeRow, Q6_K, quantQ6K, QuantType::Q6_K);
+BENCHMARK_CAPTURE(encodeRow, Q4_K_least_squares, leastSquaresQ4K, QuantType::Q4_K);
+BENCHMARK_CAPTURE(encodeRow, Q5_K_least_squares, leastSquaresQ5K, QuantType::Q5_K);
 BENCHMARK_CAPTURE(decodeRow, Q4_0, quantQ40, dequantQ40, QuantType::Q4_0);
 BENCHMARK_CAPTURE(decodeRow, Q8_0, quantQ80, dequantQ80, QuantType::Q8_0);
 BENCHMARK_CAPTURE(decodeRow, Q4_K, quantQ4K, dequantQ4K, QuantType::Q4_K);

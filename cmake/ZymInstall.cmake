@@ -1,4 +1,4 @@
-# What `cmake --install` puts in place: library, header, program, man page, completion, CMake package
+# What `cmake --install` puts in place: library, header, program, man page, completions, CMake package
 # and pkg-config file. The tree may be moved as a whole: no file names the prefix.
 include(CMakePackageConfigHelpers)
 
@@ -7,8 +7,13 @@ install(TARGETS zym RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 install(FILES "${PROJECT_SOURCE_DIR}/include/zym/plugin.h"
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/zym")
 install(FILES "${PROJECT_SOURCE_DIR}/host/zym.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
-install(FILES "${PROJECT_SOURCE_DIR}/host/completion/zym"
+set(zym_completion_dir "${PROJECT_BINARY_DIR}/host/completion")
+install(FILES "${zym_completion_dir}/zym" OPTIONAL
   DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+install(FILES "${zym_completion_dir}/_zym" OPTIONAL
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/zsh/site-functions")
+install(FILES "${zym_completion_dir}/zym.fish" OPTIONAL
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d")
 
 set(zym_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/zym")
 configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/install/zym-config.cmake.in"

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "container/descriptors.h"
+
 namespace kel {
 
 using zym2::SectionEntry;
@@ -28,7 +30,8 @@ uint64_t headerCrc(const uint8_t* file, uint32_t sectionCount) {
 // within the system's lease-break time.
 int openForReading(const char* path) {
   const int fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  return fd < 0 && errno == EWOULDBLOCK ? ::open(path, O_RDONLY | O_CLOEXEC) : fd;
+  return aboveStandardStreams(fd < 0 && errno == EWOULDBLOCK ? ::open(path, O_RDONLY | O_CLOEXEC)
+                                                             : fd);
 }
 
 }  // namespace

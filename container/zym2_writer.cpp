@@ -290,10 +290,26 @@ Status ZYM2Writer::writeSections() {
   if (!status.ok()) {
     return status;
   }
-  addChecksums();
-  std::string count;
-  appendScalar(count, metaCount);
-  return writeSection(SectionType::Meta, count + meta);
+  return writeMeta();
+}
+
+Status ZYM2Writer::writeMeta() {
+  if (weightSum) {
+    addChecksums();
+    // The digits follow once what stands before them is complete.
+    if (beginMeta(kMetadataChecksumKey, MetaType::Str, kChecksumDigits)) {
+      appendScalar(meta, static_cast<uint32_t>(kChecksumDigits));
+    }
+  }
+  std::string bytes;
+  appendScalar(bytes, metaCount);
+  bytes += meta;
+  if (weightSum) {
+    Checksum sum;
+    sum.update(bytes.data(), bytes.size());
+    bytes += sum.hex();
+  }
+  return writeSection(SectionType::Meta, bytes);
 }
 
 void ZYM2Writer::addChecksums() {

@@ -8,9 +8,9 @@
 //   if (s.ok()) s = writer.addTensor("token_embd.weight", QuantType::F32, {64, 300}, data, bytes);
 //   if (s.ok()) s = writer.finish();
 //
-// The file grows under a temporary name in the target's folder; finish() writes the index, the
-// other sections and the header, syncs, and renames. Until finish() succeeds the target is
-// untouched; a failure, abandon() or destruction removes the temporary file. After a failure every
+// The file grows without a name in the target's folder (output_file.h); finish() writes the index,
+// the other sections and the header, syncs, and names it. Until finish() succeeds the target is
+// untouched; a failure, abandon() or destruction drops the file. After a failure every
 // later call returns the first failure's status, until abandon(). Messages start with
 // "ZYM2Writer: "; IoError means that the system refused (the message names file and reason),
 // InvalidFormat that the caller erred. One thread at a time.
@@ -60,8 +60,8 @@ class ZYM2Writer {
   void setHeaderWords(uint32_t wordA, uint64_t wordB, uint64_t wordC);
   // Quant info is written by default (all zero); false leaves the section out.
   void setQuantInfo(bool present);
-  // Adds the checksum of every section but the metadata's own to the metadata, as its last entries
-  // (checksum.h). Before the first tensor: later it makes the next call that returns a status fail.
+  // Adds the checksum of every section to the metadata, as its last entries (checksum.h). Before
+  // the first tensor: later it makes the next call that returns a status fail.
   void storeChecksums();
 
   // A tensor in one call. name: unique, 1 to 64 bytes, no zero byte. dims: innermost first, at most
@@ -86,6 +86,7 @@ class ZYM2Writer {
   void addSection(zym2::SectionType type, uint64_t offset);  // what was appended since offset
   Status writeTokenizer();
   Status writeIndex();
+  Status writeMeta();
   void addChecksums();
   Status alignTensor();
   Status writeHead();

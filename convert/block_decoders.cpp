@@ -1,5 +1,6 @@
 #include "convert/block_decoders.h"
 
+#include <bit>
 #include <cstdint>
 #include <cstring>
 
@@ -14,6 +15,18 @@ constexpr size_t kHalfBlock = 16;
 // Values of the non-linear 4-bit codes.
 constexpr float kNonLinear[16] = {-127, -104, -83, -65, -49, -35, -22, -10,
                                   1,    13,   25,  38,  53,  69,  89,  113};
+
+// Values of the 4-bit floats: sign, two bits of exponent, one of mantissa.
+constexpr float kE2M1[16] = {0.0F,  0.5F,  1.0F,  1.5F,  2.0F,  3.0F,  4.0F,  6.0F,
+                             -0.0F, -0.5F, -1.0F, -1.5F, -2.0F, -3.0F, -4.0F, -6.0F};
+
+// 2^(exponent - 127); 255 is NaN. The lowest one is a denormal of binary32.
+float powerOfTwo(uint8_t exponent) {
+  constexpr uint32_t kLowest = 0x00400000;
+  constexpr uint32_t kQuietNan = 0x7FC00000;
+  const uint32_t normal = static_cast<uint32_t>(exponent) << 23U;
+  return std::bit_cast<float>(exponent == 0 ? kLowest : exponent == 255 ? kQuietNan : normal);
+}
 
 uint16_t loadU16(const uint8_t* p) {
   return static_cast<uint16_t>(p[0] | p[1] << 8);
@@ -151,6 +164,13 @@ void decodeIQ4XS(const void* src, float* dst, size_t n) {
       forNibbles(block + 8 + 16 * b,
                  [&](size_t j, uint32_t code) { out[32 * b + j] = scale * kNonLinear[code]; });
     }
+  });
+}
+
+void decodeMXFP4(const void* src, float* dst, size_t n) {
+  decodeBlocks<32, 17>(src, dst, n, [](const uint8_t* block, float* out) {
+    const float scale = powerOfTwo(block[0]);
+    forNibbles(block + 1, [&](size_t j, uint32_t code) { out[j] = kE2M1[code] * scale; });
   });
 }
 

@@ -18,5 +18,7 @@ void decodeQ2K(const void* src, float* dst, size_t n);    // 4-bit scale and min
 void decodeQ3K(const void* src, float* dst, size_t n);    // 6-bit signed scale per 16
 void decodeIQ4NL(const void* src, float* dst, size_t n);  // d, nibbles: d * table[code]
 void decodeIQ4XS(const void* src, float* dst, size_t n);  // the same with a 6-bit scale per 32
+// Microscaling format of the OCP, version 1.0: a shared power of two, nibbles of 4-bit floats.
+void decodeMXFP4(const void* src, float* dst, size_t n);
 
 }  // namespace kel::convert

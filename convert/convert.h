@@ -39,7 +39,8 @@ struct PlanRule {
 };
 
 // How matrices are stored. With neither type nor preset, what the runtime can use is kept as it is
-// and the rest becomes Q8_0. Types are F32, BF16, Q8_0, Q5_K and Q4_K.
+// and the rest is stored in the smallest type that keeps its precision. Types are F32, BF16, Q8_0,
+// Q5_K and Q4_K.
 struct StorageChoice {
   std::optional<QuantType> type;           // of every matrix; excludes a preset
   std::optional<Preset> preset;            //

@@ -37,6 +37,7 @@ constexpr DecodedType kDecodedTypes[] = {
     {8, SourceType::Q8_0},    {10, SourceType::Q2_K},   {11, SourceType::Q3_K},
     {12, SourceType::Q4_K},   {13, SourceType::Q5_K},   {14, SourceType::Q6_K},
     {20, SourceType::IQ4_NL}, {23, SourceType::IQ4_XS}, {30, SourceType::BF16},
+    {39, SourceType::MXFP4},
 };
 
 // All others: only their names and, for the layout of the file, their sizes.
@@ -52,7 +53,7 @@ constexpr OtherType kOtherTypes[] = {
     {21, "IQ3_S", {256, 110}}, {22, "IQ2_S", {256, 82}},   {24, "I8", {1, 1}},
     {25, "I16", {1, 2}},       {26, "I32", {1, 4}},        {27, "I64", {1, 8}},
     {28, "F64", {1, 8}},       {29, "IQ1_M", {256, 56}},   {34, "TQ1_0", {256, 0}},
-    {35, "TQ2_0", {256, 0}},   {39, "MXFP4", {32, 0}},
+    {35, "TQ2_0", {256, 0}},   {40, "NVFP4", {1, 0}},
 };
 
 struct ElementType {
@@ -190,10 +191,7 @@ Status readTensorInfo(ByteCursor& in, GgufTensor& tensor, uint64_t& offset) {
   }
   const std::optional<ElementType> type = findElementType(typeId);
   if (!type || type->block.bytes == 0) {
-    return unsupported(
-        "{} has the element type {}, which cannot be decoded; F32, F16, BF16, Q4_0 to Q8_0, Q2_K "
-        "to Q6_K, IQ4_NL and IQ4_XS can",
-        name, type ? type->name : std::to_string(typeId));
+    return unsupported("{} {}", name, cannotDecode(type ? type->name : std::to_string(typeId)));
   }
   tensor.typeName = type->name;
   tensor.type = type->decoded;

@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "container/descriptors.h"
 #include "convert/errors.h"
 
 namespace kel::convert {
@@ -40,7 +41,7 @@ MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
 Status MappedFile::open(const std::string& path) {
   close();
   // Not blocking: opening a pipe that nobody writes to would wait forever.
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const int fd = aboveStandardStreams(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (fd < 0) {
     return systemFailure(path);
   }

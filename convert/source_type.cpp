@@ -1,5 +1,7 @@
 #include "convert/source_type.h"
 
+#include <fmt/format.h>
+
 #include <cstring>
 #include <iterator>
 
@@ -41,10 +43,44 @@ constexpr SourceTypeInfo kTypes[] = {
     {"Q6_K", quant::blockFormat(QuantType::Q6_K), quant::dequantQ6K, {}},
     {"IQ4_NL", {quant::kBlockLen, 18}, decodeIQ4NL, {}},
     {"IQ4_XS", quant::blockFormat(QuantType::IQ4_XS), decodeIQ4XS, {}},
+    {"MXFP4", {quant::kBlockLen, 17}, decodeMXFP4, {}},
 };
-static_assert(std::size(kTypes) == static_cast<size_t>(SourceType::IQ4_XS) + 1);
+static_assert(std::size(kTypes) == static_cast<size_t>(SourceType::MXFP4) + 1);
+
+// What types are that cannot be decoded, by what their names begin with.
+struct Kind {
+  std::string_view prefix;
+  std::string_view what;
+};
+
+constexpr Kind kOtherKinds[] = {
+    {"IQ1", "under 2 bits, from a table of codes"},
+    {"IQ2", "2 bits, from a table of codes"},
+    {"IQ3", "3 bits, from a table of codes"},
+    {"TQ", "ternary numbers"},
+    {"NVFP4", "4-bit floats with 8-bit scales"},
+    {"Q8_", "meant for intermediate results"},
+    {"I", "whole numbers"},
+    {"F64", "64-bit floats"},
+};
+
+std::string_view kindOf(std::string_view typeName) {
+  for (const Kind& kind : kOtherKinds) {
+    if (typeName.starts_with(kind.prefix)) {
+      return kind.what;
+    }
+  }
+  return "unknown";
+}
 
 }  // namespace
+
+std::string cannotDecode(std::string_view typeName) {
+  return fmt::format(
+      "has the element type {} ({}), which cannot be decoded; choose a file in F32, F16, BF16, "
+      "Q4_0 to Q8_0, Q2_K to Q6_K, IQ4_NL, IQ4_XS or MXFP4",
+      typeName, kindOf(typeName));
+}
 
 const SourceTypeInfo& sourceTypeInfo(SourceType type) {
   return kTypes[static_cast<size_t>(type)];

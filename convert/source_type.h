@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <string_view>
 
 #include "quant/block_sizes.h"
 
@@ -26,6 +28,7 @@ enum class SourceType : uint8_t {
   Q6_K,
   IQ4_NL,
   IQ4_XS,
+  MXFP4,
 };
 
 struct SourceTypeInfo {
@@ -38,5 +41,9 @@ struct SourceTypeInfo {
 };
 
 const SourceTypeInfo& sourceTypeInfo(SourceType type);
+
+// Why a tensor of any other type is refused, and which types to choose instead; to follow the
+// tensor's name. typeName: a name, or the number of a type without one.
+std::string cannotDecode(std::string_view typeName);
 
 }  // namespace kel::convert

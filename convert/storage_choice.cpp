@@ -68,6 +68,27 @@ QuantType presetType(TensorRole role, Preset preset) {
   return QuantType::BF16;
 }
 
+bool isLossy(SourceType type) {
+  return sourceTypeInfo(type).block.elements > 1;
+}
+
+// The smallest type that keeps the precision of a source type which products cannot use: encoding
+// its values anew adds less than a tenth to the squared error that the source type itself has on
+// normally distributed weights. tests/convert/added_error_test.cpp measures both.
+QuantType keepingType(SourceType source) {
+  switch (source) {
+    case SourceType::Q2_K:
+    case SourceType::Q4_0:
+    case SourceType::Q4_1:
+      return QuantType::Q4_K;
+    case SourceType::Q3_K:
+    case SourceType::MXFP4:
+      return QuantType::Q5_K;
+    default:
+      return QuantType::Q8_0;
+  }
+}
+
 // Where nothing is asked for: the source's type if possible.
 Storage keptStorage(const MatrixToStore& matrix) {
   const SourceTypeInfo& source = sourceTypeInfo(matrix.source);
@@ -78,7 +99,14 @@ Storage keptStorage(const MatrixToStore& matrix) {
     return {QuantType::Q8_0,
             fmt::format("blocks of {} are split when value heads are reordered", source.name)};
   }
-  return {QuantType::Q8_0, fmt::format("matrix products cannot use {}", source.name)};
+  const QuantType type = keepingType(matrix.source);
+  std::string reason = fmt::format("matrix products cannot use {}", source.name);
+  if (type != QuantType::Q8_0) {
+    reason += fmt::format("; {} keeps its precision", quantTypeName(type));
+  } else if (isLossy(matrix.source)) {
+    reason += "; Q5_K would lose precision";
+  }
+  return {type, reason};
 }
 
 Storage wantedStorage(const MatrixToStore& matrix, const StorageChoice& choice) {
@@ -109,10 +137,6 @@ bool isNamed(std::string_view known, std::string_view typed) {
   return std::equal(known.begin(), known.end(), typed.begin(), typed.end(), [](char a, char b) {
     return a == (b >= 'A' && b <= 'Z' ? static_cast<char>(b - 'A' + 'a') : b);
   });
-}
-
-bool isLossy(SourceType type) {
-  return sourceTypeInfo(type).block.elements > 1;
 }
 
 }  // namespace

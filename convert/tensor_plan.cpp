@@ -88,10 +88,7 @@ Status checkTensor(const SourceTensor& tensor, const TensorSpec& spec, bool grou
   if (tensor.type) {
     return checkVectorType(tensor, spec, groupedHeads);
   }
-  return unsupported(
-      "{} has the element type {}, which cannot be decoded; F32, F16, BF16, Q4_0 to Q8_0, Q2_K to "
-      "Q6_K, IQ4_NL and IQ4_XS can",
-      tensor.name, tensor.typeName);
+  return unsupported("{} {}", tensor.name, cannotDecode(tensor.typeName));
 }
 
 void decideStorage(const SourceModel& source, const StorageChoice& choice, PlannedTensor& plan) {

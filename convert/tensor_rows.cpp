@@ -8,6 +8,8 @@
 #include "convert/mapped_file.h"
 #include "quant/bfloat16.h"
 #include "quant/blocks.h"
+#include "quant/least_squares_k.h"
+#include "quant/non_finite.h"
 
 namespace kel::convert {
 
@@ -30,6 +32,16 @@ bool allFinite(const float* values, size_t n) {
   return largest < kInfinity;
 }
 
+// Whether a value exceeds all that super-blocks can hold: their encoders cut off what others let
+// become infinite.
+bool isBeyond(QuantType type, const float* values, size_t n) {
+  constexpr float kLargestScale = 65504.0F * 63.0F;  // a half-precision scale and six bits
+  const bool isSuperBlock = type == QuantType::Q4_K || type == QuantType::Q5_K;
+  const float largest = kLargestScale * (type == QuantType::Q4_K ? 15.0F : 31.0F);
+  return isSuperBlock &&
+         std::any_of(values, values + n, [=](float x) { return std::fabs(x) > largest; });
+}
+
 // Columns of all value heads from grouped to tiled order; unitBytes: of one head.
 void tileColumns(const uint8_t* from, uint8_t* out, const ModelShape& shape, size_t unitBytes) {
   for (uint64_t head = 0; head < shape.linearValueHeads; ++head) {
@@ -46,9 +58,9 @@ void encodeRow(QuantType type, const float* values, size_t n, uint8_t* out) {
     case QuantType::Q8_0:
       return quant::quantQ80(values, out, n);
     case QuantType::Q4_K:
-      return quant::quantQ4K(values, out, n);
+      return quant::leastSquaresQ4K(values, out, n);
     case QuantType::Q5_K:
-      return quant::quantQ5K(values, out, n);
+      return quant::leastSquaresQ5K(values, out, n);
     default:
       std::memcpy(out, values, n * sizeof(float));
   }
@@ -73,13 +85,21 @@ bool TensorRows::isPlainCopy() const {
   return plan.copied && heads.kind == HeadAxis::Kind::None;
 }
 
-const uint8_t* TensorRows::sourceRow(uint64_t row) const {
+uint64_t TensorRows::sourceRowNumber(uint64_t row) const {
   uint64_t from = row;
   if (heads.kind == HeadAxis::Kind::Rows && row >= heads.first) {
     const uint64_t past = row - heads.first;
     from = heads.first + groupedHead(past / heads.unit, shape) * heads.unit + past % heads.unit;
   }
-  return plan.source->data + from * sourceBytes;
+  return from;
+}
+
+const uint8_t* TensorRows::sourceRow(uint64_t row) const {
+  return plan.source->data + sourceRowNumber(row) * sourceBytes;
+}
+
+bool TensorRows::isFinite(const uint8_t* data) const {
+  return !quant::firstNonFinite(plan.stored, data, colCount);
 }
 
 void TensorRows::copyRow(const uint8_t* from, uint8_t* out) const {
@@ -111,11 +131,11 @@ bool TensorRows::transform(float* values) const {
   return allFinite(values, colCount);
 }
 
-bool TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
+RowFault TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
   const uint8_t* from = sourceRow(row);
   if (plan.copied) {
     copyRow(from, out);
-    return true;
+    return isFinite(out) ? RowFault::None : RowFault::BadValue;
   }
   float* values = scratch;
   sourceTypeInfo(*plan.source->type).decode(from, values, colCount);
@@ -126,10 +146,13 @@ bool TensorRows::convertRow(uint64_t row, uint8_t* out, float* scratch) const {
     values = tiled;
   }
   if (!transform(values)) {
-    return false;
+    return RowFault::BadValue;
+  }
+  if (isBeyond(plan.stored, values, colCount)) {
+    return RowFault::TooLarge;
   }
   encodeRow(plan.stored, values, colCount, out);
-  return true;
+  return isFinite(out) ? RowFault::None : RowFault::TooLarge;
 }
 
 void TensorRows::releaseRows(uint64_t first, uint64_t count) const {

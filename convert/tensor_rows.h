@@ -11,6 +11,10 @@
 
 namespace kel::convert {
 
+// Why a row cannot be stored: a value that is not finite, or a decay that is not negative; a value
+// beyond what the stored type's scales hold.
+enum class RowFault { None, BadValue, TooLarge };
+
 // The transforms, applied to float values before any encoding:
 // - norms: 1 + w, where the source stores the weight less 1;
 // - decays: -exp(x) in single precision, where it stores the logarithm; the result is finite and
@@ -30,9 +34,13 @@ class TensorRows {
   // The stored bytes are the source's, in the same order.
   bool isPlainCopy() const;
 
-  // Writes row `row` as stored: storedRowBytes() at out. scratch: 2 * cols() floats for this
-  // thread. False when a value is not finite, or a decay not negative; out is then unspecified.
-  bool convertRow(uint64_t row, uint8_t* out, float* scratch) const;
+  // Writes row `row` as stored: storedRowBytes() at out, unspecified when there is a fault.
+  // scratch: 2 * cols() floats for this thread.
+  RowFault convertRow(uint64_t row, uint8_t* out, float* scratch) const;
+  // Whether all values of row `row`, as stored at data, are finite.
+  bool isFinite(const uint8_t* data) const;
+  // The source's number of the row that is stored as row `row`.
+  uint64_t sourceRowNumber(uint64_t row) const;
 
   // Gives back the source's pages of rows that have been converted for good. Rows in another order
   // than the source's stay until all have been.

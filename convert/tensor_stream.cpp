@@ -1,7 +1,7 @@
 #include "convert/tensor_stream.h"
 
 #include <algorithm>
-#include <atomic>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -16,20 +16,38 @@ namespace {
 constexpr uint64_t kStretchBytes = uint64_t{8} << 20;  // of decoded floats, or of copied bytes
 constexpr uint64_t kSmallBytes = uint64_t{256} << 10;  // of decoded floats
 
-Status badValue(const PlannedTensor& plan) {
-  return unsupported("{} holds a value that is not finite{}", plan.source->name,
-                     plan.spec.form == ValueForm::Decay ? " or gives no negative decay" : "");
+// row: of the source.
+Status badRow(const PlannedTensor& plan, RowFault fault, uint64_t row) {
+  const std::string where =
+      plan.spec.dims.size() < 2 ? std::string() : fmt::format(" in row {}", row);
+  if (fault == RowFault::TooLarge) {
+    return unsupported("{} holds a value{} that is too large for {}; choose another type for it",
+                       plan.source->name, where, quantTypeName(plan.stored));
+  }
+  return unsupported(
+      "{} holds a value that is not finite{}{}, with which no reply succeeds; fetch the source "
+      "anew, or choose another",
+      plan.source->name, plan.spec.form == ValueForm::Decay ? " or gives no negative decay" : "",
+      where);
 }
 
-Status copyStretches(const PlannedTensor& plan, const StoredBytesSink& sink) {
-  const SourceTensor& source = *plan.source;
-  for (uint64_t at = 0; at < source.nBytes; at += kStretchBytes) {
-    const uint64_t length = std::min(kStretchBytes, source.nBytes - at);
-    Status status = sink(source.data + at, length, length);
+Status copyStretches(const PlannedTensor& plan, const TensorRows& rows,
+                     const StoredBytesSink& sink) {
+  const size_t rowBytes = rows.sourceRowBytes();
+  const uint64_t perStretch = std::max<uint64_t>(kStretchBytes / rowBytes, 1);
+  for (uint64_t first = 0; first < rows.rows(); first += perStretch) {
+    const uint64_t count = std::min(perStretch, rows.rows() - first);
+    const uint8_t* data = plan.source->data + first * rowBytes;
+    for (uint64_t i = 0; i < count; ++i) {
+      if (!rows.isFinite(data + i * rowBytes)) {
+        return badRow(plan, RowFault::BadValue, first + i);
+      }
+    }
+    Status status = sink(data, count * rowBytes, count * rowBytes);
     if (!status.ok()) {
       return status;
     }
-    MappedFile::release(source.data + at, length);
+    MappedFile::release(data, count * rowBytes);
   }
   return Status::success();
 }
@@ -43,30 +61,45 @@ class Stretch {
         stored(mostRows * rows.storedRowBytes()),
         scratch(size_t{threads} * 2 * rows.cols()) {}
 
-  // False when a row holds a bad value.
-  bool convert(uint64_t first, uint64_t count) {
-    std::atomic<bool> sound = true;
+  // The row that cannot be stored, the first where there are several; count when all can.
+  uint64_t convert(uint64_t first, uint64_t count, RowFault& fault) {
+    std::vector<Outcome> outcomes(threads);
     {
       std::vector<std::jthread> others;
       for (unsigned t = 1; t < threads; ++t) {
-        others.emplace_back([&, t] { convertPart(first, count, t, sound); });
+        others.emplace_back([&, t] { outcomes[t] = convertPart(first, count, t); });
       }
-      convertPart(first, count, 0, sound);
+      outcomes[0] = convertPart(first, count, 0);
     }
-    return sound;
+    // The parts of the threads are in the order of the rows.
+    for (const Outcome& outcome : outcomes) {
+      if (outcome.fault != RowFault::None) {
+        fault = outcome.fault;
+        return outcome.row;
+      }
+    }
+    return count;
   }
 
   const uint8_t* data() const { return stored.data(); }
 
  private:
-  void convertPart(uint64_t first, uint64_t count, unsigned thread, std::atomic<bool>& sound) {
+  struct Outcome {
+    RowFault fault = RowFault::None;
+    uint64_t row = 0;  // of the stretch
+  };
+
+  Outcome convertPart(uint64_t first, uint64_t count, unsigned thread) {
     float* own = scratch.data() + size_t{thread} * 2 * rows.cols();
     const uint64_t end = count * (thread + 1) / threads;
-    for (uint64_t i = count * thread / threads; i < end && sound; ++i) {
-      if (!rows.convertRow(first + i, stored.data() + i * rows.storedRowBytes(), own)) {
-        sound = false;
+    for (uint64_t i = count * thread / threads; i < end; ++i) {
+      const RowFault fault =
+          rows.convertRow(first + i, stored.data() + i * rows.storedRowBytes(), own);
+      if (fault != RowFault::None) {
+        return {fault, i};
       }
     }
+    return {};
   }
 
   const TensorRows& rows;
@@ -81,7 +114,7 @@ Status streamTensor(const PlannedTensor& plan, const SourceModel& source, unsign
                     const StoredBytesSink& sink) {
   const TensorRows rows(plan, source);
   if (rows.isPlainCopy()) {
-    return copyStretches(plan, sink);
+    return copyStretches(plan, rows, sink);
   }
   const uint64_t rowBytes = rows.cols() * sizeof(float);
   const uint64_t perStretch =
@@ -91,8 +124,10 @@ Status streamTensor(const PlannedTensor& plan, const SourceModel& source, unsign
   Stretch stretch(rows, perStretch, small ? 1 : threads);
   for (uint64_t row = 0; row < rows.rows(); row += perStretch) {
     const uint64_t count = std::min(perStretch, rows.rows() - row);
-    if (!stretch.convert(row, count)) {
-      return badValue(plan);
+    RowFault fault = RowFault::None;
+    const uint64_t bad = stretch.convert(row, count, fault);
+    if (bad < count) {
+      return badRow(plan, fault, rows.sourceRowNumber(row + bad));
     }
     Status status =
         sink(stretch.data(), count * rows.storedRowBytes(), count * rows.sourceRowBytes());

@@ -16,7 +16,8 @@ namespace kel::convert {
 using StoredBytesSink = std::function<Status(const uint8_t* data, size_t nBytes, uint64_t nSource)>;
 
 // Memory: a stretch of some megabytes and two rows of floats a thread. The bytes do not depend on
-// the number of threads. Unsupported when a value cannot be (not finite, a decay not negative).
+// the number of threads. Unsupported, with the tensor and the row, when a value cannot be (not
+// finite, also where bytes are copied; a decay not negative; too large for the stored type).
 Status streamTensor(const PlannedTensor& plan, const SourceModel& source, unsigned threads,
                     const StoredBytesSink& sink);
 

@@ -37,16 +37,17 @@ size_t longestBatch(const qwen35::Context& passes) {
 
 }  // namespace
 
-Context::Context(std::shared_ptr<const Model> model, uint64_t positions, size_t threads)
+Context::Context(std::shared_ptr<const Model> model, const ContextOptions& options)
     : shared(std::move(model)), weights{.shape = shared->shape()} {
   // Cannot fail: the model was found to be complete when it was opened.
-  qwen35::initLayers(shared->file(), weights, positions);
-  qwen35::bindModel(shared->file(), weights, positions);
+  qwen35::initLayers(shared->file(), weights, options.positions);
+  qwen35::bindModel(shared->file(), weights, options.positions);
   qwen35::alignVectors(weights);
   passes = std::make_unique<qwen35::Context>(
-      weights,
-      qwen35::ContextOptions{.maxTokens = qwen35::kBatchTokens,
-                             .threads = threads == 0 ? qwen35::defaultThreads() : threads});
+      weights, qwen35::ContextOptions{
+                   .maxTokens = qwen35::kBatchTokens,
+                   .threads = options.threads == 0 ? qwen35::defaultThreads() : options.threads,
+                   .kernels = options.kernels});
   beforePrompt = std::make_unique<qwen35::Snapshot>(weights);
   embeddings.resize(passes->maxTokens() * weights.nEmbd);
   hidden.resize(embeddings.size());
@@ -60,12 +61,14 @@ Status Context::create(std::shared_ptr<const Model> model, const ContextOptions&
     return Status::invalid("a context of " + std::to_string(options.positions) +
                            " positions; the model has room for " + std::to_string(most));
   }
-  const uint64_t positions =
-      options.positions == 0 ? std::min(most, kDefaultPositions) : options.positions;
+  ContextOptions asked = options;
+  if (asked.positions == 0) {
+    asked.positions = std::min(most, kDefaultPositions);
+  }
   try {
-    out.reset(new Context(std::move(model), positions, options.threads));
+    out.reset(new Context(std::move(model), asked));
   } catch (const std::bad_alloc&) {
-    return Status::ioError("not enough memory for a context of " + std::to_string(positions) +
+    return Status::ioError("not enough memory for a context of " + std::to_string(asked.positions) +
                            " positions");
   }
   return Status::success();

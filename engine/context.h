@@ -27,6 +27,7 @@ constexpr uint64_t kDefaultPositions = 32768;
 struct ContextOptions {
   uint64_t positions = 0;  // at most the model's own; 0: those, at most kDefaultPositions
   size_t threads = 0;      // at most; 0: as qwen35/processors.h finds
+  const qwen35::KernelTable* kernels = nullptr;  // null: the best that the machine has
 };
 
 // Told how many tokens of a prompt have been fed, after each batch.
@@ -65,7 +66,7 @@ class Context {
   const Model& model() const { return *shared; }
 
  private:
-  Context(std::shared_ptr<const Model> model, uint64_t positions, size_t threads);  // bad_alloc
+  Context(std::shared_ptr<const Model> model, const ContextOptions& options);  // bad_alloc
   kel::Status checkPrompt(std::span<const int32_t> tokens) const;
   Fed feedBatches(std::span<const int32_t> tokens, const PromptProgress& progress,
                   const volatile int* cancel, kel::Status& status);

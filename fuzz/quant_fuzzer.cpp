@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "quant/blocks.h"
+#include "quant/least_squares_k.h"
 
 namespace {
 
@@ -23,9 +24,10 @@ struct Format {
 };
 
 constexpr Format kFormats[] = {
-    {QuantType::Q4_0, dequantQ40, quantQ40}, {QuantType::Q8_0, dequantQ80, quantQ80},
-    {QuantType::Q4_K, dequantQ4K, quantQ4K}, {QuantType::Q5_K, dequantQ5K, quantQ5K},
-    {QuantType::Q6_K, dequantQ6K, quantQ6K},
+    {QuantType::Q4_0, dequantQ40, quantQ40},        {QuantType::Q8_0, dequantQ80, quantQ80},
+    {QuantType::Q4_K, dequantQ4K, quantQ4K},        {QuantType::Q5_K, dequantQ5K, quantQ5K},
+    {QuantType::Q6_K, dequantQ6K, quantQ6K},        {QuantType::Q4_K, dequantQ4K, leastSquaresQ4K},
+    {QuantType::Q5_K, dequantQ5K, leastSquaresQ5K},
 };
 constexpr size_t kFormatCount = sizeof(kFormats) / sizeof(kFormats[0]);
 

@@ -4,13 +4,12 @@
 
 #include "quant/block_fields.h"
 #include "quant/block_rows.h"
+#include "quant/k_layout.h"
 
 namespace kel::quant {
 
 namespace {
 
-constexpr size_t kSubBlockLen = 32;  // Q4_K and Q5_K
-constexpr size_t kSubBlocks = kSuperBlockLen / kSubBlockLen;
 constexpr size_t kSubBlockLenQ6K = 16;
 constexpr size_t kSubBlocksQ6K = kSuperBlockLen / kSubBlockLenQ6K;
 
@@ -51,7 +50,7 @@ void encodeScaleMin(const float* x, int levels, uint8_t* block, uint8_t* codes) 
 
   float d = 0;
   float dmin = 0;
-  uint8_t* packed = block + 4;
+  uint8_t* packed = block + kScalesAt;
   packScalesK(packed, scales, mins, d, dmin);
   const float storedD = storeF16(block, d);
   const float storedDmin = storeF16(block + 2, dmin);
@@ -71,33 +70,16 @@ void encodeScaleMin(const float* x, int levels, uint8_t* block, uint8_t* codes) 
   }
 }
 
-// Low four bits of 256 codes into 128 bytes: group g of 64 codes in bytes 32g..32g+31.
-void packNibbles(const uint8_t* codes, uint8_t* qs) {
-  for (size_t g = 0; g < 4; ++g) {
-    const uint8_t* group = codes + 64 * g;
-    for (size_t l = 0; l < 32; ++l) {
-      qs[32 * g + l] = static_cast<uint8_t>((group[l] & 15) | (group[l + 32] & 15) << 4);
-    }
-  }
-}
-
 void encodeBlockQ4K(const float* x, uint8_t* block) {
   uint8_t codes[kSuperBlockLen];
   encodeScaleMin(x, 15, block, codes);
-  packNibbles(codes, block + 16);
+  packCodesQ4K(codes, block);
 }
 
 void encodeBlockQ5K(const float* x, uint8_t* block) {
   uint8_t codes[kSuperBlockLen];
   encodeScaleMin(x, 31, block, codes);
-  uint8_t* qh = block + 16;
-  std::fill_n(qh, kSubBlockLen, uint8_t{0});
-  for (size_t j = 0; j < kSubBlocks; ++j) {
-    for (size_t l = 0; l < kSubBlockLen; ++l) {
-      qh[l] |= static_cast<uint8_t>(codes[kSubBlockLen * j + l] >> 4 << j);
-    }
-  }
-  packNibbles(codes, block + 48);
+  packCodesQ5K(codes, block);
 }
 
 // Sub-block scales 0..127 against one half-precision d. Returns d as a reader will see it.

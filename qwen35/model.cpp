@@ -1,5 +1,7 @@
 #include "qwen35/model.h"
 
+#include <omp.h>
+
 #include <algorithm>
 
 #include "qwen35/simd/dispatch.h"
@@ -7,10 +9,15 @@
 
 namespace qwen35 {
 
+int stateThreads() {
+  constexpr int kEnough = 8;
+  return std::min(omp_get_max_threads(), kEnough);
+}
+
 void resetModel(Model& m) {
   // The recurrent state, 50 MB in all, is filled: the next token writes all of it, and pages that
   // were given back would have to be fetched for that one by one.
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) num_threads(stateThreads())
   for (size_t l = 0; l < m.layers.size(); ++l) {
     Layer& layer = m.layers[l];
     layer.pos = 0;

@@ -127,6 +127,10 @@ bool initLayers(const kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 // tensor is missing.
 bool bindModel(const kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
+// Threads that copying or clearing the recurrent state is worth: a few reach the speed of the memory,
+// however many OpenMP would start.
+int stateThreads();
+
 // Empties every layer: pos 0 and all state zero, whoever wrote it. Sizes stay; the memory of filled
 // cache positions goes back to the system.
 void resetModel(Model& m);

@@ -12,7 +12,7 @@ Snapshot::Snapshot(const Model& m) : layers(m.layers.size()) {
 }
 
 void Snapshot::take(const Model& m) {
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) num_threads(stateThreads())
   for (size_t l = 0; l < layers.size(); ++l) {
     const Layer& layer = m.layers[l];
     LayerState& saved = layers[l];

@@ -63,6 +63,9 @@ class Backend {
   virtual void configure(const Sampling& sampling) = 0;
   virtual BackendStats stats() = 0;
   virtual BackendLimits limits() const = 0;
+  // Whether top-p is held against weights relative to the best token, so that below 1 it leaves
+  // that token alone.
+  virtual bool hasRelativeTopP() const = 0;
   // Whether complete() hands over each piece by itself, so that they can be counted.
   virtual bool streamsCompletions() const = 0;
 };

@@ -31,6 +31,9 @@ ChatCommand parseSet(std::istringstream& words) {
   std::string value;
   std::string surplus;
   words >> name >> value;
+  if (name.empty()) {
+    return {ChatCommandKind::ShowSettings, {}, {}};
+  }
   if (value.empty() || words >> surplus) {
     return unknown("/set takes a name and a value, as in /set temperature 0.7");
   }
@@ -44,23 +47,28 @@ ChatCommand parseSet(std::istringstream& words) {
 const char* const kChatHelp =
     "/reset                 forget the conversation\n"
     "/stats                 positions in use and speed\n"
+    "/set                   the settings in force\n"
     "/set NAME VALUE        temperature, top-k, top-p or seed; top-p below 1 keeps only the best\n"
     "                       token, 1 turns the cut off\n"
     "/multiline             messages of several lines, ended by a line with a single dot; again: "
     "off\n"
     "/quit, /exit           leave (Ctrl-D does it too)\n"
     "//TEXT                 a message that begins with a slash\n"
-    "Ctrl-C                 stop the reply";
+    "Ctrl-C                 stop the reply\n"
+    "A pasted text of several lines is one message, which Enter sends.";
+
+bool isChatCommand(std::string_view text) {
+  return text.starts_with('/') && !text.starts_with("//") &&
+         text.find('\n') == std::string_view::npos;
+}
 
 ChatCommand parseChatCommand(std::string_view line) {
   if (line.find_first_not_of(" \t\r\n") == std::string_view::npos) {
     return {};
   }
-  if (line.front() != '/') {
-    return {ChatCommandKind::Message, {}, std::string(line)};
-  }
-  if (line.starts_with("//")) {
-    return {ChatCommandKind::Message, {}, std::string(line.substr(1))};
+  if (!isChatCommand(line)) {
+    const bool isDoubled = line.starts_with("//") && line.find('\n') == std::string_view::npos;
+    return {ChatCommandKind::Message, {}, std::string(line.substr(isDoubled ? 1 : 0))};
   }
   std::istringstream words{std::string(line)};
   std::string name;

@@ -9,7 +9,18 @@
 
 namespace zym {
 
-enum class ChatCommandKind { Message, Nothing, Reset, Stats, Set, Multiline, Help, Quit, Unknown };
+enum class ChatCommandKind {
+  Message,
+  Nothing,
+  Reset,
+  Stats,
+  Set,
+  ShowSettings,
+  Multiline,
+  Help,
+  Quit,
+  Unknown
+};
 
 struct ChatCommand {
   ChatCommandKind kind = ChatCommandKind::Nothing;
@@ -17,8 +28,11 @@ struct ChatCommand {
   std::string text;   // for Message: the line; for Unknown: what is wrong with it
 };
 
-// A line that begins with "/" is a command, any other one a message; a line of white space is
-// neither. "//" begins a message with a slash of its own.
+// Whether text is one line that begins with a slash of its own: "//" begins a message. A text of
+// several lines, which was pasted or typed as one message, is never a command.
+bool isChatCommand(std::string_view text);
+// What is no command is a message, as it is, except that a single line loses the first slash of
+// "//"; white space is neither.
 ChatCommand parseChatCommand(std::string_view line);
 
 // What /help prints.

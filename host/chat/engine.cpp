@@ -14,6 +14,7 @@
 #include "host/chat/plugin_backend.h"
 #include "host/chat/plugin_lookup.h"
 #include "host/chat/sampling_settings.h"
+#include "host/inspect/open_failure.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/liveness.h"
 #include "host/terminal/progress.h"
@@ -73,8 +74,7 @@ Status readVocabulary(const std::string& path, kel::TokenizerData& tables) {
   kel::ZYM2Reader reader;
   const Status status = reader.open(path.c_str());
   if (!status.ok()) {
-    return Status::invalid(path + ": " + status.message +
-                           "; give a .zym container, which `zym convert` makes");
+    return openFailure(path, status);
   }
   if (!reader.readTokenizer(tables)) {
     return Status::invalid(path + ": no readable tokenizer; `zym convert` makes the file anew");
@@ -108,10 +108,13 @@ Status openEngine(const EngineOptions& options, Engine& engine) {
 void configureEngine(const Sampling& sampling, Engine& engine) {
   engine.backend->configure(sampling);
   mergeSampling(sampling, engine.sampling);
-  if (engine.topPExplained || !topPLeavesOneToken(engine.sampling)) {
+  if (engine.topPExplained || !engine.backend->hasRelativeTopP() ||
+      !topPLeavesOneToken(engine.sampling)) {
     return;
   }
-  remark("(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)");
+  remark(
+      "(top-p below 1 keeps only the best token of this runtime library, whatever the temperature; "
+      "1 turns it off)");
   engine.topPExplained = true;
 }
 

@@ -55,6 +55,7 @@ class EngineBackend : public Backend {
 
   BackendLimits limits() const override { return {replyTokens, context->capacity()}; }
 
+  bool hasRelativeTopP() const override { return false; }
   bool streamsCompletions() const override { return true; }
 
  private:

@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "container/zym_loader.h"
+#include "host/inspect/open_failure.h"
 #include "zym/plugin.h"
 
 namespace zym {
@@ -66,8 +68,17 @@ Status loadTables(const std::filesystem::path& path, Tables& tables) {
 // A message for people from the one-line reason that create gives.
 Status createFailure(const std::string& modelPath, std::string_view reason) {
   std::string text = modelPath + ": " + std::string(reason);
-  if (reason == "zym open failed") {
-    text += "; `zym check` names the fault";
+  if (reason.empty()) {
+    // The one failure of which the runtime gives no reason.
+    text +=
+        "not enough memory to open the model; end other programs, or convert it to smaller types";
+  } else if (reason == "zym open failed") {
+    kel::ZYMLoader loader;
+    const Status status = loader.open(modelPath.c_str());
+    if (!status.ok()) {
+      return openFailure(modelPath, status);
+    }
+    text += ", though the file is a container; not enough memory?";
   } else if (reason == "not a qwen35-architecture model" || reason.starts_with("qwen35moe")) {
     text += "; this runtime runs dense qwen35 models of 32 layers";
   } else {
@@ -125,6 +136,7 @@ class PluginBackend : public Backend {
     return {record.contextTokens, record.decodeMsTotal, record.lastDecodeMs};
   }
 
+  bool hasRelativeTopP() const override { return true; }
   bool streamsCompletions() const override { return false; }
 
   BackendLimits limits() const override { return {ZYM_MAX_TURN_TOKENS, ZYM_CONTEXT_CAPACITY}; }
@@ -134,10 +146,13 @@ class PluginBackend : public Backend {
     if (status == ZYM_STATUS_OK) {
       return Status::success();
     }
-    // The runtime gives no reason. It opens files whose tensors do not fit together and then fails
-    // every call; `zym check` names the tensors.
-    return Status::invalid(std::string(what) + " failed; `zym check " + modelPath +
-                           "` names a fault of the file");
+    // The runtime gives no reason. It opens files whose tensors do not fit together, or hold values
+    // that are not finite, and then fails every call; `zym check --full` names the tensors. A sound
+    // file leaves memory that ran out.
+    return Status::invalid(std::string(what) +
+                           " failed; memory ran out, or the file has a fault, which `zym check "
+                           "--full " +
+                           modelPath + "` names");
   }
 
   Tables table;
@@ -159,7 +174,7 @@ Status openPluginBackend(const std::filesystem::path& library, const std::string
   if (tables.v2->create(modelPath.c_str(), nullptr, &handle, reason, sizeof(reason)) !=
           ZYM_STATUS_OK ||
       handle == nullptr) {
-    return createFailure(modelPath, reason[0] == '\0' ? "the model cannot be opened" : reason);
+    return createFailure(modelPath, reason);
   }
   backend = std::make_unique<PluginBackend>(tables, modelPath, handle);
   return Status::success();

@@ -1,5 +1,7 @@
 #include "host/chat/sampling_settings.h"
 
+#include <fmt/format.h>
+
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -69,6 +71,16 @@ void mergeSampling(const Sampling& newer, Sampling& sampling) {
   if (newer.seed) {
     sampling.seed = newer.seed;
   }
+}
+
+std::string samplingText(const Sampling& sampling) {
+  const auto valueText = [](const auto& value, const char* otherwise) {
+    return value ? fmt::format("{}", *value) : std::string(otherwise);
+  };
+  return fmt::format("temperature  {}\ntop-k        {}\ntop-p        {}\nseed         {}",
+                     valueText(sampling.temperature, "0 (greedy)"),
+                     valueText(sampling.topK, "every token"), valueText(sampling.topP, "off"),
+                     valueText(sampling.seed, "not set"));
 }
 
 bool topPLeavesOneToken(const Sampling& sampling) {

@@ -1,6 +1,7 @@
 // Sampling settings as people write them, on the command line and after /set.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "container/status.h"
@@ -13,6 +14,8 @@ namespace zym {
 kel::Status setSampling(std::string_view name, std::string_view value, Sampling& sampling);
 // Replaces those settings of sampling that newer has a value for.
 void mergeSampling(const Sampling& newer, Sampling& sampling);
+// Every setting with its value, a line each. One without a value is as the model's runtime has it.
+std::string samplingText(const Sampling& sampling);
 // True when tokens are to be drawn, but top-p leaves only the best one: the runtime compares it
 // with a sum in which the best token alone counts 1.
 bool topPLeavesOneToken(const Sampling& sampling);

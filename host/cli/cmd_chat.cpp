@@ -5,12 +5,15 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "host/chat/chat_command.h"
+#include "host/chat/sampling_settings.h"
 #include "host/cli/commands.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/line_reader.h"
+#include "host/terminal/reply_wrap.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
 
@@ -37,11 +40,13 @@ class Chat {
   // False when the line asks to leave.
   bool obey(const ChatCommand& command);
   void answer(const std::string& message);
+  static void write(std::string_view text);
   void printStats();
   const char* hint() const { return "Leave with /quit, Ctrl-D, or Ctrl-C once more."; }
 
   Engine engine;
   std::unique_ptr<LineReader> lines;
+  ReplyWrap wrap;
   bool interactive;
   bool replyOnTerminal;
   bool multiline = false;
@@ -57,7 +62,6 @@ int Chat::loop() {
   std::string line;
   bool stays = true;
   while (stays && readMessage(line, status)) {
-    // Only the first line can be a command; a slash in a later line is text.
     stays = obey(parseChatCommand(line));
   }
   // At a terminal the message of the failure was seen; a script has only the exit status.
@@ -101,12 +105,13 @@ bool Chat::readMessage(std::string& message, int& status) {
     if (result != LineResult::Line) {
       break;
     }
-    // "//" is a message that begins with a slash.
-    const bool isCommand = message.starts_with('/') && !message.starts_with("//");
-    if (!multiline || isCommand) {
-      return true;
+    if (multiline && !isChatCommand(message)) {
+      result = readFurtherLines(message);
     }
-    result = readFurtherLines(message);
+    // An unfinished message is kept too: it can be had back.
+    if (!message.empty() && result != LineResult::Failed) {
+      lines->remember(message);
+    }
     // A person drops the unfinished message with Ctrl-C and starts over.
   } while (result == LineResult::Interrupted && interactive);
   if (result == LineResult::Line) {
@@ -120,6 +125,9 @@ LineResult Chat::readFurtherLines(std::string& message) {
   if (message == ".") {
     message.clear();
   }
+  // Of the lines that are typed the first one alone can be a command, and doubles its slash where
+  // it is none. In a text of several lines a slash is a slash.
+  const bool isDoubled = message.starts_with("//") && message.find('\n') == std::string::npos;
   std::string line;
   while (!message.empty()) {
     bool wasEmpty = true;
@@ -138,6 +146,9 @@ LineResult Chat::readFurtherLines(std::string& message) {
     }
     message += "\n" + line;
   }
+  if (isDoubled && message.find('\n') != std::string::npos) {
+    message.erase(0, 1);
+  }
   return LineResult::Line;
 }
 
@@ -155,6 +166,9 @@ bool Chat::obey(const ChatCommand& command) {
       break;
     case ChatCommandKind::Set:
       configureEngine(command.sampling, engine);
+      break;
+    case ChatCommandKind::ShowSettings:
+      remark(samplingText(engine.sampling));
       break;
     case ChatCommandKind::Multiline:
       multiline = !multiline;
@@ -176,12 +190,11 @@ bool Chat::obey(const ChatCommand& command) {
 
 void Chat::answer(const std::string& message) {
   const auto show = [this](std::string_view text) {
-    const std::string shown = replyOnTerminal ? withoutControls(text) : std::string(text);
-    std::fwrite(shown.data(), 1, shown.size(), stdout);
-    std::fflush(stdout);
+    write(replyOnTerminal ? wrap.feed(withoutControls(text), terminalColumns(STDOUT_FILENO))
+                          : std::string(text));
   };
   const TurnReport report = runTurn(engine, message, show, true);
-  show("\n");
+  write(wrap.finish() + "\n");
   const BackendLimits limits = engine.backend->limits();
   if (report.end == TurnEnd::Failed || report.end == TurnEnd::ContextFull) {
     unanswered = true;
@@ -204,6 +217,11 @@ void Chat::answer(const std::string& message) {
     case TurnEnd::Unknown:
       break;
   }
+}
+
+void Chat::write(std::string_view text) {
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  std::fflush(stdout);
 }
 
 void Chat::printStats() {

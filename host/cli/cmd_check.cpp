@@ -1,13 +1,18 @@
 // zym check: can this runtime run the file?
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/cli/commands.h"
+#include "host/cli/threads.h"
 #include "host/inspect/container_check.h"
+#include "host/inspect/open_failure.h"
+#include "host/terminal/interrupt.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
@@ -15,24 +20,64 @@
 namespace zym {
 namespace {
 
-std::vector<Fault> faultsOf(const std::string& path) {
-  kel::ZYMLoader loader;
-  const kel::Status status = loader.open(path.c_str());
+struct CheckCommand {
+  std::string file;
+  bool full = false;
+};
+
+// Opens the container; a fault of the file is left in faults, any other is the status.
+kel::Status openFile(const std::string& path, kel::ZYMLoader& loader, std::vector<Fault>& faults) {
+  kel::Status status = checkInputFile(path);
   if (!status.ok()) {
-    return {{"file", status.message}};
+    return status;
   }
-  Progress progress("checking");
-  return checkContainer(loader,
-                        [&](uint64_t done, uint64_t total) { progress.update(done, total); });
+  status = loader.open(path.c_str());
+  if (status.ok()) {
+    return status;
+  }
+  OpenFailure failure = explainOpenFailure(path, status);
+  if (!failure.ofFile) {
+    return kel::Status::invalid(path + ": " + failure.what + "; " + failure.advice);
+  }
+  faults.push_back({"file", std::move(failure.what)});
+  return kel::Status::success();
 }
 
-int check(const std::string& path) {
-  const kel::Status status = checkInputFile(path);
+CheckResult checkFile(const CheckCommand& command, const kel::ZYMLoader& loader) {
+  catchInterrupts();
+  const CancelScope scope;
+  Progress progress("checking");
+  return checkContainer(loader, {command.full, static_cast<unsigned>(threadCount())},
+                        [&](uint64_t done, uint64_t total) {
+                          progress.update(done, total);
+                          return !scope.cancelled();
+                        });
+}
+
+void showUnguarded(const std::vector<std::string>& sections) {
+  if (!sections.empty()) {
+    remark(fmt::format("(no checksum covers: {}; damage to that goes unnoticed)",
+                       fmt::join(sections, ", ")));
+  }
+}
+
+int check(const CheckCommand& command) {
+  const std::string& path = command.file;
+  kel::ZYMLoader loader;
+  CheckResult result;
+  const kel::Status status = openFile(path, loader, result.faults);
   if (!status.ok()) {
     complain(status.message);
     return 1;
   }
-  const std::vector<Fault> faults = faultsOf(path);
+  if (result.faults.empty()) {
+    result = checkFile(command, loader);
+  }
+  if (result.stopped) {
+    complain("stopped before the whole file was checked");
+    return cancelledExit();
+  }
+  const std::vector<Fault>& faults = result.faults;
   for (const Fault& fault : faults) {
     std::printf("%s: %s\n", withoutControls(replaceInvalid(fault.where)).c_str(),
                 withoutControls(replaceInvalid(fault.what)).c_str());
@@ -43,17 +88,22 @@ int check(const std::string& path) {
     return 1;
   }
   std::printf("%s: can be run\n", path.c_str());
+  showUnguarded(result.unguarded);
   return 0;
 }
 
 }  // namespace
 
 void addCheck(CLI::App& program, Action& action) {
-  auto path = std::make_shared<std::string>();
+  auto chosen = std::make_shared<CheckCommand>();
   CLI::App* command = program.add_subcommand("check", "Tell whether a container can be run");
-  command->add_option("FILE", *path, "Container file (.zym)")->required();
-  addExamples(*command, "  zym check model.zym && zym chat model.zym");
-  command->callback([path, &action] { action = [path] { return check(*path); }; });
+  command->add_option("FILE", chosen->file, "Container file (.zym)")->required();
+  command->add_flag("--full", chosen->full,
+                    "Look at every weight for values that are not finite, not at vectors alone");
+  addExamples(*command,
+              "  zym check model.zym && zym chat model.zym\n"
+              "  zym check model.zym --full");
+  command->callback([chosen, &action] { action = [chosen] { return check(*chosen); }; });
 }
 
 }  // namespace zym

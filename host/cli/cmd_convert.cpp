@@ -73,7 +73,7 @@ int convert(ConvertOptions options, const std::string& planFile) {
   const ConvertResult result = convertWatched(options);
   if (result.cancelled) {
     complain("stopped; nothing was written");
-    return kInterruptedExit;
+    return cancelledExit();
   }
   if (!result.status.ok()) {
     complain(result.status.message);

@@ -5,6 +5,7 @@
 
 #include "host/cli/commands.h"
 #include "host/inspect/container_report.h"
+#include "host/inspect/open_failure.h"
 #include "host/terminal/terminal.h"
 
 namespace zym {
@@ -22,8 +23,7 @@ int info(const InfoOptions& options) {
   if (status.ok()) {
     status = loader.open(options.file.c_str());
     if (!status.ok()) {
-      status.message = options.file + ": " + status.message +
-                       "; give a .zym container, which `zym convert` makes";
+      status = openFailure(options.file, status);
     }
   }
   if (status.ok() && !options.pattern.empty() && !anyTensorMatches(loader, options.pattern)) {

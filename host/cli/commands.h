@@ -1,6 +1,6 @@
 // The subcommands. Each adds its options to the program's command line; when it is the one that was
 // called, action is set to what carries it out and returns the exit status: 0 done, 1 failed, 2
-// wrong use, 130 left by Ctrl-C.
+// wrong use, 130 left by Ctrl-C, 128 and the number of another signal that ended the work.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -24,6 +24,7 @@ void addInfo(CLI::App& program, Action& action);
 void addCheck(CLI::App& program, Action& action);
 void addTokenize(CLI::App& program, Action& action);
 void addConvert(CLI::App& program, Action& action);
+void addCompletion(CLI::App& program, Action& action);
 
 // Options that the generating commands share.
 void addModel(CLI::App& command, EngineOptions& options);

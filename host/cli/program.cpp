@@ -7,19 +7,21 @@
 #include <clocale>
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <string>
 #include <string_view>
 
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
 #include "host/cli/wrong_use.h"
+#include "host/terminal/standard_streams.h"
 #include "host/terminal/terminal.h"
 #include "qwen35/simd/instruction_sets.h"
 
 namespace zym {
 namespace {
 
-// The line editor asks the locale whether text is UTF-8. The rest of the program assumes it.
+// The line editor asks the locale which characters are letters. That text is UTF-8 is assumed.
 void useUtf8() {
   std::setlocale(LC_CTYPE, "");
   if (std::string_view(nl_langinfo(CODESET)) != "UTF-8") {
@@ -35,16 +37,23 @@ std::string versionText() {
                      fmt::join(qwen35::supportedInstructionSets(), ", "));
 }
 
+// The exit status of what ended with status, once its results have left the program.
+int afterOutput(int status) {
+  const std::string fault = outputFault();
+  if (fault.empty()) {
+    return status;
+  }
+  complain(fault);
+  return status == 0 ? 1 : status;
+}
+
 int perform(const Action& action) {
   try {
-    const int status = action();
-    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-      complain("standard output cannot be written; is the disk full?");
-      return 1;
-    }
-    return status;
+    return afterOutput(action());
+  } catch (const std::bad_alloc&) {
+    complain("not enough memory");
+    return 1;
   } catch (const std::exception& error) {
-    // In practice memory that runs out: all other faults are returned as a status.
     complain(error.what());
     return 1;
   }
@@ -52,10 +61,21 @@ int perform(const Action& action) {
 
 int showOrComplain(const CLI::App& program, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) {
-    return program.exit(error);  // --help and --version
+    return afterOutput(program.exit(error));  // --help and --version
   }
   complain(wrongUseText(program, error));
   return 2;
+}
+
+// The help names the type of every value. MODEL is no word of a type "TEXT", it tells by its name.
+void hideTypesOfPositionals(CLI::App& program) {
+  for (CLI::App* command : program.get_subcommands(nullptr)) {
+    for (CLI::Option* option : command->get_options()) {
+      if (option->get_positional() && option->get_type_name() == "TEXT") {
+        option->type_name("");
+      }
+    }
+  }
 }
 
 }  // namespace
@@ -78,13 +98,16 @@ void addCommands(CLI::App& program, Action& action) {
   addCheck(program, action);
   addTokenize(program, action);
   addConvert(program, action);
+  addCompletion(program, action);
   addExamples(program,
               "  zym convert model.gguf model.zym\n"
               "  zym chat model.zym\n"
               "  zym COMMAND --help");
+  hideTypesOfPositionals(program);
 }
 
 int runProgram(int argc, const char* const* argv) {
+  reserveStandardStreams();
   useUtf8();
   limitThreads();
   CLI::App program("Runs Qwen3.5 hybrid models on the CPU.", "zym");

@@ -8,8 +8,9 @@
 
 namespace zym {
 
-// onBytes is told of every stretch of bytes that has been read; may be null.
+// onBytes is told of every stretch of bytes that has been read; may be null. False from it ends the
+// reading, and the text is of no use.
 std::string checksumText(const uint8_t* data, uint64_t nBytes,
-                         const std::function<void(uint64_t)>& onBytes);
+                         const std::function<bool(uint64_t)>& onBytes);
 
 }  // namespace zym

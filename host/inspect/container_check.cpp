@@ -3,17 +3,15 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstring>
-#include <limits>
 #include <optional>
 #include <utility>
 
-#include "container/checksum.h"
 #include "container/model_fit.h"
 #include "container/model_tensors.h"
-#include "host/inspect/checksums.h"
 #include "host/inspect/container_report.h"
+#include "host/inspect/damage_check.h"
+#include "host/inspect/value_check.h"
 #include "quant/block_sizes.h"
 
 namespace zym {
@@ -107,61 +105,6 @@ void checkLabelsOf(const kel::ZYMLoader& loader, kel::TensorGroup group, uint32_
   }
 }
 
-// Index of the first value that is not finite; none when all are.
-std::optional<uint64_t> firstNonFinite(const uint8_t* data, uint64_t nBytes) {
-  for (uint64_t i = 0; i < nBytes / sizeof(float); ++i) {
-    float value = 0;
-    std::memcpy(&value, data + i * sizeof(float), sizeof(float));
-    if (!std::isfinite(value)) {
-      return i;
-    }
-  }
-  return std::nullopt;
-}
-
-// What the slow part of a check has to read, and how far it is.
-class Reading {
- public:
-  explicit Reading(const CheckProgress& progress) : report(progress) {}
-  void expect(uint64_t nBytes) { total += nBytes; }
-  void advance(uint64_t nBytes) {
-    done += nBytes;
-    if (report) {
-      report(done, total);
-    }
-  }
-
- private:
-  const CheckProgress& report;
-  uint64_t done = 0;
-  uint64_t total = 0;
-};
-
-// Index entries of F32 tensors that lie inside the weight section.
-std::vector<TensorEntry> readableFloats(const kel::ZYM2Reader& reader) {
-  std::vector<TensorEntry> floats;
-  const uint64_t sectionBytes = reader.sectionSize(SectionType::WeightData);
-  for (uint32_t i = 0; i < reader.header().tensorCount; ++i) {
-    const TensorEntry& entry = *reader.tensorEntry(i);
-    if (entry.type == static_cast<uint16_t>(QuantType::F32) && fitsSection(entry, sectionBytes)) {
-      floats.push_back(entry);
-    }
-  }
-  return floats;
-}
-
-// Sections whose checksum is in the metadata.
-std::vector<std::pair<SectionType, std::string>> storedChecksums(const kel::ZYM2Reader& reader) {
-  std::vector<std::pair<SectionType, std::string>> stored;
-  for (const kel::SectionChecksum& checksum : kel::kSectionChecksums) {
-    std::string text;
-    if (reader.getMetaStr(checksum.key, text)) {
-      stored.emplace_back(checksum.section, text);
-    }
-  }
-  return stored;
-}
-
 }  // namespace
 
 void checkSections(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
@@ -234,43 +177,26 @@ void checkLabels(const kel::ZYMLoader& loader, std::vector<Fault>& faults) {
   }
 }
 
-void checkContents(const kel::ZYM2Reader& reader, const CheckProgress& progress,
-                   std::vector<Fault>& faults) {
-  const std::vector<TensorEntry> floats = readableFloats(reader);
-  const auto checksums = storedChecksums(reader);
+CheckResult checkContainer(const kel::ZYMLoader& loader, const CheckOptions& options,
+                           const CheckProgress& progress) {
+  const kel::ZYM2Reader& reader = loader.reader;
+  CheckResult result;
+  checkSections(reader, result.faults);
+  checkIndex(reader, result.faults);
+  checkModel(loader, result.faults);
+  checkLabels(loader, result.faults);
+  checkUnusedBytes(reader, result.faults);
+
+  const ValueCheck values(reader, options.allValues ? ValueScope::All : ValueScope::Quick);
   Reading reading(progress);
-  for (const TensorEntry& entry : floats) {
-    reading.expect(entry.byteSize);
+  reading.expect(values.nBytes() + bytesUnderChecksums(reader));
+  values.run(options.threads, reading, result.faults);
+  if (!reading.isEnded()) {
+    checkChecksums(reader, reading, result.faults);
   }
-  for (const auto& [section, stored] : checksums) {
-    reading.expect(reader.sectionSize(section));
-  }
-
-  const uint8_t* weights = reader.sectionData(SectionType::WeightData);
-  for (const TensorEntry& entry : floats) {
-    if (const auto at = firstNonFinite(weights + entry.offset, entry.byteSize)) {
-      faults.push_back({std::string(entry.nameText()), fmt::format("value {} is not finite", *at)});
-    }
-    reading.advance(entry.byteSize);
-  }
-  for (const auto& [section, stored] : checksums) {
-    const std::string sum = checksumText(reader.sectionData(section), reader.sectionSize(section),
-                                         [&](uint64_t nBytes) { reading.advance(nBytes); });
-    if (sum != stored) {
-      faults.push_back({std::string("section ") + sectionName(static_cast<uint32_t>(section)),
-                        "differs from its checksum: the file is damaged"});
-    }
-  }
-}
-
-std::vector<Fault> checkContainer(const kel::ZYMLoader& loader, const CheckProgress& progress) {
-  std::vector<Fault> faults;
-  checkSections(loader.reader, faults);
-  checkIndex(loader.reader, faults);
-  checkModel(loader, faults);
-  checkLabels(loader, faults);
-  checkContents(loader.reader, progress, faults);
-  return faults;
+  result.stopped = reading.isEnded();
+  result.unguarded = sectionsWithoutChecksum(reader);
+  return result;
 }
 
 }  // namespace zym

@@ -1,22 +1,14 @@
 // Whether this runtime can run a container: every fault by name.
 #pragma once
 
-#include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "container/zym_loader.h"
+#include "host/inspect/fault.h"
+#include "host/inspect/reading.h"
 
 namespace zym {
-
-struct Fault {
-  std::string where;  // a tensor, a section, or "file"
-  std::string what;
-};
-
-// Bytes looked at so far, and in all.
-using CheckProgress = std::function<void(uint64_t done, uint64_t total)>;
 
 // Sections that overlap each other or the header.
 void checkSections(const kel::ZYM2Reader& reader, std::vector<Fault>& faults);
@@ -28,12 +20,21 @@ void checkIndex(const kel::ZYM2Reader& reader, std::vector<Fault>& faults);
 void checkModel(const kel::ZYMLoader& loader, std::vector<Fault>& faults);
 // Vectors that are not labelled F32. They run, and if the label is true they run as nonsense.
 void checkLabels(const kel::ZYMLoader& loader, std::vector<Fault>& faults);
-// Values of the F32 tensors that are not finite, and sections that differ from their stored
-// checksums. Reads the whole file; tensors outside the weight section are skipped.
-void checkContents(const kel::ZYM2Reader& reader, const CheckProgress& progress,
-                   std::vector<Fault>& faults);
 
-// All of it; an empty list means that the container runs.
-std::vector<Fault> checkContainer(const kel::ZYMLoader& loader, const CheckProgress& progress);
+struct CheckOptions {
+  bool allValues = false;  // look at every weight, not at those of type F32 alone
+  unsigned threads = 1;    // to look at them with
+};
+
+struct CheckResult {
+  std::vector<Fault> faults;
+  std::vector<std::string> unguarded;  // sections that no checksum covers
+  bool stopped = false;                // progress ended the check: there may be more faults
+};
+
+// All of it, with the contents (value_check.h, damage_check.h); no faults mean that the container
+// runs. progress may be null.
+CheckResult checkContainer(const kel::ZYMLoader& loader, const CheckOptions& options,
+                           const CheckProgress& progress);
 
 }  // namespace zym

@@ -7,6 +7,8 @@
 #include <csignal>
 #include <initializer_list>
 
+#include "host/terminal/terminal_modes.h"
+
 namespace zym {
 namespace {
 
@@ -16,12 +18,17 @@ volatile int cancelRequested = 0;
 volatile std::sig_atomic_t interrupted = 0;
 volatile std::sig_atomic_t cancellable = 0;
 volatile std::sig_atomic_t leavesAtOnce = 0;
+volatile std::sig_atomic_t cancelledBy = SIGINT;
 
-void onInterrupt(int) {
+void onInterrupt(int number) {
   if (cancellable != 0 && cancelRequested != 0 && leavesAtOnce != 0) {
+    giveTerminalBack();
     _exit(kInterruptedExit);
   }
   if (cancellable != 0) {
+    if (cancelRequested == 0) {
+      cancelledBy = number;
+    }
     cancelRequested = 1;
   }
   interrupted = 1;
@@ -75,16 +82,28 @@ bool CancelScope::cancelled() const {
   return cancelRequested != 0;
 }
 
-bool waitForInput(int fd) {
-  sigset_t interrupt;
+int cancelledExit() {
+  return 128 + cancelledBy;
+}
+
+bool waitForInput(int fd, const std::function<void()>& beforeWaiting) {
+  sigset_t noticed;
   sigset_t before;
-  sigemptyset(&interrupt);
-  sigaddset(&interrupt, SIGINT);
-  // SIGINT is blocked except during the wait: one that came between the test of the flag and the
+  sigemptyset(&noticed);
+  for (const int number : {SIGINT, SIGCONT, SIGWINCH}) {
+    sigaddset(&noticed, number);
+  }
+  // These are blocked except during the wait: one that came between the test of its flag and the
   // wait would not end the wait.
-  pthread_sigmask(SIG_BLOCK, &interrupt, &before);
+  pthread_sigmask(SIG_BLOCK, &noticed, &before);
   pollfd ready{fd, POLLIN, 0};
-  while (interrupted == 0 && ppoll(&ready, 1, nullptr, &before) < 0 && errno == EINTR) {
+  while (interrupted == 0) {
+    if (beforeWaiting) {
+      beforeWaiting();
+    }
+    if (ppoll(&ready, 1, nullptr, &before) >= 0 || errno != EINTR) {
+      break;
+    }
   }
   // When bytes are ready too, ppoll may return without delivering a pending Ctrl-C. Unblocking
   // delivers it here, before the bytes are read.

@@ -4,6 +4,8 @@
 // with kInterruptedExit. At the prompt it only makes waitForInput return.
 #pragma once
 
+#include <functional>
+
 namespace zym {
 
 constexpr int kInterruptedExit = 130;
@@ -32,8 +34,13 @@ class CancelScope {
   bool cancelled() const;
 };
 
+// Exit status of a program that ends because its last span was cancelled: 128 and the number of the
+// first signal, as a shell tells of a program that a signal ended. kInterruptedExit for Ctrl-C.
+int cancelledExit();
+
 // Waits until fd can be read, or has ended. False when Ctrl-C came, since the last call or while
-// waiting; none is missed in between.
-bool waitForInput(int fd);
+// waiting; none is missed in between. beforeWaiting, if any, is called before the wait and again
+// after each other signal; it misses neither a SIGCONT nor a SIGWINCH.
+bool waitForInput(int fd, const std::function<void()>& beforeWaiting = nullptr);
 
 }  // namespace zym

@@ -17,14 +17,16 @@ enum class LineResult {
 class LineReader {
  public:
   virtual ~LineReader() = default;
-  // Shows prompt if lines are edited. line: without its line end (LF or CR LF); after Failed, a
-  // message for people. wasEmpty tells, after Interrupted, whether nothing had been typed.
+  // Shows prompt at a terminal. line: without its line end (LF or CR LF), but with the line feeds
+  // of what was pasted into it; after Failed, a message for people. wasEmpty tells, after
+  // Interrupted, whether nothing had been typed.
   virtual LineResult read(const std::string& prompt, std::string& line, bool& wasEmpty) = 0;
+  // Adds a message, which may have several lines, to the history, if there is one.
+  virtual void remember(const std::string& message);
 };
 
-// From standard input: with editing and history where it and standard error are terminals (history
-// is loaded from and saved to historyFile, made with mode 0600 if need be; empty: not kept),
-// plainly otherwise.
+// From standard input: with editing and history where it and standard error are terminals that can
+// move their cursor (historyFile: see history_file.h; empty: not kept), plainly otherwise.
 std::unique_ptr<LineReader> openLineReader(const std::filesystem::path& historyFile);
 
 // $XDG_STATE_HOME/zym/history or ~/.local/state/zym/history; empty when neither is known.

@@ -1,5 +1,6 @@
 #include "host/terminal/terminal.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,23 @@ bool styleWanted(int fd) {
          (term == nullptr || std::string_view(term) != "dumb");
 }
 
+bool terminalSize(int fd, size_t& columns, size_t& rows) {
+  winsize size{};
+  if (ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col == 0 || size.ws_row == 0) {
+    return false;
+  }
+  columns = size.ws_col;
+  rows = size.ws_row;
+  return true;
+}
+
+size_t terminalColumns(int fd) {
+  size_t columns = 0;
+  size_t rows = 0;
+  terminalSize(fd, columns, rows);
+  return columns;
+}
+
 std::string dimmed(std::string_view text, bool style) {
   return style ? "\x1b[2m" + std::string(text) + "\x1b[0m" : std::string(text);
 }
@@ -32,7 +50,7 @@ void complain(std::string_view text) {
 }
 
 void remark(std::string_view text) {
-  std::fprintf(stderr, "%s\n", dimmed(text, styleWanted(STDERR_FILENO)).c_str());
+  std::fprintf(stderr, "%s\n", dimmed(withoutControls(text), styleWanted(STDERR_FILENO)).c_str());
 }
 
 }  // namespace zym

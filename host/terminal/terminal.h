@@ -4,6 +4,7 @@
 // terminals only, and colours only where NO_COLOR is not set.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -13,6 +14,10 @@ bool isTerminal(int fd);
 // True when text on this stream may carry styles: a terminal, NO_COLOR unset or empty, TERM not
 // "dumb".
 bool styleWanted(int fd);
+// Columns and rows of the terminal; false, and both as they were, where they are not known.
+bool terminalSize(int fd, size_t& columns, size_t& rows);
+// 0 where they are not known, as for anything but a terminal.
+size_t terminalColumns(int fd);
 // text in the terminal's dim style, or as it is.
 std::string dimmed(std::string_view text, bool style);
 

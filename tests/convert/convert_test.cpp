@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "quant/blocks.h"
+#include "quant/least_squares_k.h"
 #include "tests/convert/converted.h"
 #include "tests/convert/tiny_model.h"
 
@@ -307,7 +308,7 @@ TEST_F(Convert, BlocksAreEncodedFromTheReorderedRow) {
       continue;
     }
     Bytes expected(kel::quant::quantizedBytes(QuantType::Q4_K, tensor.runtime.size()));
-    kel::quant::quantQ4K(tensor.runtime.data(), expected.data(), tensor.runtime.size());
+    kel::quant::leastSquaresQ4K(tensor.runtime.data(), expected.data(), tensor.runtime.size());
     EXPECT_TRUE(expected == converted.bytes(tensor.name)) << tensor.name;
   }
 }

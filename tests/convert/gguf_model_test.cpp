@@ -204,8 +204,11 @@ void setNorms(GgufBuilder& file) {
 
 TEST_F(GgufTensors, DecaysMustBeNegative) {
   setNorms(file);
-  EXPECT_EQ("blk.0.ssm_a holds a value that is not finite or gives no negative decay",
-            refusalOf(file));
+  EXPECT_EQ(
+      "blk.0.ssm_a holds a value that is not finite or gives no negative decay, with which no "
+      "reply "
+      "succeeds; fetch the source anew, or choose another",
+      refusalOf(file));
 }
 
 TEST_F(GgufTensors, ValuesMustBeFinite) {
@@ -213,7 +216,11 @@ TEST_F(GgufTensors, ValuesMustBeFinite) {
   std::vector<float> values(32, 1.0F);
   values[31] = std::numeric_limits<float>::infinity();
   tensorNamed(file, "output_norm.weight").data = floatBytes(values, "F32");
-  EXPECT_EQ("output_norm.weight holds a value that is not finite", refusalOf(file));
+  EXPECT_EQ(
+      "output_norm.weight holds a value that is not finite, with which no reply succeeds; fetch "
+      "the "
+      "source anew, or choose another",
+      refusalOf(file));
 }
 
 TEST_F(GgufTensors, MoreTokensThanRowsAreRefused) {

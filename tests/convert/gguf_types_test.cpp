@@ -3,8 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <map>
 #include <random>
 
+#include "convert/block_decoders.h"
 #include "quant/blocks.h"
 #include "tests/convert/converted.h"
 #include "tests/convert/reference_blocks.h"
@@ -69,6 +71,13 @@ TEST_F(GgufTypes, DecodeAsDefined) {
   }
 }
 
+std::string typeOf(const std::string& source) {
+  static const std::map<std::string, std::string> kTypes = {
+      {"Q2_K", "Q4_K"}, {"Q4_0", "Q4_K"}, {"Q4_1", "Q4_K"}, {"Q3_K", "Q5_K"}, {"MXFP4", "Q5_K"}};
+  const auto found = kTypes.find(source);
+  return found == kTypes.end() ? "Q8_0" : found->second;
+}
+
 TEST_F(GgufTypes, KeepWhatProductsAcceptAndReencodeTheRest) {
   const Converted converted(shared->file("types.gguf"));
   for (size_t i = 0; i < referenceFormats().size(); ++i) {
@@ -80,8 +89,20 @@ TEST_F(GgufTypes, KeepWhatProductsAcceptAndReencodeTheRest) {
       EXPECT_EQ(stored, converted.bytes(tensorOf(i))) << format.name;
       continue;
     }
-    EXPECT_EQ(QuantType::Q8_0, view.type) << format.name;
     const std::vector<double> expected = format.decodeAll(stored);
+    const std::string type = quantTypeName(view.type);
+    EXPECT_EQ(typeOf(format.name), type) << format.name;
+    if (type != "Q8_0") {
+      const std::vector<double> values = formatNamed(type).decodeAll(converted.bytes(tensorOf(i)));
+      double error = 0;
+      double norm = 0;
+      for (size_t k = 0; k < kElements; ++k) {
+        error += (values[k] - expected[k]) * (values[k] - expected[k]);
+        norm += expected[k] * expected[k];
+      }
+      EXPECT_LT(std::sqrt(error / norm), 0.1) << format.name;
+      continue;
+    }
     std::vector<float> values(kElements);
     kel::quant::dequantQ80(view.data, values.data(), kElements);
     for (size_t k = 0; k < kElements; ++k) {
@@ -104,7 +125,11 @@ TEST_F(GgufTypes, SummarySaysWhyATypeChanged) {
       reasons[group.sourceType] = group.reason;
     }
   }
-  EXPECT_EQ("matrix products cannot use Q6_K; quality stays that of Q6_K", reasons["Q6_K"]);
+  EXPECT_EQ(
+      "matrix products cannot use Q6_K; Q5_K would lose precision; quality stays that of Q6_K",
+      reasons["Q6_K"]);
+  EXPECT_EQ("matrix products cannot use Q3_K; Q5_K keeps its precision; quality stays that of Q3_K",
+            reasons["Q3_K"]);
   EXPECT_EQ("matrix products cannot use F16", reasons["F16"]);
   EXPECT_EQ("", reasons["Q4_K"]);
 }
@@ -113,17 +138,58 @@ TEST_F(GgufTypes, TypesThatCannotBeDecodedAreNamed) {
   GgufBuilder file = tinyGguf(tinyModel(false), 30);
   GgufBuilder::Tensor& tensor = tensorNamed(file, tensorOf(2));
   for (const auto& [type, blockBytes, name] :
-       {std::tuple{16U, 66U, "IQ2_XXS"}, std::tuple{29U, 56U, "IQ1_M"},
-        std::tuple{39U, 0U, "MXFP4"}, std::tuple{34U, 0U, "TQ1_0"}, std::tuple{4U, 0U, "4"},
-        std::tuple{77U, 0U, "77"}}) {
+       {std::tuple{16U, 66U, "IQ2_XXS (2 bits, from a table of codes)"},
+        std::tuple{21U, 110U, "IQ3_S (3 bits, from a table of codes)"},
+        std::tuple{29U, 56U, "IQ1_M (under 2 bits, from a table of codes)"},
+        std::tuple{34U, 0U, "TQ1_0 (ternary numbers)"},
+        std::tuple{40U, 0U, "NVFP4 (4-bit floats with 8-bit scales)"},
+        std::tuple{26U, 1024U, "I32 (whole numbers)"},
+        std::tuple{28U, 2048U, "F64 (64-bit floats)"},
+        std::tuple{15U, 292U, "Q8_K (meant for intermediate results)"},
+        std::tuple{4U, 0U, "4 (unknown)"}, std::tuple{41U, 0U, "41 (unknown)"}}) {
     tensor.type = type;
     tensor.holeBytes = kElements / 256 * blockBytes;
     file.write(shared->file("odd.gguf"));
     EXPECT_EQ("blk.2.ffn_down.weight has the element type " + std::string(name) +
-                  ", which cannot be decoded; F32, F16, BF16, Q4_0 to Q8_0, Q2_K to Q6_K, IQ4_NL "
-                  "and IQ4_XS can",
+                  ", which cannot be decoded; choose a file in F32, F16, BF16, Q4_0 to Q8_0, Q2_K "
+                  "to Q6_K, IQ4_NL, IQ4_XS or MXFP4",
               refusal(shared->file("odd.gguf")));
   }
+}
+
+TEST(DecodeMXFP4, EveryCodeAtEverySharedExponent) {
+  constexpr double kMagnitudes[] = {0, 0.5, 1, 1.5, 2, 3, 4, 6};
+  uint8_t block[17];
+  for (int j = 0; j < 16; ++j) {
+    block[1 + j] = static_cast<uint8_t>(j | (15 - j) << 4);
+  }
+  for (int exponent = 0; exponent < 256; ++exponent) {
+    block[0] = static_cast<uint8_t>(exponent);
+    float values[32];
+    kel::convert::decodeMXFP4(block, values, 32);
+    for (int j = 0; j < 32; ++j) {
+      const int code = j < 16 ? j : 31 - j;
+      // Beyond binary32 lies 2^128: an infinity.
+      const auto magnitude = static_cast<float>(std::ldexp(kMagnitudes[code & 7], exponent - 127));
+      const float expected = code < 8 ? magnitude : -magnitude;
+      ASSERT_TRUE(exponent == 255 ? std::isnan(values[j]) : values[j] == expected)
+          << exponent << " " << j << ": " << values[j];
+    }
+  }
+}
+
+TEST_F(GgufTypes, NanAsASharedExponentIsRefused) {
+  std::mt19937 random(4);
+  const ReferenceFormat& mxfp4 = formatNamed("MXFP4");
+  GgufBuilder file = *source;
+  GgufBuilder::Tensor& tensor = tensorNamed(file, tensorOf(3));
+  tensor.type = mxfp4.ggufType;
+  tensor.data = randomBlocks(mxfp4, kElements, random);
+  tensor.data[17 * 9] = 255;
+  file.write(shared->file("nan.gguf"));
+  const std::string message = refusal(shared->file("nan.gguf"));
+  EXPECT_EQ(0U, message.find("blk.3.ffn_down.weight holds a value")) << message;
+  EXPECT_NE(std::string::npos, message.find("not finite")) << message;
 }
 
 // One block holds all heads: their order cannot be changed without decoding it.

@@ -131,9 +131,13 @@ TEST_F(ImportedLogits, OfEveryTypeAsFloatsAreTheSources) {
 
 TEST_F(ImportedLogits, OfReencodedTypesStayClose) {
   source.encodeMatrices([](const ReferenceFormat& format) { return !format.kept; });
-  // Steps of 1/127 of a block's largest value, through 32 layers of random weights. What is wrong
-  // altogether gives more than 1.
-  EXPECT_LE(errorOf(source.file, source.referenceLogits()), 0.25);
+  // Small steps, and larger ones where the source's are larger still, through 32 layers of random
+  // weights that amplify them. What is wrong altogether gives more than 1.
+  const Vectors expected = source.referenceLogits();
+  EXPECT_LE(errorOf(source.file, expected), 0.4);
+  StorageChoice best;
+  best.preset = kel::convert::Preset::Best;
+  EXPECT_LE(errorOf(source.file, expected, best), 0.4);
 }
 
 TEST_F(ImportedLogits, OfACheckpointAreTheSources) {

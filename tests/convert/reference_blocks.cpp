@@ -82,6 +82,8 @@ double q3k(const uint8_t* b, size_t i) {
   return half(b + 108) * (scale - 32) * (high ? low : low - 4);
 }
 
+constexpr uint32_t kMxfp4 = 39;
+
 constexpr int kTable[16] = {-127, -104, -83, -65, -49, -35, -22, -10,
                             1,    13,   25,  38,  53,  69,  89,  113};
 
@@ -90,6 +92,18 @@ double iq4xs(const uint8_t* b, size_t i) {
   const int low = b[4 + sub / 2] >> (4 * (sub % 2)) & 15;
   const int high = (b[2] | b[3] << 8) >> (2 * sub) & 3;
   return half(b) * (low + 16 * high - 32) * kTable[nibble(b + 8 + 16 * sub, i % 32, 16)];
+}
+
+// Sign, two bits of exponent with bias 1, one bit of mantissa; exponent 0 is subnormal.
+double e2m1(int code) {
+  const int exponent = code >> 1 & 3;
+  const double mantissa = (code & 1) / 2.0;
+  const double magnitude = exponent == 0 ? mantissa : std::ldexp(1 + mantissa, exponent - 1);
+  return (code & 8) != 0 ? -magnitude : magnitude;
+}
+
+double mxfp4(const uint8_t* b, size_t i) {
+  return std::ldexp(e2m1(nibble(b + 1, i, 16)), b[0] - 127);
 }
 
 }  // namespace
@@ -160,6 +174,7 @@ const std::vector<ReferenceFormat>& referenceFormats() {
        {0},
        [](P b, size_t i) { return kTable[nibble(b + 2, i, 16)] * half(b); }},
       {"IQ4_XS", 23, 256, 136, false, {0}, iq4xs},
+      {"MXFP4", kMxfp4, 32, 17, false, {}, mxfp4},
   };
   return kFormats;
 }
@@ -182,6 +197,9 @@ Bytes randomBlocks(const ReferenceFormat& format, size_t elements, std::mt19937&
     // Between 2^-7 and 2^-6, either sign.
     for (const size_t field : format.halfFields) {
       bytes[at + field + 1] = static_cast<uint8_t>((bytes[at + field + 1] & 0x83) | 8 << 2);
+    }
+    if (format.ggufType == kMxfp4) {
+      bytes[at] = static_cast<uint8_t>(120 + bytes[at] % 4);  // 2^-7 to 2^-4
     }
     // Plain floats: exponents about 1.
     if (format.blockLen == 1 && format.halfFields.empty()) {

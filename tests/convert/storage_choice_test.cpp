@@ -2,9 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <vector>
+
 #include "convert/errors.h"
 #include "convert/free_space.h"
 #include "convert/tensor_rows.h"
+#include "quant/block_sizes.h"
+#include "quant/least_squares_k.h"
 
 namespace {
 
@@ -39,7 +44,34 @@ TEST(StorageChoice, KeepsWhatProductsAccept) {
   // The embedding of a common file.
   const Storage embedding = chooseStorage({TensorRole::Embedding, SourceType::Q6_K, 2560}, {});
   EXPECT_EQ(QuantType::Q8_0, embedding.type);
-  EXPECT_EQ("matrix products cannot use Q6_K; quality stays that of Q6_K", embedding.reason);
+  EXPECT_EQ(
+      "matrix products cannot use Q6_K; Q5_K would lose precision; quality stays that of Q6_K",
+      embedding.reason);
+}
+
+// Which type that is for each source: added_error_test.cpp.
+TEST(StorageChoice, LowBitSourcesTakeTheSmallestTypeThatKeepsTheirPrecision) {
+  const Storage four = chooseStorage({TensorRole::FfnUp, SourceType::Q4_0, 2560}, {});
+  EXPECT_EQ(QuantType::Q4_K, four.type);
+  EXPECT_EQ("matrix products cannot use Q4_0; Q4_K keeps its precision; quality stays that of Q4_0",
+            four.reason);
+  const Storage eight = chooseStorage({TensorRole::FfnUp, SourceType::IQ4_XS, 2560}, {});
+  EXPECT_EQ(QuantType::Q8_0, eight.type);
+  EXPECT_EQ(
+      "matrix products cannot use IQ4_XS; Q5_K would lose precision; quality stays that of IQ4_XS",
+      eight.reason);
+  // No whole super-blocks, and no block at all.
+  const Storage narrow = chooseStorage({TensorRole::FfnUp, SourceType::Q4_0, 288}, {});
+  EXPECT_EQ(QuantType::Q8_0, narrow.type);
+  EXPECT_EQ(
+      "matrix products cannot use Q4_0; Q4_K keeps its precision; rows of 288 are no whole blocks "
+      "of Q4_K; quality stays that of Q4_0",
+      narrow.reason);
+  EXPECT_EQ("matrix products cannot use F16",
+            chooseStorage({TensorRole::FfnUp, SourceType::F16, 2560}, {}).reason);
+  // What is asked for comes first.
+  EXPECT_EQ(QuantType::Q8_0,
+            stored({TensorRole::FfnUp, SourceType::Q4_0, 2560}, preset(Preset::Best)));
 }
 
 TEST(StorageChoice, RowsThatHoldNoWholeBlockFallBack) {
@@ -115,6 +147,21 @@ TEST(Bfloat16, RoundsToNearestEven) {
   EXPECT_EQ(0x3F82, encoded(1.01171875F)) << "a tie, up to even";
   EXPECT_EQ(0x3F81, encoded(1.005F));
   EXPECT_EQ(0xBF80, encoded(-1.0F));
+}
+
+TEST(EncodeRow, SearchesForTheLeastErrorInSuperBlocks) {
+  std::vector<float> row(512);
+  for (size_t i = 0; i < row.size(); ++i) {
+    row[i] = std::sin(static_cast<float>(i));
+  }
+  for (const auto& [type, encode] : {std::pair{QuantType::Q4_K, &kel::quant::leastSquaresQ4K},
+                                     std::pair{QuantType::Q5_K, &kel::quant::leastSquaresQ5K}}) {
+    std::vector<uint8_t> expected(kel::quant::quantizedBytes(type, row.size()));
+    std::vector<uint8_t> encoded(expected.size());
+    encode(row.data(), expected.data(), row.size());
+    kel::convert::encodeRow(type, row.data(), row.size(), encoded.data());
+    EXPECT_EQ(expected, encoded) << quantTypeName(type);
+  }
 }
 
 TEST(Printable, ControlBytesAreReplacedAndLongTextIsCutBetweenCharacters) {

@@ -1,4 +1,4 @@
-// How much memory a large tensor takes on its way.
+// How much memory a large tensor takes on its way, and which values it may hold.
 #include "convert/tensor_stream.h"
 
 #include <gtest/gtest.h>
@@ -6,7 +6,10 @@
 
 #include <algorithm>
 #include <fstream>
+#include <limits>
 #include <numeric>
+#include <string>
+#include <vector>
 
 #include "convert/mapped_file.h"
 #include "quant/blocks.h"
@@ -96,6 +99,74 @@ TEST_F(TensorStream, CopyingTakesAFewStretches) {
   uint64_t stored = 0;
   EXPECT_LE(mostBytes(QuantType::F32, stored), kMostBytes);
   EXPECT_EQ(kSourceBytes, stored);
+}
+
+// A matrix of F32 zeros with some other values.
+class TensorValues : public testing::Test {
+ protected:
+  static constexpr uint64_t kWidth = 256;
+  static constexpr uint64_t kHeight = 2000;
+
+  void put(uint64_t row, uint64_t column, float value) { values[row * kWidth + column] = value; }
+
+  // From a file: what has been read is given back to the system.
+  std::string refusal(QuantType type) const {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(values.data());
+    kel::test::writeFile(folder.file("m"), {bytes, bytes + values.size() * sizeof(float)});
+    MappedFile file;
+    EXPECT_TRUE(file.open(folder.file("m")).ok());
+    const SourceTensor tensor = {"m",         "F32",      SourceType::F32, {kWidth, kHeight},
+                                 file.data(), file.size()};
+    PlannedTensor plan;
+    plan.spec.name = "m";
+    plan.spec.dims = {kWidth, kHeight};
+    plan.source = &tensor;
+    plan.stored = type;
+    plan.copied = type == QuantType::F32;
+    return streamTensor(plan, SourceModel{}, 3,
+                        [](const uint8_t*, size_t, uint64_t) { return kel::Status::success(); })
+        .message;
+  }
+
+  std::vector<float> values = std::vector<float>(kWidth * kHeight);
+  kel::test::TempDir folder;
+};
+
+constexpr const char* kAdvice =
+    ", with which no reply succeeds; fetch the source anew, or choose another";
+
+// The later rows are other threads'; the first one is named all the same.
+TEST_F(TensorValues, FirstRowThatIsNotFiniteIsNamedKeptOrConverted) {
+  EXPECT_EQ("", refusal(QuantType::F32));
+  EXPECT_EQ("", refusal(QuantType::BF16));
+  for (const uint64_t row : {uint64_t{1999}, uint64_t{1500}, uint64_t{7}}) {
+    put(row, 63, std::numeric_limits<float>::quiet_NaN());
+    const std::string message =
+        "m holds a value that is not finite in row " + std::to_string(row) + kAdvice;
+    EXPECT_EQ(message, refusal(QuantType::F32));
+    EXPECT_EQ(message, refusal(QuantType::BF16));
+  }
+}
+
+TEST_F(TensorValues, ValuesBeyondTheScalesOfTheTypeAreNamed) {
+  put(1234, 5, 1e8F);
+  EXPECT_EQ("", refusal(QuantType::F32));
+  EXPECT_EQ("", refusal(QuantType::BF16));
+  EXPECT_EQ("m holds a value in row 1234 that is too large for Q8_0; choose another type for it",
+            refusal(QuantType::Q8_0));
+}
+
+// The encoders of super-blocks would cut them off.
+TEST_F(TensorValues, ValuesBeyondWhatSuperBlocksHoldAreNamed) {
+  put(1234, 5, 6.1e7F);
+  EXPECT_EQ("", refusal(QuantType::Q4_K));
+  put(1234, 5, -6.3e7F);
+  EXPECT_EQ("m holds a value in row 1234 that is too large for Q4_K; choose another type for it",
+            refusal(QuantType::Q4_K));
+  EXPECT_EQ("", refusal(QuantType::Q5_K));
+  put(1234, 5, 1.3e8F);
+  EXPECT_EQ("m holds a value in row 1234 that is too large for Q5_K; choose another type for it",
+            refusal(QuantType::Q5_K));
 }
 
 }  // namespace

@@ -100,19 +100,42 @@ TEST_F(ConvertCommandTest, ConvertedCheckpointPassesTheCheck) {
   EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
 }
 
-TEST_F(ConvertCommandTest, DamageAfterwardsIsFoundByTheChecksums) {
+// Messages went into the container, which took the place of standard error.
+TEST_F(ConvertCommandTest, ClosedStreamsLeaveTheContainerAlone) {
   ASSERT_EQ(zym({"convert", kDemo, target()}).status, 0);
-  // In the middle of the weights, where no value becomes infinite by it.
-  std::fstream file(target(), std::ios::in | std::ios::out | std::ios::binary);
-  const auto middle = static_cast<std::streamoff>(fs::file_size(target()) / 2);
-  file.seekg(middle);
-  const int byte = file.get();
-  file.seekp(middle);
-  file.put(static_cast<char>(byte ^ 1));
-  file.close();
+  const std::string expected = read(target());
+  for (const char* closed : {"<&-", "<&- 2>&-", "<&- 2>&- >/dev/null"}) {
+    const Outcome outcome = testing_support::runProcess(
+        {"sh", "-c",
+         std::string(ZYM_PROGRAM) + " convert " + kDemo + " " + target() + " --force " + closed});
+    EXPECT_EQ(outcome.status, 0) << closed;
+    EXPECT_TRUE(read(target()) == expected) << closed;
+  }
+}
+
+TEST_F(ConvertCommandTest, DamageAfterwardsIsFound) {
+  ASSERT_EQ(zym({"convert", kDemo, target()}).status, 0);
+  const Outcome sound = zym({"check", target(), "--full"});
+  EXPECT_EQ(sound.out, target() + ": can be run\n");
+  EXPECT_EQ(sound.err, "");
+  const auto flip = [this](std::streamoff at) {
+    std::fstream file(target(), std::ios::in | std::ios::out | std::ios::binary);
+    file.seekg(at);
+    const int byte = file.get();
+    file.seekp(at);
+    file.put(static_cast<char>(byte ^ 1));
+  };
+  // In the middle of the weights, where no value becomes infinite by it; in the metadata.
+  const auto fileBytes = static_cast<std::streamoff>(fs::file_size(target()));
+  flip(fileBytes / 2);
+  flip(fileBytes - 300);
+  std::ofstream(target(), std::ios::app | std::ios::binary) << std::string(100, 'x');
   const Outcome check = zym({"check", target()});
   EXPECT_EQ(check.status, 1);
-  EXPECT_EQ(check.out, "section weights: differs from its checksum: the file is damaged\n");
+  EXPECT_EQ(check.out, "file: has 100 bytes behind its last section, which ends at " +
+                           std::to_string(fileBytes) +
+                           "\nsection weights: differs from its checksum: the file is damaged\n"
+                           "section metadata: differs from its checksum: the file is damaged\n");
 }
 
 TEST_F(ConvertCommandTest, SummaryTellsWhatBecameOfEveryGroup) {
@@ -305,12 +328,28 @@ class StoppedConversionTest : public ConvertCommandTest {
     return folder / "slow";
   }
 
+  // Whether the process has a file open in the folder for its output, with or without a name.
+  bool writesOutput(const std::string& process) const {
+    std::error_code error;  // files that are closed meanwhile, and a process that has not begun
+    for (fs::directory_iterator at("/proc/" + process + "/fd", error), end; !error && at != end;
+         at.increment(error)) {
+      std::error_code closed;
+      const std::string open = fs::read_symlink(at->path(), closed).string();
+      if (open.starts_with(output.string() + "/")) {
+        return true;
+      }
+    }
+    return false;
+  }
+
   // Whether the conversion has begun to write.
-  bool waitForTemporaryFile() const {
+  bool waitForOutput() const {
     const auto until = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < until) {
-      for (const fs::directory_entry& entry : fs::directory_iterator(output)) {
-        if (entry.path().extension() == ".tmp") {
+      std::string process = read(folder / "pid");
+      if (process.ends_with('\n')) {
+        process.pop_back();
+        if (writesOutput(process)) {
           return true;
         }
       }
@@ -328,7 +367,7 @@ class StoppedConversionTest : public ConvertCommandTest {
                                                  ZYM_PROGRAM + " convert " + source + " " +
                                                  target() + " --type q8_0 --force"});
     });
-    EXPECT_TRUE(waitForTemporaryFile());
+    EXPECT_TRUE(waitForOutput());
     const Outcome kill = testing_support::runProcess(
         {"sh", "-c", "kill -" + signalName + " $(cat " + (folder / "pid").string() + ")"});
     EXPECT_EQ(kill.status, 0) << kill.err;
@@ -348,8 +387,16 @@ TEST_F(StoppedConversionTest, CtrlCLeavesNothing) {
 TEST_F(StoppedConversionTest, ClosedTerminalLeavesTheOldTarget) {
   std::ofstream(target()) << "precious";
   const Outcome outcome = stoppedBy("HUP");
-  EXPECT_EQ(outcome.status, 130);
+  EXPECT_EQ(outcome.status, 128 + SIGHUP);
   EXPECT_EQ(read(target()), "precious");
+  EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
+}
+
+// Where files need a name while they grow, the next conversion removes what was left.
+TEST_F(StoppedConversionTest, KilledOneLeavesNothingBesideTheNextOnesTarget) {
+  EXPECT_EQ(stoppedBy("KILL").status, 128 + SIGKILL);
+  EXPECT_FALSE(fs::exists(target()));
+  EXPECT_EQ(zym({"convert", kDemo, target()}).status, 0);
   EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
 }
 

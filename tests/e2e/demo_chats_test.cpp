@@ -27,7 +27,7 @@ class DemoChatsTest : public testing_support::ProgramTest,
  protected:
   void SetUp() override {
     testing_support::ProgramTest::SetUp();
-    setenv("ZYM_PLUGIN", ZYM_RUNTIME, 1);
+    unsetenv("ZYM_PLUGIN");
     setenv("OMP_NUM_THREADS", "1", 1);  // the model is tiny, and tests run side by side
     const Outcome outcome = zym({"convert", ZYM_DEMO_FOLDER, demo, "--type", GetParam()});
     ASSERT_EQ(outcome.status, 0) << outcome.err;
@@ -97,9 +97,13 @@ TEST_P(DemoChatsTest, ScriptedChatGivesTheKnownReplies) {
     for (const DemoTurn& turn : chat)
       expected += turn.reply + "\n";
   }
-  const Outcome outcome = zym({"chat", demo}, script);
-  EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.out, expected);
+  const std::vector<std::vector<std::string>> calls = {{"chat", demo},
+                                                       {"chat", demo, "--plugin", ZYM_RUNTIME}};
+  for (const std::vector<std::string>& words : calls) {
+    const Outcome outcome = zym(words, script);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out, expected);
+  }
 }
 
 TEST_P(DemoChatsTest, RawVocabularyGivesTheSameReplies) {
@@ -107,7 +111,7 @@ TEST_P(DemoChatsTest, RawVocabularyGivesTheSameReplies) {
   ASSERT_EQ(zym({"convert", ZYM_DEMO_FOLDER, raw, "--type", GetParam(), "--vocab", "raw"}).status,
             0);
   for (const Chat& chat : knownChats(3 * kSampleStride))
-    expectReplies(raw, chat, {});
+    expectReplies(raw, chat, {"--plugin", ZYM_RUNTIME});
 }
 
 INSTANTIATE_TEST_SUITE_P(Types, DemoChatsTest, testing::Values("bf16", "q8_0"),

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -11,6 +12,7 @@
 #include "qwen35/processors.h"
 #include "qwen35/simd/instruction_sets.h"
 #include "tests/e2e/fixture.h"
+#include "tests/support/instrumented.h"
 #include "tests/support/scoped_env.h"
 
 namespace zym {
@@ -27,6 +29,11 @@ class ProgramTest : public testing_support::ProgramTest {
     EXPECT_EQ(outcome.status, status);
     EXPECT_EQ(outcome.out, "");
     EXPECT_EQ(outcome.err, "zym: " + line + "\n");
+  }
+  // The program as a shell starts it with redirections.
+  static Outcome withStreams(const std::string& words, const std::string& redirections) {
+    return testing_support::runProcess(
+        {"sh", "-c", std::string(ZYM_PROGRAM) + " " + words + " " + redirections});
   }
   std::string write(const std::string& name, const std::string& bytes) const {
     std::ofstream(folder / name, std::ios::binary) << bytes;
@@ -76,11 +83,13 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   const Outcome version = zym({"--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("zym " ZYM_VERSION "\n", 0), 0U) << version.out;
-  for (const char* command : {"chat", "run", "bench", "info", "check", "tokenize", "convert"}) {
+  for (const char* command :
+       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "completion"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;
     EXPECT_NE(help.out.find("Examples:\n  zym "), std::string::npos) << command;
+    EXPECT_EQ(help.out.find("TEXT REQUIRED"), std::string::npos) << command;
   }
 }
 
@@ -127,7 +136,7 @@ TEST_F(ProgramTest, FolderForAFileIsOneClearLine) {
 TEST_F(ProgramTest, FileThatIsNoContainerIsOneClearLine) {
   const std::string other = write("other.zym", std::string(100, 'x'));
   const std::string line =
-      other + ": ZYM2: bad magic; give a .zym container, which `zym convert` makes";
+      other + ": is no container (ZYM2: bad magic); give a .zym file, which `zym convert` makes";
   expectFault(zym({"chat", other}), 1, line);
   expectFault(zym({"run", other, "-p", "a"}), 1, line);
   expectFault(zym({"info", other}), 1, line);
@@ -135,14 +144,45 @@ TEST_F(ProgramTest, FileThatIsNoContainerIsOneClearLine) {
 }
 
 TEST_F(ProgramTest, TruncatedContainerIsOneClearLine) {
-  std::filesystem::resize_file(model, std::filesystem::file_size(model) / 2);
-  expectFault(
-      zym({"chat", model}), 1,
-      model + ": ZYM2: bad section bounds; give a .zym container, which `zym convert` makes");
+  const auto whole = std::filesystem::file_size(model);
+  std::filesystem::resize_file(model, whole / 2);
+  const std::string what = "is cut short: it has " + std::to_string(whole / 2) + " of " +
+                           std::to_string(whole) + " bytes (ZYM2: bad section bounds)";
+  for (const char* command : {"chat", "info"}) {
+    expectFault(zym({command, model}), 1,
+                model + ": " + what + "; copy the file again, or convert it anew");
+  }
   const Outcome check = zym({"check", model});
   EXPECT_EQ(check.status, 1);
-  EXPECT_EQ(check.out, "file: ZYM2: bad section bounds\n");
+  EXPECT_EQ(check.out, "file: " + what + "\n");
   EXPECT_EQ(check.err, "zym: " + model + ": 1 fault; `zym convert` makes the file anew\n");
+}
+
+// As long as a large model, without its bytes.
+TEST_F(ProgramTest, MemoryThatRunsOutIsNoFaultOfTheFile) {
+  if (kel::test::kInstrumented) {
+    GTEST_SKIP() << "sanitizers reserve more address space than the limit leaves";
+  }
+  std::filesystem::resize_file(model, uint64_t{16} << 30);
+  for (const std::string& words :
+       {"chat " + model, "info " + model, "check " + model, "tokenize " + model + " a"}) {
+    const Outcome outcome = testing_support::runProcess(
+        {"sh", "-c", "ulimit -v 8000000; exec " + std::string(ZYM_PROGRAM) + " " + words});
+    expectFault(outcome, 1,
+                model +
+                    ": not enough memory to map its 17179869184 bytes (ZYM2: mmap failed); "
+                    "raise the limit of the address space (ulimit -v)");
+  }
+  const std::string large = folder / "too-large.zym";
+  ASSERT_TRUE(writeSmallModel(large).ok());
+  expectFault(zym({"chat", large}), 1,
+              large +
+                  ": not enough memory to open the model; end other programs, or convert it to "
+                  "smaller types");
+  const std::string unopened = folder / "unopened.zym";
+  ASSERT_TRUE(writeSmallModel(unopened).ok());
+  expectFault(zym({"chat", unopened}), 1,
+              unopened + ": zym open failed, though the file is a container; not enough memory?");
 }
 
 TEST_F(ProgramTest, RefusedModelSaysWhatRuns) {
@@ -179,6 +219,41 @@ TEST_F(ProgramTest, FullStandardOutputIsReported) {
       {"sh", "-c", std::string(ZYM_PROGRAM) + " info " + model + " >/dev/full"});
   EXPECT_EQ(outcome.status, 1);
   EXPECT_EQ(outcome.err, "zym: standard output cannot be written; is the disk full?\n");
+}
+
+TEST_F(ProgramTest, ClosedStandardOutputIsReported) {
+  for (const char* words : {"--version", "info --help", "info ", "run -p a "}) {
+    const bool hasModel = std::string_view(words).ends_with(' ');
+    const Outcome outcome = withStreams(words + (hasModel ? model : ""), ">&-");
+    EXPECT_EQ(outcome.status, 1) << words;
+    EXPECT_EQ(outcome.err, "zym: standard output is closed; the results are lost\n") << words;
+  }
+}
+
+TEST_F(ProgramTest, OutputWhoseReaderHasGoneIsReported) {
+  const Outcome outcome = testing_support::runProcess(
+      {"sh", "-c",
+       "trap '' PIPE; { " + std::string(ZYM_PROGRAM) + " info " + model + "; echo $? >" +
+           (folder / "status").string() + "; } | :"});
+  EXPECT_EQ(outcome.err, "zym: standard output was closed by its reader; the rest is lost\n");
+  std::ifstream status(folder / "status");
+  EXPECT_EQ(status.get(), '1');
+}
+
+TEST_F(ProgramTest, ClosedStandardErrorLosesMessagesAlone) {
+  EXPECT_EQ(withStreams("check " + model, "2>&-").out, model + ": can be run\n");
+  const Outcome missing = withStreams("info " + model + ".missing", "2>&-");
+  EXPECT_EQ(missing.status, 1);
+  EXPECT_EQ(missing.out, "");
+}
+
+// The model took the closed stream's descriptor and was read as what a person types.
+TEST_F(ProgramTest, ClosedStandardInputIsNoText) {
+  const std::string reason =
+      "standard input: Bad file descriptor; give a file or a pipe that can be read";
+  expectFault(withStreams("chat " + model, "<&-"), 1, reason);
+  expectFault(withStreams("run " + model + " -", "<&-"), 1, reason);
+  EXPECT_EQ(withStreams("run -p a " + model, "<&-").out, "a and so on\n");
 }
 
 TEST_F(ProgramTest, RunCompletesEachPrompt) {
@@ -238,7 +313,8 @@ TEST_F(ProgramTest, RunPassesSamplingSettings) {
 
 TEST_F(ProgramTest, TopPBelowOneIsExplainedOnce) {
   const std::string remark =
-      "(top-p below 1 keeps only the best token, whatever the temperature; 1 turns it off)\n";
+      "(top-p below 1 keeps only the best token of this runtime library, whatever the temperature; "
+      "1 turns it off)\n";
   EXPECT_EQ(zym({"run", model, "-p", "a", "-p", "b", "--temperature", "0.5", "--top-p", "0.9"}).err,
             remark);
   EXPECT_EQ(zym({"run", model, "-p", "a", "--top-p", "0.9"}).err, "");
@@ -268,7 +344,8 @@ TEST_F(ProgramTest, RunJsonDoesNotGuessTheEndOfACompletion) {
 }
 
 TEST_F(ProgramTest, RunFailuresAreReported) {
-  const std::string advice = "; `zym check " + model + "` names a fault of the file";
+  const std::string advice =
+      "; memory ran out, or the file has a fault, which `zym check --full " + model + "` names";
   expectFault(zym({"run", model, "-p", "break"}), 1, "the completion failed" + advice);
   expectFault(zym({"run", model, "--chat", "-p", "break"}), 1, "the turn failed" + advice);
 }
@@ -318,9 +395,10 @@ TEST_F(ProgramTest, ChatSaysWhyAReplyEnded) {
   EXPECT_EQ(zym({"chat", model}, "limit\n").err, "(cut at 96 tokens; say \"go on\" for more)\n");
   EXPECT_EQ(zym({"chat", model}, "fill\n").err,
             "The context of 8192 positions is full; /reset starts afresh.\n");
-  EXPECT_EQ(zym({"chat", model}, "break\n").err,
-            "zym: the turn failed; `zym check " + model +
-                "` names a fault of the file, /reset starts afresh\n");
+  EXPECT_EQ(
+      zym({"chat", model}, "break\n").err,
+      "zym: the turn failed; memory ran out, or the file has a fault, which `zym check --full " +
+          model + "` names, /reset starts afresh\n");
 }
 
 TEST_F(ProgramTest, ChatThroughPipesTellsOfUnansweredMessages) {
@@ -358,7 +436,26 @@ TEST_F(ProgramTest, CheckAcceptsAModelThatRuns) {
   const Outcome outcome = zym({"check", model});
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.out, model + ": can be run\n");
-  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(
+      outcome.err,
+      "(no checksum covers: weights, tokenizer, tensor index, quant info, metadata; damage to "
+      "that goes unnoticed)\n");
+}
+
+// As a conversion would copy it: such a matrix runs until a value of it is met.
+TEST_F(ProgramTest, FullCheckNamesAMatrixThatIsNotFinite) {
+  ASSERT_TRUE(writeSmallModel(model, [](testing_support::TensorPlan& plan) {
+                if (plan.name == "blk.3.attn_q.weight") {
+                  plan.type = kel::QuantType::BF16;
+                  plan.values.assign(plan.values.size() / 2, 0.5F);
+                  const uint32_t infinityAsSecond = 0x7F803F00;
+                  std::memcpy(&plan.values[10], &infinityAsSecond, sizeof(infinityAsSecond));
+                }
+              }).ok());
+  EXPECT_EQ(zym({"check", model}).status, 0);
+  const Outcome outcome = zym({"check", model, "--full"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "blk.3.attn_q.weight: row 21, value 0 is not finite\n");
 }
 
 TEST_F(ProgramTest, CheckNamesEveryFault) {

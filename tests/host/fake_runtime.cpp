@@ -39,6 +39,13 @@ uint32_t probe(const char*, ZYMRuntimeProbe*) {
 }
 
 uint32_t create(const char* path, const char*, ZYMRuntimeHandle** handle, char* err, size_t cap) {
+  if (std::string_view(path).find("too-large") != std::string_view::npos) {
+    return ZYM_STATUS_FAILED;  // as when memory runs out: without a reason
+  }
+  if (std::string_view(path).find("unopened") != std::string_view::npos) {
+    std::snprintf(err, cap, "zym open failed");
+    return ZYM_STATUS_FAILED;
+  }
   if (std::string_view(path).find("refused") != std::string_view::npos) {
     std::snprintf(err, cap, "not a qwen35-architecture model");
     return ZYM_STATUS_FAILED;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "container/shape_metadata.h"
 #include "container/zym2_writer.h"
 #include "quant/blocks.h"
 
@@ -112,9 +113,14 @@ class Planner {
   void model() {
     matrix("token_embd.weight", spec.hidden, spec.vocab);
     vector("output_norm.weight", spec.hidden, 0.8f, 1.2f);
-    for (size_t i = 0; i < spec.blocks; ++i) {
+    if (spec.shape.ownOutput) {
+      matrix("output.weight", spec.hidden, spec.vocab);
+    }
+    const size_t layers = spec.statesShape ? spec.shape.layers : spec.blocks;
+    for (size_t i = 0; i < layers; ++i) {
       prefix = "blk." + std::to_string(i) + ".";
-      layer(spec.layerKinds[i % spec.layerKinds.size()] == 'L');
+      layer(spec.statesShape ? !spec.shape.isFull(static_cast<uint32_t>(i))
+                             : spec.layerKinds[i % spec.layerKinds.size()] == 'L');
     }
   }
 
@@ -129,29 +135,33 @@ class Planner {
   }
 
   void linearAttention() {
-    matrix("attn_qkv.weight", spec.hidden, 8192);
-    matrix("attn_gate.weight", spec.hidden, 4096);
-    matrix("ssm_beta.weight", spec.hidden, 32);
-    matrix("ssm_alpha.weight", spec.hidden, 32);
-    vector("ssm_dt.bias", 32, -2.0f, 2.0f);
-    vector("ssm_a", 32, -1.5f, -0.01f);
-    matrix("ssm_conv1d.weight", 4, 8192);
+    const uint64_t values = shape.linearValueHeads * shape.linearValueDim;
+    const uint64_t channels = 2 * shape.linearKeyHeads * shape.linearKeyDim + values;
+    matrix("attn_qkv.weight", spec.hidden, channels);
+    matrix("attn_gate.weight", spec.hidden, values);
+    matrix("ssm_beta.weight", spec.hidden, shape.linearValueHeads);
+    matrix("ssm_alpha.weight", spec.hidden, shape.linearValueHeads);
+    vector("ssm_dt.bias", shape.linearValueHeads, -2.0f, 2.0f);
+    vector("ssm_a", shape.linearValueHeads, -1.5f, -0.01f);
+    matrix("ssm_conv1d.weight", shape.convTaps, channels);
     plan.back().type = QuantType::F32;
-    vector("ssm_norm.weight", 128, 0.8f, 1.2f);
-    matrix("ssm_out.weight", 4096, spec.hidden);
+    vector("ssm_norm.weight", shape.linearValueDim, 0.8f, 1.2f);
+    matrix("ssm_out.weight", values, spec.hidden);
   }
 
   void fullAttention() {
-    matrix("attn_q.weight", spec.hidden, 8192);
-    matrix("attn_k.weight", spec.hidden, 1024);
-    matrix("attn_v.weight", spec.hidden, 1024);
-    matrix("attn_output.weight", 4096, spec.hidden);
-    vector("attn_q_norm.weight", 256, 0.8f, 1.2f);
-    vector("attn_k_norm.weight", 256, 0.8f, 1.2f);
+    const uint64_t queries = shape.queryHeads * shape.headDim;
+    const uint64_t keys = shape.kvHeads * shape.headDim;
+    matrix("attn_q.weight", spec.hidden, 2 * queries);
+    matrix("attn_k.weight", spec.hidden, keys);
+    matrix("attn_v.weight", spec.hidden, keys);
+    matrix("attn_output.weight", queries, spec.hidden);
+    vector("attn_q_norm.weight", shape.headDim, 0.8f, 1.2f);
+    vector("attn_k_norm.weight", shape.headDim, 0.8f, 1.2f);
     if (spec.biases) {
-      vector("attn_q.bias", 8192, -0.5f, 0.5f);
-      vector("attn_k.bias", 1024, -0.5f, 0.5f);
-      vector("attn_v.bias", 1024, -0.5f, 0.5f);
+      vector("attn_q.bias", 2 * queries, -0.5f, 0.5f);
+      vector("attn_k.bias", keys, -0.5f, 0.5f);
+      vector("attn_v.bias", keys, -0.5f, 0.5f);
     }
   }
 
@@ -174,6 +184,7 @@ class Planner {
   }
 
   const RandomModelSpec& spec;
+  const kel::ModelShape& shape = spec.shape;
   std::vector<TensorPlan> plan;
   std::string prefix;
   size_t turn = 0;
@@ -242,6 +253,9 @@ kel::Status writeRandomModel(const std::string& path, const RandomModelSpec& spe
   kel::Status status = writer.create(path);
   if (!spec.architecture.empty()) {
     writer.addMetaStr("general.architecture", spec.architecture);
+  }
+  if (spec.statesShape) {
+    kel::writeShape(writer, spec.shape, {spec.hidden, spec.ffn, spec.vocab}, 0);
   }
   writer.setTokenizer(spec.tokenizer.tokens.empty() ? defaultTokenizer(spec.vocab)
                                                     : spec.tokenizer);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "container/model_shape.h"
 #include "container/status.h"
 #include "container/tokenizer_data.h"
 #include "quant/quant_type.h"
@@ -32,6 +33,10 @@ struct RandomModelSpec {
   // Of the matrices, each taking the next one in turn that its row length allows (F32 always does).
   std::vector<kel::QuantType> types = {kel::QuantType::F32};
   bool biases = false;
+  // Heads, dimensions and taps; with statesShape its layers too, and the metadata say all of it.
+  // Otherwise the layers are those of layerKinds and blocks.
+  kel::ModelShape shape = kel::kFixedShape;
+  bool statesShape = false;
   // One letter per layer, repeated over the blocks: L linear attention, F full attention.
   std::string layerKinds = "LLLF";
   size_t blocks = 32;

@@ -11,8 +11,6 @@ namespace kel::test {
 
 namespace {
 
-constexpr double kEps = 1e-6;
-
 struct Matrix {
   size_t rows = 0;
   size_t cols = 0;
@@ -133,20 +131,20 @@ double logistic(double v) {
   return 1 / (1 + std::exp(-v));
 }
 
-void normalise(double* x, size_t n, const Vector& w) {
+void normalise(double* x, size_t n, const Vector& w, double eps) {
   double squares = 0;
   for (size_t i = 0; i < n; ++i) {
     squares += x[i] * x[i];
   }
-  const double inverse = 1 / std::sqrt(squares / static_cast<double>(n) + kEps);
+  const double inverse = 1 / std::sqrt(squares / static_cast<double>(n) + eps);
   for (size_t i = 0; i < n; ++i) {
     x[i] *= inverse * w[i];
   }
 }
 
-Vectors normalised(Vectors x, const Vector& w) {
+Vectors normalised(Vectors x, const Vector& w, double eps) {
   for (Vector& v : x) {
-    normalise(v.data(), v.size(), w);
+    normalise(v.data(), v.size(), w, eps);
   }
   return x;
 }
@@ -163,15 +161,16 @@ Vectors sum(const Vectors& a, const Vectors& b) {
 
 class Reference {
  public:
-  Reference(const kel::ZYMLoader& modelLoader, std::string namePrefix)
-      : loader(modelLoader), prefix(std::move(namePrefix)) {}
+  Reference(const kel::ZYMLoader& modelLoader, std::string namePrefix,
+            const kel::ModelShape& modelShape)
+      : loader(modelLoader), prefix(std::move(namePrefix)), shape(modelShape) {}
 
   ReferenceLayer layer(const Vectors& x) {
     ReferenceLayer out;
-    const Vectors xn = normalised(x, tensor("attn_norm.weight").w);
+    const Vectors xn = normalised(x, tensor("attn_norm.weight").w, shape.normEps);
     out.attn = has("ssm_out.weight") ? linear(xn, out) : full(xn, out);
     out.residual = sum(x, out.attn);
-    out.normed = normalised(out.residual, tensor("post_attention_norm.weight").w);
+    out.normed = normalised(out.residual, tensor("post_attention_norm.weight").w, shape.normEps);
     out.ffn = feedForward(out.normed);
     out.out = sum(out.residual, out.ffn);
     return out;
@@ -205,13 +204,16 @@ class Reference {
     return project("ffn_down.weight", gate);
   }
 
-  static void rotate(double* head, size_t position) {
-    for (int i = 0; i < 32; ++i) {
-      const double angle = static_cast<double>(position) * std::pow(1e7, -2.0 * i / 64);
+  void rotate(double* head, size_t position) const {
+    const size_t half = shape.ropeDim / 2;
+    for (size_t i = 0; i < half; ++i) {
+      const double angle =
+          static_cast<double>(position) *
+          std::pow(shape.ropeBase, -2.0 * static_cast<double>(i) / static_cast<double>(2 * half));
       const double x0 = head[i];
-      const double x1 = head[i + 32];
+      const double x1 = head[i + half];
       head[i] = std::cos(angle) * x0 - std::sin(angle) * x1;
-      head[i + 32] = std::sin(angle) * x0 + std::cos(angle) * x1;
+      head[i + half] = std::sin(angle) * x0 + std::cos(angle) * x1;
     }
   }
 
@@ -227,36 +229,38 @@ class Reference {
     const Vector qNorm = tensor("attn_q_norm.weight").w;
     const Vector kNorm = tensor("attn_k_norm.weight").w;
     const size_t tokens = xn.size();
-    Vectors att(tokens, Vector(4096));
+    const size_t dim = shape.headDim;
+    Vectors att(tokens, Vector(shape.queryHeads * dim));
     for (size_t t = 0; t < tokens; ++t) {
-      for (size_t g = 0; g < 4; ++g) {
-        normalise(&k[t][g * 256], 256, kNorm);
-        rotate(&k[t][g * 256], t);
+      for (size_t g = 0; g < shape.kvHeads; ++g) {
+        normalise(&k[t][g * dim], dim, kNorm, shape.normEps);
+        rotate(&k[t][g * dim], t);
       }
-      for (size_t h = 0; h < 16; ++h) {
-        normalise(&q[t][h * 512], 256, qNorm);
-        rotate(&q[t][h * 512], t);
+      for (size_t h = 0; h < shape.queryHeads; ++h) {
+        normalise(&q[t][h * 2 * dim], dim, qNorm, shape.normEps);
+        rotate(&q[t][h * 2 * dim], t);
         attend(q, k, v, t, h, att[t]);
       }
     }
-    for (size_t g = 0; g < 4; ++g) {
+    for (size_t g = 0; g < shape.kvHeads; ++g) {
       for (size_t t = 0; t < tokens; ++t) {
-        state.keys.insert(state.keys.end(), &k[t][g * 256], &k[t][g * 256] + 256);
-        state.values.insert(state.values.end(), &v[t][g * 256], &v[t][g * 256] + 256);
+        state.keys.insert(state.keys.end(), &k[t][g * dim], &k[t][g * dim] + dim);
+        state.values.insert(state.values.end(), &v[t][g * dim], &v[t][g * dim] + dim);
       }
     }
     return project("attn_output.weight", att);
   }
 
-  static void attend(const Vectors& q, const Vectors& k, const Vectors& v, size_t t, size_t h,
-                     Vector& att) {
-    const size_t group = h / 4 * 256;
+  void attend(const Vectors& q, const Vectors& k, const Vectors& v, size_t t, size_t h,
+              Vector& att) const {
+    const size_t dim = shape.headDim;
+    const size_t group = h / (shape.queryHeads / shape.kvHeads) * dim;
     Vector weights(t + 1);
     for (size_t p = 0; p <= t; ++p) {
-      for (size_t d = 0; d < 256; ++d) {
-        weights[p] += q[t][h * 512 + d] * k[p][group + d];
+      for (size_t d = 0; d < dim; ++d) {
+        weights[p] += q[t][h * 2 * dim + d] * k[p][group + d];
       }
-      weights[p] /= 16;
+      weights[p] /= std::sqrt(static_cast<double>(dim));
     }
     const double highest = *std::max_element(weights.begin(), weights.end());
     double total = 0;
@@ -264,34 +268,34 @@ class Reference {
       w = std::exp(w - highest);
       total += w;
     }
-    for (size_t d = 0; d < 256; ++d) {
+    for (size_t d = 0; d < dim; ++d) {
       double o = 0;
       for (size_t p = 0; p <= t; ++p) {
         o += weights[p] / total * v[p][group + d];
       }
-      att[h * 256 + d] = o * logistic(q[t][h * 512 + 256 + d]);
+      att[h * dim + d] = o * logistic(q[t][h * 2 * dim + dim + d]);
     }
   }
 
-  static void unit(double* x, size_t n) {
+  void unit(double* x, size_t n) const {
     double squares = 0;
     for (size_t i = 0; i < n; ++i) {
       squares += x[i] * x[i];
     }
     for (size_t i = 0; i < n; ++i) {
-      x[i] /= std::sqrt(squares + kEps);
+      x[i] /= std::sqrt(squares + shape.normEps);
     }
   }
 
   // Causal convolution over time with inputs of zero before the first token, then SiLU.
   Vectors convolved(const Vectors& qkv) const {
     const Matrix taps = tensor("ssm_conv1d.weight");
-    Vectors out(qkv.size(), Vector(8192));
+    Vectors out(qkv.size(), Vector(taps.rows));
     for (size_t t = 0; t < qkv.size(); ++t) {
-      for (size_t c = 0; c < 8192; ++c) {
+      for (size_t c = 0; c < taps.rows; ++c) {
         double y = 0;
-        for (size_t back = 0; back < 4 && back <= t; ++back) {
-          y += taps.w[c * taps.cols + 3 - back] * qkv[t - back][c];
+        for (size_t back = 0; back < shape.convTaps && back <= t; ++back) {
+          y += taps.w[c * taps.cols + shape.convTaps - 1 - back] * qkv[t - back][c];
         }
         out[t][c] = y * logistic(y);
       }
@@ -301,6 +305,11 @@ class Reference {
 
   Vectors linear(const Vectors& xn, ReferenceLayer& state) const {
     const size_t tokens = xn.size();
+    const size_t keyHeads = shape.linearKeyHeads;
+    const size_t valueHeads = shape.linearValueHeads;
+    const size_t keyDim = shape.linearKeyDim;
+    const size_t valueDim = shape.linearValueDim;
+    const size_t keys = keyHeads * keyDim;  // queries come first, then keys, then values
     const Vectors qkv = project("attn_qkv.weight", xn);
     const Vectors z = project("attn_gate.weight", xn);
     const Vectors b = project("ssm_beta.weight", xn);
@@ -309,56 +318,60 @@ class Reference {
     const Vector rate = tensor("ssm_a").w;
     const Vector norm = tensor("ssm_norm.weight").w;
     Vectors conv = convolved(qkv);
-    state.ssmState.assign(32 * 128 * 128, 0.0);
-    Vectors o(tokens, Vector(4096));
+    state.ssmState.assign(valueHeads * keyDim * valueDim, 0.0);
+    Vectors o(tokens, Vector(valueHeads * valueDim));
     for (size_t t = 0; t < tokens; ++t) {
-      for (size_t head = 0; head < 32; ++head) {
-        unit(&conv[t][head * 128], 128);  // 16 query heads, then 16 key heads
+      for (size_t head = 0; head < 2 * keyHeads; ++head) {
+        unit(&conv[t][head * keyDim], keyDim);
       }
-      for (size_t h = 0; h < 32; ++h) {
+      for (size_t h = 0; h < valueHeads; ++h) {
         const double decay = std::exp(std::log1p(std::exp(a[t][h] + dtBias[h])) * rate[h]);
-        const double* query = &conv[t][(h % 16) * 128];
-        deltaRule(&state.ssmState[h * 128 * 128], query, query + 2048, &conv[t][4096 + h * 128],
-                  decay, logistic(b[t][h]), &o[t][h * 128]);
-        normalise(&o[t][h * 128], 128, norm);
-        for (size_t d = 0; d < 128; ++d) {
-          o[t][h * 128 + d] *= z[t][h * 128 + d] * logistic(z[t][h * 128 + d]);
+        const double* query = &conv[t][(h % keyHeads) * keyDim];
+        deltaRule(&state.ssmState[h * keyDim * valueDim], query, query + keys,
+                  &conv[t][2 * keys + h * valueDim], decay, logistic(b[t][h]), &o[t][h * valueDim]);
+        normalise(&o[t][h * valueDim], valueDim, norm, shape.normEps);
+        for (size_t d = 0; d < valueDim; ++d) {
+          o[t][h * valueDim + d] *= z[t][h * valueDim + d] * logistic(z[t][h * valueDim + d]);
         }
       }
     }
-    for (size_t c = 0; c < 8192; ++c) {
-      for (size_t back = 3; back > 0; --back) {
+    for (size_t c = 0; c < qkv[0].size(); ++c) {
+      for (size_t back = shape.convTaps - 1; back > 0; --back) {
         state.convState.push_back(tokens >= back ? qkv[tokens - back][c] : 0.0);
       }
     }
     return project("ssm_out.weight", o);
   }
 
-  // S' = decay S + k (beta (v - decay S^T k))^T; o = S'^T q / sqrt(128).
-  static void deltaRule(double* S, const double* q, const double* k, const double* v, double decay,
-                        double beta, double* o) {
-    Vector update(v, v + 128);
-    for (size_t i = 0; i < 128; ++i) {
-      for (size_t j = 0; j < 128; ++j) {
-        update[j] -= decay * S[i * 128 + j] * k[i];
+  // S' = decay S + k (beta (v - decay S^T k))^T; o = S'^T q / sqrt(key dim).
+  void deltaRule(double* S, const double* q, const double* k, const double* v, double decay,
+                 double beta, double* o) const {
+    const size_t keyDim = shape.linearKeyDim;
+    const size_t valueDim = shape.linearValueDim;
+    Vector update(v, v + valueDim);
+    for (size_t i = 0; i < keyDim; ++i) {
+      for (size_t j = 0; j < valueDim; ++j) {
+        update[j] -= decay * S[i * valueDim + j] * k[i];
       }
     }
-    std::fill(o, o + 128, 0.0);
-    for (size_t i = 0; i < 128; ++i) {
-      for (size_t j = 0; j < 128; ++j) {
-        S[i * 128 + j] = decay * S[i * 128 + j] + k[i] * beta * update[j];
-        o[j] += S[i * 128 + j] * q[i] / std::sqrt(128.0);
+    std::fill(o, o + valueDim, 0.0);
+    for (size_t i = 0; i < keyDim; ++i) {
+      for (size_t j = 0; j < valueDim; ++j) {
+        S[i * valueDim + j] = decay * S[i * valueDim + j] + k[i] * beta * update[j];
+        o[j] += S[i * valueDim + j] * q[i] / std::sqrt(static_cast<double>(keyDim));
       }
     }
   }
 
   const kel::ZYMLoader& loader;
   std::string prefix;
+  kel::ModelShape shape;
 };
 
 }  // namespace
 
-ReferenceRun runReference(const kel::ZYMLoader& loader, const std::vector<size_t>& tokens) {
+ReferenceRun runReference(const kel::ZYMLoader& loader, const std::vector<size_t>& tokens,
+                          const kel::ModelShape& shape) {
   const Matrix table = load(loader, "token_embd.weight");
   Vectors x;
   for (const size_t token : tokens) {
@@ -366,12 +379,13 @@ ReferenceRun runReference(const kel::ZYMLoader& loader, const std::vector<size_t
     x.emplace_back(row, row + static_cast<std::ptrdiff_t>(table.cols));
   }
   ReferenceRun run;
-  for (int i = 0; i < 32; ++i) {
-    run.layers.push_back(Reference(loader, "blk." + std::to_string(i) + ".").layer(x));
+  for (uint32_t i = 0; i < shape.layers; ++i) {
+    run.layers.push_back(Reference(loader, "blk." + std::to_string(i) + ".", shape).layer(x));
     x = run.layers.back().out;
   }
   run.result = x;
-  run.logits = multiply(table, normalised(x, load(loader, "output_norm.weight").w));
+  const Matrix head = shape.ownOutput ? load(loader, "output.weight") : table;
+  run.logits = multiply(head, normalised(x, load(loader, "output_norm.weight").w, shape.normEps));
   return run;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "container/model_shape.h"
 #include "container/zym_loader.h"
 
 namespace kel::test {
@@ -22,10 +23,10 @@ struct ReferenceLayer {
   Vectors ffn;
   Vectors out;
   // State after the last token; the pair of the layer's kind is filled.
-  Vector ssmState;   // [32][128 (key)][128 (value)]
-  Vector convState;  // [8192][3], oldest first
-  Vector keys;       // [4][tokens][256]
-  Vector values;     // [4][tokens][256]
+  Vector ssmState;   // [value heads][key dim][value dim]
+  Vector convState;  // [channels][taps - 1], oldest first
+  Vector keys;       // [kv heads][tokens][head dim]
+  Vector values;     // the same
 };
 
 struct ReferenceRun {
@@ -35,6 +36,7 @@ struct ReferenceRun {
 };
 
 // Feeds the tokens at positions 0, 1, ... and records everything.
-ReferenceRun runReference(const kel::ZYMLoader& loader, const std::vector<size_t>& tokens);
+ReferenceRun runReference(const kel::ZYMLoader& loader, const std::vector<size_t>& tokens,
+                          const kel::ModelShape& shape = kel::kFixedShape);
 
 }  // namespace kel::test

@@ -51,6 +51,14 @@ TEST(SamplingSettingsTest, NewerSettingsComeFirst) {
   EXPECT_EQ(all.seed, 7U);
 }
 
+TEST(SamplingSettingsTest, EverySettingIsShown) {
+  EXPECT_EQ(samplingText({0.7F, 40, 0.5F, 7}),
+            "temperature  0.7\ntop-k        40\ntop-p        0.5\nseed         7");
+  EXPECT_EQ(samplingText({}),
+            "temperature  0 (greedy)\ntop-k        every token\ntop-p        off\n"
+            "seed         not set");
+}
+
 TEST(SamplingSettingsTest, TopPBelowOneLeavesOneTokenOfASample) {
   EXPECT_TRUE(topPLeavesOneToken({0.5F, {}, 0.99F, {}}));
   EXPECT_FALSE(topPLeavesOneToken({0.5F, {}, 1.0F, {}}));
@@ -82,6 +90,19 @@ TEST(ChatCommandTest, DoubledSlashBeginsAMessage) {
   const ChatCommand command = parseChatCommand("//etc is a folder");
   EXPECT_EQ(command.kind, ChatCommandKind::Message);
   EXPECT_EQ(command.text, "/etc is a folder");
+}
+
+TEST(ChatCommandTest, TextOfSeveralLinesIsAMessageAsItIs) {
+  for (const char* text : {"/quit\nnow", "// a comment\nint x;"}) {
+    const ChatCommand command = parseChatCommand(text);
+    EXPECT_EQ(command.kind, ChatCommandKind::Message);
+    EXPECT_EQ(command.text, text);
+    EXPECT_FALSE(isChatCommand(text));
+  }
+}
+
+TEST(ChatCommandTest, SetAloneShowsTheSettings) {
+  EXPECT_EQ(parseChatCommand("/set ").kind, ChatCommandKind::ShowSettings);
 }
 
 TEST(ChatCommandTest, SetCarriesOneSetting) {

@@ -22,14 +22,14 @@ class ContainerCheckTest : public testing::Test {
  protected:
   ~ContainerCheckTest() override { std::remove(path.c_str()); }
 
-  std::string faults() const {
+  std::string faults(bool allValues = false) const {
     kel::ZYMLoader loader;
     const kel::Status status = loader.open(path.c_str());
     if (!status.ok()) {
       return status.message;
     }
     std::string text;
-    for (const Fault& fault : checkContainer(loader, nullptr)) {
+    for (const Fault& fault : checkContainer(loader, {allValues, 3}, nullptr).faults) {
       text += fault.where + ": " + fault.what + "\n";
     }
     return text;
@@ -185,22 +185,6 @@ TEST_F(ContainerCheckTest, OddEntriesAreNamed) {
   EXPECT_NE(found.find("has a name length that differs from its name"), std::string::npos) << found;
 }
 
-TEST_F(ContainerCheckTest, SectionThatDiffersFromItsChecksumIsNamed) {
-  ASSERT_TRUE(writeSmallModel(path).ok());
-  kel::ZYM2Reader reader;
-  ASSERT_TRUE(reader.open(path.c_str()).ok());
-  const auto section = kel::zym2::SectionType::Tokenizer;
-  const std::string sum =
-      checksumText(reader.sectionData(section), reader.sectionSize(section), nullptr);
-  const auto store = [](const std::string& text) {
-    return [text](kel::ZYM2Writer& writer) { writer.addMetaStr("zym.xxh3_128.tokenizer", text); };
-  };
-  ASSERT_TRUE(writeSmallModel(path, nullptr, "qwen35", store(sum)).ok());
-  EXPECT_EQ(faults(), "");
-  ASSERT_TRUE(writeSmallModel(path, nullptr, "qwen35", store(std::string(32, '0'))).ok());
-  EXPECT_EQ(faults(), "section tokenizer: differs from its checksum: the file is damaged\n");
-}
-
 // Published value of the empty input.
 TEST(ChecksumsTest, TextIsHighHalfFirst) {
   EXPECT_EQ(checksumText(nullptr, 0, nullptr), "99aa06d3014798d86001c324468d497f");
@@ -209,7 +193,10 @@ TEST(ChecksumsTest, TextIsHighHalfFirst) {
 TEST(ChecksumsTest, EveryByteIsReported) {
   const std::vector<uint8_t> bytes((size_t{9} << 20) + 1);
   uint64_t reported = 0;
-  (void)checksumText(bytes.data(), bytes.size(), [&](uint64_t n) { reported += n; });
+  (void)checksumText(bytes.data(), bytes.size(), [&](uint64_t n) {
+    reported += n;
+    return true;
+  });
   EXPECT_EQ(reported, bytes.size());
 }
 

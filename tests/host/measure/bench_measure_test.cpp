@@ -30,6 +30,7 @@ class CountingBackend : public Backend {
     return kel::Status::success();
   }
   kel::Status complete(const std::string&, const TurnCalls&) override { return {}; }
+  bool hasRelativeTopP() const override { return true; }
   bool streamsCompletions() const override { return false; }
   void reset() override {
     positions = 0;

@@ -76,6 +76,25 @@ TEST(InterruptTest, NewSpanIsNotCancelled) {
   EXPECT_FALSE(CancelScope().cancelled());
 }
 
+TEST(InterruptDeathTest, StatusTellsTheFirstSignal) {
+  EXPECT_EXIT(
+      {
+        catchRequestsToEnd();
+        const CancelScope scope(FurtherInterrupt::IsIgnored);
+        raiseTwice(SIGTERM, SIGINT);
+        std::_Exit(cancelledExit());
+      },
+      testing::ExitedWithCode(128 + SIGTERM), "");
+  EXPECT_EXIT(
+      {
+        catchInterrupts();
+        const CancelScope scope;
+        std::raise(SIGINT);
+        std::_Exit(cancelledExit());
+      },
+      testing::ExitedWithCode(kInterruptedExit), "");
+}
+
 TEST(InterruptDeathTest, FurtherInterruptLeavesAtOnce) {
   EXPECT_EXIT(
       {

@@ -34,6 +34,21 @@ TEST(Utf8Test, NormalisationComposes) {
   EXPECT_EQ(normalised(std::string("a\0b", 3)), std::string("a\0b", 3));
 }
 
+TEST(Utf8Test, CodesAndBack) {
+  EXPECT_EQ(toCodes("a\u00E9\xFF\U0001F600"), U"a\u00E9\uFFFD\U0001F600");
+  EXPECT_EQ(fromCodes(U"a\u00E9\u6F22\U0001F600"), "a\u00E9\u6F22\U0001F600");
+}
+
+TEST(Utf8Test, ColumnsOfCharacters) {
+  EXPECT_EQ(columnsOf(U'a'), 1U);
+  EXPECT_EQ(columnsOf(U'\u0301'), 0U) << "combines";
+  EXPECT_EQ(columnsOf(U'\u200D'), 0U) << "joins";
+  EXPECT_EQ(columnsOf(U'\u6F22'), 2U);
+  EXPECT_EQ(columnsOf(U'\U0001F600'), 2U);
+  EXPECT_EQ(columnsOf(U'\U0001FAFF'), 2U) << "reserved for a pictograph";
+  EXPECT_EQ(columnsOf(U'\u0378'), 1U) << "not assigned";
+}
+
 TEST(Utf8Test, ControlsDoNotReachATerminal) {
   EXPECT_EQ(withoutControls("a\x1b[2J\tb\n\x07\u009B"), "a[2J\tb\n");
 }

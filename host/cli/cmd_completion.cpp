@@ -1,0 +1,46 @@
+// zym completion: what makes a shell complete the program's command lines.
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "host/cli/commands.h"
+#include "host/cli/completion_scripts.h"
+
+namespace zym {
+namespace {
+
+using Script = std::string (*)(const CommandLine& program);
+
+const std::map<std::string, Script>& scripts() {
+  static const std::map<std::string, Script> byShell = {
+      {"bash", bashCompletion}, {"fish", fishCompletion}, {"zsh", zshCompletion}};
+  return byShell;
+}
+
+}  // namespace
+
+void addCompletion(CLI::App& program, Action& action) {
+  auto shell = std::make_shared<std::string>();
+  CLI::App* command =
+      program.add_subcommand("completion", "Print a shell's completion script for zym");
+  command->add_option("SHELL", *shell, "Whose script")
+      ->required()
+      ->type_name("bash|fish|zsh")
+      ->check([](const std::string& name) {
+        return scripts().count(name) == 1
+                   ? std::string()
+                   : "\"" + name + "\" is no shell that it knows: bash, fish or zsh";
+      });
+  addExamples(*command,
+              "  zym completion fish >~/.config/fish/completions/zym.fish\n"
+              "  source <(zym completion bash)");
+  command->callback([shell, &program, &action] {
+    action = [shell, &program] {
+      std::fputs(scripts().at(*shell)(commandLineOf(program)).c_str(), stdout);
+      return 0;
+    };
+  });
+}
+
+}  // namespace zym
