@@ -1,6 +1,7 @@
 #include "engine/context.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <limits>
 #include <new>
@@ -30,6 +31,18 @@ Status notFinite() {
           "the model's numbers run out of range; its weights are damaged or not those of a model"};
 }
 
+using Clock = std::chrono::steady_clock;
+
+// The model with room for so many positions. Binding cannot fail: the model was found to be
+// complete when it was opened.
+qwen35::Model bound(const Model& model, uint64_t positions) {
+  qwen35::Model weights{.shape = model.shape()};
+  qwen35::initLayers(model.file(), weights, positions);
+  qwen35::bindModel(model.file(), weights, positions);
+  qwen35::alignVectors(weights);
+  return weights;
+}
+
 // As many tokens as diagnostics, which look at passes of one, leave to a batch.
 size_t longestBatch(const qwen35::Context& passes) {
   return qwen35::Diagnostics::fromEnvironment().any() ? 1 : passes.maxTokens();
@@ -37,22 +50,27 @@ size_t longestBatch(const qwen35::Context& passes) {
 
 }  // namespace
 
-Context::Context(std::shared_ptr<const Model> model, const ContextOptions& options)
-    : shared(std::move(model)), weights{.shape = shared->shape()} {
-  // Cannot fail: the model was found to be complete when it was opened.
-  qwen35::initLayers(shared->file(), weights, options.positions);
-  qwen35::bindModel(shared->file(), weights, options.positions);
-  qwen35::alignVectors(weights);
-  passes = std::make_unique<qwen35::Context>(
-      weights, qwen35::ContextOptions{
-                   .maxTokens = qwen35::kBatchTokens,
-                   .threads = options.threads == 0 ? qwen35::defaultThreads() : options.threads,
-                   .kernels = options.kernels});
-  beforePrompt = std::make_unique<qwen35::Snapshot>(weights);
-  embeddings.resize(passes->maxTokens() * weights.nEmbd);
-  hidden.resize(embeddings.size());
-  lastLogits.resize(weights.nVocab);
+std::vector<Token> promptTokens(std::span<const int32_t> ids) {
+  std::vector<Token> tokens;
+  tokens.reserve(ids.size());
+  for (const int32_t id : ids) {
+    tokens.push_back({id, false});
+  }
+  return tokens;
 }
+
+Context::Context(std::shared_ptr<const Model> model, const ContextOptions& options)
+    : shared(std::move(model)),
+      weights(bound(*shared, options.positions)),
+      passes(std::make_unique<qwen35::Context>(
+          weights, qwen35::ContextOptions{.maxTokens = qwen35::kBatchTokens,
+                                          .threads = options.threads == 0 ? qwen35::defaultThreads()
+                                                                          : options.threads,
+                                          .kernels = options.kernels})),
+      places(weights, options.snapshotBytes),
+      embeddings(passes->maxTokens() * weights.nEmbd),
+      hidden(embeddings.size()),
+      lastLogits(weights.nVocab) {}
 
 Status Context::create(std::shared_ptr<const Model> model, const ContextOptions& options,
                        std::unique_ptr<Context>& out) {
@@ -74,107 +92,166 @@ Status Context::create(std::shared_ptr<const Model> model, const ContextOptions&
   return Status::success();
 }
 
-Status Context::checkPrompt(std::span<const int32_t> tokens) const {
-  const uint64_t room = capacity() - fed;
+std::span<const float> Context::logits() const {
+  return hasLogits ? std::span<const float>(lastLogits) : std::span<const float>();
+}
+
+Status Context::check(std::span<const Token> tokens) const {
+  const uint64_t room = capacity() - position();
   if (tokens.size() > room) {
     return Status::invalid("the text takes " + std::to_string(tokens.size()) + " tokens, but " +
                            std::to_string(room) + " of " + std::to_string(capacity()) +
                            " positions are free");
   }
-  const auto unfit = std::find_if(tokens.begin(), tokens.end(), [this](int32_t token) {
-    return token < 0 || static_cast<uint64_t>(token) >= weights.nVocab;
+  const auto unfit = std::find_if(tokens.begin(), tokens.end(), [this](const Token& token) {
+    return token.id < 0 || static_cast<uint64_t>(token.id) >= weights.nVocab;
   });
   return unfit == tokens.end()
              ? Status::success()
-             : Status::invalid("token " + std::to_string(*unfit) + " is none of the model's " +
+             : Status::invalid("token " + std::to_string(unfit->id) + " is none of the model's " +
                                std::to_string(weights.nVocab));
 }
 
-Context::Fed Context::feedPrompt(std::span<const int32_t> tokens, const PromptProgress& progress,
-                                 const volatile int* cancel, Status& status) {
-  status = checkPrompt(tokens);
+size_t Context::resume(std::span<const Token> wanted) {
+  const size_t longest = std::min(wanted.size(), fed.size());
+  const size_t alike = static_cast<size_t>(
+      std::mismatch(wanted.begin(), wanted.begin() + static_cast<std::ptrdiff_t>(longest),
+                    fed.begin())
+          .first -
+      wanted.begin());
+  const bool isHere = alike == fed.size() && (alike < wanted.size() || hasLogits);
+  if (!isHere) {
+    // Behind a place that is gone back to there must be something to feed: it has no logits.
+    goBackTo(places.nearest(std::min(alike, wanted.empty() ? 0 : wanted.size() - 1)));
+  }
+  counts.reusedTokens += fed.size();
+  return fed.size();
+}
+
+void Context::goBackTo(uint64_t position) {
+  places.forgetBehind(position);
+  hasLogits = false;
+  if (position == 0) {
+    qwen35::resetModel(weights);
+    fed.clear();
+  } else {
+    places.restore(weights, position);
+    fed.resize(position);
+  }
+}
+
+void Context::remember() {
+  if (position() > 0) {
+    places.take(weights, position());
+  }
+}
+
+Context::Fed Context::feed(std::span<const Token> tokens, const PromptProgress& progress,
+                           const volatile int* cancel, Status& status) {
+  status = check(tokens);
   if (!status.ok()) {
     return Fed::Failed;
   }
-  const uint64_t before = fed;
-  if (before > 0) {
-    beforePrompt->take(weights);
-  }
-  const Fed outcome = feedBatches(tokens, progress, cancel, status);
-  if (outcome == Fed::All) {
-    return outcome;
-  }
-  if (before == 0) {
-    reset();
-  } else {
-    beforePrompt->restore(weights);
-    fed = before;
+  const uint64_t before = position();
+  remember();
+  const Fed outcome = feedRuns(tokens, progress, cancel, status);
+  if (outcome != Fed::All) {
+    goBackTo(before);
   }
   return outcome;
 }
 
-Context::Fed Context::feedBatches(std::span<const int32_t> tokens, const PromptProgress& progress,
-                                  const volatile int* cancel, Status& status) {
+Context::Fed Context::feedRuns(std::span<const Token> tokens, const PromptProgress& progress,
+                               const volatile int* cancel, Status& status) {
   const size_t longest = longestBatch(*passes);
-  for (size_t at = 0; at < tokens.size(); at += longest) {
-    const auto batch = tokens.subspan(at, std::min(longest, tokens.size() - at));
-    const size_t done = at + batch.size();
-    const Fed outcome = feedBatch(batch, done == tokens.size(), cancel);
+  const uint64_t before = position();
+  for (size_t at = 0; at < tokens.size();) {
+    const auto batch = tokens.subspan(at, batchLength(tokens.subspan(at), longest));
+    at += batch.size();
+    const Fed outcome = feedBatch(batch, at == tokens.size(), cancel);
     if (outcome == Fed::Failed) {
       status = notFinite();
     }
     if (outcome != Fed::All) {
       return outcome;
     }
+    if (position() % kSnapshotInterval == 0) {
+      places.use(before);  // not to be given up for the new one: a failure goes back there
+      remember();
+    }
     if (progress) {
-      progress(done, tokens.size());
+      progress(at, tokens.size());
     }
   }
   return Fed::All;
 }
 
-Context::Fed Context::feedBatch(std::span<const int32_t> tokens, bool isLast,
+// Of one arithmetic, and not beyond a place that is to be remembered.
+size_t Context::batchLength(std::span<const Token> tokens, size_t longest) const {
+  const size_t toPlace = kSnapshotInterval - position() % kSnapshotInterval;
+  const size_t most = std::min({longest, toPlace, tokens.size()});
+  size_t length = 1;
+  while (length < most && tokens[length].isGenerated == tokens[0].isGenerated) {
+    ++length;
+  }
+  return length;
+}
+
+Context::Fed Context::feedBatch(std::span<const Token> tokens, bool isLast,
                                 const volatile int* cancel) {
   embed(tokens);
-  const bool finished = forward(*passes, weights,
-                                {.embeddings = embeddings.data(),
-                                 .count = tokens.size(),
-                                 .pos = fed,
-                                 .arithmetic = qwen35::Arithmetic::Batch,
-                                 .hidden = hidden.data(),
-                                 .logits = isLast ? lastLogits.data() : nullptr,
-                                 .cancel = cancel});
+  hasLogits = false;
+  const Clock::time_point start = Clock::now();
+  const bool finished =
+      forward(*passes, weights,
+              {.embeddings = embeddings.data(),
+               .count = tokens.size(),
+               .pos = position(),
+               .arithmetic = tokens[0].isGenerated ? qwen35::Arithmetic::SingleToken
+                                                   : qwen35::Arithmetic::Batch,
+               .hidden = hidden.data(),
+               .logits = isLast ? lastLogits.data() : nullptr,
+               .cancel = cancel});
   if (!finished) {
     return Fed::Cancelled;
   }
-  fed += tokens.size();
-  return allFinite({hidden.data(), tokens.size() * weights.nEmbd}) &&
-                 (!isLast || allFinite(lastLogits))
-             ? Fed::All
-             : Fed::Failed;
+  count(tokens, std::chrono::duration<double>(Clock::now() - start).count());
+  fed.insert(fed.end(), tokens.begin(), tokens.end());
+  if (!allFinite({hidden.data(), tokens.size() * weights.nEmbd}) ||
+      (isLast && !allFinite(lastLogits))) {
+    return Fed::Failed;
+  }
+  hasLogits = isLast;
+  return Fed::All;
 }
 
 Status Context::feedToken(int32_t token) {
-  Status status = checkPrompt({&token, 1});
+  const Token generated{token, true};
+  Status status = check({&generated, 1});
   if (!status.ok()) {
     return status;
   }
-  embed({&token, 1});
-  forward(*passes, weights,
-          {.embeddings = embeddings.data(), .pos = fed, .logits = lastLogits.data()});
-  ++fed;
-  return allFinite(lastLogits) ? status : notFinite();
+  return feedBatch({&generated, 1}, /*isLast=*/true, nullptr) == Fed::All ? status : notFinite();
 }
 
-void Context::embed(std::span<const int32_t> tokens) {
+void Context::embed(std::span<const Token> tokens) {
   for (size_t i = 0; i < tokens.size(); ++i) {
-    embedRow(weights, static_cast<size_t>(tokens[i]), embeddings.data() + i * weights.nEmbd);
+    embedRow(weights, static_cast<size_t>(tokens[i].id), embeddings.data() + i * weights.nEmbd);
+  }
+}
+
+void Context::count(std::span<const Token> tokens, double seconds) {
+  if (tokens[0].isGenerated) {
+    counts.generatedTokens += tokens.size();
+    counts.generatedSeconds += seconds;
+  } else {
+    counts.promptTokens += tokens.size();
+    counts.promptSeconds += seconds;
   }
 }
 
 void Context::reset() {
-  qwen35::resetModel(weights);
-  fed = 0;
+  goBackTo(0);
 }
 
 }  // namespace engine

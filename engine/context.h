@@ -1,9 +1,11 @@
-// One conversation's place in a model: the positions fed so far, as caches and recurrent state, and
+// One conversation's place in a model: the tokens fed so far, as caches and recurrent state, and
 // the logits behind the last of them.
 //
 // Prompt tokens take the batch arithmetic, generated ones the single-token arithmetic
-// (docs/architecture.md), so that a text's numbers do not depend on how it was cut into calls.
-// Used by one thread at a time; the passes inside use several. Contexts are independent.
+// (docs/architecture.md), and do so again when they are fed as part of a history: so the numbers of
+// a text do not depend on how it was cut into calls, nor on what was read before or only
+// remembered. Used by one thread at a time; the passes inside use several. Contexts are
+// independent.
 #pragma once
 
 #include <cstddef>
@@ -15,23 +17,49 @@
 
 #include "container/status.h"
 #include "engine/model.h"
+#include "engine/snapshot_store.h"
 #include "qwen35/context.h"
 #include "qwen35/model.h"
-#include "qwen35/snapshot.h"
 
 namespace engine {
 
 // Positions of a context where nobody says how many, and the model has room for as many.
 constexpr uint64_t kDefaultPositions = 32768;
 
+// Bytes of remembered states; that of the 4B takes 50 MB.
+constexpr uint64_t kDefaultSnapshotBytes = uint64_t{1} << 30;
+
+// Tokens of a long prompt between two places to go back to.
+constexpr uint64_t kSnapshotInterval = 512;
+
 struct ContextOptions {
   uint64_t positions = 0;  // at most the model's own; 0: those, at most kDefaultPositions
   size_t threads = 0;      // at most; 0: as qwen35/processors.h finds
+  uint64_t snapshotBytes = kDefaultSnapshotBytes;
   const qwen35::KernelTable* kernels = nullptr;  // null: the best that the machine has
 };
 
+struct Token {
+  int32_t id = 0;
+  bool isGenerated = false;  // by the model; otherwise read
+
+  bool operator==(const Token&) const = default;
+};
+
+// The tokens of a text that is read.
+std::vector<Token> promptTokens(std::span<const int32_t> ids);
+
 // Told how many tokens of a prompt have been fed, after each batch.
 using PromptProgress = std::function<void(size_t done, size_t total)>;
+
+// Since the context was made.
+struct ContextStatistics {
+  uint64_t promptTokens = 0;     // fed in batches
+  uint64_t generatedTokens = 0;  // fed in the single-token arithmetic
+  uint64_t reusedTokens = 0;     // that resume() found in place
+  double promptSeconds = 0;
+  double generatedSeconds = 0;
+};
 
 class Context {
  public:
@@ -42,45 +70,62 @@ class Context {
   Context(const Context&) = delete;
   Context& operator=(const Context&) = delete;
 
+  // Goes back to the longest beginning of `wanted` that the context holds or can return to, and
+  // returns its length; the caller feeds what follows. That is all of wanted only where logits()
+  // are those behind it.
+  size_t resume(std::span<const Token> wanted);
+
+  // Remembers the place, to resume there later: the end of a message, say.
+  void remember();
+
   enum class Fed : uint8_t { All, Cancelled, Failed };
 
-  // Feeds the tokens of a prompt behind what is there; logits() are then those of the last. All or
-  // nothing: a prompt that has no room or a token without an embedding row is refused before it is
-  // read, one whose numbers are not finite, or which *cancel ends by not being 0 (looked at several
-  // times a second; may be null), leaves the context as it was. status says why it failed.
-  Fed feedPrompt(std::span<const int32_t> tokens, const PromptProgress& progress,
-                 const volatile int* cancel, kel::Status& status);
+  // Feeds tokens behind what is there; logits() are then those of the last. All or nothing: tokens
+  // that have no room or no embedding row are refused before any is read; when numbers are not
+  // finite, or *cancel ends the reading by not being 0 (looked at several times a second; may be
+  // null), the context is left as it was, but without logits. status says why it failed. Long
+  // stretches are remembered every kSnapshotInterval tokens.
+  Fed feed(std::span<const Token> tokens, const PromptProgress& progress,
+           const volatile int* cancel, kel::Status& status);
 
   // Feeds a generated token. After a failure for numbers that are not finite, only reset() helps.
   kel::Status feedToken(int32_t token);
 
-  // [vocab] behind the last position; meaningless while there is none.
-  std::span<const float> logits() const { return lastLogits; }
+  // [vocab] behind the last position; empty where none are known: in an empty context, and where
+  // resume() or a failure went back.
+  std::span<const float> logits() const;
 
-  uint64_t position() const { return fed; }  // filled
+  const std::vector<Token>& tokens() const { return fed; }
+  uint64_t position() const { return fed.size(); }  // filled
   uint64_t capacity() const { return weights.maxCtx; }
+  const ContextStatistics& statistics() const { return counts; }
 
-  // Empties it.
+  // Empties it and forgets every place.
   void reset();
 
   const Model& model() const { return *shared; }
 
  private:
   Context(std::shared_ptr<const Model> model, const ContextOptions& options);  // bad_alloc
-  kel::Status checkPrompt(std::span<const int32_t> tokens) const;
-  Fed feedBatches(std::span<const int32_t> tokens, const PromptProgress& progress,
-                  const volatile int* cancel, kel::Status& status);
-  Fed feedBatch(std::span<const int32_t> tokens, bool isLast, const volatile int* cancel);
-  void embed(std::span<const int32_t> tokens);
+  kel::Status check(std::span<const Token> tokens) const;
+  Fed feedRuns(std::span<const Token> tokens, const PromptProgress& progress,
+               const volatile int* cancel, kel::Status& status);
+  Fed feedBatch(std::span<const Token> tokens, bool isLast, const volatile int* cancel);
+  size_t batchLength(std::span<const Token> tokens, size_t longest) const;
+  void embed(std::span<const Token> tokens);
+  void goBackTo(uint64_t position);
+  void count(std::span<const Token> tokens, double seconds);
 
   std::shared_ptr<const Model> shared;
   qwen35::Model weights;  // bound to the shared file; caches and state of its own
   std::unique_ptr<qwen35::Context> passes;
-  std::unique_ptr<qwen35::Snapshot> beforePrompt;
+  SnapshotStore places;
+  std::vector<Token> fed;
   std::vector<float> embeddings;  // of a batch
   std::vector<float> hidden;      // likewise
   std::vector<float> lastLogits;
-  uint64_t fed = 0;
+  bool hasLogits = false;
+  ContextStatistics counts;
 };
 
 }  // namespace engine

@@ -4,6 +4,14 @@
 
 namespace qwen35 {
 
+size_t Snapshot::bytes(const Model& m) {
+  size_t nFloats = 0;
+  for (const Layer& layer : m.layers) {
+    nFloats += layer.ssmState.size() + layer.convState.size();
+  }
+  return nFloats * sizeof(float);
+}
+
 Snapshot::Snapshot(const Model& m) : layers(m.layers.size()) {
   for (size_t l = 0; l < layers.size(); ++l) {
     layers[l].ssm = StateBuffer(m.layers[l].ssmState.size());
@@ -24,6 +32,7 @@ void Snapshot::take(const Model& m) {
 }
 
 void Snapshot::restore(Model& m) const {
+#pragma omp parallel for schedule(static) num_threads(stateThreads())
   for (size_t l = 0; l < layers.size(); ++l) {
     const LayerState& saved = layers[l];
     Layer& layer = m.layers[l];

@@ -24,6 +24,9 @@ class Snapshot {
   // Throws std::bad_alloc.
   explicit Snapshot(const Model& m);
 
+  // What one takes of memory once it is filled.
+  static size_t bytes(const Model& m);
+
   // To be filled while a pass goes through the layer (PassRequest::before).
   LayerState& layer(size_t layerIdx) { return layers[layerIdx]; }
 

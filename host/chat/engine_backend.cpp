@@ -71,7 +71,7 @@ class EngineBackend : public Backend {
       return status;
     }
     const Clock::time_point start = Clock::now();
-    const auto fed = context->feedPrompt(ids, calls.prompt, calls.cancel, status);
+    const auto fed = context->feed(engine::promptTokens(ids), calls.prompt, calls.cancel, status);
     if (fed != engine::Context::Fed::All) {
       return status;
     }

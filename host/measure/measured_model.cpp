@@ -47,9 +47,9 @@ class EngineModel : public MeasuredModel {
 
   Status prefill(uint64_t positions, PrefillRun& run, const MeasureProgress& onProgress) override {
     context->reset();
-    std::vector<int32_t> tokens(positions);
+    std::vector<engine::Token> tokens(positions);
     for (uint64_t i = 0; i < positions; ++i) {
-      tokens[i] = static_cast<int32_t>(i % context->model().sizes().vocab);
+      tokens[i].id = static_cast<int32_t>(i % context->model().sizes().vocab);
     }
     engine::PromptProgress progress;
     if (onProgress) {
@@ -57,7 +57,7 @@ class EngineModel : public MeasuredModel {
     }
     Status status;
     const auto start = Clock::now();
-    context->feedPrompt(tokens, progress, nullptr, status);
+    context->feed(tokens, progress, nullptr, status);
     run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
     run.positions = context->position();
     return status;

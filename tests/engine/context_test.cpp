@@ -31,12 +31,12 @@ const OpenedModel& sharedModel() {
   return opened;
 }
 
-std::vector<int32_t> tokens(size_t count) {
+std::vector<Token> tokens(size_t count) {
   std::vector<int32_t> ids(count);
   for (size_t i = 0; i < count; ++i) {
     ids[i] = static_cast<int32_t>(i * 7 % 40);
   }
-  return ids;
+  return promptTokens(ids);
 }
 
 TEST(EngineContext, ContextsOverOneModelDoNotMeet) {
@@ -83,13 +83,14 @@ TEST(EngineContext, APromptThatHasNoRoomIsRefusedBeforeItIsRead) {
   const std::vector<float> before = logitsOf(*context);
   kel::Status status;
   bool isTold = false;
-  EXPECT_EQ(Fed::Failed, context->feedPrompt(
+  EXPECT_EQ(Fed::Failed, context->feed(
                              tokens(8), [&](size_t, size_t) { isTold = true; }, nullptr, status));
   EXPECT_EQ("the text takes 8 tokens, but 7 of 10 positions are free", status.message);
   EXPECT_FALSE(isTold);
   EXPECT_EQ(3U, context->position());
   EXPECT_EQ(before, logitsOf(*context));
-  feed(*context, tokens(7));
+  kel::Status fits;
+  EXPECT_EQ(Fed::All, context->feed(tokens(7), nullptr, nullptr, fits));
   EXPECT_EQ("the text takes 1 tokens, but 0 of 10 positions are free",
             context->feedToken(1).message);
 }
@@ -98,7 +99,7 @@ TEST(EngineContext, ATokenWithoutARowIsRefused) {
   const auto context = sharedModel().context();
   kel::Status status;
   EXPECT_EQ(Fed::Failed,
-            context->feedPrompt(std::vector<int32_t>{1, 40}, nullptr, nullptr, status));
+            context->feed(promptTokens(std::vector<int32_t>{1, 40}), nullptr, nullptr, status));
   EXPECT_EQ("token 40 is none of the model's 40", status.message);
   EXPECT_EQ("token -1 is none of the model's 40", context->feedToken(-1).message);
   EXPECT_EQ(0U, context->position());
@@ -108,7 +109,7 @@ TEST(EngineContext, ProgressIsToldAfterEveryBatch) {
   const auto context = sharedModel().context({});
   std::vector<size_t> told;
   kel::Status status;
-  EXPECT_EQ(Fed::All, context->feedPrompt(
+  EXPECT_EQ(Fed::All, context->feed(
                           tokens(260),
                           [&](size_t done, size_t total) {
                             told.push_back(done);
@@ -137,7 +138,7 @@ TEST(EngineContext, APromptThatIsStoppedWasNeverFed) {
       volatile int cancel = batches == 0 ? 1 : 0;
       kel::Status status;
       EXPECT_EQ(Fed::Cancelled,
-                context->feedPrompt(
+                context->feed(
                     tokens(250), [&](size_t, size_t) { cancel = 1; }, &cancel, status));
       EXPECT_TRUE(status.ok());
       EXPECT_EQ(first.size(), context->position());
@@ -164,7 +165,7 @@ TEST(EngineContext, APromptIsStoppedInTheMiddleOfABatch) {
       std::this_thread::sleep_for(std::chrono::microseconds(200 * round));
       __atomic_store_n(&cancel, 1, __ATOMIC_RELAXED);
     });
-    const Fed fed = context->feedPrompt(tokens(120), nullptr, &cancel, status);
+    const Fed fed = context->feed(tokens(120), nullptr, &cancel, status);
     other.join();
     if (fed == Fed::All) {
       break;  // a fast machine
@@ -192,7 +193,7 @@ TEST(EngineContext, NumbersThatAreNotFiniteFailThePromptAlone) {
   const auto context = opened.context();
   kel::Status status;
   for (const std::vector<int32_t>& prompt : {std::vector<int32_t>{1, 13, 2}, {1, 2, 13}}) {
-    EXPECT_EQ(Fed::Failed, context->feedPrompt(prompt, nullptr, nullptr, status));
+    EXPECT_EQ(Fed::Failed, context->feed(promptTokens(prompt), nullptr, nullptr, status));
     EXPECT_EQ(kel::StatusCode::Corrupted, status.code);
     EXPECT_EQ(
         "the model's numbers run out of range; its weights are damaged or not those of a model",

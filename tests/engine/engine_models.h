@@ -40,7 +40,7 @@ struct OpenedModel {
 
 inline void feed(Context& context, const std::vector<int32_t>& tokens) {
   kel::Status status;
-  if (context.feedPrompt(tokens, nullptr, nullptr, status) != Context::Fed::All) {
+  if (context.feed(promptTokens(tokens), nullptr, nullptr, status) != Context::Fed::All) {
     throw std::runtime_error(status.message);
   }
 }
