@@ -13,6 +13,8 @@
 #include <functional>
 #include <memory>
 #include <span>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include "container/status.h"
@@ -100,6 +102,15 @@ class Context {
   uint64_t capacity() const { return weights.maxCtx; }
   const ContextStatistics& statistics() const { return counts; }
 
+  // Writes tokens and state to a file, with a note of the caller's: complete or not at all. Places
+  // are not written. The file is as large as the state and the filled cache positions.
+  kel::Status save(const std::string& path, std::string_view note) const;
+
+  // Takes the place of a saved context of the same model, and gives back the note; there are no
+  // logits behind it. A file that is damaged, of another model or of another version is refused and
+  // changes nothing.
+  kel::Status load(const std::string& path, std::string& note);
+
   // Empties it and forgets every place.
   void reset();
 
@@ -107,6 +118,7 @@ class Context {
 
  private:
   Context(std::shared_ptr<const Model> model, const ContextOptions& options);  // bad_alloc
+  kel::Status loadSteps(const std::string& path, std::string& note);
   kel::Status check(std::span<const Token> tokens) const;
   Fed feedRuns(std::span<const Token> tokens, const PromptProgress& progress,
                const volatile int* cancel, kel::Status& status);

@@ -1,0 +1,310 @@
+// Context::save and Context::load. docs/engine.md has the layout of the file.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "container/checksum.h"
+#include "container/descriptors.h"
+#include "container/output_file.h"
+#include "engine/context.h"
+
+namespace engine {
+
+namespace {
+
+using kel::Status;
+
+static_assert(std::endian::native == std::endian::little);
+
+constexpr char kMagic[4] = {'Z', 'Y', 'M', 'S'};
+constexpr uint32_t kVersion = 1;
+constexpr size_t kReadBytes = size_t{1} << 20;
+constexpr uint64_t kMostNoteBytes = uint64_t{1} << 30;
+
+struct Head {
+  char magic[4];
+  uint32_t version;
+  char model[kel::kChecksumDigits];  // fingerprint of the model's file
+  uint64_t noteBytes;
+  uint64_t tokens;
+  uint64_t stateBytes;
+};
+static_assert(sizeof(Head) == 64);
+
+// What tells a model from all others: its metadata, which hold the checksum of its weights where
+// the converter wrote them, and the index of its tensors.
+std::string fingerprint(const Model& model) {
+  kel::Checksum sum;
+  for (const kel::zym2::SectionType type :
+       {kel::zym2::SectionType::Meta, kel::zym2::SectionType::TensorIndex}) {
+    const kel::ZYM2Reader& reader = model.file().reader;
+    sum.update(reader.sectionData(type), reader.sectionSize(type));
+  }
+  return sum.hex();
+}
+
+// Calls visit(floats, count) for every stretch of a layer's state after `position` tokens, in the
+// order of the file.
+template <typename Layer, typename Visit>
+void visitState(const qwen35::Model& m, Layer& layer, uint64_t position, const Visit& visit) {
+  if (layer.isLinear) {
+    visit(layer.ssmState.data(), layer.ssmState.size());
+    visit(layer.convState.data(), layer.convState.size());
+    return;
+  }
+  for (auto* cache : {&layer.kCache, &layer.vCache}) {
+    for (uint64_t head = 0; head < m.nHeadKv; ++head) {
+      visit(cache->data() + head * m.maxCtx * m.headDim, position * m.headDim);
+    }
+  }
+}
+
+uint64_t stateBytes(const qwen35::Model& m, uint64_t position) {
+  uint64_t nFloats = 0;
+  for (const qwen35::Layer& layer : m.layers) {
+    visitState(m, layer, position, [&](const float*, size_t count) { nFloats += count; });
+  }
+  return nFloats * sizeof(float);
+}
+
+// Appends and adds up.
+class Output {
+ public:
+  Status create(const std::string& path) { return file.create(path); }
+  void append(const void* data, size_t nBytes) {
+    if (status.ok()) {
+      sum.update(data, nBytes);
+      status = file.append(data, nBytes);
+    }
+  }
+  Status finish() {
+    const std::string digits = sum.hex();
+    if (status.ok()) {
+      status = file.append(digits.data(), digits.size());
+    }
+    return status.ok() ? file.commit() : status;
+  }
+
+ private:
+  kel::OutputFile file;
+  kel::Checksum sum;
+  Status status;
+};
+
+// A file that is read from its beginning to its end.
+class Input {
+ public:
+  explicit Input(std::string name) : path(std::move(name)) {}
+  ~Input() {
+    if (fd >= 0) {
+      ::close(fd);
+    }
+  }
+  Input(const Input&) = delete;
+  Input& operator=(const Input&) = delete;
+
+  Status open() {
+    fd = kel::aboveStandardStreams(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat about {};
+    if (fd < 0 || ::fstat(fd, &about) != 0) {
+      return refused();
+    }
+    if (!S_ISREG(about.st_mode)) {
+      return Status::invalid(path + ": is no file");
+    }
+    bytes = static_cast<uint64_t>(about.st_size);
+    return Status::success();
+  }
+
+  uint64_t size() const { return bytes; }
+
+  Status rewind() { return ::lseek(fd, 0, SEEK_SET) == 0 ? Status::success() : refused(); }
+
+  Status read(void* out, uint64_t nBytes) {
+    auto* at = static_cast<char*>(out);
+    while (nBytes > 0) {
+      const ssize_t got = ::read(fd, at, std::min<uint64_t>(nBytes, kReadBytes));
+      if (got < 0 && errno == EINTR) {
+        continue;
+      }
+      if (got < 0) {
+        return refused();
+      }
+      if (got == 0) {
+        return cutShort();
+      }
+      at += got;
+      nBytes -= static_cast<uint64_t>(got);
+    }
+    return Status::success();
+  }
+
+  Status cutShort() const { return Status::invalid(path + ": the session file was cut short"); }
+
+ private:
+  Status refused() const { return Status::ioError(path + ": " + std::strerror(errno)); }
+
+  std::string path;
+  int fd = -1;
+  uint64_t bytes = 0;
+};
+
+// That everything in front of the checksum adds up to it.
+Status checkSum(Input& input, const std::string& path) {
+  kel::Checksum sum;
+  std::vector<char> buffer(kReadBytes);
+  Status status = input.rewind();
+  for (uint64_t left = input.size() - kel::kChecksumDigits; status.ok() && left > 0;) {
+    const uint64_t count = std::min<uint64_t>(left, buffer.size());
+    status = input.read(buffer.data(), count);
+    sum.update(buffer.data(), count);
+    left -= count;
+  }
+  char stored[kel::kChecksumDigits];
+  if (status.ok()) {
+    status = input.read(stored, sizeof(stored));
+  }
+  if (status.ok() && sum.hex() != std::string_view(stored, sizeof(stored))) {
+    status = {kel::StatusCode::Corrupted, path + ": the session file is damaged"};
+  }
+  return status;
+}
+
+}  // namespace
+
+Status Context::save(const std::string& path, std::string_view note) const {
+  Output out;
+  Status status = out.create(path);
+  if (!status.ok()) {
+    return status;
+  }
+  Head head{};
+  std::memcpy(head.magic, kMagic, sizeof(kMagic));
+  head.version = kVersion;
+  std::memcpy(head.model, fingerprint(*shared).data(), sizeof(head.model));
+  head.noteBytes = note.size();
+  head.tokens = position();
+  head.stateBytes = stateBytes(weights, position());
+  out.append(&head, sizeof(head));
+  out.append(note.data(), note.size());
+  std::vector<int32_t> ids;
+  std::vector<uint8_t> generated;
+  for (const Token& token : fed) {
+    ids.push_back(token.id);
+    generated.push_back(token.isGenerated ? 1 : 0);
+  }
+  out.append(ids.data(), ids.size() * sizeof(int32_t));
+  out.append(generated.data(), generated.size());
+  for (const qwen35::Layer& layer : weights.layers) {
+    visitState(weights, layer, position(), [&](const float* values, size_t count) {
+      out.append(values, count * sizeof(float));
+    });
+  }
+  return out.finish();
+}
+
+Status Context::load(const std::string& path, std::string& note) {
+  try {
+    return loadSteps(path, note);
+  } catch (const std::bad_alloc&) {
+    return Status::ioError(path + ": not enough memory for the session");
+  }
+}
+
+Status Context::loadSteps(const std::string& path, std::string& note) {
+  Input input(path);
+  Status status = input.open();
+  if (!status.ok()) {
+    return status;
+  }
+  Head head{};
+  if (input.size() < sizeof(head) + kel::kChecksumDigits) {
+    return Status::invalid(path + ": is no session file");
+  }
+  status = input.read(&head, sizeof(head));
+  if (!status.ok()) {
+    return status;
+  }
+  if (std::memcmp(head.magic, kMagic, sizeof(kMagic)) != 0) {
+    return Status::invalid(path + ": is no session file");
+  }
+  if (head.version != kVersion) {
+    return {kel::StatusCode::Unsupported, path + ": is a session file of version " +
+                                              std::to_string(head.version) + "; this is version " +
+                                              std::to_string(kVersion)};
+  }
+  if (fingerprint(*shared) != std::string_view(head.model, sizeof(head.model))) {
+    return {kel::StatusCode::Unsupported, path + ": the session is of another model"};
+  }
+  if (head.tokens > capacity()) {
+    return Status::invalid(path + ": the session has " + std::to_string(head.tokens) +
+                           " tokens, the context room for " + std::to_string(capacity()));
+  }
+  if (head.noteBytes > kMostNoteBytes || head.stateBytes != stateBytes(weights, head.tokens)) {
+    return {kel::StatusCode::Corrupted, path + ": the session file is damaged"};
+  }
+  const uint64_t needed = sizeof(head) + head.noteBytes +
+                          head.tokens * (sizeof(int32_t) + sizeof(uint8_t)) + head.stateBytes +
+                          kel::kChecksumDigits;
+  if (input.size() < needed) {
+    return input.cutShort();
+  }
+  if (input.size() > needed) {
+    return {kel::StatusCode::Corrupted, path + ": the session file is damaged"};
+  }
+  status = checkSum(input, path);
+  if (!status.ok()) {
+    return status;
+  }
+
+  std::string text(head.noteBytes, '\0');
+  std::vector<int32_t> ids(head.tokens);
+  std::vector<uint8_t> generated(head.tokens);
+  status = input.rewind();
+  for (const auto& [to, nBytes] : {std::pair<void*, uint64_t>{&head, sizeof(head)},
+                                   {text.data(), text.size()},
+                                   {ids.data(), ids.size() * sizeof(int32_t)},
+                                   {generated.data(), generated.size()}}) {
+    if (status.ok()) {
+      status = input.read(to, nBytes);
+    }
+  }
+  std::vector<Token> tokens(head.tokens);
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    tokens[i] = {ids[i], generated[i] != 0};
+  }
+  if (!status.ok()) {
+    return status;
+  }
+  // From here on the context is overwritten. Only a file that changes, or a disk that fails, while
+  // it is read for the second time can end this: the context is empty then.
+  reset();
+  for (qwen35::Layer& layer : weights.layers) {
+    layer.pos = layer.isLinear ? 0 : head.tokens;
+    visitState(weights, layer, head.tokens, [&](float* values, size_t count) {
+      if (status.ok()) {
+        status = input.read(values, count * sizeof(float));
+      }
+    });
+  }
+  if (!status.ok()) {
+    reset();
+    return status;
+  }
+  fed = std::move(tokens);
+  remember();
+  note = std::move(text);
+  return status;
+}
+
+}  // namespace engine
