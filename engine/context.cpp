@@ -234,6 +234,61 @@ Status Context::feedToken(int32_t token) {
   return feedBatch({&generated, 1}, /*isLast=*/true, nullptr) == Fed::All ? status : notFinite();
 }
 
+Context::Guess::Guess(const qwen35::Model& m)
+    : before(m), replay(m, kMostGuessed + 1), logits((kMostGuessed + 1) * m.nVocab) {}
+
+Status Context::feedGuess(std::span<const int32_t> tokens) {
+  std::vector<Token> generated;
+  for (const int32_t id : tokens) {
+    generated.push_back({id, true});
+  }
+  Status status = check(generated);
+  if (!status.ok()) {
+    return status;
+  }
+  try {
+    if (guess == nullptr) {
+      guess = std::make_unique<Guess>(weights);
+    }
+  } catch (const std::bad_alloc&) {
+    return Status::ioError("not enough memory to guess ahead");
+  }
+  embed(generated);
+  hasLogits = false;
+  const Clock::time_point start = Clock::now();
+  forward(*passes, weights,
+          {.embeddings = embeddings.data(),
+           .count = generated.size(),
+           .pos = position(),
+           .logits = guess->logits.data(),
+           .before = &guess->before,
+           .replay = &guess->replay,
+           .allLogits = true});
+  counts.generatedSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+  fed.insert(fed.end(), generated.begin(), generated.end());
+  guess->count = generated.size();
+  return status;
+}
+
+std::span<const float> Context::logitsBehind(size_t i) const {
+  return {guess->logits.data() + i * weights.nVocab, weights.nVocab};
+}
+
+Status Context::keep(size_t count) {
+  if (count < guess->count) {
+    const Clock::time_point start = Clock::now();
+    qwen35::keepTokens(*passes, weights, guess->before, guess->replay, count);
+    counts.generatedSeconds += std::chrono::duration<double>(Clock::now() - start).count();
+    fed.resize(fed.size() - (guess->count - count));
+  }
+  counts.generatedTokens += count;
+  counts.rejectedGuesses += guess->count - count;
+  const std::span<const float> last = logitsBehind(count - 1);
+  std::copy(last.begin(), last.end(), lastLogits.begin());
+  hasLogits = allFinite(lastLogits);
+  return hasLogits ? Status::success() : notFinite();
+}
+
 void Context::embed(std::span<const Token> tokens) {
   for (size_t i = 0; i < tokens.size(); ++i) {
     embedRow(weights, static_cast<size_t>(tokens[i].id), embeddings.data() + i * weights.nEmbd);

@@ -22,6 +22,8 @@
 #include "engine/snapshot_store.h"
 #include "qwen35/context.h"
 #include "qwen35/model.h"
+#include "qwen35/replay.h"
+#include "qwen35/snapshot.h"
 
 namespace engine {
 
@@ -30,6 +32,9 @@ constexpr uint64_t kDefaultPositions = 32768;
 
 // Bytes of remembered states; that of the 4B takes 50 MB.
 constexpr uint64_t kDefaultSnapshotBytes = uint64_t{1} << 30;
+
+// Tokens that a guess has at most.
+constexpr size_t kMostGuessed = 7;
 
 // Tokens of a long prompt between two places to go back to.
 constexpr uint64_t kSnapshotInterval = 512;
@@ -59,6 +64,7 @@ struct ContextStatistics {
   uint64_t promptTokens = 0;     // fed in batches
   uint64_t generatedTokens = 0;  // fed in the single-token arithmetic
   uint64_t reusedTokens = 0;     // that resume() found in place
+  uint64_t rejectedGuesses = 0;  // tokens that keep() took back
   double promptSeconds = 0;
   double generatedSeconds = 0;
 };
@@ -93,6 +99,17 @@ class Context {
   // Feeds a generated token. After a failure for numbers that are not finite, only reset() helps.
   kel::Status feedToken(int32_t token);
 
+  // Feeds a generated token and a guess at those behind it in one pass, which reads each weight
+  // once: 1 to kMostGuessed + 1 tokens. Each is as if it were fed by itself. logitsBehind(i) are
+  // then those behind tokens[i]; the caller says by keep() how many of the tokens it holds for
+  // right.
+  kel::Status feedGuess(std::span<const int32_t> tokens);
+  std::span<const float> logitsBehind(size_t i) const;
+
+  // Once after feedGuess(): its first `count` tokens stay, at least one, and logits() are those
+  // behind the last of them. Fails where those are not finite; then only reset() helps.
+  kel::Status keep(size_t count);
+
   // [vocab] behind the last position; empty where none are known: in an empty context, and where
   // resume() or a failure went back.
   std::span<const float> logits() const;
@@ -125,6 +142,17 @@ class Context {
   Fed feedBatch(std::span<const Token> tokens, bool isLast, const volatile int* cancel);
   size_t batchLength(std::span<const Token> tokens, size_t longest) const;
   void embed(std::span<const Token> tokens);
+
+  // What a pass over a guess leaves behind, made for the first one.
+  struct Guess {
+    explicit Guess(const qwen35::Model& m);
+
+    qwen35::Snapshot before;
+    qwen35::Replay replay;
+    std::vector<float> logits;  // [tokens][vocab]
+    size_t count = 0;           // tokens of the last pass
+  };
+
   void goBackTo(uint64_t position);
   void count(std::span<const Token> tokens, double seconds);
 
@@ -136,6 +164,7 @@ class Context {
   std::vector<float> embeddings;  // of a batch
   std::vector<float> hidden;      // likewise
   std::vector<float> lastLogits;
+  std::unique_ptr<Guess> guess;
   bool hasLogits = false;
   ContextStatistics counts;
 };

@@ -18,6 +18,7 @@
 #include "qwen35/diagnostics.h"
 #include "qwen35/matmul.h"
 #include "qwen35/model.h"
+#include "qwen35/replay.h"
 #include "qwen35/simd/dispatch.h"
 #include "qwen35/snapshot.h"
 #include "qwen35/state_buffer.h"
@@ -119,6 +120,7 @@ struct Work {
   size_t pos;    // of the first
   Arithmetic arithmetic;
   Snapshot* before = nullptr;  // to be filled, where one is asked for
+  Replay* replay = nullptr;    // likewise
 
   const PassBuffers& at() const { return context.buffers(); }
   const KernelTable& kernels() const { return context.kernels(); }

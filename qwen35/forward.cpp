@@ -184,8 +184,8 @@ bool forward(Context& context, Model& m, const PassRequest& request) {
   }
   StopLayer stopLayer = kNoLayer;
   context.team().run([&](Team::Member& member) {
-    const Work w{context,       member, m, request.count, request.pos, request.arithmetic,
-                 request.before};
+    const Work w{context,        member,        m, request.count, request.pos, request.arithmetic,
+                 request.before, request.replay};
     runPass(w, m, request, traced ? &trace : nullptr, stopLayer);
   });
   if (stopLayer != kNoLayer) {

@@ -24,6 +24,7 @@ struct PassRequest {
   float* hidden = nullptr;     // [count][nEmbd] receives the final normalised states; may be null
   float* logits = nullptr;     // [nVocab] of the last token; may be null: the head is then left out
   Snapshot* before = nullptr;  // receives the recurrent state as it was; may be null
+  Replay* replay = nullptr;    // receives what keepTokens() needs; with `before`; may be null
   bool allLogits = false;      // logits is [count][nVocab], for every token
   const volatile int* cancel = nullptr;  // looked at before each layer; may be null
 };

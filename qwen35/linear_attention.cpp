@@ -14,12 +14,18 @@ constexpr size_t kFamilyTaps = 4;
 // The tokens of a pass between the projections of one layer.
 class Mixer {
  public:
-  Mixer(const Work& work, Layer& mixed, size_t layerIdx)
+  // Replays: the inputs are those of w.replay, and there is no output. Otherwise they are kept
+  // there where it is given.
+  enum class Mode { Mixes, Replays };
+
+  Mixer(const Work& work, Layer& mixed, size_t layerIdx, Mode mode)
       : w(work),
         m(work.m),
         at(work.at()),
         layer(mixed),
         before(w.before == nullptr ? nullptr : &w.before->layer(layerIdx)),
+        inputs(w.replay == nullptr ? nullptr : &w.replay->layer(layerIdx)),
+        replays(mode == Mode::Replays),
         keyDim(m.ssmDState),
         valueDim(m.ssmDValue()),
         keyFloats(m.ssmGroups * keyDim),
@@ -43,7 +49,9 @@ class Mixer {
         for (size_t token = 0; token < w.count; ++token) {
           openGates(token, h);
           update(token, h, g);
-          normaliseAndGate(token, h);
+          if (!replays) {
+            normaliseAndGate(token, h);
+          }
         }
       }
     });
@@ -91,8 +99,12 @@ class Mixer {
 
   void convolveAll(size_t begin, size_t count) const {
     saveChannels(begin, count);
+    const float* projected = replays ? inputs->qkv.data() : at.qkv;
     for (size_t token = 0; token < w.count; ++token) {
-      const float* in = at.qkv + token * channels;
+      const float* in = projected + token * channels;
+      if (inputs != nullptr && !replays) {
+        std::copy_n(in + begin, count, inputs->qkv.data() + token * channels + begin);
+      }
       float* out = at.conv + token * channels;
       if (history == kFamilyTaps - 1) {
         convolve<kFamilyTaps>(in, out, begin, count);
@@ -110,8 +122,16 @@ class Mixer {
 
   // From projections to write strength in (0, 1) and log-decay, at most 0.
   void openGates(size_t token, size_t h) const {
-    float* beta = at.beta + token * m.ssmHeads + h;
-    float* g = at.decay + token * m.ssmHeads + h;
+    const size_t place = token * m.ssmHeads + h;
+    float* beta = at.beta + place;
+    float* g = at.decay + place;
+    if (replays) {
+      *beta = inputs->beta[place];
+      *g = inputs->alpha[place];
+    } else if (inputs != nullptr) {
+      inputs->beta[place] = *beta;
+      inputs->alpha[place] = *g;
+    }
     const float one = 1.0f;
     w.kernels().sigmoidGate(&one, beta, beta, 1);
     *g += floats(layer.ssmDtBias)[h];
@@ -144,6 +164,8 @@ class Mixer {
   const PassBuffers& at;
   Layer& layer;
   Snapshot::LayerState* before;
+  Replay::LayerInputs* inputs;
+  bool replays;
   size_t keyDim;
   size_t valueDim;
   size_t keyFloats;  // of all query heads, and of all key heads
@@ -192,7 +214,7 @@ void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const Residua
   const MatmulInput in = w.input(at.normed, m.nEmbd, projections);
   normStep(w, x, layer.attnNorm, at.normed, in);
   w.multiply(in, projections);
-  Mixer(w, layer, layerIdx).mix();
+  Mixer(w, layer, layerIdx, Mixer::Mode::Mixes).mix();
   const Matmul output[] = {{layer.ssmOut, out, m.nEmbd}};
   const MatmulInput mixed = w.input(at.ssmOut, m.ssmInner, output);
   w.prepare(mixed);
@@ -201,6 +223,10 @@ void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const Residua
                        w.diagnostics().reportsLinearState(w.pos, layerIdx))) {
     w.member.once([&] { report(w, layer, layerIdx, out); });
   }
+}
+
+void advanceState(const Work& w, Layer& layer, size_t layerIdx) {
+  Mixer(w, layer, layerIdx, Mixer::Mode::Replays).mix();
 }
 
 void linearAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t layerIdx,

@@ -34,4 +34,8 @@ void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const Residua
 void linearAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t layerIdx,
                     size_t pos);
 
+// The state of a layer advanced by w.count tokens of w.replay, as linearAttention advanced it by
+// the same; there is no output. Called by all members of the team.
+void advanceState(const Work& w, Layer& layer, size_t layerIdx);
+
 }  // namespace qwen35

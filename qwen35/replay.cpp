@@ -1,0 +1,38 @@
+#include "qwen35/replay.h"
+
+#include "qwen35/context.h"
+#include "qwen35/linear_attention.h"
+#include "qwen35/snapshot.h"
+
+namespace qwen35 {
+
+Replay::Replay(const Model& m, size_t maxTokens) : layers(m.layers.size()) {
+  for (size_t l = 0; l < layers.size(); ++l) {
+    if (m.layers[l].isLinear) {
+      layers[l].qkv = StateBuffer(maxTokens * m.convChannels());
+      layers[l].beta = StateBuffer(maxTokens * m.ssmHeads);
+      layers[l].alpha = StateBuffer(maxTokens * m.ssmHeads);
+    }
+  }
+}
+
+void keepTokens(Context& context, Model& m, const Snapshot& before, Replay& replay, size_t count) {
+  before.restore(m);
+  context.diagnostics = {};
+  context.team().run([&](Team::Member& member) {
+    Work w{context, member, m, count, 0, Arithmetic::SingleToken};
+    w.replay = &replay;
+    for (size_t l = 0; l < m.nLayer; ++l) {
+      if (m.layers[l].isLinear) {
+        advanceState(w, m.layers[l], l);
+      }
+    }
+  });
+  for (Layer& layer : m.layers) {
+    if (!layer.isLinear) {
+      layer.pos += count;
+    }
+  }
+}
+
+}  // namespace qwen35
