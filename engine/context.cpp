@@ -33,12 +33,12 @@ Status notFinite() {
 
 using Clock = std::chrono::steady_clock;
 
-// The model with room for so many positions. Binding cannot fail: the model was found to be
+// The model with the room that is asked for. Binding cannot fail: the model was found to be
 // complete when it was opened.
-qwen35::Model bound(const Model& model, uint64_t positions) {
-  qwen35::Model weights{.shape = model.shape()};
-  qwen35::initLayers(model.file(), weights, positions);
-  qwen35::bindModel(model.file(), weights, positions);
+qwen35::Model bound(const Model& model, const ContextOptions& options) {
+  qwen35::Model weights{.shape = model.shape(), .cacheType = options.cacheType};
+  qwen35::initLayers(model.file(), weights, options.positions);
+  qwen35::bindModel(model.file(), weights, options.positions);
   qwen35::alignVectors(weights);
   return weights;
 }
@@ -61,7 +61,7 @@ std::vector<Token> promptTokens(std::span<const int32_t> ids) {
 
 Context::Context(std::shared_ptr<const Model> model, const ContextOptions& options)
     : shared(std::move(model)),
-      weights(bound(*shared, options.positions)),
+      weights(bound(*shared, options)),
       passes(std::make_unique<qwen35::Context>(
           weights, qwen35::ContextOptions{.maxTokens = qwen35::kBatchTokens,
                                           .threads = options.threads == 0 ? qwen35::defaultThreads()

@@ -43,6 +43,9 @@ struct ContextOptions {
   uint64_t positions = 0;  // at most the model's own; 0: those, at most kDefaultPositions
   size_t threads = 0;      // at most; 0: as qwen35/processors.h finds
   uint64_t snapshotBytes = kDefaultSnapshotBytes;
+  // BF16 halves what positions take, and what reading them costs, for keys and values that are
+  // rounded to eight bits (docs/engine.md has the error).
+  qwen35::CacheType cacheType = qwen35::CacheType::F32;
   const qwen35::KernelTable* kernels = nullptr;  // null: the best that the machine has
 };
 

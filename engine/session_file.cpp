@@ -27,13 +27,14 @@ using kel::Status;
 static_assert(std::endian::native == std::endian::little);
 
 constexpr char kMagic[4] = {'Z', 'Y', 'M', 'S'};
-constexpr uint32_t kVersion = 1;
+constexpr uint16_t kVersion = 1;
 constexpr size_t kReadBytes = size_t{1} << 20;
 constexpr uint64_t kMostNoteBytes = uint64_t{1} << 30;
 
 struct Head {
   char magic[4];
-  uint32_t version;
+  uint16_t version;
+  uint16_t cacheType;
   char model[kel::kChecksumDigits];  // fingerprint of the model's file
   uint64_t noteBytes;
   uint64_t tokens;
@@ -53,28 +54,36 @@ std::string fingerprint(const Model& model) {
   return sum.hex();
 }
 
-// Calls visit(floats, count) for every stretch of a layer's state after `position` tokens, in the
+const uint8_t* bytesOf(const float* values) {
+  return reinterpret_cast<const uint8_t*>(values);
+}
+uint8_t* bytesOf(float* values) {
+  return reinterpret_cast<uint8_t*>(values);
+}
+
+// Calls visit(data, bytes) for every stretch of a layer's state after `position` tokens, in the
 // order of the file.
 template <typename Layer, typename Visit>
 void visitState(const qwen35::Model& m, Layer& layer, uint64_t position, const Visit& visit) {
   if (layer.isLinear) {
-    visit(layer.ssmState.data(), layer.ssmState.size());
-    visit(layer.convState.data(), layer.convState.size());
+    visit(bytesOf(layer.ssmState.data()), layer.ssmState.size() * sizeof(float));
+    visit(bytesOf(layer.convState.data()), layer.convState.size() * sizeof(float));
     return;
   }
+  const size_t rowBytes = m.headDim * qwen35::cacheElementBytes(m.cacheType);
   for (auto* cache : {&layer.kCache, &layer.vCache}) {
     for (uint64_t head = 0; head < m.nHeadKv; ++head) {
-      visit(cache->data() + head * m.maxCtx * m.headDim, position * m.headDim);
+      visit(bytesOf(cache->data()) + head * m.maxCtx * rowBytes, position * rowBytes);
     }
   }
 }
 
 uint64_t stateBytes(const qwen35::Model& m, uint64_t position) {
-  uint64_t nFloats = 0;
+  uint64_t nBytes = 0;
   for (const qwen35::Layer& layer : m.layers) {
-    visitState(m, layer, position, [&](const float*, size_t count) { nFloats += count; });
+    visitState(m, layer, position, [&](const uint8_t*, size_t count) { nBytes += count; });
   }
-  return nFloats * sizeof(float);
+  return nBytes;
 }
 
 // Appends and adds up.
@@ -159,6 +168,56 @@ class Input {
   uint64_t bytes = 0;
 };
 
+Status damaged(const std::string& path) {
+  return {kel::StatusCode::Corrupted, path + ": the session file is damaged"};
+}
+
+Status foreign(const std::string& path, const std::string& what) {
+  return {kel::StatusCode::Unsupported, path + ": " + what};
+}
+
+// What a session must be of.
+struct Wanted {
+  std::string model;
+  qwen35::CacheType cacheType;
+};
+
+Status readHead(Input& input, const std::string& path, const Wanted& wanted, Head& head) {
+  const bool isLongEnough = input.size() >= sizeof(head) + kel::kChecksumDigits;
+  Status status = isLongEnough ? input.read(&head, sizeof(head)) : Status::success();
+  if (!status.ok()) {
+    return status;
+  }
+  if (!isLongEnough || std::memcmp(head.magic, kMagic, sizeof(kMagic)) != 0) {
+    return Status::invalid(path + ": is no session file");
+  }
+  if (head.version != kVersion) {
+    return foreign(path, "is a session file of version " + std::to_string(head.version) +
+                             "; this is version " + std::to_string(kVersion));
+  }
+  if (wanted.model != std::string_view(head.model, sizeof(head.model))) {
+    return foreign(path, "the session is of another model");
+  }
+  return head.cacheType == static_cast<uint16_t>(wanted.cacheType)
+             ? status
+             : foreign(path, "the session has caches of another type");
+}
+
+// Held against the file before anything of a stated size is allocated.
+Status checkSize(const Input& input, const std::string& path, const Head& head,
+                 uint64_t stateBytesNeeded) {
+  if (head.noteBytes > kMostNoteBytes || head.stateBytes != stateBytesNeeded) {
+    return damaged(path);
+  }
+  const uint64_t needed = sizeof(head) + head.noteBytes +
+                          head.tokens * (sizeof(int32_t) + sizeof(uint8_t)) + head.stateBytes +
+                          kel::kChecksumDigits;
+  if (input.size() < needed) {
+    return input.cutShort();
+  }
+  return input.size() == needed ? Status::success() : damaged(path);
+}
+
 // That everything in front of the checksum adds up to it.
 Status checkSum(Input& input, const std::string& path) {
   kel::Checksum sum;
@@ -175,7 +234,28 @@ Status checkSum(Input& input, const std::string& path) {
     status = input.read(stored, sizeof(stored));
   }
   if (status.ok() && sum.hex() != std::string_view(stored, sizeof(stored))) {
-    status = {kel::StatusCode::Corrupted, path + ": the session file is damaged"};
+    status = damaged(path);
+  }
+  return status;
+}
+
+// From the beginning of the file to where the state begins.
+Status readTokens(Input& input, Head& head, std::string& note, std::vector<Token>& tokens) {
+  note.resize(head.noteBytes);
+  std::vector<int32_t> ids(head.tokens);
+  std::vector<uint8_t> generated(head.tokens);
+  Status status = input.rewind();
+  for (const auto& [to, nBytes] : {std::pair<void*, uint64_t>{&head, sizeof(head)},
+                                   {note.data(), note.size()},
+                                   {ids.data(), ids.size() * sizeof(int32_t)},
+                                   {generated.data(), generated.size()}}) {
+    if (status.ok()) {
+      status = input.read(to, nBytes);
+    }
+  }
+  tokens.resize(head.tokens);
+  for (size_t i = 0; i < tokens.size(); ++i) {
+    tokens[i] = {ids[i], generated[i] != 0};
   }
   return status;
 }
@@ -191,6 +271,7 @@ Status Context::save(const std::string& path, std::string_view note) const {
   Head head{};
   std::memcpy(head.magic, kMagic, sizeof(kMagic));
   head.version = kVersion;
+  head.cacheType = static_cast<uint16_t>(weights.cacheType);
   std::memcpy(head.model, fingerprint(*shared).data(), sizeof(head.model));
   head.noteBytes = note.size();
   head.tokens = position();
@@ -206,9 +287,8 @@ Status Context::save(const std::string& path, std::string_view note) const {
   out.append(ids.data(), ids.size() * sizeof(int32_t));
   out.append(generated.data(), generated.size());
   for (const qwen35::Layer& layer : weights.layers) {
-    visitState(weights, layer, position(), [&](const float* values, size_t count) {
-      out.append(values, count * sizeof(float));
-    });
+    visitState(weights, layer, position(),
+               [&](const uint8_t* data, size_t nBytes) { out.append(data, nBytes); });
   }
   return out.finish();
 }
@@ -224,64 +304,25 @@ Status Context::load(const std::string& path, std::string& note) {
 Status Context::loadSteps(const std::string& path, std::string& note) {
   Input input(path);
   Status status = input.open();
-  if (!status.ok()) {
-    return status;
-  }
   Head head{};
-  if (input.size() < sizeof(head) + kel::kChecksumDigits) {
-    return Status::invalid(path + ": is no session file");
+  if (status.ok()) {
+    status = readHead(input, path, {fingerprint(*shared), weights.cacheType}, head);
   }
-  status = input.read(&head, sizeof(head));
   if (!status.ok()) {
     return status;
-  }
-  if (std::memcmp(head.magic, kMagic, sizeof(kMagic)) != 0) {
-    return Status::invalid(path + ": is no session file");
-  }
-  if (head.version != kVersion) {
-    return {kel::StatusCode::Unsupported, path + ": is a session file of version " +
-                                              std::to_string(head.version) + "; this is version " +
-                                              std::to_string(kVersion)};
-  }
-  if (fingerprint(*shared) != std::string_view(head.model, sizeof(head.model))) {
-    return {kel::StatusCode::Unsupported, path + ": the session is of another model"};
   }
   if (head.tokens > capacity()) {
     return Status::invalid(path + ": the session has " + std::to_string(head.tokens) +
                            " tokens, the context room for " + std::to_string(capacity()));
   }
-  if (head.noteBytes > kMostNoteBytes || head.stateBytes != stateBytes(weights, head.tokens)) {
-    return {kel::StatusCode::Corrupted, path + ": the session file is damaged"};
+  status = checkSize(input, path, head, stateBytes(weights, head.tokens));
+  if (status.ok()) {
+    status = checkSum(input, path);
   }
-  const uint64_t needed = sizeof(head) + head.noteBytes +
-                          head.tokens * (sizeof(int32_t) + sizeof(uint8_t)) + head.stateBytes +
-                          kel::kChecksumDigits;
-  if (input.size() < needed) {
-    return input.cutShort();
-  }
-  if (input.size() > needed) {
-    return {kel::StatusCode::Corrupted, path + ": the session file is damaged"};
-  }
-  status = checkSum(input, path);
-  if (!status.ok()) {
-    return status;
-  }
-
-  std::string text(head.noteBytes, '\0');
-  std::vector<int32_t> ids(head.tokens);
-  std::vector<uint8_t> generated(head.tokens);
-  status = input.rewind();
-  for (const auto& [to, nBytes] : {std::pair<void*, uint64_t>{&head, sizeof(head)},
-                                   {text.data(), text.size()},
-                                   {ids.data(), ids.size() * sizeof(int32_t)},
-                                   {generated.data(), generated.size()}}) {
-    if (status.ok()) {
-      status = input.read(to, nBytes);
-    }
-  }
-  std::vector<Token> tokens(head.tokens);
-  for (size_t i = 0; i < tokens.size(); ++i) {
-    tokens[i] = {ids[i], generated[i] != 0};
+  std::string text;
+  std::vector<Token> tokens;
+  if (status.ok()) {
+    status = readTokens(input, head, text, tokens);
   }
   if (!status.ok()) {
     return status;
@@ -291,9 +332,9 @@ Status Context::loadSteps(const std::string& path, std::string& note) {
   reset();
   for (qwen35::Layer& layer : weights.layers) {
     layer.pos = layer.isLinear ? 0 : head.tokens;
-    visitState(weights, layer, head.tokens, [&](float* values, size_t count) {
+    visitState(weights, layer, head.tokens, [&](uint8_t* data, size_t nBytes) {
       if (status.ok()) {
-        status = input.read(values, count * sizeof(float));
+        status = input.read(data, nBytes);
       }
     });
   }

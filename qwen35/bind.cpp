@@ -38,8 +38,10 @@ bool initFullLayer(const kel::ZYMLoader& loader, uint32_t index, const Model& m,
   if (!bindGroup(loader, kel::TensorGroup::Full, index, layer)) {
     return false;
   }
-  layer.kCache = StateBuffer(m.nHeadKv * m.headDim * maxCtx);
-  layer.vCache = StateBuffer(m.nHeadKv * m.headDim * maxCtx);
+  const size_t nBytes = m.nHeadKv * m.headDim * maxCtx * cacheElementBytes(m.cacheType);
+  const size_t nFloats = (nBytes + sizeof(float) - 1) / sizeof(float);
+  layer.kCache = StateBuffer(nFloats);
+  layer.vCache = StateBuffer(nFloats);
   return true;
 }
 

@@ -21,6 +21,7 @@ constexpr size_t kRowsPerTurn = 16;
 
 // Dimensions of a piece of values.
 constexpr size_t kDimsPerPiece = 64;
+static_assert(kRowsPerTurn * kDimsPerPiece <= kTileRows * kChunk);  // fits a thread's scratch
 
 // Rotates the pairs (i, i + half) of one head; dimensions from 2 * half on stay.
 void rotate(const RopeAngle* angles, size_t half, float* head) {
@@ -58,6 +59,29 @@ float sum(std::span<const float> exponentials) {
   return total;
 }
 
+// Rows of a cache, as its type has them.
+struct CacheRows {
+  float* floats;
+  uint16_t* halves;  // null where the rows are floats
+
+  CacheRows from(size_t element) const {
+    return {floats + element, halves == nullptr ? nullptr : halves + element};
+  }
+};
+
+CacheRows rowsOf(StateBuffer& cache, CacheType type) {
+  const bool isHalf = type == CacheType::BF16;
+  return {cache.data(), isHalf ? reinterpret_cast<uint16_t*>(cache.data()) : nullptr};
+}
+
+void storeRow(const float* values, const CacheRows& to, size_t n) {
+  if (to.halves == nullptr) {
+    std::copy_n(values, n, to.floats);
+    return;
+  }
+  std::transform(values, values + n, to.halves, f32ToBf16);
+}
+
 // The tokens of a pass in one layer.
 class Heads {
  public:
@@ -66,6 +90,8 @@ class Heads {
         m(work.m),
         at(work.at()),
         layer(attended),
+        keys(rowsOf(attended.kCache, work.m.cacheType)),
+        values(rowsOf(attended.vCache, work.m.cacheType)),
         d(m.headDim),
         group(m.nHead / m.nHeadKv),
         scoreScale(1.0f / std::sqrt(static_cast<float>(d))) {}
@@ -82,10 +108,11 @@ class Heads {
       addBiases(token, g);
       const RopeAngle* angles = at.angles + token * (m.ropeDim / 2);
       const size_t row = (g * m.maxCtx + layer.pos + token) * d;
-      float* key = layer.kCache.data() + row;
-      rmsNorm(at.key + token * kvWidth() + g * d, floats(layer.attnKNorm), key, d, m.normEps);
+      float* key = at.key + token * kvWidth() + g * d;
+      rmsNorm(key, floats(layer.attnKNorm), key, d, m.normEps);
       rotate(angles, m.ropeDim / 2, key);
-      std::copy_n(at.value + token * kvWidth() + g * d, d, layer.vCache.data() + row);
+      storeRow(key, keys.from(row), d);
+      storeRow(at.value + token * kvWidth() + g * d, values.from(row), d);
       for (size_t h = g * group; h < (g + 1) * group; ++h) {
         float* query = headQuery(token, h);
         rmsNorm(projected(token, h), floats(layer.attnQNorm), query, d, m.normEps);
@@ -114,6 +141,42 @@ class Heads {
   }
 
  private:
+  // Dimensions [first, first + n) of the values of key/value head g, a turn's rows at a time: where
+  // they lie or, of halves, widened once for all queries of the turn.
+  class Turn {
+   public:
+    Turn(const Heads& owner, size_t g, size_t first, size_t n)
+        : heads(owner),
+          column((g * owner.m.maxCtx) * owner.d + first),
+          width(n),
+          widened(owner.w.context.scratch(owner.w.member.thread()).rows) {}
+
+    size_t stride() const { return heads.values.halves == nullptr ? heads.d : width; }
+
+    // The rows from `row` on, where a turn begins, up to those that the token sees.
+    const float* values(size_t row, size_t lastToken) const {
+      const CacheRows from = heads.values.from(column + row * heads.d);
+      if (from.halves == nullptr) {
+        return from.floats;
+      }
+      if (row != widenedRow) {
+        const size_t count = std::min(kRowsPerTurn, heads.positions(lastToken) - row);
+        for (size_t i = 0; i < count; ++i) {
+          heads.w.kernels().decodeBf16(from.halves + i * heads.d, widened + i * width, width);
+        }
+        widenedRow = row;
+      }
+      return widened;
+    }
+
+   private:
+    const Heads& heads;
+    size_t column;
+    size_t width;
+    float* widened;  // [kRowsPerTurn][width]
+    mutable size_t widenedRow = SIZE_MAX;
+  };
+
   float* projected(size_t token, size_t h) const {
     return at.query + token * 2 * width() + 2 * h * d;
   }
@@ -158,10 +221,14 @@ class Heads {
   }
 
   void score(size_t g, size_t begin, size_t end, size_t first, size_t last) const {
-    const float* keys = layer.kCache.data() + g * m.maxCtx * d;
     inTurns(g, begin, end, first, last, [&](size_t token, size_t h, size_t row, size_t count) {
-      w.kernels().rowsF32(keys + row * d, headQuery(token, h), scores(begin, token, h) + row, count,
-                          d);
+      const CacheRows from = keys.from((g * m.maxCtx + row) * d);
+      float* out = scores(begin, token, h) + row;
+      if (from.halves == nullptr) {
+        w.kernels().rowsF32(from.floats, headQuery(token, h), out, count, d);
+      } else {
+        w.kernels().rowsBf16(from.halves, headQuery(token, h), out, count, d);
+      }
     });
   }
 
@@ -177,7 +244,7 @@ class Heads {
 
   // Dimensions [first, first + n) of the outputs.
   void addValues(size_t g, size_t begin, size_t end, size_t first, size_t n) const {
-    const float* values = layer.vCache.data() + g * m.maxCtx * d + first;
+    const Turn turn(*this, g, first, n);
     for (size_t token = begin; token < end; ++token) {
       for (size_t h = g * group; h < (g + 1) * group; ++h) {
         std::fill_n(headOut(token, h) + first, n, 0.0f);
@@ -186,8 +253,8 @@ class Heads {
     inTurns(g, begin, end, 0, positions(end - 1),
             [&](size_t token, size_t h, size_t row, size_t count) {
               w.kernels().addWeightedRows(scores(begin, token, h) + row,
-                                          inverseSum(begin, token, h), values + row * d, d,
-                                          headOut(token, h) + first, count, n);
+                                          inverseSum(begin, token, h), turn.values(row, end - 1),
+                                          turn.stride(), headOut(token, h) + first, count, n);
             });
     for (size_t token = begin; token < end; ++token) {
       for (size_t h = g * group; h < (g + 1) * group; ++h) {
@@ -201,6 +268,8 @@ class Heads {
   const Model& m;
   const PassBuffers& at;
   Layer& layer;
+  CacheRows keys;
+  CacheRows values;
   size_t d;
   size_t group;  // query heads that share a key/value head
   float scoreScale;

@@ -61,8 +61,8 @@ struct Layer {
   StateBuffer ssmState;   // linear: [ssmHeads][ssmDState][ssmDValue]
   StateBuffer convState;  // linear: [convChannels][convKernel - 1], oldest first
   StateBuffer kCache;     // full: [nHeadKv][maxCtx][headDim], normalised and rotated keys
-  StateBuffer vCache;     // full: the same shape, values as projected
-  uint64_t pos = 0;       // full: filled cache positions; stays 0 in a linear layer
+  StateBuffer vCache;  // full: the same shape, values as projected; both as Model::cacheType says
+  uint64_t pos = 0;    // full: filled cache positions; stays 0 in a linear layer
 };
 
 // A vector that lies in the file at an address where no floats may lie: a copy, and its record.
@@ -73,6 +73,16 @@ struct AlignedVector {
 
 // Scratch rows, one per OpenMP thread.
 using ThreadRows = std::vector<std::vector<float>>;
+
+// How the attention caches hold a number.
+enum class CacheType : uint8_t {
+  F32,   // as it was computed
+  BF16,  // rounded to bfloat16, to nearest, two in the room of a float
+};
+
+constexpr size_t cacheElementBytes(CacheType type) {
+  return type == CacheType::F32 ? sizeof(float) : sizeof(uint16_t);
+}
 
 struct Model {
   const kel::TensorView* tokEmbd = nullptr;  // [nVocab][nEmbd]
@@ -94,6 +104,7 @@ struct Model {
   uint64_t ssmInner = shape.linearValueWidth();
   uint64_t convKernel = shape.convTaps;  // sizes convState; a step has shape.convTaps taps
   float normEps = static_cast<float>(shape.normEps);  // of every norm
+  CacheType cacheType = CacheType::F32;               // set before initLayers
 
   uint64_t nLayer = 0;
   std::vector<Layer> layers{};

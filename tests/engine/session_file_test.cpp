@@ -112,6 +112,27 @@ TEST_F(SessionFile, OfAnotherModelIsRefused) {
   EXPECT_EQ(path + ": the session is of another model", other.context()->load(path, note).message);
 }
 
+TEST_F(SessionFile, WithCachesOfAnotherTypeIsRefused) {
+  std::string note;
+  EXPECT_EQ(path + ": the session has caches of another type",
+            model.context({.positions = 20, .cacheType = qwen35::CacheType::BF16})
+                ->load(path, note)
+                .message);
+}
+
+TEST_F(SessionFile, HalfCachesGoOnWhereTheyWereSaved) {
+  const ContextOptions options{.positions = 20, .cacheType = qwen35::CacheType::BF16};
+  const auto half = model.context(options);
+  feed(*half, {1, 2, 3});
+  ASSERT_TRUE(half->save(folder.file("half"), "").ok());
+  const auto context = model.context(options);
+  std::string note;
+  ASSERT_TRUE(context->load(folder.file("half"), note).ok());
+  feed(*half, {11, 12});
+  feed(*context, {11, 12});
+  EXPECT_EQ(logitsOf(*half), logitsOf(*context));
+}
+
 TEST_F(SessionFile, WithoutRoomIsRefused) {
   std::string note;
   EXPECT_EQ(path + ": the session has 7 tokens, the context room for 6",
