@@ -97,7 +97,7 @@ struct Model {
 
   uint64_t nLayer = 0;
   std::vector<Layer> layers{};
-  uint64_t maxCtx = 0;                      // capacity of the caches, in positions
+  uint64_t maxCtx = 0;                        // capacity of the caches, in positions
   std::vector<float> embBuf{};                // scratch row of embedRow
   ThreadRows gemvRows{};                      // of gemvRow
   ThreadRows headRows{};                      // of outputHead
@@ -127,8 +127,8 @@ bool initLayers(const kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 // tensor is missing.
 bool bindModel(const kel::ZYMLoader& loader, Model& m, size_t maxCtx);
 
-// Threads that copying or clearing the recurrent state is worth: a few reach the speed of the memory,
-// however many OpenMP would start.
+// Threads that copying or clearing the recurrent state is worth: a few reach the speed of the
+// memory, however many OpenMP would start.
 int stateThreads();
 
 // Empties every layer: pos 0 and all state zero, whoever wrote it. Sizes stay; the memory of filled
