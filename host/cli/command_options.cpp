@@ -36,7 +36,9 @@ void addSampling(CLI::App& command, Sampling& sampling) {
   addSetting(command, "temperature", "Randomness; 0, the default, always takes the best token",
              sampling);
   addSetting(command, "top-k", "Sample among this many best tokens", sampling);
-  addSetting(command, "top-p", "Sample among the fewest best tokens with this share of the probability; 1: among all", sampling);
+  addSetting(command, "top-p",
+             "Sample among the fewest best tokens with this share of the probability; 1: among all",
+             sampling);
   addSetting(command, "seed", "Start of the random numbers", sampling);
 }
 

@@ -91,7 +91,7 @@ kel::Status about(const std::string& given, const ModelSource& source, kel::Stat
 int told(const kel::Status& status, bool cancelled) {
   if (cancelled) {
     complain("stopped; nothing was kept");
-    return kInterruptedExit;
+    return cancelledExit();
   }
   if (!status.ok()) {
     complain(status.message);

@@ -2,13 +2,16 @@
 // with the program's own engine.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "tests/convert/slow_checkpoint.h"
@@ -295,37 +298,43 @@ class StoppedOpeningTest : public ModelCacheTest {
     }
     return holds();
   }
-  // Whether a conversion has begun to write.
-  bool isUnderWay() const {
-    if (fs::exists(cache)) {
-      for (const fs::directory_entry& entry : fs::directory_iterator(cache)) {
-        if (entry.path().extension() == ".partial" && !fs::is_empty(entry.path())) {
-          return true;
-        }
-      }
-    }
-    return false;
+  // Whether the command has made its place in the cache, and said that it converts.
+  bool converts(const std::string& name) const {
+    return read(messages(name)).starts_with(converting(slow));
+  }
+  bool hasPlaceOfConversion() const {
+    return std::any_of(
+        fs::directory_iterator(cache), fs::directory_iterator(),
+        [](const fs::directory_entry& entry) { return entry.path().extension() == ".partial"; });
   }
 
   std::string slow = folder / "slow";
 };
 
-TEST_F(StoppedOpeningTest, CtrlCKeepsNothing) {
+class StoppedOpeningBySignal : public StoppedOpeningTest,
+                               public testing::WithParamInterface<std::pair<std::string, int>> {};
+
+TEST_P(StoppedOpeningBySignal, KeepsNothing) {
+  const auto [name, number] = GetParam();
   Outcome outcome;
   std::thread command = start("only", outcome);
-  EXPECT_TRUE(eventually([&] { return isUnderWay(); }));
-  stop("INT", "only");
+  EXPECT_TRUE(eventually([&] { return converts("only"); }));
+  stop(name, "only");
   command.join();
-  EXPECT_EQ(outcome.status, 130);
+  EXPECT_EQ(outcome.status, 128 + number);
   EXPECT_EQ(read(messages("only")), converting(slow) + "zym: stopped; nothing was kept\n");
   EXPECT_TRUE(fs::is_empty(cache));
 }
+
+INSTANTIATE_TEST_SUITE_P(Signals, StoppedOpeningBySignal,
+                         testing::Values(std::pair("INT", SIGINT), std::pair("TERM", SIGTERM)),
+                         [](const auto& signal) { return signal.param.first; });
 
 TEST_F(StoppedOpeningTest, CtrlCEndsTheWaitForAnotherProcess) {
   Outcome first;
   Outcome second;
   std::thread converter = start("first", first);
-  EXPECT_TRUE(eventually([&] { return isUnderWay(); }));
+  EXPECT_TRUE(eventually([&] { return converts("first"); }));
   stop("STOP", "first");  // it cannot end before the other is stopped
   std::thread waiter = start("second", second);
   const std::string waiting =
@@ -334,7 +343,7 @@ TEST_F(StoppedOpeningTest, CtrlCEndsTheWaitForAnotherProcess) {
   stop("INT", "second");
   waiter.join();
   EXPECT_EQ(second.status, 130);
-  EXPECT_TRUE(isUnderWay());
+  EXPECT_TRUE(hasPlaceOfConversion());
   stop("KILL", "first");
   converter.join();
   EXPECT_EQ(first.status, 128 + SIGKILL);

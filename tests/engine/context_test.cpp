@@ -167,16 +167,16 @@ TEST(EngineContext, APromptIsStoppedInTheMiddleOfABatch) {
     });
     const Fed fed = context->feed(tokens(120), nullptr, &cancel, status);
     other.join();
-    if (fed == Fed::All) {
-      break;  // a fast machine
+    if (fed == Fed::All) {  // a fast machine, or one that was late to start the other thread
+      context->reset();
+      feed(*context, {5, 6, 7});
+      continue;
     }
     ++stopped;
     ASSERT_EQ(3U, context->position());
   }
   EXPECT_GT(stopped, 0);
-  if (context->position() == 3) {
-    EXPECT_EQ(continued(*expected), continued(*context));
-  }
+  EXPECT_EQ(continued(*expected), continued(*context));
 }
 
 TEST(EngineContext, NumbersThatAreNotFiniteFailThePromptAlone) {
