@@ -84,8 +84,7 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("zym " ZYM_VERSION "\n", 0), 0U) << version.out;
   for (const char* command :
-       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "cache",
-        "completion"}) {
+       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "cache", "completion"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;
@@ -243,7 +242,8 @@ TEST_F(ProgramTest, OutputWhoseReaderHasGoneIsReported) {
 }
 
 TEST_F(ProgramTest, ClosedStandardErrorLosesMessagesAlone) {
-  EXPECT_EQ(withStreams("check " + model, "2>&-").out, model + ": can be run\n");
+  EXPECT_EQ(withStreams("check " + model, "2>&-").out,
+            model + ": can be run\nthe runtime library can run it too\n");
   const Outcome missing = withStreams("info " + model + ".missing", "2>&-");
   EXPECT_EQ(missing.status, 1);
   EXPECT_EQ(missing.out, "");
@@ -437,7 +437,7 @@ TEST_F(ProgramTest, SpecialTokensInMessagesAreBrokenUnlessRaw) {
 TEST_F(ProgramTest, CheckAcceptsAModelThatRuns) {
   const Outcome outcome = zym({"check", model});
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.out, model + ": can be run\n");
+  EXPECT_EQ(outcome.out, model + ": can be run\nthe runtime library can run it too\n");
   EXPECT_EQ(
       outcome.err,
       "(no checksum covers: weights, tokenizer, tensor index, quant info, metadata; damage to "
