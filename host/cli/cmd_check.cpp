@@ -95,7 +95,7 @@ int check(const CheckCommand& command, const ModelArgument& model) {
                          faults.size() == 1 ? "fault" : "faults", remedy(path, model)));
     return 1;
   }
-  std::printf("%s: can be run\n", model.given.c_str());
+  std::printf("%s: can be run\n%s\n", model.given.c_str(), verdictText(result.library).c_str());
   showUnguarded(result.unguarded);
   return 0;
 }

@@ -144,19 +144,35 @@ void checkIndex(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
   checkOverlaps(std::move(ranges), faults);
 }
 
-void checkModel(const kel::ZYMLoader& loader, std::vector<Fault>& faults) {
+bool checkShape(const kel::ZYM2Reader& reader, kel::StatedShape& stated,
+                std::vector<Fault>& faults) {
+  kel::Status status = kel::readShape(reader, stated);
+  if (!status.ok()) {
+    faults.push_back({"metadata", std::move(status.message)});
+  }
+  return status.ok();
+}
+
+void checkArchitecture(const kel::ZYM2Reader& reader, std::vector<Fault>& faults) {
   std::string architecture;
-  loader.reader.getMetaStr("general.architecture", architecture);
+  reader.getMetaStr("general.architecture", architecture);
   if (architecture != "qwen35") {
     faults.push_back(
         {"metadata", "general.architecture is \"" + architecture + "\", needs \"qwen35\""});
   }
+}
+
+void checkModel(const kel::ZYMLoader& loader, const kel::StatedShape& stated,
+                std::vector<Fault>& faults) {
   const size_t before = faults.size();
-  for (kel::ModelFault& fault : kel::findModelFaults(loader, kel::kFixedShape)) {
+  for (kel::ModelFault& fault : kel::findModelFaults(loader, stated.shape)) {
     // The index has its own words for data in the wrong place.
     if (!fault.isOfBounds || !isNamed(fault.tensor, faults)) {
       faults.push_back({std::move(fault.tensor), std::move(fault.what)});
     }
+  }
+  for (std::string& contradiction : kel::findContradictions(loader, stated)) {
+    faults.push_back({"metadata", std::move(contradiction)});
   }
   const TensorView* embedding =
       loader.findTensor(kel::tensorName(kel::tensorOf(kel::TensorRole::Embedding)));
@@ -167,10 +183,11 @@ void checkModel(const kel::ZYMLoader& loader, std::vector<Fault>& faults) {
   }
 }
 
-void checkLabels(const kel::ZYMLoader& loader, std::vector<Fault>& faults) {
+void checkLabels(const kel::ZYMLoader& loader, const kel::ModelShape& shape,
+                 std::vector<Fault>& faults) {
   using kel::TensorGroup;
   checkLabelsOf(loader, TensorGroup::Model, 0, faults);
-  for (uint32_t layer = 0; layer < kel::kFixedShape.layers; ++layer) {
+  for (uint32_t layer = 0; layer < shape.layers; ++layer) {
     for (const auto group : {TensorGroup::Common, TensorGroup::Linear, TensorGroup::Full}) {
       checkLabelsOf(loader, group, layer, faults);
     }
@@ -183,8 +200,12 @@ CheckResult checkContainer(const kel::ZYMLoader& loader, const CheckOptions& opt
   CheckResult result;
   checkSections(reader, result.faults);
   checkIndex(reader, result.faults);
-  checkModel(loader, result.faults);
-  checkLabels(loader, result.faults);
+  checkArchitecture(reader, result.faults);
+  kel::StatedShape stated;
+  if (checkShape(reader, stated, result.faults)) {
+    checkModel(loader, stated, result.faults);
+    checkLabels(loader, stated.shape, result.faults);
+  }
   checkUnusedBytes(reader, result.faults);
 
   const ValueCheck values(reader, options.allValues ? ValueScope::All : ValueScope::Quick);
@@ -196,6 +217,9 @@ CheckResult checkContainer(const kel::ZYMLoader& loader, const CheckOptions& opt
   }
   result.stopped = reading.isEnded();
   result.unguarded = sectionsWithoutChecksum(reader);
+  if (result.faults.empty()) {
+    result.library = judgeForLibrary(loader, stated);
+  }
   return result;
 }
 

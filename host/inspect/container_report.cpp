@@ -9,6 +9,7 @@
 #include <map>
 
 #include "host/chat/text_map.h"
+#include "host/inspect/shape_report.h"
 #include "host/terminal/units.h"
 #include "host/terminal/utf8.h"
 #include "quant/quant_type.h"
@@ -184,6 +185,7 @@ std::string metaText(const MetaEntry& entry) {
 std::string summaryText(const kel::ZYMLoader& loader) {
   std::string out;
   appendHeader(loader.reader, out);
+  out += "\n" + modelText(loader);
   appendMeta(loader.reader, out);
   appendTokenizer(loader.tokenizer, out);
   appendTypes(loader, out);
@@ -218,6 +220,7 @@ Json reportJson(const kel::ZYMLoader& loader, const std::string& pattern) {
   for (const MetaEntry& entry : metaEntries(reader)) {
     metadata[replaceInvalid(entry.key)] = metaJson(entry);
   }
+  report["shape"] = shapeJson(loader);
   const kel::TokenizerData& tables = loader.tokenizer;
   report["tokenizer"] = {{"label", replaceInvalid(tables.label)},
                          {"tokens", tables.tokens.size()},

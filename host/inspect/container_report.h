@@ -23,7 +23,7 @@ std::string metaText(const kel::ZYM2Reader::MetaEntryView& entry);
 std::string summaryText(const kel::ZYMLoader& loader);
 // One line for each tensor that matches pattern (empty: every one).
 std::string tensorTableText(const kel::ZYMLoader& loader, const std::string& pattern);
-// Summary and table together, with metadata values uncut.
+// Summary and table together as JSON, with metadata values uncut.
 nlohmann::ordered_json reportJson(const kel::ZYMLoader& loader, const std::string& pattern);
 
 }  // namespace zym

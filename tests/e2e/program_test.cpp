@@ -242,7 +242,8 @@ TEST_F(ProgramTest, OutputWhoseReaderHasGoneIsReported) {
 }
 
 TEST_F(ProgramTest, ClosedStandardErrorLosesMessagesAlone) {
-  EXPECT_EQ(withStreams("check " + model, "2>&-").out, model + ": can be run\n");
+  EXPECT_EQ(withStreams("check " + model, "2>&-").out,
+            model + ": can be run\nthe runtime library can run it too\n");
   const Outcome missing = withStreams("info " + model + ".missing", "2>&-");
   EXPECT_EQ(missing.status, 1);
   EXPECT_EQ(missing.out, "");
@@ -436,7 +437,7 @@ TEST_F(ProgramTest, SpecialTokensInMessagesAreBrokenUnlessRaw) {
 TEST_F(ProgramTest, CheckAcceptsAModelThatRuns) {
   const Outcome outcome = zym({"check", model});
   EXPECT_EQ(outcome.status, 0);
-  EXPECT_EQ(outcome.out, model + ": can be run\n");
+  EXPECT_EQ(outcome.out, model + ": can be run\nthe runtime library can run it too\n");
   EXPECT_EQ(
       outcome.err,
       "(no checksum covers: weights, tokenizer, tensor index, quant info, metadata; damage to "
