@@ -6,14 +6,14 @@
 #include <utility>
 #include <vector>
 
-#include "convert/alphabet.h"
+#include "tokenizer/alphabet.h"
 #include "host/terminal/utf8.h"
 
 namespace zym {
 namespace {
 
-using kel::convert::appendLetter;
-using kel::convert::byteOfLetter;
+using kel::appendLetter;
+using kel::byteOfLetter;
 
 constexpr std::string_view kBreak = "\u200B";
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";

@@ -1,6 +1,6 @@
 // Between what people type and read (UTF-8) and what a vocabulary holds.
 //
-// Byte-level vocabularies spell every byte with a letter of the alphabet (convert/alphabet.h). A
+// Byte-level vocabularies spell every byte with a letter of the alphabet (tokenizer/alphabet.h). A
 // container stores them in one of two ways, and its tokenizer label says which:
 //
 // - alphabet: the tokens keep the alphabet, except the line feed, which is a real one. Typed text
