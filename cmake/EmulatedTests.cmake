@@ -17,7 +17,7 @@ set(zym_emulated_tests
   status_test byte_cursor_test crc64_test zym2_reader_test zym_loader_test
   container_robustness_test zym2_writer_test container_example_test
   # tests/tokenizer
-  whitespace_test word_splitter_test bpe_merger_test special_tokens_test string_index_test
+  alphabet_test vocab_text_test whitespace_test word_splitter_test bpe_merger_test special_tokens_test string_index_test
   tokenizer_test encode_test
   # tests/qwen35
   processors_test elementwise_test exponential_test kernels_variants_test

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <utility>
 
-#include "convert/alphabet.h"
 #include "convert/errors.h"
+#include "tokenizer/alphabet.h"
 
 namespace kel::convert {
 
@@ -47,27 +47,6 @@ int32_t endToken(const Vocabulary& vocabulary) {
 
 bool holds(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;
-}
-
-struct Letter {
-  int byte = -1;  // none: the bytes at this place are no letter
-  size_t nBytes = 1;
-};
-
-// The letters beyond ASCII are U+00A1 to U+0143: two bytes, of which the first is at most C5.
-Letter letterAt(std::string_view text, size_t at) {
-  const auto lead = static_cast<unsigned char>(text[at]);
-  if (lead < 0x80) {
-    return {byteOfLetter(lead), 1};
-  }
-  if (lead < 0xC2 || lead > 0xC5 || at + 1 == text.size()) {
-    return {};
-  }
-  const auto trail = static_cast<unsigned char>(text[at + 1]);
-  if ((trail & 0xC0U) != 0x80U) {
-    return {};
-  }
-  return {byteOfLetter(char32_t{lead & 0x1FU} << 6 | (trail & 0x3FU)), 2};
 }
 
 bool isAlphabetRule(std::string_view rule) {

@@ -1,6 +1,6 @@
 // A byte-level vocabulary as source files have it, and the container's tables made from it.
 //
-// Byte-level vocabularies write every byte as a letter of a fixed alphabet (alphabet.h). Special
+// Byte-level vocabularies write every byte as a letter of a fixed alphabet (tokenizer/alphabet.h). Special
 // tokens are plain text.
 #pragma once
 

@@ -51,6 +51,10 @@ Status Model::openSteps(const std::string& path) {
   if (status.ok()) {
     status = checkFit(loader, stated);
   }
+  TextForm form = TextForm::Composed;
+  if (status.ok()) {
+    status = readTextForm(loader.reader, form);
+  }
   if (!status.ok()) {
     return status;
   }
@@ -60,7 +64,11 @@ Status Model::openSteps(const std::string& path) {
   const kel::TensorView& gate =
       *loader.findTensor(kel::tensorName(kel::tensorOf(kel::TensorRole::FfnGate)));
   modelSizes = {embedding.dims[0], gate.dims[1], embedding.dims[1]};
-  return textTokenizer.load(std::move(loader.tokenizer));
+  status = textTokenizer.load(std::move(loader.tokenizer));
+  if (status.ok()) {
+    encoder.emplace(textTokenizer, form);
+  }
+  return status;
 }
 
 Status Model::open(const std::string& path, std::shared_ptr<const Model>& out) {

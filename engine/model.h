@@ -10,12 +10,14 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "container/model_shape.h"
 #include "container/model_tensors.h"
 #include "container/status.h"
 #include "container/zym_loader.h"
+#include "engine/text_encoder.h"
 #include "tokenizer/tokenizer.h"
 
 namespace engine {
@@ -36,6 +38,7 @@ class Model {
   const kel::ModelShape& shape() const { return modelShape; }
   const kel::ModelSizes& sizes() const { return modelSizes; }
   const kel::Tokenizer& tokenizer() const { return textTokenizer; }
+  const TextEncoder& textEncoder() const { return *encoder; }
 
   // The file: metadata and tensor records. Its tokenizer tables have moved to tokenizer().
   const kel::ZYMLoader& file() const { return loader; }
@@ -49,6 +52,7 @@ class Model {
   kel::ModelShape modelShape = kel::kFixedShape;
   kel::ModelSizes modelSizes;
   kel::Tokenizer textTokenizer;
+  std::optional<TextEncoder> encoder;
 };
 
 }  // namespace engine

@@ -3,21 +3,19 @@
 #include <algorithm>
 #include <cstdint>
 #include <iterator>
-#include <utility>
 #include <vector>
 
-#include "convert/alphabet.h"
 #include "host/terminal/utf8.h"
+#include "tokenizer/alphabet.h"
 
 namespace zym {
 namespace {
 
-using kel::convert::appendLetter;
-using kel::convert::byteOfLetter;
+using kel::appendLetter;
+using kel::byteOfLetter;
 
 constexpr std::string_view kBreak = "\u200B";
 constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
-constexpr char32_t kSpaceLetter = 0x120;
 // Runs of white space are merged in stretches of this length; trained vocabularies hold no token
 // that is nearly as long.
 constexpr size_t kLongestRun = 128;
@@ -84,10 +82,6 @@ char joinableMark(std::string_view before) {
 }
 
 }  // namespace
-
-VocabText vocabTextOf(std::string_view label) {
-  return label.find("alphabet") != std::string_view::npos ? VocabText::Alphabet : VocabText::Raw;
-}
 
 TextMap::TextMap(const kel::TokenizerData& tables)
     : vocabText(vocabTextOf(tables.label)),
@@ -213,33 +207,9 @@ std::string TextMap::withBrokenSpecials(std::string_view text) const {
 }
 
 std::string PieceDecoder::feed(std::string_view piece) {
-  appendBytes(piece);
-  const size_t held = incompleteTail(pending);
-  std::string complete = replaceInvalid(std::string_view(pending).substr(0, pending.size() - held));
-  pending.erase(0, pending.size() - held);
-  return complete;
-}
-
-std::string PieceDecoder::finish() {
-  return replaceInvalid(std::exchange(pending, {}));
-}
-
-// A piece in the alphabet is letters; special tokens and the line feed are plain text, which is its
-// own spelling.
-void PieceDecoder::appendBytes(std::string_view piece) {
-  while (!piece.empty()) {
-    char32_t code = 0;
-    const size_t length = characterAt(piece, code);
-    const int byte = length == 0 ? -1 : byteOfLetter(code);
-    if (vocabText == VocabText::Alphabet && byte >= 0) {
-      pending += static_cast<char>(byte);
-    } else if (vocabText == VocabText::Raw && code == kSpaceLetter) {
-      pending += ' ';
-    } else {
-      pending += piece.substr(0, std::max<size_t>(1, length));
-    }
-    piece.remove_prefix(std::max<size_t>(1, length));
-  }
+  std::string bytes;
+  kel::appendTokenBytes(vocabText, piece, bytes);
+  return stream.feed(bytes);
 }
 
 }  // namespace zym

@@ -1,6 +1,6 @@
 // Between what people type and read (UTF-8) and what a vocabulary holds.
 //
-// Byte-level vocabularies spell every byte with a letter of the alphabet (convert/alphabet.h). A
+// Byte-level vocabularies spell every byte with a letter of the alphabet (tokenizer/alphabet.h). A
 // container stores them in one of two ways, and its tokenizer label says which:
 //
 // - alphabet: the tokens keep the alphabet, except the line feed, which is a real one. Typed text
@@ -18,17 +18,18 @@
 
 #include <string>
 #include <string_view>
+
 #include "container/status.h"
 #include "container/tokenizer_data.h"
+#include "engine/text_decoder.h"
 #include "tokenizer/special_tokens.h"
 #include "tokenizer/tokenizer.h"
+#include "tokenizer/vocab_text.h"
 
 namespace zym {
 
-enum class VocabText { Alphabet, Raw };
-
-// The way that a tokenizer label names; a label of another writer counts as raw.
-VocabText vocabTextOf(std::string_view label);
+using kel::VocabText;
+using kel::vocabTextOf;
 
 // Typed text to vocabulary text. Immutable after construction.
 class TextMap {
@@ -64,13 +65,11 @@ class PieceDecoder {
   // The text that is complete after this piece, perhaps empty.
   std::string feed(std::string_view piece);
   // What was held back; the reply ends here.
-  std::string finish();
+  std::string finish() { return stream.finish(); }
 
  private:
-  void appendBytes(std::string_view piece);
-
   VocabText vocabText;
-  std::string pending;
+  engine::Utf8Stream stream;
 };
 
 }  // namespace zym

@@ -1,8 +1,8 @@
-#include "convert/alphabet.h"
+#include "tokenizer/alphabet.h"
 
 #include <gtest/gtest.h>
 
-namespace kel::convert {
+namespace kel {
 namespace {
 
 TEST(AlphabetTest, PrintableBytesStandForThemselves) {
@@ -41,5 +41,20 @@ TEST(AlphabetTest, LettersAreWrittenInUtf8) {
   EXPECT_EQ(out, "AĠÿ");
 }
 
+TEST(AlphabetTest, LettersAreFoundInUtf8) {
+  const std::string text = "AĠÿ";
+  EXPECT_EQ(letterAt(text, 0).byte, 'A');
+  EXPECT_EQ(letterAt(text, 0).nBytes, 1U);
+  EXPECT_EQ(letterAt(text, 1).byte, ' ');
+  EXPECT_EQ(letterAt(text, 1).nBytes, 2U);
+  EXPECT_EQ(letterAt(text, 3).byte, 0xFF);
+}
+
+TEST(AlphabetTest, NothingElseIsALetter) {
+  for (const char* other : {" ", "\n", "\xC4", "\xC4 ", "\xA0", "\xC5\x84", "\xE2\x96\x81"}) {
+    EXPECT_EQ(letterAt(other, 0).byte, -1) << other;
+  }
+}
+
 }  // namespace
-}  // namespace kel::convert
+}  // namespace kel

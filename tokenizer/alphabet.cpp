@@ -1,8 +1,8 @@
-#include "convert/alphabet.h"
+#include "tokenizer/alphabet.h"
 
 #include <array>
 
-namespace kel::convert {
+namespace kel {
 namespace {
 
 constexpr char32_t kFirstMoved = 0x100;
@@ -60,4 +60,20 @@ void appendLetter(uint8_t byte, std::string& out) {
   }
 }
 
-}  // namespace kel::convert
+// The letters beyond ASCII are U+00A1 to U+0143: two bytes, of which the first is at most C5.
+Letter letterAt(std::string_view text, size_t at) {
+  const auto lead = static_cast<unsigned char>(text[at]);
+  if (lead < 0x80) {
+    return {byteOfLetter(lead), 1};
+  }
+  if (lead < 0xC2 || lead > 0xC5 || at + 1 == text.size()) {
+    return {};
+  }
+  const auto trail = static_cast<unsigned char>(text[at + 1]);
+  if ((trail & 0xC0U) != 0x80U) {
+    return {};
+  }
+  return {byteOfLetter(char32_t{lead & 0x1FU} << 6 | (trail & 0x3FU)), 2};
+}
+
+}  // namespace kel
