@@ -14,18 +14,6 @@ namespace {
 
 constexpr float kNever = -std::numeric_limits<float>::infinity();
 
-int32_t bestToken(std::span<const float> logits) {
-  float best = kNever;
-  int32_t id = kNoToken;
-  for (size_t i = 0; i < logits.size(); ++i) {
-    if (logits[i] > best) {
-      best = logits[i];
-      id = static_cast<int32_t>(i);
-    }
-  }
-  return id;
-}
-
 // A weight, from 0 to 1, in units of 2^-44: what 2^20 of them add up to fits.
 uint64_t unitsOf(float weight) {
   constexpr double kUnits = 0x1p44;

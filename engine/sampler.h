@@ -12,10 +12,6 @@
 
 namespace engine {
 
-// What a choice gives when there is nothing to choose: every logit is minus infinity or a NaN, or
-// belongs to a token that is banned.
-constexpr int32_t kNoToken = -1;
-
 // Same seed, same settings, same logits: same tokens, on every machine. A choice takes these steps,
 // in single precision where nothing else is said, every operation rounded:
 //
@@ -51,7 +47,8 @@ class Sampler {
   void beginReply(std::span<const int32_t> prompt);
   void accept(int32_t id);
 
-  // Index into logits, of which there are fewer than 2^20, or kNoToken. Greedy choices draw no
+  // Index into logits, of which there are fewer than 2^20, or kNoToken where every one is minus
+  // infinity, a NaN, or that of a banned token. Greedy choices draw no
   // random number, all others one. Settings outside their ranges do no harm but have no defined
   // effect; ids of biases and of former tokens that logits lack have none.
   int32_t next(std::span<const float> logits, const SamplerSettings& settings);
