@@ -38,6 +38,7 @@ class EngineBackend : public Backend {
 
   void reset() override {
     context->reset();
+    sampler.forget();
     decodeMsTotal = 0;
     endsConversation = false;
   }
@@ -76,6 +77,7 @@ class EngineBackend : public Backend {
       return status;
     }
     count(start, ids.size());
+    sampler.beginReply(ids);
     return reply(calls);
   }
 
@@ -92,6 +94,7 @@ class EngineBackend : public Backend {
       if (++emitted >= replyTokens || context->position() >= context->capacity()) {
         break;
       }
+      sampler.accept(id);
       const Clock::time_point start = Clock::now();
       Status status = context->feedToken(id);
       if (!status.ok()) {
