@@ -31,7 +31,7 @@ struct ReplyEvent {
     CallComplete,    // name of the function, json of all arguments: an object
     CallIncomplete,  // the reply ended within a call: name (empty where it has not been written as
                      // a whole), json of the arguments that are whole, text of the call as written
-    CallMalformed,  // the call that has begun is none after all; its text follows as answer
+    CallMalformed,   // the call that has begun is none after all; its text follows as answer
     End,
   };
 
