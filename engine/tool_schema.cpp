@@ -1,0 +1,116 @@
+#include "engine/tool_schema.h"
+
+#include <array>
+#include <utility>
+
+#include "engine/json_text.h"
+
+namespace engine {
+
+namespace {
+
+constexpr uint8_t bitOf(JsonKind kind) {
+  return static_cast<uint8_t>(1U << static_cast<unsigned>(kind));
+}
+
+uint8_t kindNamed(std::string_view name) {
+  constexpr std::array<std::pair<std::string_view, JsonKind>, 7> kNames = {{
+      {"\"string\"", JsonKind::String},
+      {"\"number\"", JsonKind::Number},
+      {"\"integer\"", JsonKind::Number},
+      {"\"boolean\"", JsonKind::Boolean},
+      {"\"null\"", JsonKind::Null},
+      {"\"array\"", JsonKind::Array},
+      {"\"object\"", JsonKind::Object},
+  }};
+  for (const auto& [known, kind] : kNames) {
+    if (name == known) {
+      return bitOf(kind);
+    }
+  }
+  return 0;
+}
+
+// The JSON word for a scalar as models write it; any other text unchanged.
+std::string_view jsonWord(std::string_view text) {
+  constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kWords = {
+      {{"True", "true"}, {"False", "false"}, {"None", "null"}}};
+  constexpr std::string_view kSpace = " \t\r\n";
+  const size_t begin = text.find_first_not_of(kSpace);
+  if (begin != std::string_view::npos) {
+    const std::string_view bare = text.substr(begin, text.find_last_not_of(kSpace) + 1 - begin);
+    for (const auto& [written, word] : kWords) {
+      if (bare == written) {
+        return word;
+      }
+    }
+  }
+  return text;
+}
+
+}  // namespace
+
+ToolSchemas::ToolSchemas(std::span<const Tool> tools) {
+  for (const Tool& tool : tools) {
+    if (jsonKind(tool.json) == JsonKind::Object) {
+      add(tool.json);
+    }
+  }
+}
+
+void ToolSchemas::add(std::string_view tool) {
+  const std::string_view wrapped = jsonMember(tool, "function");
+  const std::string_view function = wrapped.empty() ? tool : wrapped;
+  const std::string_view name = jsonMember(function, "name");
+  const std::string_view properties = jsonMember(jsonMember(function, "parameters"), "properties");
+  if (!properties.starts_with('{')) {
+    return;
+  }
+  Parameters& parameters = functions[unquotedJson(name)];
+  for (const JsonMember& property : jsonMembers(properties)) {
+    parameters[property.key] = kindsOf(property.value);
+  }
+}
+
+ToolSchemas::Kinds ToolSchemas::namedKinds(std::string_view schema) {
+  const std::string_view type = jsonMember(schema, "type");
+  if (!type.starts_with('[')) {
+    return kindNamed(type);
+  }
+  Kinds kinds = 0;
+  for (const std::string_view name : jsonElements(type)) {
+    kinds |= kindNamed(name);
+  }
+  return kinds;
+}
+
+ToolSchemas::Kinds ToolSchemas::kindsOf(std::string_view schema) {
+  Kinds kinds = namedKinds(schema);
+  for (const std::string_view choice : {"anyOf", "oneOf"}) {
+    const std::string_view schemas = jsonMember(schema, choice);
+    if (schemas.starts_with('[')) {
+      for (const std::string_view alternative : jsonElements(schemas)) {
+        kinds |= namedKinds(alternative);
+      }
+    }
+  }
+  return kinds;
+}
+
+std::string ToolSchemas::argumentJson(std::string_view function, std::string_view parameter,
+                                      std::string_view text) const {
+  const auto parameters = functions.find(function);
+  if (parameters == functions.end()) {
+    return quotedJson(text);
+  }
+  const auto kinds = parameters->second.find(parameter);
+  if (kinds == parameters->second.end()) {
+    return quotedJson(text);
+  }
+  const std::string_view value = jsonWord(text);
+  const std::optional<JsonKind> kind = jsonKind(value);
+  const bool admitted = kind && *kind != JsonKind::String && (kinds->second & bitOf(*kind)) != 0;
+  return admitted ? spacedJson(value) : quotedJson(text);
+}
+
+}  // namespace engine
