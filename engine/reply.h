@@ -15,23 +15,16 @@
 
 #include "container/status.h"
 #include "engine/chat_format.h"
+#include "engine/chat_tokens.h"
 #include "engine/context.h"
-#include "engine/model.h"
 #include "engine/reply_parser.h"
 #include "engine/sampler.h"
 
 namespace engine {
 
-struct ReplyRequest {
-  std::span<const Message> messages;
-  std::span<const Tool> tools = {};
-  bool thinking = false;  // has no effect on a model without a token for it
-  bool preserveThinking = false;
-};
-
 struct ReplyOptions {
   SamplerSettings sampling = {};
-  uint64_t maxTokens = 0;                       // of the reply, reasoning included; 0: as room allows
+  uint64_t maxTokens = 0;  // of the reply, reasoning included; 0: as room allows
   std::optional<uint64_t> thinkingTokens = {};  // after so many, reasoning is closed
   std::vector<std::string> stops = {};          // strings that end the answer; not part of it
   bool guesses = true;  // look ahead in the text so far, which changes speed alone
@@ -39,11 +32,11 @@ struct ReplyOptions {
 
 // What is told while the reply comes; all may be null.
 struct ReplySinks {
-  PromptProgress prompt;                          // tokens of the messages that were not in place
-  std::function<void(const ReplyEvent&)> event;   // reasoning, answer and calls, in pieces
+  PromptProgress prompt;                         // tokens of the messages that were not in place
+  std::function<void(const ReplyEvent&)> event;  // reasoning, answer and calls, in pieces
   std::function<void(int32_t id, std::span<const float> logits)> token;  // chosen from these logits
-  const volatile int* cancel = nullptr;           // not 0: ends reading within a fraction of a
-                                                  // second, a reply within a token
+  const volatile int* cancel = nullptr;  // not 0: ends reading within a fraction of a
+                                         // second, a reply within a token
 };
 
 enum class ReplyEnd : uint8_t { Stop, StopString, Limit, ContextFull, Cancelled };
@@ -58,31 +51,11 @@ struct Reply {
   uint64_t tokens = 0;        // generated
 };
 
-// How the turns of a model are framed.
-enum class ChatStyle : uint8_t {
-  Family,     // engine/chat_format.h
-  OpenTurns,  // an assistant's turn ends with the next one; no reasoning, no tools
-};
-
-// By the container's template text; Family where it has none or another one (chat_template.h).
-ChatStyle chatStyleOf(const Model& model);
-
-// The tokens of a conversation, and where its messages end in them.
-struct ChatTokens {
-  std::vector<Token> tokens;
-  std::vector<size_t> ends;  // of the messages, ascending
-  bool opensReasoning = false;
-};
-
-// Contents are encoded as text, whatever they spell; framing by ids. Failures are those of
-// renderConversation, and a vocabulary without the tokens that frame turns.
-kel::Status encodeChat(const Model& model, const ReplyRequest& request, ChatTokens& out);
-
 // Generates a reply in a context, which may hold anything: what of it begins the conversation is
 // used, the rest forgotten. On failure, and when it is cancelled while the messages are read, the
 // context holds a beginning of the conversation and reply is as far as it came. Contents and
 // options decide the text, with the sampler's seed; nothing else does.
-kel::Status generateReply(Context& context, Sampler& sampler, const ReplyRequest& request,
+kel::Status generateReply(Context& context, Sampler& sampler, const ChatRequest& request,
                           const ReplyOptions& options, const ReplySinks& sinks, Reply& reply);
 
 // The same for a text that the model goes on with: no framing, and no events but answer text.

@@ -33,8 +33,8 @@ struct BackendLimits {
   uint64_t contextCapacity;  // positions that a conversation may hold
 };
 
-// One piece of a reply in vocabulary text; may hold part of a character. Called on the thread that
-// called turn, between forward passes.
+// A piece of a reply: UTF-8, whole characters, perhaps none. Called on the thread that called turn,
+// between forward passes.
 using PieceSink = std::function<void(std::string_view piece)>;
 
 // Told how many tokens of a prompt have been read; not every backend can tell.
@@ -43,21 +43,35 @@ using PromptSink = std::function<void(uint64_t done, uint64_t total)>;
 // What a generating call is watched and stopped by; all may be null.
 struct TurnCalls {
   PieceSink piece;
+  PieceSink reasoning;  // of models that think before they answer
   PromptSink prompt;
   volatile int* cancel = nullptr;  // set from anywhere to what is not 0
+};
+
+// Unknown: a completion that may have stopped by itself or been cut at the limit. A runtime library
+// reports neither the reason nor the number of pieces, and the filled positions do not tell either:
+// a completion that stops one piece early fills as many as one that was cut.
+enum class TurnEnd { Stopped, Limit, Cancelled, ContextFull, Unknown, Failed };
+
+struct TurnOutcome {
+  TurnEnd end = TurnEnd::Failed;
+  uint64_t pieces = 0;      // tokens of the reply
+  bool needsReset = false;  // of a failure: the conversation has no room left, or may be damaged
 };
 
 class Backend {
  public:
   virtual ~Backend() = default;
 
-  // Feeds text (in vocabulary text, see text_map.h) as the user's next message and streams the
-  // reply. The cancel flag ends the turn after the piece in flight. Set while the message is read,
-  // it ends the turn before the reply; whether the message then counts as said is the backend's.
-  virtual kel::Status turn(const std::string& text, const TurnCalls& calls) = 0;
+  // Feeds text, as it was typed, as the user's next message and streams the reply. The cancel flag
+  // ends the turn after the piece in flight. Set while the message is read, it ends the turn before
+  // the reply; whether the message then counts as said is the backend's.
+  virtual kel::Status turn(const std::string& text, const TurnCalls& calls,
+                           TurnOutcome& outcome) = 0;
   // Completes a prompt from an empty context; ends the conversation. Not every backend streams: one
   // that does not hands over the whole reply as one piece, and looks at no flag.
-  virtual kel::Status complete(const std::string& prompt, const TurnCalls& calls) = 0;
+  virtual kel::Status complete(const std::string& prompt, const TurnCalls& calls,
+                               TurnOutcome& outcome) = 0;
   // Empties the context; sampling settings stay.
   virtual void reset() = 0;
   virtual void configure(const Sampling& sampling) = 0;
@@ -66,8 +80,6 @@ class Backend {
   // Whether top-p is held against weights relative to the best token, so that below 1 it leaves
   // that token alone.
   virtual bool hasRelativeTopP() const = 0;
-  // Whether complete() hands over each piece by itself, so that they can be counted.
-  virtual bool streamsCompletions() const = 0;
 };
 
 }  // namespace zym

@@ -26,12 +26,6 @@ using kel::Status;
 
 namespace {
 
-TurnReport failed(std::string fault) {
-  TurnReport report;
-  report.fault = std::move(fault);
-  return report;
-}
-
 std::string pluginFromEnvironment() {
   const char* name = std::getenv("ZYM_PLUGIN");
   return name == nullptr ? "" : name;
@@ -44,17 +38,14 @@ Status openBackend(const EngineOptions& options, std::unique_ptr<Backend>& backe
     return status;
   }
   if (library.empty()) {
-    return openEngineBackend(options.model, options.maxTokens, backend);
+    return openEngineBackend(options, backend);
   }
-  if (options.maxTokens != 0) {
+  if (options.maxTokens != 0 || !options.system.empty() || options.thinking) {
     return Status::invalid(
-        "a runtime library limits its replies itself; leave out --max-tokens, or --plugin");
+        "a runtime library limits its replies itself and knows neither system messages nor "
+        "thinking; leave out --max-tokens, --system and --think, or --plugin");
   }
-  return openPluginBackend(library, options.model, backend);
-}
-
-bool contextFull(Backend& backend) {
-  return backend.stats().contextTokens >= backend.limits().contextCapacity;
+  return openPluginBackend(library, options.model, options.raw, backend);
 }
 
 }  // namespace
@@ -91,13 +82,6 @@ Status openEngine(const EngineOptions& options, Engine& engine) {
   if (!status.ok()) {
     return status;
   }
-  kel::TokenizerData tables;
-  status = readVocabulary(options.model, tables);
-  if (!status.ok()) {
-    return status;
-  }
-  engine.text = std::make_unique<TextMap>(tables);
-  engine.raw = options.raw;
   status = openBackend(options, engine.backend);
   if (status.ok()) {
     configureEngine(options.sampling, engine);
@@ -141,42 +125,28 @@ namespace {
 // A generating call, watched: what is seen of it while it runs, and how it ended.
 class WatchedCall {
  public:
-  WatchedCall(Engine& asked, std::string_view waiting,
-              const std::function<void(std::string_view)>& shown)
-      : engine(asked), show(shown), decoder(asked.text->way()), alive(std::string(waiting)) {}
+  WatchedCall(std::string_view waiting, const ReplyShow& shown)
+      : show(shown), alive(std::string(waiting)) {}
 
   TurnCalls calls(volatile int* cancel) {
-    return {[this](std::string_view piece) { onPiece(piece); },
+    return {[this](std::string_view piece) { deliver(piece, report.reply, show.answer); },
+            [this](std::string_view piece) { deliver(piece, report.reasoning, show.reasoning); },
             [this](uint64_t done, uint64_t total) { onPrompt(done, total); }, cancel};
   }
 
-  TurnReport end(const Status& status, bool cancelled) {
+  TurnReport end(const Status& status, const TurnOutcome& outcome, bool cancelled) {
     becomeQuiet();
-    deliver(decoder.finish());
-    if (cancelled) {
-      report.end = TurnEnd::Cancelled;
-    } else if (contextFull(*engine.backend)) {
-      report.end = TurnEnd::ContextFull;
-    } else if (!status.ok()) {
+    report.pieces = outcome.pieces;
+    report.end = cancelled ? TurnEnd::Cancelled : outcome.end;
+    if (!status.ok() && !cancelled && outcome.end != TurnEnd::ContextFull) {
+      report.end = TurnEnd::Failed;
       report.fault = status.message;
-      if (status.code == kel::StatusCode::Corrupted) {
-        report.fault += "; `zym check --full` names the tensors at fault";
-      }
-      report.backendFault = true;
-    } else {
-      report.end =
-          report.pieces >= engine.backend->limits().turnTokens ? TurnEnd::Limit : TurnEnd::Stopped;
+      report.backendFault = outcome.needsReset;
     }
     return std::move(report);
   }
 
  private:
-  void onPiece(std::string_view piece) {
-    becomeQuiet();
-    ++report.pieces;
-    deliver(decoder.feed(piece));
-  }
-
   // A prompt that is done at once is not worth a bar.
   void onPrompt(uint64_t done, uint64_t total) {
     if (done < total || bar) {
@@ -193,55 +163,47 @@ class WatchedCall {
     bar.reset();
   }
 
-  void deliver(const std::string& complete) {
-    report.reply += complete;
-    if (!complete.empty() && show) {
-      show(complete);
+  void deliver(std::string_view text, std::string& collected,
+               const std::function<void(std::string_view)>& sink) {
+    becomeQuiet();
+    collected += text;
+    if (!text.empty() && sink) {
+      sink(text);
     }
   }
 
-  Engine& engine;
-  const std::function<void(std::string_view)>& show;
-  PieceDecoder decoder;
+  const ReplyShow& show;
   Liveness alive;
   std::optional<Progress> bar;
   TurnReport report;
 };
 
-using BackendCall = Status (Backend::*)(const std::string& text, const TurnCalls& calls);
+using BackendCall = Status (Backend::*)(const std::string& text, const TurnCalls& calls,
+                                        TurnOutcome& outcome);
 
 TurnReport watch(Engine& engine, BackendCall call, const std::string& typed, const char* waiting,
-                 const std::function<void(std::string_view)>& show, bool cancellable) {
-  std::string text;
-  const Status mapped = engine.text->toVocabulary(typed, engine.raw, text);
-  if (!mapped.ok()) {
-    return failed(mapped.message);
-  }
-  WatchedCall watched(engine, waiting, show);
+                 const ReplyShow& show, bool cancellable) {
+  WatchedCall watched(waiting, show);
   std::optional<CancelScope> scope;
   if (cancellable) {
     scope.emplace();
   }
-  const Status status =
-      (engine.backend.get()->*call)(text, watched.calls(cancellable ? cancelFlag() : nullptr));
-  return watched.end(status, scope && scope->cancelled());
+  TurnOutcome outcome;
+  const Status status = (engine.backend.get()->*call)(
+      typed, watched.calls(cancellable ? cancelFlag() : nullptr), outcome);
+  return watched.end(status, outcome, scope && scope->cancelled());
 }
 
 }  // namespace
 
-TurnReport runTurn(Engine& engine, const std::string& typed,
-                   const std::function<void(std::string_view)>& show, bool cancellable) {
+TurnReport runTurn(Engine& engine, const std::string& typed, const ReplyShow& show,
+                   bool cancellable) {
   return watch(engine, &Backend::turn, typed, "reading", show, cancellable);
 }
 
-TurnReport runCompletion(Engine& engine, const std::string& typed,
-                         const std::function<void(std::string_view)>& show, bool cancellable) {
-  TurnReport report = watch(engine, &Backend::complete, typed, "completing", show, cancellable);
-  if (!engine.backend->streamsCompletions() && report.end != TurnEnd::Failed &&
-      report.end != TurnEnd::ContextFull) {
-    report.end = TurnEnd::Unknown;
-  }
-  return report;
+TurnReport runCompletion(Engine& engine, const std::string& typed, const ReplyShow& show,
+                         bool cancellable) {
+  return watch(engine, &Backend::complete, typed, "completing", show, cancellable);
 }
 
 }  // namespace zym

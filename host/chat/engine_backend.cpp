@@ -1,49 +1,93 @@
 #include "host/chat/engine_backend.h"
 
 #include <algorithm>
-#include <chrono>
 #include <utility>
 #include <vector>
 
 #include "engine/model.h"
+#include "engine/reply.h"
 #include "engine/sampler.h"
+#include "engine/text_encoder.h"
 
 namespace zym {
 namespace {
 
 using kel::Status;
 
-constexpr const char* kTurnEnd = "<|im_end|>";
 constexpr uint64_t kDefaultSeed = 42;
+
+TurnEnd turnEnd(engine::ReplyEnd end) {
+  switch (end) {
+    case engine::ReplyEnd::Limit:
+      return TurnEnd::Limit;
+    case engine::ReplyEnd::ContextFull:
+      return TurnEnd::ContextFull;
+    case engine::ReplyEnd::Cancelled:
+      return TurnEnd::Cancelled;
+    case engine::ReplyEnd::Stop:
+    case engine::ReplyEnd::StopString:
+      break;
+  }
+  return TurnEnd::Stopped;
+}
+
+engine::Message messageOf(engine::Role role, const std::string& content) {
+  engine::Message message;
+  message.role = role;
+  message.content = content;
+  return message;
+}
 
 class EngineBackend : public Backend {
  public:
-  EngineBackend(std::unique_ptr<engine::Context> opened, uint64_t maxTokens)
-      : context(std::move(opened)),
-        tokenizer(context->model().tokenizer()),
-        turnEnd(tokenizer.tokenToId(kTurnEnd)),
-        replyTokens(maxTokens == 0 ? context->capacity() : maxTokens) {}
-
-  // A message that is stopped while it is read has not been said.
-  Status turn(const std::string& text, const TurnCalls& calls) override {
-    return generate("<|im_start|>user\n" + text + "<|im_end|>\n<|im_start|>assistant\n", calls);
+  EngineBackend(std::unique_ptr<engine::Context> opened, const EngineOptions& asked)
+      : context(std::move(opened)), options(asked) {
+    replyOptions.maxTokens = options.maxTokens;
+    reset();
   }
 
-  Status complete(const std::string& prompt, const TurnCalls& calls) override {
+  // A message that is stopped while it is read, or that fails, has not been said.
+  Status turn(const std::string& text, const TurnCalls& calls, TurnOutcome& outcome) override {
+    messages.push_back(messageOf(engine::Role::User, text));
+    const engine::ChatRequest request{
+        .messages = messages, .thinking = options.thinking, .readsMarks = options.raw};
+    engine::Reply reply;
+    Status status = generateReply(*context, sampler, request, replyOptions, sinksOf(calls), reply);
+    if (!status.ok() || reply.tokens == 0) {
+      messages.pop_back();
+    } else {
+      messages.push_back(reply.message);
+    }
+    return report(reply, std::move(status), outcome);
+  }
+
+  Status complete(const std::string& prompt, const TurnCalls& calls,
+                  TurnOutcome& outcome) override {
     reset();
-    Status status = generate(prompt, calls);
-    endsConversation = true;
-    return status;
+    const engine::TextEncoder& encoder = context->model().textEncoder();
+    std::vector<int32_t> ids;
+    if (context->model().tokenizer().bosId >= 0) {
+      ids.push_back(context->model().tokenizer().bosId);
+    }
+    if (options.raw) {
+      encoder.encodeWithSpecials(prompt, ids);
+    } else {
+      encoder.encode(prompt, ids);
+    }
+    engine::Reply reply;
+    Status status = generateText(*context, sampler, ids, replyOptions, sinksOf(calls), reply);
+    return report(reply, std::move(status), outcome);
   }
 
   void reset() override {
-    context->reset();
-    sampler.forget();
-    decodeMsTotal = 0;
-    endsConversation = false;
+    messages.clear();
+    if (!options.system.empty()) {
+      messages.push_back(messageOf(engine::Role::System, options.system));
+    }
   }
 
   void configure(const Sampling& sampling) override {
+    engine::SamplerSettings& settings = replyOptions.sampling;
     settings.temperature = sampling.temperature.value_or(settings.temperature);
     settings.topK = sampling.topK.value_or(settings.topK);
     settings.topP = sampling.topP.value_or(settings.topP);
@@ -52,78 +96,47 @@ class EngineBackend : public Backend {
     }
   }
 
-  BackendStats stats() override { return {context->position(), decodeMsTotal, lastDecodeMs}; }
+  BackendStats stats() override {
+    const engine::ContextStatistics& counted = context->statistics();
+    const uint64_t generated = counted.generatedTokens;
+    return {context->position(), (counted.promptSeconds + counted.generatedSeconds) * 1e3,
+            generated == 0 ? 0 : counted.generatedSeconds * 1e3 / static_cast<double>(generated)};
+  }
 
-  BackendLimits limits() const override { return {replyTokens, context->capacity()}; }
+  BackendLimits limits() const override {
+    return {options.maxTokens == 0 ? context->capacity() : options.maxTokens, context->capacity()};
+  }
 
   bool hasRelativeTopP() const override { return false; }
-  bool streamsCompletions() const override { return true; }
 
  private:
-  using Clock = std::chrono::steady_clock;
-
-  Status generate(const std::string& prompt, const TurnCalls& calls) {
-    if (endsConversation) {
-      reset();
-    }
-    std::vector<int32_t> ids;
-    Status status = tokenizer.encode(prompt, ids, true);
-    if (!status.ok()) {
-      return status;
-    }
-    const Clock::time_point start = Clock::now();
-    const auto fed = context->feed(engine::promptTokens(ids), calls.prompt, calls.cancel, status);
-    if (fed != engine::Context::Fed::All) {
-      return status;
-    }
-    count(start, ids.size());
-    sampler.beginReply(ids);
-    return reply(calls);
+  static engine::ReplySinks sinksOf(const TurnCalls& calls) {
+    return {.prompt = calls.prompt,
+            .event =
+                [&calls](const engine::ReplyEvent& event) {
+                  using Kind = engine::ReplyEvent::Kind;
+                  if (event.kind == Kind::Answer && calls.piece) {
+                    calls.piece(event.text);
+                  } else if (event.kind == Kind::Reasoning && calls.reasoning) {
+                    calls.reasoning(event.text);
+                  }
+                },
+            .token = nullptr,
+            .cancel = calls.cancel};
   }
 
-  Status reply(const TurnCalls& calls) {
-    std::string piece;
-    for (uint64_t emitted = 0; !isCancelled(calls);) {
-      const int32_t id = sampler.next(context->logits(), settings);
-      if (id == tokenizer.eosId || id == turnEnd || !tokenizer.decode({id}, piece).ok()) {
-        break;
-      }
-      if (calls.piece) {
-        calls.piece(piece);
-      }
-      if (++emitted >= replyTokens || context->position() >= context->capacity()) {
-        break;
-      }
-      sampler.accept(id);
-      const Clock::time_point start = Clock::now();
-      Status status = context->feedToken(id);
-      if (!status.ok()) {
-        return status;
-      }
-      count(start, 1);
-    }
-    return Status::success();
-  }
-
-  static bool isCancelled(const TurnCalls& calls) {
-    return calls.cancel != nullptr && __atomic_load_n(calls.cancel, __ATOMIC_RELAXED) != 0;
-  }
-
-  void count(Clock::time_point start, uint64_t tokens) {
-    const std::chrono::duration<double, std::milli> spent = Clock::now() - start;
-    decodeMsTotal += spent.count();
-    lastDecodeMs = tokens == 0 ? 0 : spent.count() / static_cast<double>(tokens);
+  static Status report(const engine::Reply& reply, Status status, TurnOutcome& outcome) {
+    outcome.pieces = reply.tokens;
+    outcome.end = status.ok() ? turnEnd(reply.end) : TurnEnd::Failed;
+    outcome.needsReset = !status.ok();
+    return status;
   }
 
   std::unique_ptr<engine::Context> context;
-  const kel::Tokenizer& tokenizer;
-  int32_t turnEnd;
-  uint64_t replyTokens;
+  EngineOptions options;
+  std::vector<engine::Message> messages;
   engine::Sampler sampler{kDefaultSeed};
-  engine::SamplerSettings settings;
-  double decodeMsTotal = 0;
-  double lastDecodeMs = 0;
-  bool endsConversation = false;  // what the context holds is a completion
+  engine::ReplyOptions replyOptions;
 };
 
 }  // namespace
@@ -144,12 +157,11 @@ Status openContext(const std::string& modelPath, uint64_t positions,
   return {status.code, modelPath + ": " + status.message + advice};
 }
 
-Status openEngineBackend(const std::string& modelPath, uint64_t maxTokens,
-                         std::unique_ptr<Backend>& backend) {
+Status openEngineBackend(const EngineOptions& options, std::unique_ptr<Backend>& backend) {
   std::unique_ptr<engine::Context> context;
-  Status status = openContext(modelPath, 0, context);
+  Status status = openContext(options.model, 0, context);
   if (status.ok()) {
-    backend = std::make_unique<EngineBackend>(std::move(context), maxTokens);
+    backend = std::make_unique<EngineBackend>(std::move(context), options);
   }
   return status;
 }

@@ -1,5 +1,5 @@
-// The backend of the program's own engine: models of every size, replies as long as the context,
-// prompts that can be watched and stopped.
+// The backend of the program's own engine: models of every size, the family's own chat format,
+// replies as long as the context, prompts that can be watched and stopped.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +9,7 @@
 #include "container/status.h"
 #include "engine/context.h"
 #include "host/chat/backend.h"
+#include "host/chat/engine.h"
 
 namespace zym {
 
@@ -17,8 +18,6 @@ namespace zym {
 kel::Status openContext(const std::string& modelPath, uint64_t positions,
                         std::unique_ptr<engine::Context>& context);
 
-// maxTokens: of one reply; 0: as the context has room for. Messages as above.
-kel::Status openEngineBackend(const std::string& modelPath, uint64_t maxTokens,
-                              std::unique_ptr<Backend>& backend);
+kel::Status openEngineBackend(const EngineOptions& options, std::unique_ptr<Backend>& backend);
 
 }  // namespace zym

@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "container/zym_loader.h"
+#include "host/chat/engine.h"
 #include "host/chat/open_failure.h"
+#include "host/chat/text_map.h"
 #include "zym/plugin.h"
 
 namespace zym {
@@ -89,33 +91,58 @@ Status createFailure(const std::string& modelPath, std::string_view reason) {
 
 class PluginBackend : public Backend {
  public:
-  PluginBackend(const Tables& tables, std::string path, ZYMRuntimeHandle* opened)
-      : table(tables), modelPath(std::move(path)), handle(opened) {}
+  PluginBackend(const Tables& tables, std::string path, ZYMRuntimeHandle* opened,
+                const kel::TokenizerData& vocabulary, bool keepSpecial)
+      : table(tables),
+        modelPath(std::move(path)),
+        handle(opened),
+        textMap(vocabulary),
+        raw(keepSpecial) {}
   ~PluginBackend() override { table.v2->destroy(handle); }
   PluginBackend(const PluginBackend&) = delete;
   PluginBackend& operator=(const PluginBackend&) = delete;
 
-  Status turn(const std::string& text, const TurnCalls& calls) override {
-    const auto forward = [](const char* piece, uint32_t length, void* userData) {
-      const auto& target = *static_cast<const PieceSink*>(userData);
-      if (target) {
-        target({piece, length});
-      }
+  // A message that is stopped while it is read has been said all the same.
+  Status turn(const std::string& typed, const TurnCalls& calls, TurnOutcome& outcome) override {
+    std::string text;
+    Status status = textMap.toVocabulary(typed, raw, text);
+    if (!status.ok()) {
+      return status;
+    }
+    PieceDecoder decoder(textMap.way());
+    const PieceSink deliver = [&](std::string_view piece) {
+      ++outcome.pieces;
+      tell(calls, decoder.feed(piece));
     };
-    return callStatus(
-        table.stream->chatTurnStream(handle, text.c_str(), forward,
-                                     const_cast<PieceSink*>(&calls.piece), calls.cancel),
-        "the turn");
+    const auto forward = [](const char* piece, uint32_t length, void* userData) {
+      (*static_cast<const PieceSink*>(userData))({piece, length});
+    };
+    status =
+        callStatus(table.stream->chatTurnStream(handle, text.c_str(), forward,
+                                                const_cast<PieceSink*>(&deliver), calls.cancel),
+                   "the turn");
+    tellRest(calls, decoder);
+    const bool isCut = outcome.pieces >= ZYM_MAX_TURN_TOKENS;
+    outcome.end = endOf(status, isCut ? TurnEnd::Limit : TurnEnd::Stopped);
+    outcome.needsReset = !status.ok();
+    return status;
   }
 
-  Status complete(const std::string& prompt, const TurnCalls& calls) override {
-    std::vector<char> buffer(kReplyBytes);
-    const uint32_t status =
-        table.v2->generate(handle, prompt.c_str(), buffer.data(), buffer.size());
-    if (calls.piece) {
-      calls.piece(buffer.data());
+  Status complete(const std::string& typed, const TurnCalls& calls, TurnOutcome& outcome) override {
+    std::string prompt;
+    Status status = textMap.toVocabulary(typed, raw, prompt);
+    if (!status.ok()) {
+      return status;
     }
-    return callStatus(status, "the completion");
+    std::vector<char> buffer(kReplyBytes);
+    status = callStatus(table.v2->generate(handle, prompt.c_str(), buffer.data(), buffer.size()),
+                        "the completion");
+    PieceDecoder decoder(textMap.way());
+    tell(calls, decoder.feed(buffer.data()));
+    tellRest(calls, decoder);
+    outcome.end = endOf(status, TurnEnd::Unknown);
+    outcome.needsReset = !status.ok();
+    return status;
   }
 
   void reset() override { table.v2->reset(handle); }
@@ -137,7 +164,6 @@ class PluginBackend : public Backend {
   }
 
   bool hasRelativeTopP() const override { return true; }
-  bool streamsCompletions() const override { return false; }
 
   BackendLimits limits() const override { return {ZYM_MAX_TURN_TOKENS, ZYM_CONTEXT_CAPACITY}; }
 
@@ -155,17 +181,42 @@ class PluginBackend : public Backend {
                            modelPath + "` names");
   }
 
+  TurnEnd endOf(const Status& status, TurnEnd regular) {
+    if (stats().contextTokens >= ZYM_CONTEXT_CAPACITY) {
+      return TurnEnd::ContextFull;
+    }
+    return status.ok() ? regular : TurnEnd::Failed;
+  }
+
+  // Also with no text: what counts pieces counts those that complete no character.
+  static void tell(const TurnCalls& calls, const std::string& text) {
+    if (calls.piece) {
+      calls.piece(text);
+    }
+  }
+  static void tellRest(const TurnCalls& calls, PieceDecoder& decoder) {
+    if (const std::string rest = decoder.finish(); !rest.empty()) {
+      tell(calls, rest);
+    }
+  }
+
   Tables table;
   std::string modelPath;
   ZYMRuntimeHandle* handle;
+  TextMap textMap;
+  bool raw;
 };
 
 }  // namespace
 
 Status openPluginBackend(const std::filesystem::path& library, const std::string& modelPath,
-                         std::unique_ptr<Backend>& backend) {
+                         bool raw, std::unique_ptr<Backend>& backend) {
+  kel::TokenizerData vocabulary;
+  Status status = readVocabulary(modelPath, vocabulary);
   Tables tables;
-  Status status = loadTables(library, tables);
+  if (status.ok()) {
+    status = loadTables(library, tables);
+  }
   if (!status.ok() || tables.v2 == nullptr) {
     return status;
   }
@@ -176,7 +227,7 @@ Status openPluginBackend(const std::filesystem::path& library, const std::string
       handle == nullptr) {
     return createFailure(modelPath, reason);
   }
-  backend = std::make_unique<PluginBackend>(tables, modelPath, handle);
+  backend = std::make_unique<PluginBackend>(tables, modelPath, handle, vocabulary, raw);
   return Status::success();
 }
 

@@ -10,9 +10,10 @@
 
 namespace zym {
 
-// Loads the library and opens the model. The message of a failure names the file at fault and says
-// what to do. The library stays loaded until the program ends.
+// Loads the library and opens the model; raw: special tokens in texts take effect. The message of a
+// failure names the file at fault and says what to do. The library stays loaded until the program
+// ends.
 kel::Status openPluginBackend(const std::filesystem::path& library, const std::string& modelPath,
-                              std::unique_ptr<Backend>& backend);
+                              bool raw, std::unique_ptr<Backend>& backend);
 
 }  // namespace zym

@@ -190,11 +190,26 @@ bool Chat::obey(const ChatCommand& command) {
 }
 
 void Chat::answer(const std::string& message) {
-  const auto show = [this](std::string_view text) {
-    write(replyOnTerminal ? wrap.feed(withoutControls(text), terminalColumns(STDOUT_FILENO))
-                          : std::string(text));
+  const bool styled = styleWanted(STDOUT_FILENO);
+  bool isThinking = false;
+  const auto wrapped = [this](std::string_view text) {
+    return replyOnTerminal ? wrap.feed(withoutControls(text), terminalColumns(STDOUT_FILENO))
+                           : std::string(text);
   };
-  const TurnReport report = runTurn(engine, message, show, true);
+  const auto show = [&](std::string_view text) {
+    if (std::exchange(isThinking, false)) {
+      write(dimmed(wrap.finish(), styled) + "\n\n");
+    }
+    write(wrapped(text));
+  };
+  // Not part of the reply that a script wants.
+  const auto showReasoning = [&](std::string_view text) {
+    if (replyOnTerminal) {
+      isThinking = true;
+      write(dimmed(wrapped(text), styled));
+    }
+  };
+  const TurnReport report = runTurn(engine, message, {show, showReasoning}, true);
   write(wrap.finish() + "\n");
   const BackendLimits limits = engine.backend->limits();
   if (report.end == TurnEnd::Failed || report.end == TurnEnd::ContextFull) {
@@ -256,7 +271,7 @@ void addChat(CLI::App& program, Action& action) {
   CLI::App* command = program.add_subcommand("chat", "Talk with a model");
   const auto model = addModel(*command, *options);
   addRaw(*command, options->raw);
-  addMaxTokens(*command, options->maxTokens);
+  addReply(*command, *options);
   addSampling(*command, options->sampling);
   addExamples(*command,
               "  zym chat model.zym\n"

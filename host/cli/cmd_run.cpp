@@ -47,6 +47,9 @@ void printJson(const std::string& prompt, const TurnReport& report) {
     line["end"] = turnEndName(report.end);
     line["pieces"] = report.pieces;
   }
+  if (!report.reasoning.empty()) {
+    line["reasoning"] = report.reasoning;
+  }
   fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
   std::fflush(stdout);
 }
@@ -59,9 +62,9 @@ void show(std::string_view text) {
 
 // As text the reply is shown while it comes, as JSON when it is whole.
 TurnReport answer(Engine& engine, const RunOptions& options, const std::string& prompt) {
-  const std::function<void(std::string_view)> sink = options.json ? nullptr : show;
-  TurnReport report = options.chat ? runTurn(engine, prompt, sink, false)
-                                   : runCompletion(engine, prompt, sink, false);
+  const ReplyShow sinks = options.json ? ReplyShow{} : ReplyShow{show, nullptr};
+  TurnReport report = options.chat ? runTurn(engine, prompt, sinks, false)
+                                   : runCompletion(engine, prompt, sinks, false);
   const bool isBroken = report.end == TurnEnd::Failed;
   if (options.json && !isBroken) {
     printJson(prompt, report);
@@ -149,7 +152,7 @@ void addRun(CLI::App& program, Action& action) {
                     "With --chat: every prompt is a conversation of its own");
   command->add_flag("--json", options->json, "One JSON object per reply");
   addRaw(*command, options->engine.raw);
-  addMaxTokens(*command, options->engine.maxTokens);
+  addReply(*command, options->engine);
   addSampling(*command, options->engine.sampling);
   addExamples(*command,
               "  zym run model.zym --chat -p 'Who are you?'\n"

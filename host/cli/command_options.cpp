@@ -42,12 +42,15 @@ void addSampling(CLI::App& command, Sampling& sampling) {
   addSetting(command, "seed", "Start of the random numbers", sampling);
 }
 
-void addMaxTokens(CLI::App& command, uint64_t& maxTokens) {
+void addReply(CLI::App& command, EngineOptions& options) {
   command
-      .add_option("--max-tokens", maxTokens,
+      .add_option("--max-tokens", options.maxTokens,
                   "Tokens of a reply at most (default: as many as the context has room for)")
       ->check(CLI::Range(1, 262144))
       ->type_name("N");
+  command.add_option("--system", options.system, "System message in front of the conversation")
+      ->type_name("TEXT");
+  command.add_flag("--think", options.thinking, "Let the model think before it answers");
 }
 
 void addRaw(CLI::App& command, bool& raw) {

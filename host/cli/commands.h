@@ -34,7 +34,8 @@ void addCache(CLI::App& program, Action& action);
 std::shared_ptr<ModelArgument> addModel(CLI::App& command, EngineOptions& options);
 void addSampling(CLI::App& command, Sampling& sampling);
 void addRaw(CLI::App& command, bool& raw);
-void addMaxTokens(CLI::App& command, uint64_t& maxTokens);
+// What the reply of a model is like, but for its sampling.
+void addReply(CLI::App& command, EngineOptions& options);
 // Puts examples below a command's help.
 void addExamples(CLI::App& command, const std::string& lines);
 

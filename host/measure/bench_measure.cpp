@@ -72,7 +72,8 @@ std::string filling(uint64_t words) {
 Status feed(Backend& backend, const std::string& text, uint64_t& used) {
   volatile int cancel = 1;
   const uint64_t before = backend.stats().contextTokens;
-  Status status = backend.turn(text, {nullptr, nullptr, &cancel});
+  TurnOutcome outcome;
+  Status status = backend.turn(text, {nullptr, nullptr, nullptr, &cancel}, outcome);
   used = backend.stats().contextTokens - before;
   return status;
 }
@@ -189,7 +190,8 @@ Status measureDecode(Backend& backend, const FillingCost& cost, uint64_t depth, 
       }
       last = Clock::now();
     };
-    Status status = backend.turn("Hello", {onPiece, nullptr, &cancel});
+    TurnOutcome outcome;
+    Status status = backend.turn("Hello", {onPiece, nullptr, nullptr, &cancel}, outcome);
     // A turn that finds the context full measures nothing; the next round empties it.
     if (!status.ok() && !contextFull(backend)) {
       return status;

@@ -15,7 +15,7 @@ namespace {
 // same in every turn, or in every other one.
 class CountingBackend : public Backend {
  public:
-  kel::Status turn(const std::string& text, const TurnCalls& calls) override {
+  kel::Status turn(const std::string& text, const TurnCalls& calls, TurnOutcome&) override {
     const auto spaces = static_cast<uint64_t>(std::count(text.begin(), text.end(), ' '));
     positions += (positions == 0 ? beginning : 0) + framing + (spaces + 1) * positionsPerWord;
     ++turns;
@@ -29,9 +29,8 @@ class CountingBackend : public Backend {
     }
     return kel::Status::success();
   }
-  kel::Status complete(const std::string&, const TurnCalls&) override { return {}; }
+  kel::Status complete(const std::string&, const TurnCalls&, TurnOutcome&) override { return {}; }
   bool hasRelativeTopP() const override { return true; }
-  bool streamsCompletions() const override { return false; }
   void reset() override {
     positions = 0;
     ++resets;
