@@ -123,7 +123,7 @@ Status showTokens(const Vocabulary& vocabulary, const TokenizeOptions& options,
               "U+FFFD)");
   }
   std::vector<int32_t> ids;
-  const Status status = encode(vocabulary, options, input, ids);
+  Status status = encode(vocabulary, options, input, ids);
   if (!status.ok()) {
     return status;
   }
@@ -147,7 +147,7 @@ Status showTokens(const Vocabulary& vocabulary, const TokenizeOptions& options,
 Status showText(const Vocabulary& vocabulary, const TokenizeOptions& options,
                 const std::string& input) {
   std::vector<int32_t> ids;
-  const Status status = parseTokenIds(input, vocabulary.tokenizer.tokens.size(), ids);
+  Status status = parseTokenIds(input, vocabulary.tokenizer.tokens.size(), ids);
   if (!status.ok()) {
     return status;
   }
