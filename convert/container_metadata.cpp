@@ -60,6 +60,9 @@ void addTokens(const SourceModel& source, const TokenizerData& tokenizer, ZYM2Wr
     addId(writer, key, idOfMark(tokenizer, mark));
   }
   addText(writer, "tokenizer.chat_template", source.chatTemplate);
+  if (source.normalizer) {
+    writer.addMetaStr("tokenizer.normalizer", *source.normalizer);
+  }
 }
 
 void addSampling(const SourceModel& source, ZYM2Writer& writer) {

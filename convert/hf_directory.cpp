@@ -59,19 +59,20 @@ int32_t endToken(const json& generation, const json& tokenizer, const HfConfig& 
 
 // tokenizer, generation: the settings of either, null where the directory has no such file.
 Status readVocabulary(const std::string& folder, const HfConfig& config, const json& tokenizer,
-                      const json& generation, Vocabulary& out) {
+                      const json& generation, SourceModel& out) {
+  Vocabulary& vocabulary = out.vocabulary;
   MappedFile file;
   Status status = file.open(folder + "/tokenizer.json");
   if (status.ok()) {
-    status = parseTokenizerJson(file.text(), out);
+    status = parseTokenizerJson(file.text(), vocabulary, out.normalizer.emplace());
   }
   if (!status.ok()) {
     return status;
   }
-  out.eosId = endToken(generation, tokenizer, config, out);
-  out.bosId = config.bosId;
+  vocabulary.eosId = endToken(generation, tokenizer, config, vocabulary);
+  vocabulary.bosId = config.bosId;
   const json* addBos = jsonMember(tokenizer, "add_bos_token");
-  out.addBos = addBos != nullptr && *addBos == true;
+  vocabulary.addBos = addBos != nullptr && *addBos == true;
   return status;
 }
 
@@ -174,7 +175,7 @@ Status readHfDirectory(const std::string& path, SourceModel& out) {
     status = readOptionalJson(path + "/generation_config.json", generation);
   }
   if (status.ok()) {
-    status = readVocabulary(path, config, tokenizer, generation, out.vocabulary);
+    status = readVocabulary(path, config, tokenizer, generation, out);
   }
   if (!status.ok()) {
     return status;

@@ -55,6 +55,8 @@ struct SourceModel {
   bool groupedHeads = false;
 
   Vocabulary vocabulary;
+  // What is done to text before it is cut: "nfc" or nothing, where the source states it.
+  std::optional<std::string> normalizer;
   int64_t paddingId = -1;
   std::string chatTemplate;
   // Recommended settings under the names of metadata: "temp", "top_k", "top_p", "min_p" and others.

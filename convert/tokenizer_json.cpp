@@ -63,6 +63,14 @@ bool keepsText(const json& normalizer) {
          std::all_of(steps->begin(), steps->end(), keepsText);
 }
 
+// normalizer: null, or one that keeps text.
+bool composes(const json& normalizer) {
+  const json* type = jsonMember(normalizer, "type");
+  const json* steps = jsonMember(normalizer, "normalizers");
+  return (type != nullptr && *type == "NFC") ||
+         (steps != nullptr && std::any_of(steps->begin(), steps->end(), composes));
+}
+
 // A space that is put in front of every text is no matter of how text is cut.
 bool addsPrefixSpace(const json& preTokenizer) {
   const json* steps = jsonMember(preTokenizer, "pretokenizers");
@@ -147,7 +155,7 @@ std::optional<std::string> mergeRule(const json& rule) {
 
 }  // namespace
 
-Status parseTokenizerJson(std::string_view text, Vocabulary& out) {
+Status parseTokenizerJson(std::string_view text, Vocabulary& out, std::string& normalizer) {
   json file;
   Status status = parseJson(text, "tokenizer.json", file);
   if (!status.ok()) {
@@ -167,6 +175,8 @@ Status parseTokenizerJson(std::string_view text, Vocabulary& out) {
   if (!status.ok()) {
     return status;
   }
+  const json* stated = jsonMember(file, "normalizer");
+  normalizer = stated != nullptr && composes(*stated) ? "nfc" : "";
   status = readTokens(*vocab, jsonMember(file, "added_tokens"), out);
   if (!status.ok()) {
     return status;

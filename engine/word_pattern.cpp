@@ -31,8 +31,8 @@ constexpr Kind kindOfAscii(uint8_t c) {
 
 constexpr std::array<Kind, 128> kAsciiKinds = [] {
   std::array<Kind, 128> kinds{};
-  for (uint8_t c = 0; c < kinds.size(); ++c) {
-    kinds[c] = kindOfAscii(c);
+  for (size_t c = 0; c < kinds.size(); ++c) {
+    kinds[c] = kindOfAscii(static_cast<uint8_t>(c));
   }
   return kinds;
 }();

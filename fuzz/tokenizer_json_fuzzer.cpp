@@ -2,6 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
 #include "convert/tokenizer_json.h"
@@ -22,8 +23,9 @@ void require(bool condition) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Vocabulary vocabulary;
+  std::string normalizer;
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  if (!parseTokenizerJson(text, vocabulary).ok()) {
+  if (!parseTokenizerJson(text, vocabulary, normalizer).ok()) {
     return 0;
   }
   require(vocabulary.tokens.size() == vocabulary.types.size());

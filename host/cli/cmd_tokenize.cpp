@@ -9,6 +9,12 @@
 #include <utility>
 #include <vector>
 
+#include "container/zym2_reader.h"
+#include "engine/text_decoder.h"
+#include "engine/text_encoder.h"
+#include "engine/utf8_text.h"
+#include "host/chat/engine.h"
+#include "host/chat/open_failure.h"
 #include "host/chat/text_map.h"
 #include "host/cli/commands.h"
 #include "host/cli/model_argument.h"
@@ -31,19 +37,33 @@ struct TokenizeOptions {
   std::string file;  // instead of text
   bool ids = false;  // the text is ids
   bool raw = false;
+  bool pluginRules = false;
   bool json = false;
 };
 
 struct Vocabulary {
-  std::unique_ptr<TextMap> map;
+  std::unique_ptr<TextMap> map;  // for a runtime library's encoder, which is the tokenizer's
   kel::Tokenizer tokenizer;
+  engine::TextForm form = engine::TextForm::Composed;
 };
+
+Status readForm(const std::string& path, engine::TextForm& form) {
+  kel::ZYM2Reader reader;
+  if (const Status opened = reader.open(path.c_str()); !opened.ok()) {
+    return openFailure(path, opened);
+  }
+  const Status status = engine::readTextForm(reader, form);
+  return status.ok() ? status : Status{status.code, path + ": " + status.message};
+}
 
 Status openVocabulary(const std::string& path, Vocabulary& vocabulary) {
   kel::TokenizerData tables;
   Status status = checkInputFile(path);
   if (status.ok()) {
     status = readVocabulary(path, tables);
+  }
+  if (status.ok()) {
+    status = readForm(path, vocabulary.form);
   }
   if (!status.ok()) {
     return status;
@@ -66,32 +86,53 @@ Status readInput(const TokenizeOptions& options, std::string& text) {
   return Status::success();
 }
 
-// What a token adds to a text, by itself: U+FFFD for part of a character.
-std::string pieceText(const TextMap& map, const std::string& token) {
-  PieceDecoder decoder(map.way());
-  std::string text = decoder.feed(token);
-  return text + decoder.finish();
+// The ids that the program's own engine reads.
+std::vector<int32_t> engineIds(const Vocabulary& vocabulary, const std::string& input, bool raw) {
+  const kel::Tokenizer& tokenizer = vocabulary.tokenizer;
+  const engine::TextEncoder encoder(tokenizer, vocabulary.form);
+  std::vector<int32_t> ids;
+  if (tokenizer.bosId >= 0) {
+    ids.push_back(tokenizer.bosId);
+  }
+  if (raw) {
+    encoder.encodeWithSpecials(input, ids);
+  } else {
+    encoder.encode(input, ids);
+  }
+  return ids;
+}
+
+Status encode(const Vocabulary& vocabulary, const TokenizeOptions& options,
+              const std::string& input, std::vector<int32_t>& ids) {
+  if (!options.pluginRules) {
+    ids = engineIds(vocabulary, input, options.raw);
+    return Status::success();
+  }
+  std::string text;
+  const Status status = vocabulary.map->toVocabulary(input, options.raw, text);
+  return status.ok() ? vocabulary.tokenizer.encode(text, ids, true) : status;
 }
 
 Status showTokens(const Vocabulary& vocabulary, const TokenizeOptions& options,
                   const std::string& input) {
-  if (replaceInvalid(input) != input) {
-    remark("(the text is not valid UTF-8; bytes that belong to no character are read one by one)");
+  if (!engine::isValid(input)) {
+    remark(
+        options.pluginRules
+            ? "(the text is not valid UTF-8; bytes that belong to no character are read one by one)"
+            : "(the text is not valid UTF-8; bytes that belong to no character are read as "
+              "U+FFFD)");
   }
-  std::string text;
   std::vector<int32_t> ids;
-  Status status = vocabulary.map->toVocabulary(input, options.raw, text);
-  if (status.ok()) {
-    status = vocabulary.tokenizer.encode(text, ids, true);
-  }
-  std::vector<std::string> pieces;
-  for (size_t i = 0; status.ok() && i < ids.size(); ++i) {
-    std::string token;
-    status = vocabulary.tokenizer.tokenToString(ids[i], token);
-    pieces.push_back(pieceText(*vocabulary.map, token));
-  }
+  Status status = encode(vocabulary, options, input, ids);
   if (!status.ok()) {
     return status;
+  }
+  // What a token adds to a text, by itself: U+FFFD for part of a character.
+  std::vector<std::string> pieces;
+  engine::TextDecoder decoder(vocabulary.tokenizer, engine::TextDecoder::Specials::Shown);
+  for (const int32_t id : ids) {
+    std::string piece = decoder.feed(id);
+    pieces.push_back(piece + decoder.finish());
   }
   if (options.json) {
     fmt::print("{}\n", Json{{"ids", ids}, {"pieces", pieces}}.dump());
@@ -107,15 +148,13 @@ Status showText(const Vocabulary& vocabulary, const TokenizeOptions& options,
                 const std::string& input) {
   std::vector<int32_t> ids;
   Status status = parseTokenIds(input, vocabulary.tokenizer.tokens.size(), ids);
-  PieceDecoder decoder(vocabulary.map->way());
-  std::string text;
-  for (size_t i = 0; status.ok() && i < ids.size(); ++i) {
-    std::string token;
-    status = vocabulary.tokenizer.tokenToString(ids[i], token);
-    text += decoder.feed(token);
-  }
   if (!status.ok()) {
     return status;
+  }
+  engine::TextDecoder decoder(vocabulary.tokenizer, engine::TextDecoder::Specials::Shown);
+  std::string text;
+  for (const int32_t id : ids) {
+    text += decoder.feed(id);
   }
   text += decoder.finish();
   if (options.json) {
@@ -159,12 +198,17 @@ void addTokenize(CLI::App& program, Action& action) {
   auto* file = command->add_option("-f,--file", options->file, "Read the text from a file")
                    ->type_name("FILE")
                    ->excludes(text);
-  command->add_flag("--ids", options->ids, "The text is ids: show what they spell");
+  auto* ids = command->add_flag("--ids", options->ids, "The text is ids: show what they spell");
+  command
+      ->add_flag("--plugin-rules", options->pluginRules,
+                 "The tokens that a runtime library reads, by the container format's rules")
+      ->excludes(ids);
   command->add_flag("--json", options->json, "One JSON object");
   addRaw(*command, options->raw);
   addExamples(*command,
               "  zym tokenize model.zym 'Hello there'\n"
               "  zym tokenize model.zym --raw '<|im_start|>user'\n"
+              "  zym tokenize model.zym --plugin-rules -f main.cpp\n"
               "  zym tokenize model.zym -f story.txt --json\n"
               "  zym tokenize model.zym --ids 9707 1052");
   command->callback([options, model, text, more, file, &action] {

@@ -53,6 +53,7 @@ TEST_F(ContainerMetadata, OfAGgufFileIsTheFiles) {
   EXPECT_EQ("Tiny", text(converted, "zym.source.name"));
   EXPECT_EQ("apache-2.0", text(converted, "general.license"));
   EXPECT_EQ("x", text(converted, "tokenizer.chat_template"));
+  EXPECT_EQ("(none)", text(converted, "tokenizer.normalizer"));
   EXPECT_EQ(7, id(converted, "tokenizer.ggml.eos_token_id"));
   EXPECT_EQ(-1, id(converted, "tokenizer.ggml.bos_token_id"));
   EXPECT_EQ(6, id(converted, "tokenizer.ggml.padding_token_id"));
@@ -87,6 +88,12 @@ TEST_F(ContainerMetadata, OfACheckpointComesFromItsFiles) {
   EXPECT_EQ(0.75F, number(converted, "general.sampling.top_p"));
   const std::string reencoded = text(converted, "zym.convert.reencoded");
   EXPECT_NE(std::string::npos, reencoded.find("4 ffn_down.weight: F16 to Q8_0")) << reencoded;
+
+  EXPECT_EQ("", text(converted, "tokenizer.normalizer"));
+  std::string composing = directory.tokenizer;
+  composing.insert(1, R"("normalizer": {"type": "NFC"}, )");
+  put("tokenizer.json", composing);
+  EXPECT_EQ("nfc", text(Converted(folder.file("checkpoint")), "tokenizer.normalizer"));
 
   put("chat_template.jinja", "from a file");
   EXPECT_EQ("from a file", text(Converted(folder.file("checkpoint")), "tokenizer.chat_template"));

@@ -146,16 +146,18 @@ TEST(Vocabulary, ByteLevelVocabulariesMayBeginWithAnyRule) {
 
 std::string jsonMessage(const std::string& text) {
   Vocabulary vocabulary;
-  return parseTokenizerJson(text, vocabulary).message;
+  std::string normalizer;
+  return parseTokenizerJson(text, vocabulary, normalizer).message;
 }
 
 TEST(TokenizerJson, TokensTypesAndMerges) {
   Vocabulary vocabulary;
+  std::string normalizer;
   ASSERT_EQ("", parseTokenizerJson(R"({"model": {"type": "BPE", "vocab": {"b": 1, "a": 0},
                   "merges": [["a", "b"], "b a"]},
                   "added_tokens": [{"id": 4, "content": "<x>", "special": false},
                                    {"id": 1, "content": "b"}]})",
-                                   vocabulary)
+                                   vocabulary, normalizer)
                     .message);
   EXPECT_EQ((std::vector<std::string>{"a", "b", "[PAD2]", "[PAD3]", "<x>"}), vocabulary.tokens);
   EXPECT_EQ((std::vector<int32_t>{1, 3, 5, 5, 3}), vocabulary.types);
@@ -209,6 +211,22 @@ TEST(TokenizerJson, TextHandlingThatTheRuntimeHasNotIsRefused) {
             with("", R"(, "ignore_merges": true)"));
   EXPECT_EQ("tokenizer.json: model.end_of_word_suffix is \"</w>\"; the runtime needs none",
             with("", R"(, "end_of_word_suffix": "</w>", "continuing_subword_prefix": "")"));
+}
+
+TEST(TokenizerJson, TheNormalizerIsToldApart) {
+  const auto stated = [](const std::string& normalizer) {
+    const std::string text = R"({"model": {"vocab": {}, "merges": []})" + normalizer + "}";
+    Vocabulary vocabulary;
+    std::string out = "untouched";
+    EXPECT_EQ("", parseTokenizerJson(text, vocabulary, out).message);
+    return out;
+  };
+  EXPECT_EQ("nfc", stated(R"(, "normalizer": {"type": "NFC"})"));
+  EXPECT_EQ("nfc", stated(R"(, "normalizer": {"type": "Sequence", "normalizers": [null,
+                             {"type": "NFC"}]})"));
+  EXPECT_EQ("", stated(R"(, "normalizer": {"type": "Sequence", "normalizers": []})"));
+  EXPECT_EQ("", stated(R"(, "normalizer": null)"));
+  EXPECT_EQ("", stated(""));
 }
 
 TEST(TokenizerJson, EveryTruncationIsRefused) {

@@ -540,10 +540,43 @@ TEST_F(ProgramTest, TokenizeGivesACharacterOfSeveralTokensWhole) {
   EXPECT_EQ(zym({"tokenize", model, "--ids", "3"}).out, "\uFFFD\n");
   EXPECT_EQ(zym({"tokenize", model, "é"}).out, "      2  \"\uFFFD\"\n      3  \"\uFFFD\"\n");
   const Outcome invalid = zym({"tokenize", model, "\xC3"});
-  EXPECT_EQ(invalid.out, "      2  \"\uFFFD\"\n");
+  EXPECT_EQ(invalid.out, "");  // U+FFFD has no tokens here
   EXPECT_EQ(invalid.err,
+            "(the text is not valid UTF-8; bytes that belong to no character are read as "
+            "U+FFFD)\n");
+  const Outcome oneByOne = zym({"tokenize", model, "--plugin-rules", "\xC3"});
+  EXPECT_EQ(oneByOne.out, "      2  \"\uFFFD\"\n");
+  EXPECT_EQ(oneByOne.err,
             "(the text is not valid UTF-8; bytes that belong to no character are read one by "
             "one)\n");
+}
+
+TEST_F(ProgramTest, TokenizeShowsTheEnginesTokensOrThoseOfTheContainersRules) {
+  ASSERT_TRUE(writeSmallModel(model, nullptr, "qwen35", [](kel::ZYM2Writer& writer) {
+                kel::TokenizerData data = testing_support::smallVocabulary(6);
+                data.tokens = {"Ġ", "<|im_end|>", "\n", ")", ";", ");Ċ"};
+                data.merges = {"Ġ a", ") ;", "); Ċ"};
+                writer.setTokenizer(data);
+              }).ok());
+  const auto ids = [&](const std::vector<std::string>& options) {
+    std::vector<std::string> words = {"tokenize", model, "--json", ");\n"};
+    words.insert(words.end(), options.begin(), options.end());
+    return Json::parse(zym(words).out)["ids"];
+  };
+  EXPECT_EQ(ids({}), Json::array({5}));
+  EXPECT_EQ(ids({"--plugin-rules"}), Json::array({2}));  // ");" is no token of its own here
+  expectFault(zym({"tokenize", model, "--ids", "--plugin-rules", "1"}), 2,
+              "--ids excludes --plugin-rules; see zym tokenize --help");
+}
+
+TEST_F(ProgramTest, TokenizeNamesATextFormThatItHasNot) {
+  ASSERT_TRUE(writeSmallModel(model, nullptr, "qwen35", [](kel::ZYM2Writer& writer) {
+                writer.addMetaStr("tokenizer.normalizer", "nfkc");
+              }).ok());
+  expectFault(zym({"tokenize", model, "a"}), 1,
+              model +
+                  ": tokenizer.normalizer is \"nfkc\"; text is brought to \"nfc\", or left "
+                  "as it is");
 }
 
 TEST_F(ProgramTest, TokenizeOfNothingShowsNothing) {

