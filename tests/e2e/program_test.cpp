@@ -84,8 +84,7 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("zym " ZYM_VERSION "\n", 0), 0U) << version.out;
   for (const char* command :
-       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "cache",
-        "completion"}) {
+       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "cache", "completion"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;
@@ -311,6 +310,18 @@ TEST_F(ProgramTest, RunPassesSamplingSettings) {
                  "0.9", "--seed", "7"})
                 .out,
             "temperature 0.5 top-k 40 top-p 0.9 seed 7\n");
+}
+
+TEST_F(ProgramTest, ARuntimeLibraryRefusesSettingsThatItLacks) {
+  const std::string rest = "; leave it out, or use the program's own engine, without --plugin\n";
+  const Outcome outcome = zym({"run", model, "-p", "settings", "--min-p", "0.1"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "zym: a runtime library has no min-p" + rest);
+  const Outcome chat =
+      zym({"chat", model}, "/set repetition-penalty 1.1\n/set top-k 3\nsettings\n");
+  EXPECT_EQ(chat.err, "a runtime library has no repetition-penalty" + rest);
+  EXPECT_EQ(chat.out, "temperature 0 top-k 3 top-p 0 seed 0\n");
 }
 
 TEST_F(ProgramTest, TopPBelowOneIsExplainedOnce) {
