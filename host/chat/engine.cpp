@@ -39,7 +39,7 @@ std::string pluginFromEnvironment() {
 
 Status openBackend(const EngineOptions& options, std::unique_ptr<Backend>& backend) {
   std::filesystem::path library;
-  const Status status = findPlugin(options.plugin, pluginFromEnvironment(), library);
+  Status status = findPlugin(options.plugin, pluginFromEnvironment(), library);
   if (!status.ok()) {
     return status;
   }
