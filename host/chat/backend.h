@@ -16,10 +16,16 @@ namespace zym {
 
 // Members without a value leave the backend's setting as it is.
 struct Sampling {
-  std::optional<float> temperature;  // 0 is greedy
-  std::optional<int32_t> topK;
-  std::optional<float> topP;
-  std::optional<uint32_t> seed;
+  std::optional<float> temperature = {};  // 0 is greedy
+  std::optional<int32_t> topK = {};
+  std::optional<float> topP = {};
+  std::optional<uint32_t> seed = {};
+
+  // What follows not every backend has.
+  std::optional<float> minP = {};
+  std::optional<float> presencePenalty = {};
+  std::optional<float> frequencyPenalty = {};
+  std::optional<float> repetitionPenalty = {};
 };
 
 struct BackendStats {
@@ -74,7 +80,9 @@ class Backend {
                                TurnOutcome& outcome) = 0;
   // Empties the context; sampling settings stay.
   virtual void reset() = 0;
-  virtual void configure(const Sampling& sampling) = 0;
+  // All of the settings, or none of them where one is out of the backend's range or none of its
+  // settings; the message names it.
+  virtual kel::Status configure(const Sampling& sampling) = 0;
   virtual BackendStats stats() = 0;
   virtual BackendLimits limits() const = 0;
   // Whether top-p is held against weights relative to the best token, so that below 1 it leaves

@@ -83,23 +83,24 @@ Status openEngine(const EngineOptions& options, Engine& engine) {
     return status;
   }
   status = openBackend(options, engine.backend);
-  if (status.ok()) {
-    configureEngine(options.sampling, engine);
-  }
-  return status;
+  return status.ok() ? configureEngine(options.sampling, engine) : status;
 }
 
-void configureEngine(const Sampling& sampling, Engine& engine) {
-  engine.backend->configure(sampling);
+Status configureEngine(const Sampling& sampling, Engine& engine) {
+  Status status = engine.backend->configure(sampling);
+  if (!status.ok()) {
+    return status;
+  }
   mergeSampling(sampling, engine.sampling);
   if (engine.topPExplained || !engine.backend->hasRelativeTopP() ||
       !topPLeavesOneToken(engine.sampling)) {
-    return;
+    return status;
   }
   remark(
       "(top-p below 1 keeps only the best token of this runtime library, whatever the temperature; "
       "1 turns it off)");
   engine.topPExplained = true;
+  return status;
 }
 
 const char* turnEndName(TurnEnd end) {

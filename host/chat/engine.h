@@ -36,9 +36,9 @@ kel::Status readVocabulary(const std::string& path, kel::TokenizerData& tables);
 bool namesPlugin(const EngineOptions& options);
 // The program's own engine, or the runtime library that options or ZYM_PLUGIN name.
 kel::Status openEngine(const EngineOptions& options, Engine& engine);
-// Passes settings to the backend. Says once, on standard error, when a top-p has another effect
-// than its value suggests (sampling_settings.h).
-void configureEngine(const Sampling& sampling, Engine& engine);
+// Passes settings to the backend, which may refuse them. Says once, on standard error, when a top-p
+// has another effect than its value suggests (sampling_settings.h).
+kel::Status configureEngine(const Sampling& sampling, Engine& engine);
 
 // "stop", "limit", "cancelled", "context full", "unknown", "failed".
 const char* turnEndName(TurnEnd end);

@@ -86,14 +86,26 @@ class EngineBackend : public Backend {
     }
   }
 
-  void configure(const Sampling& sampling) override {
+  Status configure(const Sampling& sampling) override {
+    const auto changed = [](const auto& newer, auto value) { return newer.value_or(value); };
     engine::SamplerSettings& settings = replyOptions.sampling;
-    settings.temperature = sampling.temperature.value_or(settings.temperature);
-    settings.topK = sampling.topK.value_or(settings.topK);
-    settings.topP = sampling.topP.value_or(settings.topP);
+    engine::SamplerSettings wanted = settings;
+    wanted.temperature = changed(sampling.temperature, settings.temperature);
+    wanted.topK = changed(sampling.topK, settings.topK);
+    wanted.topP = changed(sampling.topP, settings.topP);
+    wanted.minP = changed(sampling.minP, settings.minP);
+    wanted.presencePenalty = changed(sampling.presencePenalty, settings.presencePenalty);
+    wanted.frequencyPenalty = changed(sampling.frequencyPenalty, settings.frequencyPenalty);
+    wanted.repetitionPenalty = changed(sampling.repetitionPenalty, settings.repetitionPenalty);
+    Status status = check(wanted, context->model().sizes().vocab);
+    if (!status.ok()) {
+      return status;
+    }
+    settings = wanted;
     if (sampling.seed) {
       sampler.seed(*sampling.seed);
     }
+    return status;
   }
 
   BackendStats stats() override {

@@ -10,6 +10,7 @@
 #include "container/zym_loader.h"
 #include "host/chat/engine.h"
 #include "host/chat/open_failure.h"
+#include "host/chat/sampling_settings.h"
 #include "host/chat/text_map.h"
 #include "zym/plugin.h"
 
@@ -147,7 +148,12 @@ class PluginBackend : public Backend {
 
   void reset() override { table.v2->reset(handle); }
 
-  void configure(const Sampling& sampling) override {
+  Status configure(const Sampling& sampling) override {
+    const std::string unknown = settingBeyondLibraries(sampling);
+    if (!unknown.empty()) {
+      return Status::invalid("a runtime library has no " + unknown +
+                             "; leave it out, or use the program's own engine, without --plugin");
+    }
     ZYMSessionOptions options{};
     options.structSize = sizeof(options);
     options.temperature = sampling.temperature.value_or(-1.0F);
@@ -155,6 +161,7 @@ class PluginBackend : public Backend {
     options.topP = sampling.topP.value_or(0.0F);
     options.seed = sampling.seed.value_or(0);
     table.v2->configure(handle, &options);
+    return Status::success();
   }
 
   BackendStats stats() override {

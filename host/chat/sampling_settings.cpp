@@ -2,16 +2,50 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
-#include <limits>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace zym {
 namespace {
 
 using kel::Status;
+
+struct RealSetting {
+  std::string_view name;
+  std::optional<float> Sampling::*member;
+  const char* range;
+  bool (*allows)(float finite);
+  const char* unset;  // what holds without a value
+  bool isOfLibraries;
+};
+
+constexpr const char* kPenaltyRange = "a number from -2 to 2";
+
+bool isPenalty(float value) {
+  return value >= -2 && value <= 2;
+}
+
+// The whole numbers, "top-k" and "seed", have the second and the last line of samplingText.
+constexpr std::array kRealSettings = {
+    RealSetting{"temperature", &Sampling::temperature, "a number from 0 (greedy)",
+                [](float value) { return value >= 0; }, "0 (greedy)", true},
+    RealSetting{"top-p", &Sampling::topP, "a number above 0, at most 1",
+                [](float value) { return value > 0 && value <= 1; }, "off", true},
+    RealSetting{"min-p", &Sampling::minP, "a number from 0 to 1",
+                [](float value) { return value >= 0 && value <= 1; }, "off", false},
+    RealSetting{"presence-penalty", &Sampling::presencePenalty, kPenaltyRange, isPenalty, "off",
+                false},
+    RealSetting{"frequency-penalty", &Sampling::frequencyPenalty, kPenaltyRange, isPenalty, "off",
+                false},
+    RealSetting{"repetition-penalty", &Sampling::repetitionPenalty, "a number above 0",
+                [](float value) { return value > 0; }, "off", false},
+};
 
 template <typename Number>
 bool parseWhole(std::string_view text, Number& value) {
@@ -24,28 +58,44 @@ Status outOfRange(std::string_view name, std::string_view value, const char* ran
                          "\"");
 }
 
+Status setReal(const RealSetting& setting, std::string_view value, Sampling& sampling) {
+  float real = 0;
+  if (!parseWhole(value, real) || !std::isfinite(real) || !setting.allows(real)) {
+    return outOfRange(setting.name, value, setting.range);
+  }
+  sampling.*setting.member = real;
+  return Status::success();
+}
+
+template <typename Value>
+void replace(const std::optional<Value>& newer, std::optional<Value>& value) {
+  if (newer) {
+    value = newer;
+  }
+}
+
+template <typename Value>
+std::string line(std::string_view name, const std::optional<Value>& value, const char* unset) {
+  return fmt::format("{:<18}  {}", name, value ? fmt::format("{}", *value) : unset);
+}
+
 }  // namespace
 
 Status setSampling(std::string_view name, std::string_view value, Sampling& sampling) {
-  float real = 0;
-  if (name == "temperature") {
-    if (!parseWhole(value, real) || !std::isfinite(real) || real < 0) {
-      return outOfRange(name, value, "a number from 0 (greedy)");
+  for (const RealSetting& setting : kRealSettings) {
+    if (setting.name == name) {
+      return setReal(setting, value, sampling);
     }
-    sampling.temperature = real;
-  } else if (name == "top-p") {
-    if (!parseWhole(value, real) || !(real > 0 && real <= 1)) {
-      return outOfRange(name, value, "a number above 0, at most 1");
-    }
-    sampling.topP = real;
-  } else if (name == "top-k") {
+  }
+  if (name == "top-k") {
     int32_t count = 0;
     if (!parseWhole(value, count) || count < 1) {
       return outOfRange(name, value, "a whole number from 1");
     }
     sampling.topK = count;
   } else if (name == "seed") {
-    // To the runtime a seed of 0 means that the generator is left alone, and it reads 32 bits.
+    // To a runtime library a seed of 0 means that the generator is left alone, and it reads 32
+    // bits.
     uint32_t seed = 0;
     if (!parseWhole(value, seed) || seed == 0) {
       return outOfRange(name, value, "a whole number from 1 to 4294967295");
@@ -53,39 +103,42 @@ Status setSampling(std::string_view name, std::string_view value, Sampling& samp
     sampling.seed = seed;
   } else {
     return Status::invalid("no setting \"" + std::string(name) +
-                           "\"; there are temperature, top-k, top-p and seed");
+                           "\"; there are temperature, top-k, top-p, min-p, presence-penalty, "
+                           "frequency-penalty, repetition-penalty and seed");
   }
   return Status::success();
 }
 
 void mergeSampling(const Sampling& newer, Sampling& sampling) {
-  if (newer.temperature) {
-    sampling.temperature = newer.temperature;
+  for (const RealSetting& setting : kRealSettings) {
+    replace(newer.*setting.member, sampling.*setting.member);
   }
-  if (newer.topK) {
-    sampling.topK = newer.topK;
-  }
-  if (newer.topP) {
-    sampling.topP = newer.topP;
-  }
-  if (newer.seed) {
-    sampling.seed = newer.seed;
-  }
+  replace(newer.topK, sampling.topK);
+  replace(newer.seed, sampling.seed);
 }
 
 std::string samplingText(const Sampling& sampling) {
-  const auto valueText = [](const auto& value, const char* otherwise) {
-    return value ? fmt::format("{}", *value) : std::string(otherwise);
-  };
-  return fmt::format("temperature  {}\ntop-k        {}\ntop-p        {}\nseed         {}",
-                     valueText(sampling.temperature, "0 (greedy)"),
-                     valueText(sampling.topK, "every token"), valueText(sampling.topP, "off"),
-                     valueText(sampling.seed, "not set"));
+  std::vector<std::string> lines;
+  lines.reserve(kRealSettings.size() + 2);
+  for (const RealSetting& setting : kRealSettings) {
+    lines.push_back(line(setting.name, sampling.*setting.member, setting.unset));
+  }
+  lines.insert(lines.begin() + 1, line("top-k", sampling.topK, "every token"));
+  lines.push_back(line("seed", sampling.seed, "not set"));
+  return fmt::format("{}", fmt::join(lines, "\n"));
 }
 
 bool topPLeavesOneToken(const Sampling& sampling) {
   const float topP = sampling.topP.value_or(0);
   return sampling.temperature.value_or(0) > 0 && topP > 0 && topP < 1;
+}
+
+std::string settingBeyondLibraries(const Sampling& sampling) {
+  const auto* found =
+      std::find_if(kRealSettings.begin(), kRealSettings.end(), [&](const RealSetting& setting) {
+        return !setting.isOfLibraries && (sampling.*setting.member).has_value();
+      });
+  return found == kRealSettings.end() ? "" : std::string(found->name);
 }
 
 }  // namespace zym

@@ -10,7 +10,8 @@
 namespace zym {
 
 // Stores one setting: "temperature" (0 or more), "top-k" (1 or more), "top-p" (above 0, at most 1),
-// "seed" (1 to 4294967295). The message of a failure names the setting and its range.
+// "min-p" (0 to 1), "presence-penalty" and "frequency-penalty" (-2 to 2), "repetition-penalty"
+// (above 0), "seed" (1 to 4294967295). The message of a failure names the setting and its range.
 kel::Status setSampling(std::string_view name, std::string_view value, Sampling& sampling);
 // Replaces those settings of sampling that newer has a value for.
 void mergeSampling(const Sampling& newer, Sampling& sampling);
@@ -19,5 +20,7 @@ std::string samplingText(const Sampling& sampling);
 // True when tokens are to be drawn, but top-p leaves only the best one: the runtime compares it
 // with a sum in which the best token alone counts 1.
 bool topPLeavesOneToken(const Sampling& sampling);
+// The name of the first setting with a value that runtime libraries do not have; empty for none.
+std::string settingBeyondLibraries(const Sampling& sampling);
 
 }  // namespace zym

@@ -166,7 +166,9 @@ bool Chat::obey(const ChatCommand& command) {
       printStats();
       break;
     case ChatCommandKind::Set:
-      configureEngine(command.sampling, engine);
+      if (const kel::Status status = configureEngine(command.sampling, engine); !status.ok()) {
+        remark(status.message);
+      }
       break;
     case ChatCommandKind::ShowSettings:
       remark(samplingText(engine.sampling));

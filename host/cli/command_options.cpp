@@ -39,6 +39,15 @@ void addSampling(CLI::App& command, Sampling& sampling) {
   addSetting(command, "top-p",
              "Sample among the fewest best tokens with this share of the probability; 1: among all",
              sampling);
+  addSetting(
+      command, "min-p",
+      "Sample among tokens with at least this share of the best one's probability; 0: among all",
+      sampling);
+  addSetting(command, "presence-penalty", "Against tokens that the reply holds, -2 to 2", sampling);
+  addSetting(command, "frequency-penalty",
+             "Against tokens for every time that the reply holds them, -2 to 2", sampling);
+  addSetting(command, "repetition-penalty",
+             "Against tokens of prompt and reply: divides their scores; 1: none", sampling);
   addSetting(command, "seed", "Start of the random numbers", sampling);
 }
 

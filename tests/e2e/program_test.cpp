@@ -313,6 +313,18 @@ TEST_F(ProgramTest, RunPassesSamplingSettings) {
             "temperature 0.5 top-k 40 top-p 0.9 seed 7\n");
 }
 
+TEST_F(ProgramTest, ARuntimeLibraryRefusesSettingsThatItLacks) {
+  const std::string rest = "; leave it out, or use the program's own engine, without --plugin\n";
+  const Outcome outcome = zym({"run", model, "-p", "settings", "--min-p", "0.1"});
+  EXPECT_EQ(outcome.status, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_EQ(outcome.err, "zym: a runtime library has no min-p" + rest);
+  const Outcome chat =
+      zym({"chat", model}, "/set repetition-penalty 1.1\n/set top-k 3\nsettings\n");
+  EXPECT_EQ(chat.err, "a runtime library has no repetition-penalty" + rest);
+  EXPECT_EQ(chat.out, "temperature 0 top-k 3 top-p 0 seed 0\n");
+}
+
 TEST_F(ProgramTest, TopPBelowOneIsExplainedOnce) {
   const std::string remark =
       "(top-p below 1 keeps only the best token of this runtime library, whatever the temperature; "

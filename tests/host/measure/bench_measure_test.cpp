@@ -35,7 +35,7 @@ class CountingBackend : public Backend {
     positions = 0;
     ++resets;
   }
-  void configure(const Sampling&) override {}
+  kel::Status configure(const Sampling&) override { return kel::Status::success(); }
   BackendStats stats() override { return {positions, 0, 0}; }
   BackendLimits limits() const override { return {96, capacity}; }
 
