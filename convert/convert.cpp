@@ -1,13 +1,13 @@
 #include "convert/convert.h"
 
 #include <algorithm>
-#include <cmath>
 #include <exception>
 #include <filesystem>
 #include <new>
 #include <thread>
 #include <utility>
 
+#include "container/fixed_shape.h"
 #include "container/zym2_writer.h"
 #include "convert/container_metadata.h"
 #include "convert/errors.h"
@@ -103,13 +103,8 @@ void addToGroups(const PlannedTensor& tensor, ConvertSummary& summary) {
 // The plugin interface runs models of one shape alone; of others, whoever loads a container there
 // would hear no more than that it cannot be run.
 std::vector<std::string> interfaceRemarks(const SourceModel& source) {
-  ModelShape shape = source.shape;
-  shape.ownOutput = false;
-  shape.contextLength = kFixedShape.contextLength;
-  shape.normEps =
-      std::abs(shape.normEps - kFixedShape.normEps) < 1e-9 ? kFixedShape.normEps : shape.normEps;
-  if (!(shape == kFixedShape)) {
-    return {"the plugin interface runs models of another shape (that of 4B); zym itself runs this"};
+  if (const std::string difference = differenceFromFixed(source.shape); !difference.empty()) {
+    return {"the plugin interface runs " + difference + "; zym itself runs this one"};
   }
   if (source.shape.ownOutput) {
     return {

@@ -4,11 +4,46 @@
 #include <string>
 
 #include "tests/support/container_samples.h"
+#include "tests/support/random_model.h"
 
 namespace {
 
 using kel::ZYM2Writer;
 using kel::test::require;
+
+// A model of a few kilobytes with everything that a container states of its shape.
+kel::test::RandomModelSpec tinyModel() {
+  kel::test::RandomModelSpec spec{.hidden = 8, .ffn = 8, .vocab = 6, .statesShape = true};
+  kel::ModelShape& shape = spec.shape;
+  shape.layers = 2;
+  shape.fullLayers = kel::LayerSet::every(2, 2);
+  shape.queryHeads = 2;
+  shape.kvHeads = 1;
+  shape.headDim = 4;
+  shape.ropeDim = 2;
+  shape.linearKeyHeads = 1;
+  shape.linearValueHeads = 2;
+  shape.linearKeyDim = 4;
+  shape.linearValueDim = 4;
+  shape.contextLength = 8;
+  return spec;
+}
+
+void writeModels(const std::string& folder) {
+  kel::test::RandomModelSpec spec = tinyModel();
+  spec.types = {kel::QuantType::F32, kel::QuantType::BF16};
+  spec.biases = true;
+  require(kel::test::writeRandomModel(folder + "/model.zym", spec));
+
+  spec = tinyModel();
+  spec.hidden = 32;
+  spec.types = {kel::QuantType::Q8_0};
+  spec.shape.ownOutput = true;
+  spec.shape.fullLayers = {};  // listed, where they are not at an interval
+  spec.shape.fullLayers.add(0);
+  spec.shape.layers = 3;
+  require(kel::test::writeRandomModel(folder + "/model_of_listed_layers.zym", spec));
+}
 
 void writeSeeds(const std::string& folder) {
   kel::test::writeFile(folder + "/sample.zym", kel::test::sampleImage().bytes);
@@ -38,6 +73,7 @@ int main(int argc, char** argv) {
   }
   try {
     writeSeeds(argv[1]);
+    writeModels(argv[1]);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "container_seeds: %s\n", error.what());
     return 1;

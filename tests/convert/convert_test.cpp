@@ -191,6 +191,23 @@ TEST_F(Convert, AHeadOfOtherValuesIsKept) {
       converted.result.summary.remarks);
 }
 
+TEST_F(Convert, AnotherShapeThanThePluginInterfacesIsRemarked) {
+  TinyShape shape;
+  shape.layers = 24;
+  shape.hidden = 2;
+  tinyGguf(tinyModel(true, shape), 30, shape).write(shared->file("small.gguf"));
+  kel::convert::ConvertOptions options;
+  options.source = shared->file("small.gguf");
+  options.dryRun = true;
+  kel::convert::ProgressSink quiet;
+  const kel::convert::ConvertResult result = kel::convert::convertModel(options, quiet);
+  EXPECT_EQ("", result.status.message);
+  EXPECT_EQ(
+      std::vector<std::string>{
+          "the plugin interface runs models of 32 layers, not of 24; zym itself runs this one"},
+      result.summary.remarks);
+}
+
 TEST_F(Convert, AHeadOfTheSameValuesInAnotherTypeIsTied) {
   GgufBuilder file = tinyGguf(*model, 30);
   for (const TinyTensor& tensor : *model) {

@@ -190,6 +190,29 @@ class Planner {
   size_t turn = 0;
 };
 
+// In pieces of as many rows as distinctBytes hold, each the same.
+kel::Status addTensor(kel::ZYM2Writer& writer, const TensorPlan& entry,
+                      const RandomModelSpec& spec) {
+  TensorPlan piece = entry;
+  if (entry.dims.size() == 2 && entry.data.empty()) {
+    const uint64_t rowBytes =
+        entry.dims[0] / blockLength(entry.type) * uint64_t{blockBytes(entry.type)};
+    piece.dims[1] = std::clamp<uint64_t>(spec.distinctBytes / std::max<uint64_t>(rowBytes, 1), 1,
+                                         std::max<uint64_t>(entry.dims[1], 1));
+  }
+  const std::vector<uint8_t> bytes = tensorBytes(piece, spec.seed);
+  if (piece.dims == entry.dims) {
+    return writer.addTensor(entry.name, entry.type, entry.dims, bytes.data(), bytes.size());
+  }
+  kel::Status status = writer.beginTensor(entry.name, entry.type, entry.dims);
+  const uint64_t rowBytes = bytes.size() / piece.dims[1];
+  for (uint64_t row = 0; status.ok() && row < entry.dims[1]; row += piece.dims[1]) {
+    const uint64_t rows = std::min(piece.dims[1], entry.dims[1] - row);
+    status = writer.writeTensorData(bytes.data(), rows * rowBytes);
+  }
+  return status.ok() ? writer.endTensor() : status;
+}
+
 kel::TokenizerData defaultTokenizer(uint64_t vocab) {
   kel::TokenizerData tables;
   for (uint64_t i = 0; i < vocab; ++i) {
@@ -260,8 +283,7 @@ kel::Status writeRandomModel(const std::string& path, const RandomModelSpec& spe
   writer.setTokenizer(spec.tokenizer.tokens.empty() ? defaultTokenizer(spec.vocab)
                                                     : spec.tokenizer);
   for (const TensorPlan& entry : plan) {
-    const std::vector<uint8_t> bytes = tensorBytes(entry, spec.seed);
-    status = writer.addTensor(entry.name, entry.type, entry.dims, bytes.data(), bytes.size());
+    status = addTensor(writer, entry, spec);
     if (!status.ok()) {
       return status;
     }

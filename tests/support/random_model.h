@@ -43,6 +43,8 @@ struct RandomModelSpec {
   std::string architecture = "qwen35";  // empty: the metadata has none
   kel::TokenizerData tokenizer{};       // when it has no tokens: tokens "<0>", "<1>", ...
   uint64_t seed = 1;
+  // Of a matrix; further rows repeat the ones before, so that any size is written in little memory.
+  uint64_t distinctBytes = UINT64_MAX;
   // Last word on the tensor list: may change, remove or add entries.
   std::function<void(std::vector<TensorPlan>&)> edit{};
 };
