@@ -44,7 +44,7 @@ void run(std::shared_ptr<const engine::Model> model) {
               .ok());
   kel::Status status;
   const int32_t prompt[] = {0, lastToken};
-  const auto fed = context->feedPrompt(prompt, nullptr, nullptr, status);
+  const auto fed = context->feed(engine::promptTokens(prompt), nullptr, nullptr, status);
   require((fed == engine::Context::Fed::All) == status.ok());
   if (fed == engine::Context::Fed::All) {
     status = context->feedToken(lastToken);

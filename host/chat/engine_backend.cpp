@@ -49,11 +49,14 @@ class EngineBackend : public Backend {
   // A message that is stopped while it is read, or that fails, has not been said.
   Status turn(const std::string& text, const TurnCalls& calls, TurnOutcome& outcome) override {
     messages.push_back(messageOf(engine::Role::User, text));
+    isEmpty = false;
     const engine::ChatRequest request{
         .messages = messages, .thinking = options.thinking, .readsMarks = options.raw};
     engine::Reply reply;
     Status status = generateReply(*context, sampler, request, replyOptions, sinksOf(calls), reply);
-    if (!status.ok() || reply.tokens == 0) {
+    const bool isUnsaid =
+        !status.ok() || (reply.tokens == 0 && reply.end == engine::ReplyEnd::Cancelled);
+    if (isUnsaid) {
       messages.pop_back();
     } else {
       messages.push_back(reply.message);
@@ -64,6 +67,7 @@ class EngineBackend : public Backend {
   Status complete(const std::string& prompt, const TurnCalls& calls,
                   TurnOutcome& outcome) override {
     reset();
+    isEmpty = false;
     const engine::TextEncoder& encoder = context->model().textEncoder();
     std::vector<int32_t> ids;
     if (context->model().tokenizer().bosId >= 0) {
@@ -79,7 +83,9 @@ class EngineBackend : public Backend {
     return report(reply, std::move(status), outcome);
   }
 
+  // The context keeps what it holds: the next conversation may begin alike.
   void reset() override {
+    isEmpty = true;
     messages.clear();
     if (!options.system.empty()) {
       messages.push_back(messageOf(engine::Role::System, options.system));
@@ -111,7 +117,8 @@ class EngineBackend : public Backend {
   BackendStats stats() override {
     const engine::ContextStatistics& counted = context->statistics();
     const uint64_t generated = counted.generatedTokens;
-    return {context->position(), (counted.promptSeconds + counted.generatedSeconds) * 1e3,
+    return {isEmpty ? 0 : context->position(),
+            (counted.promptSeconds + counted.generatedSeconds) * 1e3,
             generated == 0 ? 0 : counted.generatedSeconds * 1e3 / static_cast<double>(generated)};
   }
 
@@ -149,6 +156,7 @@ class EngineBackend : public Backend {
   std::vector<engine::Message> messages;
   engine::Sampler sampler{kDefaultSeed};
   engine::ReplyOptions replyOptions;
+  bool isEmpty = true;  // nothing was said since the last reset
 };
 
 }  // namespace

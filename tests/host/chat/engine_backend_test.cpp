@@ -36,7 +36,10 @@ class EngineBackendTest : public testing::Test {
   static void TearDownTestSuite() { folder.reset(); }
 
   EngineBackendTest() {
-    const kel::Status status = openEngineBackend(folder->file("model.zym"), kReplyTokens, backend);
+    EngineOptions options;
+    options.model = folder->file("model.zym");
+    options.maxTokens = kReplyTokens;
+    const kel::Status status = openEngineBackend(options, backend);
     if (!status.ok()) {
       throw std::runtime_error(status.message);
     }
@@ -46,7 +49,8 @@ class EngineBackendTest : public testing::Test {
     Pieces pieces;
     TurnCalls calls;
     calls.piece = [&](std::string_view piece) { pieces.emplace_back(piece); };
-    EXPECT_EQ("", backend->complete(prompt, calls).message);
+    TurnOutcome outcome;
+    EXPECT_EQ("", backend->complete(prompt, calls, outcome).message);
     return pieces;
   }
 
