@@ -1,7 +1,7 @@
 // A byte-level vocabulary as source files have it, and the container's tables made from it.
 //
-// Byte-level vocabularies write every byte as a letter of a fixed alphabet (tokenizer/alphabet.h). Special
-// tokens are plain text.
+// Byte-level vocabularies write every byte as a letter of a fixed alphabet (tokenizer/alphabet.h).
+// Special tokens are plain text.
 #pragma once
 
 #include <cstdint>

@@ -31,7 +31,7 @@ struct ReplyRequest {
 
 struct ReplyOptions {
   SamplerSettings sampling = {};
-  uint64_t maxTokens = 0;                       // of the reply, reasoning included; 0: as room allows
+  uint64_t maxTokens = 0;  // of the reply, reasoning included; 0: as room allows
   std::optional<uint64_t> thinkingTokens = {};  // after so many, reasoning is closed
   std::vector<std::string> stops = {};          // strings that end the answer; not part of it
   bool guesses = true;  // look ahead in the text so far, which changes speed alone
@@ -39,11 +39,11 @@ struct ReplyOptions {
 
 // What is told while the reply comes; all may be null.
 struct ReplySinks {
-  PromptProgress prompt;                          // tokens of the messages that were not in place
-  std::function<void(const ReplyEvent&)> event;   // reasoning, answer and calls, in pieces
+  PromptProgress prompt;                         // tokens of the messages that were not in place
+  std::function<void(const ReplyEvent&)> event;  // reasoning, answer and calls, in pieces
   std::function<void(int32_t id, std::span<const float> logits)> token;  // chosen from these logits
-  const volatile int* cancel = nullptr;           // not 0: ends reading within a fraction of a
-                                                  // second, a reply within a token
+  const volatile int* cancel = nullptr;  // not 0: ends reading within a fraction of a
+                                         // second, a reply within a token
 };
 
 enum class ReplyEnd : uint8_t { Stop, StopString, Limit, ContextFull, Cancelled };
