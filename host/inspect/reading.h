@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <utility>
 
 namespace zym {
 
@@ -12,8 +13,8 @@ using CheckProgress = std::function<bool(uint64_t done, uint64_t total)>;
 // One thread at a time.
 class Reading {
  public:
-  // progress may be null; it outlives this.
-  explicit Reading(const CheckProgress& progress) : report(progress) {}
+  // progress may be null.
+  explicit Reading(CheckProgress progress) : report(std::move(progress)) {}
   void expect(uint64_t nBytes) { total += nBytes; }
   // nBytes more have been read. False when the check is to end.
   bool advance(uint64_t nBytes) {
@@ -24,7 +25,7 @@ class Reading {
   bool isEnded() const { return ended; }
 
  private:
-  const CheckProgress& report;
+  CheckProgress report;
   uint64_t done = 0;
   uint64_t total = 0;
   bool ended = false;
