@@ -26,7 +26,7 @@ namespace kel::convert {
 
 // Raised with every change after which a source and options that could be converted before give
 // other bytes: whoever keeps containers for later knows by it which ones are out of date.
-constexpr int kConverterVersion = 2;
+constexpr int kConverterVersion = 1;
 
 // Fixed choices of a type per tensor, by size.
 enum class Preset : uint8_t {

@@ -144,7 +144,10 @@ class EngineBackend : public Backend {
             .cancel = calls.cancel};
   }
 
-  static Status report(const engine::Reply& reply, Status status, TurnOutcome& outcome) {
+  Status report(const engine::Reply& reply, Status status, TurnOutcome& outcome) const {
+    if (status.code == kel::StatusCode::Corrupted) {
+      status.message += "; `zym check --full " + options.model + "` names the tensors at fault";
+    }
     outcome.pieces = reply.tokens;
     outcome.end = status.ok() ? turnEnd(reply.end) : TurnEnd::Failed;
     outcome.needsReset = !status.ok();

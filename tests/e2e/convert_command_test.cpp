@@ -154,8 +154,7 @@ TEST_F(ConvertCommandTest, WeightsThatAreNotFiniteAreNamedByTheCheckThatRunsName
   unsetenv("ZYM_PLUGIN");
   const Outcome run = zym({"run", target(), "--chat", "-p", "Hello"});
   EXPECT_EQ(run.status, 1);
-  EXPECT_NE(run.err.find("`zym check --full` names the tensors at fault"), std::string::npos)
-      << run.err;
+  EXPECT_NE(run.err.find("names the tensors at fault"), std::string::npos) << run.err;
   EXPECT_EQ(zym({"check", target(), "--full"})
                 .out.rfind("blk.0.ffn_up.weight: row 0, value 0 is not finite\n", 0),
             0U);
