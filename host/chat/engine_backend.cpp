@@ -43,7 +43,7 @@ class EngineBackend : public Backend {
   EngineBackend(std::unique_ptr<engine::Context> opened, const EngineOptions& asked)
       : context(std::move(opened)), options(asked) {
     replyOptions.maxTokens = options.maxTokens;
-    reset();
+    begin();
   }
 
   // A message that is stopped while it is read, or that fails, has not been said.
@@ -84,13 +84,7 @@ class EngineBackend : public Backend {
   }
 
   // The context keeps what it holds: the next conversation may begin alike.
-  void reset() override {
-    isEmpty = true;
-    messages.clear();
-    if (!options.system.empty()) {
-      messages.push_back(messageOf(engine::Role::System, options.system));
-    }
-  }
+  void reset() override { begin(); }
 
   Status configure(const Sampling& sampling) override {
     const auto changed = [](const auto& newer, auto value) { return newer.value_or(value); };
@@ -129,6 +123,14 @@ class EngineBackend : public Backend {
   bool hasRelativeTopP() const override { return false; }
 
  private:
+  void begin() {
+    isEmpty = true;
+    messages.clear();
+    if (!options.system.empty()) {
+      messages.push_back(messageOf(engine::Role::System, options.system));
+    }
+  }
+
   static engine::ReplySinks sinksOf(const TurnCalls& calls) {
     return {.prompt = calls.prompt,
             .event =
