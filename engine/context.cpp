@@ -156,7 +156,7 @@ Context::Fed Context::feed(std::span<const Token> tokens, const PromptProgress& 
   remember();
   const Fed outcome = feedRuns(tokens, progress, cancel, status);
   if (outcome != Fed::All) {
-    goBackTo(before);
+    goBackTo(places.nearest(before));
   }
   return outcome;
 }

@@ -94,8 +94,9 @@ class Context {
   // Feeds tokens behind what is there; logits() are then those of the last. All or nothing: tokens
   // that have no room or no embedding row are refused before any is read; when numbers are not
   // finite, or *cancel ends the reading by not being 0 (looked at several times a second; may be
-  // null), the context is left as it was, but without logits. status says why it failed. Long
-  // stretches are remembered every kSnapshotInterval tokens.
+  // null), the context is left as it was, but without logits (at a beginning of that, where memory
+  // had no room to remember it). status says why it failed. Long stretches are remembered every
+  // kSnapshotInterval tokens.
   Fed feed(std::span<const Token> tokens, const PromptProgress& progress,
            const volatile int* cancel, kel::Status& status);
 

@@ -1,6 +1,7 @@
 #include "engine/snapshot_store.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace engine {
@@ -20,9 +21,16 @@ std::unique_ptr<qwen35::Snapshot> SnapshotStore::room(const qwen35::Model& m) {
   if (!spare.empty()) {
     state = std::move(spare.back());
     spare.pop_back();
-  } else if (entries.size() < most) {
-    state = std::make_unique<qwen35::Snapshot>(m);
-  } else {
+    return state;
+  }
+  if (entries.size() < most) {
+    try {
+      return std::make_unique<qwen35::Snapshot>(m);
+    } catch (const std::bad_alloc&) {
+      most = entries.size();  // what there is has to do
+    }
+  }
+  if (!entries.empty()) {
     const auto oldest =
         std::min_element(entries.begin(), entries.end(),
                          [](const Entry& a, const Entry& b) { return a.lastUse < b.lastUse; });
@@ -36,6 +44,9 @@ void SnapshotStore::take(const qwen35::Model& m, uint64_t position) {
   Entry* entry = find(position);
   if (entry == nullptr) {
     std::unique_ptr<qwen35::Snapshot> state = room(m);
+    if (state == nullptr) {
+      return;
+    }
     state->take(m);
     entries.push_back({position, 0, std::move(state)});
     entry = &entries.back();

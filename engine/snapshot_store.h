@@ -22,7 +22,8 @@ class SnapshotStore {
   SnapshotStore(const qwen35::Model& m, uint64_t budget);
 
   // Copies the state after `position` tokens, unless there is a copy; in place of the one that was
-  // used longest ago where there is no more room. Throws std::bad_alloc.
+  // used longest ago where there is no more room, in the budget or in memory. Where memory has not
+  // even room for one, there is none.
   void take(const qwen35::Model& m, uint64_t position);
 
   // Makes the copy of a position, if there is one, the one that was used last.
