@@ -38,7 +38,7 @@ class OpenFailureTest : public testing::Test {
   std::string path = folder.file("model.zym");
 };
 
-constexpr const char* kAnew = "; copy the file again, or convert it anew";
+const std::string kAnew = "; copy the file again, or convert it anew";
 
 TEST_F(OpenFailureTest, EmptyFilesAreSaidToBeEmpty) {
   EXPECT_EQ(failure(Bytes()), std::string("is empty (ZYM2: cannot stat file)") + kAnew);
@@ -97,7 +97,7 @@ TEST_F(OpenFailureTest, OtherFilesAreNamed) {
                 "`zym convert` makes one of the folder that it lies in");
   EXPECT_EQ(failure("<!doctype html>"), "is a web page, not a container" + magic +
                                             "the download went wrong; download the file itself");
-  EXPECT_EQ(failure(std::string(257, '\0') + "ustar"),
+  EXPECT_EQ(failure(std::string(257, '\0').append("ustar")),
             "is a tar archive, not a container" + magic + "unpack it first");
   EXPECT_EQ(failure("anything"),
             "is no container" + magic + "give a .zym file, which `zym convert` makes");
