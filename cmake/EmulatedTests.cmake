@@ -5,8 +5,8 @@
 # Left out:
 # - passes over random models, one of which takes minutes with all its cases: pass_test,
 #   context_*test, model_determinism_test, model_reference_test, diagnostics_*test, reset_rules_test,
-#   decode_loop_test, prompt_*_test and most of tests/abi. known_bits_test runs such passes, and a
-#   demonstration chat runs the program with the plugin;
+#   decode_loop_test, prompt_*_test, engine_test and most of tests/abi. known_bits_test and
+#   family_test run such passes, and a demonstration chat runs the program with the plugin;
 # - what depends on no processor: tests/convert;
 # - programs that start others, which the emulator does not follow: dispatch_test and the rest of
 #   tests/host and tests/e2e.
@@ -26,7 +26,13 @@ set(zym_emulated_tests
   linear_rules_test
   # tests/session
   sampler_test known_bits_test
+  # tests/engine
+  family_test
   # tests/abi
   tables_test exports_test public_header_test probe_test
   # tests/host
   host_test)
+
+# Of a program with a filter of its own, the cases that it chooses. The largest shapes go through the
+# same code as the others.
+set(zym_emulated_filter_family_test "-*/27B:*/Heads24On4And48On16")

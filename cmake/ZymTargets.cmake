@@ -81,7 +81,11 @@ function(zym_add_test name)
     set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
     return()
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+  set(filter)
+  if(CMAKE_CROSSCOMPILING AND DEFINED zym_emulated_filter_${name})
+    set(filter TEST_FILTER "${zym_emulated_filter_${name}}")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 ${filter}
     PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
 endfunction()
 

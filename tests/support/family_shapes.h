@@ -1,6 +1,7 @@
 // The shapes of the family's sizes, and some that none of them has.
 #pragma once
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -12,6 +13,11 @@ struct NamedShape {
   std::string name;
   ModelShape shape;
 };
+
+// GoogleTest's name of one, which would be its bytes otherwise.
+inline void PrintTo(const NamedShape& shape, std::ostream* out) {
+  *out << shape.name;
+}
 
 inline ModelShape familyShape(uint32_t layers, uint64_t queryHeads, uint64_t kvHeads,
                               uint64_t valueHeads, bool ownOutput) {
