@@ -8,6 +8,7 @@
 #include "engine/reply.h"
 #include "engine/sampler.h"
 #include "engine/text_encoder.h"
+#include "host/chat/open_failure.h"
 
 namespace zym {
 namespace {
@@ -175,6 +176,10 @@ Status openContext(const std::string& modelPath, uint64_t positions,
   }
   if (status.ok()) {
     return status;
+  }
+  kel::ZYM2Reader reader;
+  if (const Status opened = reader.open(modelPath.c_str()); !opened.ok()) {
+    return openFailure(modelPath, opened);
   }
   const char* advice = status.code == kel::StatusCode::IoError
                            ? ""

@@ -142,6 +142,9 @@ TEST_F(ProgramTest, FileThatIsNoContainerIsOneClearLine) {
   expectFault(zym({"run", other, "-p", "a"}), 1, line);
   expectFault(zym({"info", other}), 1, line);
   expectFault(zym({"tokenize", other, "a"}), 1, line);
+  unsetenv("ZYM_PLUGIN");
+  expectFault(zym({"chat", other}), 1, line);
+  expectFault(zym({"bench", other}), 1, line);
 }
 
 TEST_F(ProgramTest, TruncatedContainerIsOneClearLine) {
@@ -153,6 +156,9 @@ TEST_F(ProgramTest, TruncatedContainerIsOneClearLine) {
     expectFault(zym({command, model}), 1,
                 model + ": " + what + "; copy the file again, or convert it anew");
   }
+  unsetenv("ZYM_PLUGIN");
+  expectFault(zym({"chat", model}), 1,
+              model + ": " + what + "; copy the file again, or convert it anew");
   const Outcome check = zym({"check", model});
   EXPECT_EQ(check.status, 1);
   EXPECT_EQ(check.out, "file: " + what + "\n");
