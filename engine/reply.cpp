@@ -10,6 +10,7 @@
 #include "engine/stop_strings.h"
 #include "engine/text_decoder.h"
 #include "engine/text_encoder.h"
+#include "qwen35/forward.h"
 
 namespace engine {
 
@@ -20,10 +21,6 @@ using Clock = std::chrono::steady_clock;
 
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-bool isSet(const volatile int* flag) {
-  return flag != nullptr && __atomic_load_n(flag, __ATOMIC_RELAXED) != 0;
 }
 
 // What becomes of the tokens of a reply: text, taken apart, told and collected.
@@ -182,7 +179,7 @@ class Generation {
       nothingToChoose = true;
       return false;
     }
-    if (isSet(sinks.cancel)) {
+    if (qwen35::isCancelled(sinks.cancel)) {
       reply.end = ReplyEnd::Cancelled;
       return false;
     }

@@ -101,10 +101,6 @@ void runLayer(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x
   }
 }
 
-bool isSet(const volatile int* flag) {
-  return flag != nullptr && __atomic_load_n(flag, __ATOMIC_RELAXED) != 0;
-}
-
 // Of a pass that is to be cancelled: the layer before which it ends. Whether a member sees the
 // layer of a later step is all the same, as it compares with its own.
 using StopLayer = std::atomic<size_t>;
@@ -122,7 +118,7 @@ void runPass(const Work& w, Model& m, const PassRequest& request, Trace* trace,
     if (request.cancel != nullptr) {
       // A step, so that all members come to the same answer.
       w.member.once([&] {
-        if (isSet(request.cancel)) {
+        if (isCancelled(request.cancel)) {
           stopLayer = l;
         }
       });

@@ -29,6 +29,11 @@ struct PassRequest {
   const volatile int* cancel = nullptr;  // looked at before each layer; may be null
 };
 
+// Whether a cancel flag says so. Nothing is published with it.
+inline bool isCancelled(const volatile int* flag) {
+  return flag != nullptr && __atomic_load_n(flag, __ATOMIC_RELAXED) != 0;
+}
+
 // Advances every layer by request.count tokens. A token's results depend on the tokens before it
 // and on the arithmetic that each of them took, and on nothing else: not on how they were divided
 // into passes, on threads or on the instruction set. Allocates nothing, throws nothing.

@@ -59,19 +59,20 @@ float sum(std::span<const float> exponentials) {
   return total;
 }
 
-// Rows of a cache, as its type has them.
+// Rows of a cache, as its type has them: one of the two is null.
 struct CacheRows {
   float* floats;
-  uint16_t* halves;  // null where the rows are floats
+  uint16_t* halves;
 
   CacheRows from(size_t element) const {
-    return {floats + element, halves == nullptr ? nullptr : halves + element};
+    return halves == nullptr ? CacheRows{floats + element, nullptr}
+                             : CacheRows{nullptr, halves + element};
   }
 };
 
 CacheRows rowsOf(StateBuffer& cache, CacheType type) {
-  const bool isHalf = type == CacheType::BF16;
-  return {cache.data(), isHalf ? reinterpret_cast<uint16_t*>(cache.data()) : nullptr};
+  return type == CacheType::BF16 ? CacheRows{nullptr, reinterpret_cast<uint16_t*>(cache.data())}
+                                 : CacheRows{cache.data(), nullptr};
 }
 
 void storeRow(const float* values, const CacheRows& to, size_t n) {
