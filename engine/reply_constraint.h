@@ -1,0 +1,25 @@
+// A form that the answer of a reply must have: asked before every token of the answer what may
+// follow, told of every one that was chosen.
+#pragma once
+
+#include <cstdint>
+
+#include "engine/token_mask.h"
+
+namespace engine {
+
+// Of one reply; one thread at a time. Reasoning is not constrained: the first token that is asked
+// for is the first of the answer.
+class ReplyConstraint {
+ public:
+  virtual ~ReplyConstraint() = default;
+
+  // Sets the mask, which is of the size of the vocabulary, to the tokens that may follow: those
+  // that end a turn where the answer may end here. There is always one.
+  virtual void allowed(TokenMask& mask) = 0;
+
+  // One of the tokens that were allowed has been chosen.
+  virtual void accept(int32_t id) = 0;
+};
+
+}  // namespace engine

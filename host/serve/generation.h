@@ -1,0 +1,67 @@
+// What a request wants generated, and what is told of it: the seam between the interfaces
+// (host/serve/api_*.h) and what runs the model (host/serve/scheduler.h).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "container/status.h"
+#include "engine/chat_format.h"
+#include "engine/log_probabilities.h"
+#include "engine/reply.h"
+#include "engine/reply_constraint.h"
+
+namespace zym {
+
+struct GenerationRequest {
+  // A conversation, or where there are no messages, the tokens of a text to go on with.
+  std::vector<engine::Message> messages;
+  std::vector<engine::Tool> tools;
+  bool thinking = false;
+  bool preserveThinking = false;
+  std::vector<int32_t> prompt;
+
+  engine::ReplyOptions options;  // sampling and limits; its constraint is made by makeConstraint
+  uint64_t seed = 0;             // of the first choice; those behind it have the numbers behind it
+  size_t choices = 1;            // replies to the one prompt, 1 to 4
+  // Called for every choice; null: the answer is free.
+  std::function<std::unique_ptr<engine::ReplyConstraint>()> makeConstraint;
+  std::optional<size_t> logProbabilities;  // of every token, with so many of the best
+};
+
+// Told by the scheduler's thread, in order. Nothing comes after done() or failed().
+class GenerationSink {
+ public:
+  virtual ~GenerationSink() = default;
+
+  // The prompt has been read: its tokens, and those of them that were in place before.
+  virtual void started(uint64_t promptTokens, uint64_t cachedTokens) = 0;
+  virtual void event(size_t choice, const engine::ReplyEvent& event) = 0;
+  // Before the events of its text; only where log-probabilities are asked for.
+  virtual void token(size_t choice, const engine::LogProbabilities& chosen) = 0;
+  virtual void finished(size_t choice, const engine::Reply& reply) = 0;
+  virtual void done() = 0;  // all choices are finished
+  // The request cannot be fulfilled (Invalid: for what it says), or its numbers went wrong.
+  virtual void failed(const kel::Status& status) = 0;
+
+  // As engine::ReplySinks::cancel.
+  virtual const volatile int* cancel() const = 0;
+};
+
+enum class Submission : uint8_t { Accepted, QueueFull, ShuttingDown };
+
+class GenerationQueue {
+ public:
+  virtual ~GenerationQueue() = default;
+
+  // Any thread. Requests are taken up in the order of their arrival.
+  virtual Submission submit(GenerationRequest request, std::shared_ptr<GenerationSink> sink) = 0;
+};
+
+}  // namespace zym
