@@ -43,6 +43,7 @@ class EngineBackendTest : public testing::Test {
     if (!status.ok()) {
       throw std::runtime_error(status.message);
     }
+    configure({.temperature = 0.0F});
   }
 
   Pieces complete(const std::string& prompt) {
@@ -87,7 +88,7 @@ TEST_F(EngineBackendTest, PenaltiesEndRepetition) {
 
 TEST_F(EngineBackendTest, MinPCutsWhatIsDrawn) {
   const Pieces greedy = complete("hello");
-  configure({.temperature = 100.0F, .minP = 1.0F});
+  configure({.temperature = 100.0F, .minP = 1.0F, .presencePenalty = 0.0F});
   EXPECT_EQ(greedy, complete("hello"));
   configure({.minP = 0.0F});
   EXPECT_NE(greedy, complete("hello"));
