@@ -15,15 +15,16 @@
 namespace zym {
 
 struct EngineOptions {
-  std::string model;   // path of a container
-  std::string plugin;  // path of a runtime library to use instead of the program's own engine
-  std::string system;  // message in front of the conversation; empty: none
-  std::optional<bool> thinking;  // replies begin with reasoning; none: as the model's size has it
-  uint64_t maxTokens = 0;        // of one reply; 0: as many as the context, or the library, allows
-  std::vector<std::string> stops;  // texts that end a reply
-  uint64_t positions = 0;          // of the context; 0: engine::ContextOptions has it
-  std::string cache;               // type of the attention caches, "f32" or "bf16"; empty: f32
-  Sampling sampling;
+  std::string model = {};   // path of a container
+  std::string plugin = {};  // path of a runtime library to use instead of the program's own engine
+  std::string system = {};  // message in front of the conversation; empty: none
+  std::optional<bool> thinking =
+      {};                  // replies begin with reasoning; none: as the model's size has it
+  uint64_t maxTokens = 0;  // of one reply; 0: as many as the context, or the library, allows
+  std::vector<std::string> stops = {};  // texts that end a reply
+  uint64_t positions = 0;               // of the context; 0: engine::ContextOptions has it
+  std::string cache = {};               // type of the attention caches, "f32" or "bf16"; empty: f32
+  Sampling sampling = {};
   bool raw = false;  // special tokens in typed text take effect
 };
 
