@@ -180,21 +180,22 @@ class WatchedCall {
 
  private:
   using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kSoon{500};
 
-  // A prompt that is done at once is not worth a bar.
+  // A prompt that is read soon is not worth a bar.
   void onPrompt(uint64_t done, uint64_t total) {
-    if (done < total || bar) {
+    if (!showsBar && done < total && Clock::now() - begin > kSoon) {
+      showsBar = true;
       alive.stop();
-      if (!bar) {
-        bar.emplace("reading", ProgressUnit::Positions);
-      }
-      bar->update(done, total);
+    }
+    if (showsBar) {
+      bar.update(done, total);
     }
   }
 
   void becomeQuiet() {
     alive.stop();
-    bar.reset();
+    bar.clear();
   }
 
   void deliver(std::string_view text, std::string& collected,
@@ -209,7 +210,9 @@ class WatchedCall {
   const ReplyShow& show;
   Clock::time_point begin = Clock::now();
   Liveness alive;
-  std::optional<Progress> bar;
+  // Counts the time from the beginning of the call.
+  Progress bar{"reading", ProgressUnit::Positions};
+  bool showsBar = false;
   TurnReport report;
 };
 
