@@ -410,6 +410,10 @@ void Context::count(std::span<const Token> tokens, double seconds) {
   }
 }
 
+uint64_t Context::placeBytes() const {
+  return places.count() * qwen35::Snapshot::bytes(weights);
+}
+
 void Context::reset() {
   goBackTo(0);
 }
