@@ -255,6 +255,27 @@ TEST(FeedTogether, EachContextCountsItsOwnTokens) {
   }
 }
 
+// What a guess needs until it is judged is its context's own.
+TEST(FeedTogether, MayComeBetweenAGuessAndItsJudgement) {
+  const Contexts contexts =
+      contextsOver(oddModel(), passesOf(oddModel(), {.positions = 16}), 3, 16);
+  const auto alone = oddModel().context({.positions = 16});
+  feed(*contexts[0], {1, 2});
+  feed(*alone, {1, 2});
+  ASSERT_TRUE(contexts[0]->feedGuess(std::vector<int32_t>{3, 4, 5}).ok());
+  std::vector<kel::Status> statuses(2);
+  Context::feedTogether(std::vector<Context*>{contexts[1].get(), contexts[2].get()},
+                        std::vector<int32_t>{6, 7}, statuses);
+  ASSERT_TRUE(contexts[0]->keep(2).ok());
+  for (const int32_t token : {3, 4}) {
+    ASSERT_TRUE(alone->feedToken(token).ok());
+  }
+  EXPECT_EQ(bits(*alone), bits(*contexts[0]));
+  feed(*alone, {8});
+  feed(*contexts[0], {8});
+  EXPECT_EQ(bits(*alone), bits(*contexts[0]));
+}
+
 TEST(Passes, AreOfOneModelAndOfSoManyPositions) {
   const std::shared_ptr<Passes> passes = passesOf(oddModel(), {.positions = 10});
   std::unique_ptr<Context> made;

@@ -189,7 +189,7 @@ void feedShared(qwen35::Context& context, const std::vector<Turn>& turns) {
 bool haveSameState(const qwen35::Model& a, const qwen35::Model& b) {
   const auto same = [](const qwen35::StateBuffer& one, const qwen35::StateBuffer& other) {
     return one.size() == other.size() &&
-           std::memcmp(one.data(), other.data(), one.size() * sizeof(float)) == 0;
+           (one.empty() || std::memcmp(one.data(), other.data(), one.size() * sizeof(float)) == 0);
   };
   return std::equal(a.layers.begin(), a.layers.end(), b.layers.begin(), b.layers.end(),
                     [&](const qwen35::Layer& one, const qwen35::Layer& other) {
