@@ -100,6 +100,13 @@ class Context {
   Fed feed(std::span<const Token> tokens, const PromptProgress& progress,
            const volatile int* cancel, kel::Status& status);
 
+  // Feeds tokens of a longer text as feed() does, whose slices are then no places to go back to: a
+  // failure goes back to the last place that is remembered. logits() only where they are wanted:
+  // there are none behind a slice that others follow.
+  enum class Logits : uint8_t { None, OfTheLast };
+  Fed feedPart(std::span<const Token> tokens, Logits wanted, const PromptProgress& progress,
+               const volatile int* cancel, kel::Status& status);
+
   // Feeds a generated token. After a failure for numbers that are not finite, only reset() helps.
   kel::Status feedToken(int32_t token);
 
@@ -141,7 +148,7 @@ class Context {
   Context(std::shared_ptr<const Model> model, const ContextOptions& options);  // bad_alloc
   kel::Status loadSteps(const std::string& path, std::string& note);
   kel::Status check(std::span<const Token> tokens) const;
-  Fed feedRuns(std::span<const Token> tokens, const PromptProgress& progress,
+  Fed feedRuns(std::span<const Token> tokens, Logits wanted, const PromptProgress& progress,
                const volatile int* cancel, kel::Status& status);
   Fed feedBatch(std::span<const Token> tokens, bool isLast, const volatile int* cancel);
   size_t batchLength(std::span<const Token> tokens, size_t longest) const;

@@ -164,6 +164,25 @@ TEST(Resume, NothingInCommonBeginsAnew) {
   EXPECT_EQ(bitsAfresh(other), bits(*context));
 }
 
+TEST(Resume, PartsOfATextAreNoPlacesAndHaveNoLogitsBeforeTheLast) {
+  const auto context = sharedModel().context({});
+  const std::vector<Token> first = text(10, 1);
+  const std::vector<Token> second = text(20, 2);
+  const std::vector<Token> third = text(15, 3);
+  feedRest(*context, first);
+  context->remember();
+  kel::Status status;
+  for (const std::vector<Token>& part : {second, third}) {
+    const bool isLast = part == third;
+    EXPECT_EQ(Context::Fed::All,
+              context->feedPart(part, isLast ? Context::Logits::OfTheLast : Context::Logits::None,
+                                nullptr, nullptr, status));
+    EXPECT_EQ(isLast, !context->logits().empty());
+  }
+  EXPECT_EQ(bitsAfresh(first + second + third), bits(*context));
+  EXPECT_EQ(first.size(), context->resume(first + second + text(5, 4)));
+}
+
 TEST(Resume, ATextThatIsStoppedGoesBackEvenWhereItsPlacesFillTheBudget) {
   const auto context = sharedModel().context({.snapshotBytes = 0});
   const std::vector<Token> first = text(10, 1);
