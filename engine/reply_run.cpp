@@ -103,7 +103,28 @@ int32_t ReplyRun::choose(std::span<const float> logits) {
     forced.pop_front();
     return id;
   }
+  // Once the answer has begun, nothing in it can be reasoning again.
+  if (options.constraint != nullptr && (allowed || !text->inReasoning())) {
+    return chooseConstrained(logits);
+  }
   return sampler.next(logits, options.sampling);
+}
+
+int32_t ReplyRun::chooseConstrained(std::span<const float> logits) {
+  if (!allowed) {
+    allowed.emplace(logits.size());
+    constrained = options.sampling;
+    constrained.mask = &*allowed;
+  }
+  options.constraint->allowed(*allowed);
+  if (options.sampling.mask != nullptr) {
+    allowed->keepOnly(*options.sampling.mask);
+  }
+  const int32_t id = sampler.next(logits, constrained);
+  if (id != kNoToken) {
+    options.constraint->accept(id);
+  }
+  return id;
 }
 
 Status ReplyRun::takePending() {
@@ -157,7 +178,7 @@ bool ReplyRun::endsBefore(int32_t id) {
 }
 
 void ReplyRun::limitThinking() {
-  if (!options.thinkingTokens || !text->inReasoning()) {
+  if (!options.thinkingTokens || allowed || !text->inReasoning()) {
     return;
   }
   if (++thoughts == *options.thinkingTokens) {

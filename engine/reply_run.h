@@ -68,6 +68,7 @@ class ReplyRun {
  private:
   kel::Status startWriting();
   int32_t choose(std::span<const float> logits);
+  int32_t chooseConstrained(std::span<const float> logits);
   kel::Status takePending();
   bool take(int32_t id, uint64_t place);
   bool endsBefore(int32_t id);
@@ -93,6 +94,8 @@ class ReplyRun {
   std::vector<int32_t> ends;
   std::vector<int32_t> history;
   std::deque<int32_t> forced;
+  std::optional<TokenMask> allowed;  // from the first constrained token on
+  SamplerSettings constrained;       // the sampling, with that mask
   std::span<const float> chosenFrom;
   GuessPace pace;
   int32_t pending = kNoToken;
