@@ -17,6 +17,9 @@ Status generate(Context& context, Sampler& sampler, ChatTokens chat, std::span<c
   while (run.state() == ReplyRun::State::Reading) {
     status = run.read();
   }
+  if (run.state() == ReplyRun::State::Read) {
+    status = run.start();
+  }
   while (run.state() == ReplyRun::State::Writing) {
     status = run.write();
   }

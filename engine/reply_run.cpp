@@ -79,10 +79,13 @@ Status ReplyRun::read(size_t most) {
     }
     filled += count;
   }
-  return filled < chat.tokens.size() ? Status::success() : startWriting();
+  if (filled == chat.tokens.size()) {
+    at = State::Read;
+  }
+  return Status::success();
 }
 
-Status ReplyRun::startWriting() {
+Status ReplyRun::start() {
   for (const Token& token : chat.tokens) {
     history.push_back(token.id);
   }

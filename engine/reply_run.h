@@ -4,6 +4,7 @@
 //   ReplyRun run(context, sampler, std::move(chat), tools, options, sinks, reply);
 //   Status status = run.begin();
 //   while (run.state() == ReplyRun::State::Reading) status = run.read(128);
+//   if (run.state() == ReplyRun::State::Read) status = run.start();
 //   while (run.state() == ReplyRun::State::Writing) {
 //     status = run.tokenFed(context.feedToken(run.token()));
 //   }
@@ -33,7 +34,7 @@ namespace engine {
 // it.
 class ReplyRun {
  public:
-  enum class State : uint8_t { Reading, Writing, Over };
+  enum class State : uint8_t { Reading, Read, Writing, Over };
 
   // result: an empty one.
   ReplyRun(Context& replyContext, Sampler& replySampler, ChatTokens tokens,
@@ -49,10 +50,12 @@ class ReplyRun {
   kel::Status begin();
 
   // While Reading: feeds at most so many of the tokens that come next, at least one, and no more
-  // than a message: every end of one is a place to come back to. With the last of them the first
-  // token of the reply is chosen.
+  // than a message: every end of one is a place to come back to.
   kel::Status read(size_t most = std::numeric_limits<size_t>::max());
   uint64_t unread() const { return chat.tokens.size() - filled; }
+
+  // When the prompt is Read: chooses the first token.
+  kel::Status start();
 
   // While Writing: the token that the context has to be fed next, and the answer that it has been,
   // which chooses the next one; or why it could not be.
@@ -66,7 +69,6 @@ class ReplyRun {
   void cancel();
 
  private:
-  kel::Status startWriting();
   int32_t choose(std::span<const float> logits);
   int32_t chooseConstrained(std::span<const float> logits);
   kel::Status takePending();

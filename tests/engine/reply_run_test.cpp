@@ -78,6 +78,7 @@ class ReplyInSteps : public testing::Test {
       EXPECT_TRUE(steps.read(slice).ok());
       ++slices;
     }
+    EXPECT_TRUE(steps.start().ok());
     while (steps.state() == ReplyRun::State::Writing) {
       EXPECT_TRUE(steps.tokenFed(context->feedToken(steps.token())).ok());
     }
@@ -167,6 +168,7 @@ TEST_F(ReplyInSteps, TellWhatWasHeldBackWhenTheyAreCut) {
   while (steps->state() == ReplyRun::State::Reading) {
     ASSERT_TRUE(steps->read().ok());
   }
+  ASSERT_TRUE(steps->start().ok());
   ASSERT_TRUE(steps->tokenFed(context->feedToken(steps->token())).ok());
   EXPECT_EQ("", told);
   steps->cancel();
@@ -182,6 +184,7 @@ TEST_F(ReplyInSteps, AreOverWhenATokenCouldNotBeFed) {
   while (steps->state() == ReplyRun::State::Reading) {
     ASSERT_TRUE(steps->read().ok());
   }
+  ASSERT_TRUE(steps->start().ok());
   EXPECT_EQ("no", steps->tokenFed(Status::ioError("no")).message);
   EXPECT_EQ(ReplyRun::State::Over, steps->state());
   EXPECT_EQ(atOnce(withoutMarks(1)).message.content, reply.message.content);
