@@ -25,6 +25,9 @@ std::unique_ptr<qwen35::Snapshot> SnapshotStore::room(const qwen35::Model& m) {
   }
   if (entries.size() < most) {
     try {
+      // So that neither keeping nor forgetting it takes memory.
+      entries.reserve(entries.size() + 1);
+      spare.reserve(entries.size() + 1);
       return std::make_unique<qwen35::Snapshot>(m);
     } catch (const std::bad_alloc&) {
       most = entries.size();  // what there is has to do
