@@ -88,6 +88,9 @@ class Context {
   // are those behind it.
   size_t resume(std::span<const Token> wanted);
 
+  // The length that resume() would go back to.
+  size_t held(std::span<const Token> wanted) const { return placeOf(wanted, capacity()).position; }
+
   // Takes over from one of others what it holds of `wanted`, where that is more than resume() would
   // find here, and true then: resume(wanted) finds it. What is copied are the caches and the state,
   // and the logits where they are known at that place, so that a text is fed once for all contexts
@@ -146,6 +149,7 @@ class Context {
   const std::vector<Token>& tokens() const { return fed; }
   uint64_t position() const { return fed.size(); }  // filled
   uint64_t capacity() const { return weights.maxCtx; }
+  uint64_t snapshotBytes() const { return places.bytes(); }  // of remembered places
   const ContextStatistics& statistics() const { return counts; }
 
   // Writes tokens and state to a file, with a note of the caller's: complete or not at all. Places

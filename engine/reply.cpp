@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "engine/reply_run.h"
+#include "qwen35/forward.h"
 
 namespace engine {
 
@@ -27,6 +28,10 @@ Status generate(Context& context, Sampler& sampler, ChatTokens chat, std::span<c
 }
 
 }  // namespace
+
+bool isCancelled(const volatile int* flag) {
+  return qwen35::isCancelled(flag);
+}
 
 Status generateReply(Context& context, Sampler& sampler, const ChatRequest& request,
                      const ReplyOptions& options, const ReplySinks& sinks, Reply& reply) {

@@ -42,6 +42,9 @@ struct ReplySinks {
                                          // second, a reply within a token
 };
 
+// Whether such a flag says so. Nothing is published with it.
+bool isCancelled(const volatile int* flag);
+
 enum class ReplyEnd : uint8_t { Stop, StopString, Limit, ContextFull, Cancelled };
 
 struct Reply {

@@ -7,7 +7,6 @@
 
 #include "engine/prompt_lookup.h"
 #include "engine/text_encoder.h"
-#include "qwen35/forward.h"
 
 namespace engine {
 
@@ -169,7 +168,7 @@ bool ReplyRun::endsBefore(int32_t id) {
   if (id == kNoToken) {
     return true;
   }
-  if (qwen35::isCancelled(sinks.cancel)) {
+  if (isCancelled(sinks.cancel)) {
     reply.end = ReplyEnd::Cancelled;
     return true;
   }

@@ -41,7 +41,9 @@ std::vector<Token> operator+(std::vector<Token> a, const std::vector<Token>& b) 
 
 // Feeds what resume() leaves of the tokens; returns how many those were.
 size_t feedRest(Context& context, const std::vector<Token>& tokens) {
+  const size_t held = context.held(tokens);
   const size_t kept = context.resume(tokens);
+  EXPECT_EQ(held, kept);
   kel::Status status;
   EXPECT_EQ(Context::Fed::All,
             context.feed(std::span(tokens).subspan(kept), nullptr, nullptr, status))
@@ -211,12 +213,14 @@ TEST(SnapshotStore, TheOneUsedLongestAgoMakesRoom) {
   store.use(10);
   store.take(model, 40);
   EXPECT_EQ(3U, store.count());
+  EXPECT_EQ(3 * qwen35::Snapshot::bytes(model), store.bytes());
   EXPECT_EQ(10U, store.nearest(29));  // 20 went
   EXPECT_EQ(40U, store.nearest(99));
   EXPECT_EQ(0U, store.nearest(9));
   store.forgetBehind(30);
   EXPECT_EQ(30U, store.nearest(99));
   EXPECT_EQ(2U, store.count());
+  EXPECT_EQ(3 * qwen35::Snapshot::bytes(model), store.bytes());  // one is kept for the next place
 }
 
 TEST(SnapshotStore, HasRoomForTwoWhateverTheBudget) {
