@@ -36,8 +36,8 @@ struct GenerationRequest {
 };
 
 // Told by the scheduler's thread, in order, which it must not keep waiting. Nothing comes after
-// done() or failed(). A request whose cancel flag is raised, or that is cut off when the server
-// ends, has its choices finished with ReplyEnd::Cancelled, started() or not.
+// done() or failed(). A request whose cancel flag is raised has its choices finished with
+// ReplyEnd::Cancelled, started() or not; so have replies that are cut off when the server ends.
 class GenerationSink {
  public:
   virtual ~GenerationSink() = default;
@@ -50,7 +50,7 @@ class GenerationSink {
   virtual void finished(size_t choice, const engine::Reply& reply) = 0;
   virtual void done() = 0;  // all choices are finished
   // The request cannot be fulfilled: InvalidFormat for what it says, IoError where there is no
-  // memory, or where the server ends before its turn has come (it may be asked of another one),
+  // memory, or where the server ends before its reply has begun (another one may be asked),
   // Corrupted where its numbers went wrong.
   virtual void failed(const kel::Status& status) = 0;
 
