@@ -194,23 +194,35 @@ Context::Fed Context::feed(std::span<const Token> tokens, const PromptProgress& 
   if (!status.ok()) {
     return Fed::Failed;
   }
-  const uint64_t before = position();
   remember();
-  const Fed outcome = feedRuns(tokens, progress, cancel, status);
+  return feedPart(tokens, Logits::OfTheLast, progress, cancel, status);
+}
+
+Context::Fed Context::feedPart(std::span<const Token> tokens, Logits wanted,
+                               const PromptProgress& progress, const volatile int* cancel,
+                               Status& status) {
+  status = check(tokens);
+  if (!status.ok()) {
+    return Fed::Failed;
+  }
+  const uint64_t before = position();
+  const Fed outcome = feedRuns(tokens, wanted, progress, cancel, status);
   if (outcome != Fed::All) {
     goBackTo(places.nearest(before));
   }
   return outcome;
 }
 
-Context::Fed Context::feedRuns(std::span<const Token> tokens, const PromptProgress& progress,
-                               const volatile int* cancel, Status& status) {
+Context::Fed Context::feedRuns(std::span<const Token> tokens, Logits wanted,
+                               const PromptProgress& progress, const volatile int* cancel,
+                               Status& status) {
   const size_t longest = longestBatch(passes->pass);
   const uint64_t before = position();
   for (size_t at = 0; at < tokens.size();) {
     const auto batch = tokens.subspan(at, batchLength(tokens.subspan(at), longest));
     at += batch.size();
-    const Fed outcome = feedBatch(batch, at == tokens.size(), cancel);
+    const Fed outcome =
+        feedBatch(batch, at == tokens.size() && wanted == Logits::OfTheLast, cancel);
     if (outcome == Fed::Failed) {
       status = notFinite();
     }

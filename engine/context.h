@@ -88,6 +88,9 @@ class Context {
   // are those behind it.
   size_t resume(std::span<const Token> wanted);
 
+  // The length that resume() would go back to.
+  size_t held(std::span<const Token> wanted) const { return placeOf(wanted, capacity()).position; }
+
   // Takes over from one of others what it holds of `wanted`, where that is more than resume() would
   // find here, and true then: resume(wanted) finds it. What is copied are the caches and the state,
   // and the logits where they are known at that place, so that a text is fed once for all contexts
@@ -109,6 +112,13 @@ class Context {
   // kSnapshotInterval tokens.
   Fed feed(std::span<const Token> tokens, const PromptProgress& progress,
            const volatile int* cancel, kel::Status& status);
+
+  // Feeds tokens of a longer text as feed() does, whose slices are then no places to go back to: a
+  // failure goes back to the last place that is remembered. logits() only where they are wanted:
+  // there are none behind a slice that others follow.
+  enum class Logits : uint8_t { None, OfTheLast };
+  Fed feedPart(std::span<const Token> tokens, Logits wanted, const PromptProgress& progress,
+               const volatile int* cancel, kel::Status& status);
 
   // Feeds a generated token. After a failure for numbers that are not finite, only reset() helps.
   kel::Status feedToken(int32_t token);
@@ -139,6 +149,7 @@ class Context {
   const std::vector<Token>& tokens() const { return fed; }
   uint64_t position() const { return fed.size(); }  // filled
   uint64_t capacity() const { return weights.maxCtx; }
+  uint64_t snapshotBytes() const { return places.bytes(); }  // of remembered places
   const ContextStatistics& statistics() const { return counts; }
   size_t placeCount() const { return places.count(); }  // places to go back to
   uint64_t placeBytes() const;                          // of memory that they take
@@ -161,7 +172,7 @@ class Context {
   Context(std::shared_ptr<const Model> model, const ContextOptions& options);  // bad_alloc
   kel::Status loadSteps(const std::string& path, std::string& note);
   kel::Status check(std::span<const Token> tokens) const;
-  Fed feedRuns(std::span<const Token> tokens, const PromptProgress& progress,
+  Fed feedRuns(std::span<const Token> tokens, Logits wanted, const PromptProgress& progress,
                const volatile int* cancel, kel::Status& status);
   Fed feedBatch(std::span<const Token> tokens, bool isLast, const volatile int* cancel);
   size_t batchLength(std::span<const Token> tokens, size_t longest) const;

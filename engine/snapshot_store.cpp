@@ -7,7 +7,8 @@
 namespace engine {
 
 SnapshotStore::SnapshotStore(const qwen35::Model& m, uint64_t budget)
-    : most(std::max<uint64_t>(budget / std::max<size_t>(qwen35::Snapshot::bytes(m), 1), 2)) {}
+    : copyBytes(qwen35::Snapshot::bytes(m)),
+      most(std::max<uint64_t>(budget / std::max<size_t>(copyBytes, 1), 2)) {}
 
 SnapshotStore::Entry* SnapshotStore::find(uint64_t position) {
   const auto found = std::find_if(entries.begin(), entries.end(), [position](const Entry& entry) {
