@@ -388,8 +388,10 @@ TEST_F(SchedulerTest, AConversationIsNotReadTwice) {
   std::vector<Message> next = first;
   next.push_back(message(Role::Assistant, answer));
   next.push_back(message(Role::User, "And then?"));
-  const auto b = submit(ask(next, 5));
-  EXPECT_EQ(alone(ask(next, 5)), b->text());
+  const GenerationRequest longer = ask(next, 150);  // than its prompt
+  const auto b = submit(longer);
+  EXPECT_EQ(alone(longer), b->text());
+  EXPECT_LT(b->prompt, 150U);
   EXPECT_EQ(tokensOf(first).ends.back(), b->cached);
   // It stays where it is, and leaves the other conversation its place.
   const auto c = submit(ask(next, 5));
