@@ -18,7 +18,7 @@ HttpChannel::HttpChannel(MHD_Connection* polled, int socket, HttpRequest receive
 
 void HttpChannel::wake() {
   if (std::exchange(isSuspended, false)) {
-    movedAt = Clock::now();
+    movedAt = Clock::now();  // a stream that was idle has been read so far
     MHD_resume_connection(connection);
   }
 }
@@ -37,6 +37,7 @@ void HttpChannel::answer(HttpAnswerHead complete, std::string body) {
   head.bytes = body.size();
   out = std::move(body);
   isAnswered = true;
+  movedAt = Clock::now();
   isEnded = true;
   wake();
 }
@@ -49,6 +50,7 @@ void HttpChannel::begin(HttpAnswerHead complete) {
   head = std::move(complete);
   head.bytes.reset();
   isAnswered = true;
+  movedAt = Clock::now();
   wake();
 }
 
@@ -86,7 +88,6 @@ void HttpChannel::letGo() {
 HttpChannel::Next HttpChannel::next() {
   const std::scoped_lock lock(mutex);
   if (isAnswered) {
-    movedAt = Clock::now();
     return Next::Answer;
   }
   if (goneFlag != 0 || isLetGo) {
@@ -139,15 +140,17 @@ uint64_t HttpChannel::pulledBytes() const {
   return pulled;
 }
 
-void HttpChannel::detach() {
+bool HttpChannel::detach() {
   const std::scoped_lock lock(mutex);
+  const bool isWhole = isEnded && unsent() == 0 && !overflowed;
   connection = nullptr;
   isSuspended = false;
   out = {};
   sent = 0;
-  if (!isEnded) {
+  if (!isWhole) {
     setGone();
   }
+  return isWhole;
 }
 
 void HttpChannel::callerGone() {

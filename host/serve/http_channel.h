@@ -58,8 +58,8 @@ class HttpChannel {
   // suspended, or MHD_CONTENT_READER_END_OF_STREAM.
   ssize_t pull(char* to, size_t most);
   uint64_t pulledBytes() const;
-  // The connection has no more to do with the request.
-  void detach();
+  // The connection has no more to do with the request. Whether all of the answer was taken.
+  bool detach();
 
   // Any thread. The caller has gone away, or is to be treated so.
   void callerGone();
@@ -83,7 +83,7 @@ class HttpChannel {
   std::string out;
   size_t sent = 0;  // bytes at the beginning of out
   uint64_t pulled = 0;
-  Clock::time_point movedAt;  // when the polling side last took something, or was given the first
+  Clock::time_point movedAt;  // when there last was something to send, and when some was taken
   bool isAnswered = false;    // head is complete
   bool isEnded = false;       // out is all that there will be
   bool isLetGo = false;

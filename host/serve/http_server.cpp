@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <microhttpd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -65,6 +66,7 @@ struct Connection {
   std::string method;
   std::string path;
   int status = 0;
+  bool isWhole = true;      // all of the answer was sent
   uint64_t bodyBytes = 0;   // of the answer, where it is no channel's
   size_t unprogressed = 0;  // bytes of the body since the time-out began anew
 };
@@ -231,15 +233,18 @@ void HttpServer::State::stop(milliseconds grace) {
   }
   const Clock::time_point until = Clock::now() + grace;
   isStopping = true;
-  if (MHD_quiesce_daemon(daemon) != MHD_INVALID_SOCKET) {
-    close(listening);
-  }
-  listening = -1;
+  // The polling thread may still look at the socket: it is closed when that thread has ended.
+  const bool isOurs = MHD_quiesce_daemon(daemon) != MHD_INVALID_SOCKET;
+  shutdown(listening, SHUT_RDWR);
   watch.waitForRequests(until);
   // Requests that are attended to after this see the flag, the others are in the list.
   isForced = true;
   watch.cutRequests();
   MHD_stop_daemon(std::exchange(daemon, nullptr));
+  if (isOurs) {
+    close(listening);
+  }
+  listening = -1;
   watch.stop();
 }
 
@@ -432,7 +437,7 @@ void HttpServer::State::noticeEnd(void* self, MHD_Connection* polled, void** /*c
 
 void HttpServer::State::finish(Connection& connection) {
   if (connection.channel != nullptr) {
-    connection.channel->detach();
+    connection.isWhole = connection.channel->detach();
     watch.release(connection.id);
   }
   watch.readUntil(connection.id, Clock::now() + service.limits.idleTimeout, false);
@@ -443,6 +448,7 @@ void HttpServer::State::finish(Connection& connection) {
   connection.method.clear();
   connection.status = 0;
   connection.bodyBytes = 0;
+  connection.isWhole = true;
 }
 
 void HttpServer::State::logRequest(const Connection& connection) const {
@@ -451,13 +457,12 @@ void HttpServer::State::logRequest(const Connection& connection) const {
   }
   const auto ms = std::chrono::duration_cast<milliseconds>(Clock::now() - connection.begunAt);
   const bool hasChannel = connection.channel != nullptr;
-  const bool isCut = hasChannel && *connection.channel->gone() != 0;
   logLine(fmt::format("{} {} {} {} {} ms {} bytes{}", connection.address, connection.method,
                       loggable(connection.path),
                       connection.status == 0 ? std::string("-") : std::to_string(connection.status),
                       ms.count(),
                       hasChannel ? connection.channel->pulledBytes() : connection.bodyBytes,
-                      isCut ? " (cut off)" : ""));
+                      connection.isWhole ? "" : " (cut off)"));
 }
 
 HttpServer::HttpServer() : state(std::make_unique<State>()) {}

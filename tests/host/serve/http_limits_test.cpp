@@ -234,6 +234,20 @@ TEST_F(HttpLimitsTest, AwaitedAnswersAndIdleStreamsOutlastTheTimeouts) {
   EXPECT_EQ(reading.read().body, "somemore");
 }
 
+TEST_F(HttpLimitsTest, AnswerThatIsBegunAtOnceCountsAsUnreadFromThenOn) {
+  service.limits.idleTimeout = milliseconds(40);  // how often the times are looked at follows it
+  service.routes.add("GET", "/slow", [](const std::shared_ptr<HttpExchange>& exchange) {
+    exchange->begin(200, "text/plain");
+    std::this_thread::sleep_for(milliseconds(200));
+    exchange->write("all");
+    exchange->end();
+  });
+  start();
+  HttpClient caller = client();
+  caller.ask("GET", "/slow");
+  EXPECT_EQ(caller.read().body, "all");
+}
+
 TEST_F(HttpLimitsTest, StreamThatIsNotReadIsGivenUpWhenItsRoomIsFull) {
   service.limits.unsentBytes = 100000;
   start();
