@@ -414,7 +414,11 @@ MHD_Result HttpServer::State::queue(MHD_Connection* polled, Connection& connecti
   };
   if (!contentType.empty()) {
     add("Content-Type", contentType);
-    add("X-Content-Type-Options", "nosniff");
+  }
+  constexpr const char* kNoSniffing = "X-Content-Type-Options";
+  if (std::none_of(headers.begin(), headers.end(),
+                   [](const auto& header) { return header.first == kNoSniffing; })) {
+    add(kNoSniffing, "nosniff");
   }
   for (const HttpHeaders* some : {&headers, &std::as_const(connection.answerHeaders)}) {
     for (const auto& [name, value] : *some) {
