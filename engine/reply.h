@@ -17,6 +17,7 @@
 #include "engine/chat_format.h"
 #include "engine/chat_tokens.h"
 #include "engine/context.h"
+#include "engine/reply_constraint.h"
 #include "engine/reply_parser.h"
 #include "engine/sampler.h"
 
@@ -28,6 +29,8 @@ struct ReplyOptions {
   std::optional<uint64_t> thinkingTokens = {};  // after so many, reasoning is closed
   std::vector<std::string> stops = {};          // strings that end the answer; not part of it
   bool guesses = true;  // look ahead in the text so far, which changes speed alone
+  // The form of the answer, of this one reply; the caller's. Null: free.
+  ReplyConstraint* constraint = nullptr;
 };
 
 // What is told while the reply comes; all may be null.
@@ -38,6 +41,9 @@ struct ReplySinks {
   const volatile int* cancel = nullptr;  // not 0: ends reading within a fraction of a
                                          // second, a reply within a token
 };
+
+// Whether such a flag says so. Nothing is published with it.
+bool isCancelled(const volatile int* flag);
 
 enum class ReplyEnd : uint8_t { Stop, StopString, Limit, ContextFull, Cancelled };
 

@@ -342,7 +342,7 @@ Status Context::loadSteps(const std::string& path, std::string& note) {
     reset();
     return status;
   }
-  fed = std::move(tokens);
+  fed.assign(tokens.begin(), tokens.end());
   remember();
   note = std::move(text);
   return status;

@@ -25,6 +25,13 @@ class TokenMask {
   void allow(size_t id) { words[id / kWordBits] |= bitOf(id); }
   void ban(size_t id) { words[id / kWordBits] &= ~bitOf(id); }
 
+  // Bans what the other one, of the same size, bans.
+  void keepOnly(const TokenMask& other) {
+    for (size_t i = 0; i < words.size(); ++i) {
+      words[i] &= other.words[i];
+    }
+  }
+
   // Ids past the end are banned.
   bool allows(size_t id) const { return id < ids && (words[id / kWordBits] & bitOf(id)) != 0; }
 
