@@ -49,6 +49,8 @@ class GrammarConstraint final : public ReplyConstraint {
 
   // The text so far is one of the grammar.
   bool isComplete() const { return machine.isComplete(places); }
+  // Of the automaton, what this one holds; bounded whatever the length of the text.
+  size_t heldFrames() const { return machine.size(); }
 
  private:
   using Places = GrammarMachine::Places;

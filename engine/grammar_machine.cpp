@@ -288,12 +288,14 @@ void GrammarMachine::feedFront(const Frame& frame, uint8_t byte, Places& out) {
   }
 }
 
-// White space between two parts of an array or object.
-bool GrammarMachine::feedSpace(const Frame& frame, uint8_t byte, bool blank, Places& out) {
+// White space between two parts of an array or object. Behind a part it stands before the end
+// alone.
+bool GrammarMachine::feedSpace(const Frame& frame, uint8_t byte, bool canEnd, Places& out) {
   Frame next = frame;
-  if (byte == ' ' && blank && frame.space == Space::None) {
+  if (byte == ' ' && frame.phase == Phase::Next && frame.space == Space::None) {
     next.space = Space::Blank;
-  } else if (byte == '\n' && frame.space == Space::None) {
+  } else if (byte == '\n' && frame.space == Space::None &&
+             (frame.phase != Phase::After || canEnd)) {
     next.space = Space::Lines;
   } else if (byte == ' ' && frame.space == Space::Lines &&
              frame.spaces < kSpacesOfALevel * frame.depth) {
@@ -416,11 +418,12 @@ void GrammarMachine::feedNode(const ArrayNode& node, Place, Frame frame, uint8_t
     }
     return;
   }
-  if (feedSpace(frame, byte, frame.phase == Phase::Next, out)) {
+  const bool canEnd = frame.phase != Phase::Next && frame.count >= node.minItems;
+  if (feedSpace(frame, byte, canEnd, out)) {
     return;
   }
-  if (byte == ']' && frame.phase != Phase::Next) {
-    if (frame.count >= node.minItems) {
+  if (byte == ']') {
+    if (canEnd) {
       resume(frame.parent, out);
     }
     return;
@@ -513,11 +516,13 @@ void GrammarMachine::feedNode(const ObjectNode& node, Place, Frame frame, uint8_
     default:
       break;
   }
-  if (feedSpace(frame, byte, frame.phase == Phase::Next, out)) {
+  const bool canEnd =
+      frame.phase != Phase::Next && list.nextRequired(frame.position) == list.entries().size();
+  if (feedSpace(frame, byte, canEnd, out)) {
     return;
   }
   if (byte == '}') {
-    if (frame.phase != Phase::Next && list.nextRequired(frame.position) == list.entries().size()) {
+    if (canEnd) {
       resume(frame.parent, out);
     }
   } else if (byte == '"' && frame.phase != Phase::After) {

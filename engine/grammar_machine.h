@@ -121,7 +121,7 @@ class GrammarMachine {
   void feed(Place place, uint8_t byte, Places& out);
   void feedStart(NodeId node, const Frame& parent, uint8_t byte, Places& out);
   void feedFront(const Frame& frame, uint8_t byte, Places& out);
-  bool feedSpace(const Frame& frame, uint8_t byte, bool blank, Places& out);
+  bool feedSpace(const Frame& frame, uint8_t byte, bool canEnd, Places& out);
 
   void feedNode(const LiteralsNode& node, Place place, Frame frame, uint8_t byte, Places& out);
   void feedNode(const StringNode& node, Place place, Frame frame, uint8_t byte, Places& out);
