@@ -64,22 +64,26 @@ void AnswerTokens::add(const engine::LogProbabilities& token) {
   const int32_t id = token.chosen.id;
   if (inReasoning) {
     inReasoning = id != served.thinkEnd;
-  } else if (inCall) {
-    inCall = id != served.callEnd;
-  } else if (id >= 0 && id == served.callBegin) {
-    inCall = true;
-  } else if (!served.isSpecial(id)) {
-    const bool isFraming =
-        atFront && served.tokenBytes(id).find_first_not_of('\n') == std::string::npos;
-    if (!isFraming) {
-      atFront = false;
-      pending.push_back(token);
-    }
+    return;
+  }
+  const bool isFraming =
+      atFront && served.tokenBytes(id).find_first_not_of('\n') == std::string::npos;
+  if (!isFraming) {
+    atFront = false;
+    pending.push_back(token);
   }
 }
 
 Tokens AnswerTokens::take(const engine::ReplyEvent& event) {
-  return event.kind == Kind::Answer ? std::exchange(pending, {}) : Tokens();
+  if (event.kind == Kind::Answer) {
+    return std::exchange(pending, {});
+  }
+  // Until a call is complete its text may yet be answer.
+  if (event.kind == Kind::Reasoning || event.kind == Kind::CallComplete ||
+      event.kind == Kind::CallIncomplete) {
+    pending.clear();
+  }
+  return {};
 }
 
 Json chatLogProbabilities(const ServedModel& served, const Tokens& tokens) {

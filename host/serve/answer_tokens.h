@@ -20,13 +20,12 @@ class AnswerTokens {
 
   void add(const engine::LogProbabilities& token);
 
-  // The tokens behind an event: none unless it is answer text.
+  // To be called with every event; the tokens behind it: none unless it is answer text.
   std::vector<engine::LogProbabilities> take(const engine::ReplyEvent& event);
 
  private:
   const ServedModel& served;
   bool inReasoning;
-  bool inCall = false;
   bool atFront = true;  // line feeds are framing there
   std::vector<engine::LogProbabilities> pending;
 };

@@ -109,6 +109,7 @@ void ApiSink::token(size_t /*choice*/, const engine::LogProbabilities& /*chosen*
 
 void ApiSink::finished(size_t choice, const engine::Reply& reply) {
   replyTokens += reply.tokens;
+  reasoningTokens += reply.reasoningTokens;
   isCut = isCut || reply.end == engine::ReplyEnd::Cancelled;
   if (!isCut) {
     ended(choice, reply);

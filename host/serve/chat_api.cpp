@@ -60,13 +60,14 @@ class ChatSink : public ApiSink {
 
   void event(size_t index, const engine::ReplyEvent& event) override {
     Choice& choice = choices[index];
+    std::vector<engine::LogProbabilities> tokens = choice.tokens.take(event);
     switch (event.kind) {
       case Kind::Reasoning:
         tell(index, {{"reasoning_content", event.text}});
         choice.reasoning += event.text;
         break;
       case Kind::Answer:
-        answer(index, event.text, choice.tokens.take(event));
+        answer(index, event.text, std::move(tokens));
         break;
       case Kind::CallComplete:
         call(index, event);

@@ -27,12 +27,13 @@ class ResponseSink : public ApiSink {
   }
 
   void event(size_t /*choice*/, const engine::ReplyEvent& event) override {
+    std::vector<engine::LogProbabilities> chosen = tokens.take(event);
     switch (event.kind) {
       case Kind::Reasoning:
         addText(Part::Reasoning, event.text, {});
         break;
       case Kind::Answer:
-        addText(Part::Answer, event.text, tokens.take(event));
+        addText(Part::Answer, event.text, std::move(chosen));
         break;
       case Kind::CallComplete:
         addCall(event);

@@ -62,7 +62,7 @@ TEST_F(ChatApi, WholeAnswer) {
       R"("reasoning_content":"Hmm."},"logprobs":null,"finish_reason":"stop"}],)"
       R"("usage":{"prompt_tokens":10,"completion_tokens":6,"total_tokens":16,)"
       R"("prompt_tokens_details":{"cached_tokens":4},)"
-      R"("completion_tokens_details":{"reasoning_tokens":0}}})",
+      R"("completion_tokens_details":{"reasoning_tokens":3}}})",
       exchange->written);
 }
 

@@ -181,6 +181,7 @@ inline engine::Reply reply(engine::ReplyEnd end, uint64_t tokens,
   engine::Reply out;
   out.end = end;
   out.tokens = tokens;
+  out.reasoningTokens = tokens / 2;
   out.stopString = stopString;
   return out;
 }

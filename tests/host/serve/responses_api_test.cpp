@@ -28,7 +28,7 @@ const std::string kSettings =
     R"("top_p":0.8,"truncation":"disabled","metadata":{},"usage":)";
 const std::string kUsage =
     R"({"input_tokens":10,"input_tokens_details":{"cached_tokens":4},"output_tokens":6,)"
-    R"("output_tokens_details":{"reasoning_tokens":0},"total_tokens":16})";
+    R"("output_tokens_details":{"reasoning_tokens":3},"total_tokens":16})";
 
 std::string response(const std::string& status, const std::string& output,
                      const std::string& usage = "null") {
