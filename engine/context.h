@@ -100,6 +100,12 @@ class Context {
   Fed feed(std::span<const Token> tokens, const PromptProgress& progress,
            const volatile int* cancel, kel::Status& status);
 
+  // Feeds tokens as feed() does, and gives the logits behind each of them: logits is
+  // [tokens][vocab]. No place is remembered: a reading that fails or is cancelled leaves the
+  // context empty. What feed() refuses is refused here, too.
+  Fed feedForLogits(std::span<const Token> tokens, std::span<float> logits,
+                    const volatile int* cancel, kel::Status& status);
+
   // Feeds a generated token. After a failure for numbers that are not finite, only reset() helps.
   kel::Status feedToken(int32_t token);
 
@@ -143,7 +149,8 @@ class Context {
   kel::Status check(std::span<const Token> tokens) const;
   Fed feedRuns(std::span<const Token> tokens, const PromptProgress& progress,
                const volatile int* cancel, kel::Status& status);
-  Fed feedBatch(std::span<const Token> tokens, bool isLast, const volatile int* cancel);
+  Fed feedBatch(std::span<const Token> tokens, bool isLast, const volatile int* cancel,
+                std::span<float> allLogits = {});
   size_t batchLength(std::span<const Token> tokens, size_t longest) const;
   void embed(std::span<const Token> tokens);
 
