@@ -149,6 +149,9 @@ class Generation {
   }
 
   Status run() {
+    if (options.thinkingTokens == 0U && text.inReasoning()) {
+      closeThinking();
+    }
     int32_t id = choose(context.logits());
     while (take(id, context.position())) {
       Status status = advance(id);
@@ -211,17 +214,21 @@ class Generation {
       return;
     }
     if (++thoughts == *options.thinkingTokens) {
-      const Model& model = context.model();
-      for (const Segment& segment : thinkingEnd()) {
-        const int32_t id = segment.control ? tokenizer.tokenToId(segment.text) : -1;
-        if (id >= 0) {
-          forced.push_back(id);
-          continue;
-        }
-        std::vector<int32_t> ids;
-        model.textEncoder().encode(segment.text, ids);
-        forced.insert(forced.end(), ids.begin(), ids.end());
+      closeThinking();
+    }
+  }
+
+  void closeThinking() {
+    const Model& model = context.model();
+    for (const Segment& segment : thinkingEnd()) {
+      const int32_t id = segment.control ? tokenizer.tokenToId(segment.text) : -1;
+      if (id >= 0) {
+        forced.push_back(id);
+        continue;
       }
+      std::vector<int32_t> ids;
+      model.textEncoder().encode(segment.text, ids);
+      forced.insert(forced.end(), ids.begin(), ids.end());
     }
   }
 
@@ -356,6 +363,14 @@ Status generateText(Context& context, Sampler& sampler, std::span<const int32_t>
   reply = {};
   if (prompt.empty()) {
     return Status::invalid("there is no text to go on with");
+  }
+  // Looked at before the context gives up what it holds.
+  const uint64_t vocab = context.model().sizes().vocab;
+  for (const int32_t id : prompt) {
+    if (id < 0 || static_cast<uint64_t>(id) >= vocab) {
+      return Status::invalid("token " + std::to_string(id) + " is none of the model's " +
+                             std::to_string(vocab));
+    }
   }
   return generate(context, sampler, {.tokens = promptTokens(prompt)}, {}, options, sinks, reply);
 }
