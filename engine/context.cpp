@@ -315,6 +315,7 @@ Status Context::keep(size_t count) {
     fed.resize(fed.size() - (guess->count - count));
   }
   counts.generatedTokens += count;
+  counts.acceptedGuesses += count - 1;
   counts.rejectedGuesses += guess->count - count;
   const std::span<const float> last = logitsBehind(count - 1);
   std::copy(last.begin(), last.end(), lastLogits.begin());

@@ -67,6 +67,7 @@ struct ContextStatistics {
   uint64_t promptTokens = 0;     // fed in batches
   uint64_t generatedTokens = 0;  // fed in the single-token arithmetic
   uint64_t reusedTokens = 0;     // that resume() found in place
+  uint64_t acceptedGuesses = 0;  // tokens behind the first of feedGuess() that keep() left
   uint64_t rejectedGuesses = 0;  // tokens that keep() took back
   double promptSeconds = 0;
   double generatedSeconds = 0;
