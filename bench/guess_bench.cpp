@@ -28,12 +28,12 @@
 #include <string_view>
 #include <vector>
 
+#include "container/tokenizer_data.h"
 #include "engine/context.h"
 #include "engine/model.h"
 #include "engine/reply.h"
 #include "engine/sampler.h"
 #include "engine/token_mask.h"
-#include "tokenizer/special_tokens.h"
 
 namespace {
 
@@ -263,10 +263,10 @@ int main(int argc, char** argv) {
   if (!status.ok()) {
     fail(status);
   }
+  std::printf("| %-12s | tokens | without  | with     | ratio | accepted   | of the reply   |\n",
+              ("medians of " + std::to_string(rounds)).c_str());
   std::printf(
-      "| medians of %-2d| tokens | without | with     | ratio | accepted   | of the reply   |\n",
-      rounds);
-  std::printf("|---|---:|---:|---:|---:|---:|---:|\n");
+      "|--------------|-------:|---------:|---------:|------:|-----------:|---------------:|\n");
   Words words(*model);
   for (const Case& text : cases()) {
     const std::vector<int32_t> prompt = words.ids(text.prompt);
