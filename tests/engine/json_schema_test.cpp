@@ -382,6 +382,14 @@ TEST(JsonSchemaTest, DocumentsNestToALimit) {
   EXPECT_TRUE(chain.ends(text + R"({"n":[[]]})" + std::string(61, '}')));
 }
 
+TEST(JsonSchemaTest, ElementsThatDoNotFitAreNotBegun) {
+  const Reading reading(R"({"prefixItems":[{"anyOf":[{"$ref":"#"},{"type":"null"}]},
+      {"type":"array","items":{"type":"array"},"minItems":1}]})");
+  EXPECT_TRUE(reading.begins(std::string(62, '[') + "null,[[]"));
+  EXPECT_TRUE(reading.begins(std::string(63, '[') + "null]"));
+  EXPECT_FALSE(reading.begins(std::string(63, '[') + "null,"));
+}
+
 TEST(JsonSchemaTest, KeywordsThatAreNotSupportedAreNamedWithTheirPlace) {
   for (const char* keyword :
        {"pattern", "not", "if", "uniqueItems", "multipleOf", "patternProperties", "propertyNames",
@@ -390,6 +398,8 @@ TEST(JsonSchemaTest, KeywordsThatAreNotSupportedAreNamedWithTheirPlace) {
               "schema: \"" + std::string(keyword) +
                   "\" is not supported, at #/properties/a/items/" + keyword);
   }
+  EXPECT_EQ(errorOf(R"({"properties":{"a/b~c":{"not":{}}}})"),
+            "schema: \"not\" is not supported, at #/properties/a~1b~0c/not");
   EXPECT_EQ(errorOf(R"({"$ref":"#","type":"null"})"),
             "schema: \"type\" beside \"$ref\" is not supported, at #/type");
   EXPECT_EQ(errorOf(R"({"anyOf":[{}],"minimum":1})"),
