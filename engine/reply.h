@@ -52,9 +52,10 @@ struct Reply {
   std::string stopString;  // that ended it
   Message message;         // of the assistant: to be appended for the next turn
   bool hasIncompleteCall = false;
-  uint64_t promptTokens = 0;  // of messages and generation prompt
-  uint64_t reusedTokens = 0;  // of those, in place before
-  uint64_t tokens = 0;        // generated
+  uint64_t promptTokens = 0;     // of messages and generation prompt
+  uint64_t reusedTokens = 0;     // of those, in place before
+  uint64_t tokens = 0;           // generated
+  uint64_t reasoningTokens = 0;  // of those, before the answer
 };
 
 // Generates a reply in a context, which may hold anything: what of it begins the conversation is

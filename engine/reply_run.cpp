@@ -150,6 +150,7 @@ bool ReplyRun::take(int32_t id, uint64_t place) {
   sampler.accept(id);
   history.push_back(id);
   ++reply.tokens;
+  reply.reasoningTokens += static_cast<uint64_t>(text->inReasoning());
   limitThinking();
   if (!text->add(id)) {
     reply.end = ReplyEnd::StopString;

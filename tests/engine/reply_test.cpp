@@ -262,6 +262,8 @@ TEST_F(RandomReply, ReasoningIsClosedWhereItsBudgetEnds) {
   EXPECT_FALSE(reply.message.content.empty());
   const int32_t end = opened.model->tokenizer().tokenToId("</think>");
   EXPECT_EQ(1, std::count(context->tokens().begin(), context->tokens().end(), Token{end, true}));
+  EXPECT_EQ(10U + 2U, reply.reasoningTokens) << "with the line feed and the mark that close it";
+  EXPECT_EQ(40U, reply.tokens);
 }
 
 TEST_F(RandomReply, WithoutThinkingTheAnswerBeginsAtOnce) {
@@ -270,6 +272,7 @@ TEST_F(RandomReply, WithoutThinkingTheAnswerBeginsAtOnce) {
   ASSERT_TRUE(
       generateReply(*context, sampler, {.messages = messages}, lettersOnly(10), {}, reply).ok());
   EXPECT_FALSE(reply.message.reasoningContent.has_value());
+  EXPECT_EQ(0U, reply.reasoningTokens);
   EXPECT_FALSE(reply.message.content.empty());
 }
 
