@@ -151,6 +151,8 @@ class Context {
   uint64_t capacity() const { return weights.maxCtx; }
   uint64_t snapshotBytes() const { return places.bytes(); }  // of remembered places
   const ContextStatistics& statistics() const { return counts; }
+  size_t placeCount() const { return places.count(); }  // places to go back to
+  uint64_t placeBytes() const;                          // of memory that they take
 
   // Writes tokens and state to a file, with a note of the caller's: complete or not at all. Places
   // are not written. The file is as large as the state and the filled cache positions.
@@ -209,5 +211,8 @@ class Context {
   bool hasLogits = false;
   ContextStatistics counts;
 };
+
+// Whether the file at path begins as one that Context::save has written, of any version.
+bool isSessionFile(const std::string& path);
 
 }  // namespace engine

@@ -262,6 +262,13 @@ Status readTokens(Input& input, Head& head, std::string& note, std::vector<Token
 
 }  // namespace
 
+bool isSessionFile(const std::string& path) {
+  Input input(path);
+  char magic[sizeof(kMagic)];
+  return input.open().ok() && input.read(magic, sizeof(magic)).ok() &&
+         std::memcmp(magic, kMagic, sizeof(kMagic)) == 0;
+}
+
 Status Context::save(const std::string& path, std::string_view note) const {
   Output out;
   Status status = out.create(path);

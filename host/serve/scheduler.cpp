@@ -68,7 +68,7 @@ Status Scheduler::create(const std::shared_ptr<const engine::Model>& model,
 
 Scheduler::Scheduler(const SchedulerOptions& options,
                      std::vector<std::unique_ptr<ReplySlot>> conversations)
-    : most(options.parallel + options.queueLength), slots(std::move(conversations)) {
+    : room(options.parallel + options.queueLength), slots(std::move(conversations)) {
   publish();
   thread = std::thread([this] { work(); });
 }
@@ -93,12 +93,13 @@ Submission Scheduler::submit(GenerationRequest request, std::shared_ptr<Generati
       ++counts.shuttingDown;
       return Submission::ShuttingDown;
     }
-    if (running + queue.size() >= most) {
+    if (running + queue.size() >= room) {
       ++counts.queueFull;
       return Submission::QueueFull;
     }
     ++counts.accepted;
     queue.push_back(std::move(job));
+    isIdle = false;
   }
   arrival.notify_one();
   return Submission::Accepted;
@@ -123,7 +124,7 @@ void Scheduler::cutOff() {
 
 bool Scheduler::waitUntilIdle(std::chrono::milliseconds longest) {
   std::unique_lock lock(mutex);
-  return idle.wait_for(lock, longest, [this] { return queue.empty() && running == 0; });
+  return idle.wait_for(lock, longest, [this] { return isIdle; });
 }
 
 SchedulerStatistics Scheduler::statistics() const {
@@ -148,6 +149,7 @@ bool Scheduler::waitForWork() {
   std::unique_lock lock(mutex);
   if (running == 0) {
     if (queue.empty()) {
+      isIdle = true;
       idle.notify_all();
     }
     arrival.wait(lock, [this] { return isEnding || !queue.empty(); });
@@ -155,7 +157,7 @@ bool Scheduler::waitForWork() {
   return running > 0 || !queue.empty();
 }
 
-// Requests in the line whose callers have gone away hold the places of others.
+// Callers that have gone away hold the places of others.
 void Scheduler::dropUnwanted() {
   std::vector<Job> cancelled;
   std::vector<Job> turnedAway;
@@ -177,7 +179,13 @@ void Scheduler::dropUnwanted() {
     finishRest(job, 0);
   }
   for (const Job& job : turnedAway) {
-    fail(job, serverEnds());
+    fail(job, serverEnds(), &SchedulerStatistics::turnedAway);
+  }
+  for (const std::unique_ptr<ReplySlot>& slot : slots) {
+    if (slot->is(ReplyRun::State::Reading) && slot->job()->isCancelled()) {
+      slot->run().cancel();  // whose turn to read it is has no part in it
+      sweep(*slot, Status::success());
+    }
   }
   if (cuts) {
     cutReplies();
@@ -190,7 +198,7 @@ void Scheduler::cutReplies() {
       continue;
     }
     if (!slot->job()->isRead) {
-      fail(slot->job(), serverEnds());
+      fail(slot->job(), serverEnds(), &SchedulerStatistics::turnedAway);
     } else {
       slot->run().cancel();
       sweep(*slot, Status::success());
@@ -249,7 +257,7 @@ bool Scheduler::encode(const Job& job) {
     return Status::success();
   });
   if (!status.ok()) {
-    fail(job, status);
+    fail(job, status, &SchedulerStatistics::failed);
   }
   return status.ok();
 }
@@ -260,6 +268,10 @@ void Scheduler::begin(const Job& job, size_t choice) {
           slot.take(job, choice);
           return slot.run().begin();
         }));
+  // All of the prompt was there: no other has to wait for its turn to read.
+  if (slot.is(ReplyRun::State::Reading) && slot.run().unread() == 0) {
+    readPart(slot, 0);
+  }
 }
 
 // The one that was used longest ago; null where none is free.
@@ -310,15 +322,18 @@ void Scheduler::readSlice() {
   const bool othersWrite = std::any_of(slots.begin(), slots.end(), [](const auto& slot) {
     return slot->is(ReplyRun::State::Writing);
   });
-  ReplyRun& run = reader->run();
+  readPart(*reader, pace.tokens(othersWrite));
+}
+
+void Scheduler::readPart(ReplySlot& slot, size_t most) {
+  ReplyRun& run = slot.run();
   const uint64_t unread = run.unread();
   const Clock::time_point start = Clock::now();
-  const size_t slice = pace.tokens(othersWrite);
   const Status status = withMemory([&] {
     Status part;
-    while (part.ok() && run.state() == ReplyRun::State::Reading && unread - run.unread() < slice) {
-      part = run.read(slice - (unread - run.unread()));
-    }
+    do {
+      part = run.read(most - (unread - run.unread()));
+    } while (part.ok() && run.state() == ReplyRun::State::Reading && unread - run.unread() < most);
     return part;
   });
   const double seconds = secondsSince(start);
@@ -330,9 +345,9 @@ void Scheduler::readSlice() {
     counts.readTokens += read;
   }
   if (status.ok() && run.state() == ReplyRun::State::Read) {
-    promptRead(*reader);
+    promptRead(slot);
   } else {
-    sweep(*reader, status);
+    sweep(slot, status);
   }
 }
 
@@ -394,7 +409,7 @@ void Scheduler::writeTokens() {
 void Scheduler::sweep(ReplySlot& slot, const Status& status) {
   const Job job = slot.job();
   if (!status.ok()) {
-    fail(job, status);
+    fail(job, status, &SchedulerStatistics::failed);
     if (status.code != StatusCode::InvalidFormat) {
       slot.context().reset();
     }
@@ -437,7 +452,7 @@ void Scheduler::finishRest(const Job& job, size_t firstChoice) {
   }
 }
 
-void Scheduler::fail(const Job& job, const Status& status) {
+void Scheduler::fail(const Job& job, const Status& status, uint64_t SchedulerStatistics::*outcome) {
   const Job failed = job;  // the slot's own is let go of
   for (const std::unique_ptr<ReplySlot>& slot : slots) {
     if (slot->job() == failed) {
@@ -447,7 +462,7 @@ void Scheduler::fail(const Job& job, const Status& status) {
   std::erase_if(choices, [&](const Choice& choice) { return choice.job == failed; });
   {
     const std::lock_guard lock(mutex);
-    ++(isStopped && !failed->isRead ? counts.turnedAway : counts.failed);
+    ++(counts.*outcome);
   }
   failed->sink->failed(status);
   const std::lock_guard lock(mutex);

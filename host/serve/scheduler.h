@@ -116,16 +116,17 @@ class Scheduler : public GenerationQueue {
   ReplySlot& slotFor(std::span<const engine::Token> wanted);
   bool encode(const Job& job);
   void readSlice();
+  void readPart(ReplySlot& slot, size_t most);
   void promptRead(ReplySlot& slot);
   void writeTokens();
   void sweep(ReplySlot& slot, const kel::Status& status);
   void finish(const Job& job, size_t choice, const engine::Reply& reply);
   void finishRest(const Job& job, size_t firstChoice);
-  void fail(const Job& job, const kel::Status& status);
+  void fail(const Job& job, const kel::Status& status, uint64_t SchedulerStatistics::*outcome);
   void cutReplies();
   void publish();
 
-  const size_t most;  // requests that wait or run
+  const size_t room;  // for requests that wait or run
 
   mutable std::mutex mutex;  // of what follows
   std::condition_variable arrival;
@@ -135,6 +136,7 @@ class Scheduler : public GenerationQueue {
   bool isStopped = false;
   bool isCutOff = false;
   bool isEnding = false;
+  bool isIdle = true;
   SchedulerStatistics counts;
 
   std::vector<std::unique_ptr<ReplySlot>> slots;

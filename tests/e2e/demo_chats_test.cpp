@@ -51,7 +51,7 @@ class DemoChatsTest : public testing_support::ProgramTest,
   // One program per chat would create a runtime for each: chats of one turn go together.
   static void expectReplies(const std::string& model, const Chat& turns,
                             const std::vector<std::string>& options) {
-    std::vector<std::string> words = {"run", model, "--chat", "--json"};
+    std::vector<std::string> words = {"run", model, "--chat", "--json", "--greedy"};
     words.insert(words.end(), options.begin(), options.end());
     for (const DemoTurn& turn : turns) {
       words.push_back("-p");
@@ -97,7 +97,7 @@ TEST_P(DemoChatsTest, ScriptedChatGivesTheKnownReplies) {
     for (const DemoTurn& turn : chat)
       expected += turn.reply + "\n";
   }
-  const std::vector<std::vector<std::string>> calls = {{"chat", demo},
+  const std::vector<std::vector<std::string>> calls = {{"chat", demo, "--greedy"},
                                                        {"chat", demo, "--plugin", ZYM_RUNTIME}};
   for (const std::vector<std::string>& words : calls) {
     const Outcome outcome = zym(words, script);

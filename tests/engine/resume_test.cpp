@@ -128,6 +128,20 @@ TEST(Resume, LongTextsHavePlacesOnTheirWay) {
   EXPECT_EQ(bitsAfresh(edited), bits(*context));
 }
 
+TEST(Resume, PlacesAreCountedWithTheMemoryThatTheyTake) {
+  const auto context = sharedModel().context({});
+  EXPECT_EQ(0U, context->placeCount());
+  EXPECT_EQ(0U, context->placeBytes());
+  feedRest(*context, text(10, 1));
+  context->remember();
+  const uint64_t one = context->placeBytes();
+  EXPECT_LT(0U, one);
+  feedRest(*context, text(10, 1) + text(10, 2));
+  context->remember();
+  EXPECT_EQ(2U, context->placeCount());
+  EXPECT_EQ(2 * one, context->placeBytes());
+}
+
 // Whether a token was read or generated is part of what it left behind.
 TEST(Resume, AReadTokenIsNoGeneratedOne) {
   const auto context = sharedModel().context({});

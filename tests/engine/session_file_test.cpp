@@ -153,6 +153,15 @@ TEST_F(SessionFile, BrokenFilesAreRefusedAndChangeNothing) {
   EXPECT_EQ("the session file is damaged", refusalOf([](auto& bytes) { bytes.push_back(0); }));
 }
 
+TEST_F(SessionFile, IsToldFromOtherFilesByItsBeginning) {
+  EXPECT_TRUE(isSessionFile(path));
+  EXPECT_FALSE(isSessionFile(model.path));
+  EXPECT_FALSE(isSessionFile(folder.file("none")));
+  EXPECT_FALSE(isSessionFile(folder.path().string()));
+  writeFile(folder.file("short"), {'Z', 'Y', 'M'});
+  EXPECT_FALSE(isSessionFile(folder.file("short")));
+}
+
 TEST_F(SessionFile, EveryBitIsGuarded) {
   const std::vector<uint8_t> whole = readFile(path);
   for (size_t at = 0; at < whole.size(); at += 997) {

@@ -41,6 +41,7 @@ struct RandomModelSpec {
   std::string layerKinds = "LLLF";
   size_t blocks = 32;
   std::string architecture = "qwen35";  // empty: the metadata has none
+  std::string chatTemplate{};           // of the metadata; empty: they have none
   kel::TokenizerData tokenizer{};       // when it has no tokens: tokens "<0>", "<1>", ...
   uint64_t seed = 1;
   // Of a matrix; further rows repeat the ones before, so that any size is written in little memory.

@@ -387,11 +387,15 @@ TEST_F(SchedulerTest, AConversationIsNotReadTwice) {
   const auto b = submit(ask(next, 5));
   EXPECT_EQ(alone(ask(next, 5)), b->text());
   EXPECT_EQ(tokensOf(first).ends.back(), b->cached);
+  // It stays where it is, and leaves the other conversation its place.
+  const auto c = submit(ask(next, 5));
+  c->wait();
+  EXPECT_EQ(tokensOf(next).ends.back(), c->cached);
   const auto again = submit(ask(other, 5));
   again->wait();
   EXPECT_EQ(tokensOf(other).ends.back(), again->cached);
-  EXPECT_EQ(2U, scheduler->statistics().cacheHits);
-  EXPECT_EQ(b->cached + again->cached, scheduler->statistics().cachedTokens);
+  EXPECT_EQ(3U, scheduler->statistics().cacheHits);
+  EXPECT_EQ(b->cached + c->cached + again->cached, scheduler->statistics().cachedTokens);
 }
 
 // The one that holds the beginning is writing: it goes on undisturbed.
@@ -452,6 +456,9 @@ TEST_F(SchedulerTest, ChoicesHaveThePromptInCommon) {
     const size_t late = parallel >= 3 ? 0 : 3 - parallel;
     EXPECT_EQ(chat.tokens.size() + late * opening, counts.readTokens);
     EXPECT_EQ(1U, counts.completed);
+    if (late == 0) {
+      EXPECT_EQ(11U, counts.passes);  // side by side, and of the last token there is none
+    }
   }
 }
 
@@ -544,6 +551,35 @@ TEST_F(SchedulerTest, ACallerThatGoesAwayEndsTheReadingOfItsPrompt) {
   EXPECT_EQ(1U, counts.cancelled);
   EXPECT_EQ(1U, counts.completed);
   EXPECT_LT(counts.readTokens, 1000U);
+}
+
+TEST_F(SchedulerTest, CallersThatGoAwayNeedNotWaitForTheirTurnToRead) {
+  start(3);
+  const auto writer = std::make_shared<Caller>("writer", &log);
+  std::vector<std::shared_ptr<Caller>> readers;
+  size_t events = 0;
+  writer->onEvent = [&] {
+    if (++events == 1) {
+      gate.pass();
+    }
+    if (events == 4) {
+      readers[0]->goAway();
+      readers[1]->goAway();
+    }
+    log.add("token " + std::to_string(events));
+  };
+  submit(ask("Hello", 20), writer);
+  gate.waitUntilReached();
+  for (const char* name : {"a", "b"}) {
+    readers.push_back(submit(ask(std::string(1200, 'x'), 5), name));
+  }
+  gate.open();
+  writer->wait();
+  const std::vector<std::string> lines = log.all();
+  const auto flagged = std::find(lines.begin(), lines.end(), "token 4");
+  ASSERT_LE(5, lines.end() - flagged);
+  EXPECT_EQ((std::vector<std::string>{"token 4", "a finished", "a done", "b finished", "b done"}),
+            std::vector<std::string>(flagged, flagged + 5));
 }
 
 TEST_F(SchedulerTest, ACallerThatGoesAwayEndsItsReplyWithinAToken) {
@@ -659,10 +695,16 @@ TEST_F(SchedulerTest, AReplyThatGoesWrongLeavesThePassToTheOthers) {
   EXPECT_EQ("~", wrong->told.at(0));
   EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
   EXPECT_EQ(alone(ask("What is new?", 30)), right->text());
-  // The conversation that went wrong is of use again.
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(alone(ask("Hello", 5)), submit(ask("Hello", 5))->text());
-  }
+}
+
+TEST_F(SchedulerTest, AConversationThatWentWrongIsForgotten) {
+  start(1);
+  GenerationRequest damaged = ask("Hello", 5);
+  damaged.options.sampling.logitBias = {{idOf("~"), 100.0F}};
+  EXPECT_EQ(StatusCode::Corrupted, submit(damaged)->outcome().code);
+  waitUntilIdle();
+  EXPECT_EQ(0U, scheduler->statistics().positionsUsed);
+  EXPECT_EQ(alone(ask("Hello", 5)), submit(ask("Hello", 5))->text());
 }
 
 TEST_F(SchedulerTest, OneChoiceThatGoesWrongFailsTheRequest) {
