@@ -277,6 +277,9 @@ kel::Status writeRandomModel(const std::string& path, const RandomModelSpec& spe
   if (!spec.architecture.empty()) {
     writer.addMetaStr("general.architecture", spec.architecture);
   }
+  for (const auto& [key, text] : spec.texts) {
+    writer.addMetaStr(key, text);
+  }
   if (spec.statesShape) {
     kel::writeShape(writer, spec.shape, {spec.hidden, spec.ffn, spec.vocab}, 0);
   }
