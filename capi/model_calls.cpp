@@ -54,7 +54,7 @@ ZYMStatus zym_model_open(const char* path, ZYMModel** model, char* error, size_t
     capi::required(path, "path");
     // The loader tells all failures alike.
     if (::access(path, R_OK) != 0) {
-      throw Failure(ZYM_ERROR_FILE, std::string(path) + ": " + std::strerror(errno));
+      throw Failure(ZYM_ERROR_FILE, std::strerror(errno));
     }
     auto opened = std::make_unique<ZYMModel>();
     capi::check(engine::Model::open(path, opened->model), capi::Work::OpenedModel);

@@ -98,7 +98,10 @@ class WithModel : public testing::Test {
     context = nullptr;
     path = writeModel(folder, spec);
     ASSERT_EQ(ZYM_OK, zym_model_open(path.c_str(), &model, error, sizeof(error))) << error;
-    ASSERT_EQ(ZYM_OK, zym_context_create(model, nullptr, &context, error, sizeof(error))) << error;
+    ZYMContextOptions options{};
+    options.structSize = sizeof(options);
+    options.threads = 1;  // the models are too small for two to share the work
+    ASSERT_EQ(ZYM_OK, zym_context_create(model, &options, &context, error, sizeof(error))) << error;
   }
 
   kel::test::TempDir folder;

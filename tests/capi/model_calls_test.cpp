@@ -29,7 +29,7 @@ class ModelCalls : public WithModel {
 
 TEST_F(ModelCalls, SayWhyAFileIsNotOpened) {
   EXPECT_EQ(ZYM_ERROR_FILE, openFails(folder.file("missing")));
-  EXPECT_EQ(folder.file("missing") + ": No such file or directory", error);
+  EXPECT_STREQ("No such file or directory", error);
   std::ofstream(folder.file("text")) << "no container";
   EXPECT_EQ(ZYM_ERROR_FORMAT, openFails(folder.file("text")));
   EXPECT_EQ(ZYM_ERROR_FORMAT, openFails(folder.path().string()));

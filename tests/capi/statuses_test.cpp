@@ -24,22 +24,22 @@ TEST(Version, IsThatOfTheProject) {
   EXPECT_STREQ("0.1.0", zym_engine_version());
 }
 
-TEST(ErrorText, IsCutAtAWholeCharacterAndOneLine) {
-  ZYMModel* model = nullptr;
+class ErrorText : public WithModel {};
+
+TEST_F(ErrorText, IsCutAtAWholeCharacterAndOneLine) {
   const char* const missing = "/no/\n\u00E9";
-  char error[9];
-  ASSERT_EQ(ZYM_ERROR_FILE, zym_model_open(missing, &model, error, sizeof(error)));
-  EXPECT_STREQ("/no/ \u00E9:", error);
+  char cut[9];
+  ASSERT_EQ(ZYM_ERROR_FILE, zym_context_load(context, missing, nullptr, cut, sizeof(cut)));
+  EXPECT_STREQ("/no/ \u00E9:", cut);
   char shorter[7] = "";
-  ASSERT_EQ(ZYM_ERROR_FILE, zym_model_open(missing, &model, shorter, sizeof(shorter)));
+  ASSERT_EQ(ZYM_ERROR_FILE, zym_context_load(context, missing, nullptr, shorter, sizeof(shorter)));
   EXPECT_STREQ("/no/ ", shorter);
 }
 
-TEST(ErrorText, MayBeLeftOut) {
-  ZYMModel* model = nullptr;
+TEST_F(ErrorText, MayBeLeftOut) {
   char untouched = 'x';
-  EXPECT_EQ(ZYM_ERROR_FILE, zym_model_open("/no/such", &model, nullptr, 100));
-  EXPECT_EQ(ZYM_ERROR_FILE, zym_model_open("/no/such", &model, &untouched, 0));
+  EXPECT_EQ(ZYM_ERROR_FILE, zym_context_load(context, "/no/such", nullptr, nullptr, 100));
+  EXPECT_EQ(ZYM_ERROR_FILE, zym_context_load(context, "/no/such", nullptr, &untouched, 0));
   EXPECT_EQ('x', untouched);
 }
 
