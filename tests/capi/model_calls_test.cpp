@@ -83,6 +83,19 @@ TEST_F(ModelCalls, RemarkOnATemplateOfAnotherKind) {
   EXPECT_STREQ("unknown template: the family's own format is used", facts().templateRemark.data);
 }
 
+// Models whose turns stay open are framed by their own template.
+TEST_F(ModelCalls, HaveNoRemarkOnOpenTurns) {
+  kel::test::RandomModelSpec spec = smallModel();
+  spec.texts.emplace_back(
+      "tokenizer.chat_template",
+      "{% for message in messages %}{{ '<|im_start|>' + message['role'] + '\\n' + "
+      "message['content'] }}{% if message['role'] != 'assistant' %}{{ '<|im_end|>\\n' }}{% endif "
+      "%}{% endfor %}{% if add_generation_prompt %}{{ '<|im_start|>assistant\\n' }}{% endif %}");
+  open(spec);
+  EXPECT_STREQ("", facts().templateRemark.data);
+  EXPECT_EQ(0U, facts().canThink);
+}
+
 TEST_F(ModelCalls, FillInWhatIsRecommended) {
   ZYMSampling sampling{};
   sampling.structSize = sizeof(sampling);

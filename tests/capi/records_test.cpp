@@ -57,6 +57,9 @@ TEST_F(Records, OfANewerProgramAreTakenWhereTheirFurtherFieldsAreZero) {
   options.known.positions = 41;
   EXPECT_EQ(ZYM_OK, create(&options)) << error;
   EXPECT_EQ(41U, positions);
+  options.unknown[0] = 1;
+  EXPECT_EQ(ZYM_ERROR_RECORD, create(&options));
+  options.unknown[0] = 0;
   options.unknown[1] = uint64_t{1} << 63;
   EXPECT_EQ(ZYM_ERROR_RECORD, create(&options));
   EXPECT_STREQ("options: a field is set that this release does not know", error);

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cmath>
+#include <cstring>
 #include <functional>
 #include <limits>
 #include <stdexcept>
@@ -288,6 +288,48 @@ TEST_F(ReplyCalls, ASeedRepeatsAReplyAndADrawnOneIsTold) {
   EXPECT_EQ(text, answer());
 }
 
+// Of two letters that come at random every guess is a coin's.
+TEST_F(ReplyCalls, GuessesMayBeLeftOut) {
+  Options options;
+  for (int32_t id = 0; id < static_cast<int32_t>(kVocab); ++id) {
+    if (id != kLetterA && id != kLetterA + 1) {
+      options.biases.push_back({id, -std::numeric_limits<float>::infinity()});
+    }
+  }
+  options.set().upTo(60);
+  options.sampling.temperature = 1;
+  options.record.hasSeed = 1;
+  options.record.withoutGuesses = 1;
+  ZYMStatistics statistics{};
+  statistics.structSize = sizeof(statistics);
+  ASSERT_EQ(ZYM_OK, ask(asked.record, options)) << error;
+  const std::string text = answer();
+  ASSERT_EQ(ZYM_OK, zym_context_statistics(context, &statistics));
+  EXPECT_EQ(0U, statistics.rejectedGuesses);
+  options.record.withoutGuesses = 0;
+  ASSERT_EQ(ZYM_OK, ask(asked.record, options)) << error;
+  EXPECT_EQ(text, answer());
+  ASSERT_EQ(ZYM_OK, zym_context_statistics(context, &statistics));
+  EXPECT_GT(statistics.rejectedGuesses, 0U);
+}
+
+// One that has no token for it answers as if nobody had asked for thoughts.
+TEST_F(ReplyCalls, AModelThatCannotThinkDoesNot) {
+  kel::test::RandomModelSpec spec = smallModel();
+  spec.tokenizer.tokens[kThinkEnd] = "[NONE]";
+  open(spec);
+  Options options;
+  options.upTo(20);
+  options.record.hasSeed = 1;
+  options.record.sampling = nullptr;
+  ASSERT_EQ(ZYM_OK, ask(asked.record, options)) << error;
+  const std::string text = answer();
+  ZYMConversation thinking = asked.record;
+  thinking.thinking = ZYM_THINKING_ON;
+  ASSERT_EQ(ZYM_OK, ask(thinking, options)) << error;
+  EXPECT_EQ(text, answer());
+}
+
 // The settings that are recommended, given or not.
 TEST_F(ReplyCalls, WithoutSettingsTakeTheRecommendedOnes) {
   Options options;
@@ -344,7 +386,15 @@ TEST_F(ReplyCalls, ACallbackCancels) {
   EXPECT_EQ("A", answer());
   EXPECT_EQ("A", listener.texts(ZYM_EVENT_ANSWER));
 
-  // Before anything is read, too; and nothing is told after that.
+  // Nothing is told after that, not even of the same token.
+  listener.told.clear();
+  listener.answer = [](const ZYMEvent& event) { return event.kind == ZYM_EVENT_CALL_BEGIN; };
+  ASSERT_EQ(ZYM_OK, ask(asked.record, options.always(kWholeCallId))) << error;
+  EXPECT_EQ(ZYM_END_CANCELLED, reply->end);
+  EXPECT_EQ(ZYM_EVENT_CALL_BEGIN, listener.told.back().kind);
+  options.always(kLetterA);
+
+  // Before anything is read, too.
   ASSERT_EQ(ZYM_OK, zym_context_reset(context));
   listener.told.clear();
   listener.answer = [](const ZYMEvent&) { return 1; };
@@ -595,6 +645,27 @@ TEST_F(ReplyCalls, SayWhereTheNumbersRunOut) {
   EXPECT_EQ(0U, statistics.filled);
 }
 
+// Numbers that only a token of the reply brings: nothing can be read behind it, so it goes.
+TEST_F(ReplyCalls, AContextWhoseNumbersRunOutIsEmptied) {
+  constexpr int32_t kBad = kLetterA + 'Z' - 'A';
+  kel::test::RandomModelSpec spec = smallModel();
+  spec.shape.ownOutput = true;
+  spec.edit = [](std::vector<kel::test::TensorPlan>& plan) {
+    kel::test::TensorPlan& rows = kel::test::planned(plan, "token_embd.weight");
+    rows.data = kel::test::tensorBytes(rows, 1);
+    const float infinite = std::numeric_limits<float>::infinity();
+    std::memcpy(rows.data.data() + kBad * 8 * sizeof(float), &infinite, sizeof(infinite));
+  };
+  open(spec);
+  Options options;
+  EXPECT_EQ(ZYM_ERROR_NUMBERS, ask(asked.record, options.always(kBad).upTo(5)));
+  EXPECT_EQ("Z", listener.texts(ZYM_EVENT_ANSWER));
+  ZYMStatistics statistics{};
+  statistics.structSize = sizeof(statistics);
+  EXPECT_EQ(ZYM_OK, zym_context_statistics(context, &statistics));
+  EXPECT_EQ(0U, statistics.filled);
+}
+
 // A callback of C++ that throws breaks its promise, and yet nothing gets out.
 TEST_F(ReplyCalls, HoldBackWhatACallbackThrows) {
   Options options;
@@ -603,6 +674,10 @@ TEST_F(ReplyCalls, HoldBackWhatACallbackThrows) {
   };
   EXPECT_EQ(ZYM_ERROR_INTERNAL, ask(asked.record, options.always(kLetterA)));
   EXPECT_EQ(nullptr, reply);
+  ZYMStatistics statistics{};
+  statistics.structSize = sizeof(statistics);
+  EXPECT_EQ(ZYM_OK, zym_context_statistics(context, &statistics));
+  EXPECT_EQ(0U, statistics.filled);
   listener.answer = nullptr;
   EXPECT_EQ(ZYM_OK, ask(asked.record, options.upTo(2))) << error;
   EXPECT_EQ("AA", answer());

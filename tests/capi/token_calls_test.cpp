@@ -24,7 +24,7 @@ class TokenCalls : public WithModel {
   }
 
   std::string textOfIds(const std::vector<int32_t>& ids, bool showsSpecials = false) {
-    char text[64];
+    char text[512];
     size_t size = 0;
     EXPECT_EQ(ZYM_OK, zym_model_detokenize(model, ids.data(), ids.size(), showsSpecials ? 1 : 0,
                                            text, sizeof(text), &size, error, sizeof(error)))
@@ -140,6 +140,26 @@ TEST_F(TokenCalls, AConversationIsFramedByIds) {
   const std::vector<int32_t> framed(ids, ids + count);
   EXPECT_EQ(kTurnEnd, framed[5 + 1 + 10]);  // behind the mark, "user", a line feed and the content
   EXPECT_EQ(1, std::count(framed.begin(), framed.end(), kTurnEnd));
+}
+
+// Marks of reasoning in the content are text where reasoning is given, even if it is empty.
+TEST_F(TokenCalls, ReasoningThatIsGivenLeavesTheContentAlone) {
+  const ZYMMessage question = messageOf(ZYM_ROLE_USER, "A");
+  ZYMMessage answer = messageOf(ZYM_ROLE_ASSISTANT, "<think>\nB\n</think>\n\nC");
+  Asked asked{&question, &answer, &question};
+  asked.record.keepsReasoning = 1;
+  const auto isSpelt = [&] {
+    std::vector<int32_t> ids(256);
+    size_t count = 0;
+    EXPECT_EQ(ZYM_OK, zym_model_tokenize_conversation(model, &asked.record, ids.data(), ids.size(),
+                                                      &count, error, sizeof(error)))
+        << error;
+    ids.resize(count);
+    return textOfIds(ids).find("<think>") != std::string::npos;
+  };
+  EXPECT_FALSE(isSpelt());
+  answer.reasoning = textOf("");
+  EXPECT_TRUE(isSpelt());
 }
 
 }  // namespace
