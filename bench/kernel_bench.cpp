@@ -120,7 +120,7 @@ void gemv(benchmark::State& state, QuantType type, size_t rows, size_t cols, int
       view.dims[1] = count;
       // The product of a pass, by itself.
       context.team().run([&](qwen35::Team::Member& member) {
-        const qwen35::Work w{context, member, model, 1, 0, qwen35::Arithmetic::SingleToken};
+        const qwen35::Work w{context, member, model, 1, qwen35::Arithmetic::SingleToken};
         const qwen35::Matmul product[] = {{&view, y.data(), rows}};
         const qwen35::MatmulInput in = w.input(x.data(), cols, product);
         w.prepare(in);

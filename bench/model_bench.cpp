@@ -60,10 +60,11 @@ PartTimes timeParts(qwen35::Context& context, qwen35::Model& m, const std::vecto
   std::vector<float> x = embedding;
   std::vector<float> y(m.nEmbd);
   std::vector<float> normed(m.nEmbd);
+  const qwen35::Sequence sequence[] = {{.model = &m, .pos = pos}};
   const auto timed = [&](Part part, const auto& body) {
     addTime(times[part], [&] {
       context.team().run([&](qwen35::Team::Member& member) {
-        body(qwen35::Work{context, member, m, 1, pos, qwen35::Arithmetic::SingleToken});
+        body(qwen35::Work{context, member, m, 1, qwen35::Arithmetic::SingleToken, sequence});
       });
     });
   };

@@ -17,6 +17,7 @@
 #include "engine/chat_format.h"
 #include "engine/chat_tokens.h"
 #include "engine/context.h"
+#include "engine/reply_constraint.h"
 #include "engine/reply_parser.h"
 #include "engine/sampler.h"
 
@@ -28,6 +29,8 @@ struct ReplyOptions {
   std::optional<uint64_t> thinkingTokens = {};  // after so many, reasoning is closed
   std::vector<std::string> stops = {};          // strings that end the answer; not part of it
   bool guesses = true;  // look ahead in the text so far, which changes speed alone
+  // The form of the answer, of this one reply; the caller's. Null: free.
+  ReplyConstraint* constraint = nullptr;
 };
 
 // What is told while the reply comes; all may be null.
@@ -39,6 +42,9 @@ struct ReplySinks {
                                          // second, a reply within a token
 };
 
+// Whether such a flag says so. Nothing is published with it.
+bool isCancelled(const volatile int* flag);
+
 enum class ReplyEnd : uint8_t { Stop, StopString, Limit, ContextFull, Cancelled };
 
 struct Reply {
@@ -46,9 +52,10 @@ struct Reply {
   std::string stopString;  // that ended it
   Message message;         // of the assistant: to be appended for the next turn
   bool hasIncompleteCall = false;
-  uint64_t promptTokens = 0;  // of messages and generation prompt
-  uint64_t reusedTokens = 0;  // of those, in place before
-  uint64_t tokens = 0;        // generated
+  uint64_t promptTokens = 0;     // of messages and generation prompt
+  uint64_t reusedTokens = 0;     // of those, in place before
+  uint64_t tokens = 0;           // generated
+  uint64_t reasoningTokens = 0;  // of those, before the answer
 };
 
 // Generates a reply in a context, which may hold anything: what of it begins the conversation is

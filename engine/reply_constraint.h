@@ -9,7 +9,9 @@
 namespace engine {
 
 // Of one reply; one thread at a time. Reasoning is not constrained: the first token that is asked
-// for is the first of the answer.
+// for is the first of the answer, which stands right behind the one that closes reasoning. Where a
+// budget closes it, the line feeds of the framing are behind it already; where the model does,
+// white space in front of the answer is what the constraint makes of it.
 class ReplyConstraint {
  public:
   virtual ~ReplyConstraint() = default;

@@ -262,6 +262,13 @@ Status readTokens(Input& input, Head& head, std::string& note, std::vector<Token
 
 }  // namespace
 
+bool isSessionFile(const std::string& path) {
+  Input input(path);
+  char magic[sizeof(kMagic)];
+  return input.open().ok() && input.read(magic, sizeof(magic)).ok() &&
+         std::memcmp(magic, kMagic, sizeof(kMagic)) == 0;
+}
+
 Status Context::save(const std::string& path, std::string_view note) const {
   Output out;
   Status status = out.create(path);
@@ -327,6 +334,11 @@ Status Context::loadSteps(const std::string& path, std::string& note) {
   if (!status.ok()) {
     return status;
   }
+  for (const Token& token : tokens) {
+    if (token.id < 0 || static_cast<uint64_t>(token.id) >= weights.nVocab) {
+      return damaged(path);
+    }
+  }
   // From here on the context is overwritten. Only a file that changes, or a disk that fails, while
   // it is read for the second time can end this: the context is empty then.
   reset();
@@ -342,7 +354,7 @@ Status Context::loadSteps(const std::string& path, std::string& note) {
     reset();
     return status;
   }
-  fed = std::move(tokens);
+  fed.assign(tokens.begin(), tokens.end());
   remember();
   note = std::move(text);
   return status;

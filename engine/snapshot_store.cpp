@@ -7,7 +7,8 @@
 namespace engine {
 
 SnapshotStore::SnapshotStore(const qwen35::Model& m, uint64_t budget)
-    : most(std::max<uint64_t>(budget / std::max<size_t>(qwen35::Snapshot::bytes(m), 1), 2)) {}
+    : copyBytes(qwen35::Snapshot::bytes(m)),
+      most(std::max<uint64_t>(budget / std::max<size_t>(copyBytes, 1), 2)) {}
 
 SnapshotStore::Entry* SnapshotStore::find(uint64_t position) {
   const auto found = std::find_if(entries.begin(), entries.end(), [position](const Entry& entry) {
@@ -25,6 +26,9 @@ std::unique_ptr<qwen35::Snapshot> SnapshotStore::room(const qwen35::Model& m) {
   }
   if (entries.size() < most) {
     try {
+      // So that neither keeping nor forgetting it takes memory.
+      entries.reserve(entries.size() + 1);
+      spare.reserve(entries.size() + 1);
       return std::make_unique<qwen35::Snapshot>(m);
     } catch (const std::bad_alloc&) {
       most = entries.size();  // what there is has to do

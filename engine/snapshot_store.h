@@ -40,6 +40,7 @@ class SnapshotStore {
 
   size_t count() const { return entries.size(); }
   size_t capacity() const { return most; }
+  uint64_t bytes() const { return (entries.size() + spare.size()) * copyBytes; }  // of memory
 
  private:
   struct Entry {
@@ -51,6 +52,7 @@ class SnapshotStore {
   Entry* find(uint64_t position);
   std::unique_ptr<qwen35::Snapshot> room(const qwen35::Model& m);
 
+  size_t copyBytes;
   size_t most;
   uint64_t uses = 0;
   std::vector<Entry> entries;

@@ -23,7 +23,20 @@ class TokenMask {
   void setAll(bool allowed) { std::fill(words.begin(), words.end(), allowed ? ~uint64_t{0} : 0); }
   // id: below size().
   void allow(size_t id) { words[id / kWordBits] |= bitOf(id); }
+  // Also what another mask of the same size allows.
+  void allowAll(const TokenMask& other) {
+    for (size_t i = 0; i < words.size(); ++i) {
+      words[i] |= other.words[i];
+    }
+  }
   void ban(size_t id) { words[id / kWordBits] &= ~bitOf(id); }
+
+  // Bans what the other one, of the same size, bans.
+  void keepOnly(const TokenMask& other) {
+    for (size_t i = 0; i < words.size(); ++i) {
+      words[i] &= other.words[i];
+    }
+  }
 
   // Ids past the end are banned.
   bool allows(size_t id) const { return id < ids && (words[id / kWordBits] & bitOf(id)) != 0; }

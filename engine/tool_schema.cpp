@@ -97,20 +97,32 @@ ToolSchemas::Kinds ToolSchemas::kindsOf(std::string_view schema) {
   return kinds;
 }
 
-std::string ToolSchemas::argumentJson(std::string_view function, std::string_view parameter,
-                                      std::string_view text) const {
+ToolSchemas::Kinds ToolSchemas::kindsOf(std::string_view function,
+                                        std::string_view parameter) const {
   const auto parameters = functions.find(function);
   if (parameters == functions.end()) {
-    return quotedJson(text);
+    return 0;
   }
   const auto kinds = parameters->second.find(parameter);
-  if (kinds == parameters->second.end()) {
-    return quotedJson(text);
-  }
+  return kinds == parameters->second.end() ? Kinds{0} : kinds->second;
+}
+
+std::string ToolSchemas::argumentJson(std::string_view function, std::string_view parameter,
+                                      std::string_view text) const {
   const std::string_view value = jsonWord(text);
   const std::optional<JsonKind> kind = jsonKind(value);
-  const bool admitted = kind && *kind != JsonKind::String && (kinds->second & bitOf(*kind)) != 0;
+  const bool admitted =
+      kind && *kind != JsonKind::String && (kindsOf(function, parameter) & bitOf(*kind)) != 0;
   return admitted ? spacedJson(value) : quotedJson(text);
+}
+
+bool ToolSchemas::admitsText(std::string_view function, std::string_view parameter) const {
+  const Kinds kinds = kindsOf(function, parameter);
+  return kinds == 0 || (kinds & bitOf(JsonKind::String)) != 0;
+}
+
+bool ToolSchemas::admitsOnlyText(std::string_view function, std::string_view parameter) const {
+  return (kindsOf(function, parameter) & ~unsigned{bitOf(JsonKind::String)}) == 0;
 }
 
 }  // namespace engine

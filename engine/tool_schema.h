@@ -27,6 +27,10 @@ class ToolSchemas {
   std::string argumentJson(std::string_view function, std::string_view parameter,
                            std::string_view text) const;
 
+  // Whether the text of an argument may stand for a string, or cannot stand for anything else.
+  bool admitsText(std::string_view function, std::string_view parameter) const;
+  bool admitsOnlyText(std::string_view function, std::string_view parameter) const;
+
  private:
   using Kinds = uint8_t;  // a bit for every JsonKind
   using Parameters = std::map<std::string, Kinds, std::less<>>;
@@ -34,6 +38,8 @@ class ToolSchemas {
   void add(std::string_view tool);
   static Kinds namedKinds(std::string_view schema);
   static Kinds kindsOf(std::string_view schema);
+  // 0 where the schemas name none.
+  Kinds kindsOf(std::string_view function, std::string_view parameter) const;
 
   std::map<std::string, Parameters, std::less<>> functions;
 };

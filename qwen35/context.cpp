@@ -41,7 +41,8 @@ Model modelOfWidth(size_t nEmbd) {
 Context::Context(const Model& m, const ContextOptions& options)
     : table(options.kernels == nullptr ? &qwen35::kernels() : options.kernels),
       workers(options.threads == 0 ? openMpThreads() : options.threads),
-      tokens(options.maxTokens) {
+      tokens(options.maxTokens),
+      positions(m.maxCtx) {
   layOut(m, widestFfn(m));
 }
 
@@ -76,7 +77,7 @@ void Context::layOut(const Model& m, size_t ffnWidth) {
     place(at.value, tokens * kvHeads);
     place(at.headQuery, tokens * heads);
     place(at.headOut, tokens * heads);
-    place(at.scores, std::min(tokens, kAttentionTokens) * m.nHead * m.maxCtx);
+    place(at.scores, std::min(tokens, kAttentionTokens) * m.nHead * positions);
     place(at.inverseSums, kAttentionTokens * m.nHead);
     place(at.qkv, tokens * m.convChannels());
     place(at.z, tokens * m.ssmInner);

@@ -57,7 +57,7 @@ struct PassBuffers {
   float* headQuery;    // [nHead][headDim] normalised and rotated
   float* headOut;      // [nHead][headDim] gated outputs of the heads
   RopeAngle* angles;   // [ropeDim / 2]
-  float* scores;       // [kAttentionTokens][nHead][maxCtx], turned into exponentials in place
+  float* scores;       // [kAttentionTokens][nHead][maxPositions()], exponentials in place
   float* inverseSums;  // [kAttentionTokens][nHead]
   float* qkv;          // [convChannels] queries, keys, values as projected
   float* z;            // [ssmInner] output gate
@@ -81,6 +81,8 @@ class Context {
   const KernelTable& kernels() const { return *table; }
   Team& team() { return workers; }
   size_t maxTokens() const { return tokens; }
+  // Of a model that passes may go over: maxCtx of the one that the context was made for.
+  size_t maxPositions() const { return positions; }
   const PassBuffers& buffers() const { return at; }
   const MatmulBuffers& matmulBuffers() const { return forms; }
   const MatmulScratch& scratch(size_t thread) const { return perThread[thread]; }
@@ -94,6 +96,7 @@ class Context {
   const KernelTable* table;
   Team workers;
   size_t tokens;
+  size_t positions = 0;
   StateBuffer memory;
   PassBuffers at{};
   MatmulBuffers forms{};
@@ -111,20 +114,43 @@ struct ResidualSum {
   const float* add(size_t token, size_t nEmbd) const;
 };
 
-// What one member of the team works with in the course of a pass.
+// Tokens of a pass that follow one another in one conversation.
+struct Sequence {
+  Model* model = nullptr;      // whose caches and state are the conversation's
+  size_t first = 0;            // token of the pass
+  size_t count = 1;            // tokens
+  size_t pos = 0;              // of the first
+  Snapshot* before = nullptr;  // receives the recurrent state as it was; may be null
+  Replay* replay = nullptr;    // receives what keepTokens() needs; with `before`; may be null
+};
+
+// What one member of the team works with in the course of a pass. Weights are those of m; what
+// belongs to a conversation is reached through its sequence.
 struct Work {
   Context& context;
   Team::Member& member;
   const Model& m;
   size_t count;  // tokens
-  size_t pos;    // of the first
   Arithmetic arithmetic;
-  Snapshot* before = nullptr;  // to be filled, where one is asked for
-  Replay* replay = nullptr;    // likewise
+  std::span<const Sequence> sequences{};  // the tokens of all, in their order
 
   const PassBuffers& at() const { return context.buffers(); }
   const KernelTable& kernels() const { return context.kernels(); }
   const Diagnostics& diagnostics() const { return context.diagnostics; }
+
+  size_t pos() const { return sequences.front().pos; }  // of the first token
+
+  const Sequence& sequenceOf(size_t token) const {
+    size_t s = 0;
+    while (token - sequences[s].first >= sequences[s].count) {
+      ++s;
+    }
+    return sequences[s];
+  }
+  // The layer with a sequence's caches and state; `layer` is that of the first sequence.
+  Layer& layerOf(const Sequence& sequence, Layer& layer, size_t layerIdx) const {
+    return &sequence == &sequences.front() ? layer : sequence.model->layers[layerIdx];
+  }
 
   MatmulInput input(const float* x, size_t cols, std::span<const Matmul> users) const {
     return matmulInput(x, count, cols, arithmetic, users, context.matmulBuffers());

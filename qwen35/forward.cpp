@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cassert>
 #include <chrono>
+#include <span>
+#include <vector>
 
 #include "qwen35/full_attention.h"
 #include "qwen35/linear_attention.h"
@@ -66,7 +68,7 @@ void attention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& 
 
 // One record of a layer's values, nEmbd floats.
 void dumpLayer(Trace& trace, const Work& w, size_t layerIdx, const float* what, const char* name) {
-  trace.dump.layerRecord(w.pos, layerIdx, name, {what, w.m.nEmbd});
+  trace.dump.layerRecord(w.pos(), layerIdx, name, {what, w.m.nEmbd});
 }
 
 // From x to x of the next layer, but for the last addition: that one is left to the step that norms
@@ -134,7 +136,7 @@ void runPass(const Work& w, Model& m, const PassRequest& request, Trace* trace,
       if (trace->prints) {
         printPassNorms({request.embeddings, m.nEmbd}, {at.x, m.nEmbd});
       }
-      trace->dump.record(w.pos, "result_norm", {at.x, m.nEmbd});
+      trace->dump.record(w.pos(), "result_norm", {at.x, m.nEmbd});
     });
   }
   float* hidden = request.hidden == nullptr ? at.normed : request.hidden;
@@ -145,6 +147,66 @@ void runPass(const Work& w, Model& m, const PassRequest& request, Trace* trace,
   Work asked = w;
   asked.count = request.allLogits ? w.count : 1;
   head(asked, hidden + (w.count - asked.count) * m.nEmbd, request.logits);
+}
+
+// Tells the snapshots of a pass that begins which states they will hold.
+void expectStates(const Sequence& sequence, const Diagnostics& asked) {
+  const std::vector<Layer>& layers = sequence.model->layers;
+  for (size_t l = 0; sequence.before != nullptr && l < layers.size(); ++l) {
+    sequence.before->layer(l).pos = layers[l].pos;
+    sequence.before->layer(l).taken = layers[l].isLinear && !asked.skips(true);
+  }
+}
+
+// The same where the pass came no further than the layer.
+void dropStates(const Sequence& sequence, size_t fromLayer) {
+  for (size_t l = fromLayer; sequence.before != nullptr && l < sequence.model->layers.size(); ++l) {
+    sequence.before->layer(l).taken = false;  // as it was
+  }
+}
+
+// The cache rows that a pass stored are part of the context.
+void raisePositions(const Sequence& sequence, const Diagnostics& asked) {
+  for (Layer& layer : sequence.model->layers) {
+    if (!layer.isLinear && !asked.skips(false) &&
+        layer.pos + sequence.count <= sequence.model->maxCtx) {
+      layer.pos += sequence.count;
+    }
+  }
+}
+
+// A pass over sequences; what the request says of them is not looked at.
+bool forward(Context& context, std::span<const Sequence> sequences, const PassRequest& request) {
+  assert(request.count >= 1 && request.count <= context.maxTokens());
+  using Clock = std::chrono::steady_clock;
+  const Clock::time_point start = Clock::now();
+  context.diagnostics = Diagnostics::fromEnvironment();
+  const Diagnostics& asked = context.diagnostics;
+  Model& m = *sequences.front().model;
+  const size_t pos = sequences.front().pos;
+  const bool traced = request.count == 1 && request.logits != nullptr &&
+                      (asked.layerNorms || asked.dump != nullptr);
+  Trace trace{pos == 0 && asked.layerNorms, HiddenDump(traced ? asked.dump : nullptr)};
+  for (const Sequence& sequence : sequences) {
+    expectStates(sequence, asked);
+  }
+  StopLayer stopLayer = kNoLayer;
+  context.team().run([&](Team::Member& member) {
+    const Work w{context, member, m, request.count, request.arithmetic, sequences};
+    runPass(w, m, request, traced ? &trace : nullptr, stopLayer);
+  });
+  const bool finished = stopLayer == kNoLayer;
+  for (const Sequence& sequence : sequences) {
+    if (finished) {
+      raisePositions(sequence, asked);
+    } else {
+      dropStates(sequence, stopLayer);
+    }
+  }
+  if (finished && asked.timing && request.logits == nullptr && request.count == 1) {
+    printHiddenTiming(pos, std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+  }
+  return finished;
 }
 
 }  // namespace
@@ -164,42 +226,27 @@ void head(const Work& w, const float* normed, float* logits) {
 }
 
 bool forward(Context& context, Model& m, const PassRequest& request) {
-  assert(request.count >= 1 && request.count <= context.maxTokens());
-  using Clock = std::chrono::steady_clock;
-  const Clock::time_point start = Clock::now();
-  context.diagnostics = Diagnostics::fromEnvironment();
-  const Diagnostics& asked = context.diagnostics;
-  const bool traced = request.count == 1 && request.logits != nullptr &&
-                      (asked.layerNorms || asked.dump != nullptr);
-  Trace trace{request.pos == 0 && asked.layerNorms, HiddenDump(traced ? asked.dump : nullptr)};
-  if (request.before != nullptr) {
-    for (size_t l = 0; l < m.layers.size(); ++l) {
-      request.before->layer(l).pos = m.layers[l].pos;
-      request.before->layer(l).taken = m.layers[l].isLinear && !asked.skips(true);
-    }
+  const Sequence sequence[] = {{.model = &m,
+                                .count = request.count,
+                                .pos = request.pos,
+                                .before = request.before,
+                                .replay = request.replay}};
+  return forward(context, sequence, request);
+}
+
+void forwardShared(Context& context, const SharedPassRequest& request) {
+  size_t count = 0;
+  for (const Sequence& sequence : request.sequences) {
+    assert(sequence.first == count && sequence.model->maxCtx <= context.maxPositions());
+    count += sequence.count;
   }
-  StopLayer stopLayer = kNoLayer;
-  context.team().run([&](Team::Member& member) {
-    const Work w{context,        member,        m, request.count, request.pos, request.arithmetic,
-                 request.before, request.replay};
-    runPass(w, m, request, traced ? &trace : nullptr, stopLayer);
-  });
-  if (stopLayer != kNoLayer) {
-    for (size_t l = stopLayer; request.before != nullptr && l < m.layers.size(); ++l) {
-      request.before->layer(l).taken = false;  // as it was
-    }
-    return false;
-  }
-  for (Layer& layer : m.layers) {
-    if (!layer.isLinear && !asked.skips(false) && layer.pos + request.count <= m.maxCtx) {
-      layer.pos += request.count;
-    }
-  }
-  if (asked.timing && request.logits == nullptr && request.count == 1) {
-    printHiddenTiming(request.pos,
-                      std::chrono::duration<double, std::milli>(Clock::now() - start).count());
-  }
-  return true;
+  forward(context, request.sequences,
+          {.embeddings = request.embeddings,
+           .count = count,
+           .arithmetic = request.arithmetic,
+           .hidden = request.hidden,
+           .logits = request.logits,
+           .allLogits = true});
 }
 
 void ffnStep(size_t nEmbd, Layer& layer, const float* xn, float* out) {
@@ -207,7 +254,7 @@ void ffnStep(size_t nEmbd, Layer& layer, const float* xn, float* out) {
   Model m;
   m.nEmbd = nEmbd;
   context.team().run([&](Team::Member& member) {
-    feedForward({context, member, m, 1, 0, Arithmetic::SingleToken}, layer, xn, out);
+    feedForward({context, member, m, 1, Arithmetic::SingleToken}, layer, xn, out);
   });
 }
 

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstddef>
+#include <span>
 
 #include "qwen35/context.h"
 #include "qwen35/model.h"
@@ -45,6 +46,21 @@ inline bool isCancelled(const volatile int* flag) {
 // some layers are then advanced and others are not, and hidden and logits are unspecified. `before`
 // takes the model back.
 bool forward(Context& context, Model& m, const PassRequest& request);
+
+struct SharedPassRequest {
+  // Of models over one file, bound to as many positions as the context was made for or fewer: each
+  // model once, the tokens of one sequence behind those of the one before.
+  std::span<const Sequence> sequences;
+  const float* embeddings = nullptr;  // [tokens][nEmbd], rows of embedRow
+  Arithmetic arithmetic = Arithmetic::SingleToken;
+  float* hidden = nullptr;  // [tokens][nEmbd] receives the final normalised states; may be null
+  float* logits = nullptr;  // [tokens][nVocab]; may be null: the head is then left out
+};
+
+// One pass over tokens of several conversations, 1 to the context's maxTokens() in all: each weight
+// is read once for all of them, as it is for the tokens of one. The tokens have room in the caches.
+// Each model is left, and each token's results are, as by a forward() of its own.
+void forwardShared(Context& context, const SharedPassRequest& request);
 
 // The blocks of a pass beside attention, called by all members of the team. normed: their input,
 // [count][nEmbd]; out: [count][nEmbd]; logits: [count][nVocab].

@@ -10,9 +10,9 @@
 namespace qwen35 {
 
 // The block for the tokens of a pass, whose angles are computed. Their keys go to the cache rows
-// from layer.pos on, which the caller raises after the pass. Called by all members of the team;
-// out: [count][nEmbd], overwritten. Where the cache has no room for all tokens, nothing is stored
-// and out is zero.
+// of their sequence's layer from its pos on, which the caller raises after the pass. layer: of the
+// first sequence. Called by all members of the team; out: [count][nEmbd], overwritten. Where a
+// cache has no room for its tokens, nothing is stored and out is zero.
 void fullAttention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x, float* out);
 
 // The rotary angles of one token of a pass: pos * base^(-2i / ropeDim) for pair i, formed by

@@ -11,20 +11,22 @@ namespace {
 
 constexpr size_t kFamilyTaps = 4;
 
-// The tokens of a pass between the projections of one layer.
+// The tokens of a sequence between the projections of one layer.
 class Mixer {
  public:
-  // Replays: the inputs are those of w.replay, and there is no output. Otherwise they are kept
-  // there where it is given.
+  // Replays: the inputs are those of the sequence's `replay`, and there is no output. Otherwise
+  // they are kept there where it is given.
   enum class Mode { Mixes, Replays };
 
-  Mixer(const Work& work, Layer& mixed, size_t layerIdx, Mode mode)
+  Mixer(const Work& work, const Sequence& sequence, Layer& mixed, size_t layerIdx, Mode mode)
       : w(work),
-        m(work.m),
+        m(*sequence.model),
         at(work.at()),
         layer(mixed),
-        before(w.before == nullptr ? nullptr : &w.before->layer(layerIdx)),
-        inputs(w.replay == nullptr ? nullptr : &w.replay->layer(layerIdx)),
+        first(sequence.first),
+        end(sequence.first + sequence.count),
+        before(sequence.before == nullptr ? nullptr : &sequence.before->layer(layerIdx)),
+        inputs(sequence.replay == nullptr ? nullptr : &sequence.replay->layer(layerIdx)),
         replays(mode == Mode::Replays),
         keyDim(m.ssmDState),
         valueDim(m.ssmDValue()),
@@ -33,28 +35,26 @@ class Mixer {
         history(m.shape.convTaps - 1),
         scale(1.0f / std::sqrt(static_cast<float>(keyDim))) {}
 
-  // A step, a piece for each key head with the value heads that read it: no two pieces share a
-  // channel or a state. Tokens stay in order within a channel and within a head.
-  void mix() const {
-    w.member.forEach(m.ssmGroups, [&](size_t g) {
-      convolveAll(g * keyDim, keyDim);
-      convolveAll(keyFloats + g * keyDim, keyDim);
-      for (size_t token = 0; token < w.count; ++token) {
-        unitLength(token, g * keyDim);
-        unitLength(token, keyFloats + g * keyDim);
-      }
-      for (size_t h = g; h < m.ssmHeads; h += m.ssmGroups) {
-        convolveAll(2 * keyFloats + h * valueDim, valueDim);
-        saveHead(h);
-        for (size_t token = 0; token < w.count; ++token) {
-          openGates(token, h);
-          update(token, h, g);
-          if (!replays) {
-            normaliseAndGate(token, h);
-          }
+  // Key head g with the value heads that read it: no two key heads share a channel or a state.
+  // Tokens stay in order within a channel and within a head.
+  void mix(size_t g) const {
+    convolveAll(g * keyDim, keyDim);
+    convolveAll(keyFloats + g * keyDim, keyDim);
+    for (size_t token = first; token < end; ++token) {
+      unitLength(token, g * keyDim);
+      unitLength(token, keyFloats + g * keyDim);
+    }
+    for (size_t h = g; h < m.ssmHeads; h += m.ssmGroups) {
+      convolveAll(2 * keyFloats + h * valueDim, valueDim);
+      saveHead(h);
+      for (size_t token = first; token < end; ++token) {
+        openGates(token, h);
+        update(token, h, g);
+        if (!replays) {
+          normaliseAndGate(token, h);
         }
       }
-    });
+    }
   }
 
  private:
@@ -99,11 +99,11 @@ class Mixer {
 
   void convolveAll(size_t begin, size_t count) const {
     saveChannels(begin, count);
-    const float* projected = replays ? inputs->qkv.data() : at.qkv;
-    for (size_t token = 0; token < w.count; ++token) {
-      const float* in = projected + token * channels;
+    for (size_t token = first; token < end; ++token) {
+      float* kept = inputs == nullptr ? nullptr : inputs->qkv.data() + (token - first) * channels;
+      const float* in = replays ? kept : at.qkv + token * channels;
       if (inputs != nullptr && !replays) {
-        std::copy_n(in + begin, count, inputs->qkv.data() + token * channels + begin);
+        std::copy_n(in + begin, count, kept + begin);
       }
       float* out = at.conv + token * channels;
       if (history == kFamilyTaps - 1) {
@@ -122,15 +122,15 @@ class Mixer {
 
   // From projections to write strength in (0, 1) and log-decay, at most 0.
   void openGates(size_t token, size_t h) const {
-    const size_t place = token * m.ssmHeads + h;
-    float* beta = at.beta + place;
-    float* g = at.decay + place;
+    float* beta = at.beta + token * m.ssmHeads + h;
+    float* g = at.decay + token * m.ssmHeads + h;
+    const size_t kept = (token - first) * m.ssmHeads + h;
     if (replays) {
-      *beta = inputs->beta[place];
-      *g = inputs->alpha[place];
+      *beta = inputs->beta[kept];
+      *g = inputs->alpha[kept];
     } else if (inputs != nullptr) {
-      inputs->beta[place] = *beta;
-      inputs->alpha[place] = *g;
+      inputs->beta[kept] = *beta;
+      inputs->alpha[kept] = *g;
     }
     const float one = 1.0f;
     w.kernels().sigmoidGate(&one, beta, beta, 1);
@@ -163,6 +163,8 @@ class Mixer {
   const Model& m;
   const PassBuffers& at;
   Layer& layer;
+  size_t first;  // token of the pass
+  size_t end;
   Snapshot::LayerState* before;
   Replay::LayerInputs* inputs;
   bool replays;
@@ -173,6 +175,15 @@ class Mixer {
   size_t history;  // inputs of a channel that the convolution looks back at
   float scale;
 };
+
+// A step: a piece for each sequence and key head.
+void mix(const Work& w, Layer& layer, size_t layerIdx, Mixer::Mode mode) {
+  const size_t groups = w.m.ssmGroups;
+  w.member.forEach(w.sequences.size() * groups, [&](size_t piece) {
+    const Sequence& sequence = w.sequences[piece / groups];
+    Mixer(w, sequence, w.layerOf(sequence, layer, layerIdx), layerIdx, mode).mix(piece % groups);
+  });
+}
 
 void report(const Work& w, const Layer& layer, size_t layerIdx, const float* out) {
   const Model& m = w.m;
@@ -191,8 +202,8 @@ void report(const Work& w, const Layer& layer, size_t layerIdx, const float* out
   if (w.diagnostics().reportsLinearStep(layerIdx)) {
     printLinearStep(view);
   }
-  if (w.diagnostics().reportsLinearState(w.pos, layerIdx)) {
-    printLinearState(view, w.pos);
+  if (w.diagnostics().reportsLinearState(w.pos(), layerIdx)) {
+    printLinearState(view, w.pos());
   }
 }
 
@@ -214,27 +225,28 @@ void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const Residua
   const MatmulInput in = w.input(at.normed, m.nEmbd, projections);
   normStep(w, x, layer.attnNorm, at.normed, in);
   w.multiply(in, projections);
-  Mixer(w, layer, layerIdx, Mixer::Mode::Mixes).mix();
+  mix(w, layer, layerIdx, Mixer::Mode::Mixes);
   const Matmul output[] = {{layer.ssmOut, out, m.nEmbd}};
   const MatmulInput mixed = w.input(at.ssmOut, m.ssmInner, output);
   w.prepare(mixed);
   w.multiply(mixed, output);
   if (w.count == 1 && (w.diagnostics().reportsLinearStep(layerIdx) ||
-                       w.diagnostics().reportsLinearState(w.pos, layerIdx))) {
+                       w.diagnostics().reportsLinearState(w.pos(), layerIdx))) {
     w.member.once([&] { report(w, layer, layerIdx, out); });
   }
 }
 
 void advanceState(const Work& w, Layer& layer, size_t layerIdx) {
-  Mixer(w, layer, layerIdx, Mixer::Mode::Replays).mix();
+  mix(w, layer, layerIdx, Mixer::Mode::Replays);
 }
 
 void linearAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t layerIdx,
                     size_t pos) {
   Context context(m);
   context.diagnostics = Diagnostics::fromEnvironment();
+  const Sequence sequence[] = {{.model = &m, .pos = pos}};
   context.team().run([&](Team::Member& member) {
-    const Work w{context, member, m, 1, pos, Arithmetic::SingleToken};
+    const Work w{context, member, m, 1, Arithmetic::SingleToken, sequence};
     linearAttention(w, layer, layerIdx, {x, nullptr, nullptr}, out);
   });
 }

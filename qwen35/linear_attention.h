@@ -19,8 +19,9 @@ namespace qwen35 {
 void gdnStep(float* state, const float* q, const float* k, float* v, float beta, size_t dim,
              float g, float scale);
 
-// The block for the tokens of a pass, in their order. Called by all members of the team; out:
-// [count][nEmbd], overwritten. Moves layer.ssmState and layer.convState; layer.pos stays.
+// The block for the tokens of a pass, those of a sequence in their order. Called by all members of
+// the team; out: [count][nEmbd], overwritten. layer: of the first sequence. Moves ssmState and
+// convState of every sequence's layer; pos stays.
 //
 // The value heads cycle over the key heads: head h reads key head h mod ssmGroups.
 void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const ResidualSum& x,
@@ -34,8 +35,8 @@ void linearAttention(const Work& w, Layer& layer, size_t layerIdx, const Residua
 void linearAttnStep(Model& m, Layer& layer, const float* x, float* out, size_t layerIdx,
                     size_t pos);
 
-// The state of a layer advanced by w.count tokens of w.replay, as linearAttention advanced it by
-// the same; there is no output. Called by all members of the team.
+// The state of a layer advanced by the tokens of each sequence's `replay`, as linearAttention
+// advanced it by the same; there is no output. Called by all members of the team.
 void advanceState(const Work& w, Layer& layer, size_t layerIdx);
 
 }  // namespace qwen35

@@ -3,6 +3,7 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "qwen35/simd/dispatch.h"
 #include "qwen35/weights.h"
@@ -25,6 +26,36 @@ void resetModel(Model& m) {
     std::fill(layer.convState.begin(), layer.convState.end(), 0.0f);
     layer.kCache.clear();
     layer.vCache.clear();
+  }
+}
+
+void copyCacheRows(const Model& from, Model& to, size_t begin, size_t end) {
+  const size_t rowBytes = from.headDim * cacheElementBytes(from.cacheType);
+#pragma omp parallel for schedule(static) num_threads(stateThreads())
+  for (size_t l = 0; l < from.layers.size(); ++l) {
+    const Layer& source = from.layers[l];
+    Layer& target = to.layers[l];
+    for (size_t g = 0; !source.isLinear && g < from.nHeadKv; ++g) {
+      const auto copy = [&](const StateBuffer& rows, StateBuffer& out) {
+        std::memcpy(
+            reinterpret_cast<uint8_t*>(out.data()) + (g * to.maxCtx + begin) * rowBytes,
+            reinterpret_cast<const uint8_t*>(rows.data()) + (g * from.maxCtx + begin) * rowBytes,
+            (end - begin) * rowBytes);
+      };
+      copy(source.kCache, target.kCache);
+      copy(source.vCache, target.vCache);
+    }
+  }
+}
+
+void copyState(const Model& from, Model& to) {
+#pragma omp parallel for schedule(static) num_threads(stateThreads())
+  for (size_t l = 0; l < from.layers.size(); ++l) {
+    const Layer& source = from.layers[l];
+    Layer& target = to.layers[l];
+    target.pos = source.pos;
+    std::copy(source.ssmState.begin(), source.ssmState.end(), target.ssmState.begin());
+    std::copy(source.convState.begin(), source.convState.end(), target.convState.begin());
   }
 }
 

@@ -146,6 +146,14 @@ int stateThreads();
 // cache positions goes back to the system.
 void resetModel(Model& m);
 
+// What branching takes: `to` is over the same file with caches of the same type, and may have room
+// for more or fewer positions.
+//
+// Copies the cache rows [begin, end), which are filled in `from`.
+void copyCacheRows(const Model& from, Model& to, size_t begin, size_t end);
+// Copies the recurrent state, and the positions that the caches are filled to.
+void copyState(const Model& from, Model& to);
+
 // Writes the embedding row of a token: out, nEmbd floats. The token must be below nVocab.
 //
 // Deliberate: for an element type that has no decoder (F16, Q4_0, Q6_K, IQ4_XS) out receives

@@ -19,9 +19,9 @@ Replay::Replay(const Model& m, size_t maxTokens) : layers(m.layers.size()) {
 void keepTokens(Context& context, Model& m, const Snapshot& before, Replay& replay, size_t count) {
   before.restore(m);
   context.diagnostics = {};
+  const Sequence sequence[] = {{.model = &m, .count = count, .replay = &replay}};
   context.team().run([&](Team::Member& member) {
-    Work w{context, member, m, count, 0, Arithmetic::SingleToken};
-    w.replay = &replay;
+    const Work w{context, member, m, count, Arithmetic::SingleToken, sequence};
     for (size_t l = 0; l < m.nLayer; ++l) {
       if (m.layers[l].isLinear) {
         advanceState(w, m.layers[l], l);

@@ -6,9 +6,11 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "container/status.h"
 
@@ -26,6 +28,8 @@ struct Sampling {
   std::optional<float> presencePenalty = {};
   std::optional<float> frequencyPenalty = {};
   std::optional<float> repetitionPenalty = {};
+  std::optional<int32_t> repetitionWindow = {};  // 0: all tokens
+  std::map<int32_t, float> logitBias = {};
 };
 
 struct BackendStats {
@@ -57,12 +61,70 @@ struct TurnCalls {
 // Unknown: a completion that may have stopped by itself or been cut at the limit. A runtime library
 // reports neither the reason nor the number of pieces, and the filled positions do not tell either:
 // a completion that stops one piece early fills as many as one that was cut.
-enum class TurnEnd { Stopped, Limit, Cancelled, ContextFull, Unknown, Failed };
+enum class TurnEnd { Stopped, StopString, Limit, Cancelled, ContextFull, Unknown, Failed };
+
+// What a reply took.
+struct Usage {
+  uint64_t promptTokens = 0;  // of what the reply is to
+  uint64_t reusedTokens = 0;  // of those, not read again
+  uint64_t replyTokens = 0;
+  double promptSeconds = 0;
+  double replySeconds = 0;
+};
+
+// A function that the model asks to have called.
+struct CalledTool {
+  std::string name;
+  std::string arguments;  // a JSON object
+};
 
 struct TurnOutcome {
   TurnEnd end = TurnEnd::Failed;
-  uint64_t pieces = 0;      // tokens of the reply
+  std::string stopString;      // that ended it
+  uint64_t pieces = 0;         // tokens of the reply
+  std::optional<Usage> usage;  // where the backend counts
+  std::vector<CalledTool> calls;
   bool needsReset = false;  // of a failure: the conversation has no room left, or may be damaged
+};
+
+struct ConversationUse {
+  uint64_t positions = 0;
+  uint64_t capacity = 0;
+  uint64_t messages = 0;      // the system message among them
+  uint64_t readTokens = 0;    // of prompts, since the backend was opened
+  uint64_t reusedTokens = 0;  // of prompts, not read again
+  uint64_t snapshots = 0;     // places to go back to without reading
+  uint64_t snapshotBytes = 0;
+  double promptTokensPerSecond = 0;  // 0: not measured yet
+  double replyTokensPerSecond = 0;
+};
+
+// What can be done to the conversation of a backend that keeps its messages.
+class Conversation {
+ public:
+  virtual ~Conversation() = default;
+
+  // The message in front of all others; empty: none. A new one takes effect with the next turn,
+  // which reads the conversation again.
+  virtual const std::string& system() const = 0;
+  virtual void setSystem(const std::string& text) = 0;
+  // Whether replies begin with reasoning. Refused on a model that cannot.
+  virtual bool thinks() const = 0;
+  virtual kel::Status setThinking(bool thinks) = 0;
+
+  // The user's last message that was said.
+  virtual std::optional<std::string> lastMessage() const = 0;
+  // Like Backend::turn, with text in the place of that message and the reply to it. What was said
+  // stays when the turn fails or is cancelled before the reply.
+  virtual kel::Status replaceLast(const std::string& text, const TurnCalls& calls,
+                                  TurnOutcome& outcome) = 0;
+
+  // To a file, complete or not at all, in place of a conversation in it; any other file is left
+  // alone. And back: of a file that cannot be had, nothing is taken.
+  virtual kel::Status save(const std::string& path) = 0;
+  virtual kel::Status load(const std::string& path) = 0;
+
+  virtual ConversationUse use() const = 0;
 };
 
 class Backend {
@@ -83,11 +145,17 @@ class Backend {
   // All of the settings, or none of them where one is out of the backend's range or none of its
   // settings; the message names it.
   virtual kel::Status configure(const Sampling& sampling) = 0;
+  // The settings in force, as far as the backend knows them; those without effect have no value.
+  virtual Sampling sampling() const = 0;
   virtual BackendStats stats() = 0;
   virtual BackendLimits limits() const = 0;
   // Whether top-p is held against weights relative to the best token, so that below 1 it leaves
   // that token alone.
   virtual bool hasRelativeTopP() const = 0;
+  // What to tell people once before they talk with the model; empty: nothing.
+  virtual std::string chatRemark() const { return {}; }
+  // Null where the backend keeps no messages. Lives as long as the backend.
+  virtual Conversation* conversation() { return nullptr; }
 };
 
 }  // namespace zym

@@ -3,11 +3,13 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <optional>
 #include <system_error>
+#include <utility>
 
 #include "container/zym2_reader.h"
 #include "host/chat/engine_backend.h"
@@ -31,6 +33,26 @@ std::string pluginFromEnvironment() {
   return name == nullptr ? "" : name;
 }
 
+// The first option that runtime libraries do not have; empty for none.
+std::string optionBeyondLibraries(const EngineOptions& options) {
+  if (options.maxTokens != 0) {
+    return "--max-tokens";
+  }
+  if (!options.stops.empty()) {
+    return "--stop";
+  }
+  if (!options.system.empty()) {
+    return "--system";
+  }
+  if (options.thinking) {
+    return *options.thinking ? "--think" : "--no-think";
+  }
+  if (options.positions != 0) {
+    return "--context";
+  }
+  return options.cache.empty() ? "" : "--cache";
+}
+
 Status openBackend(const EngineOptions& options, std::unique_ptr<Backend>& backend) {
   std::filesystem::path library;
   Status status = findPlugin(options.plugin, pluginFromEnvironment(), library);
@@ -40,10 +62,9 @@ Status openBackend(const EngineOptions& options, std::unique_ptr<Backend>& backe
   if (library.empty()) {
     return openEngineBackend(options, backend);
   }
-  if (options.maxTokens != 0 || !options.system.empty() || options.thinking) {
-    return Status::invalid(
-        "a runtime library limits its replies itself and knows neither system messages nor "
-        "thinking; leave out --max-tokens, --system and --think, or --plugin");
+  const std::string lacking = optionBeyondLibraries(options);
+  if (!lacking.empty()) {
+    return beyondLibraries(lacking);
   }
   return openPluginBackend(library, options.model, options.raw, backend);
 }
@@ -86,14 +107,18 @@ Status openEngine(const EngineOptions& options, Engine& engine) {
   return status.ok() ? configureEngine(options.sampling, engine) : status;
 }
 
+Status beyondLibraries(const std::string& what) {
+  return Status::invalid("a runtime library has no " + what +
+                         "; leave it out, or use the program's own engine, without --plugin");
+}
+
 Status configureEngine(const Sampling& sampling, Engine& engine) {
   Status status = engine.backend->configure(sampling);
   if (!status.ok()) {
     return status;
   }
-  mergeSampling(sampling, engine.sampling);
   if (engine.topPExplained || !engine.backend->hasRelativeTopP() ||
-      !topPLeavesOneToken(engine.sampling)) {
+      !topPLeavesOneToken(engine.backend->sampling())) {
     return status;
   }
   remark(
@@ -107,12 +132,14 @@ const char* turnEndName(TurnEnd end) {
   switch (end) {
     case TurnEnd::Stopped:
       return "stop";
+    case TurnEnd::StopString:
+      return "stop-string";
     case TurnEnd::Limit:
       return "limit";
     case TurnEnd::Cancelled:
       return "cancelled";
     case TurnEnd::ContextFull:
-      return "context full";
+      return "context-full";
     case TurnEnd::Unknown:
       return "unknown";
     case TurnEnd::Failed:
@@ -137,7 +164,11 @@ class WatchedCall {
 
   TurnReport end(const Status& status, const TurnOutcome& outcome, bool cancelled) {
     becomeQuiet();
+    report.seconds = std::chrono::duration<double>(Clock::now() - begin).count();
     report.pieces = outcome.pieces;
+    report.stopString = outcome.stopString;
+    report.calls = outcome.calls;
+    report.usage = outcome.usage;
     report.end = cancelled ? TurnEnd::Cancelled : outcome.end;
     if (!status.ok() && !cancelled && outcome.end != TurnEnd::ContextFull) {
       report.end = TurnEnd::Failed;
@@ -148,20 +179,23 @@ class WatchedCall {
   }
 
  private:
-  // A prompt that is done at once is not worth a bar.
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds kSoon{500};
+
+  // A prompt that is read soon is not worth a bar.
   void onPrompt(uint64_t done, uint64_t total) {
-    if (done < total || bar) {
+    if (!showsBar && done < total && Clock::now() - begin > kSoon) {
+      showsBar = true;
       alive.stop();
-      if (!bar) {
-        bar.emplace("reading", ProgressUnit::Positions);
-      }
-      bar->update(done, total);
+    }
+    if (showsBar) {
+      bar.update(done, total);
     }
   }
 
   void becomeQuiet() {
     alive.stop();
-    bar.reset();
+    bar.clear();
   }
 
   void deliver(std::string_view text, std::string& collected,
@@ -174,37 +208,62 @@ class WatchedCall {
   }
 
   const ReplyShow& show;
+  Clock::time_point begin = Clock::now();
   Liveness alive;
-  std::optional<Progress> bar;
+  // Counts the time from the beginning of the call.
+  Progress bar{"reading", ProgressUnit::Positions};
+  bool showsBar = false;
   TurnReport report;
 };
 
-using BackendCall = Status (Backend::*)(const std::string& text, const TurnCalls& calls,
-                                        TurnOutcome& outcome);
+using BackendCall = std::function<Status(const TurnCalls& calls, TurnOutcome& outcome)>;
 
-TurnReport watch(Engine& engine, BackendCall call, const std::string& typed, const char* waiting,
-                 const ReplyShow& show, bool cancellable) {
+TurnReport watch(const BackendCall& call, const char* waiting, const ReplyShow& show,
+                 bool cancellable) {
   WatchedCall watched(waiting, show);
   std::optional<CancelScope> scope;
   if (cancellable) {
     scope.emplace();
   }
   TurnOutcome outcome;
-  const Status status = (engine.backend.get()->*call)(
-      typed, watched.calls(cancellable ? cancelFlag() : nullptr), outcome);
+  const Status status = call(watched.calls(cancellable ? cancelFlag() : nullptr), outcome);
   return watched.end(status, outcome, scope && scope->cancelled());
+}
+
+void explainChat(Engine& engine) {
+  if (std::exchange(engine.chatExplained, true)) {
+    return;
+  }
+  if (const std::string text = engine.backend->chatRemark(); !text.empty()) {
+    remark("(" + text + ")");
+  }
 }
 
 }  // namespace
 
 TurnReport runTurn(Engine& engine, const std::string& typed, const ReplyShow& show,
                    bool cancellable) {
-  return watch(engine, &Backend::turn, typed, "reading", show, cancellable);
+  explainChat(engine);
+  const auto call = [&](const TurnCalls& calls, TurnOutcome& outcome) {
+    return engine.backend->turn(typed, calls, outcome);
+  };
+  return watch(call, "reading", show, cancellable);
+}
+
+TurnReport runReplacement(Engine& engine, const std::string& typed, const ReplyShow& show,
+                          bool cancellable) {
+  const auto call = [&](const TurnCalls& calls, TurnOutcome& outcome) {
+    return engine.backend->conversation()->replaceLast(typed, calls, outcome);
+  };
+  return watch(call, "reading", show, cancellable);
 }
 
 TurnReport runCompletion(Engine& engine, const std::string& typed, const ReplyShow& show,
                          bool cancellable) {
-  return watch(engine, &Backend::complete, typed, "completing", show, cancellable);
+  const auto call = [&](const TurnCalls& calls, TurnOutcome& outcome) {
+    return engine.backend->complete(typed, calls, outcome);
+  };
+  return watch(call, "completing", show, cancellable);
 }
 
 }  // namespace zym

@@ -2,7 +2,6 @@
 // replies as long as the context, prompts that can be watched and stopped.
 #pragma once
 
-#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -13,9 +12,11 @@
 
 namespace zym {
 
-// Opens the container at modelPath and a context over it, of `positions` (engine::ContextOptions).
-// Messages name the path.
-kel::Status openContext(const std::string& modelPath, uint64_t positions,
+// Opens the container at path. Messages name it and say what to do.
+kel::Status openModel(const std::string& path, std::shared_ptr<const engine::Model>& model);
+
+// The same, and a context over it.
+kel::Status openContext(const std::string& modelPath, const engine::ContextOptions& options,
                         std::unique_ptr<engine::Context>& context);
 
 kel::Status openEngineBackend(const EngineOptions& options, std::unique_ptr<Backend>& backend);

@@ -148,21 +148,23 @@ class PluginBackend : public Backend {
 
   void reset() override { table.v2->reset(handle); }
 
-  Status configure(const Sampling& sampling) override {
-    const std::string unknown = settingBeyondLibraries(sampling);
+  Status configure(const Sampling& newer) override {
+    const std::string unknown = settingBeyondLibraries(newer);
     if (!unknown.empty()) {
-      return Status::invalid("a runtime library has no " + unknown +
-                             "; leave it out, or use the program's own engine, without --plugin");
+      return beyondLibraries(unknown);
     }
     ZYMSessionOptions options{};
     options.structSize = sizeof(options);
-    options.temperature = sampling.temperature.value_or(-1.0F);
-    options.topK = sampling.topK.value_or(0);
-    options.topP = sampling.topP.value_or(0.0F);
-    options.seed = sampling.seed.value_or(0);
+    options.temperature = newer.temperature.value_or(-1.0F);
+    options.topK = newer.topK.value_or(0);
+    options.topP = newer.topP.value_or(0.0F);
+    options.seed = newer.seed.value_or(0);
     table.v2->configure(handle, &options);
+    mergeSampling(newer, settings);
     return Status::success();
   }
+
+  Sampling sampling() const override { return settings; }
 
   BackendStats stats() override {
     ZYMRuntimeStats record{};
@@ -212,6 +214,7 @@ class PluginBackend : public Backend {
   ZYMRuntimeHandle* handle;
   TextMap textMap;
   bool raw;
+  Sampling settings;  // all that were made so far
 };
 
 }  // namespace

@@ -76,7 +76,7 @@ Status openMeasured(const BenchOptions& options, std::unique_ptr<MeasuredModel>&
   std::unique_ptr<engine::Context> context;
   Status status = checkInputFile(options.engine.model);
   if (status.ok()) {
-    status = openContext(options.engine.model, 0, context);
+    status = openContext(options.engine.model, {}, context);
   }
   if (status.ok()) {
     const engine::Model& model = context->model();

@@ -12,6 +12,7 @@
 #include "host/cli/commands.h"
 #include "host/cli/model_argument.h"
 #include "host/cli/text_source.h"
+#include "host/terminal/interrupt.h"
 #include "host/terminal/terminal.h"
 #include "host/terminal/utf8.h"
 
@@ -40,16 +41,38 @@ kel::Status collectPrompts(const RunOptions& options, std::vector<std::string>& 
   return status;
 }
 
-void printJson(const std::string& prompt, const TurnReport& report) {
-  using Json = nlohmann::ordered_json;
+using Json = nlohmann::ordered_json;
+
+// What of a reply not every backend, or not every reply, has.
+void addDetails(const TurnReport& report, const Sampling& sampling, Json& line) {
+  if (report.end == TurnEnd::StopString) {
+    line["stopString"] = report.stopString;
+  }
+  if (!report.reasoning.empty()) {
+    line["reasoning"] = report.reasoning;
+  }
+  for (const CalledTool& call : report.calls) {
+    line["toolCalls"].push_back({{"name", call.name}, {"arguments", call.arguments}});
+  }
+  if (report.usage) {
+    line["usage"] = {{"promptTokens", report.usage->promptTokens},
+                     {"reusedTokens", report.usage->reusedTokens},
+                     {"replyTokens", report.usage->replyTokens},
+                     {"seconds", report.seconds}};
+  }
+  // Where the best token is always taken, no number is drawn.
+  if (sampling.temperature && sampling.seed) {
+    line["seed"] = *sampling.seed;
+  }
+}
+
+void printJson(const std::string& prompt, const TurnReport& report, const Sampling& sampling) {
   Json line = {{"prompt", prompt}, {"reply", report.reply}, {"end", nullptr}};
   if (report.end != TurnEnd::Unknown) {
     line["end"] = turnEndName(report.end);
     line["pieces"] = report.pieces;
   }
-  if (!report.reasoning.empty()) {
-    line["reasoning"] = report.reasoning;
-  }
+  addDetails(report, sampling, line);
   fmt::print("{}\n", line.dump(-1, ' ', false, Json::error_handler_t::replace));
   std::fflush(stdout);
 }
@@ -60,14 +83,20 @@ void show(std::string_view text) {
   std::fflush(stdout);
 }
 
+// A runtime library looks at no flag while it completes: Ctrl-C is to end the program then.
+bool stopsAtInterrupts(Engine& engine) {
+  return engine.backend->conversation() != nullptr;
+}
+
 // As text the reply is shown while it comes, as JSON when it is whole.
 TurnReport answer(Engine& engine, const RunOptions& options, const std::string& prompt) {
   const ReplyShow sinks = options.json ? ReplyShow{} : ReplyShow{show, nullptr};
-  TurnReport report = options.chat ? runTurn(engine, prompt, sinks, false)
-                                   : runCompletion(engine, prompt, sinks, false);
+  const bool stops = stopsAtInterrupts(engine);
+  TurnReport report = options.chat ? runTurn(engine, prompt, sinks, stops)
+                                   : runCompletion(engine, prompt, sinks, stops);
   const bool isBroken = report.end == TurnEnd::Failed;
   if (options.json && !isBroken) {
-    printJson(prompt, report);
+    printJson(prompt, report, engine.backend->sampling());
   }
   if (!options.json && (!isBroken || !report.reply.empty())) {
     show("\n");
@@ -89,6 +118,7 @@ bool explainEnd(const TurnReport& report, const BackendLimits& limits) {
       remark(fmt::format("(the reply was cut at {} tokens)", limits.turnTokens));
       return true;
     case TurnEnd::Stopped:
+    case TurnEnd::StopString:
     case TurnEnd::Unknown:
     case TurnEnd::Cancelled:
       break;
@@ -115,11 +145,17 @@ int run(const RunOptions& options) {
     complain(status.message);
     return 1;
   }
+  if (stopsAtInterrupts(engine)) {
+    catchInterrupts();
+  }
   for (const std::string& prompt : prompts) {
     if (options.each) {
       engine.backend->reset();
     }
     const TurnReport report = answer(engine, options, prompt);
+    if (report.end == TurnEnd::Cancelled) {
+      return cancelledExit();
+    }
     if (!explainEnd(report, engine.backend->limits())) {
       return 1;
     }
@@ -147,12 +183,14 @@ void addRun(CLI::App& program, Action& action) {
                      ->trigger_on_parse();
   auto* file = command->add_option("-f,--file", options->file, "Read the prompt from a file")
                    ->type_name("FILE");
-  command->add_flag("--chat", options->chat, "Frame each prompt as a chat message");
+  auto* chat = command->add_flag("--chat", options->chat, "Frame each prompt as a chat message");
   command->add_flag("--each", options->each,
                     "With --chat: every prompt is a conversation of its own");
   command->add_flag("--json", options->json, "One JSON object per reply");
   addRaw(*command, options->engine.raw);
-  addReply(*command, options->engine);
+  for (CLI::Option* option : addReply(*command, options->engine)) {
+    option->needs(chat);
+  }
   addSampling(*command, options->engine.sampling);
   addExamples(*command,
               "  zym run model.zym --chat -p 'Who are you?'\n"

@@ -7,8 +7,8 @@
 namespace zym {
 namespace {
 
-void addSetting(CLI::App& command, const char* name, const char* what, Sampling& sampling) {
-  command
+CLI::Option* addSetting(CLI::App& command, const char* name, const char* what, Sampling& sampling) {
+  return command
       .add_option_function<std::string>(
           std::string("--") + name,
           [name, &sampling](const std::string& value) {
@@ -19,6 +19,21 @@ void addSetting(CLI::App& command, const char* name, const char* what, Sampling&
           },
           what)
       ->type_name("VALUE");
+}
+
+void addStop(CLI::App& command, EngineOptions& options) {
+  command
+      .add_option_function<std::string>(
+          "--stop",
+          [&options](const std::string& text) {
+            if (text.empty()) {
+              throw CLI::ValidationError("--stop: an empty text ends nothing");
+            }
+            options.stops.push_back(text);
+          },
+          "Text that ends a reply and is no part of it; may be repeated")
+      ->type_name("TEXT")
+      ->trigger_on_parse();
 }
 
 }  // namespace
@@ -33,8 +48,16 @@ std::shared_ptr<ModelArgument> addModel(CLI::App& command, EngineOptions& option
 }
 
 void addSampling(CLI::App& command, Sampling& sampling) {
-  addSetting(command, "temperature", "Randomness; 0, the default, always takes the best token",
-             sampling);
+  auto* temperature =
+      addSetting(command, "temperature",
+                 "Randomness; 0 takes the best token always (default of this and the following: "
+                 "what the model's makers recommend)",
+                 sampling);
+  command
+      .add_flag_callback(
+          "--greedy", [&sampling] { sampling.temperature = 0.0F; },
+          "Take the best token always: temperature 0")
+      ->excludes(temperature);
   addSetting(command, "top-k", "Sample among this many best tokens", sampling);
   addSetting(command, "top-p",
              "Sample among the fewest best tokens with this share of the probability; 1: among all",
@@ -48,18 +71,52 @@ void addSampling(CLI::App& command, Sampling& sampling) {
              "Against tokens for every time that the reply holds them, -2 to 2", sampling);
   addSetting(command, "repetition-penalty",
              "Against tokens of prompt and reply: divides their scores; 1: none", sampling);
-  addSetting(command, "seed", "Start of the random numbers", sampling);
+  addSetting(command, "repetition-window",
+             "Tokens at the end that --repetition-penalty looks at; 0: all", sampling);
+  addSetting(command, "logit-bias",
+             "Added to the score of a token, -100 to 100, or -inf, which bans it; may be repeated",
+             sampling)
+      ->type_name("ID=VALUE")
+      ->trigger_on_parse();
+  addSetting(command, "seed", "Start of the random numbers, or \"random\", the default", sampling);
 }
 
-void addReply(CLI::App& command, EngineOptions& options) {
+ConversationOptions addReply(CLI::App& command, EngineOptions& options) {
   command
       .add_option("--max-tokens", options.maxTokens,
                   "Tokens of a reply at most (default: as many as the context has room for)")
       ->check(CLI::Range(1, 262144))
       ->type_name("N");
-  command.add_option("--system", options.system, "System message in front of the conversation")
-      ->type_name("TEXT");
-  command.add_flag("--think", options.thinking, "Let the model think before it answers");
+  addStop(command, options);
+  command
+      .add_option("--context", options.positions,
+                  "Positions of the context, at most the model's own (default: those, at most "
+                  "32768)")
+      ->check(CLI::Range(int64_t{1}, int64_t{1} << 31))
+      ->type_name("N");
+  command
+      .add_option_function<std::string>(
+          "--cache",
+          [&options](const std::string& type) {
+            if (type != "f32" && type != "bf16") {
+              throw CLI::ValidationError("--cache is one of f32|bf16, not \"" + type + "\"");
+            }
+            options.cache = type;
+          },
+          "Type of the attention caches: bf16 takes half of the memory of f32, the default")
+      ->type_name("f32|bf16");
+  auto* system =
+      command.add_option("--system", options.system, "System message in front of the conversation")
+          ->type_name("TEXT");
+  auto* think = command.add_flag_callback(
+      "--think", [&options] { options.thinking = true; },
+      "Let the model think before it answers (default of models from 4B up)");
+  auto* noThink = command
+                      .add_flag_callback(
+                          "--no-think", [&options] { options.thinking = false; },
+                          "Let the model answer at once (default of smaller models)")
+                      ->excludes(think);
+  return {system, think, noThink};
 }
 
 void addRaw(CLI::App& command, bool& raw) {

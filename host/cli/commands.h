@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <string>
@@ -25,6 +26,7 @@ void addBench(CLI::App& program, Action& action);
 void addInfo(CLI::App& program, Action& action);
 void addCheck(CLI::App& program, Action& action);
 void addTokenize(CLI::App& program, Action& action);
+void addPerplexity(CLI::App& program, Action& action);
 void addConvert(CLI::App& program, Action& action);
 void addCompletion(CLI::App& program, Action& action);
 void addCache(CLI::App& program, Action& action);
@@ -34,8 +36,10 @@ void addCache(CLI::App& program, Action& action);
 std::shared_ptr<ModelArgument> addModel(CLI::App& command, EngineOptions& options);
 void addSampling(CLI::App& command, Sampling& sampling);
 void addRaw(CLI::App& command, bool& raw);
-// What the reply of a model is like, but for its sampling.
-void addReply(CLI::App& command, EngineOptions& options);
+// What the reply of a model is like, but for its sampling, and the context that it is given in.
+// Returned are the options that conversations alone have.
+using ConversationOptions = std::array<CLI::Option*, 3>;
+ConversationOptions addReply(CLI::App& command, EngineOptions& options);
 // Puts examples below a command's help.
 void addExamples(CLI::App& command, const std::string& lines);
 

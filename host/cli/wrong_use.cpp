@@ -6,7 +6,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/cli/nearest_word.h"
+#include "host/terminal/nearest_word.h"
 
 namespace zym {
 namespace {

@@ -35,7 +35,9 @@ struct GenerationRequest {
   std::optional<size_t> logProbabilities;  // of every token, with so many of the best
 };
 
-// Told by the scheduler's thread, in order. Nothing comes after done() or failed().
+// Told by the scheduler's thread, in order, which it must not keep waiting. Nothing comes after
+// done() or failed(). A request whose cancel flag is raised has its choices finished with
+// ReplyEnd::Cancelled, started() or not; so have replies that are cut off when the server ends.
 class GenerationSink {
  public:
   virtual ~GenerationSink() = default;
@@ -47,7 +49,9 @@ class GenerationSink {
   virtual void token(size_t choice, const engine::LogProbabilities& chosen) = 0;
   virtual void finished(size_t choice, const engine::Reply& reply) = 0;
   virtual void done() = 0;  // all choices are finished
-  // The request cannot be fulfilled (Invalid: for what it says), or its numbers went wrong.
+  // The request cannot be fulfilled: InvalidFormat for what it says, IoError where there is no
+  // memory, or where the server ends before its reply has begun (another one may be asked),
+  // Corrupted where its numbers went wrong.
   virtual void failed(const kel::Status& status) = 0;
 
   // As engine::ReplySinks::cancel.

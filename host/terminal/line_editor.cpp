@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "host/terminal/byte_source.h"
 #include "host/terminal/history_file.h"
@@ -145,6 +146,11 @@ class LineEditor : public LineReader {
     return LineResult::Line;
   }
 
+  bool offer(const std::string& text) override {
+    offered = wideOf(text);
+    return true;
+  }
+
   void remember(const std::string& message) override {
     HistEventW event{};
     history_w(past, &event, H_ENTER, wideOf(message).c_str());
@@ -187,6 +193,10 @@ class LineEditor : public LineReader {
   }
 
   bool nextCharacter(char32_t& code) {
+    // The library has emptied the line before it asks for the first character of a new one.
+    if (!offered.empty()) {
+      el_winsertstr(editor, std::exchange(offered, {}).c_str());
+    }
     std::string character;
     char byte = 0;
     do {
@@ -293,6 +303,7 @@ class LineEditor : public LineReader {
   ByteSource bytes;
   HistoryFile historyFile;
   std::string prompt;
+  std::wstring offered;   // what the next line begins with
   bool hasEnded = false;  // the input has ended or was interrupted while the line was read
   bool leftEmpty = true;  // and there was nothing in the line
   bool complained = false;

@@ -52,6 +52,10 @@ class PlainReader : public LineReader {
 
 }  // namespace
 
+bool LineReader::offer(const std::string&) {
+  return false;
+}
+
 void LineReader::remember(const std::string&) {}
 
 std::unique_ptr<LineReader> openLineReader(const fs::path& historyFile) {

@@ -21,6 +21,9 @@ class LineReader {
   // of what was pasted into it; after Failed, a message for people. wasEmpty tells, after
   // Interrupted, whether nothing had been typed.
   virtual LineResult read(const std::string& prompt, std::string& line, bool& wasEmpty) = 0;
+  // The next line that is read begins with text, which may have several lines, to be changed. False
+  // where lines are not edited.
+  virtual bool offer(const std::string& text);
   // Adds a message, which may have several lines, to the history, if there is one.
   virtual void remember(const std::string& message);
 };

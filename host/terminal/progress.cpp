@@ -32,16 +32,28 @@ std::string rateText(double rate, ProgressUnit unit) {
 
 }  // namespace
 
-std::string progressText(uint64_t done, uint64_t total, double seconds, ProgressUnit unit) {
+std::string progressText(uint64_t done, uint64_t total, double seconds, ProgressUnit unit,
+                         size_t columns) {
   done = std::min(done, total);
   const double share = total == 0 ? 1.0 : static_cast<double>(done) / static_cast<double>(total);
   const auto cells = static_cast<size_t>(share * kBarCells);
-  std::string text = fmt::format("[{:<{}}] {:3.0f} %  {}", std::string(cells, '#'), kBarCells,
-                                 share * 100, amountText(done, total, unit));
+  const std::string bar = fmt::format("[{:<{}}] ", std::string(cells, '#'), kBarCells);
+  const std::string percent = fmt::format("{:3.0f} %", share * 100);
+  const std::string amount = "  " + amountText(done, total, unit);
+  std::string speed;
+  std::string left;
   if (done > 0 && seconds > 0) {
     const double rate = static_cast<double>(done) / seconds;
-    text += fmt::format("  {}  {} left", rateText(rate, unit),
-                        durationText(static_cast<double>(total - done) / rate));
+    speed = "  " + rateText(rate, unit);
+    left = fmt::format("  {} left", durationText(static_cast<double>(total - done) / rate));
+  }
+  std::string text = fmt::format("{}{}{}{}{}", bar, percent, amount, speed, left);
+  for (const std::string& shorter :
+       {fmt::format("{}{}{}", percent, amount, left), percent + left, percent}) {
+    if (columns == 0 || text.size() <= columns) {
+      break;
+    }
+    text = shorter;
   }
   return text;
 }
@@ -65,8 +77,11 @@ void Progress::update(uint64_t done, uint64_t total) {
     return;
   }
   lastDrawn = now;
+  const size_t columns = onTerminal ? terminalColumns(STDERR_FILENO) : 0;
+  const size_t taken = what.size() + 2;  // with a blank, and the last column, which stays free
   const std::string text =
-      progressText(done, total, std::chrono::duration<double>(now - started).count(), unit);
+      progressText(done, total, std::chrono::duration<double>(now - started).count(), unit,
+                   columns == 0 ? 0 : std::max(columns, taken + 1) - taken);
   if (onTerminal) {
     std::fprintf(stderr, "\r%s %s\x1b[K", what.c_str(), text.c_str());
     drawn = true;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -13,9 +14,9 @@ enum class ProgressUnit { Bytes, Positions };
 
 // "[#########           ]  45 %  512 MB of 1.14 GB  310 MB/s  2.0 s left", or "576 of 1280
 // positions  12.5/s". Without an estimate (nothing done or no time yet) rate and time left are
-// missing.
+// missing. Where all of it takes more than `columns` (0: as many as it takes), less is said.
 std::string progressText(uint64_t done, uint64_t total, double seconds,
-                         ProgressUnit unit = ProgressUnit::Bytes);
+                         ProgressUnit unit = ProgressUnit::Bytes, size_t columns = 0);
 
 class Progress {
  public:

@@ -148,4 +148,10 @@ size_t ReplyWrap::fenceInLine() const {
   return opens || closes ? length : 0;
 }
 
+std::string wrappedText(std::string_view text, size_t columns) {
+  ReplyWrap wrap;
+  std::string out = wrap.feed(text, columns);
+  return out + wrap.finish();
+}
+
 }  // namespace zym

@@ -41,4 +41,7 @@ class ReplyWrap {
   size_t wordColumns = 0;
 };
 
+// A text as a whole.
+std::string wrappedText(std::string_view text, size_t columns);
+
 }  // namespace zym

@@ -78,7 +78,7 @@ TEST_F(ModelCalls, TellOfAModelThatCannotThink) {
 
 TEST_F(ModelCalls, RemarkOnATemplateOfAnotherKind) {
   kel::test::RandomModelSpec spec = smallModel();
-  spec.texts.emplace_back("tokenizer.chat_template", "{{ messages }}");
+  spec.chatTemplate = "{{ messages }}";
   open(spec);
   EXPECT_STREQ("unknown template: the family's own format is used", facts().templateRemark.data);
 }
@@ -86,11 +86,10 @@ TEST_F(ModelCalls, RemarkOnATemplateOfAnotherKind) {
 // Models whose turns stay open are framed by their own template.
 TEST_F(ModelCalls, HaveNoRemarkOnOpenTurns) {
   kel::test::RandomModelSpec spec = smallModel();
-  spec.texts.emplace_back(
-      "tokenizer.chat_template",
+  spec.chatTemplate =
       "{% for message in messages %}{{ '<|im_start|>' + message['role'] + '\\n' + "
       "message['content'] }}{% if message['role'] != 'assistant' %}{{ '<|im_end|>\\n' }}{% endif "
-      "%}{% endfor %}{% if add_generation_prompt %}{{ '<|im_start|>assistant\\n' }}{% endif %}");
+      "%}{% endfor %}{% if add_generation_prompt %}{{ '<|im_start|>assistant\\n' }}{% endif %}";
   open(spec);
   EXPECT_STREQ("", facts().templateRemark.data);
   EXPECT_EQ(0U, facts().canThink);

@@ -43,7 +43,7 @@ class ModelCacheTest : public testing_support::ProgramTest {
   }
 
   static Outcome ask(const std::string& given, const std::vector<std::string>& options = {}) {
-    std::vector<std::string> words = {"run", given, "--chat", "-p", kQuestion};
+    std::vector<std::string> words = {"run", given, "--chat", "--greedy", "-p", kQuestion};
     words.insert(words.end(), options.begin(), options.end());
     return zym(words);
   }
@@ -99,7 +99,7 @@ TEST_F(ModelCacheTest, EveryCommandTakesAFolder) {
   EXPECT_EQ(Json::parse(zym({"info", ZYM_DEMO_FOLDER, "--json"}).out)["metadata"]["general.name"],
             "demo");
   EXPECT_EQ(Json::parse(zym({"tokenize", ZYM_DEMO_FOLDER, "--json", " "}).out)["ids"].size(), 1U);
-  EXPECT_EQ(zym({"chat", ZYM_DEMO_FOLDER}, std::string(kQuestion) + "\n").out, kAnswer);
+  EXPECT_EQ(zym({"chat", ZYM_DEMO_FOLDER, "--greedy"}, std::string(kQuestion) + "\n").out, kAnswer);
   const Json report = Json::parse(zym({"bench", ZYM_DEMO_FOLDER, "--json", "--repetitions", "1",
                                        "--prompt", "4", "--steps", "2"})
                                       .out);

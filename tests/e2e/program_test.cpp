@@ -83,8 +83,8 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   const Outcome version = zym({"--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("zym " ZYM_VERSION "\n", 0), 0U) << version.out;
-  for (const char* command :
-       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "cache", "completion"}) {
+  for (const char* command : {"chat", "run", "bench", "info", "check", "tokenize", "perplexity",
+                              "convert", "cache", "completion"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;
@@ -329,6 +329,45 @@ TEST_F(ProgramTest, ARuntimeLibraryRefusesSettingsThatItLacks) {
       zym({"chat", model}, "/set repetition-penalty 1.1\n/set top-k 3\nsettings\n");
   EXPECT_EQ(chat.err, "a runtime library has no repetition-penalty" + rest);
   EXPECT_EQ(chat.out, "temperature 0 top-k 3 top-p 0 seed 0\n");
+}
+
+TEST_F(ProgramTest, ARuntimeLibraryRefusesByNameWhatItCannotDo) {
+  const std::string rest = "; leave it out, or use the program's own engine, without --plugin";
+  const std::vector<std::vector<std::string>> options = {
+      {"--max-tokens", "5"}, {"--stop", "x"},     {"--system", "x"},  {"--think"},
+      {"--no-think"},        {"--context", "64"}, {"--cache", "f32"}, {"--session", "x"},
+  };
+  for (const std::vector<std::string>& option : options) {
+    std::vector<std::string> words = {"chat", model};
+    words.insert(words.end(), option.begin(), option.end());
+    expectFault(zym(words), 1, "a runtime library has no " + option.front() + rest);
+  }
+  for (const std::string command :
+       {"/retry", "/edit a", "/system a", "/think on", "/save a", "/load a"}) {
+    const Outcome outcome = zym({"chat", model}, "a\n" + command + "\nb\n");
+    EXPECT_EQ(outcome.err,
+              "a runtime library has no " + command.substr(0, command.find(' ')) + rest + "\n");
+    EXPECT_EQ(outcome.out, "heard 1: a\nheard 2: b\n");
+    EXPECT_EQ(outcome.status, 1);
+  }
+}
+
+TEST_F(ProgramTest, RandomSeedsReachARuntimeLibrary) {
+  const std::string drawn = zym({"run", model, "-p", "settings", "--seed", "random"}).out;
+  EXPECT_TRUE(drawn.starts_with("temperature 0 top-k 0 top-p 0 seed ")) << drawn;
+  EXPECT_FALSE(drawn.ends_with(" 0\n")) << drawn;
+}
+
+TEST_F(ProgramTest, AMistypedChatCommandIsNamedWithTheNearestOne) {
+  EXPECT_EQ(zym({"chat", model}, "/contxt\n/xyzzy\n").err,
+            "no command /contxt (did you mean /context?); /help lists them\n"
+            "no command /xyzzy; /help lists them\n");
+}
+
+TEST_F(ProgramTest, StatsTellWhatALibraryKnows) {
+  EXPECT_EQ(zym({"chat", model, "--stats"}, "ab\n/context\n").err,
+            "(3 of 8192 positions)\n"
+            "3 of 8192 positions in use, 4.2 ms a position, the last one 0.5 ms\n");
 }
 
 TEST_F(ProgramTest, TopPBelowOneIsExplainedOnce) {

@@ -11,6 +11,7 @@
 
 #include "convert/convert.h"
 #include "tests/engine/engine_models.h"
+#include "tests/support/alphabet_vocabulary.h"
 #include "tests/support/family_shapes.h"
 #include "tests/support/instrumented.h"
 
@@ -227,43 +228,18 @@ class RandomReply : public testing::Test {
  protected:
   static constexpr uint64_t kVocab = 300;
 
-  static kel::TokenizerData vocabulary() {
-    kel::TokenizerData tables;
-    tables.label = "alphabet";
-    for (const char* mark :
-         {"<|im_start|>", "<|im_end|>", "<|endoftext|>", "<think>", "</think>", "<tool_call>",
-          "</tool_call>", "<tool_response>", "</tool_response>"}) {
-      tables.tokens.emplace_back(mark);
-      tables.tokenTypes.push_back(3);
-    }
-    for (int letter = '!'; letter <= '~'; ++letter) {
-      tables.tokens.emplace_back(1, static_cast<char>(letter));
-      tables.tokenTypes.push_back(1);
-    }
-    for (const char* rest : {"\u0120", "\n"}) {
-      tables.tokens.emplace_back(rest);
-      tables.tokenTypes.push_back(1);
-    }
-    tables.merges = {"\u0120 a"};
-    while (tables.tokens.size() < kVocab) {
-      tables.tokens.push_back("[PAD" + std::to_string(tables.tokens.size()) + "]");
-      tables.tokenTypes.push_back(5);
-    }
-    return tables;
-  }
-
   RandomReply()
       : opened({.hidden = 8,
                 .ffn = 16,
                 .vocab = kVocab,
                 .shape = kel::test::oddShape(),
                 .statesShape = true,
-                .tokenizer = vocabulary()}) {}
+                .tokenizer = kel::test::alphabetVocabulary(kVocab)}) {}
 
   // Only letters: no reply ends by itself.
   ReplyOptions lettersOnly(uint64_t maxTokens) const {
     ReplyOptions options{.sampling = {.temperature = 1}, .maxTokens = maxTokens};
-    for (int32_t id = 0; id < 9; ++id) {
+    for (int32_t id = 0; id < kel::test::kAlphabetMarks; ++id) {
       options.sampling.logitBias[id] = -std::numeric_limits<float>::infinity();
     }
     return options;
@@ -286,6 +262,20 @@ TEST_F(RandomReply, ReasoningIsClosedWhereItsBudgetEnds) {
   EXPECT_FALSE(reply.message.content.empty());
   const int32_t end = opened.model->tokenizer().tokenToId("</think>");
   EXPECT_EQ(1, std::count(context->tokens().begin(), context->tokens().end(), Token{end, true}));
+  EXPECT_EQ(10U + 2U, reply.reasoningTokens) << "with the line feed and the mark that close it";
+  EXPECT_EQ(40U, reply.tokens);
+}
+
+TEST_F(RandomReply, ABudgetOfNothingClosesReasoningAtOnce) {
+  ReplyOptions options = lettersOnly(20);
+  options.thinkingTokens = 0;
+  const std::vector<Message> messages = {user("Hi")};
+  Reply reply;
+  ASSERT_TRUE(
+      generateReply(*context, sampler, {.messages = messages, .thinking = true}, options, {}, reply)
+          .ok());
+  EXPECT_EQ("", reply.message.reasoningContent.value_or(""));
+  EXPECT_FALSE(reply.message.content.empty());
 }
 
 TEST_F(RandomReply, WithoutThinkingTheAnswerBeginsAtOnce) {
@@ -294,6 +284,7 @@ TEST_F(RandomReply, WithoutThinkingTheAnswerBeginsAtOnce) {
   ASSERT_TRUE(
       generateReply(*context, sampler, {.messages = messages}, lettersOnly(10), {}, reply).ok());
   EXPECT_FALSE(reply.message.reasoningContent.has_value());
+  EXPECT_EQ(0U, reply.reasoningTokens);
   EXPECT_FALSE(reply.message.content.empty());
 }
 

@@ -41,7 +41,9 @@ std::vector<Token> operator+(std::vector<Token> a, const std::vector<Token>& b) 
 
 // Feeds what resume() leaves of the tokens; returns how many those were.
 size_t feedRest(Context& context, const std::vector<Token>& tokens) {
+  const size_t held = context.held(tokens);
   const size_t kept = context.resume(tokens);
+  EXPECT_EQ(held, kept);
   kel::Status status;
   EXPECT_EQ(Context::Fed::All,
             context.feed(std::span(tokens).subspan(kept), nullptr, nullptr, status))
@@ -126,6 +128,20 @@ TEST(Resume, LongTextsHavePlacesOnTheirWay) {
   EXPECT_EQ(bitsAfresh(edited), bits(*context));
 }
 
+TEST(Resume, PlacesAreCountedWithTheMemoryThatTheyTake) {
+  const auto context = sharedModel().context({});
+  EXPECT_EQ(0U, context->placeCount());
+  EXPECT_EQ(0U, context->placeBytes());
+  feedRest(*context, text(10, 1));
+  context->remember();
+  const uint64_t one = context->placeBytes();
+  EXPECT_LT(0U, one);
+  feedRest(*context, text(10, 1) + text(10, 2));
+  context->remember();
+  EXPECT_EQ(2U, context->placeCount());
+  EXPECT_EQ(2 * one, context->placeBytes());
+}
+
 // Whether a token was read or generated is part of what it left behind.
 TEST(Resume, AReadTokenIsNoGeneratedOne) {
   const auto context = sharedModel().context({});
@@ -164,6 +180,25 @@ TEST(Resume, NothingInCommonBeginsAnew) {
   EXPECT_EQ(bitsAfresh(other), bits(*context));
 }
 
+TEST(Resume, PartsOfATextAreNoPlacesAndHaveNoLogitsBeforeTheLast) {
+  const auto context = sharedModel().context({});
+  const std::vector<Token> first = text(10, 1);
+  const std::vector<Token> second = text(20, 2);
+  const std::vector<Token> third = text(15, 3);
+  feedRest(*context, first);
+  context->remember();
+  kel::Status status;
+  for (const std::vector<Token>& part : {second, third}) {
+    const bool isLast = part == third;
+    EXPECT_EQ(Context::Fed::All,
+              context->feedPart(part, isLast ? Context::Logits::OfTheLast : Context::Logits::None,
+                                nullptr, nullptr, status));
+    EXPECT_EQ(isLast, !context->logits().empty());
+  }
+  EXPECT_EQ(bitsAfresh(first + second + third), bits(*context));
+  EXPECT_EQ(first.size(), context->resume(first + second + text(5, 4)));
+}
+
 TEST(Resume, ATextThatIsStoppedGoesBackEvenWhereItsPlacesFillTheBudget) {
   const auto context = sharedModel().context({.snapshotBytes = 0});
   const std::vector<Token> first = text(10, 1);
@@ -192,12 +227,14 @@ TEST(SnapshotStore, TheOneUsedLongestAgoMakesRoom) {
   store.use(10);
   store.take(model, 40);
   EXPECT_EQ(3U, store.count());
+  EXPECT_EQ(3 * qwen35::Snapshot::bytes(model), store.bytes());
   EXPECT_EQ(10U, store.nearest(29));  // 20 went
   EXPECT_EQ(40U, store.nearest(99));
   EXPECT_EQ(0U, store.nearest(9));
   store.forgetBehind(30);
   EXPECT_EQ(30U, store.nearest(99));
   EXPECT_EQ(2U, store.count());
+  EXPECT_EQ(3 * qwen35::Snapshot::bytes(model), store.bytes());  // one is kept for the next place
 }
 
 TEST(SnapshotStore, HasRoomForTwoWhateverTheBudget) {

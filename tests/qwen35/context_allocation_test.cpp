@@ -20,9 +20,16 @@ using qwen35::Arithmetic;
 
 constexpr size_t kTokens = 12;  // more than attention takes at a time
 
-TEST(Context, PassesAllocateNothing) {
+class ContextAllocations : public ::testing::Test {
+ protected:
+  ContextAllocations() { omp_set_num_threads(3); }
+  ~ContextAllocations() override { omp_set_num_threads(threads); }
+
+ private:
   const int threads = omp_get_max_threads();
-  omp_set_num_threads(3);
+};
+
+TEST_F(ContextAllocations, PassesAllocateNothing) {
   const ModelFile file({.hidden = 256,
                         .ffn = 256,
                         .types = {QuantType::Q4_K, QuantType::Q8_0, QuantType::F32},
@@ -52,7 +59,24 @@ TEST(Context, PassesAllocateNothing) {
       pos += count;
     }
   }
-  omp_set_num_threads(threads);
+}
+
+TEST_F(ContextAllocations, PassesOverSeveralConversationsAllocateNothing) {
+  const ModelFile file({.layerKinds = "LFFFFFFF"});
+  Handle one(file.path);
+  Handle two(file.path);
+  const std::vector<float> embeddings(kTokens * one.model.nEmbd, 0.5f);
+  std::vector<float> logits(kTokens * one.model.nVocab);
+  qwen35::Context context(one.model, {.maxTokens = kTokens});
+  const qwen35::Sequence sequences[] = {{.model = &one.model},
+                                        {.model = &two.model, .first = 1, .count = kTokens - 1}};
+  const size_t before = nAllocations;
+  for (size_t round = 0; round < 2; ++round) {
+    forwardShared(
+        context,
+        {.sequences = sequences, .embeddings = embeddings.data(), .logits = logits.data()});
+  }
+  EXPECT_EQ(before, nAllocations);
 }
 
 }  // namespace

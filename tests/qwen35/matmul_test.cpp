@@ -136,7 +136,7 @@ void multiply(Context& context, Arithmetic arithmetic, const float* x, size_t co
               std::span<const Matmul> products) {
   const qwen35::Model model;
   context.team().run([&](qwen35::Team::Member& member) {
-    const qwen35::Work w{context, member, model, count, 0, arithmetic};
+    const qwen35::Work w{context, member, model, count, arithmetic};
     const MatmulInput in = w.input(x, cols, products);
     w.prepare(in);
     w.multiply(in, products);
@@ -534,7 +534,7 @@ TEST(FeedForward, OfSeveralTokensGivesTheBitsOfEachAlone) {
     Context context(sizes.model, {.maxTokens = kTokens});
     std::vector<float> together(kTokens * nEmbd, kUntouched);
     context.team().run([&](qwen35::Team::Member& member) {
-      qwen35::feedForward({context, member, sizes.model, kTokens, 0, Arithmetic::SingleToken},
+      qwen35::feedForward({context, member, sizes.model, kTokens, Arithmetic::SingleToken},
                           block.layer, x.data(), together.data());
     });
     EXPECT_EQ(bits(alone), bits(together)) << kel::quantTypeName(type);

@@ -277,6 +277,9 @@ kel::Status writeRandomModel(const std::string& path, const RandomModelSpec& spe
   if (!spec.architecture.empty()) {
     writer.addMetaStr("general.architecture", spec.architecture);
   }
+  if (!spec.chatTemplate.empty()) {
+    writer.addMetaStr("tokenizer.chat_template", spec.chatTemplate);
+  }
   for (const auto& [key, text] : spec.texts) {
     writer.addMetaStr(key, text);
   }

@@ -41,7 +41,8 @@ struct RandomModelSpec {
   // One letter per layer, repeated over the blocks: L linear attention, F full attention.
   std::string layerKinds = "LLLF";
   size_t blocks = 32;
-  std::string architecture = "qwen35";                       // empty: the metadata has none
+  std::string architecture = "qwen35";  // empty: the metadata has none
+  std::string chatTemplate{};           // of the metadata; empty: they have none
   std::vector<std::pair<std::string, std::string>> texts{};  // further metadata
   kel::TokenizerData tokenizer{};  // when it has no tokens: tokens "<0>", "<1>", ...
   uint64_t seed = 1;

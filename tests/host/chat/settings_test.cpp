@@ -1,6 +1,14 @@
 // Sampling settings and chat commands as people write them.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <set>
+#include <sstream>
+#include <string>
+#include <string_view>
+
 #include "host/chat/chat_command.h"
 #include "host/chat/sampling_settings.h"
 
@@ -21,6 +29,9 @@ TEST(SamplingSettingsTest, ValuesAreStored) {
   EXPECT_TRUE(setSampling("presence-penalty", "2", sampling).ok());
   EXPECT_TRUE(setSampling("frequency-penalty", "-2", sampling).ok());
   EXPECT_TRUE(setSampling("repetition-penalty", "1.1", sampling).ok());
+  EXPECT_TRUE(setSampling("repetition-window", "0", sampling).ok());
+  EXPECT_TRUE(setSampling("logit-bias", "7=-100", sampling).ok());
+  EXPECT_TRUE(setSampling("logit-bias", "0=-inf", sampling).ok());
   EXPECT_TRUE(setSampling("seed", "4294967295", sampling).ok());
   EXPECT_EQ(sampling.temperature, 0.5F);
   EXPECT_EQ(sampling.topK, 40);
@@ -29,6 +40,9 @@ TEST(SamplingSettingsTest, ValuesAreStored) {
   EXPECT_EQ(sampling.presencePenalty, 2.0F);
   EXPECT_EQ(sampling.frequencyPenalty, -2.0F);
   EXPECT_EQ(sampling.repetitionPenalty, 1.1F);
+  EXPECT_EQ(sampling.repetitionWindow, 0);
+  EXPECT_EQ(sampling.logitBias,
+            (std::map<int32_t, float>{{0, -std::numeric_limits<float>::infinity()}, {7, -100.0F}}));
   EXPECT_EQ(sampling.seed, 4294967295U);
 }
 
@@ -50,15 +64,24 @@ TEST(SamplingSettingsTest, ValuesOutOfRangeAreRefused) {
             "repetition-penalty must be a number above 0, not \"0\"");
   EXPECT_EQ(fault("repetition-penalty", "inf"),
             "repetition-penalty must be a number above 0, not \"inf\"");
-  EXPECT_EQ(fault("seed", "0"), "seed must be a whole number from 1 to 4294967295, not \"0\"");
+  EXPECT_EQ(fault("repetition-window", "-1"),
+            "repetition-window must be a whole number from 0 (all tokens), not \"-1\"");
+  for (const char* bias : {"7", "=1", "7=", "-1=1", "7=100.5", "7=inf", "7=nan", "7=1x", "x=1"}) {
+    EXPECT_EQ(fault("logit-bias", bias),
+              "logit-bias must be ID=VALUE, a token's id and a number from -100 to 100 or -inf, "
+              "which bans it, not \"" +
+                  std::string(bias) + "\"");
+  }
+  EXPECT_EQ(fault("seed", "0"),
+            "seed must be a whole number from 1 to 4294967295, or random, not \"0\"");
   EXPECT_EQ(fault("seed", "4294967296"),
-            "seed must be a whole number from 1 to 4294967295, not \"4294967296\"");
+            "seed must be a whole number from 1 to 4294967295, or random, not \"4294967296\"");
 }
 
 TEST(SamplingSettingsTest, UnknownNameListsTheKnownOnes) {
   EXPECT_EQ(fault("heat", "1"),
             "no setting \"heat\"; there are temperature, top-k, top-p, min-p, presence-penalty, "
-            "frequency-penalty, repetition-penalty and seed");
+            "frequency-penalty, repetition-penalty, repetition-window, logit-bias and seed");
 }
 
 TEST(SamplingSettingsTest, NewerSettingsComeFirst) {
@@ -75,8 +98,27 @@ TEST(SamplingSettingsTest, NewerSettingsComeFirst) {
   EXPECT_EQ(all.repetitionPenalty, 3.0F);
 }
 
+TEST(SamplingSettingsTest, NewerBiasesJoinTheOthers) {
+  Sampling all;
+  mergeSampling({.repetitionWindow = 5, .logitBias = {{1, 2.0F}, {3, 4.0F}}}, all);
+  mergeSampling({.logitBias = {{3, 0.0F}}}, all);
+  EXPECT_EQ(all.logitBias, (std::map<int32_t, float>{{1, 2.0F}, {3, 0.0F}}));
+  EXPECT_EQ(all.repetitionWindow, 5);
+}
+
+TEST(SamplingSettingsTest, RandomSeedsDiffer) {
+  std::set<uint32_t> seeds;
+  for (int i = 0; i < 8; ++i) {
+    Sampling sampling;
+    EXPECT_TRUE(setSampling("seed", "random", sampling).ok());
+    EXPECT_NE(sampling.seed.value_or(0), 0U);
+    seeds.insert(*sampling.seed);
+  }
+  EXPECT_GT(seeds.size(), 1U);
+}
+
 TEST(SamplingSettingsTest, EverySettingIsShown) {
-  EXPECT_EQ(samplingText({0.7F, 40, 0.5F, 7, 0.1F, 1.5F, -0.5F, 1.1F}),
+  EXPECT_EQ(samplingText({0.7F, 40, 0.5F, 7, 0.1F, 1.5F, -0.5F, 1.1F, 64, {{3, -1.5F}, {9, 2}}}),
             "temperature         0.7\n"
             "top-k               40\n"
             "top-p               0.5\n"
@@ -84,6 +126,9 @@ TEST(SamplingSettingsTest, EverySettingIsShown) {
             "presence-penalty    1.5\n"
             "frequency-penalty   -0.5\n"
             "repetition-penalty  1.1\n"
+            "repetition-window   64\n"
+            "logit-bias          3=-1.5\n"
+            "logit-bias          9=2\n"
             "seed                7");
   EXPECT_EQ(samplingText({}),
             "temperature         0 (greedy)\n"
@@ -93,6 +138,7 @@ TEST(SamplingSettingsTest, EverySettingIsShown) {
             "presence-penalty    off\n"
             "frequency-penalty   off\n"
             "repetition-penalty  off\n"
+            "repetition-window   all tokens\n"
             "seed                not set");
 }
 
@@ -102,6 +148,8 @@ TEST(SamplingSettingsTest, LibrariesKnowFourSettings) {
   EXPECT_EQ(settingBeyondLibraries({.presencePenalty = 1.0F}), "presence-penalty");
   EXPECT_EQ(settingBeyondLibraries({.frequencyPenalty = 1.0F}), "frequency-penalty");
   EXPECT_EQ(settingBeyondLibraries({.repetitionPenalty = 1.0F}), "repetition-penalty");
+  EXPECT_EQ(settingBeyondLibraries({.repetitionWindow = 1}), "repetition-window");
+  EXPECT_EQ(settingBeyondLibraries({.logitBias = {{1, 1.0F}}}), "logit-bias");
 }
 
 TEST(SamplingSettingsTest, TopPBelowOneLeavesOneTokenOfASample) {
@@ -131,6 +179,41 @@ TEST(ChatCommandTest, CommandsAreFound) {
   EXPECT_EQ(parseChatCommand("/quit").kind, ChatCommandKind::Quit);
 }
 
+TEST(ChatCommandTest, WhatFollowsACommandIsItsOwn) {
+  const auto expect = [](const char* line, ChatCommandKind kind, const std::string& text) {
+    const ChatCommand command = parseChatCommand(line);
+    EXPECT_EQ(command.kind, kind) << line;
+    EXPECT_EQ(command.text, text) << line;
+  };
+  expect("/retry", ChatCommandKind::Retry, "");
+  expect("/edit", ChatCommandKind::Edit, "");
+  expect("/edit  Who are  you? ", ChatCommandKind::Edit, "Who are  you?");
+  expect("/system\tBe brief.\r", ChatCommandKind::System, "Be brief.");
+  expect("/system ", ChatCommandKind::System, "");
+  expect("/think", ChatCommandKind::Think, "");
+  expect("/think on", ChatCommandKind::Think, "on");
+  expect("/think off ", ChatCommandKind::Think, "off");
+  expect("/save my talk.zyms", ChatCommandKind::Save, "my talk.zyms");
+  expect("/load my talk.zyms", ChatCommandKind::Load, "my talk.zyms");
+  expect("/context", ChatCommandKind::Context, "");
+}
+
+TEST(ChatCommandTest, HelpFitsTheTerminalAndTellsOfEveryCommand) {
+  for (const size_t columns : {size_t{0}, size_t{40}, size_t{59}, size_t{60}, size_t{132}}) {
+    const std::string help = chatHelp(columns);
+    std::istringstream lines(help);
+    for (std::string line; std::getline(lines, line);) {
+      EXPECT_LE(line.size(), columns == 0 ? 80 : columns) << line;
+    }
+    for (int kind = 0; kind <= static_cast<int>(ChatCommandKind::Unknown); ++kind) {
+      const std::string_view name = chatCommandName(static_cast<ChatCommandKind>(kind));
+      EXPECT_TRUE(name.empty() || help.find("/" + std::string(name)) != std::string::npos) << name;
+    }
+  }
+  EXPECT_NE(chatHelp(40).find("/save FILE\n  the conversation to a file\n"), std::string::npos);
+  EXPECT_NE(chatHelp(80).find("/save FILE       the conversation to a file\n"), std::string::npos);
+}
+
 TEST(ChatCommandTest, DoubledSlashBeginsAMessage) {
   const ChatCommand command = parseChatCommand("//etc is a folder");
   EXPECT_EQ(command.kind, ChatCommandKind::Message);
@@ -158,7 +241,13 @@ TEST(ChatCommandTest, SetCarriesOneSetting) {
 }
 
 TEST(ChatCommandTest, WrongCommandsSayWhatIsWrong) {
-  EXPECT_EQ(parseChatCommand("/rest").text, "no command /rest; /help lists them");
+  EXPECT_EQ(parseChatCommand("/rest").text,
+            "no command /rest (did you mean /reset?); /help lists them");
+  EXPECT_EQ(parseChatCommand("/xyzzy").text, "no command /xyzzy; /help lists them");
+  EXPECT_EQ(parseChatCommand("/").text, "no command /; /help lists them");
+  EXPECT_EQ(parseChatCommand("/save").text, "/save takes the name of a file");
+  EXPECT_EQ(parseChatCommand("/load ").text, "/load takes the name of a file");
+  EXPECT_EQ(parseChatCommand("/think hard").text, "/think takes on or off, not \"hard\"");
   EXPECT_EQ(parseChatCommand("/set top-k").text,
             "/set takes a name and a value, as in /set temperature 0.7");
   EXPECT_EQ(parseChatCommand("/set top-k 1 2").kind, ChatCommandKind::Unknown);

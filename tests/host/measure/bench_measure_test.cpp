@@ -36,6 +36,7 @@ class CountingBackend : public Backend {
     ++resets;
   }
   kel::Status configure(const Sampling&) override { return kel::Status::success(); }
+  Sampling sampling() const override { return {}; }
   BackendStats stats() override { return {positions, 0, 0}; }
   BackendLimits limits() const override { return {96, capacity}; }
 

@@ -22,6 +22,17 @@ TEST(ProgressTest, PositionsAreCounted) {
             "[#####               ]  25 %  320 of 1280 positions  16.0/s  1 min 00 s left");
 }
 
+TEST(ProgressTest, ANarrowTerminalIsToldLess) {
+  const auto text = [](size_t columns) {
+    return progressText(320, 1280, 20.0, ProgressUnit::Positions, columns);
+  };
+  EXPECT_EQ(text(76), progressText(320, 1280, 20.0, ProgressUnit::Positions));
+  EXPECT_EQ(text(75), " 25 %  320 of 1280 positions  1 min 00 s left");
+  EXPECT_EQ(text(45), " 25 %  320 of 1280 positions  1 min 00 s left");
+  EXPECT_EQ(text(44), " 25 %  1 min 00 s left");
+  EXPECT_EQ(text(21), " 25 %");
+}
+
 TEST(ProgressTest, NothingToDoIsDone) {
   EXPECT_EQ(progressText(0, 0, 1.0), "[####################] 100 %  0 B of 0 B");
 }

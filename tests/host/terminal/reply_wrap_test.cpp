@@ -97,5 +97,10 @@ TEST(ReplyWrapTest, EveryReplyBeginsAfresh) {
   EXPECT_EQ(wrap.feed("one two three ", 8), "one two\nthree");
 }
 
+TEST(ReplyWrapTest, WholeTextsAreNotHeldBack) {
+  EXPECT_EQ(wrappedText("one two\nthree four  ", 8), "one two\nthree\nfour  ");
+  EXPECT_EQ(wrappedText("one two", 0), "one two");
+}
+
 }  // namespace
 }  // namespace zym

@@ -1,4 +1,4 @@
-#include "host/cli/nearest_word.h"
+#include "host/terminal/nearest_word.h"
 
 #include <algorithm>
 #include <numeric>

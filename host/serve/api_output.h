@@ -1,0 +1,87 @@
+// What the interfaces answer with: JSON, errors in the form of each, events sent as they come.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+#include "container/status.h"
+#include "host/serve/generation.h"
+#include "host/serve/http_exchange.h"
+#include "host/serve/json_fields.h"
+#include "host/serve/served_model.h"
+
+namespace zym {
+
+using Json = nlohmann::ordered_json;
+
+// On one line; valid UTF-8 whatever the strings hold.
+std::string jsonText(const Json& json);
+
+// How an interface words its errors: those of the completions, chat and responses, or that of
+// messages.
+enum class ErrorForm : uint8_t { Completions, Messages };
+
+Json errorBody(ErrorForm form, const ApiError& error);
+void answerJson(HttpExchange& exchange, const Json& body);
+void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error,
+                 HttpHeaders moreHeaders = {});
+
+// Of a request that the scheduler gave back.
+ApiError errorOf(const kel::Status& status);
+
+// One server-sent event; without a name where it is empty.
+std::string serverEvent(std::string_view name, const Json& data);
+
+// What is common to the answers: buffered ones are written when all is done, streamed ones from the
+// moment at which the prompt has been read, so that what is wrong with a prompt still has a status
+// of its own.
+class ApiSink : public GenerationSink {
+ public:
+  ApiSink(SharedModel servedModel, std::shared_ptr<HttpExchange> answered, ErrorForm errorForm,
+          bool isStreamed)
+      : served(std::move(servedModel)),
+        exchange(std::move(answered)),
+        form(errorForm),
+        streamed(isStreamed) {}
+
+  void started(uint64_t nPrompt, uint64_t nCached) final;
+  void event(size_t choice, const engine::ReplyEvent& event) override = 0;
+  void token(size_t choice, const engine::LogProbabilities& chosen) override;
+  void finished(size_t choice, const engine::Reply& reply) final;
+  void done() final;
+  void failed(const kel::Status& status) final;
+  const volatile int* cancel() const final { return exchange->gone(); }
+
+ protected:
+  virtual void opened() {}  // streamed: the first events
+  virtual void ended(size_t choice, const engine::Reply& reply) = 0;
+  virtual void closed() = 0;                       // streamed: the last events; else the answer
+  virtual void broken(const ApiError& error) = 0;  // streamed: the event that says so
+
+  void send(std::string_view event, const Json& data);
+  bool isStreamed() const { return streamed; }
+
+  SharedModel served;
+  std::shared_ptr<HttpExchange> exchange;
+  uint64_t promptTokens = 0;
+  uint64_t cachedTokens = 0;
+  uint64_t replyTokens = 0;      // of all choices
+  uint64_t reasoningTokens = 0;  // of those
+
+ private:
+  void fail(const ApiError& error);
+
+  ErrorForm form;
+  bool streamed;
+  bool begun = false;
+  bool isCut = false;  // a reply was ended for no reason of its own
+};
+
+// Hands the request over, or answers that there is no room for it.
+void submit(const SharedModel& served, GenerationRequest request, std::shared_ptr<ApiSink> sink,
+            HttpExchange& exchange, ErrorForm form);
+
+}  // namespace zym

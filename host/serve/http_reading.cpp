@@ -1,0 +1,258 @@
+#include "host/serve/http_reading.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <limits>
+#include <utility>
+
+namespace zym {
+namespace {
+
+std::string lowerCase(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) {
+    c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  return lower;
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') {
+    return c - '0';
+  }
+  const int letter = (c | 0x20) - 'a';
+  return letter >= 0 && letter < 6 ? 10 + letter : -1;
+}
+
+// False where a % is not followed by two digits, or stands for a zero byte.
+bool decodePath(std::string_view raw, std::string& path) {
+  for (size_t i = 0; i < raw.size(); ++i) {
+    if (raw[i] != '%') {
+      path += raw[i];
+      continue;
+    }
+    const int high = i + 2 < raw.size() ? hexDigit(raw[i + 1]) : -1;
+    const int low = high >= 0 ? hexDigit(raw[i + 2]) : -1;
+    if (low < 0 || (high == 0 && low == 0)) {
+      return false;
+    }
+    path += static_cast<char>(high * 16 + low);
+    i += 2;
+  }
+  return true;
+}
+
+// UINT64_MAX where text is no number, as with one that is too large.
+uint64_t lengthOf(std::string_view text) {
+  uint64_t length = 0;
+  const auto [end, fault] = std::from_chars(text.data(), text.data() + text.size(), length);
+  const bool isNumber = fault == std::errc() && end == text.data() + text.size();
+  return isNumber ? length : std::numeric_limits<uint64_t>::max();
+}
+
+// Of the names of headers, as a browser lists them; anything else is not repeated to it.
+bool isNameList(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_' || c == ',' || c == ' ';
+  });
+}
+
+HttpRefusal tooLarge(size_t limit) {
+  return {413,
+          "request_too_large",
+          "the body of a request has at most " + std::to_string(limit) + " bytes",
+          {}};
+}
+
+}  // namespace
+
+bool HttpBodyRoom::take(size_t bytes) {
+  if (used.fetch_add(bytes) + bytes <= mostBytes) {
+    return true;
+  }
+  used -= bytes;
+  return false;
+}
+
+bool HttpBodyShare::take(size_t more) {
+  if (!room->take(more)) {
+    return false;
+  }
+  bytes += more;
+  return true;
+}
+
+void HttpBodyShare::giveBack() {
+  room->giveBack(std::exchange(bytes, 0));
+}
+
+HttpReading::HttpReading(const HttpService& served, HttpHead head,
+                         std::shared_ptr<HttpBodyRoom> room)
+    : service(served), share(std::make_shared<HttpBodyShare>(std::move(room))) {
+  asked.method = head.method;
+  asked.address = head.address;
+  collect(head);
+  refused = faultOf(head);
+}
+
+void HttpReading::refuse(HttpRefusal reason) {
+  refused = std::move(reason);
+  asked.body = {};
+  share->giveBack();
+}
+
+void HttpReading::collect(const HttpHead& head) {
+  for (const auto& [name, value] : head.headers) {
+    const std::string key = lowerCase(name);
+    const auto [place, isNew] = asked.headers.emplace(key, value);
+    if (!isNew) {
+      place->second += ", " + value;
+      repeatedLengths += key == "content-length" ? 1 : 0;
+      repeatedHosts += key == "host" ? 1 : 0;
+    }
+  }
+}
+
+std::string_view HttpReading::header(const std::string& name) const {
+  const auto found = asked.headers.find(name);
+  return found == asked.headers.end() ? std::string_view{} : found->second;
+}
+
+HttpRefusal HttpReading::faultOf(const HttpHead& head) {
+  size_t bytes = head.method.size() + head.rawPath.size();
+  for (const auto& [name, value] : head.headers) {
+    bytes += name.size() + value.size() + 4;
+  }
+  if (!decodePath(head.rawPath, asked.path)) {
+    asked.path = head.rawPath;
+    return {400, "invalid_path", "the path has a % that stands for no character", {}};
+  }
+  if (bytes > service.limits.headerBytes) {
+    return {431,
+            "headers_too_large",
+            "the head of a request has at most " + std::to_string(service.limits.headerBytes) +
+                " bytes",
+            {}};
+  }
+  match = service.routes.find(asked.method, asked.path);
+  // With refusals, too: without them a browser keeps from its page what went wrong.
+  const std::string_view origin = header("origin");
+  if (!origin.empty() && service.policy.sharesWith(origin)) {
+    shared = {{"Access-Control-Allow-Origin", std::string(origin)},
+              {"Access-Control-Expose-Headers", "retry-after, x-request-id"},
+              {"Vary", "Origin"}};
+  }
+  if (HttpRefusal fault = faultOfCaller(head); fault.isRefused()) {
+    return fault;
+  }
+  if (HttpRefusal fault = faultOfTarget(); fault.isRefused()) {
+    return fault;
+  }
+  return faultOfLength();
+}
+
+HttpRefusal HttpReading::faultOfCaller(const HttpHead& head) const {
+  const bool hasHost = asked.headers.contains("host");
+  if (repeatedHosts > 0 || (!hasHost && head.version != "HTTP/1.0")) {
+    return {400, "invalid_host", "a request has one Host header", {}};
+  }
+  if (hasHost && !service.policy.knowsHost(header("host"), head.reached)) {
+    return {403,
+            "invalid_host",
+            "this server is not called " + std::string(header("host")) +
+                "; --host-name gives it a name",
+            {}};
+  }
+  const std::string_view origin = header("origin");
+  const bool onlyReads =
+      asked.method == "GET" || asked.method == "HEAD" || asked.method == "OPTIONS";
+  if (!origin.empty() && !onlyReads && !service.policy.admitsOrigin(origin, header("host"))) {
+    return {403,
+            "invalid_origin",
+            "pages of " + std::string(origin) + " may not ask this server; --cors lets them",
+            {}};
+  }
+  const bool isOpen = match.handler != nullptr && match.access == RouteAccess::Open;
+  // Browsers ask for leave without the headers that they ask leave for.
+  if (!isOpen && asked.method != "OPTIONS" && !service.policy.admitsKeyOf(asked)) {
+    return {401,
+            "invalid_api_key",
+            "no such API key; send one as \"Authorization: Bearer KEY\" or \"x-api-key: KEY\"",
+            {{"WWW-Authenticate", "Bearer"}}};
+  }
+  return {};
+}
+
+HttpRefusal HttpReading::faultOfTarget() const {
+  if (asked.method == "OPTIONS" && match.handler == nullptr) {
+    HttpHeaders headers;
+    if (!match.allowed.empty()) {
+      headers.emplace_back("Allow", match.allowed);
+    }
+    if (asked.headers.contains("access-control-request-method") && !shared.empty()) {
+      const std::string_view wanted = header("access-control-request-headers");
+      headers.emplace_back("Access-Control-Allow-Methods", "GET, HEAD, POST, OPTIONS");
+      headers.emplace_back("Access-Control-Allow-Headers", !wanted.empty() && isNameList(wanted)
+                                                               ? wanted
+                                                               : "authorization, content-type");
+      headers.emplace_back("Access-Control-Max-Age", "600");
+    }
+    return {204, "", "", std::move(headers)};
+  }
+  if (match.handler == nullptr && match.allowed.empty()) {
+    return {404, "not_found", "there is nothing at " + asked.path, {}};
+  }
+  if (match.handler == nullptr) {
+    return {405,
+            "method_not_allowed",
+            asked.path + " takes " + match.allowed,
+            {{"Allow", match.allowed}}};
+  }
+  return {};
+}
+
+HttpRefusal HttpReading::faultOfLength() const {
+  const bool isChunked = asked.headers.contains("transfer-encoding");
+  const bool hasLength = asked.headers.contains("content-length");
+  // Servers in front of this one could take another of two lengths for the right one.
+  if (repeatedLengths > 0 || (isChunked && hasLength) ||
+      (isChunked && lowerCase(header("transfer-encoding")) != "chunked")) {
+    return {400, "invalid_length", "the length of the body is told in more than one way", {}};
+  }
+  if (hasLength && lengthOf(header("content-length")) > service.limits.bodyBytes) {
+    return tooLarge(service.limits.bodyBytes);
+  }
+  return {};
+}
+
+bool HttpReading::refusesAtOnce() const {
+  if (!refused.isRefused()) {
+    return false;
+  }
+  const bool isAskedFirst = asked.headers.contains("expect");
+  return isAskedFirst || refused.code == "invalid_length" ||
+         (asked.headers.contains("content-length") &&
+          lengthOf(header("content-length")) > mostDropped());
+}
+
+bool HttpReading::take(std::string_view piece) {
+  if (!refused.isRefused()) {
+    if (asked.body.size() + piece.size() > service.limits.bodyBytes) {
+      refuse(tooLarge(service.limits.bodyBytes));
+    } else if (!share->take(piece.size())) {
+      refuse({503,
+              "overloaded",
+              "the bodies of other requests take all the room; try again",
+              {{"Retry-After", "1"}}});
+    } else {
+      asked.body += piece;
+      return true;
+    }
+  }
+  dropped += piece.size();
+  return dropped <= mostDropped();
+}
+
+}  // namespace zym

@@ -1,0 +1,263 @@
+#include "host/serve/json_fields.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+#include "engine/utf8_text.h"
+
+namespace zym {
+
+namespace {
+
+using engine::JsonKind;
+
+constexpr int kBadRequest = 400;
+
+// Requests have a few dozen; looking for one takes time by their number.
+constexpr size_t kMostMembers = 512;
+
+// What a message shows of a key that the caller made up.
+constexpr size_t kShownBytes = 64;
+
+std::string shown(std::string_view key) {
+  std::string out;
+  engine::appendValid(key.substr(0, kShownBytes), out);
+  return out;
+}
+
+template <typename Number>
+std::optional<Number> wholeText(std::string_view json, Number& value) {
+  const auto result = std::from_chars(json.data(), json.data() + json.size(), value);
+  const bool isAll = result.ec == std::errc() && result.ptr == json.data() + json.size();
+  return isAll ? std::optional(value) : std::nullopt;
+}
+
+std::optional<int64_t> wholeOf(std::string_view json) {
+  int64_t whole = 0;
+  if (wholeText(json, whole)) {
+    return whole;
+  }
+  // "1e3" and "2.0" are whole numbers, too.
+  constexpr double kExact = 0x1p53;
+  double real = 0;
+  if (wholeText(json, real) && std::floor(real) == real && std::abs(real) <= kExact) {
+    return static_cast<int64_t>(real);
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+size_t jsonDepth(std::string_view json) {
+  size_t depth = 0;
+  size_t most = 0;
+  bool isString = false;
+  for (size_t i = 0; i < json.size(); ++i) {
+    const char c = json[i];
+    if (isString) {
+      i += static_cast<size_t>(c == '\\');
+      isString = c != '"';
+    } else if (c == '"') {
+      isString = true;
+    } else if (c == '[' || c == '{') {
+      most = std::max(most, ++depth);
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return most;
+}
+
+bool isJsonObject(std::string_view text, size_t mostDepth, ApiError& error) {
+  if (!engine::isValid(text)) {
+    error = {kBadRequest, "the body is not valid UTF-8", {}};
+  } else if (jsonDepth(text) > mostDepth) {
+    error = {kBadRequest, fmt::format("the body is nested deeper than {} levels", mostDepth), {}};
+  } else {
+    const std::optional<JsonKind> kind = engine::jsonKind(text);
+    if (!kind) {
+      error = {kBadRequest, "the body is not valid JSON", {}};
+    } else if (*kind != JsonKind::Object) {
+      error = {kBadRequest, "the body must be a JSON object", {}};
+    }
+  }
+  return !error;
+}
+
+JsonKind kindOf(std::string_view json) {
+  switch (json.empty() ? 'n' : json.front()) {
+    case '"':
+      return JsonKind::String;
+    case '[':
+      return JsonKind::Array;
+    case '{':
+      return JsonKind::Object;
+    case 't':
+    case 'f':
+      return JsonKind::Boolean;
+    case 'n':
+      return JsonKind::Null;
+    default:
+      return JsonKind::Number;
+  }
+}
+
+void failAt(ApiError& error, std::string path, std::string_view what) {
+  if (!error) {
+    error = {kBadRequest, fmt::format("{} {}", path, what), std::move(path)};
+  }
+}
+
+Fields::Fields(std::string_view object, std::string objectPath, ApiError& firstError)
+    : path(std::move(objectPath)), error(firstError) {
+  if (error) {
+    return;
+  }
+  if (kindOf(object) != JsonKind::Object) {
+    failAt(error, path, "must be an object");
+    return;
+  }
+  members = engine::jsonMembers(object);
+  asked.resize(members.size());
+  if (members.size() > kMostMembers) {
+    failAt(error, path.empty() ? "the body" : path,
+           fmt::format("has more than {} fields", kMostMembers));
+  }
+}
+
+std::string Fields::pathOf(std::string_view key) const {
+  return path.empty() ? shown(key) : fmt::format("{}.{}", path, shown(key));
+}
+
+void Fields::fail(std::string_view key, std::string_view what) {
+  failAt(error, pathOf(key), what);
+}
+
+const engine::JsonMember* Fields::find(std::string_view key) {
+  if (error) {
+    return nullptr;
+  }
+  for (size_t i = 0; i < members.size(); ++i) {
+    if (members[i].key == key) {
+      asked[i] = true;
+      return kindOf(members[i].value) == JsonKind::Null ? nullptr : &members[i];
+    }
+  }
+  return nullptr;
+}
+
+bool Fields::has(std::string_view key) {
+  return find(key) != nullptr;
+}
+
+std::optional<std::string_view> Fields::value(std::string_view key) {
+  const engine::JsonMember* member = find(key);
+  return member == nullptr ? std::nullopt : std::optional(member->value);
+}
+
+std::optional<std::string_view> Fields::kind(std::string_view key, JsonKind wanted,
+                                             std::string_view what) {
+  const std::optional<std::string_view> found = value(key);
+  if (found && kindOf(*found) != wanted) {
+    fail(key, what);
+    return std::nullopt;
+  }
+  return found;
+}
+
+std::optional<std::string> Fields::string(std::string_view key) {
+  const auto text = kind(key, JsonKind::String, "must be a string");
+  return text ? std::optional(engine::unquotedJson(*text)) : std::nullopt;
+}
+
+std::optional<bool> Fields::boolean(std::string_view key) {
+  const auto text = kind(key, JsonKind::Boolean, "must be true or false");
+  return text ? std::optional(*text == "true") : std::nullopt;
+}
+
+std::optional<double> Fields::number(std::string_view key, double lowest, double highest) {
+  const std::string what = fmt::format("must be a number from {} to {}", lowest, highest);
+  const auto text = kind(key, JsonKind::Number, what);
+  double value = 0;
+  if (!text) {
+    return std::nullopt;
+  }
+  if (!wholeText(*text, value) || !(value >= lowest && value <= highest)) {
+    fail(key, what);
+    return std::nullopt;
+  }
+  return value;
+}
+
+std::optional<int64_t> Fields::whole(std::string_view key, int64_t lowest, int64_t highest) {
+  const std::string what = fmt::format("must be a whole number from {} to {}", lowest, highest);
+  const auto text = kind(key, JsonKind::Number, what);
+  if (!text) {
+    return std::nullopt;
+  }
+  const std::optional<int64_t> value = wholeOf(*text);
+  if (!value || *value < lowest || *value > highest) {
+    fail(key, what);
+    return std::nullopt;
+  }
+  return value;
+}
+
+std::optional<size_t> Fields::word(std::string_view key, std::span<const std::string_view> words) {
+  const std::optional<std::string> text = string(key);
+  if (!text) {
+    return std::nullopt;
+  }
+  const auto found = std::find(words.begin(), words.end(), *text);
+  if (found == words.end()) {
+    fail(key, fmt::format("must be one of: {}", fmt::join(words, ", ")));
+    return std::nullopt;
+  }
+  return static_cast<size_t>(found - words.begin());
+}
+
+std::optional<std::string_view> Fields::object(std::string_view key) {
+  return kind(key, JsonKind::Object, "must be an object");
+}
+
+std::optional<std::vector<std::string_view>> Fields::array(std::string_view key, size_t most) {
+  const auto text = kind(key, JsonKind::Array, "must be an array");
+  if (!text) {
+    return std::nullopt;
+  }
+  std::vector<std::string_view> elements = engine::jsonElements(*text);
+  if (elements.size() > most) {
+    fail(key, fmt::format("has more than {} elements", most));
+    return std::nullopt;
+  }
+  return elements;
+}
+
+bool Fields::require(std::string_view key) {
+  if (!error && !has(key)) {
+    fail(key, "is required");
+  }
+  return !error;
+}
+
+void Fields::refuse(std::string_view key, std::string_view reason) {
+  if (has(key)) {
+    fail(key, reason);
+  }
+}
+
+void Fields::finish(std::span<const std::string_view> harmless) {
+  for (size_t i = 0; i < members.size() && !error; ++i) {
+    const std::string& key = members[i].key;
+    const bool isNull = kindOf(members[i].value) == JsonKind::Null;
+    if (!asked[i] && !isNull &&
+        std::find(harmless.begin(), harmless.end(), key) == harmless.end()) {
+      fail(key, "is not known here");
+    }
+  }
+}
+
+}  // namespace zym

@@ -1,0 +1,487 @@
+#include "host/serve/scheduler.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+#include "engine/chat_tokens.h"
+#include "engine/reply_run.h"
+#include "host/serve/reply_slot.h"
+
+namespace zym {
+
+namespace {
+
+using engine::Context;
+using engine::ReplyRun;
+using kel::Status;
+using kel::StatusCode;
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+template <typename Step>
+Status withMemory(const Step& step) {
+  try {
+    return step();
+  } catch (const std::bad_alloc&) {
+    return Status::ioError("not enough memory for the reply");
+  }
+}
+
+Status serverEnds() {
+  return Status::ioError("the server is shutting down");
+}
+
+engine::Reply cancelledReply() {
+  engine::Reply reply;
+  reply.end = engine::ReplyEnd::Cancelled;
+  return reply;
+}
+
+}  // namespace
+
+Status Scheduler::create(const std::shared_ptr<const engine::Model>& model,
+                         const SchedulerOptions& options, std::unique_ptr<Scheduler>& out) {
+  engine::ContextOptions each = options.context;
+  each.snapshotBytes /= options.parallel;
+  Status status = engine::Passes::create(
+      model, {.positions = each.positions, .threads = each.threads, .kernels = each.kernels},
+      each.passes);
+  if (!status.ok()) {
+    return status;
+  }
+  std::vector<std::unique_ptr<ReplySlot>> conversations;
+  for (size_t i = 0; i < options.parallel; ++i) {
+    std::unique_ptr<Context> context;
+    status = Context::create(model, each, context);
+    if (!status.ok()) {
+      return status;
+    }
+    conversations.push_back(std::make_unique<ReplySlot>(std::move(context)));
+  }
+  out.reset(new Scheduler(options, std::move(conversations)));
+  return status;
+}
+
+Scheduler::Scheduler(const SchedulerOptions& options,
+                     std::vector<std::unique_ptr<ReplySlot>> conversations)
+    : room(options.parallel + options.queueLength), slots(std::move(conversations)) {
+  publish();
+  thread = std::thread([this] { work(); });
+}
+
+Scheduler::~Scheduler() {
+  cutOff();
+  {
+    const std::lock_guard lock(mutex);
+    isEnding = true;
+  }
+  arrival.notify_one();
+  thread.join();
+}
+
+Submission Scheduler::submit(GenerationRequest request, std::shared_ptr<GenerationSink> sink) {
+  auto job = std::make_shared<GenerationJob>(
+      GenerationJob{std::move(request), std::move(sink), Clock::now()});
+  job->unfinished = job->request.choices;
+  {
+    const std::lock_guard lock(mutex);
+    if (isStopped) {
+      ++counts.shuttingDown;
+      return Submission::ShuttingDown;
+    }
+    if (running + queue.size() >= room) {
+      ++counts.queueFull;
+      return Submission::QueueFull;
+    }
+    ++counts.accepted;
+    queue.push_back(std::move(job));
+    isIdle = false;
+  }
+  arrival.notify_one();
+  return Submission::Accepted;
+}
+
+void Scheduler::stopTaking() {
+  {
+    const std::lock_guard lock(mutex);
+    isStopped = true;
+  }
+  arrival.notify_one();
+}
+
+void Scheduler::cutOff() {
+  {
+    const std::lock_guard lock(mutex);
+    isStopped = true;
+    isCutOff = true;
+  }
+  arrival.notify_one();
+}
+
+bool Scheduler::waitUntilIdle(std::chrono::milliseconds longest) {
+  std::unique_lock lock(mutex);
+  return idle.wait_for(lock, longest, [this] { return isIdle; });
+}
+
+SchedulerStatistics Scheduler::statistics() const {
+  const std::lock_guard lock(mutex);
+  SchedulerStatistics result = counts;
+  result.waiting = queue.size();
+  result.running = running;
+  return result;
+}
+
+void Scheduler::work() {
+  while (waitForWork()) {
+    dropUnwanted();
+    takeUp();
+    readSlice();
+    writeTokens();
+    publish();
+  }
+}
+
+bool Scheduler::waitForWork() {
+  std::unique_lock lock(mutex);
+  if (running == 0) {
+    if (queue.empty()) {
+      isIdle = true;
+      idle.notify_all();
+    }
+    arrival.wait(lock, [this] { return isEnding || !queue.empty(); });
+  }
+  return running > 0 || !queue.empty();
+}
+
+// Callers that have gone away hold the places of others.
+void Scheduler::dropUnwanted() {
+  std::vector<Job> cancelled;
+  std::vector<Job> turnedAway;
+  bool cuts = false;
+  {
+    const std::lock_guard lock(mutex);
+    std::vector<Job>& unwanted = isStopped ? turnedAway : cancelled;
+    std::erase_if(queue, [&](const Job& job) {
+      const bool drops = isStopped || job->isCancelled();
+      if (drops) {
+        unwanted.push_back(job);
+      }
+      return drops;
+    });
+    running += unwanted.size();  // until they have been told
+    cuts = isCutOff;
+  }
+  for (const Job& job : cancelled) {
+    finishRest(job, 0);
+  }
+  for (const Job& job : turnedAway) {
+    fail(job, serverEnds(), &SchedulerStatistics::turnedAway);
+  }
+  for (const std::unique_ptr<ReplySlot>& slot : slots) {
+    if (slot->is(ReplyRun::State::Reading) && slot->job()->isCancelled()) {
+      slot->run().cancel();  // whose turn to read it is has no part in it
+      sweep(*slot, Status::success());
+    }
+  }
+  if (cuts) {
+    cutReplies();
+  }
+}
+
+void Scheduler::cutReplies() {
+  for (const std::unique_ptr<ReplySlot>& slot : slots) {
+    if (slot->isFree()) {
+      continue;
+    }
+    if (!slot->job()->isRead) {
+      fail(slot->job(), serverEnds(), &SchedulerStatistics::turnedAway);
+    } else {
+      slot->run().cancel();
+      sweep(*slot, Status::success());
+    }
+  }
+  for (const Choice& choice : std::exchange(choices, {})) {
+    finish(choice.job, choice.index, cancelledReply());
+  }
+}
+
+void Scheduler::takeUp() {
+  takeUpChoices();
+  while (freeSlot() != nullptr) {
+    Job job;
+    {
+      const std::lock_guard lock(mutex);
+      if (queue.empty()) {
+        return;
+      }
+      job = std::move(queue.front());
+      queue.pop_front();
+      ++running;
+      counts.queueSeconds += secondsSince(job->arrival);
+    }
+    if (encode(job)) {
+      begin(job, 0);
+    }
+  }
+}
+
+// They come before requests that wait: theirs came first.
+void Scheduler::takeUpChoices() {
+  while (!choices.empty() && freeSlot() != nullptr) {
+    const Choice next = std::move(choices.front());
+    choices.pop_front();
+    begin(next.job, next.index);
+  }
+}
+
+bool Scheduler::encode(const Job& job) {
+  const GenerationRequest& request = job->request;
+  const Status status = withMemory([&] {
+    if (!request.messages.empty()) {
+      return engine::encodeChat(slots.front()->context().model(),
+                                {.messages = request.messages,
+                                 .tools = request.tools,
+                                 .thinking = request.thinking,
+                                 .preserveThinking = request.preserveThinking},
+                                job->chat);
+    }
+    job->chat.tokens = engine::promptTokens(request.prompt);
+    // A place in front of the last token: what other choices come back to.
+    if (request.choices > 1 && request.prompt.size() > 1) {
+      job->chat.ends = {request.prompt.size() - 1};
+    }
+    return Status::success();
+  });
+  if (!status.ok()) {
+    fail(job, status, &SchedulerStatistics::failed);
+  }
+  return status.ok();
+}
+
+void Scheduler::begin(const Job& job, size_t choice) {
+  ReplySlot& slot = slotFor(job->chat.tokens);
+  sweep(slot, withMemory([&] {
+          slot.take(job, choice);
+          return slot.run().begin();
+        }));
+  // All of the prompt was there: no other has to wait for its turn to read.
+  if (slot.is(ReplyRun::State::Reading) && slot.run().unread() == 0) {
+    readPart(slot, 0);
+  }
+}
+
+// The one that was used longest ago; null where none is free.
+ReplySlot* Scheduler::freeSlot() {
+  ReplySlot* oldest = nullptr;
+  for (const std::unique_ptr<ReplySlot>& slot : slots) {
+    if (slot->isFree() && (oldest == nullptr || slot->lastUse() < oldest->lastUse())) {
+      oldest = slot.get();
+    }
+  }
+  return oldest;
+}
+
+// Where the tokens go on with most of what a conversation holds. One that would lose more by it
+// than it keeps is left as it is, for its own caller to come back to: another one begins with a
+// copy.
+ReplySlot& Scheduler::slotFor(std::span<const engine::Token> wanted) {
+  std::vector<Context*> others;
+  ReplySlot* best = freeSlot();
+  for (const std::unique_ptr<ReplySlot>& slot : slots) {
+    others.push_back(&slot->context());
+    if (slot->context().held(wanted) > best->context().held(wanted)) {
+      best = slot.get();
+    }
+  }
+  const uint64_t held = best->context().held(wanted);
+  if (best->isFree() && 2 * held >= best->worth()) {
+    return *best;
+  }
+  ReplySlot& oldest = *freeSlot();
+  std::erase(others, &oldest.context());
+  oldest.context().branchFrom(wanted, others);
+  return oldest;
+}
+
+void Scheduler::readSlice() {
+  ReplySlot* reader = nullptr;
+  for (size_t i = 1; i <= slots.size() && reader == nullptr; ++i) {
+    const size_t at = (lastReader + i) % slots.size();
+    if (slots[at]->is(ReplyRun::State::Reading)) {
+      reader = slots[at].get();
+      lastReader = at;
+    }
+  }
+  if (reader == nullptr) {
+    return;
+  }
+  const bool othersWrite = std::any_of(slots.begin(), slots.end(), [](const auto& slot) {
+    return slot->is(ReplyRun::State::Writing);
+  });
+  readPart(*reader, pace.tokens(othersWrite));
+}
+
+void Scheduler::readPart(ReplySlot& slot, size_t most) {
+  ReplyRun& run = slot.run();
+  const uint64_t unread = run.unread();
+  const Clock::time_point start = Clock::now();
+  const Status status = withMemory([&] {
+    Status part;
+    do {
+      part = run.read(most - (unread - run.unread()));
+    } while (part.ok() && run.state() == ReplyRun::State::Reading && unread - run.unread() < most);
+    return part;
+  });
+  const double seconds = secondsSince(start);
+  const uint64_t read = unread - run.unread();
+  pace.saw(read, seconds);
+  {
+    const std::lock_guard lock(mutex);
+    counts.prefillSeconds += seconds;
+    counts.readTokens += read;
+  }
+  if (status.ok() && run.state() == ReplyRun::State::Read) {
+    promptRead(slot);
+  } else {
+    sweep(slot, status);
+  }
+}
+
+void Scheduler::promptRead(ReplySlot& slot) {
+  const Job job = slot.job();
+  if (!job->isRead) {
+    job->isRead = true;
+    const engine::Reply& reply = slot.reply();
+    {
+      const std::lock_guard lock(mutex);
+      counts.promptTokens += reply.promptTokens;
+      counts.cachedTokens += reply.reusedTokens;
+      counts.cacheHits += reply.reusedTokens > 0 ? 1 : 0;
+    }
+    job->sink->started(reply.promptTokens, reply.reusedTokens);
+    for (size_t choice = 1; choice < job->request.choices; ++choice) {
+      choices.push_back({job, choice});
+    }
+    takeUpChoices();
+  }
+  if (slot.is(ReplyRun::State::Read)) {
+    sweep(slot, withMemory([&] { return slot.run().start(); }));
+  }
+}
+
+void Scheduler::writeTokens() {
+  std::vector<ReplySlot*> writers;
+  std::vector<Context*> contexts;
+  std::vector<int32_t> tokens;
+  for (const std::unique_ptr<ReplySlot>& slot : slots) {
+    if (slot->is(ReplyRun::State::Writing)) {
+      writers.push_back(slot.get());
+      contexts.push_back(&slot->context());
+      tokens.push_back(slot->run().token());
+    }
+  }
+  if (writers.empty()) {
+    return;
+  }
+  const Clock::time_point start = Clock::now();
+  if (writers.size() == 1) {
+    sweep(*writers[0], withMemory([&] { return writers[0]->run().write(); }));
+  } else {
+    std::vector<Status> outcomes(writers.size());
+    Context::feedTogether(contexts, tokens, outcomes);
+    for (size_t i = 0; i < writers.size(); ++i) {
+      // Another choice of the request may have failed it.
+      if (writers[i]->is(ReplyRun::State::Writing)) {
+        sweep(*writers[i], withMemory([&] { return writers[i]->run().tokenFed(outcomes[i]); }));
+      }
+    }
+  }
+  const std::lock_guard lock(mutex);
+  counts.decodeSeconds += secondsSince(start);
+  ++counts.passes;
+}
+
+// After a step of a reply: sees to what it has come to.
+void Scheduler::sweep(ReplySlot& slot, const Status& status) {
+  const Job job = slot.job();
+  if (!status.ok()) {
+    fail(job, status, &SchedulerStatistics::failed);
+    if (status.code != StatusCode::InvalidFormat) {
+      slot.context().reset();
+    }
+    return;
+  }
+  if (!slot.is(ReplyRun::State::Over)) {
+    return;
+  }
+  const size_t choice = slot.choice();
+  const engine::Reply reply = slot.reply();
+  slot.release(++uses);
+  finish(job, choice, reply);
+  if (!job->isRead) {
+    finishRest(job, 1);
+  }
+}
+
+void Scheduler::finish(const Job& job, size_t choice, const engine::Reply& reply) {
+  job->wasCancelled |= reply.end == engine::ReplyEnd::Cancelled;
+  --job->unfinished;
+  {
+    const std::lock_guard lock(mutex);
+    counts.replyTokens += reply.tokens;
+    if (job->unfinished == 0) {
+      ++(job->wasCancelled ? counts.cancelled : counts.completed);
+    }
+  }
+  job->sink->finished(choice, reply);
+  if (job->unfinished == 0) {
+    job->sink->done();
+    const std::lock_guard lock(mutex);
+    --running;
+  }
+}
+
+// Choices that will not begin.
+void Scheduler::finishRest(const Job& job, size_t firstChoice) {
+  for (size_t choice = firstChoice; choice < job->request.choices; ++choice) {
+    finish(job, choice, cancelledReply());
+  }
+}
+
+void Scheduler::fail(const Job& job, const Status& status, uint64_t SchedulerStatistics::*outcome) {
+  const Job failed = job;  // the slot's own is let go of
+  for (const std::unique_ptr<ReplySlot>& slot : slots) {
+    if (slot->job() == failed) {
+      slot->release(++uses);
+    }
+  }
+  std::erase_if(choices, [&](const Choice& choice) { return choice.job == failed; });
+  {
+    const std::lock_guard lock(mutex);
+    ++(counts.*outcome);
+  }
+  failed->sink->failed(status);
+  const std::lock_guard lock(mutex);
+  --running;
+}
+
+void Scheduler::publish() {
+  uint64_t used = 0;
+  uint64_t all = 0;
+  uint64_t snapshots = 0;
+  for (const std::unique_ptr<ReplySlot>& slot : slots) {
+    used += slot->context().position();
+    all += slot->context().capacity();
+    snapshots += slot->context().snapshotBytes();
+  }
+  const std::lock_guard lock(mutex);
+  counts.positionsUsed = used;
+  counts.positions = all;
+  counts.snapshotBytes = snapshots;
+}
+
+}  // namespace zym

@@ -1,0 +1,63 @@
+#include "host/serve/metrics.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace zym {
+namespace {
+
+TEST(Metrics, EverySampleBelongsToAFamilyThatIsToldOfOnce) {
+  std::istringstream lines(metricsText({}, {}));
+  const std::regex help("# HELP (zym_[a-z_]+) [A-Z][^\\\\]*");
+  const std::regex type("# TYPE (zym_[a-z_]+) (counter|gauge)");
+  const std::regex sample("(zym_[a-z_]+)(\\{[a-z]+=\"[a-z_]+\"\\})? [0-9.e+-]+");
+  std::set<std::string> told;
+  std::set<std::string> series;
+  std::string current;
+  std::string line;
+  while (std::getline(lines, line)) {
+    std::smatch match;
+    if (std::regex_match(line, match, help)) {
+      current = match[1];
+      EXPECT_TRUE(told.insert(current).second) << line;
+    } else if (std::regex_match(line, match, type)) {
+      EXPECT_EQ(match[1], current);
+      EXPECT_EQ(match[2] == "counter", current.ends_with("_total")) << line;
+    } else {
+      ASSERT_TRUE(std::regex_match(line, match, sample)) << line;
+      EXPECT_EQ(match[1], current);
+      EXPECT_TRUE(series.insert(match[1].str() + match[2].str()).second) << line;
+    }
+  }
+  EXPECT_GE(told.size(), 15u);
+}
+
+TEST(Metrics, NumbersAreThoseOfTheScheduler) {
+  SchedulerStatistics statistics;
+  statistics.completed = 3;
+  statistics.cancelled = 4;
+  statistics.queueFull = 5;
+  statistics.promptTokens = 100;
+  statistics.cachedTokens = 60;
+  statistics.decodeSeconds = 1.25;
+  statistics.waiting = 7;
+  statistics.positionsUsed = 12345678901;
+  const std::string text = metricsText(statistics, {.connections = 8, .residentBytes = 9});
+  for (const char* line :
+       {"zym_requests_total{outcome=\"completed\"} 3\n",
+        "zym_requests_total{outcome=\"cancelled\"} 4\n",
+        "zym_requests_total{outcome=\"queue_full\"} 5\n", "zym_prompt_tokens_total 100\n",
+        "zym_cached_prompt_tokens_total 60\n", "zym_decode_seconds_total 1.25\n",
+        "zym_queue_requests 7\n", "zym_context_positions_used 12345678901\n", "zym_connections 8\n",
+        "zym_resident_memory_bytes 9\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
+}
+
+}  // namespace
+}  // namespace zym

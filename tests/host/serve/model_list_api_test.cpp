@@ -1,0 +1,99 @@
+// Models, tokens, and requests that no interface takes.
+#include "host/serve/model_list_api.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "host/serve/api_output.h"
+#include "tests/host/serve/fake_service.h"
+
+namespace zym {
+namespace {
+
+using namespace testing_support;
+
+const std::string kSmall =
+    R"({"id":"small","object":"model","created":1700000000,"owned_by":"zym","type":"model",)"
+    R"("display_name":"small","created_at":"2023-11-14T22:13:20Z","context_length":64})";
+
+class ModelListApi : public testing::Test {
+ protected:
+  std::string paramOf(const std::string& path, const std::string& body) {
+    const auto exchange = service.ask("POST", path, body);
+    EXPECT_EQ(400, exchange->status) << body;
+    return Json::parse(exchange->written)["error"]["param"].dump();
+  }
+
+  FakeService service;
+};
+
+TEST_F(ModelListApi, ListsEveryName) {
+  const auto exchange = service.ask("GET", "/v1/models", "");
+  EXPECT_EQ(200, exchange->status);
+  const Json body = Json::parse(exchange->written);
+  EXPECT_EQ("list", body["object"]);
+  ASSERT_EQ(2U, body["data"].size());
+  EXPECT_EQ(kSmall, body["data"][0].dump());
+  EXPECT_EQ("other-name", body["data"][1]["id"]);
+  EXPECT_EQ(R"([{"name":"small","model":"small"},{"name":"other-name","model":"other-name"}])",
+            body["models"].dump());
+  EXPECT_EQ(false, body["has_more"]);
+}
+
+TEST_F(ModelListApi, GivesOneByItsName) {
+  EXPECT_EQ(kSmall, service.ask("GET", "/v1/models/small", "")->written);
+  const auto exchange = service.ask("GET", "/v1/models/a/b", "");
+  EXPECT_EQ(404, exchange->status);
+  EXPECT_EQ("model_not_found", Json::parse(exchange->written)["error"]["code"]);
+}
+
+TEST_F(ModelListApi, TokenizesAndBack) {
+  const int32_t a = kel::test::chatId("a");
+  const int32_t space = kel::test::chatId("\u2581");
+  const auto ids = [](const std::vector<int32_t>& list) { return Json(list).dump(); };
+  EXPECT_EQ(R"({"tokens":)" + ids({a, space, a + 1}) + R"(,"count":3})",
+            service.ask("POST", "/tokenize", R"({"text": "a b"})")->written);
+  EXPECT_EQ(
+      R"({"tokens":[101],"count":1})",
+      service.ask("POST", "/tokenize", R"({"text": "<tool_call>", "special": true})")->written);
+  EXPECT_EQ(
+      11,
+      Json::parse(service.ask("POST", "/tokenize", R"({"text": "<tool_call>"})")->written)["count"])
+      << "plain text by itself";
+  EXPECT_EQ(
+      R"({"text":"a b<tool_call>"})",
+      service.ask("POST", "/detokenize", R"({"tokens": )" + ids({a, space, a + 1, kCallId}) + "}")
+          ->written);
+}
+
+TEST_F(ModelListApi, RefusedTokens) {
+  EXPECT_EQ("\"text\"", paramOf("/tokenize", "{}"));
+  EXPECT_EQ("\"text\"", paramOf("/tokenize", R"({"text": 1})"));
+  EXPECT_EQ("\"odd\"", paramOf("/tokenize", R"({"text": "", "odd": 1})"));
+  EXPECT_EQ("\"tokens\"", paramOf("/detokenize", "{}"));
+  EXPECT_EQ("\"tokens\"", paramOf("/detokenize", R"({"tokens": "1"})"));
+  EXPECT_EQ("\"tokens\"", paramOf("/detokenize", R"({"tokens": [120]})"));
+  EXPECT_EQ("null", paramOf("/detokenize", "]"));
+}
+
+TEST_F(ModelListApi, OtherMethodsAreRefused) {
+  auto exchange = service.ask("POST", "/v1/models", "{}");
+  EXPECT_EQ(405, exchange->status);
+  EXPECT_EQ((HttpHeaders{{"Allow", "GET"}}), exchange->headers);
+  exchange = service.ask("GET", "/v1/messages", "");
+  EXPECT_EQ(405, exchange->status);
+  EXPECT_EQ((HttpHeaders{{"Allow", "POST"}}), exchange->headers);
+  EXPECT_EQ("error", Json::parse(exchange->written)["type"]) << "in the interface's own form";
+}
+
+TEST_F(ModelListApi, OtherPathsAreLeftAlone) {
+  for (const char* path : {"/", "/v1", "/v1/modelsx", "/v1/chat/completions/"}) {
+    const auto exchange = std::make_shared<FakeExchange>("GET", path, "");
+    EXPECT_FALSE(service.api.handle(exchange)) << path;
+    EXPECT_EQ(0, exchange->status);
+  }
+}
+
+}  // namespace
+}  // namespace zym
