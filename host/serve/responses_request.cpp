@@ -24,7 +24,9 @@ constexpr std::array<std::string_view, 3> kTextParts = {"input_text", "output_te
 constexpr std::array<std::string_view, 2> kReasoningParts = {"reasoning_text", "summary_text"};
 
 // Of items that come back as they were given out.
-constexpr std::array<std::string_view, 3> kHarmlessInItems = {"id", "status", "phase"};
+// Clients add what they have parsed.
+constexpr std::array<std::string_view, 4> kHarmlessInItems = {"id", "status", "phase",
+                                                              "parsed_arguments"};
 
 // Reasoning, text and calls of one turn come as items of their own; together they are one message.
 class InputReader {
