@@ -84,14 +84,14 @@ class CompletionSink : public ApiSink {
     choice.tokens.insert(choice.tokens.end(), choice.pending.begin(), choice.pending.end());
     choice.pending.clear();
     if (isStreamed()) {
-      sendChunk(index, event.text, nullptr);
+      sendChunk(index, event.text, "");
     }
   }
 
  protected:
   void opened() override {
     for (size_t i = 0; i < choices.size() && !echo.empty(); ++i) {
-      sendChunk(i, echo, nullptr);
+      sendChunk(i, echo, "");
     }
   }
 
@@ -131,8 +131,8 @@ class CompletionSink : public ApiSink {
     std::vector<engine::LogProbabilities> pending;  // their text, if any, is yet to come
     std::vector<engine::LogProbabilities> tokens;   // yet to be told
     std::string text;
-    size_t offset = 0;  // of the next token
-    Json finishReason;
+    size_t offset = 0;         // of the next token
+    std::string finishReason;  // empty: not yet
   };
 
   Json head() const {
@@ -144,7 +144,7 @@ class CompletionSink : public ApiSink {
             {"choices", Json::array()}};
   }
 
-  Json choiceObject(size_t index, const std::string& text, const Json& finishReason) {
+  Json choiceObject(size_t index, const std::string& text, const std::string& finishReason) {
     Choice& choice = choices[index];
     Json logProbabilities;
     if (hasLogProbabilities) {
@@ -154,10 +154,10 @@ class CompletionSink : public ApiSink {
     return {{"index", index},
             {"text", text},
             {"logprobs", std::move(logProbabilities)},
-            {"finish_reason", finishReason}};
+            {"finish_reason", finishReason.empty() ? Json() : Json(finishReason)}};
   }
 
-  void sendChunk(size_t index, const std::string& text, const Json& finishReason) {
+  void sendChunk(size_t index, const std::string& text, const std::string& finishReason) {
     Json chunk = head();
     chunk["choices"].push_back(choiceObject(index, text, finishReason));
     if (showsUsage) {

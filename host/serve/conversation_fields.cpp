@@ -59,8 +59,8 @@ std::string readContent(Fields& message, std::string_view key,
     message.fail(key, "must be a string or an array of parts");
     return {};
   }
-  static constexpr std::array<std::string_view, 3> kHarmless = {"annotations", "logprobs",
-                                                                "cache_control"};
+  static constexpr std::array<std::string_view, 4> kHarmless = {"annotations", "logprobs",
+                                                                "cache_control", "parsed"};
   const auto parts = message.array(key, limits.parts);
   std::string content;
   for (size_t i = 0; parts && i < parts->size() && message.ok(); ++i) {
@@ -93,9 +93,9 @@ class ChatMessage {
         error(firstError) {}
 
   void addTo(ConversationBuilder& conversation) {
-    // Turns are framed by role alone.
+    // Turns are framed by role alone. Clients add what they have parsed to what they give back.
     static constexpr std::array<std::string_view, 1> kHarmless = {"name"};
-    static constexpr std::array<std::string_view, 2> kOfReplies = {"name", "annotations"};
+    static constexpr std::array<std::string_view, 3> kOfReplies = {"name", "annotations", "parsed"};
     fields.require("role");
     Role role = Role::User;
     const kel::Status status = engine::roleOf(fields.string("role").value_or(""), role);
@@ -166,7 +166,8 @@ class ChatMessage {
       function.fail("arguments", "must be a JSON object, as a string");
     }
     message.toolCalls.push_back(std::move(made));
-    function.finish();
+    static constexpr std::array<std::string_view, 1> kParsed = {"parsed_arguments"};
+    function.finish(kParsed);
     call.finish(kHarmless);
   }
 

@@ -109,7 +109,7 @@ class ResponseSink : public ApiSink {
                  {"incomplete_details", nullptr},
                  {"model", served->name()},
                  {"output", output}};
-    body.update(settings);
+    body.update(*settings);
     body["usage"] = nullptr;
     return body;
   }
@@ -215,7 +215,7 @@ class ResponseSink : public ApiSink {
     addItem(std::move(item));
   }
 
-  Json settings;
+  std::shared_ptr<const Json> settings;
   std::string id;
   int64_t created;
   AnswerTokens tokens;

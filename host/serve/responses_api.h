@@ -15,7 +15,7 @@ namespace zym {
 struct ResponseRequest {
   GenerationRequest request;
   bool streams = false;
-  Json settings;  // as the response repeats them
+  std::shared_ptr<const Json> settings;  // as the response repeats them
 };
 
 ApiError readResponseRequest(std::string_view body, const ServedModel& served,

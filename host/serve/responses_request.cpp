@@ -24,7 +24,9 @@ constexpr std::array<std::string_view, 3> kTextParts = {"input_text", "output_te
 constexpr std::array<std::string_view, 2> kReasoningParts = {"reasoning_text", "summary_text"};
 
 // Of items that come back as they were given out.
-constexpr std::array<std::string_view, 3> kHarmlessInItems = {"id", "status", "phase"};
+// Clients add what they have parsed.
+constexpr std::array<std::string_view, 4> kHarmlessInItems = {"id", "status", "phase",
+                                                              "parsed_arguments"};
 
 // Reasoning, text and calls of one turn come as items of their own; together they are one message.
 class InputReader {
@@ -102,9 +104,9 @@ class InputReader {
   void readReasoning(Fields& item) {
     item.refuse("encrypted_content", "was not made here");
     std::string text = readContent(item, "content", kReasoningParts, limits);
-    const std::string summary = readContent(item, "summary", kReasoningParts, limits);
+    std::string summary = readContent(item, "summary", kReasoningParts, limits);
     beginReply(hasAnswer() || (reply && reply->reasoningContent));
-    reply->reasoningContent = text.empty() ? summary : std::move(text);
+    reply->reasoningContent = text.empty() ? std::move(summary) : std::move(text);
   }
 
   bool hasAnswer() const { return reply && (!reply->content.empty() || !reply->toolCalls.empty()); }
@@ -274,7 +276,7 @@ ApiError readResponseRequest(std::string_view text, const ServedModel& served,
   body.finish(kHarmlessInResponses);
   applyTools(tools, form, served, error, request);
   if (!error) {
-    out.settings = settingsOf(body, request, tools);
+    out.settings = std::make_shared<Json>(settingsOf(body, request, tools));
   }
   return error;
 }

@@ -320,10 +320,10 @@ TEST_F(ChatApi, MessagesOfAllRoles) {
     {"role": "system", "content": "Be brief."},
     {"role": "developer", "content": [{"type": "text", "text": "Be "}, {"type": "text", "text": "kind."}]},
     {"role": "user", "content": "hi", "name": "kim"},
-    {"role": "assistant", "content": null, "reasoning_content": "hm", "refusal": null,
+    {"role": "assistant", "content": null, "reasoning_content": "hm", "refusal": null, "parsed": {"a": 1},
      "tool_calls": [
        {"id": "c1", "type": "function", "function": {"name": "f", "arguments": "{\"b\": 1, \"a\": 2}"}},
-       {"id": "c2", "type": "function", "index": 1, "function": {"name": "g", "arguments": ""}}]},
+       {"id": "c2", "type": "function", "index": 1, "function": {"name": "g", "arguments": "", "parsed_arguments": {}}}]},
     {"role": "tool", "tool_call_id": "c2", "content": "two"},
     {"role": "tool", "tool_call_id": "c1", "content": [{"type": "text", "text": "one"}]},
     {"role": "assistant", "content": "so"},

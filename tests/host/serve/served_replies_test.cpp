@@ -76,7 +76,7 @@ class ServedReplies : public testing::Test {
   }
 
   std::shared_ptr<AwaitedExchange> ask(const std::string& path, const std::string& fields) {
-    const auto exchange = std::make_shared<AwaitedExchange>("POST", path, "{" + fields + "}");
+    auto exchange = std::make_shared<AwaitedExchange>("POST", path, "{" + fields + "}");
     (*routes.find("POST", path).handler)(exchange);
     exchange->wait();
     return exchange;
