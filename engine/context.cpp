@@ -240,6 +240,30 @@ Context::Fed Context::feedRuns(std::span<const Token> tokens, Logits wanted,
   return Fed::All;
 }
 
+Context::Fed Context::feedForLogits(std::span<const Token> tokens, std::span<float> logits,
+                                    const volatile int* cancel, Status& status) {
+  status = check(tokens);
+  if (!status.ok()) {
+    return Fed::Failed;
+  }
+  const size_t longest = longestBatch(*passes);
+  for (size_t at = 0; at < tokens.size();) {
+    const auto batch = tokens.subspan(at, batchLength(tokens.subspan(at), longest));
+    const Fed outcome =
+        feedBatch(batch, at + batch.size() == tokens.size(), cancel,
+                  logits.subspan(at * weights.nVocab, batch.size() * weights.nVocab));
+    if (outcome == Fed::Failed) {
+      status = notFinite();
+    }
+    if (outcome != Fed::All) {
+      reset();
+      return outcome;
+    }
+    at += batch.size();
+  }
+  return Fed::All;
+}
+
 // Of one arithmetic, and not beyond a place that is to be remembered.
 size_t Context::batchLength(std::span<const Token> tokens, size_t longest) const {
   const size_t toPlace = kSnapshotInterval - position() % kSnapshotInterval;
@@ -251,8 +275,10 @@ size_t Context::batchLength(std::span<const Token> tokens, size_t longest) const
   return length;
 }
 
+// allLogits: [tokens][vocab], or empty where only those of the last one may be asked for.
 Context::Fed Context::feedBatch(std::span<const Token> tokens, bool isLast,
-                                const volatile int* cancel) {
+                                const volatile int* cancel, std::span<float> allLogits) {
+  const bool wantsAll = !allLogits.empty();
   embed(tokens);
   hasLogits = false;
   const Clock::time_point start = Clock::now();
@@ -264,12 +290,20 @@ Context::Fed Context::feedBatch(std::span<const Token> tokens, bool isLast,
                .arithmetic = tokens[0].isGenerated ? qwen35::Arithmetic::SingleToken
                                                    : qwen35::Arithmetic::Batch,
                .hidden = passes->hiddenState(0),
-               .logits = isLast ? lastLogits.data() : nullptr,
+               .logits = wantsAll ? allLogits.data()
+                         : isLast ? lastLogits.data()
+                                  : nullptr,
+               .allLogits = wantsAll,
                .cancel = cancel});
   if (!finished) {
     return Fed::Cancelled;
   }
-  return finish(tokens, passes->hiddenState(0), isLast, secondsSince(start));
+  if (wantsAll && isLast) {
+    const std::span<float> last = allLogits.last(weights.nVocab);
+    std::copy(last.begin(), last.end(), lastLogits.begin());
+  }
+  const Fed outcome = finish(tokens, passes->hiddenState(0), isLast, secondsSince(start));
+  return allFinite(allLogits) ? outcome : Fed::Failed;
 }
 
 // Of tokens that a pass has gone over: their final states, and whether lastLogits are those of the
@@ -402,6 +436,7 @@ Status Context::keep(size_t count) {
     fed.resize(fed.size() - (guess->count - count));
   }
   counts.generatedTokens += count;
+  counts.acceptedGuesses += count - 1;
   counts.rejectedGuesses += guess->count - count;
   const std::span<const float> last = logitsBehind(count - 1);
   std::copy(last.begin(), last.end(), lastLogits.begin());

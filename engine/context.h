@@ -69,6 +69,7 @@ struct ContextStatistics {
   uint64_t promptTokens = 0;     // fed in batches
   uint64_t generatedTokens = 0;  // fed in the single-token arithmetic
   uint64_t reusedTokens = 0;     // that resume() found in place, also where branchFrom() put them
+  uint64_t acceptedGuesses = 0;  // tokens behind the first of feedGuess() that keep() left
   uint64_t rejectedGuesses = 0;  // tokens that keep() took back
   double promptSeconds = 0;
   double generatedSeconds = 0;  // of a pass that several contexts share, all of it
@@ -119,6 +120,11 @@ class Context {
   enum class Logits : uint8_t { None, OfTheLast };
   Fed feedPart(std::span<const Token> tokens, Logits wanted, const PromptProgress& progress,
                const volatile int* cancel, kel::Status& status);
+  // Feeds tokens as feed() does, and gives the logits behind each of them: logits is
+  // [tokens][vocab]. No place is remembered: a reading that fails or is cancelled leaves the
+  // context empty. What feed() refuses is refused here, too.
+  Fed feedForLogits(std::span<const Token> tokens, std::span<float> logits,
+                    const volatile int* cancel, kel::Status& status);
 
   // Feeds a generated token. After a failure for numbers that are not finite, only reset() helps.
   kel::Status feedToken(int32_t token);
@@ -174,7 +180,8 @@ class Context {
   kel::Status check(std::span<const Token> tokens) const;
   Fed feedRuns(std::span<const Token> tokens, Logits wanted, const PromptProgress& progress,
                const volatile int* cancel, kel::Status& status);
-  Fed feedBatch(std::span<const Token> tokens, bool isLast, const volatile int* cancel);
+  Fed feedBatch(std::span<const Token> tokens, bool isLast, const volatile int* cancel,
+                std::span<float> allLogits = {});
   size_t batchLength(std::span<const Token> tokens, size_t longest) const;
   void embed(std::span<const Token> tokens);
   Fed finish(std::span<const Token> tokens, const float* hidden, bool isLast, double seconds);

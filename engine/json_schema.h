@@ -13,8 +13,8 @@
 //   "additionalProperties" says so; one that lists none has any.
 // - Where "type" is absent, keywords tell it: "properties" an object, "minLength" a string, and so
 //   on; a schema without any admits every value.
-// - Integers have up to 18 digits. Numbers have up to 18 digits before and 16 behind the point, and
-//   where no bounds are set an exponent of up to two.
+// - Numbers have up to 18 digits, with a fraction up to 15 in all, and where no bounds are set an
+//   exponent of up to two.
 // - Elements behind those of "prefixItems" come only where "items" tells what they are.
 // - White space is one space or none behind ':' and ',', or a line feed and up to four spaces for
 //   every level where a member or element, or the end behind one, begins.

@@ -11,14 +11,15 @@ bool isDigit(uint8_t byte) {
   return byte >= '0' && byte <= '9';
 }
 
+// Digits behind the point, behind so many before it.
+int fractionDigits(int whole) {
+  return std::max(kDigits - whole, 0);
+}
+
 // Numbers of one sign by their size.
 struct Interval {
   WideInt least;
   WideInt greatest;
-
-  bool meets(WideInt low, WideInt high) const {
-    return std::max(low, least) <= std::min(high, greatest);
-  }
 };
 
 // Zero is not negative: "-0" would be a second way to write it.
@@ -27,6 +28,30 @@ Interval sizes(const NumberForm& form, bool negative) {
     return {std::max<WideInt>(1, -form.greatest), -form.least};
   }
   return {std::max<WideInt>(0, form.least), form.greatest};
+}
+
+// Whether one of the sizes from low to high is wanted and can be written with so many digits before
+// the point.
+bool canBeWritten(const NumberForm& form, const Interval& wanted, WideInt low, WideInt high,
+                  int whole) {
+  const WideInt step =
+      form.isInteger
+          ? 1
+          : powerOfTen(kFractionDigits - fractionDigits(whole));
+  const WideInt first = (std::max(low, wanted.least) + step - 1) / step * step;
+  return first <= std::min(high, wanted.greatest);
+}
+
+// The same of all sizes.
+bool hasNumbers(const NumberForm& form, bool negative) {
+  const Interval wanted = sizes(form, negative);
+  for (int whole = 1; whole <= kWholeDigits; ++whole) {
+    const WideInt low = whole == 1 ? 0 : form.unit() * powerOfTen(whole - 1);
+    if (canBeWritten(form, wanted, low, form.unit() * powerOfTen(whole) - 1, whole)) {
+      return true;
+    }
+  }
+  return false;
 }
 
 }  // namespace
@@ -103,18 +128,18 @@ WideInt unitsOf(std::string_view number, const NumberForm& form, bool roundsUp, 
   return negative ? -size : size;
 }
 
+bool NumberForm::isEmpty() const {
+  return !hasNumbers(*this, false) && !hasNumbers(*this, true);
+}
+
 bool NumberScan::canEnd(const NumberForm& form) const {
   const Interval wanted = sizes(form, negative);
   const int behind = form.isInteger ? 0 : kFractionDigits - fraction;
-  if (phase != Phase::Whole) {
-    const WideInt scale = powerOfTen(behind);
-    return wanted.meets(digits * scale, (digits + 1) * scale - 1);
-  }
-  // Any number of further digits; none behind a zero.
-  const int further = digits == 0 ? 0 : kWholeDigits - whole;
+  // Any number of further digits before the point; none behind a zero.
+  const int further = phase != Phase::Whole || digits == 0 ? 0 : kWholeDigits - whole;
   for (int i = 0; i <= further; ++i) {
     const WideInt scale = powerOfTen(behind + i);
-    if (wanted.meets(digits * scale, (digits + 1) * scale - 1)) {
+    if (canBeWritten(form, wanted, digits * scale, (digits + 1) * scale - 1, whole + i)) {
       return true;
     }
   }
@@ -137,7 +162,7 @@ bool NumberScan::stepDigit(const NumberForm& form, uint8_t digit) {
       break;
     case Phase::Point:
     case Phase::Fraction:
-      if (fraction == kFractionDigits) {
+      if (fraction == fractionDigits(whole)) {
         return false;
       }
       next.phase = Phase::Fraction;
@@ -174,8 +199,7 @@ bool NumberScan::step(const NumberForm& form, uint8_t byte) {
         return true;
       }
       if (phase == Phase::Begin) {
-        const Interval wanted = sizes(form, true);
-        if (wanted.least > wanted.greatest) {
+        if (!hasNumbers(form, true)) {
           return false;
         }
         phase = Phase::Minus;
@@ -190,7 +214,7 @@ bool NumberScan::step(const NumberForm& form, uint8_t byte) {
       }
       return false;
     case '.': {
-      if (phase != Phase::Whole || form.isInteger) {
+      if (phase != Phase::Whole || form.isInteger || fractionDigits(whole) == 0) {
         return false;
       }
       NumberScan next = *this;
@@ -222,7 +246,8 @@ bool NumberScan::isComplete(const NumberForm& form) const {
   }
   const int behind = form.isInteger ? 0 : kFractionDigits - fraction;
   const WideInt size = digits * powerOfTen(behind);
-  return sizes(form, negative).meets(size, size);
+  const Interval wanted = sizes(form, negative);
+  return size >= wanted.least && size <= wanted.greatest;
 }
 
 uint64_t NumberScan::identity() const {

@@ -1,5 +1,8 @@
 // JSON numbers, byte by byte, within bounds: a number that has begun can always be ended within
 // them.
+//
+// Numbers with a fraction have at most 15 digits in all, so that readers that keep a number as a
+// double find it on the same side of every bound.
 #pragma once
 
 #include <cstdint>
@@ -7,17 +10,18 @@
 
 namespace engine {
 
-// Of 34 digits.
+// Of 33 digits and more.
 __extension__ using WideInt = __int128;
 
-constexpr int kWholeDigits = 18;     // before the point
-constexpr int kFractionDigits = 16;  // behind it
+constexpr int kWholeDigits = 18;  // before the point, where there is none
+constexpr int kDigits = 15;       // before and behind the point
+constexpr int kFractionDigits = kDigits - 1;
 constexpr int kExponentDigits = 2;
 
 // exponent: 0 to 37.
 WideInt powerOfTen(int exponent);
 
-// Bounds are in units: 1, or for numbers with a fraction 10^-16.
+// Bounds are in units: 1, or for numbers with a fraction 10^-14.
 struct NumberForm {
   bool isInteger = false;
   bool hasExponent = false;  // without bounds only
@@ -28,7 +32,8 @@ struct NumberForm {
   static NumberForm integers();
   static NumberForm numbers();
   WideInt unit() const { return isInteger ? 1 : powerOfTen(kFractionDigits); }
-  bool isEmpty() const { return least > greatest; }
+  // No number that can be written is within the bounds.
+  bool isEmpty() const;
 };
 
 // A JSON number as units of the form. What lies between two units, or beyond the digits that a

@@ -66,10 +66,13 @@ bool haveSameBest(std::span<const float> reference, std::span<const float> other
 }
 
 void ModelDistance::add(std::span<const float> reference, std::span<const float> other) {
-  const double distance = klDivergence(reference, other);
-  divergence.add(distance);
-  greatestDivergence = std::max(greatestDivergence, distance);
-  sameBest.add(haveSameBest(reference, other) ? 1 : 0);
+  add(klDivergence(reference, other), haveSameBest(reference, other));
+}
+
+void ModelDistance::add(double divergenceOfOne, bool isSameBest) {
+  divergence.add(divergenceOfOne);
+  greatestDivergence = std::max(greatestDivergence, divergenceOfOne);
+  sameBest.add(isSameBest ? 1 : 0);
 }
 
 }  // namespace engine

@@ -65,6 +65,7 @@ struct ModelDistance {
   RunningMean sameBest;  // 1 for each position where the best tokens agree, else 0
 
   void add(std::span<const float> reference, std::span<const float> other);
+  void add(double divergenceOfOne, bool isSameBest);
 };
 
 }  // namespace engine

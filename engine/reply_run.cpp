@@ -45,6 +45,14 @@ Status ReplyRun::begin() {
                                 " tokens, the context has " + std::to_string(context.capacity()) +
                                 " positions"));
   }
+  // Looked at before the context gives up what it holds.
+  const uint64_t vocab = context.model().sizes().vocab;
+  for (const Token& token : chat.tokens) {
+    if (token.id < 0 || static_cast<uint64_t>(token.id) >= vocab) {
+      return over(Status::invalid("token " + std::to_string(token.id) +
+                                  " is none of the model's " + std::to_string(vocab)));
+    }
+  }
   begunAt = context.resume(chat.tokens);
   filled = begunAt;
   reply.promptTokens = chat.tokens.size();
@@ -94,6 +102,9 @@ Status ReplyRun::start() {
   ends = {tokenizer.tokenToId(kTurnEnd), tokenizer.tokenToId(kTextEnd), tokenizer.eosId};
   text.emplace(context.model(), chat.opensReasoning, tools, options, sinks, reply);
   at = State::Writing;
+  if (options.thinkingTokens == 0U && text->inReasoning()) {
+    closeThinking();
+  }
   pending = choose(context.logits());
   return takePending();
 }
@@ -185,17 +196,21 @@ void ReplyRun::limitThinking() {
     return;
   }
   if (++thoughts == *options.thinkingTokens) {
-    const Model& model = context.model();
-    for (const Segment& segment : thinkingEnd()) {
-      const int32_t id = segment.control ? model.tokenizer().tokenToId(segment.text) : -1;
-      if (id >= 0) {
-        forced.push_back(id);
-        continue;
-      }
-      std::vector<int32_t> ids;
-      model.textEncoder().encode(segment.text, ids);
-      forced.insert(forced.end(), ids.begin(), ids.end());
+    closeThinking();
+  }
+}
+
+void ReplyRun::closeThinking() {
+  const Model& model = context.model();
+  for (const Segment& segment : thinkingEnd()) {
+    const int32_t id = segment.control ? model.tokenizer().tokenToId(segment.text) : -1;
+    if (id >= 0) {
+      forced.push_back(id);
+      continue;
     }
+    std::vector<int32_t> ids;
+    model.textEncoder().encode(segment.text, ids);
+    forced.insert(forced.end(), ids.begin(), ids.end());
   }
 }
 

@@ -75,6 +75,7 @@ class ReplyRun {
   bool take(int32_t id, uint64_t place);
   bool endsBefore(int32_t id);
   void limitThinking();
+  void closeThinking();
   kel::Status writeGuess(std::span<const int32_t> guess);
   std::vector<int32_t> guessBehind();
   kel::Status over(const kel::Status& status);

@@ -334,6 +334,11 @@ Status Context::loadSteps(const std::string& path, std::string& note) {
   if (!status.ok()) {
     return status;
   }
+  for (const Token& token : tokens) {
+    if (token.id < 0 || static_cast<uint64_t>(token.id) >= weights.nVocab) {
+      return damaged(path);
+    }
+  }
   // From here on the context is overwritten. Only a file that changes, or a disk that fails, while
   // it is read for the second time can end this: the context is empty then.
   reset();

@@ -168,6 +168,8 @@ const VocabularyTrie::StringTokens& VocabularyTrie::stringTokens(const StringSca
     Filling(*this, *found).walk(kRoot, scan, 0);
     std::stable_sort(found->counted.begin(), found->counted.end(),
                      [](const auto& a, const auto& b) { return a.characters < b.characters; });
+    found->counted.shrink_to_fit();
+    found->exits.shrink_to_fit();
     known = std::move(found);
   }
   return *known;

@@ -97,7 +97,8 @@ ChatCommand withArgument(ChatCommandKind kind, const std::string& name, std::str
   if (namesFile && argument.empty()) {
     return unknown(name + " takes the name of a file");
   }
-  if (kind == ChatCommandKind::Think && argument != "" && argument != "on" && argument != "off") {
+  if (kind == ChatCommandKind::Think && !argument.empty() && argument != "on" &&
+      argument != "off") {
     return unknown("/think takes on or off, not \"" + argument + "\"");
   }
   return {kind, {}, std::move(argument)};
@@ -105,6 +106,7 @@ ChatCommand withArgument(ChatCommandKind kind, const std::string& name, std::str
 
 ChatCommand noCommand(const std::string& name) {
   std::vector<std::string> names;
+  names.reserve(kCommands.size());
   for (const Name& known : kCommands) {
     names.emplace_back(known.text.substr(1));
   }

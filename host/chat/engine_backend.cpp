@@ -359,29 +359,35 @@ class EngineBackend : public Backend, public Conversation {
 
 }  // namespace
 
-Status openContext(const std::string& modelPath, const engine::ContextOptions& options,
-                   std::unique_ptr<engine::Context>& context) {
-  std::shared_ptr<const engine::Model> model;
-  Status status = engine::Model::open(modelPath, model);
-  if (status.ok() && options.positions > model->shape().contextLength) {
-    return Status::invalid(modelPath + ": --context " + std::to_string(options.positions) +
-                           " is more than the model has room for; 1 to " +
-                           std::to_string(model->shape().contextLength) + " can be");
-  }
-  if (status.ok()) {
-    status = engine::Context::create(std::move(model), options, context);
-  }
+Status openModel(const std::string& path, std::shared_ptr<const engine::Model>& model) {
+  const Status status = engine::Model::open(path, model);
   if (status.ok()) {
     return status;
   }
   kel::ZYM2Reader reader;
-  if (const Status opened = reader.open(modelPath.c_str()); !opened.ok()) {
-    return openFailure(modelPath, opened);
+  if (const Status opened = reader.open(path.c_str()); !opened.ok()) {
+    return openFailure(path, opened);
   }
   const char* advice = status.code == kel::StatusCode::IoError
                            ? ""
                            : "; `zym check` tells more, `zym convert` makes the file anew";
-  return {status.code, modelPath + ": " + status.message + advice};
+  return {status.code, path + ": " + status.message + advice};
+}
+
+Status openContext(const std::string& modelPath, const engine::ContextOptions& options,
+                   std::unique_ptr<engine::Context>& context) {
+  std::shared_ptr<const engine::Model> model;
+  Status status = openModel(modelPath, model);
+  if (!status.ok()) {
+    return status;
+  }
+  if (options.positions > model->shape().contextLength) {
+    return Status::invalid(modelPath + ": --context " + std::to_string(options.positions) +
+                           " is more than the model has room for; 1 to " +
+                           std::to_string(model->shape().contextLength) + " can be");
+  }
+  status = engine::Context::create(std::move(model), options, context);
+  return status.ok() ? status : Status{status.code, modelPath + ": " + status.message};
 }
 
 Status openEngineBackend(const EngineOptions& options, std::unique_ptr<Backend>& backend) {

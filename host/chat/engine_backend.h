@@ -12,7 +12,10 @@
 
 namespace zym {
 
-// Opens the container at modelPath and a context over it. Messages name the path.
+// Opens the container at path. Messages name it and say what to do.
+kel::Status openModel(const std::string& path, std::shared_ptr<const engine::Model>& model);
+
+// The same, and a context over it.
 kel::Status openContext(const std::string& modelPath, const engine::ContextOptions& options,
                         std::unique_ptr<engine::Context>& context);
 

@@ -6,8 +6,15 @@
 namespace zym {
 namespace {
 
-// Positionals that name a model, or what becomes one.
-constexpr std::array<std::string_view, 4> kModels = {"MODEL", "FILE", "SRC", "DST"};
+// What names a model, or becomes one.
+constexpr std::array<std::string_view, 3> kModels = {"MODEL", "SRC", "DST"};
+
+ValueKind kindByName(std::string_view name) {
+  if (std::find(kModels.begin(), kModels.end(), name) != kModels.end()) {
+    return ValueKind::Model;
+  }
+  return name == "FILE" ? ValueKind::File : ValueKind::Text;
+}
 
 Value valueOf(const CLI::Option& option) {
   Value value;
@@ -19,11 +26,8 @@ Value valueOf(const CLI::Option& option) {
   } else if (type.find('|') != std::string::npos) {
     value.kind = ValueKind::Word;
     value.words = CLI::detail::split(type, '|');
-  } else if (positional) {
-    const bool isModel = std::find(kModels.begin(), kModels.end(), value.name) != kModels.end();
-    value.kind = isModel ? ValueKind::Model : ValueKind::Text;
   } else {
-    value.kind = type == "FILE" ? ValueKind::File : ValueKind::Text;
+    value.kind = kindByName(value.name);
   }
   return value;
 }

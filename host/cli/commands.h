@@ -26,6 +26,7 @@ void addBench(CLI::App& program, Action& action);
 void addInfo(CLI::App& program, Action& action);
 void addCheck(CLI::App& program, Action& action);
 void addTokenize(CLI::App& program, Action& action);
+void addPerplexity(CLI::App& program, Action& action);
 void addConvert(CLI::App& program, Action& action);
 void addCompletion(CLI::App& program, Action& action);
 void addCache(CLI::App& program, Action& action);

@@ -83,13 +83,19 @@ std::vector<std::string> optionWords(const std::vector<OptionLine>& options) {
   return words;
 }
 
-// Behind MODEL stands text, if anything; so every word that is no option is completed alike.
+// Every word that is no option is completed alike: as a file where a file stands behind MODEL,
+// which is one too.
 std::string positionalReply(const CommandLine& command) {
   if (!command.commands.empty()) {
     return wordsReply(commandNames(command));
   }
-  const auto found = std::find_if(command.positionals.begin(), command.positionals.end(),
-                                  [](const Value& value) { return value.kind != ValueKind::Text; });
+  const auto firstThat = [&](const auto& fits) {
+    return std::find_if(command.positionals.begin(), command.positionals.end(), fits);
+  };
+  auto found = firstThat([](const Value& value) { return value.kind == ValueKind::File; });
+  if (found == command.positionals.end()) {
+    found = firstThat([](const Value& value) { return value.kind != ValueKind::Text; });
+  }
   return found == command.positionals.end() ? "COMPREPLY=()" : valueReply(*found);
 }
 

@@ -84,7 +84,9 @@ void appendCommand(const CommandLine& program, const CommandLine& command, std::
       continue;
     }
     hasModel = hasModel || value.kind == ValueKind::Model;
-    if (value.kind != ValueKind::Text) {
+    if (value.kind == ValueKind::File) {
+      append(here, " -F", out);
+    } else if (value.kind != ValueKind::Text) {
       append(here, completionOf(value), out);
     }
   }

@@ -97,6 +97,7 @@ void addCommands(CLI::App& program, Action& action) {
   addInfo(program, action);
   addCheck(program, action);
   addTokenize(program, action);
+  addPerplexity(program, action);
   addConvert(program, action);
   addCompletion(program, action);
   addCache(program, action);

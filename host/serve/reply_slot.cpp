@@ -38,6 +38,9 @@ engine::ReplySinks ReplySlot::sinks() {
 }
 
 void ReplySlot::release(uint64_t use) {
+  if (result.promptTokens > 0) {
+    promptTokens = result.promptTokens;
+  }
   steps.reset();
   constraint.reset();
   served.reset();

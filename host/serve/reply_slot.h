@@ -55,6 +55,10 @@ class ReplySlot {
   void release(uint64_t use);
   uint64_t lastUse() const { return used; }
 
+  // Tokens of the last prompt that was read here: what its caller comes back with. The reply behind
+  // it is framed otherwise then, and read again.
+  uint64_t worth() const { return promptTokens; }
+
  private:
   engine::ReplySinks sinks();
 
@@ -66,6 +70,7 @@ class ReplySlot {
   engine::Reply result;
   std::unique_ptr<engine::ReplyRun> steps;
   uint64_t used = 0;
+  uint64_t promptTokens = 0;
 };
 
 }  // namespace zym

@@ -298,7 +298,7 @@ ReplySlot& Scheduler::slotFor(std::span<const engine::Token> wanted) {
     }
   }
   const uint64_t held = best->context().held(wanted);
-  if (best->isFree() && held >= best->context().position() - held) {
+  if (best->isFree() && 2 * held >= best->worth()) {
     return *best;
   }
   ReplySlot& oldest = *freeSlot();

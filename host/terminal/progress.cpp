@@ -45,10 +45,11 @@ std::string progressText(uint64_t done, uint64_t total, double seconds, Progress
   if (done > 0 && seconds > 0) {
     const double rate = static_cast<double>(done) / seconds;
     speed = "  " + rateText(rate, unit);
-    left = "  " + durationText(static_cast<double>(total - done) / rate) + " left";
+    left = fmt::format("  {} left", durationText(static_cast<double>(total - done) / rate));
   }
-  std::string text = bar + percent + amount + speed + left;
-  for (const std::string& shorter : {percent + amount + left, percent + left, percent}) {
+  std::string text = fmt::format("{}{}{}{}{}", bar, percent, amount, speed, left);
+  for (const std::string& shorter :
+       {fmt::format("{}{}{}", percent, amount, left), percent + left, percent}) {
     if (columns == 0 || text.size() <= columns) {
       break;
     }

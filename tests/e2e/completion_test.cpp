@@ -119,6 +119,8 @@ TEST_F(CompletionTest, BashOffersModelsAndFoldersWhereAModelStands) {
     EXPECT_EQ(bash({"zym", command, ""}), models) << command;
   }
   EXPECT_EQ(bash({"zym", "run", "a.zym", "-f", "c"}), Words({"c.txt", "checkpoint"}));
+  EXPECT_EQ(bash({"zym", "perplexity", "a.zym", "--reference", ""}), models);
+  EXPECT_EQ(bash({"zym", "perplexity", "a.zym", "c"}), Words({"c.txt", "checkpoint"}));
 }
 
 TEST_F(CompletionTest, FishKnowsEveryCommandAndOption) {

@@ -83,8 +83,8 @@ TEST_F(ProgramTest, HelpAndVersionGoToStandardOutput) {
   const Outcome version = zym({"--version"});
   EXPECT_EQ(version.status, 0);
   EXPECT_EQ(version.out.rfind("zym " ZYM_VERSION "\n", 0), 0U) << version.out;
-  for (const char* command :
-       {"chat", "run", "bench", "info", "check", "tokenize", "convert", "cache", "completion"}) {
+  for (const char* command : {"chat", "run", "bench", "info", "check", "tokenize", "perplexity",
+                              "convert", "cache", "completion"}) {
     const Outcome help = zym({command, "--help"});
     EXPECT_EQ(help.status, 0) << command;
     EXPECT_EQ(help.err, "") << command;

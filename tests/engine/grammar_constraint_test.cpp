@@ -11,9 +11,12 @@
 #include <string_view>
 #include <vector>
 
+#include "engine/context.h"
 #include "engine/json_schema.h"
 #include "engine/json_text.h"
 #include "engine/model.h"
+#include "engine/reply.h"
+#include "engine/sampler.h"
 #include "engine/tool_grammar.h"
 #include "tests/engine/constraint_vocabulary.h"
 #include "tests/support/demo_model.h"
@@ -489,14 +492,28 @@ TEST(ConstraintVocabularyTest, VocabulariesThatCannotWriteTheTextsAreRefused) {
             "constraint: the vocabulary has no token that ends a turn");
 }
 
-TEST(ConstraintVocabularyTest, TheDemonstrationModelCanBeConstrained) {
-  const kel::test::TempDir folder;
-  const std::string path = folder.file("demo.zym");
-  kel::test::writeDemoModel(path, kel::QuantType::BF16);
-  std::shared_ptr<const Model> model;
-  ASSERT_TRUE(Model::open(path, model).ok());
-  const auto trie =
-      std::make_shared<const VocabularyTrie>(model->tokenizer(), model->sizes().vocab);
+class ConstrainedModelTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    folder = std::make_unique<kel::test::TempDir>();
+    const std::string path = folder->file("demo.zym");
+    kel::test::writeDemoModel(path, kel::QuantType::BF16);
+    const kel::Status status = Model::open(path, model);
+    ASSERT_TRUE(status.ok()) << status.message;
+    trie = std::make_shared<const VocabularyTrie>(model->tokenizer(), model->sizes().vocab);
+  }
+  static void TearDownTestSuite() {
+    trie.reset();
+    model.reset();
+    folder.reset();
+  }
+
+  static inline std::unique_ptr<kel::test::TempDir> folder;
+  static inline std::shared_ptr<const Model> model;
+  static inline std::shared_ptr<const VocabularyTrie> trie;
+};
+
+TEST_F(ConstrainedModelTest, ItsVocabularyWritesDocuments) {
   Random random(4);
   for (const std::string& schema : schemas()) {
     const std::shared_ptr<const Grammar> grammar = grammarOf(schema);
@@ -508,6 +525,30 @@ TEST(ConstraintVocabularyTest, TheDemonstrationModelCanBeConstrained) {
       GrammarConstraint constraint(grammar, trie, {});
       expectValid(randomText(constraint, *trie, random), schema);
     }
+  }
+}
+
+TEST_F(ConstrainedModelTest, ItsRepliesAreDocuments) {
+  const std::string schema = R"({"type":"object","required":["colour","sizes"],"properties":{
+      "colour":{"enum":["red","green"]},"note":{"type":"string","maxLength":3},
+      "sizes":{"type":"array","items":{"type":"integer","minimum":0,"maximum":99},"maxItems":1}}})";
+  const std::shared_ptr<const Grammar> grammar = grammarOf(schema);
+  std::unique_ptr<Context> context;
+  ASSERT_TRUE(Context::create(model, {.positions = 512}, context).ok());
+  std::vector<Message> messages(1);
+  messages.front().content = "hello";
+  for (uint64_t seed = 1; seed <= 2; ++seed) {
+    GrammarConstraint constraint(grammar, trie, {});
+    ReplyOptions options;
+    options.sampling.temperature = seed == 1 ? 0.0F : 1.0F;
+    options.constraint = &constraint;
+    Sampler sampler(seed);
+    Reply reply;
+    const kel::Status status =
+        generateReply(*context, sampler, {.messages = messages}, options, {}, reply);
+    ASSERT_TRUE(status.ok()) << status.message;
+    EXPECT_EQ(reply.end, ReplyEnd::Stop);
+    expectValid(reply.message.content, schema);
   }
 }
 

@@ -87,6 +87,7 @@ TEST_P(Guess, TokensThatAreTakenBackLeaveNothingBehind) {
     feed(*guessing, {5, 6});
     EXPECT_EQ(bits(plain->logits()), bits(guessing->logits())) << kept;
     EXPECT_EQ(4 - kept + 4, guessing->statistics().rejectedGuesses);
+    EXPECT_EQ(kept - 1, guessing->statistics().acceptedGuesses);
     EXPECT_EQ(kept + 2, guessing->statistics().generatedTokens);
   }
 }

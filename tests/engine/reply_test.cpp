@@ -266,6 +266,18 @@ TEST_F(RandomReply, ReasoningIsClosedWhereItsBudgetEnds) {
   EXPECT_EQ(40U, reply.tokens);
 }
 
+TEST_F(RandomReply, ABudgetOfNothingClosesReasoningAtOnce) {
+  ReplyOptions options = lettersOnly(20);
+  options.thinkingTokens = 0;
+  const std::vector<Message> messages = {user("Hi")};
+  Reply reply;
+  ASSERT_TRUE(
+      generateReply(*context, sampler, {.messages = messages, .thinking = true}, options, {}, reply)
+          .ok());
+  EXPECT_EQ("", reply.message.reasoningContent.value_or(""));
+  EXPECT_FALSE(reply.message.content.empty());
+}
+
 TEST_F(RandomReply, WithoutThinkingTheAnswerBeginsAtOnce) {
   const std::vector<Message> messages = {user("Hi")};
   Reply reply;

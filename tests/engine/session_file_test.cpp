@@ -1,13 +1,16 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "container/checksum.h"
 #include "engine/context.h"
 #include "tests/engine/engine_models.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/instrumented.h"
 #include "tests/support/zym2_patch.h"
 
 namespace engine {
@@ -19,6 +22,8 @@ using kel::test::writeFile;
 using testing_support::feed;
 using testing_support::logitsOf;
 using testing_support::OpenedModel;
+
+constexpr size_t kHeadBytes = 64;
 
 RandomModelSpec oddModel(uint64_t seed) {
   return {.hidden = 8,
@@ -168,6 +173,41 @@ TEST_F(SessionFile, EveryBitIsGuarded) {
     EXPECT_NE("", refusalOf([at](auto& bytes) { bytes[at] ^= 0x10; })) << at;
   }
   EXPECT_NE("", refusalOf([](auto& bytes) { bytes.back() ^= 1; }));
+}
+
+TEST_F(SessionFile, EveryBitOfItsHeadIsGuarded) {
+  // Steps of seven bits meet each bit of a byte in turn.
+  const size_t step = kel::test::kInstrumented ? 7 : 1;
+  for (size_t bit = 0; bit < kHeadBytes * 8; bit += step) {
+    const std::string text =
+        refusalOf([bit](auto& bytes) { bytes[bit / 8] ^= static_cast<uint8_t>(1U << (bit % 8)); });
+    EXPECT_NE("", text) << bit;
+  }
+}
+
+TEST_F(SessionFile, WhereverItIsCutItIsRefused) {
+  const size_t whole = readFile(path).size();
+  for (const size_t length : {size_t{1}, size_t{4}, kHeadBytes - 1, kHeadBytes, kHeadBytes + 31,
+                              kHeadBytes + 32, kHeadBytes + 40, whole / 2, whole - 32}) {
+    const std::string text = refusalOf([length](auto& bytes) { bytes.resize(length); });
+    EXPECT_EQ(length < kHeadBytes + 32 ? "is no session file" : "the session file was cut short",
+              text)
+        << length;
+  }
+}
+
+// What no version of the program writes, under a checksum that is right.
+TEST_F(SessionFile, TokensThatTheModelLacksAreRefused) {
+  for (const int32_t id : {40, -1}) {
+    EXPECT_EQ("the session file is damaged", refusalOf([id](auto& bytes) {
+                std::memcpy(bytes.data() + kHeadBytes + std::strlen("a note"), &id, sizeof(id));
+                kel::Checksum sum;
+                sum.update(bytes.data(), bytes.size() - kel::kChecksumDigits);
+                sum.hex().copy(
+                    reinterpret_cast<char*>(bytes.data()) + bytes.size() - kel::kChecksumDigits,
+                    kel::kChecksumDigits);
+              }));
+  }
 }
 
 TEST_F(SessionFile, ATargetThatCannotBeIsNamed) {

@@ -1,6 +1,8 @@
 #include "tests/support/demo_gguf.h"
 
 #include <cstdint>
+#include <fstream>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -56,7 +58,8 @@ void addTokenizer(const TokenizerData& tables, GgufBuilder& file) {
   file.array("tokenizer.ggml.token_type", 5, tables.tokenTypes);
   file.texts("tokenizer.ggml.merges", tables.merges);
   file.u32("tokenizer.ggml.eos_token_id", static_cast<uint32_t>(tables.eosId));
-  file.text("tokenizer.chat_template", "x");
+  std::ifstream config(ZYM_DEMO_FOLDER "/tokenizer_config.json");
+  file.text("tokenizer.chat_template", nlohmann::json::parse(config).at("chat_template"));
 }
 
 }  // namespace

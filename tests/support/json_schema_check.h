@@ -65,11 +65,11 @@ inline bool satisfies(const Json& value, const Json& schema, const Json& root) {
     return false;
   }
   if (value.is_number()) {
-    const auto number = value.get<double>();
-    if ((has("minimum") && number < schema["minimum"].get<double>()) ||
-        (has("maximum") && number > schema["maximum"].get<double>()) ||
-        (has("exclusiveMinimum") && number <= schema["exclusiveMinimum"].get<double>()) ||
-        (has("exclusiveMaximum") && number >= schema["exclusiveMaximum"].get<double>())) {
+    const auto number = value.get<long double>();
+    if ((has("minimum") && number < schema["minimum"].get<long double>()) ||
+        (has("maximum") && number > schema["maximum"].get<long double>()) ||
+        (has("exclusiveMinimum") && number <= schema["exclusiveMinimum"].get<long double>()) ||
+        (has("exclusiveMaximum") && number >= schema["exclusiveMaximum"].get<long double>())) {
       return false;
     }
   }
