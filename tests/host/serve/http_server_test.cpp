@@ -112,6 +112,8 @@ TEST_F(HttpServerTest, HeadIsGetWithoutTheBody) {
   const HttpAnswer answer = caller.read(true);
   EXPECT_EQ(answer.status, 200);
   EXPECT_EQ(answer.headers.at("content-length"), "15");
+  ASSERT_TRUE(comesTrue([&] { return log().size() == 1; }));
+  EXPECT_TRUE(log()[0].ends_with(" ms 0 bytes")) << log()[0];
   caller.ask("GET", "/health");
   EXPECT_EQ(caller.read().body, "{\"status\":\"ok\"}");
 }
