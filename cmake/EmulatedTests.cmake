@@ -28,6 +28,8 @@ set(zym_emulated_tests
   sampler_test known_bits_test
   # tests/engine
   family_test
+  # tests/capi
+  engine_exports_test engine_header_test
   # tests/abi
   tables_test exports_test public_header_test probe_test
   # tests/host

@@ -246,7 +246,7 @@ Context::Fed Context::feedForLogits(std::span<const Token> tokens, std::span<flo
   if (!status.ok()) {
     return Fed::Failed;
   }
-  const size_t longest = longestBatch(*passes);
+  const size_t longest = longestBatch(passes->pass);
   for (size_t at = 0; at < tokens.size();) {
     const auto batch = tokens.subspan(at, batchLength(tokens.subspan(at), longest));
     const Fed outcome =

@@ -19,6 +19,7 @@ namespace {
 using kel::Status;
 
 constexpr std::string_view kBehindValue = "\n</parameter>\n";
+constexpr int kMostReferences = 8;                  // that lead to a list of words
 constexpr size_t kToolDepth = kMaxSchemaDepth + 2;  // "function" and "parameters" around the schema
 
 // Text that no control character and no part of a mark stands in.
@@ -152,7 +153,7 @@ class ToolCompiler {
       out = compiler.add(SequenceNode{{value, word(kBehindValue)}});
       return status;
     }
-    const std::vector<std::string> words = wordsOf(schema);
+    const std::vector<std::string> words = wordsOf(referred(schema));
     if (!words.empty() && schemas.admitsOnlyText(function, name)) {
       out = compiler.addLiterals(words);
     } else {
@@ -160,6 +161,26 @@ class ToolCompiler {
       out = compiler.add(SequenceNode{{text, word("\n")}});
     }
     return Status::success();
+  }
+
+  // The schema that one refers to and does nothing else.
+  static const JsonValue& referred(const JsonValue& schema) {
+    const JsonValue* found = &schema;
+    for (int i = 0; i < kMostReferences; ++i) {
+      const JsonValue* reference = found->member("$ref");
+      const JsonValue* all = found->member("allOf");
+      const JsonValue* next = nullptr;
+      if (reference != nullptr) {
+        next = found->root().at(reference->string());
+      } else if (all != nullptr && all->elements.size() == 1) {
+        next = all->elements.front().get();
+      }
+      if (next == nullptr) {
+        break;
+      }
+      found = next;
+    }
+    return *found;
   }
 
   // What a schema lists, with what stands behind it, where all that it lists is words.

@@ -1,13 +1,20 @@
 #include "engine/tool_schema.h"
 
+#include <algorithm>
 #include <array>
+#include <memory>
+#include <optional>
 #include <utility>
+#include <vector>
 
 #include "engine/json_text.h"
 
 namespace engine {
 
 namespace {
+
+constexpr size_t kMaxDepth = 256;
+constexpr size_t kMaxSchemas = 64;  // that one leads to
 
 constexpr uint8_t bitOf(JsonKind kind) {
   return static_cast<uint8_t>(1U << static_cast<unsigned>(kind));
@@ -62,36 +69,60 @@ void ToolSchemas::add(std::string_view tool) {
   const std::string_view wrapped = jsonMember(tool, "function");
   const std::string_view function = wrapped.empty() ? tool : wrapped;
   const std::string_view name = jsonMember(function, "name");
-  const std::string_view properties = jsonMember(jsonMember(function, "parameters"), "properties");
-  if (!properties.starts_with('{')) {
+  const std::unique_ptr<JsonValue> schema =
+      parseJsonTree(jsonMember(function, "parameters"), kMaxDepth);
+  const JsonValue* properties = schema == nullptr ? nullptr : schema->member("properties");
+  if (properties == nullptr || properties->kind != JsonKind::Object) {
     return;
   }
   Parameters& parameters = functions[unquotedJson(name)];
-  for (const JsonMember& property : jsonMembers(properties)) {
-    parameters[property.key] = kindsOf(property.value);
+  for (const auto& [key, property] : properties->members) {
+    parameters[key] = kindsOf(*property);
   }
 }
 
-ToolSchemas::Kinds ToolSchemas::namedKinds(std::string_view schema) {
-  const std::string_view type = jsonMember(schema, "type");
-  if (!type.starts_with('[')) {
-    return kindNamed(type);
-  }
+// Of the schema alone, without those that it leads to.
+ToolSchemas::Kinds ToolSchemas::ownKinds(const JsonValue& schema) {
   Kinds kinds = 0;
-  for (const std::string_view name : jsonElements(type)) {
-    kinds |= kindNamed(name);
+  if (const JsonValue* type = schema.member("type"); type != nullptr) {
+    kinds |= kindNamed(type->text);
+    for (const auto& name : type->elements) {
+      kinds |= kindNamed(name->text);
+    }
+    return kinds;
+  }
+  if (const JsonValue* constant = schema.member("const"); constant != nullptr) {
+    kinds |= bitOf(constant->kind);
+  }
+  if (const JsonValue* values = schema.member("enum"); values != nullptr) {
+    for (const auto& value : values->elements) {
+      kinds |= bitOf(value->kind);
+    }
   }
   return kinds;
 }
 
-ToolSchemas::Kinds ToolSchemas::kindsOf(std::string_view schema) {
-  Kinds kinds = namedKinds(schema);
-  for (const std::string_view choice : {"anyOf", "oneOf"}) {
-    const std::string_view schemas = jsonMember(schema, choice);
-    if (schemas.starts_with('[')) {
-      for (const std::string_view alternative : jsonElements(schemas)) {
-        kinds |= namedKinds(alternative);
+ToolSchemas::Kinds ToolSchemas::kindsOf(const JsonValue& schema) {
+  Kinds kinds = 0;
+  std::vector<const JsonValue*> seen = {&schema};
+  const auto add = [&](const JsonValue* other) {
+    if (other != nullptr && seen.size() < kMaxSchemas &&
+        std::find(seen.begin(), seen.end(), other) == seen.end()) {
+      seen.push_back(other);
+    }
+  };
+  for (size_t i = 0; i < seen.size(); ++i) {
+    const JsonValue& one = *seen[i];
+    kinds |= ownKinds(one);
+    for (const std::string_view choice : {"anyOf", "oneOf", "allOf"}) {
+      if (const JsonValue* list = one.member(choice); list != nullptr) {
+        for (const auto& alternative : list->elements) {
+          add(alternative.get());
+        }
       }
+    }
+    if (const JsonValue* reference = one.member("$ref"); reference != nullptr) {
+      add(one.root().at(reference->string()));
     }
   }
   return kinds;

@@ -8,14 +8,16 @@
 #include <string_view>
 
 #include "engine/chat_format.h"
+#include "engine/json_tree.h"
 
 namespace engine {
 
 // Built once from the tools of a conversation; immutable, any thread.
 //
 // Read of a tool: its name and the properties of its parameters, either in a member "function" or
-// in the tool itself; of a property, "type" (a name or a list of them) and the types of its "anyOf"
-// and "oneOf". What is not of that form is passed over.
+// in the tool itself; of a property, "type" (a name or a list of them), where there is none the
+// kinds of what "enum" or "const" list, and the same of the schemas that "anyOf", "oneOf", "allOf"
+// and "$ref" to a place in the parameters lead to. What is not of that form is passed over.
 class ToolSchemas {
  public:
   explicit ToolSchemas(std::span<const Tool> tools);
@@ -36,8 +38,8 @@ class ToolSchemas {
   using Parameters = std::map<std::string, Kinds, std::less<>>;
 
   void add(std::string_view tool);
-  static Kinds namedKinds(std::string_view schema);
-  static Kinds kindsOf(std::string_view schema);
+  static Kinds ownKinds(const JsonValue& schema);
+  static Kinds kindsOf(const JsonValue& schema);
   // 0 where the schemas name none.
   Kinds kindsOf(std::string_view function, std::string_view parameter) const;
 

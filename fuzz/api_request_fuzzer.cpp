@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <iterator>
-#include <optional>
 #include <string>
 
 #include "engine/chat_tokens.h"
@@ -31,11 +30,11 @@ struct Service {
   Service() {
     zym::ApiServices services = fake.services();
     services.constrain = zym::answerConstraints(*services.model);
-    api.emplace(std::move(services));
+    addApi(std::move(services), routes);
   }
 
   FakeService fake;
-  std::optional<zym::Api> api;
+  zym::HttpRoutes routes;
 };
 
 // What the engine holds requests to before it runs.
@@ -80,9 +79,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string body(reinterpret_cast<const char*>(data + 1), size - 1);
   FakeQueue& queue = service.fake.queue;
   queue.sink = nullptr;
-  const auto exchange =
-      std::make_shared<FakeExchange>("POST", kPaths[data[0] % std::size(kPaths)], body);
-  require(service.api->handle(exchange));
+  const char* path = kPaths[data[0] % std::size(kPaths)];
+  const auto exchange = std::make_shared<FakeExchange>("POST", path, body);
+  (*service.routes.find("POST", path).handler)(exchange);
   require(exchange->ended == (queue.sink == nullptr));
   if (queue.sink != nullptr) {
     checkRequest(queue.request);

@@ -360,7 +360,7 @@ class EngineBackend : public Backend, public Conversation {
 }  // namespace
 
 Status openModel(const std::string& path, std::shared_ptr<const engine::Model>& model) {
-  const Status status = engine::Model::open(path, model);
+  Status status = engine::Model::open(path, model);
   if (status.ok()) {
     return status;
   }

@@ -63,9 +63,8 @@ void answerJson(HttpExchange& exchange, const Json& body) {
   exchange.answer(kOk, kJsonType, jsonText(body));
 }
 
-void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error,
-                 HttpHeaders moreHeaders) {
-  HttpHeaders headers = std::move(moreHeaders);
+void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error) {
+  HttpHeaders headers;
   if (error.status == kUnavailable) {
     headers.emplace_back("Retry-After", kRetryAfter);
   }

@@ -26,8 +26,7 @@ enum class ErrorForm : uint8_t { Completions, Messages };
 
 Json errorBody(ErrorForm form, const ApiError& error);
 void answerJson(HttpExchange& exchange, const Json& body);
-void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error,
-                 HttpHeaders moreHeaders = {});
+void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error);
 
 // Of a request that the scheduler gave back.
 ApiError errorOf(const kel::Status& status);

@@ -17,16 +17,18 @@
 namespace zym {
 
 struct ApiLimits {
-  size_t depth = 64;        // brackets of a body that are open at once
-  size_t messages = 4096;   // of a conversation, and items of an input
-  size_t parts = 4096;      // of a content
-  size_t tools = 256;       // and calls of a message
-  size_t schemaDepth = 32;  // of the parameters of a tool and of a form that is asked for
+  size_t depth = 64;            // brackets of a body that are open at once
+  size_t messages = 4096;       // of a conversation, and items of an input
+  size_t parts = 4096;          // of a content
+  size_t tools = 256;           // and calls of a message
+  size_t toolsBytes = 1 << 20;  // of all tools
+  size_t schemaDepth = 32;      // of the parameters of a tool and of a form that is asked for
   size_t schemaBytes = 256 << 10;
   size_t nameBytes = 128;  // of a tool
   size_t stops = 16;
   size_t stopBytes = 256;  // of each; an automaton takes a kilobyte a byte
-  size_t logitBiases = 1024;
+  size_t logitBiases = 512;
+  size_t tokenIds = 1 << 20;  // of a prompt, or to be turned into text
   size_t choices = 4;
   size_t topLogProbabilities = 20;
 };

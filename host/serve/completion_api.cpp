@@ -33,13 +33,10 @@ void readPrompt(Fields& body, const ServedModel& served, GenerationRequest& out)
   }
   // One prompt may stand in a list.
   if (kindOf(*value) == JsonKind::Array) {
-    const std::vector<std::string_view> elements = engine::jsonElements(*value);
-    const bool isList = !elements.empty() && kindOf(elements[0]) != JsonKind::Number;
-    if (isList && elements.size() > 1) {
-      body.fail("prompt", kWhat);
-      return;
+    if (jsonItems(*value) == 1) {
+      const std::string_view only = engine::jsonElements(*value).front();
+      value = kindOf(only) == JsonKind::Number ? *value : only;
     }
-    value = isList ? elements[0] : *value;
   }
   if (kindOf(*value) == JsonKind::String) {
     encodePrompt(served, engine::unquotedJson(*value), out.prompt);
@@ -197,13 +194,17 @@ void encodePrompt(const ServedModel& served, std::string_view text, std::vector<
 void readTokenIds(Fields& fields, std::string_view key, std::string_view array,
                   const ServedModel& served, std::vector<int32_t>& out) {
   const uint64_t vocabulary = served.model().sizes().vocab;
+  if (jsonItems(array) > served.services.limits.tokenIds) {
+    fields.fail(key, fmt::format("has more than {} tokens", served.services.limits.tokenIds));
+    return;
+  }
   for (const std::string_view text : engine::jsonElements(array)) {
     uint32_t id = 0;
     const auto result = std::from_chars(text.data(), text.data() + text.size(), id);
     const bool isWhole = result.ec == std::errc() && result.ptr == text.data() + text.size();
     if (!isWhole || id >= vocabulary) {
-      fields.fail(key,
-                  fmt::format("must hold token ids: whole numbers from 0 to {}", vocabulary - 1));
+      fields.fail(key, fmt::format("must hold one text or token ids, whole numbers from 0 to {}",
+                                   vocabulary - 1));
       return;
     }
     out.push_back(static_cast<int32_t>(id));

@@ -28,6 +28,27 @@ std::string shown(std::string_view key) {
   return out;
 }
 
+// Brackets of the outermost thing and white space in it.
+constexpr std::string_view kBetween = "[]{} \t\r\n";
+
+// Calls visit(character, depth) for every character outside of strings and for the first of every
+// string; depth counts the brackets that are open, one that begins or ends there included.
+template <typename Visit>
+void walk(std::string_view json, Visit visit) {
+  size_t depth = 0;
+  for (size_t at = 0; at < json.size(); ++at) {
+    const char c = json[at];
+    depth += static_cast<size_t>(c == '[' || c == '{');
+    visit(c, depth);
+    depth -= static_cast<size_t>((c == ']' || c == '}') && depth > 0);
+    if (c == '"') {
+      for (++at; at < json.size() && json[at] != '"'; ++at) {
+        at += static_cast<size_t>(json[at] == '\\');
+      }
+    }
+  }
+}
+
 template <typename Number>
 std::optional<Number> wholeText(std::string_view json, Number& value) {
   const auto result = std::from_chars(json.data(), json.data() + json.size(), value);
@@ -52,23 +73,19 @@ std::optional<int64_t> wholeOf(std::string_view json) {
 }  // namespace
 
 size_t jsonDepth(std::string_view json) {
-  size_t depth = 0;
   size_t most = 0;
-  bool isString = false;
-  for (size_t i = 0; i < json.size(); ++i) {
-    const char c = json[i];
-    if (isString) {
-      i += static_cast<size_t>(c == '\\');
-      isString = c != '"';
-    } else if (c == '"') {
-      isString = true;
-    } else if (c == '[' || c == '{') {
-      most = std::max(most, ++depth);
-    } else if ((c == ']' || c == '}') && depth > 0) {
-      --depth;
-    }
-  }
+  walk(json, [&](char, size_t depth) { most = std::max(most, depth); });
   return most;
+}
+
+size_t jsonItems(std::string_view json) {
+  size_t commas = 0;
+  bool isEmpty = true;
+  walk(json, [&](char c, size_t depth) {
+    commas += static_cast<size_t>(c == ',' && depth == 1);
+    isEmpty = isEmpty && (depth == 0 || (depth == 1 && kBetween.find(c) != std::string_view::npos));
+  });
+  return isEmpty ? 0 : commas + 1;
 }
 
 bool isJsonObject(std::string_view text, size_t mostDepth, ApiError& error) {
@@ -120,12 +137,13 @@ Fields::Fields(std::string_view object, std::string objectPath, ApiError& firstE
     failAt(error, path, "must be an object");
     return;
   }
-  members = engine::jsonMembers(object);
-  asked.resize(members.size());
-  if (members.size() > kMostMembers) {
+  if (jsonItems(object) > kMostMembers) {
     failAt(error, path.empty() ? "the body" : path,
            fmt::format("has more than {} fields", kMostMembers));
+    return;
   }
+  members = engine::jsonMembers(object);
+  asked.resize(members.size());
 }
 
 std::string Fields::pathOf(std::string_view key) const {
@@ -228,12 +246,11 @@ std::optional<std::vector<std::string_view>> Fields::array(std::string_view key,
   if (!text) {
     return std::nullopt;
   }
-  std::vector<std::string_view> elements = engine::jsonElements(*text);
-  if (elements.size() > most) {
+  if (jsonItems(*text) > most) {
     fail(key, fmt::format("has more than {} elements", most));
     return std::nullopt;
   }
-  return elements;
+  return engine::jsonElements(*text);
 }
 
 bool Fields::require(std::string_view key) {

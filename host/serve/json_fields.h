@@ -41,6 +41,10 @@ bool isJsonObject(std::string_view text, size_t mostDepth, ApiError& error);
 // Brackets that are open at once, at most.
 size_t jsonDepth(std::string_view json);
 
+// Things between the outermost brackets of an array or object: what cutting it would take memory
+// for.
+size_t jsonItems(std::string_view json);
+
 // By its first character; text is one JSON value.
 engine::JsonKind kindOf(std::string_view json);
 

@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <ctime>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -31,33 +32,31 @@ Json modelObject(const ServedModel& served, std::string_view name) {
 
 }  // namespace
 
-void answerModelList(const ServedModel& served, HttpExchange& exchange) {
+void answerModelList(const SharedModel& served, const std::shared_ptr<HttpExchange>& exchange) {
+  const std::vector<std::string>& names = served->services.names;
   Json data = Json::array();
   Json models = Json::array();
-  for (const std::string& name : served.services.names) {
-    data.push_back(modelObject(served, name));
+  for (const std::string& name : names) {
+    data.push_back(modelObject(*served, name));
     models.push_back({{"name", name}, {"model", name}});
   }
-  answerJson(exchange, {{"object", "list"},
-                        {"data", std::move(data)},
-                        {"models", std::move(models)},
-                        {"has_more", false},
-                        {"first_id", served.services.names.front()},
-                        {"last_id", served.services.names.back()}});
+  answerJson(*exchange, {{"object", "list"},
+                         {"data", std::move(data)},
+                         {"models", std::move(models)},
+                         {"has_more", false},
+                         {"first_id", names.front()},
+                         {"last_id", names.back()}});
 }
 
 void answerModel(const ServedModel& served, std::string_view name, HttpExchange& exchange) {
-  if (served.hasName(name)) {
-    answerJson(exchange, modelObject(served, name));
-    return;
-  }
-  answerError(exchange, ErrorForm::Completions, unknownModel(served, name));
+  answerJson(exchange, modelObject(served, name));
 }
 
-void answerTokenize(const ServedModel& served, HttpExchange& exchange) {
+void answerTokenize(const SharedModel& sharedModel, const std::shared_ptr<HttpExchange>& exchange) {
+  const ServedModel& served = *sharedModel;
   ApiError error;
   std::vector<int32_t> ids;
-  const std::string& text = exchange.request().body;
+  const std::string& text = exchange->request().body;
   if (isJsonObject(text, served.services.limits.depth, error)) {
     Fields body(text, "", error);
     readModelName(body, served);
@@ -72,16 +71,18 @@ void answerTokenize(const ServedModel& served, HttpExchange& exchange) {
     }
   }
   if (error) {
-    answerError(exchange, ErrorForm::Completions, error);
+    answerError(*exchange, ErrorForm::Completions, error);
     return;
   }
-  answerJson(exchange, {{"tokens", ids}, {"count", ids.size()}});
+  answerJson(*exchange, {{"tokens", ids}, {"count", ids.size()}});
 }
 
-void answerDetokenize(const ServedModel& served, HttpExchange& exchange) {
+void answerDetokenize(const SharedModel& sharedModel,
+                      const std::shared_ptr<HttpExchange>& exchange) {
+  const ServedModel& served = *sharedModel;
   ApiError error;
   std::vector<int32_t> ids;
-  const std::string& text = exchange.request().body;
+  const std::string& text = exchange->request().body;
   if (isJsonObject(text, served.services.limits.depth, error)) {
     Fields body(text, "", error);
     readModelName(body, served);
@@ -95,10 +96,10 @@ void answerDetokenize(const ServedModel& served, HttpExchange& exchange) {
     body.finish();
   }
   if (error) {
-    answerError(exchange, ErrorForm::Completions, error);
+    answerError(*exchange, ErrorForm::Completions, error);
     return;
   }
-  answerJson(exchange, {{"text", decodeTokens(served, ids)}});
+  answerJson(*exchange, {{"text", decodeTokens(served, ids)}});
 }
 
 }  // namespace zym

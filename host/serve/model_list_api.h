@@ -2,6 +2,7 @@
 // model running.
 #pragma once
 
+#include <memory>
 #include <string_view>
 
 #include "host/serve/http_exchange.h"
@@ -9,10 +10,12 @@
 
 namespace zym {
 
-void answerModelList(const ServedModel& served, HttpExchange& exchange);
+void answerModelList(const SharedModel& served, const std::shared_ptr<HttpExchange>& exchange);
+
+// name: one of the model's.
 void answerModel(const ServedModel& served, std::string_view name, HttpExchange& exchange);
 
-void answerTokenize(const ServedModel& served, HttpExchange& exchange);
-void answerDetokenize(const ServedModel& served, HttpExchange& exchange);
+void answerTokenize(const SharedModel& served, const std::shared_ptr<HttpExchange>& exchange);
+void answerDetokenize(const SharedModel& served, const std::shared_ptr<HttpExchange>& exchange);
 
 }  // namespace zym

@@ -24,12 +24,12 @@ void readLogitBias(Fields& body, const ServedModel& served, GenerationRequest& o
     return;
   }
   const std::string path = body.pathOf("logit_bias");
-  const std::vector<engine::JsonMember> members = engine::jsonMembers(*object);
-  if (members.size() > served.services.limits.logitBiases) {
+  if (jsonItems(*object) > served.services.limits.logitBiases) {
     body.fail("logit_bias",
               fmt::format("has more than {} tokens", served.services.limits.logitBiases));
     return;
   }
+  const std::vector<engine::JsonMember> members = engine::jsonMembers(*object);
   Fields biases(*object, path, body.errors());
   const auto vocabulary = static_cast<int64_t>(served.model().sizes().vocab);
   for (const engine::JsonMember& member : members) {
@@ -62,17 +62,14 @@ bool mayThink(Fields& fields, std::string_view key, const ServedModel& served) {
 
 }  // namespace
 
-ApiError unknownModel(const ServedModel& served, std::string_view name) {
-  constexpr int kNotFound = 404;
-  return {kNotFound,
-          fmt::format("the model \"{}\" is not served here; \"{}\" is", name, served.name()),
-          "model", "model_not_found"};
-}
-
 void readModelName(Fields& body, const ServedModel& served) {
   const std::optional<std::string> name = body.string("model");
   if (name && !served.hasName(*name)) {
-    body.errors() = unknownModel(served, *name);
+    constexpr int kNotFound = 404;
+    body.errors() = {
+        kNotFound,
+        fmt::format("the model \"{}\" is not served here; \"{}\" is", *name, served.name()),
+        body.pathOf("model"), "model_not_found"};
   }
 }
 
@@ -147,11 +144,11 @@ void readStops(Fields& body, std::string_view key, const ApiLimits& limits,
   }
   std::vector<std::string_view> strings = {*value};
   if (kindOf(*value) == engine::JsonKind::Array) {
-    strings = engine::jsonElements(*value);
-    if (strings.size() > limits.stops) {
+    if (jsonItems(*value) > limits.stops) {
       body.fail(key, fmt::format("has more than {} strings", limits.stops));
       return;
     }
+    strings = engine::jsonElements(*value);
   }
   for (const std::string_view text : strings) {
     std::string stop =

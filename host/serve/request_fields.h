@@ -14,9 +14,6 @@
 
 namespace zym {
 
-// Status 404.
-ApiError unknownModel(const ServedModel& served, std::string_view name);
-
 // "model": one of the names, or absent. Another name gets status 404.
 void readModelName(Fields& body, const ServedModel& served);
 

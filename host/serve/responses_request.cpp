@@ -270,7 +270,7 @@ ApiError readResponseRequest(std::string_view text, const ServedModel& served,
   readStreamOptions(body, out.streams);
   const ToolUse tools = readTools(body, ToolPlace::Parameters, served);
   const auto form = readText(body, limits);
-  (void)body.object("metadata");
+  (void)readSchema(body, "metadata", limits);  // is repeated as a whole
   body.finish(kHarmlessInResponses);
   applyTools(tools, form, served, error, request);
   if (!error) {

@@ -175,6 +175,10 @@ AnswerForm callsForm(const ToolUse& use) {
 ToolUse readTools(Fields& body, ToolPlace place, const ServedModel& served) {
   ToolUse use;
   use.param = body.pathOf("tool_choice");
+  const size_t mostBytes = served.services.limits.toolsBytes;
+  if (body.value("tools").value_or("").size() > mostBytes) {
+    body.fail("tools", fmt::format("have more than {} bytes", mostBytes));
+  }
   if (const auto tools = body.array("tools", served.services.limits.tools)) {
     if (!tools->empty() && !served.knowsTools) {
       body.fail("tools", "are not known to this model");

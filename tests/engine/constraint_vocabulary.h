@@ -2,7 +2,9 @@
 // the tokens that frame.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -21,6 +23,7 @@ namespace engine::testing_support {
 struct VocabularySpec {
   bool highBytes = true;                  // bytes from 0x80 on are tokens
   bool callMarks = true;                  // the marks of calls are tokens
+  bool plainMarks = false;                // no token is typed as special
   std::vector<std::string> without = {};  // tokens that are left out
 };
 
@@ -33,8 +36,8 @@ struct ConstraintVocabulary {
       for (const char byte : bytes) {
         kel::appendLetter(static_cast<uint8_t>(byte), letters);
       }
-      for (const std::string& left : spec.without) {
-        letters = bytes == left ? "?" + letters + "?" : letters;
+      if (std::find(spec.without.begin(), spec.without.end(), bytes) != spec.without.end()) {
+        letters.append("?").append(letters);
       }
       source.tokens.push_back(letters);
       return letters;
@@ -45,17 +48,20 @@ struct ConstraintVocabulary {
     }
     // Each of two texts before it.
     const std::vector<std::pair<std::string, std::string>> merges = {
-        {"{", "\""},   {"\"", ":"},      {"\"", ","},      {"\",", "\""},        {"\":", "\""},
-        {"\":", " "},  {" ", "\""},      {"\"", "}"},      {"}", "}"},           {"]", "}"},
-        {"[", "]"},    {"{", "}"},       {"[", "{"},       {"}", ","},           {"\n", " "},
-        {"\n ", " "},  {" ", " "},       {"  ", "  "},     {"\n", "}"},          {"a", "b"},
-        {"ab", "c"},   {"n", "a"},       {"na", "m"},      {"nam", "e"},         {"t", "r"},
-        {"tr", "u"},   {"tru", "e"},     {"n", "u"},       {"nu", "l"},          {"nul", "l"},
-        {"1", "2"},    {"12", "3"},      {"0", "."},       {"\\", "u"},          {"\\", "n"},
-        {"\\", "\""},  {"\xC3", "\xA9"}, {"\xE6", "\xBC"}, {"\xE6\xBC", "\xA2"}, {"<", "/"},
-        {"</", "p"},   {">", "\n"},      {"<", "t"},       {"_", "c"},           {"=", "f"},
-        {"\"\"", "x"}, {"\"", "\""},     {", ", "\""},     {",", " "},           {"b", "\""},
-        {"b\"", ","},  {"x", "\":"},     {"p", "a"},       {"\n", "<"}};
+        {"{", "\""},      {"\"", ":"},      {"\"", ","},          {"\",", "\""},
+        {"\":", "\""},    {"\":", " "},     {" ", "\""},          {"\"", "}"},
+        {"}", "}"},       {"]", "}"},       {"[", "]"},           {"{", "}"},
+        {"[", "{"},       {"}", ","},       {"\n", " "},          {"\n ", " "},
+        {" ", " "},       {"  ", "  "},     {"\n", "}"},          {"a", "b"},
+        {"ab", "c"},      {"n", "a"},       {"na", "m"},          {"nam", "e"},
+        {"t", "r"},       {"tr", "u"},      {"tru", "e"},         {"n", "u"},
+        {"nu", "l"},      {"nul", "l"},     {"1", "2"},           {"12", "3"},
+        {"0", "."},       {"\\", "u"},      {"\\", "n"},          {"\\", "\""},
+        {"\xC3", "\xA9"}, {"\xE6", "\xBC"}, {"\xE6\xBC", "\xA2"}, {"<", "/"},
+        {"</", "p"},      {">", "\n"},      {"<", "t"},           {"_", "c"},
+        {"=", "f"},       {"\"\"", "x"},    {"\"", "\""},         {", ", "\""},
+        {",", " "},       {"b", "\""},      {"b\"", ","},         {"x", "\":"},
+        {"p", "a"},       {"\n", "<"},      {"\"", "\xE6\xBC"}};
     for (const auto& [left, right] : merges) {
       add(left + right);
       std::string rule;
@@ -71,7 +77,8 @@ struct ConstraintVocabulary {
     source.types.assign(source.tokens.size(), kel::convert::kNormalToken);
     const auto addSpecial = [&](std::string_view token) {
       source.tokens.emplace_back(token);
-      source.types.push_back(kel::convert::kControlToken);
+      source.types.push_back(spec.plainMarks ? kel::convert::kNormalToken
+                                             : kel::convert::kControlToken);
     };
     for (const std::string_view token : {kTextEnd, kTurnBegin, kTurnEnd, kThinkBegin, kThinkEnd}) {
       addSpecial(token);

@@ -462,13 +462,28 @@ TEST(ConstraintVocabularyTest, CharactersThatCannotBeEndedAreNotBegun) {
   };
   // At the start of a string and within it.
   GrammarConstraint constraint(grammar, ascii.trie, {});
-  for (const char c : std::string_view("[\"a")) {
-    constraint.accept(c);
-  }
+  constraint.accept('[');
+  constraint.allowed(mask);
+  EXPECT_FALSE(isAllowed("\"\xE6\xBC"));
+  constraint.accept('"');
+  constraint.accept('a');
   constraint.allowed(mask);
   EXPECT_TRUE(isAllowed("\xC3\xA9"));
   EXPECT_TRUE(isAllowed("\xE6\xBC\xA2"));
   EXPECT_FALSE(isAllowed("\xE6\xBC"));
+}
+
+// Replies end at such tokens and are taken apart at them, however a vocabulary types them.
+TEST(ConstraintVocabularyTest, MarksAreNoText) {
+  const ConstraintVocabulary plain({.plainMarks = true});
+  GrammarConstraint constraint(grammarOf(R"({"type":"string"})"), plain.trie, {});
+  constraint.accept('"');
+  TokenMask mask(plain.trie->vocabulary());
+  constraint.allowed(mask);
+  EXPECT_TRUE(mask.allows('<'));
+  for (const std::string_view mark : {kTurnEnd, kTextEnd, kTurnBegin, kThinkEnd, kCallBegin}) {
+    EXPECT_FALSE(mask.allows(static_cast<size_t>(plain.id(mark)))) << mark;
+  }
 }
 
 TEST(ConstraintVocabularyTest, VocabulariesThatCannotWriteTheTextsAreRefused) {

@@ -257,9 +257,11 @@ TEST(JsonSchemaTest, NumbersThatHaveBegunCanBeEndedWithinTheirBounds) {
       low.swap(high);
     }
     const std::string type = i % 2 == 0 ? "number" : "integer";
+    std::string schema = R"({"type":")";
+    schema.append(type).append(R"(","minimum":)").append(low);
+    schema.append(R"(,"maximum":)").append(high).append("}");
     std::shared_ptr<const Grammar> grammar;
-    const kel::Status status = compileSchema(
-        R"({"type":")" + type + R"(","minimum":)" + low + R"(,"maximum":)" + high + "}", grammar);
+    const kel::Status status = compileSchema(schema, grammar);
     if (!status.ok()) {
       EXPECT_EQ(type, "integer") << low << " " << high;
       EXPECT_GT(std::ceil(std::stold(low)), std::floor(std::stold(high)));
@@ -380,6 +382,14 @@ TEST(JsonSchemaTest, DocumentsNestToALimit) {
   EXPECT_TRUE(chain.ends(text + R"({"n":[[]]})" + std::string(61, '}')));
 }
 
+TEST(JsonSchemaTest, ElementsThatDoNotFitAreNotBegun) {
+  const Reading reading(R"({"prefixItems":[{"anyOf":[{"$ref":"#"},{"type":"null"}]},
+      {"type":"array","items":{"type":"array"},"minItems":1}]})");
+  EXPECT_TRUE(reading.begins(std::string(62, '[') + "null,[[]"));
+  EXPECT_TRUE(reading.begins(std::string(63, '[') + "null]"));
+  EXPECT_FALSE(reading.begins(std::string(63, '[') + "null,"));
+}
+
 TEST(JsonSchemaTest, KeywordsThatAreNotSupportedAreNamedWithTheirPlace) {
   for (const char* keyword :
        {"pattern", "not", "if", "uniqueItems", "multipleOf", "patternProperties", "propertyNames",
@@ -388,6 +398,8 @@ TEST(JsonSchemaTest, KeywordsThatAreNotSupportedAreNamedWithTheirPlace) {
               "schema: \"" + std::string(keyword) +
                   "\" is not supported, at #/properties/a/items/" + keyword);
   }
+  EXPECT_EQ(errorOf(R"({"properties":{"a/b~c":{"not":{}}}})"),
+            "schema: \"not\" is not supported, at #/properties/a~1b~0c/not");
   EXPECT_EQ(errorOf(R"({"$ref":"#","type":"null"})"),
             "schema: \"type\" beside \"$ref\" is not supported, at #/type");
   EXPECT_EQ(errorOf(R"({"anyOf":[{}],"minimum":1})"),
@@ -486,6 +498,36 @@ TEST(JsonSchemaTest, LimitsAreNamed) {
   EXPECT_EQ(errorOf(alternatives + "]}}}"),
             "schema: there are more than 128 alternatives, at #/properties/a");
   EXPECT_EQ(errorOf(values + "]}}}"), "");
+}
+
+TEST(JsonSchemaTest, ObjectsHaveABoundedNumberOfFreeKeys) {
+  const Reading reading(R"({"type":"object"})");
+  std::string text = "{";
+  for (uint32_t i = 0; i < kMaxAdditional; ++i) {
+    text += (i == 0 ? "\"" : ",\"") + std::to_string(i) + "\":0";
+  }
+  EXPECT_TRUE(reading.ends(text + "}"));
+  EXPECT_FALSE(reading.begins(text + ","));
+}
+
+// Every level doubles the ways to read the text.
+TEST(JsonSchemaTest, ManyWaysToReadATextAreFollowedUpToALimit) {
+  std::shared_ptr<const Grammar> grammar;
+  const kel::Status status = compileSchema(
+      R"({"anyOf":[{"type":"array","items":{"$ref":"#"},"maxItems":1},
+          {"type":"array","items":{"$ref":"#"},"maxItems":2},{"type":"null"}]})",
+      grammar);
+  ASSERT_TRUE(status.ok()) << status.message;
+  GrammarMachine machine(*grammar, true);
+  GrammarMachine::Places places = machine.begin(false);
+  GrammarMachine::Places next;
+  for (const char c : std::string(20, '[') + "null" + std::string(20, ']')) {
+    machine.step(places, static_cast<uint8_t>(c), next);
+    places.swap(next);
+    ASSERT_FALSE(places.empty());
+    ASSERT_LE(places.size(), GrammarMachine::kMaxPlaces);
+  }
+  EXPECT_TRUE(machine.isComplete(places));
 }
 
 TEST(JsonSchemaTest, LongListsOfValuesAndPropertiesAreRead) {

@@ -18,7 +18,11 @@ const std::vector<Tool> kTools = {
     "a":{"type":"array"},"o":{"type":"object"},"z":{"type":"null"},
     "sn":{"type":["string","null"]},"in":{"type":["integer","null"]},
     "any":{"anyOf":[{"type":"integer"},{"type":"array"}]},"one":{"oneOf":[{"type":"boolean"}]},
-    "free":{"description":"x"},"true":true,"odd":{"type":7}}}}})"},
+    "free":{"description":"x"},"true":true,"odd":{"type":7},
+    "ref":{"$ref":"#/$defs/place"},"maybe":{"anyOf":[{"$ref":"#/$defs/place"},{"type":"null"}]},
+    "all":{"allOf":[{"$ref":"#/$defs/place"}]},"loop":{"$ref":"#/$defs/loop"},
+    "listed":{"enum":[1,"a"]},"fixed":{"const":2},"nowhere":{"$ref":"#/$defs/none"}},
+  "$defs":{"place":{"type":"object"},"loop":{"anyOf":[{"$ref":"#/$defs/loop"},{"type":"array"}]}}}}})"},
     {R"({"name":"flat","parameters":{"properties":{"n":{"type":"number"}}}})"},
     {"[1"},
     {R"({"name":"bad",,"parameters":{"properties":{"n":{"type":"number"}}}})"}};
@@ -217,6 +221,22 @@ TEST(ReplyParser, SeveralKindsTakeWhatFits) {
   EXPECT_EQ("5", argument("any", "5"));
   EXPECT_EQ("\"{}\"", argument("any", "{}"));
   EXPECT_EQ("true", argument("one", "True"));
+}
+
+TEST(ReplyParser, KindsAreThoseOfTheSchemasThatAreReferredTo) {
+  EXPECT_EQ("{\"x\": 1}", argument("ref", "{\"x\":1}"));
+  EXPECT_EQ("\"5\"", argument("ref", "5"));
+  EXPECT_EQ("{\"x\": 1}", argument("maybe", "{\"x\":1}"));
+  EXPECT_EQ("null", argument("maybe", "None"));
+  EXPECT_EQ("{}", argument("all", "{}"));
+  EXPECT_EQ("[5]", argument("loop", "[5]"));
+  EXPECT_EQ("\"5\"", argument("nowhere", "5"));
+}
+
+TEST(ReplyParser, ListedValuesTellTheirKinds) {
+  EXPECT_EQ("1", argument("listed", "1"));
+  EXPECT_EQ("\"a\"", argument("listed", "a"));
+  EXPECT_EQ("2", argument("fixed", "2"));
 }
 
 TEST(ReplyParser, ValuesWithoutASchemaStayText) {

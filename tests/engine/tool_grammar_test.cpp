@@ -129,6 +129,21 @@ TEST(ToolGrammarTest, NamedFunctionsAndSingleCallsAreKept) {
   EXPECT_FALSE(Reading(two, call("now", "") + "\n" + call("now", "") + "\n").begins);
 }
 
+TEST(ToolGrammarTest, ReferencesLeadToWordsAndToJson) {
+  const auto grammar = grammarOf({{R"({"name":"f","parameters":{"properties":{
+      "colour":{"$ref":"#/$defs/colour"},"place":{"anyOf":[{"$ref":"#/$defs/place"},{"type":"null"}]}},
+      "$defs":{"colour":{"enum":["red","green"],"type":"string"},
+          "place":{"type":"object","properties":{"x":{"type":"integer"}}}}}})"}});
+  for (const std::string& good : {parameter("colour", "red"), parameter("place", R"({"x": 1})"),
+                                  parameter("place", "null")}) {
+    EXPECT_TRUE(Reading(grammar, call("f", good)).ends) << good;
+  }
+  for (const std::string& bad : {parameter("colour", "blue"), parameter("place", R"({"y": 1})"),
+                                 parameter("place", "here")}) {
+    EXPECT_FALSE(Reading(grammar, call("f", bad)).ends) << bad;
+  }
+}
+
 TEST(ToolGrammarTest, KeywordsThatAreNotSupportedMatterToStrictToolsAlone) {
   const auto tool = [](const std::string& strict, const std::string& property) {
     return std::vector<Tool>{{R"({"name":"f","strict":)" + strict +

@@ -6,11 +6,17 @@
 namespace kel::test {
 
 std::atomic<size_t> nAllocations = 0;
+thread_local long allocationsLeft = -1;
 
 }  // namespace kel::test
 
 void* operator new(size_t size, const std::nothrow_t& /*tag*/) noexcept {
   ++kel::test::nAllocations;
+  long& left = kel::test::allocationsLeft;
+  if (left == 0) {
+    return nullptr;
+  }
+  left -= left > 0 ? 1 : 0;
   return std::malloc(size);
 }
 void* operator new(size_t size) {

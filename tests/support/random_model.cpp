@@ -280,6 +280,9 @@ kel::Status writeRandomModel(const std::string& path, const RandomModelSpec& spe
   if (!spec.chatTemplate.empty()) {
     writer.addMetaStr("tokenizer.chat_template", spec.chatTemplate);
   }
+  for (const auto& [key, text] : spec.texts) {
+    writer.addMetaStr(key, text);
+  }
   if (spec.statesShape) {
     kel::writeShape(writer, spec.shape, {spec.hidden, spec.ffn, spec.vocab}, 0);
   }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "container/model_shape.h"
@@ -42,7 +43,8 @@ struct RandomModelSpec {
   size_t blocks = 32;
   std::string architecture = "qwen35";  // empty: the metadata has none
   std::string chatTemplate{};           // of the metadata; empty: they have none
-  kel::TokenizerData tokenizer{};       // when it has no tokens: tokens "<0>", "<1>", ...
+  std::vector<std::pair<std::string, std::string>> texts{};  // further metadata
+  kel::TokenizerData tokenizer{};  // when it has no tokens: tokens "<0>", "<1>", ...
   uint64_t seed = 1;
   // Of a matrix; further rows repeat the ones before, so that any size is written in little memory.
   uint64_t distinctBytes = UINT64_MAX;

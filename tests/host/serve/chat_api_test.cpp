@@ -231,6 +231,17 @@ TEST_F(ChatApi, LogProbabilitiesOfAWholeAnswer) {
             Json::parse(exchange->written)["choices"][0]["logprobs"].dump());
 }
 
+TEST_F(ChatApi, LogProbabilitiesShowSpacesAsSuch) {
+  const auto exchange = ask(R"("logprobs": true)");
+  GenerationSink& sink = *service.queue.sink;
+  sink.started(10, 0);
+  sink.token(0, {{kel::test::chatId("\u2581"), -0.5}, {}});
+  sink.event(0, answer(" "));
+  sink.finished(0, reply(ReplyEnd::Stop, 3));
+  sink.done();
+  EXPECT_EQ(" ", Json::parse(exchange->written)["choices"][0]["logprobs"]["content"][0]["token"]);
+}
+
 TEST_F(ChatApi, OutputIsValidUtf8) {
   const Json body = Json::parse(answerTo("",
                                          {answer("a\xFF"

@@ -45,6 +45,15 @@ TEST(JsonObjects, NestUpToADepth) {
   EXPECT_EQ(2U, jsonDepth(R"({"[[[[": "\"[[[[", "b": []})"));
 }
 
+TEST(JsonItems, AreCountedWithoutCutting) {
+  EXPECT_EQ(0U, jsonItems("[]"));
+  EXPECT_EQ(0U, jsonItems(" { } "));
+  EXPECT_EQ(1U, jsonItems("[0]"));
+  EXPECT_EQ(1U, jsonItems("[\",\\\",\"]"));
+  EXPECT_EQ(1U, jsonItems("[[1, 2]]"));
+  EXPECT_EQ(2U, jsonItems(R"({"a,b": [1, 2], "c": ","})"));
+}
+
 TEST(Fields, GiveWhatIsThere) {
   ApiError error;
   const std::string json =

@@ -72,12 +72,12 @@ class ServedReplies : public testing::Test {
     services.constrain = answerConstraints(*services.model);
     services.random = [this] { return ++randomNumber; };
     services.now = [] { return int64_t{0}; };
-    api = std::make_unique<Api>(services);
+    addApi(services, routes);
   }
 
   std::shared_ptr<AwaitedExchange> ask(const std::string& path, const std::string& fields) {
     const auto exchange = std::make_shared<AwaitedExchange>("POST", path, "{" + fields + "}");
-    EXPECT_TRUE(api->handle(exchange));
+    (*routes.find("POST", path).handler)(exchange);
     exchange->wait();
     return exchange;
   }
@@ -89,7 +89,7 @@ class ServedReplies : public testing::Test {
 
   std::unique_ptr<Scheduler> scheduler;
   std::atomic<uint64_t> randomNumber = 0;
-  std::unique_ptr<Api> api;
+  HttpRoutes routes;
 };
 
 const std::string kHello = R"("messages": [{"role": "user", "content": "hello"}])";

@@ -103,6 +103,7 @@ TEST_F(Tools, ThatAreRefused) {
             paramOf(with(R"({"type": "function", "function": {"name": "f", "odd": 1}})")));
   EXPECT_EQ("tools[0].odd",
             paramOf(with(R"({"type": "function", "odd": 1, "function": {"name": "f"}})")));
+  EXPECT_EQ("tools", paramOf(R"({"tools": [")" + std::string(1 << 20, 'x') + "\"]}"));
   EXPECT_EQ("parallel_tool_calls", paramOf(R"({"parallel_tool_calls": 1})"));
   served.knowsTools = false;
   EXPECT_EQ("tools", paramOf(with(tool("f"))));
