@@ -148,7 +148,7 @@ void addPage(HttpRoutes& routes) {
   }
 }
 
-HttpRoutes routesOf(const std::shared_ptr<const Api>& api, const Scheduler& scheduler,
+HttpRoutes routesOf(const ApiServices& services, const Scheduler& scheduler,
                     const HttpServer& server) {
   HttpRoutes routes;
   addHealth(routes);
@@ -160,13 +160,7 @@ HttpRoutes routesOf(const std::shared_ptr<const Api>& api, const Scheduler& sche
                                                           .residentBytes = memory.resident,
                                                           .mappedBytes = memory.file}));
   });
-  routes.addRest([api](const std::shared_ptr<HttpExchange>& exchange) {
-    if (!api->handle(exchange)) {
-      const std::string& path = exchange->request().path;
-      exchange->answer(404, "application/json",
-                       refusalBody({404, "not_found", "there is nothing at " + path, {}}, path));
-    }
-  });
+  addApi(services, routes);
   return routes;
 }
 
@@ -248,9 +242,9 @@ int serve(ServeOptions& options) {
   }
   HttpServer server;
   if (status.ok()) {
-    const auto api = std::make_shared<const Api>(servicesOf(model, *scheduler, options));
     status = server.start(options.http,
-                          {routesOf(api, *scheduler, server), options.policy, options.limits});
+                          {routesOf(servicesOf(model, *scheduler, options), *scheduler, server),
+                           options.policy, options.limits});
   }
   if (!status.ok()) {
     complain(status.message);

@@ -293,24 +293,6 @@ TEST_F(HttpServerTest, UnknownPathsAndMethodsAreToldOf) {
   EXPECT_EQ(nlohmann::json::parse(caller.read().body)["type"], "error");
 }
 
-TEST_F(HttpServerTest, PathsWithoutARouteMayHaveAHandlerOfTheirOwn) {
-  service.policy.keys = ApiKeys({"alpha"});
-  service.routes.addRest([](const std::shared_ptr<HttpExchange>& exchange) {
-    exchange->answer(200, "text/plain",
-                     exchange->request().method + " " + exchange->request().path);
-  });
-  start();
-  HttpClient caller = client();
-  caller.ask("DELETE", "/v1/models/some/name", "X-Api-Key: alpha\r\n");
-  EXPECT_EQ(caller.read().body, "DELETE /v1/models/some/name");
-  caller.ask("DELETE", "/v1/models/some/name");
-  EXPECT_EQ(caller.read().status, 401);
-  caller.ask("DELETE", "/wait", "X-Api-Key: alpha\r\n");
-  EXPECT_EQ(caller.read().status, 405);
-  caller.ask("OPTIONS", "/v1/models");
-  EXPECT_EQ(caller.read().status, 204);
-}
-
 TEST_F(HttpServerTest, MalformedRequestsAreRefused) {
   start();
   const std::string host = "Host: localhost\r\n";
