@@ -374,17 +374,25 @@ Status openModel(const std::string& path, std::shared_ptr<const engine::Model>& 
   return {status.code, path + ": " + status.message + advice};
 }
 
+Status checkPositions(const std::string& path, const engine::Model& model, uint64_t positions) {
+  const uint64_t most = model.shape().contextLength;
+  if (positions <= most) {
+    return Status::success();
+  }
+  return Status::invalid(path + ": --context " + std::to_string(positions) +
+                         " is more than the model has room for; 1 to " + std::to_string(most) +
+                         " can be");
+}
+
 Status openContext(const std::string& modelPath, const engine::ContextOptions& options,
                    std::unique_ptr<engine::Context>& context) {
   std::shared_ptr<const engine::Model> model;
   Status status = openModel(modelPath, model);
+  if (status.ok()) {
+    status = checkPositions(modelPath, *model, options.positions);
+  }
   if (!status.ok()) {
     return status;
-  }
-  if (options.positions > model->shape().contextLength) {
-    return Status::invalid(modelPath + ": --context " + std::to_string(options.positions) +
-                           " is more than the model has room for; 1 to " +
-                           std::to_string(model->shape().contextLength) + " can be");
   }
   status = engine::Context::create(std::move(model), options, context);
   return status.ok() ? status : Status{status.code, modelPath + ": " + status.message};

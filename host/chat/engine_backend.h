@@ -2,6 +2,7 @@
 // replies as long as the context, prompts that can be watched and stopped.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -15,7 +16,10 @@ namespace zym {
 // Opens the container at path. Messages name it and say what to do.
 kel::Status openModel(const std::string& path, std::shared_ptr<const engine::Model>& model);
 
-// The same, and a context over it.
+// Invalid where the model at path has no room for so many positions.
+kel::Status checkPositions(const std::string& path, const engine::Model& model, uint64_t positions);
+
+// A model, and a context over it.
 kel::Status openContext(const std::string& modelPath, const engine::ContextOptions& options,
                         std::unique_ptr<engine::Context>& context);
 

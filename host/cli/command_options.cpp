@@ -81,13 +81,7 @@ void addSampling(CLI::App& command, Sampling& sampling) {
   addSetting(command, "seed", "Start of the random numbers, or \"random\", the default", sampling);
 }
 
-ConversationOptions addReply(CLI::App& command, EngineOptions& options) {
-  command
-      .add_option("--max-tokens", options.maxTokens,
-                  "Tokens of a reply at most (default: as many as the context has room for)")
-      ->check(CLI::Range(1, 262144))
-      ->type_name("N");
-  addStop(command, options);
+void addContext(CLI::App& command, EngineOptions& options) {
   command
       .add_option("--context", options.positions,
                   "Positions of the context, at most the model's own (default: those, at most "
@@ -105,6 +99,16 @@ ConversationOptions addReply(CLI::App& command, EngineOptions& options) {
           },
           "Type of the attention caches: bf16 takes half of the memory of f32, the default")
       ->type_name("f32|bf16");
+}
+
+ConversationOptions addReply(CLI::App& command, EngineOptions& options) {
+  command
+      .add_option("--max-tokens", options.maxTokens,
+                  "Tokens of a reply at most (default: as many as the context has room for)")
+      ->check(CLI::Range(1, 262144))
+      ->type_name("N");
+  addStop(command, options);
+  addContext(command, options);
   auto* system =
       command.add_option("--system", options.system, "System message in front of the conversation")
           ->type_name("TEXT");

@@ -22,6 +22,7 @@ void addCommands(CLI::App& program, Action& action);
 
 void addChat(CLI::App& program, Action& action);
 void addRun(CLI::App& program, Action& action);
+void addServe(CLI::App& program, Action& action);
 void addBench(CLI::App& program, Action& action);
 void addInfo(CLI::App& program, Action& action);
 void addCheck(CLI::App& program, Action& action);
@@ -40,6 +41,8 @@ void addRaw(CLI::App& command, bool& raw);
 // Returned are the options that conversations alone have.
 using ConversationOptions = std::array<CLI::Option*, 3>;
 ConversationOptions addReply(CLI::App& command, EngineOptions& options);
+// Size and type of a context.
+void addContext(CLI::App& command, EngineOptions& options);
 // Puts examples below a command's help.
 void addExamples(CLI::App& command, const std::string& lines);
 

@@ -93,6 +93,7 @@ void addCommands(CLI::App& program, Action& action) {
       ->trigger_on_parse();
   addChat(program, action);
   addRun(program, action);
+  addServe(program, action);
   addBench(program, action);
   addInfo(program, action);
   addCheck(program, action);

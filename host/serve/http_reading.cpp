@@ -201,7 +201,7 @@ HttpRefusal HttpReading::faultOfTarget() const {
     }
     return {204, "", "", std::move(headers)};
   }
-  if (match.handler == nullptr && match.allowed.empty()) {
+  if (match.allowed.empty()) {
     return {404, "not_found", "there is nothing at " + asked.path, {}};
   }
   if (match.handler == nullptr) {

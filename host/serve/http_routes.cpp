@@ -13,7 +13,6 @@ HttpRoutes::Match HttpRoutes::find(std::string_view method, const std::string& p
   Match match;
   const auto methods = paths.find(path);
   if (methods == paths.end()) {
-    match.handler = rest && method != "OPTIONS" ? &rest : nullptr;
     return match;
   }
   const auto route = methods->second.find(method == "HEAD" ? "GET" : method);

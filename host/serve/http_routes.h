@@ -6,7 +6,6 @@
 #include <map>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "host/serve/http_exchange.h"
 
@@ -23,10 +22,6 @@ class HttpRoutes {
   void add(const std::string& method, const std::string& path, HttpHandler handler,
            RouteAccess access = RouteAccess::Keyed);
 
-  // What answers all paths without a route: it tells itself which of them there are, and with which
-  // methods but OPTIONS.
-  void addRest(HttpHandler handler) { rest = std::move(handler); }
-
   struct Match {
     const HttpHandler* handler = nullptr;  // null: none for this path, or none for this method
     RouteAccess access = RouteAccess::Keyed;
@@ -40,7 +35,6 @@ class HttpRoutes {
     RouteAccess access = RouteAccess::Keyed;
   };
   std::map<std::string, std::map<std::string, Route, std::less<>>> paths;  // then by method
-  HttpHandler rest;
 };
 
 }  // namespace zym

@@ -441,7 +441,8 @@ void HttpServer::State::noticeEnd(void* self, MHD_Connection* polled, void** /*c
 
 void HttpServer::State::finish(Connection& connection) {
   if (connection.channel != nullptr) {
-    connection.isWhole = connection.channel->detach();
+    const bool isAllTaken = connection.channel->detach();
+    connection.isWhole = isAllTaken || connection.method == "HEAD";
     watch.release(connection.id);
   }
   watch.readUntil(connection.id, Clock::now() + service.limits.idleTimeout, false);
