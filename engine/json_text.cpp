@@ -69,24 +69,6 @@ std::vector<std::string_view> cutItems(std::string_view json) {
   return items;
 }
 
-JsonKind kindByFirst(char first) {
-  switch (first) {
-    case '"':
-      return JsonKind::String;
-    case '[':
-      return JsonKind::Array;
-    case '{':
-      return JsonKind::Object;
-    case 't':
-    case 'f':
-      return JsonKind::Boolean;
-    case 'n':
-      return JsonKind::Null;
-    default:
-      return JsonKind::Number;
-  }
-}
-
 void appendSpaced(std::string_view json, size_t at, std::string& out) {
   switch (const char c = json[at]) {
     case ',':
@@ -109,6 +91,24 @@ void appendSpaced(std::string_view json, size_t at, std::string& out) {
 }
 
 }  // namespace
+
+JsonKind kindByFirst(char first) {
+  switch (first) {
+    case '"':
+      return JsonKind::String;
+    case '[':
+      return JsonKind::Array;
+    case '{':
+      return JsonKind::Object;
+    case 't':
+    case 'f':
+      return JsonKind::Boolean;
+    case 'n':
+      return JsonKind::Null;
+    default:
+      return JsonKind::Number;
+  }
+}
 
 std::optional<JsonKind> jsonKind(std::string_view text) {
   const std::string_view value = withoutSpace(text);

@@ -15,6 +15,9 @@ enum class JsonKind : uint8_t { String, Number, Boolean, Null, Array, Object };
 // Of a text that is one JSON value in UTF-8, white space around it aside; none for any other text.
 std::optional<JsonKind> jsonKind(std::string_view text);
 
+// The kind of a JSON value by the first character of its text.
+JsonKind kindByFirst(char first);
+
 // The functions below take text that is JSON of the kind they name; anything else gives some result
 // without meaning.
 

@@ -92,24 +92,6 @@ Texts bareValues(const JsonValue& schema) {
   return texts;
 }
 
-JsonKind kindOf(const std::string& json) {
-  switch (json.front()) {
-    case '{':
-      return JsonKind::Object;
-    case '[':
-      return JsonKind::Array;
-    case '"':
-      return JsonKind::String;
-    case 't':
-    case 'f':
-      return JsonKind::Boolean;
-    case 'n':
-      return JsonKind::Null;
-    default:
-      return JsonKind::Number;
-  }
-}
-
 unsigned bitOf(JsonKind kind) {
   return 1U << static_cast<unsigned>(kind);
 }
@@ -117,7 +99,7 @@ unsigned bitOf(JsonKind kind) {
 unsigned kindsOf(const Texts& texts) {
   unsigned kinds = 0;
   for (const std::string& text : texts) {
-    kinds |= bitOf(kindOf(text));
+    kinds |= bitOf(kindByFirst(text.front()));
   }
   return kinds;
 }
@@ -138,7 +120,7 @@ unsigned kindsOf(const GrammarNode& node) {
 
 // Equal numbers, arrays and objects may be spelt differently, but for numbers in plain digits.
 bool hasOneSpelling(const std::string& text) {
-  const JsonKind kind = kindOf(text);
+  const JsonKind kind = kindByFirst(text.front());
   return kind == JsonKind::Number ? isWholeNumber(text) && text != "-0"
                                   : kind != JsonKind::Array && kind != JsonKind::Object;
 }
