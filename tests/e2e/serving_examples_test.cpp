@@ -93,7 +93,7 @@ class ServingExamplesTest : public testing_support::ServeProgramTest {
     const std::string documented = "http://127.0.0.1:8080/";
     const size_t at = command.find(documented);
     if (at == std::string::npos) {
-      return {.err = "asks nothing at " + documented};
+      return {.status = -1, .out = "", .err = "asks nothing at " + documented};
     }
     command.replace(at, documented.size(), "http://127.0.0.1:" + std::to_string(port) + "/");
     return testing_support::runProcess({"sh", "-c", command});
