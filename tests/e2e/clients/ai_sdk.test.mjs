@@ -3,7 +3,7 @@ import { test } from 'node:test';
 import { createOpenAICompatible } from '@ai-sdk/openai-compatible';
 import { APICallError, generateText, jsonSchema, Output, streamText, tool } from 'ai';
 import {
-  assertWord, hello, lookUpSchema, toolsUrl, url, withoutTools, wordSchema,
+  assertCancels, assertWord, endless, hello, lookUpSchema, toolsUrl, url, withoutTools, wordSchema,
 } from './server.mjs';
 
 const providerOf = (base) => createOpenAICompatible({
@@ -23,6 +23,7 @@ test('text is generated', async () => {
   assert.equal(result.finishReason, 'stop');
   assert.ok(result.usage.inputTokens > 0);
   assert.ok(result.usage.outputTokens > 0);
+  assert.ok((await generateText(asked)).usage.inputTokenDetails.cacheReadTokens > 0);
 });
 
 test('text streams', async () => {
@@ -56,15 +57,24 @@ test('errors have a status and a message', async () => {
 });
 
 test('a stream can be given up', async () => {
-  const controller = new AbortController();
-  const result = streamText({ ...asked, abortSignal: controller.signal, onError() {} });
-  let pieces = 0;
-  for await (const part of result.fullStream) {
-    if (part.type === 'text-delta' && ++pieces === 2) {
-      controller.abort();
+  const { max_tokens: maxOutputTokens, logit_bias } = await endless();
+  await assertCancels(assert, async () => {
+    const controller = new AbortController();
+    const result = streamText({
+      ...asked,
+      maxOutputTokens,
+      providerOptions: { zym: { logit_bias } },
+      abortSignal: controller.signal,
+      onError() {},
+    });
+    let pieces = 0;
+    for await (const part of result.fullStream) {
+      if (part.type === 'text-delta' && ++pieces === 2) {
+        controller.abort();
+      }
     }
-  }
-  assert.ok(controller.signal.aborted);
+    assert.ok(controller.signal.aborted);
+  });
   assert.equal((await generateText(asked)).text, hello);
 });
 

@@ -1,7 +1,9 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 import Anthropic from '@anthropic-ai/sdk';
-import { hello, lookUpSchema, toolsUrl, url, withoutTools } from './server.mjs';
+import {
+  assertCancels, endless, hello, lookUpSchema, toolsUrl, url, withoutTools,
+} from './server.mjs';
 
 const options = { apiKey: 'none', maxRetries: 0 };
 const client = new Anthropic({ ...options, baseURL: url });
@@ -33,9 +35,12 @@ test('a message streams', async () => {
 });
 
 test('a stream can be given up', async () => {
-  const stream = client.messages.stream(asked);
-  stream.on('text', () => stream.abort());
-  await assert.rejects(stream.finalMessage(), Anthropic.APIUserAbortError);
+  const settings = { ...asked, ...await endless() };
+  await assertCancels(assert, async () => {
+    const stream = client.messages.stream(settings);
+    stream.on('text', () => stream.abort());
+    await assert.rejects(stream.finalMessage(), Anthropic.APIUserAbortError);
+  });
   assert.equal((await client.messages.create(asked)).content[0].text, hello);
 });
 

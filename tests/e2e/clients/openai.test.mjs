@@ -4,12 +4,13 @@ import OpenAI from 'openai';
 import { zodResponseFormat } from 'openai/helpers/zod';
 import { z } from 'zod';
 import {
-  assertWord, greedy, hello, lookUpSchema, toolsUrl, url, withoutTools, wordSchema,
+  assertCancels, assertWord, endless, greedy, hello, lookUpSchema, toolsUrl, url, withoutTools,
+  wordSchema,
 } from './server.mjs';
 
 const options = { apiKey: 'none', maxRetries: 0 };
 const client = new OpenAI({ ...options, baseURL: `${url}/v1` });
-const withTools = new OpenAI({ ...options, baseURL: `${toolsUrl ?? url}/v1` });
+const withTools = new OpenAI({ ...options, baseURL: `${toolsUrl || url}/v1` });
 
 const model = (await client.models.list()).data[0].id;
 const toolsModel = (await withTools.models.list()).data[0].id;
@@ -31,6 +32,16 @@ test('a chat is answered, and not read twice', async () => {
   assert.ok(reply.usage.prompt_tokens_details.cached_tokens > 0);
 });
 
+test('an answer that is awaited whole can be given up', async () => {
+  const settings = { ...chat, ...await endless() };
+  await assertCancels(assert, async () => {
+    const controller = new AbortController();
+    const reply = client.chat.completions.create(settings, { signal: controller.signal });
+    setTimeout(() => controller.abort(), 300);
+    await assert.rejects(reply, OpenAI.APIUserAbortError);
+  });
+});
+
 test('a chat streams', async () => {
   const stream = client.chat.completions.stream({
     ...chat, stream_options: { include_usage: true },
@@ -49,13 +60,16 @@ test('a chat streams', async () => {
 });
 
 test('a stream can be given up', async () => {
-  const stream = await client.chat.completions.create({ ...chat, stream: true });
-  for await (const chunk of stream) {
-    if (chunk.choices[0]?.delta.content) {
-      break;
+  const settings = { ...chat, ...await endless(), stream: true };
+  await assertCancels(assert, async () => {
+    const stream = await client.chat.completions.create(settings);
+    for await (const chunk of stream) {
+      if (chunk.choices[0]?.delta.content) {
+        break;
+      }
     }
-  }
-  assert.ok(stream.controller.signal.aborted);
+    assert.ok(stream.controller.signal.aborted);
+  });
   const reply = await client.chat.completions.create(chat);
   assert.equal(reply.choices[0].message.content, hello);
 });
@@ -130,6 +144,7 @@ test('a response', async () => {
   const whole = await client.responses.create(asked);
   assert.equal(whole.output_text, hello);
   assert.equal(whole.status, 'completed');
+  assert.ok(whole.usage.input_tokens_details.cached_tokens > 0, 'the chats above began alike');
   const stream = client.responses.stream(asked);
   let text = '';
   stream.on('response.output_text.delta', (event) => {
