@@ -258,13 +258,28 @@ int serve(ServeOptions& options) {
 }
 
 // A list of which every mention gives one.
-void addList(CLI::App& command, const char* name, const char* type, const char* what,
-             std::vector<std::string>& list) {
-  command
+CLI::Option* addList(CLI::App& command, const char* name, const char* type, const char* what,
+                     std::vector<std::string>& list) {
+  return command
       .add_option_function<std::string>(
           name, [&list](const std::string& word) { list.push_back(word); }, what)
       ->type_name(type)
       ->trigger_on_parse();
+}
+
+// What is compared with headers must be as it stands there: another spelling would let nobody in.
+std::string hostNameFault(const std::string& name) {
+  const bool isName = !name.empty() && name.find_first_of("/[] ") == std::string::npos &&
+                      std::count(name.begin(), name.end(), ':') != 1;
+  return isName ? "" : name + " is no name of a server, as example.org: it has no port";
+}
+
+std::string originFault(const std::string& origin) {
+  const size_t scheme = origin.find("://");
+  const bool isOrigin = scheme != std::string::npos && scheme > 0 &&
+                        !hostOf(std::string_view(origin).substr(scheme + 3)).empty() &&
+                        origin.find('/', scheme + 3) == std::string::npos;
+  return isOrigin || origin == "*" ? "" : origin + " is no origin, as https://example.org";
 }
 
 void addSeconds(CLI::App& command, const char* name, const char* what, milliseconds& time) {
@@ -319,10 +334,12 @@ void addReach(CLI::App& command, ServeOptions& options) {
       ->type_name("FILE");
   addList(command, "--host-name", "NAME",
           "Name of this server besides localhost and its address; may be repeated",
-          options.policy.hostNames);
+          options.policy.hostNames)
+      ->check(hostNameFault);
   addList(command, "--cors", "ORIGIN",
           "Origin of pages elsewhere that may ask, as https://example.org; may be repeated",
-          options.policy.origins);
+          options.policy.origins)
+      ->check(originFault);
 }
 
 void addLimits(CLI::App& command, ServeOptions& options) {

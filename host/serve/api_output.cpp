@@ -71,9 +71,9 @@ void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error) 
   exchange.answer(error.status, kJsonType, jsonText(errorBody(form, error)), headers);
 }
 
-ApiError errorOf(const kel::Status& status) {
+ApiError errorOf(const kel::Status& status, std::string_view prompt) {
   if (status.message.starts_with(kTooLong)) {
-    return {kBadRequest, status.message, "messages", "context_length_exceeded"};
+    return {kBadRequest, status.message, std::string(prompt), "context_length_exceeded"};
   }
   if (status.code == kel::StatusCode::InvalidFormat) {
     return {kBadRequest, status.message, {}};
@@ -127,7 +127,7 @@ void ApiSink::done() {
 }
 
 void ApiSink::failed(const kel::Status& status) {
-  fail(errorOf(status));
+  fail(errorOf(status, promptField()));
 }
 
 void ApiSink::fail(const ApiError& error) {

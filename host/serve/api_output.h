@@ -28,8 +28,8 @@ Json errorBody(ErrorForm form, const ApiError& error);
 void answerJson(HttpExchange& exchange, const Json& body);
 void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error);
 
-// Of a request that the scheduler gave back.
-ApiError errorOf(const kel::Status& status);
+// Of a request that the scheduler gave back. prompt: the field that its prompt comes from.
+ApiError errorOf(const kel::Status& status, std::string_view prompt);
 
 // One server-sent event; without a name where it is empty.
 std::string serverEvent(std::string_view name, const Json& data);
@@ -55,6 +55,7 @@ class ApiSink : public GenerationSink {
   const volatile int* cancel() const final { return exchange->gone(); }
 
  protected:
+  virtual std::string_view promptField() const { return "messages"; }
   virtual void opened() {}  // streamed: the first events
   virtual void ended(size_t choice, const engine::Reply& reply) = 0;
   virtual void closed() = 0;                       // streamed: the last events; else the answer

@@ -89,6 +89,8 @@ class CompletionSink : public ApiSink {
   }
 
  protected:
+  std::string_view promptField() const override { return "prompt"; }
+
   void opened() override {
     for (size_t i = 0; i < choices.size() && !echo.empty(); ++i) {
       sendChunk(i, echo, "");

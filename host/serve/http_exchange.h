@@ -44,7 +44,9 @@ class HttpExchange {
   virtual const volatile int* gone() const = 0;
 };
 
-// Called by the transport's thread, which it must not keep waiting.
+// Called by a thread of the transport: for GET and HEAD by the one that polls all connections,
+// which must not be kept waiting; for other methods by one that does nothing else, request after
+// request.
 using HttpHandler = std::function<void(std::shared_ptr<HttpExchange>)>;
 
 }  // namespace zym

@@ -17,6 +17,7 @@
 #include "host/serve/http_channel.h"
 #include "host/serve/http_sockets.h"
 #include "host/serve/http_watch.h"
+#include "host/serve/http_worker.h"
 
 namespace zym {
 namespace {
@@ -148,6 +149,7 @@ class HttpServer::State {
   HttpCertificate certificate;
   std::shared_ptr<HttpBodyRoom> room;
   HttpWatch watch;
+  HttpWorker worker;
   MHD_Daemon* daemon = nullptr;
   int listening = -1;
   std::atomic<bool> isStopping = false;
@@ -241,6 +243,7 @@ void HttpServer::State::stop(milliseconds grace) {
   isForced = true;
   watch.cutRequests();
   MHD_stop_daemon(std::exchange(daemon, nullptr));
+  worker.stop();
   if (isOurs) {
     close(listening);
   }
@@ -348,7 +351,12 @@ MHD_Result HttpServer::State::dispatch(MHD_Connection* polled, Connection& conne
                                                      std::move(share), service.limits.unsentBytes);
   connection.reading.reset();
   watch.attend(connection.id, connection.channel);
-  callHandler(handler, connection.channel);
+  // A long body takes its time to be understood, while others' replies go on.
+  if (connection.method == "GET" || connection.method == "HEAD") {
+    callHandler(handler, connection.channel);
+  } else {
+    worker.add([this, handler, channel = connection.channel] { callHandler(handler, channel); });
+  }
   return goOn(polled, connection);
 }
 

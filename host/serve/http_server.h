@@ -1,5 +1,6 @@
 // The transport of `zym serve`: HTTP/1.1, in the clear or by TLS. One thread polls all connections,
-// one watches them (http_watch.h), and a connection that awaits an answer costs no other.
+// one watches them (http_watch.h), one calls the handlers of requests with a body, and a connection
+// that awaits an answer costs no other.
 //
 // What is refused here is answered with an error object (http_refusal.h), but for what is no HTTP
 // at all and heads above four times their limit: those the library answers, with a page of its own.
@@ -22,7 +23,7 @@ struct HttpServerOptions {
   uint16_t port = 0;     // 0: any that is free
   std::string certFile;  // PEM; empty: in the clear
   std::string keyFile;
-  // A line for every request, without its line feed; null: none. Called by the polling thread.
+  // A line for every request, without its line feed; null: none. Called by threads of the server.
   std::function<void(std::string_view)> log;
   bool logsBodies = false;  // what people have written, too
 };

@@ -192,7 +192,7 @@ void answerTokenCount(const SharedModel& served, const std::shared_ptr<HttpExcha
                                                    .preserveThinking = request.preserveThinking},
                                                   tokens);
     if (!status.ok()) {
-      error = errorOf(status);
+      error = errorOf(status, "messages");
     }
   }
   if (error) {

@@ -48,6 +48,8 @@ class ResponseSink : public ApiSink {
   }
 
  protected:
+  std::string_view promptField() const override { return "input"; }
+
   void opened() override {
     tell("response.created", {{"response", response("in_progress")}});
     tell("response.in_progress", {{"response", response("in_progress")}});

@@ -9,8 +9,10 @@
  *   char error[256];
  *   if (zym_model_open("model.zym", &model, error, sizeof error) == ZYM_OK &&
  *       zym_context_create(model, NULL, &context, error, sizeof error) == ZYM_OK &&
- *       zym_context_reply(context, &asked, NULL, NULL, NULL, &reply, error, sizeof error) ==
- * ZYM_OK) puts(reply->message->content.data);
+ *       zym_context_reply(context, &asked, NULL, NULL, NULL, &reply, error,
+ *                         sizeof error) == ZYM_OK) {
+ *     puts(reply->message->content.data);
+ *   }
  *
  * The header is valid C11 and C++20 and needs no other header of ours. docs/engine.md has a
  * complete program.

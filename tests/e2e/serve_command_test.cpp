@@ -93,6 +93,9 @@ TEST_F(ServeCommandTest, WhatCannotBeServedIsOneClearLine) {
   EXPECT_EQ(fault({"--cert", "/missing", "--key", "/missing"}, 1),
             "zym: tls: cannot read /missing\n");
   EXPECT_NE(fault({"--cert", "/missing"}, 2).find("--key"), std::string::npos);
+  EXPECT_NE(fault({"--cors", "http://a.example/"}, 2).find("no origin"), std::string::npos);
+  EXPECT_NE(fault({"--cors", "a.example"}, 2).find("no origin"), std::string::npos);
+  EXPECT_NE(fault({"--host-name", "a.example:80"}, 2).find("no name"), std::string::npos);
   EXPECT_NE(fault({"--context", "1000000"}, 1).find("is more than the model has room for"),
             std::string::npos);
   start({});

@@ -89,6 +89,13 @@ TEST_F(CompletionApi, Prompts) {
   EXPECT_TRUE(service.queue.request.messages.empty());
 }
 
+TEST_F(CompletionApi, TextThatHasNoRoomIsThePromptsFault) {
+  const auto exchange = ask(R"("prompt": "ab")");
+  service.queue.sink->failed(
+      kel::Status::invalid("the text takes 90 tokens, the context has 64 positions"));
+  EXPECT_EQ("prompt", Json::parse(exchange->written)["error"]["param"]);
+}
+
 TEST_F(CompletionApi, RefusedFields) {
   struct Case {
     std::string fields;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <nlohmann/json.hpp>
 
 #include "tests/host/serve/serve_fixture.h"
@@ -255,6 +256,29 @@ TEST_F(HttpServerTest, StreamWithoutAnEndIsCutOff) {
   EXPECT_TRUE(caller.isClosed());
   // Not only shut down: its caller may stay for as long as it likes.
   EXPECT_TRUE(comesTrue([&] { return server.connectionCount() == 0; }));
+}
+
+TEST_F(HttpServerTest, HandlerThatTakesItsTimeHoldsUpNoStreamAndNoHealthCheck) {
+  std::promise<void> end;
+  service.routes.add("POST", "/long", [&](const std::shared_ptr<HttpExchange>& exchange) {
+    end.get_future().wait();
+    exchange->answer(200, "text/plain", "done");
+  });
+  start();
+  HttpClient reader = client();
+  reader.ask("GET", "/wait");
+  const auto stream = inbox.take();
+  ASSERT_NE(stream, nullptr);
+  stream->begin(200, "text/plain");
+  HttpClient slow = client();
+  slow.ask("POST", "/long", "", "a");
+  HttpClient other = client();
+  other.ask("GET", "/health");
+  EXPECT_EQ(other.read().status, 200);
+  stream->write("piece");
+  EXPECT_TRUE(reader.readUntil("piece"));
+  end.set_value();
+  EXPECT_EQ(slow.read().body, "done");
 }
 
 TEST_F(HttpServerTest, FailureOfAHandlerIsAnAnswer) {

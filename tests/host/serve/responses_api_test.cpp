@@ -336,6 +336,13 @@ TEST_F(ResponsesApi, RefusedFields) {
   }
 }
 
+TEST_F(ResponsesApi, TextThatHasNoRoomIsTheInputsFault) {
+  const auto exchange = ask(R"("input": "hello")");
+  service.queue.sink->failed(
+      kel::Status::invalid("the text takes 90 tokens, the context has 64 positions"));
+  EXPECT_EQ("input", Json::parse(exchange->written)["error"]["param"]);
+}
+
 TEST_F(ResponsesApi, FieldsThatAgentsSend) {
   const auto exchange = ask(
       R"("model": "small", "input": "hello", "store": true, "stream": true,)"
