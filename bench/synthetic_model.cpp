@@ -7,9 +7,11 @@
 // the family, which the metadata then state. Without it they state nothing and the shape is that of
 // the 4B, by default with its sizes: 2560 9216 248320. The weights carry no meaning: speed does not
 // depend on their values. Takes the memory of the vocabulary and little more.
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -25,6 +27,7 @@ using kel::test::familyShape;
 
 constexpr uint64_t kDistinctBytes = 1 << 20;  // of a matrix; the file holds every row all the same
 constexpr uint64_t kVocab = 248320;
+constexpr int kControlToken = 3;
 
 struct FullSize {
   kel::ModelShape shape;
@@ -71,6 +74,18 @@ uint64_t number(const Arguments& arguments, size_t index, uint64_t otherwise) {
                                         : otherwise;
 }
 
+// With the marks of a conversation, which `zym serve` and `zym chat` need.
+kel::TokenizerData talkingVocabulary(uint64_t size) {
+  const std::string marks[] = {"<|im_start|>", "<|im_end|>"};
+  kel::TokenizerData tables =
+      kel::test::syntheticVocabulary(std::max<uint64_t>(size, std::size(marks)) - std::size(marks));
+  for (const std::string& mark : marks) {
+    tables.tokens.push_back(mark);
+    tables.tokenTypes.push_back(kControlToken);
+  }
+  return tables;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -95,7 +110,7 @@ int main(int argc, char** argv) {
     spec.shape = size.shape;
     spec.statesShape = true;
   }
-  spec.tokenizer = kel::test::syntheticVocabulary(spec.vocab);
+  spec.tokenizer = talkingVocabulary(spec.vocab);
   const kel::Status status = writeRandomModel(arguments.words[0], spec);
   if (!status.ok()) {
     std::fprintf(stderr, "%s\n", status.message.c_str());

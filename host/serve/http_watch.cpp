@@ -1,5 +1,6 @@
 #include "host/serve/http_watch.h"
 
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -161,6 +162,25 @@ void HttpWatch::checkTimes() {
   }
 }
 
+// The polling side misses the end of a connection that came together with some of a request.
+void HttpWatch::dropDeserted() {
+  const std::scoped_lock lock(mutex);
+  std::vector<pollfd> unattended;
+  for (const auto& [id, watched] : connections) {
+    if (watched.channel == nullptr) {
+      unattended.push_back({watched.fd, POLLRDHUP, 0});
+    }
+  }
+  if (poll(unattended.data(), unattended.size(), 0) <= 0) {
+    return;
+  }
+  for (const pollfd& connection : unattended) {
+    if (connection.revents != 0) {
+      shutdown(connection.fd, SHUT_RDWR);
+    }
+  }
+}
+
 void HttpWatch::run() {
   std::array<epoll_event, 64> ready{};
   Clock::time_point nextCheck = Clock::now() + tick;
@@ -185,6 +205,7 @@ void HttpWatch::run() {
     }
     if (Clock::now() >= nextCheck) {
       checkTimes();
+      dropDeserted();
       nextCheck = Clock::now() + tick;
     }
   }

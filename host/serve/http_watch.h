@@ -61,6 +61,7 @@ class HttpWatch {
 
   void run();
   void checkTimes();
+  void dropDeserted();
   std::shared_ptr<HttpChannel> channelOf(uint64_t id) const;
   void wakeUp() const;
 

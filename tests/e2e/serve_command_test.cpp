@@ -1,8 +1,15 @@
-// What `zym serve` does from its start to its end.
-#include "tests/e2e/serve_program.h"
+// `zym serve` as people start and end it.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/served_program.h"
+#include "tests/support/instrumented.h"
 
 namespace zym {
 namespace {
@@ -11,7 +18,7 @@ using nlohmann::json;
 using testing_support::HttpAnswer;
 using testing_support::HttpClient;
 
-class ServeCommandTest : public testing_support::ServeProgramTest {};
+class ServeCommandTest : public testing_support::ServedDemo {};
 
 json chatRequest() {
   return {{"messages", {{{"role", "user"}, {"content", "Who are you?"}}}}, {"temperature", 0}};
@@ -80,6 +87,118 @@ TEST_F(ServeCommandTest, WithoutGraceRunningRepliesAreCutOff) {
   kill(child, SIGINT);
   EXPECT_TRUE(caller.isClosed());
   EXPECT_EQ(end(), 0);
+}
+
+// How a request of an interface is written: what is asked stands between before and after.
+struct Interface {
+  const char* path;
+  const char* before;
+  const char* after;
+  const char* limit;
+
+  std::string request(const std::string& asked, const std::string& tokens = "2",
+                      const std::string& fields = "") const {
+    return std::string("{") + before + asked + after + ",\"" + limit + "\":" + tokens + fields +
+           "}";
+  }
+};
+
+constexpr Interface kInterfaces[] = {
+    {"/v1/chat/completions", R"("messages":[{"role":"user","content":)", "}]", "max_tokens"},
+    {"/v1/completions", R"("prompt":)", "", "max_tokens"},
+    {"/v1/responses", R"("input":)", "", "max_output_tokens"},
+    {"/v1/messages", R"("model":"small","messages":[{"role":"user","content":)", "}]",
+     "max_tokens"}};
+
+// What no program means.
+std::vector<std::string> hostileBodies(const Interface& to) {
+  const std::string deep(100000, '[');
+  const std::string text = R"("hi")";
+  return {"null",
+          "[]",
+          text,
+          std::string("{\0}", 3),
+          deep,
+          to.request(deep + std::string(deep.size(), ']')),
+          to.request("\"\xff\xfe\""),
+          to.request("\"\xc0\xaf\""),
+          to.request(R"("\ud800")"),
+          to.request("{}"),
+          to.request("true"),
+          to.request(text, "-1"),
+          to.request(text, "1.5"),
+          to.request(text, "99999999999999999999"),
+          to.request(text, "1e999"),
+          to.request(text, "2", R"(,"temperature":1e300)"),
+          to.request(text, "2", R"(,"temperature":"hot")"),
+          to.request(text, "2", R"(,"stream":"yes")"),
+          to.request(text) + to.request(text)};
+}
+
+TEST_F(ServeCommandTest, HostileTextsAreRefusedWithAWordAndHarmNobody) {
+  start({"--context", "512", "--parallel", "1"});
+  for (const Interface& to : kInterfaces) {
+    HttpClient caller(port);
+    for (const std::string& body : hostileBodies(to)) {
+      SCOPED_TRACE(to.path + (' ' + body.substr(0, 200)));
+      ASSERT_TRUE(caller.ask("POST", to.path, "", body));
+      const HttpAnswer answer = caller.read();
+      ASSERT_EQ(answer.status, 400) << answer.body;
+      const json error = json::parse(answer.body);
+      EXPECT_NE(error["error"]["message"], "");
+      EXPECT_EQ(error["error"]["type"], "invalid_request_error");
+    }
+    caller.ask("POST", to.path, "", to.request(R"("hi")"));
+    EXPECT_EQ(caller.read().status, 200) << to.path;
+  }
+}
+
+TEST_F(ServeCommandTest, SlowCallersAreToldAndGivenUp) {
+  start({"--context", "512", "--read-timeout", "1"});
+  HttpClient slow(port);
+  slow.ask("POST", "/v1/chat/completions", "Content-Length: 1000\r\n");
+  slow.send("{\"messages\":");
+  EXPECT_EQ(ask("POST", "/v1/chat/completions", chatRequest()).status, 200);
+  const HttpAnswer answer = slow.read();
+  EXPECT_EQ(answer.status, 408);
+  EXPECT_NE(json::parse(answer.body)["error"]["message"], "");
+  EXPECT_TRUE(slow.isClosed());
+}
+
+// How many connections a test may hold, with what else it has open.
+size_t manyConnections() {
+  rlimit files{};
+  getrlimit(RLIMIT_NOFILE, &files);
+  files.rlim_cur = files.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &files);
+  return kel::test::kInstrumented || files.rlim_cur < 2100 ? 300 : 2000;
+}
+
+TEST_F(ServeCommandTest, ManyConnectionsAtOnceAreServed) {
+  const size_t count = manyConnections();
+  start({"--context", "512", "--parallel", "2", "--queue", "3", "--quiet",
+         "--connections-per-address", std::to_string(count + 10)});
+  const std::string body = chatRequest().dump();
+  std::vector<HttpClient> callers;
+  for (size_t i = 0; i < count; ++i) {
+    callers.emplace_back(port);
+    ASSERT_TRUE(callers.back().ask("POST", "/v1/chat/completions",
+                                   "Content-Length: " + std::to_string(body.size()) + "\r\n"));
+  }
+  // Requests that have only begun keep nobody waiting.
+  EXPECT_EQ(ask("POST", "/v1/chat/completions", chatRequest()).status, 200);
+  for (const HttpClient& caller : callers) {
+    ASSERT_TRUE(caller.send(body));
+  }
+  size_t answered = 0;
+  for (HttpClient& caller : callers) {
+    const HttpAnswer answer = caller.read();
+    ASSERT_TRUE(answer.status == 200 || answer.status == 503) << answer.status << answer.body;
+    EXPECT_TRUE(json::parse(answer.body).contains(answer.status == 200 ? "choices" : "error"));
+    answered += answer.status == 200 ? 1 : 0;
+  }
+  EXPECT_GE(answered, 5u);  // two at work and three that wait
+  EXPECT_EQ(ask("POST", "/v1/chat/completions", chatRequest()).status, 200);
 }
 
 TEST_F(ServeCommandTest, WhatCannotBeServedIsOneClearLine) {

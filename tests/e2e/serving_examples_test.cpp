@@ -4,7 +4,7 @@
 #include <set>
 #include <sstream>
 
-#include "tests/e2e/serve_program.h"
+#include "tests/e2e/served_program.h"
 #include "tests/support/scoped_env.h"
 
 namespace zym {
@@ -86,7 +86,7 @@ Said readAnswer(const std::string& body) {
   return said;
 }
 
-class ServingExamplesTest : public testing_support::ServeProgramTest {
+class ServingExamplesTest : public testing_support::ServedDemo {
  protected:
   // The words of the document, at the port that the server has.
   testing_support::Outcome runExample(std::string command) const {

@@ -1,4 +1,4 @@
-// Memory that the process has in use, to be compared before and after.
+// Memory that a process has in use, to be compared before and after.
 #pragma once
 
 #include <fstream>
@@ -9,9 +9,9 @@
 
 namespace kel::test {
 
-// -1 where the system does not say.
-inline long residentKilobytes() {
-  std::ifstream status("/proc/self/status");
+// Of this process or of another one, by its number; -1 where the system does not say.
+inline long residentKilobytes(const std::string& process = "self") {
+  std::ifstream status("/proc/" + process + "/status");
   for (std::string line; std::getline(status, line);) {
     if (line.starts_with("VmRSS:")) {
       return std::stol(line.substr(6));

@@ -230,6 +230,17 @@ TEST_F(HttpServerTest, CallerThatLeavesWithARequestOutstandingIsGone) {
   EXPECT_TRUE(comesTrue([&] { return isGone(*exchange); }));
 }
 
+TEST_F(HttpServerTest, CallersThatLeaveInTheMiddleOfTheirRequestsHoldNoConnections) {
+  start();
+  for (int i = 0; i < 300; ++i) {
+    const HttpClient caller = client();
+    caller.send(i % 2 == 0
+                    ? "POST /echo HTTP/1.1\r\nHost: local"
+                    : "POST /echo HTTP/1.1\r\nHost: localhost\r\nContent-Length: 9\r\n\r\nab");
+  }
+  EXPECT_TRUE(comesTrue([&] { return server.connectionCount() == 0; })) << server.connectionCount();
+}
+
 TEST_F(HttpServerTest, ExchangeWithoutAnAnswerIsCutOff) {
   start();
   HttpClient caller = client();

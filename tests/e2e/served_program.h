@@ -1,10 +1,12 @@
-// `zym serve` over the demonstration model, as people start and end it.
+// `zym serve` as a process of its own, and a caller of it.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -19,14 +21,13 @@
 
 namespace zym::testing_support {
 
-class ServeProgramTest : public ::testing::Test {
+class ServedProgram : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     folder =
         std::filesystem::path(::testing::TempDir()) / ("zym_serve_" + std::to_string(getpid()));
     std::filesystem::create_directories(folder);
     model = folder / "model.zym";
-    kel::test::writeDemoModel(model, kel::QuantType::Q8_0);
   }
   static void TearDownTestSuite() { std::filesystem::remove_all(folder); }
 
@@ -72,9 +73,18 @@ class ServeProgramTest : public ::testing::Test {
   }
 
   static inline std::filesystem::path folder;
-  static inline std::string model;
+  static inline std::string model;  // to be written by the suite
   pid_t child = -1;
   uint16_t port = 0;
+};
+
+// The same over the demonstration model.
+class ServedDemo : public ServedProgram {
+ protected:
+  static void SetUpTestSuite() {
+    ServedProgram::SetUpTestSuite();
+    kel::test::writeDemoModel(model, kel::QuantType::Q8_0);
+  }
 };
 
 }  // namespace zym::testing_support
