@@ -21,7 +21,8 @@ struct GenerationJob {
   GenerationRequest request;
   std::shared_ptr<GenerationSink> sink;
   std::chrono::steady_clock::time_point arrival;
-  engine::ChatTokens chat{};  // its prompt, once it is taken up
+  engine::ChatTokens chat{};  // its prompt
+  kel::Status encoded{};      // whether there is one; not looked at before it is taken up
   bool isRead = false;
   size_t unfinished = 0;      // choices
   bool wasCancelled = false;  // one of them

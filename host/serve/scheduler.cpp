@@ -87,6 +87,16 @@ Submission Scheduler::submit(GenerationRequest request, std::shared_ptr<Generati
   auto job = std::make_shared<GenerationJob>(
       GenerationJob{std::move(request), std::move(sink), Clock::now()});
   job->unfinished = job->request.choices;
+  // A long text takes its time to be cut into tokens: running replies go on meanwhile.
+  if (const Submission answer = admit(nullptr); answer != Submission::Accepted) {
+    return answer;
+  }
+  job->encoded = encode(*job);
+  return admit(std::move(job));
+}
+
+// With no job: whether there is room for one.
+Submission Scheduler::admit(Job job) {
   {
     const std::lock_guard lock(mutex);
     if (isStopped) {
@@ -96,6 +106,9 @@ Submission Scheduler::submit(GenerationRequest request, std::shared_ptr<Generati
     if (running + queue.size() >= room) {
       ++counts.queueFull;
       return Submission::QueueFull;
+    }
+    if (job == nullptr) {
+      return Submission::Accepted;
     }
     ++counts.accepted;
     queue.push_back(std::move(job));
@@ -223,8 +236,10 @@ void Scheduler::takeUp() {
       ++running;
       counts.queueSeconds += secondsSince(job->arrival);
     }
-    if (encode(job)) {
+    if (job->encoded.ok()) {
       begin(job, 0);
+    } else {
+      fail(job, job->encoded, &SchedulerStatistics::failed);
     }
   }
 }
@@ -238,28 +253,24 @@ void Scheduler::takeUpChoices() {
   }
 }
 
-bool Scheduler::encode(const Job& job) {
-  const GenerationRequest& request = job->request;
-  const Status status = withMemory([&] {
+Status Scheduler::encode(GenerationJob& job) const {
+  const GenerationRequest& request = job.request;
+  return withMemory([&] {
     if (!request.messages.empty()) {
       return engine::encodeChat(slots.front()->context().model(),
                                 {.messages = request.messages,
                                  .tools = request.tools,
                                  .thinking = request.thinking,
                                  .preserveThinking = request.preserveThinking},
-                                job->chat);
+                                job.chat);
     }
-    job->chat.tokens = engine::promptTokens(request.prompt);
+    job.chat.tokens = engine::promptTokens(request.prompt);
     // A place in front of the last token: what other choices come back to.
     if (request.choices > 1 && request.prompt.size() > 1) {
-      job->chat.ends = {request.prompt.size() - 1};
+      job.chat.ends = {request.prompt.size() - 1};
     }
     return Status::success();
   });
-  if (!status.ok()) {
-    fail(job, status, &SchedulerStatistics::failed);
-  }
-  return status.ok();
 }
 
 void Scheduler::begin(const Job& job, size_t choice) {

@@ -114,7 +114,8 @@ class Scheduler : public GenerationQueue {
   void begin(const Job& job, size_t choice);
   ReplySlot* freeSlot();
   ReplySlot& slotFor(std::span<const engine::Token> wanted);
-  bool encode(const Job& job);
+  Submission admit(Job job);
+  kel::Status encode(GenerationJob& job) const;
   void readSlice();
   void readPart(ReplySlot& slot, size_t most);
   void promptRead(ReplySlot& slot);
