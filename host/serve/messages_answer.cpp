@@ -150,7 +150,9 @@ class MessageSink : public ApiSink {
          {{"index", content.size()},
           {"delta", {{"type", "input_json_delta"}, {"partial_json", event.json}}}});
     tell("content_block_stop", {{"index", content.size()}});
-    block["input"] = Json(nlohmann::json::parse(event.json, nullptr, false));
+    const auto input = nlohmann::json::parse(event.json, nullptr, false);
+    // Discarded where a number is beyond what a double holds.
+    block["input"] = input.is_discarded() ? Json::object() : Json(input);
     content.push_back(std::move(block));
   }
 

@@ -107,7 +107,7 @@ constexpr Interface kInterfaces[] = {
     {"/v1/chat/completions", R"("messages":[{"role":"user","content":)", "}]", "max_tokens"},
     {"/v1/completions", R"("prompt":)", "", "max_tokens"},
     {"/v1/responses", R"("input":)", "", "max_output_tokens"},
-    {"/v1/messages", R"("model":"small","messages":[{"role":"user","content":)", "}]",
+    {"/v1/messages", R"("model":"model","messages":[{"role":"user","content":)", "}]",
      "max_tokens"}};
 
 // What no program means.

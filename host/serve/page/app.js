@@ -129,6 +129,7 @@ function removeConversation(id, title) {
   }
   storage.forgetConversation(id);
   if (id === conversation.id) {
+    conversation.isDeleted = true;  // a reply that is cut off does not bring it back
     startConversation();
   } else {
     showList();
@@ -249,7 +250,7 @@ function endReply(own) {
     const fault = byId('fault').textContent;
     showConversation();
     showFault(fault);
-  } else {
+  } else if (!own.isDeleted) {
     storage.saveConversation(own);
     showList();
   }
