@@ -10,6 +10,7 @@
 
 #include "tests/e2e/fixture.h"
 #include "tests/support/demo_model.h"
+#include "tests/support/instrumented.h"
 #include "tests/support/random_model.h"
 #include "tests/support/temp_dir.h"
 
@@ -198,8 +199,10 @@ TEST_F(PerplexityTest, CtrlCEndsItWithoutAResult) {
   for (int i = 0; i < 5000; ++i) {
     text += kText;
   }
+  // Before it listens for signals the program takes some time, under the sanitizers a lot.
+  const char* seconds = kel::test::kInstrumented ? "20" : "4";
   const Outcome outcome = testing_support::runProcess(
-      {"timeout", "--preserve-status", "--signal=INT", "--kill-after=60", "3", ZYM_PROGRAM,
+      {"timeout", "--preserve-status", "--signal=INT", "--kill-after=60", seconds, ZYM_PROGRAM,
        "perplexity", bf16(), write(text), "--window", "64"});
   EXPECT_EQ(outcome.status, 130);
   EXPECT_EQ(outcome.out, "");

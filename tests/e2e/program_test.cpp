@@ -50,7 +50,7 @@ TEST_F(ProgramTest, WrongUseExitsWithTwo) {
 
 TEST_F(ProgramTest, WhatIsMissingIsNamedWithAnExample) {
   EXPECT_EQ(zym({}).status, 2);
-  EXPECT_EQ(zym({}).err.rfind("zym: a command is required: chat, run, bench, ", 0), 0U);
+  EXPECT_EQ(zym({}).err.rfind("zym: a command is required: chat, run, serve, ", 0), 0U);
   expectFault(zym({"chat"}), 2,
               "MODEL is required, as in: zym chat model.zym; see zym chat --help");
   expectFault(zym({"run", model}), 2,

@@ -1,6 +1,7 @@
 #include "host/serve/api_keys.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -10,7 +11,7 @@ namespace zym {
 namespace {
 
 std::string fileOf(const std::string& text) {
-  const std::string path = ::testing::TempDir() + "zym_api_keys";
+  const std::string path = ::testing::TempDir() + "zym_api_keys_" + std::to_string(getpid());
   std::ofstream(path, std::ios::binary) << text;
   return path;
 }

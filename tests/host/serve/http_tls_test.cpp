@@ -2,6 +2,7 @@
 #include <gnutls/gnutls.h>
 #include <gnutls/x509.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <array>
 #include <ctime>
@@ -116,7 +117,7 @@ class TlsClient {
 
 class HttpTlsTest : public testing_support::ServeTest {
  protected:
-  HttpTlsTest() : folder(::testing::TempDir() + "zym_http_tls") {
+  HttpTlsTest() : folder(::testing::TempDir() + "zym_http_tls_" + std::to_string(getpid())) {
     std::filesystem::create_directories(folder);
     options.certFile = write("certificate.pem", pem.certificate);
     options.keyFile = write("key.pem", pem.key);

@@ -13,7 +13,8 @@ constexpr size_t kDepth = 8;
 
 std::string bodyError(const std::string& text) {
   ApiError error;
-  EXPECT_EQ(error.status == 0, isJsonObject(text, kDepth, error) || error.status == 0);
+  const bool isObject = isJsonObject(text, kDepth, error);
+  EXPECT_EQ(error.status == 0, isObject);
   return error.message;
 }
 
