@@ -34,10 +34,7 @@ Interval sizes(const NumberForm& form, bool negative) {
 // the point.
 bool canBeWritten(const NumberForm& form, const Interval& wanted, WideInt low, WideInt high,
                   int whole) {
-  const WideInt step =
-      form.isInteger
-          ? 1
-          : powerOfTen(kFractionDigits - fractionDigits(whole));
+  const WideInt step = form.isInteger ? 1 : powerOfTen(kFractionDigits - fractionDigits(whole));
   const WideInt first = (std::max(low, wanted.least) + step - 1) / step * step;
   return first <= std::min(high, wanted.greatest);
 }

@@ -49,8 +49,8 @@ Status ReplyRun::begin() {
   const uint64_t vocab = context.model().sizes().vocab;
   for (const Token& token : chat.tokens) {
     if (token.id < 0 || static_cast<uint64_t>(token.id) >= vocab) {
-      return over(Status::invalid("token " + std::to_string(token.id) +
-                                  " is none of the model's " + std::to_string(vocab)));
+      return over(Status::invalid("token " + std::to_string(token.id) + " is none of the model's " +
+                                  std::to_string(vocab)));
     }
   }
   begunAt = context.resume(chat.tokens);
