@@ -35,8 +35,8 @@ ZYMModelFacts factsOf(const ZYMModel& handle) {
   facts.vocabulary = model.sizes().vocab;
   facts.positions = model.shape().contextLength;
   facts.hiddenSize = model.sizes().hidden;
-  facts.canThink = capi::canThink(model) ? 1 : 0;
-  facts.thinks = capi::thinksByDefault(model) ? 1 : 0;
+  facts.canThink = engine::canThink(model) ? 1 : 0;
+  facts.thinks = engine::thinksByDefault(model) ? 1 : 0;
   facts.beginToken = model.tokenizer().bosId;
   facts.endToken = model.tokenizer().eosId;
   facts.path = capi::textOut(model.path());

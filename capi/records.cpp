@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "engine/chat_tokens.h"
 #include "engine/recommended_sampling.h"
 #include "engine/utf8_text.h"
 
@@ -70,11 +71,11 @@ engine::Message readMessage(const ZYMMessage* given, const std::string& name) {
 bool isThinking(int32_t thinking, const engine::Model& model) {
   switch (thinking) {
     case ZYM_THINKING_DEFAULT:
-      return thinksByDefault(model);
+      return engine::thinksByDefault(model);
     case ZYM_THINKING_OFF:
       return false;
     case ZYM_THINKING_ON:
-      return canThink(model);
+      return engine::canThink(model);
     default:
       refuse("conversation: unknown kind of thinking " + std::to_string(thinking));
   }
@@ -229,16 +230,6 @@ ZYMSampling samplingOut(const engine::SamplerSettings& settings) {
           .reserved = 0,
           .biases = nullptr,
           .biasCount = 0};
-}
-
-bool canThink(const engine::Model& model) {
-  return engine::chatStyleOf(model) == engine::ChatStyle::Family &&
-         model.tokenizer().tokenToId(engine::kThinkBegin) >= 0 &&
-         model.tokenizer().tokenToId(engine::kThinkEnd) >= 0;
-}
-
-bool thinksByDefault(const engine::Model& model) {
-  return engine::thinksByDefault(model.sizes().hidden) && canThink(model);
 }
 
 }  // namespace capi

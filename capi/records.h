@@ -95,8 +95,4 @@ ReplyOptions readReplyOptions(const ZYMReplyOptions* given, const engine::Model&
 
 ZYMSampling samplingOut(const engine::SamplerSettings& settings);
 
-// Whether a model can reason, and whether it does unless told not to.
-bool canThink(const engine::Model& model);
-bool thinksByDefault(const engine::Model& model);
-
 }  // namespace capi

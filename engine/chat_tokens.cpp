@@ -112,8 +112,8 @@ Status encodeOpenTurns(const ChatRequest& request, Encoder& encoder) {
 
 Status encodeFamily(const Model& model, const ChatRequest& request, Encoder& encoder,
                     ChatTokens& out) {
-  const bool canThink = has(model, kThinkBegin) && has(model, kThinkEnd);
-  const ChatOptions options{.thinking = request.thinking && canThink,
+  const bool ableToThink = canThink(model);
+  const ChatOptions options{.thinking = request.thinking && ableToThink,
                             .preserveThinking = request.preserveThinking};
   Conversation conversation;
   Status status = renderConversation(request.messages, request.tools, options, conversation);
@@ -124,7 +124,7 @@ Status encodeFamily(const Model& model, const ChatRequest& request, Encoder& enc
   for (size_t i = 0; i < conversation.segments.size(); ++i) {
     const Segment& segment = conversation.segments[i];
     const bool isPrompt = i >= conversation.promptBegin;
-    if (isPrompt && !canThink && segment.control && segment.text == kThinkBegin) {
+    if (isPrompt && !ableToThink && segment.control && segment.text == kThinkBegin) {
       break;  // such a model was trained without
     }
     encoder.segment(segment);
@@ -143,6 +143,15 @@ ChatStyle chatStyleOf(const Model& model) {
   std::string text;
   model.file().reader.getMetaStr("tokenizer.chat_template", text);
   return text == kOpenTurnsTemplate ? ChatStyle::OpenTurns : ChatStyle::Family;
+}
+
+bool canThink(const Model& model) {
+  return chatStyleOf(model) == ChatStyle::Family && has(model, kThinkBegin) &&
+         has(model, kThinkEnd);
+}
+
+bool thinksByDefault(const Model& model) {
+  return thinksByDefault(model.sizes().hidden) && canThink(model);
 }
 
 Status encodeChat(const Model& model, const ChatRequest& request, ChatTokens& out) {

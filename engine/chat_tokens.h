@@ -22,6 +22,12 @@ enum class ChatStyle : uint8_t {
 // By the container's template text; Family where it has none or another one.
 ChatStyle chatStyleOf(const Model& model);
 
+// Whether replies can begin with reasoning: the framing has it, and the vocabulary its marks.
+bool canThink(const Model& model);
+
+// Whether they do unless told not to.
+bool thinksByDefault(const Model& model);
+
 struct ChatRequest {
   std::span<const Message> messages;
   std::span<const Tool> tools = {};

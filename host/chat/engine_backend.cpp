@@ -49,13 +49,6 @@ engine::Message messageOf(engine::Role role, const std::string& content) {
   return message;
 }
 
-bool canThink(const engine::Model& model) {
-  const kel::Tokenizer& tokenizer = model.tokenizer();
-  return chatStyleOf(model) == engine::ChatStyle::Family &&
-         tokenizer.tokenToId(engine::kThinkBegin) >= 0 &&
-         tokenizer.tokenToId(engine::kThinkEnd) >= 0;
-}
-
 double perSecond(uint64_t count, double seconds) {
   return seconds > 0 ? static_cast<double>(count) / seconds : 0;
 }
@@ -83,9 +76,9 @@ class EngineBackend : public Backend, public Conversation {
   EngineBackend(std::unique_ptr<engine::Context> opened, const EngineOptions& given)
       : context(std::move(opened)),
         options(given),
-        ableToThink(canThink(context->model())),
-        thinking(ableToThink && options.thinking.value_or(
-                                    engine::thinksByDefault(context->model().sizes().hidden))),
+        ableToThink(engine::canThink(context->model())),
+        thinking(ableToThink &&
+                 options.thinking.value_or(engine::thinksByDefault(context->model()))),
         asked{.seed = randomSeed()},
         sampler(*asked.seed) {
     replyOptions.maxTokens = options.maxTokens;
@@ -359,6 +352,10 @@ class EngineBackend : public Backend, public Conversation {
 
 }  // namespace
 
+qwen35::CacheType cacheTypeOf(std::string_view name) {
+  return name == "bf16" ? qwen35::CacheType::BF16 : qwen35::CacheType::F32;
+}
+
 Status openModel(const std::string& path, std::shared_ptr<const engine::Model>& model) {
   Status status = engine::Model::open(path, model);
   if (status.ok()) {
@@ -400,11 +397,10 @@ Status openContext(const std::string& modelPath, const engine::ContextOptions& o
 
 Status openEngineBackend(const EngineOptions& options, std::unique_ptr<Backend>& backend) {
   std::unique_ptr<engine::Context> context;
-  const engine::ContextOptions wanted{
-      .positions = options.positions,
-      .cacheType = options.cache == "bf16" ? qwen35::CacheType::BF16 : qwen35::CacheType::F32};
+  const engine::ContextOptions wanted{.positions = options.positions,
+                                      .cacheType = cacheTypeOf(options.cache)};
   Status status = openContext(options.model, wanted, context);
-  if (status.ok() && options.thinking.value_or(false) && !canThink(context->model())) {
+  if (status.ok() && options.thinking.value_or(false) && !engine::canThink(context->model())) {
     return Status::invalid(options.model +
                            ": was made without reasoning and answers at once; leave out --think");
   }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "container/status.h"
 #include "engine/context.h"
@@ -12,6 +13,9 @@
 #include "host/chat/engine.h"
 
 namespace zym {
+
+// By the word of --cache: "bf16", or "f32".
+qwen35::CacheType cacheTypeOf(std::string_view name);
 
 // Opens the container at path. Messages name it and say what to do.
 kel::Status openModel(const std::string& path, std::shared_ptr<const engine::Model>& model);

@@ -95,9 +95,10 @@ engine::ScoreOptions scoreOptionsOf(const PerplexityOptions& options, const engi
 // With room for what is read of a text at a time. Places to go back to are of no use.
 Status makeContext(const PerplexityOptions& options, const std::string& path, ModelPointer model,
                    uint64_t positions, std::unique_ptr<Context>& context) {
-  const auto cache = options.cache == "bf16" ? qwen35::CacheType::BF16 : qwen35::CacheType::F32;
   Status status = Context::create(
-      std::move(model), {.positions = positions, .snapshotBytes = 0, .cacheType = cache}, context);
+      std::move(model),
+      {.positions = positions, .snapshotBytes = 0, .cacheType = cacheTypeOf(options.cache)},
+      context);
   return status.ok() ? status : Status{status.code, path + ": " + status.message};
 }
 

@@ -227,8 +227,7 @@ kel::Status startScheduler(const ServeOptions& options, std::shared_ptr<const en
   wanted.parallel = options.parallel;
   wanted.queueLength = options.queueLength;
   wanted.context.positions = options.engine.positions;
-  wanted.context.cacheType =
-      options.engine.cache == "bf16" ? qwen35::CacheType::BF16 : qwen35::CacheType::F32;
+  wanted.context.cacheType = cacheTypeOf(options.engine.cache);
   return Scheduler::create(model, wanted, scheduler);
 }
 

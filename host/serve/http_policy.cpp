@@ -3,16 +3,10 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "host/serve/lower_case.h"
+
 namespace zym {
 namespace {
-
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) {
-    c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  }
-  return lower;
-}
 
 bool isPort(std::string_view text) {
   return text.size() <= 5 &&

@@ -6,16 +6,10 @@
 #include <limits>
 #include <utility>
 
+#include "host/serve/lower_case.h"
+
 namespace zym {
 namespace {
-
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) {
-    c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-  }
-  return lower;
-}
 
 int hexDigit(char c) {
   if (c >= '0' && c <= '9') {

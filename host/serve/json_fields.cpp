@@ -105,21 +105,7 @@ bool isJsonObject(std::string_view text, size_t mostDepth, ApiError& error) {
 }
 
 JsonKind kindOf(std::string_view json) {
-  switch (json.empty() ? 'n' : json.front()) {
-    case '"':
-      return JsonKind::String;
-    case '[':
-      return JsonKind::Array;
-    case '{':
-      return JsonKind::Object;
-    case 't':
-    case 'f':
-      return JsonKind::Boolean;
-    case 'n':
-      return JsonKind::Null;
-    default:
-      return JsonKind::Number;
-  }
+  return json.empty() ? JsonKind::Null : engine::kindByFirst(json.front());
 }
 
 void failAt(ApiError& error, std::string path, std::string_view what) {

@@ -22,13 +22,12 @@ engine::SamplerSettings recommended(const engine::Model& model, engine::Sampling
 
 ServedModel::ServedModel(ApiServices apiServices) : services(std::move(apiServices)) {
   const kel::Tokenizer& tokenizer = model().tokenizer();
-  const bool isOfFamily = engine::chatStyleOf(model()) == engine::ChatStyle::Family;
   thinkEnd = tokenizer.tokenToId(engine::kThinkEnd);
   callBegin = tokenizer.tokenToId(engine::kCallBegin);
   callEnd = tokenizer.tokenToId(engine::kCallEnd);
-  canThink = isOfFamily && thinkEnd >= 0 && tokenizer.tokenToId(engine::kThinkBegin) >= 0;
-  thinksByDefault = canThink && engine::thinksByDefault(model().sizes().hidden);
-  knowsTools = isOfFamily;
+  canThink = engine::canThink(model());
+  thinksByDefault = engine::thinksByDefault(model());
+  knowsTools = engine::chatStyleOf(model()) == engine::ChatStyle::Family;
   thinkingSampling = recommended(model(), engine::SamplingMode::Thinking);
   plainSampling = recommended(model(), engine::SamplingMode::WithoutThinking);
 }
