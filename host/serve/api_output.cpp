@@ -19,9 +19,6 @@ constexpr int kUnavailable = 503;
 // Seconds after which asking again may be worth it.
 constexpr const char* kRetryAfter = "1";
 
-// The beginning of the engine's message for a prompt that has no room.
-constexpr std::string_view kTooLong = "the text takes ";
-
 std::string_view typeOf(ErrorForm form, int status) {
   const bool isMessages = form == ErrorForm::Messages;
   switch (status) {
@@ -71,17 +68,18 @@ void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error) 
   exchange.answer(error.status, kJsonType, jsonText(errorBody(form, error)), headers);
 }
 
-ApiError errorOf(const kel::Status& status, std::string_view prompt) {
-  if (status.message.starts_with(kTooLong)) {
-    return {kBadRequest, status.message, std::string(prompt), "context_length_exceeded"};
+ApiError errorOf(GenerationFault fault, std::string_view message, std::string_view prompt) {
+  switch (fault) {
+    case GenerationFault::Request:
+      return {kBadRequest, std::string(message), {}};
+    case GenerationFault::TooLong:
+      return {kBadRequest, std::string(message), std::string(prompt), "context_length_exceeded"};
+    case GenerationFault::Unavailable:
+      return {kUnavailable, std::string(message), {}};
+    case GenerationFault::Numbers:
+      break;
   }
-  if (status.code == kel::StatusCode::InvalidFormat) {
-    return {kBadRequest, status.message, {}};
-  }
-  if (status.code == kel::StatusCode::IoError) {
-    return {kUnavailable, status.message, {}};
-  }
-  return {kInternal, status.message, {}};
+  return {kInternal, std::string(message), {}};
 }
 
 std::string serverEvent(std::string_view name, const Json& data) {
@@ -126,8 +124,8 @@ void ApiSink::done() {
   }
 }
 
-void ApiSink::failed(const kel::Status& status) {
-  fail(errorOf(status, promptField()));
+void ApiSink::failed(GenerationFault fault, std::string_view message) {
+  fail(errorOf(fault, message, promptField()));
 }
 
 void ApiSink::fail(const ApiError& error) {

@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "container/status.h"
 #include "host/serve/generation.h"
 #include "host/serve/http_exchange.h"
 #include "host/serve/json_fields.h"
@@ -29,7 +28,7 @@ void answerJson(HttpExchange& exchange, const Json& body);
 void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error);
 
 // Of a request that the scheduler gave back. prompt: the field that its prompt comes from.
-ApiError errorOf(const kel::Status& status, std::string_view prompt);
+ApiError errorOf(GenerationFault fault, std::string_view message, std::string_view prompt);
 
 // One server-sent event; without a name where it is empty.
 std::string serverEvent(std::string_view name, const Json& data);
@@ -51,7 +50,7 @@ class ApiSink : public GenerationSink {
   void token(size_t choice, const engine::LogProbabilities& chosen) override;
   void finished(size_t choice, const engine::Reply& reply) final;
   void done() final;
-  void failed(const kel::Status& status) final;
+  void failed(GenerationFault fault, std::string_view message) final;
   const volatile int* cancel() const final { return exchange->gone(); }
 
  protected:

@@ -9,9 +9,9 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "container/status.h"
 #include "engine/chat_format.h"
 #include "engine/log_probabilities.h"
 #include "engine/reply.h"
@@ -35,6 +35,15 @@ struct GenerationRequest {
   std::optional<size_t> logProbabilities;  // of every token, with so many of the best
 };
 
+// Why a request cannot be fulfilled.
+enum class GenerationFault : uint8_t {
+  Request,      // what it says
+  TooLong,      // its prompt has more tokens than a conversation has positions
+  Unavailable,  // there is no memory, or the server ends before the reply has begun: another one,
+                // or a later one, may be
+  Numbers       // those of the model went wrong
+};
+
 // Told by the scheduler's thread, in order, which it must not keep waiting. Nothing comes after
 // done() or failed(). A request whose cancel flag is raised has its choices finished with
 // ReplyEnd::Cancelled, started() or not; so have replies that are cut off when the server ends.
@@ -49,10 +58,7 @@ class GenerationSink {
   virtual void token(size_t choice, const engine::LogProbabilities& chosen) = 0;
   virtual void finished(size_t choice, const engine::Reply& reply) = 0;
   virtual void done() = 0;  // all choices are finished
-  // The request cannot be fulfilled: InvalidFormat for what it says, IoError where there is no
-  // memory, or where the server ends before its reply has begun (another one may be asked),
-  // Corrupted where its numbers went wrong.
-  virtual void failed(const kel::Status& status) = 0;
+  virtual void failed(GenerationFault fault, std::string_view message) = 0;
 
   // As engine::ReplySinks::cancel.
   virtual const volatile int* cancel() const = 0;

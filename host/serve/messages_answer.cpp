@@ -194,7 +194,7 @@ void answerTokenCount(const SharedModel& served, const std::shared_ptr<HttpExcha
                                                    .preserveThinking = request.preserveThinking},
                                                   tokens);
     if (!status.ok()) {
-      error = errorOf(status, "messages");
+      error = errorOf(GenerationFault::Request, status.message, "messages");
     }
   }
   if (error) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <string_view>
 #include <utility>
 
 #include "engine/chat_tokens.h"
@@ -31,8 +32,17 @@ Status withMemory(const Step& step) {
   }
 }
 
-Status serverEnds() {
-  return Status::ioError("the server is shutting down");
+constexpr std::string_view kServerEnds = "the server is shutting down";
+
+GenerationFault faultOf(const Status& status) {
+  switch (status.code) {
+    case StatusCode::InvalidFormat:
+      return GenerationFault::Request;
+    case StatusCode::IoError:
+      return GenerationFault::Unavailable;
+    default:
+      return GenerationFault::Numbers;
+  }
 }
 
 engine::Reply cancelledReply() {
@@ -192,7 +202,7 @@ void Scheduler::dropUnwanted() {
     finishRest(job, 0);
   }
   for (const Job& job : turnedAway) {
-    fail(job, serverEnds(), &SchedulerStatistics::turnedAway);
+    turnAway(job);
   }
   for (const std::unique_ptr<ReplySlot>& slot : slots) {
     if (slot->is(ReplyRun::State::Reading) && slot->job()->isCancelled()) {
@@ -211,7 +221,7 @@ void Scheduler::cutReplies() {
       continue;
     }
     if (!slot->job()->isRead) {
-      fail(slot->job(), serverEnds(), &SchedulerStatistics::turnedAway);
+      turnAway(slot->job());
     } else {
       slot->run().cancel();
       sweep(*slot, Status::success());
@@ -239,7 +249,7 @@ void Scheduler::takeUp() {
     if (job->encoded.ok()) {
       begin(job, 0);
     } else {
-      fail(job, job->encoded, &SchedulerStatistics::failed);
+      fail(job, faultOf(job->encoded), job->encoded.message);
     }
   }
 }
@@ -420,7 +430,7 @@ void Scheduler::writeTokens() {
 void Scheduler::sweep(ReplySlot& slot, const Status& status) {
   const Job job = slot.job();
   if (!status.ok()) {
-    fail(job, status, &SchedulerStatistics::failed);
+    fail(job, slot.reply().lacksRoom ? GenerationFault::TooLong : faultOf(status), status.message);
     if (status.code != StatusCode::InvalidFormat) {
       slot.context().reset();
     }
@@ -463,7 +473,16 @@ void Scheduler::finishRest(const Job& job, size_t firstChoice) {
   }
 }
 
-void Scheduler::fail(const Job& job, const Status& status, uint64_t SchedulerStatistics::*outcome) {
+void Scheduler::fail(const Job& job, GenerationFault fault, std::string_view message) {
+  giveUp(job, fault, message, &SchedulerStatistics::failed);
+}
+
+void Scheduler::turnAway(const Job& job) {
+  giveUp(job, GenerationFault::Unavailable, kServerEnds, &SchedulerStatistics::turnedAway);
+}
+
+void Scheduler::giveUp(const Job& job, GenerationFault fault, std::string_view message,
+                       uint64_t SchedulerStatistics::*outcome) {
   const Job failed = job;  // the slot's own is let go of
   for (const std::unique_ptr<ReplySlot>& slot : slots) {
     if (slot->job() == failed) {
@@ -475,7 +494,7 @@ void Scheduler::fail(const Job& job, const Status& status, uint64_t SchedulerSta
     const std::lock_guard lock(mutex);
     ++(counts.*outcome);
   }
-  failed->sink->failed(status);
+  failed->sink->failed(fault, message);
   const std::lock_guard lock(mutex);
   --running;
 }

@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -123,7 +124,10 @@ class Scheduler : public GenerationQueue {
   void sweep(ReplySlot& slot, const kel::Status& status);
   void finish(const Job& job, size_t choice, const engine::Reply& reply);
   void finishRest(const Job& job, size_t firstChoice);
-  void fail(const Job& job, const kel::Status& status, uint64_t SchedulerStatistics::*outcome);
+  void fail(const Job& job, GenerationFault fault, std::string_view message);
+  void turnAway(const Job& job);
+  void giveUp(const Job& job, GenerationFault fault, std::string_view message,
+              uint64_t SchedulerStatistics::*outcome);
   void cutReplies();
   void publish();
 

@@ -252,26 +252,25 @@ TEST_F(ChatApi, OutputIsValidUtf8) {
 
 TEST_F(ChatApi, WhatCannotBeFulfilled) {
   auto exchange = ask("");
-  service.queue.sink->failed(kel::Status::invalid("No user query found in messages."));
+  service.queue.sink->failed(GenerationFault::Request, "No user query found in messages.");
   EXPECT_EQ(400, exchange->status);
   EXPECT_EQ(R"({"error":{"message":"No user query found in messages.",)"
             R"("type":"invalid_request_error","param":null,"code":null}})",
             exchange->written);
 
   exchange = ask(R"("stream": true)");
-  service.queue.sink->failed(
-      kel::Status::invalid("the text takes 90 tokens, the context has 64 positions"));
+  service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
   EXPECT_EQ(400, exchange->status) << "streams have a status of their own until they begin";
   EXPECT_EQ("context_length_exceeded", Json::parse(exchange->written)["error"]["code"]);
   EXPECT_TRUE(exchange->ended);
 
   exchange = ask("");
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(500, exchange->status);
   EXPECT_EQ("server_error", Json::parse(exchange->written)["error"]["type"]);
 
   exchange = ask("");
-  service.queue.sink->failed({kel::StatusCode::IoError, "no memory"});
+  service.queue.sink->failed(GenerationFault::Unavailable, "no memory");
   EXPECT_EQ(503, exchange->status);
 }
 
@@ -279,7 +278,7 @@ TEST_F(ChatApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(R"("stream": true)");
   service.queue.sink->started(10, 0);
   exchange->written.clear();
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(
       "data: {\"error\":{\"message\":\"numbers went wrong\",\"type\":\"server_error\","
       "\"param\":null,\"code\":null}}\n\n",

@@ -91,8 +91,7 @@ TEST_F(CompletionApi, Prompts) {
 
 TEST_F(CompletionApi, TextThatHasNoRoomIsThePromptsFault) {
   const auto exchange = ask(R"("prompt": "ab")");
-  service.queue.sink->failed(
-      kel::Status::invalid("the text takes 90 tokens, the context has 64 positions"));
+  service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
   EXPECT_EQ("prompt", Json::parse(exchange->written)["error"]["param"]);
 }
 

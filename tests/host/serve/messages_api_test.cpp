@@ -117,7 +117,7 @@ TEST_F(MessagesApi, Errors) {
   EXPECT_EQ(404, exchange->status);
   EXPECT_EQ("not_found_error", Json::parse(exchange->written)["error"]["type"]);
   exchange = ask(kHello);
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ("api_error", Json::parse(exchange->written)["error"]["type"]);
   service.queue.answer = Submission::QueueFull;
   exchange = ask(kHello);
@@ -130,7 +130,7 @@ TEST_F(MessagesApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(kHello + R"(, "stream": true)");
   service.queue.sink->started(10, 4);
   exchange->written.clear();
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(
       "event: error\ndata: {\"type\":\"error\",\"error\":{\"type\":\"api_error\","
       "\"message\":\"numbers went wrong\"}}\n\n",

@@ -207,7 +207,7 @@ TEST_F(ResponsesApi, CutShortAnswers) {
 TEST_F(ResponsesApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(R"("input": "hello", "stream": true)");
   service.queue.sink->started(10, 4);
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   const std::string lines = eventsOf(exchange->written);
   const size_t last = lines.rfind("response.failed ");
   ASSERT_NE(std::string::npos, last);
@@ -338,8 +338,7 @@ TEST_F(ResponsesApi, RefusedFields) {
 
 TEST_F(ResponsesApi, TextThatHasNoRoomIsTheInputsFault) {
   const auto exchange = ask(R"("input": "hello")");
-  service.queue.sink->failed(
-      kel::Status::invalid("the text takes 90 tokens, the context has 64 positions"));
+  service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
   EXPECT_EQ("input", Json::parse(exchange->written)["error"]["param"]);
 }
 

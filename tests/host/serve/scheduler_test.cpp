@@ -11,8 +11,10 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "engine/chat_tokens.h"
@@ -30,7 +32,6 @@ using engine::ReplyEnd;
 using engine::Role;
 using engine::testing_support::OpenedModel;
 using kel::Status;
-using kel::StatusCode;
 using namespace std::chrono_literals;
 
 constexpr uint64_t kVocab = 300;
@@ -187,11 +188,11 @@ class Caller : public GenerationSink {
   }
   void done() override {
     note("done");
-    end(Status::success());
+    end({});
   }
-  void failed(const Status& status) override {
+  void failed(GenerationFault fault, std::string_view message) override {
     note("failed");
-    end(status);
+    end({fault, std::string(message)});
   }
   const volatile int* cancel() const override { return &flag; }
 
@@ -201,13 +202,19 @@ class Caller : public GenerationSink {
     std::unique_lock lock(mutex);
     changed.wait(lock, [this] { return isOver; });
   }
-  Status outcome() {
+  struct Outcome {
+    std::optional<GenerationFault> fault = {};
+    std::string message = {};
+
+    bool ok() const { return !fault; }
+  };
+  Outcome outcome() {
     wait();
     return result;
   }
   std::string text(size_t choice = 0) {
-    const Status status = outcome();
-    EXPECT_TRUE(status.ok()) << status.message;
+    const Outcome reached = outcome();
+    EXPECT_TRUE(reached.ok()) << reached.message;
     EXPECT_LT(choice, replies.size());
     EXPECT_EQ(told.at(choice), replies.at(choice).message.content);
     return told.at(choice);
@@ -229,10 +236,10 @@ class Caller : public GenerationSink {
       log->add(name + " " + what);
     }
   }
-  void end(const Status& status) {
+  void end(const Outcome& reached) {
     const std::lock_guard lock(mutex);
     EXPECT_FALSE(isOver);
-    result = status;
+    result = reached;
     isOver = true;
     changed.notify_all();
   }
@@ -243,7 +250,7 @@ class Caller : public GenerationSink {
   std::mutex mutex;
   std::condition_variable changed;
   bool isOver = false;
-  Status result;
+  Outcome result;
 };
 
 class SchedulerTest : public testing::Test {
@@ -310,9 +317,9 @@ TEST_F(SchedulerTest, ATextIsGoneOnWith) {
   GenerationRequest request = ask(std::vector<Message>(), 10);
   sharedModel().model->textEncoder().encode("Once upon a time", request.prompt);
   EXPECT_EQ(alone(request), submit(request)->text());
-  const Status status = submit(ask(std::vector<Message>(), 10))->outcome();
-  EXPECT_EQ(StatusCode::InvalidFormat, status.code);
-  EXPECT_EQ("there is no text to go on with", status.message);
+  const Caller::Outcome nothing = submit(ask(std::vector<Message>(), 10))->outcome();
+  EXPECT_EQ(GenerationFault::Request, nothing.fault);
+  EXPECT_EQ("there is no text to go on with", nothing.message);
 }
 
 TEST_F(SchedulerTest, RequestsAreTakenUpInTheOrderOfTheirArrival) {
@@ -609,7 +616,7 @@ TEST_F(SchedulerTest, WhereTheServerEndsTheLineIsTurnedAwayAndRepliesGoOn) {
             scheduler->submit(ask("Hello", 2), std::make_shared<Caller>()));
   EXPECT_FALSE(scheduler->waitUntilIdle(0ms));
   gate.open();
-  EXPECT_EQ(StatusCode::IoError, waiting->outcome().code);
+  EXPECT_EQ(GenerationFault::Unavailable, waiting->outcome().fault);
   EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
   EXPECT_EQ(ReplyEnd::Limit, held->replies[0].end);
   waitUntilIdle();
@@ -654,7 +661,7 @@ TEST_F(SchedulerTest, APromptThatIsCutOffIsTurnedAway) {
   EXPECT_EQ(2U, scheduler->statistics().running);
   scheduler->cutOff();
   second.open();
-  EXPECT_EQ(StatusCode::IoError, reader->outcome().code);
+  EXPECT_EQ(GenerationFault::Unavailable, reader->outcome().fault);
   EXPECT_FALSE(reader->isStarted);
   writer->wait();
   EXPECT_EQ(ReplyEnd::Cancelled, writer->replies[0].end);
@@ -678,10 +685,10 @@ TEST_F(SchedulerTest, ARequestThatCannotBeFulfilledFailsAlone) {
   const auto unfit = submit(ask(std::vector<Message>{message(Role::Assistant, "Me first")}, 5));
   const auto after = submit(ask("Hello", 5));
   gate.open();
-  EXPECT_EQ(StatusCode::InvalidFormat, tooLong->outcome().code);
+  EXPECT_EQ(GenerationFault::TooLong, tooLong->outcome().fault);
   EXPECT_NE(std::string::npos, tooLong->outcome().message.find("the context has 1500 positions"));
-  EXPECT_EQ(StatusCode::Corrupted, damaged->outcome().code);
-  EXPECT_EQ(StatusCode::InvalidFormat, unfit->outcome().code);
+  EXPECT_EQ(GenerationFault::Numbers, damaged->outcome().fault);
+  EXPECT_EQ(GenerationFault::Request, unfit->outcome().fault);
   EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
   EXPECT_EQ(alone(ask("Hello", 5)), after->text());
   waitUntilIdle();
@@ -697,7 +704,7 @@ TEST_F(SchedulerTest, AReplyThatGoesWrongLeavesThePassToTheOthers) {
   const auto wrong = submit(damaged);
   const auto right = submit(ask("What is new?", 30));
   gate.open();
-  EXPECT_EQ(StatusCode::Corrupted, wrong->outcome().code);
+  EXPECT_EQ(GenerationFault::Numbers, wrong->outcome().fault);
   EXPECT_EQ("~", wrong->told.at(0));
   EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
   EXPECT_EQ(alone(ask("What is new?", 30)), right->text());
@@ -707,7 +714,7 @@ TEST_F(SchedulerTest, AConversationThatWentWrongIsForgotten) {
   start(1);
   GenerationRequest damaged = ask("Hello", 5);
   damaged.options.sampling.logitBias = {{idOf("~"), 100.0F}};
-  EXPECT_EQ(StatusCode::Corrupted, submit(damaged)->outcome().code);
+  EXPECT_EQ(GenerationFault::Numbers, submit(damaged)->outcome().fault);
   waitUntilIdle();
   EXPECT_EQ(0U, scheduler->statistics().positionsUsed);
   EXPECT_EQ(alone(ask("Hello", 5)), submit(ask("Hello", 5))->text());
@@ -718,7 +725,7 @@ TEST_F(SchedulerTest, OneChoiceThatGoesWrongFailsTheRequest) {
   GenerationRequest damaged = ask("Hello", 5);
   damaged.options.sampling.logitBias = {{idOf("~"), 100.0F}};
   damaged.choices = 4;
-  EXPECT_EQ(StatusCode::Corrupted, submit(damaged)->outcome().code);
+  EXPECT_EQ(GenerationFault::Numbers, submit(damaged)->outcome().fault);
   EXPECT_EQ(alone(ask("Hello", 5)), submit(ask("Hello", 5))->text());
   waitUntilIdle();
   EXPECT_EQ(1U, scheduler->statistics().failed);
