@@ -47,6 +47,8 @@ enum class GenerationFault : uint8_t {
 // Told by the scheduler's thread, in order, which it must not keep waiting. Nothing comes after
 // done() or failed(). A request whose cancel flag is raised has its choices finished with
 // ReplyEnd::Cancelled, started() or not; so have replies that are cut off when the server ends.
+// All but cancel() may throw std::bad_alloc, which costs this request alone: failed() is called
+// with Unavailable, and where that throws as well the sink is let go of.
 class GenerationSink {
  public:
   virtual ~GenerationSink() = default;

@@ -26,6 +26,7 @@ struct GenerationJob {
   bool isRead = false;
   size_t unfinished = 0;      // choices
   bool wasCancelled = false;  // one of them
+  bool isOver = false;        // its end has been told
 
   bool isCancelled() const;
 };

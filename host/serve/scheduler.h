@@ -128,7 +128,10 @@ class Scheduler : public GenerationQueue {
   void turnAway(const Job& job);
   void giveUp(const Job& job, GenerationFault fault, std::string_view message,
               uint64_t SchedulerStatistics::*outcome);
+  template <typename Tell>
+  void end(const Job& job, uint64_t SchedulerStatistics::*outcome, const Tell& tell);
   void cutReplies();
+  void cancel(ReplySlot& slot);
   void publish();
 
   const size_t room;  // for requests that wait or run
@@ -149,6 +152,15 @@ class Scheduler : public GenerationQueue {
   SlicePace pace;
   size_t lastReader = 0;
   uint64_t uses = 0;
+
+  // Scratch of a turn, with room for all that there can be: memory that runs out may end a reply,
+  // but not in between them.
+  std::vector<Job> unwanted;
+  std::vector<engine::Context*> others;
+  std::vector<ReplySlot*> writers;
+  std::vector<engine::Context*> contexts;
+  std::vector<int32_t> tokens;
+  std::vector<kel::Status> outcomes;
 
   std::thread thread;
 };

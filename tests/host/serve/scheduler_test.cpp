@@ -11,10 +11,14 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "engine/chat_tokens.h"
@@ -744,6 +748,151 @@ class OnlyLetter : public engine::ReplyConstraint {
  private:
   int32_t id;
 };
+
+// There is no memory for what it is to be told by some of its functions.
+class Forgetful : public Caller {
+ public:
+  explicit Forgetful(std::set<std::string> functions) : lacking(std::move(functions)) {}
+
+  void started(uint64_t promptTokens, uint64_t cachedTokens) override {
+    remember("started");
+    Caller::started(promptTokens, cachedTokens);
+  }
+  void event(size_t choice, const engine::ReplyEvent& event) override {
+    remember("event");
+    Caller::event(choice, event);
+  }
+  void token(size_t choice, const engine::LogProbabilities& chosen) override {
+    if (onToken) {
+      onToken();
+    }
+    remember("token");
+    if (choice == 0) {
+      Caller::token(choice, chosen);
+    }
+  }
+  void finished(size_t choice, const Reply& reply) override {
+    remember("finished");
+    Caller::finished(choice, reply);
+  }
+  void done() override {
+    remember("done");
+    Caller::done();
+  }
+  void failed(GenerationFault fault, std::string_view message) override {
+    remember("failed");
+    Caller::failed(fault, message);
+  }
+
+  std::function<void()> onToken;
+
+ private:
+  void remember(const std::string& function) const {
+    if (lacking.contains(function)) {
+      throw std::bad_alloc();
+    }
+  }
+
+  std::set<std::string> lacking;
+};
+
+// Running out of memory costs the request that it is needed for, and nobody else.
+class SchedulerMemoryTest : public SchedulerTest {
+ protected:
+  // The line goes on, every request was counted once, and the sink of a caller that could not even
+  // be told of its failure has been let go of.
+  void expectNoHarm() {
+    EXPECT_EQ(alone(ask("Hello", 5)), submit(ask("Hello", 5))->text());
+    waitUntilIdle();
+    const SchedulerStatistics counts = scheduler->statistics();
+    EXPECT_EQ(counts.accepted,
+              counts.completed + counts.cancelled + counts.failed + counts.turnedAway);
+    EXPECT_EQ(0U, counts.running + counts.waiting);
+  }
+  static void expectOutOfMemory(Caller& caller) {
+    EXPECT_EQ(GenerationFault::Unavailable, caller.outcome().fault);
+    EXPECT_EQ("out of memory", caller.outcome().message);
+  }
+  void expectLetGoOf(std::shared_ptr<Forgetful> caller) {
+    const std::weak_ptr<Forgetful> left = std::exchange(caller, nullptr);
+    waitUntilIdle();
+    EXPECT_TRUE(left.expired());
+  }
+};
+
+TEST_F(SchedulerMemoryTest, WhatCannotBeToldOfAReplyFailsIt) {
+  start(2);
+  for (const size_t choices : {1U, 3U}) {
+    GenerationRequest request = ask("Hello", 4);
+    request.choices = choices;
+    request.logProbabilities = 1;
+    for (const std::string function : {"started", "token", "event", "finished", "done"}) {
+      SCOPED_TRACE(function + " " + std::to_string(choices));
+      const auto told = std::make_shared<Forgetful>(std::set<std::string>{function});
+      submit(request, told);
+      expectOutOfMemory(*told);
+      auto untold = std::make_shared<Forgetful>(std::set<std::string>{function, "failed"});
+      submit(request, untold);
+      expectLetGoOf(std::move(untold));
+      expectNoHarm();
+    }
+  }
+}
+
+TEST_F(SchedulerMemoryTest, RepliesBesideItGoOn) {
+  start(2);
+  const auto held = submitHeld();
+  const auto forgetful = std::make_shared<Forgetful>(std::set<std::string>{"finished", "failed"});
+  submit(ask("Hello", 4), forgetful);
+  gate.open();
+  EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
+  expectNoHarm();
+}
+
+TEST_F(SchedulerMemoryTest, FailuresThatCannotBeToldEndTheRequest) {
+  start(1);
+  const auto held = submitHeld();
+  auto tooLong = std::make_shared<Forgetful>(std::set<std::string>{"failed"});
+  submit(ask(std::string(kPositions, 'x'), 5), tooLong);
+  gate.open();
+  expectLetGoOf(std::move(tooLong));
+  expectNoHarm();
+}
+
+TEST_F(SchedulerMemoryTest, CallersThatWentAwayNeedNotBeTold) {
+  start(1);
+  const auto held = submitHeld();
+  GenerationRequest both = ask("Hello", 2);
+  both.choices = 2;
+  auto gone = std::make_shared<Forgetful>(std::set<std::string>{"finished"});
+  submit(both, gone);
+  gone->goAway();
+  auto silent = std::make_shared<Forgetful>(std::set<std::string>{"finished", "failed"});
+  submit(both, silent);
+  silent->goAway();
+  gate.open();
+  expectOutOfMemory(*gone);
+  expectLetGoOf(std::move(silent));
+  expectNoHarm();
+}
+
+// Text that might begin a stop string is held back, and comes when the reply is cut off.
+TEST_F(SchedulerMemoryTest, LastWordsOfAReplyThatIsCutOff) {
+  start(1);
+  GenerationRequest request = ask("Hello", 100);
+  request.logProbabilities = 1;
+  request.makeConstraint = [] { return std::make_unique<OnlyLetter>(idOf("a")); };
+  request.options.stops = {std::string(50, 'a') + "b"};
+  const auto caller = std::make_shared<Forgetful>(std::set<std::string>{"event"});
+  caller->onToken = [&, tokens = 0]() mutable {
+    if (++tokens == 3) {
+      scheduler->cutOff();
+    }
+  };
+  submit(request, caller);
+  expectOutOfMemory(*caller);
+  waitUntilIdle();
+}
 
 TEST_F(SchedulerTest, EveryChoiceHasAConstraintOfItsOwn) {
   start(2);
