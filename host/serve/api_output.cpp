@@ -91,12 +91,24 @@ void ApiSink::send(std::string_view event, const Json& data) {
   exchange->write(serverEvent(event, data));
 }
 
-void ApiSink::started(uint64_t nPrompt, uint64_t nCached) {
-  promptTokens = nPrompt;
-  cachedTokens = nCached;
+// How long the request waited, in the header that browsers and collectors know.
+std::pair<std::string, std::string> ApiSink::timing() const {
+  return {"Server-Timing", fmt::format("queue;dur={:.3f}", queueSeconds * 1e3)};
+}
+
+void ApiSink::answerWhole(const Json& body) {
+  constexpr int kOk = 200;
+  exchange->answer(kOk, kJsonType, jsonText(body), {timing()});
+}
+
+void ApiSink::started(const GenerationStart& start) {
+  promptTokens = start.promptTokens;
+  cachedTokens = start.cachedTokens;
+  queueSeconds = start.queueSeconds;
   if (streamed) {
     constexpr int kOk = 200;
-    exchange->begin(kOk, kEventsType, {{"Cache-Control", "no-cache"}, {"X-Accel-Buffering", "no"}});
+    exchange->begin(kOk, kEventsType,
+                    {{"Cache-Control", "no-cache"}, {"X-Accel-Buffering", "no"}, timing()});
     begun = true;
     opened();
   }

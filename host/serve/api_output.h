@@ -45,7 +45,7 @@ class ApiSink : public GenerationSink {
         form(errorForm),
         streamed(isStreamed) {}
 
-  void started(uint64_t nPrompt, uint64_t nCached) final;
+  void started(const GenerationStart& start) final;
   void event(size_t choice, const engine::ReplyEvent& event) override = 0;
   void token(size_t choice, const engine::LogProbabilities& chosen) override;
   void finished(size_t choice, const engine::Reply& reply) final;
@@ -61,6 +61,7 @@ class ApiSink : public GenerationSink {
   virtual void broken(const ApiError& error) = 0;  // streamed: the event that says so
 
   void send(std::string_view event, const Json& data);
+  void answerWhole(const Json& body);  // buffered
   bool isStreamed() const { return streamed; }
 
   SharedModel served;
@@ -72,10 +73,12 @@ class ApiSink : public GenerationSink {
 
  private:
   void fail(const ApiError& error);
+  std::pair<std::string, std::string> timing() const;
 
   ErrorForm form;
   bool streamed;
   bool begun = false;
+  double queueSeconds = 0;
   bool isCut = false;  // a reply was ended for no reason of its own
 };
 

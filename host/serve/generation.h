@@ -44,6 +44,13 @@ enum class GenerationFault : uint8_t {
   Numbers       // those of the model went wrong
 };
 
+// Of a request whose prompt has been read.
+struct GenerationStart {
+  uint64_t promptTokens = 0;
+  uint64_t cachedTokens = 0;  // of those, in place before
+  double queueSeconds = 0;    // until it was taken up
+};
+
 // Told by the scheduler's thread, in order, which it must not keep waiting. Nothing comes after
 // done() or failed(). A request whose cancel flag is raised has its choices finished with
 // ReplyEnd::Cancelled, started() or not; so have replies that are cut off when the server ends.
@@ -53,8 +60,7 @@ class GenerationSink {
  public:
   virtual ~GenerationSink() = default;
 
-  // The prompt has been read: its tokens, and those of them that were in place before.
-  virtual void started(uint64_t promptTokens, uint64_t cachedTokens) = 0;
+  virtual void started(const GenerationStart& start) = 0;
   virtual void event(size_t choice, const engine::ReplyEvent& event) = 0;
   // Before the events of its text; only where log-probabilities are asked for.
   virtual void token(size_t choice, const engine::LogProbabilities& chosen) = 0;

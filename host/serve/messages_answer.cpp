@@ -67,7 +67,7 @@ class MessageSink : public ApiSink {
     if (!isStreamed()) {
       Json message = messageObject();
       message["usage"] = usage();
-      answerJson(*exchange, message);
+      answerWhole(message);
       return;
     }
     tell("message_delta",

@@ -269,7 +269,8 @@ void Scheduler::takeUp() {
       job = std::move(queue.front());
       queue.pop_front();
       ++running;
-      counts.queueSeconds += secondsSince(job->arrival);
+      job->queueSeconds = secondsSince(job->arrival);
+      counts.queueTimes.add(job->queueSeconds);
     }
     if (job->encoded.ok()) {
       begin(job, 0);
@@ -399,7 +400,8 @@ void Scheduler::readPart(ReplySlot& slot, size_t most) {
 
 void Scheduler::promptRead(ReplySlot& slot) {
   const Job job = slot.job();
-  if (!job->isRead) {
+  const bool isFirst = !job->isRead;  // of its choices
+  if (isFirst) {
     job->isRead = true;
     const engine::Reply& reply = slot.reply();
     {
@@ -409,7 +411,9 @@ void Scheduler::promptRead(ReplySlot& slot) {
       counts.cacheHits += reply.reusedTokens > 0 ? 1 : 0;
     }
     const Status told = withMemory([&] {
-      job->sink->started(reply.promptTokens, reply.reusedTokens);
+      job->sink->started({.promptTokens = reply.promptTokens,
+                          .cachedTokens = reply.reusedTokens,
+                          .queueSeconds = job->queueSeconds});
       for (size_t choice = 1; choice < job->request.choices; ++choice) {
         choices.push_back({job, choice});
       }
@@ -422,7 +426,12 @@ void Scheduler::promptRead(ReplySlot& slot) {
     takeUpChoices();
   }
   if (slot.is(ReplyRun::State::Read)) {
-    sweep(slot, withMemory([&] { return slot.run().start(); }));
+    const Status status = withMemory([&] { return slot.run().start(); });
+    if (isFirst && slot.reply().tokens > 0) {
+      const std::lock_guard lock(mutex);
+      counts.firstTokenTimes.add(secondsSince(job->arrival));
+    }
+    sweep(slot, status);
   }
 }
 

@@ -30,6 +30,7 @@
 #include "engine/model.h"
 #include "host/serve/generation.h"
 #include "host/serve/slice_pace.h"
+#include "host/serve/time_histogram.h"
 
 namespace zym {
 
@@ -54,13 +55,14 @@ struct SchedulerStatistics {
   uint64_t queueFull = 0;     // not accepted
   uint64_t shuttingDown = 0;  // likewise
 
-  uint64_t promptTokens = 0;  // of requests whose prompt has been read
-  uint64_t cachedTokens = 0;  // of those, in place before
-  uint64_t cacheHits = 0;     // requests with any
-  uint64_t readTokens = 0;    // fed of prompts, also of those that were given up
-  uint64_t replyTokens = 0;   // of choices that are finished
-  uint64_t passes = 0;        // over tokens of replies, one or several
-  double queueSeconds = 0;    // until requests were taken up
+  uint64_t promptTokens = 0;      // of requests whose prompt has been read
+  uint64_t cachedTokens = 0;      // of those, in place before
+  uint64_t cacheHits = 0;         // requests with any
+  uint64_t readTokens = 0;        // fed of prompts, also of those that were given up
+  uint64_t replyTokens = 0;       // of choices that are finished
+  uint64_t passes = 0;            // over tokens of replies, one or several
+  TimeHistogram queueTimes;       // of requests that were taken up, until then
+  TimeHistogram firstTokenTimes;  // of those that came to one, until then; the queue included
   double prefillSeconds = 0;
   double decodeSeconds = 0;
 

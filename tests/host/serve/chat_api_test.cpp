@@ -80,7 +80,7 @@ TEST_F(ChatApi, StreamedAnswer) {
   const auto exchange = ask(R"("stream": true)");
   GenerationSink& sink = *service.queue.sink;
   EXPECT_EQ(0, exchange->status) << "the prompt may yet be refused";
-  sink.started(10, 4);
+  sink.started({10, 4});
   EXPECT_EQ(200, exchange->status);
   EXPECT_EQ("text/event-stream", exchange->type);
   std::string expected = chunk(delta(R"({"role":"assistant","content":""})"));
@@ -159,7 +159,7 @@ TEST_F(ChatApi, SeveralChoices) {
   const auto exchange = ask(R"("n": 2, "stream": false)");
   EXPECT_EQ(2U, service.queue.request.choices);
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 0);
+  sink.started({10, 0});
   sink.event(1, answer("b"));
   sink.event(0, answer("a"));
   sink.finished(1, reply(ReplyEnd::Stop, 3));
@@ -185,7 +185,7 @@ TEST_F(ChatApi, LogProbabilitiesOfTheAnswerAlone) {
           kTools);
   EXPECT_EQ(2U, service.queue.request.logProbabilities);
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 0);
+  sink.started({10, 0});
   const int32_t a = kel::test::chatId("a");
   sink.token(0, chosen(a + 9, -1));  // reasoning
   sink.event(0, reasoning("j"));
@@ -217,7 +217,7 @@ TEST_F(ChatApi, LogProbabilitiesOfTheAnswerAlone) {
 TEST_F(ChatApi, LogProbabilitiesOfAWholeAnswer) {
   const auto exchange = ask(R"("logprobs": true)");
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 0);
+  sink.started({10, 0});
   const int32_t a = kel::test::chatId("a");
   for (const int32_t id : {a, a + 1}) {
     sink.token(0, {{id, -0.5}, {}});
@@ -234,7 +234,7 @@ TEST_F(ChatApi, LogProbabilitiesOfAWholeAnswer) {
 TEST_F(ChatApi, LogProbabilitiesShowSpacesAsSuch) {
   const auto exchange = ask(R"("logprobs": true)");
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 0);
+  sink.started({10, 0});
   sink.token(0, {{kel::test::chatId("\u2581"), -0.5}, {}});
   sink.event(0, answer(" "));
   sink.finished(0, reply(ReplyEnd::Stop, 3));
@@ -276,7 +276,7 @@ TEST_F(ChatApi, WhatCannotBeFulfilled) {
 
 TEST_F(ChatApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(R"("stream": true)");
-  service.queue.sink->started(10, 0);
+  service.queue.sink->started({10, 0});
   exchange->written.clear();
   service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(

@@ -191,7 +191,7 @@ inline engine::Reply reply(engine::ReplyEnd end, uint64_t tokens,
 // One reply from beginning to end: a prompt of 10 tokens, 4 of them in place.
 inline void play(GenerationSink& sink, const std::vector<engine::ReplyEvent>& events,
                  const engine::Reply& reply) {
-  sink.started(10, 4);
+  sink.started({10, 4});
   for (const engine::ReplyEvent& event : events) {
     sink.event(0, event);
   }

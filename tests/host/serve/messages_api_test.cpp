@@ -128,7 +128,7 @@ TEST_F(MessagesApi, Errors) {
 
 TEST_F(MessagesApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(kHello + R"(, "stream": true)");
-  service.queue.sink->started(10, 4);
+  service.queue.sink->started({10, 4});
   exchange->written.clear();
   service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(

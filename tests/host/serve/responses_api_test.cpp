@@ -172,7 +172,7 @@ TEST_F(ResponsesApi, StreamedAnswer) {
 
 TEST_F(ResponsesApi, StreamedCall) {
   const auto exchange = ask(R"("input": "hello", "stream": true, )" + kTools);
-  service.queue.sink->started(10, 4);
+  service.queue.sink->started({10, 4});
   const size_t begin = exchange->written.size();
   service.queue.sink->event(0, call("look_up", R"({"a": 1})"));
   const std::string stream = exchange->written;
@@ -206,7 +206,7 @@ TEST_F(ResponsesApi, CutShortAnswers) {
 
 TEST_F(ResponsesApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(R"("input": "hello", "stream": true)");
-  service.queue.sink->started(10, 4);
+  service.queue.sink->started({10, 4});
   service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   const std::string lines = eventsOf(exchange->written);
   const size_t last = lines.rfind("response.failed ");
@@ -222,7 +222,7 @@ TEST_F(ResponsesApi, LogProbabilities) {
                             R"( "reasoning.encrypted_content"], "top_logprobs": 0)");
   EXPECT_EQ(0U, service.queue.request.logProbabilities);
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 4);
+  sink.started({10, 4});
   sink.token(0, {{kel::test::chatId("a"), -0.5}, {}});
   sink.event(0, answer("a"));
   sink.finished(0, reply(ReplyEnd::Stop, 1));

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <cstring>
@@ -165,12 +166,13 @@ class Caller : public GenerationSink {
   explicit Caller(std::string callerName = "", Log* callerLog = nullptr)
       : name(std::move(callerName)), log(callerLog) {}
 
-  void started(uint64_t promptTokens, uint64_t cachedTokens) override {
+  void started(const GenerationStart& start) override {
     EXPECT_FALSE(isStarted);
     note("started");
     isStarted = true;
-    prompt = promptTokens;
-    cached = cachedTokens;
+    prompt = start.promptTokens;
+    cached = start.cachedTokens;
+    queueSeconds = start.queueSeconds;
   }
   void event(size_t choice, const engine::ReplyEvent& event) override {
     EXPECT_TRUE(isStarted);
@@ -229,6 +231,7 @@ class Caller : public GenerationSink {
   bool isStarted = false;
   uint64_t prompt = 0;
   uint64_t cached = 0;
+  double queueSeconds = 0;
   size_t ends = 0;
   std::vector<std::string> told;
   std::vector<Reply> replies;
@@ -341,6 +344,29 @@ TEST_F(SchedulerTest, RequestsAreTakenUpInTheOrderOfTheirArrival) {
                                       "a finished", "a done", "b started", "b finished", "b done",
                                       "c started", "c finished", "c done"}),
             log.all());
+}
+
+TEST_F(SchedulerTest, TimesInTheLineAndToTheFirstTokenAreKept) {
+  start(1);
+  const auto held = submitHeld();
+  const auto waiting = submit(ask("Hello", 2));
+  const auto arrival = std::chrono::steady_clock::now();
+  const auto gone = submit(ask("Hello", 2));
+  gone->goAway();
+  const auto tooLong = submit(ask(std::string(kPositions, 'x'), 5));
+  std::this_thread::sleep_for(20ms);
+  const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - arrival;
+  gate.open();
+  waiting->wait();
+  tooLong->wait();
+  waitUntilIdle();
+  EXPECT_GE(waiting->queueSeconds, waited.count());
+  EXPECT_LT(held->queueSeconds, waiting->queueSeconds);
+  const SchedulerStatistics counts = scheduler->statistics();
+  EXPECT_EQ(3U, counts.queueTimes.count()) << "one left the line by itself";
+  EXPECT_GE(counts.queueTimes.seconds(), held->queueSeconds + waiting->queueSeconds);
+  EXPECT_EQ(2U, counts.firstTokenTimes.count()) << "one could not be fulfilled";
+  EXPECT_GE(counts.firstTokenTimes.seconds(), waiting->queueSeconds);
 }
 
 TEST_F(SchedulerTest, TheLineHasABound) {
@@ -754,9 +780,9 @@ class Forgetful : public Caller {
  public:
   explicit Forgetful(std::set<std::string> functions) : lacking(std::move(functions)) {}
 
-  void started(uint64_t promptTokens, uint64_t cachedTokens) override {
+  void started(const GenerationStart& start) override {
     remember("started");
-    Caller::started(promptTokens, cachedTokens);
+    Caller::started(start);
   }
   void event(size_t choice, const engine::ReplyEvent& event) override {
     remember("event");
