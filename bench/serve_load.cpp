@@ -31,7 +31,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kSilenceSeconds = 600;  // far longer than an answer of a full queue should take
-constexpr std::chrono::seconds kRetryAfter(1);
 
 struct Options {
   uint16_t port = 0;
@@ -90,6 +89,7 @@ class Connection {
     isChunked = head.find("Transfer-Encoding: chunked\r\n") != std::string_view::npos;
     left = static_cast<size_t>(numberBehind(head, "Content-Length: "));
     queueSeconds = numberBehind(head, "Server-Timing: queue;dur=") / 1e3;
+    retrySeconds = numberBehind(head, "Retry-After: ");
     const int status =
         static_cast<int>(numberBehind(head.substr(0, head.find("\r\n")), "HTTP/1.1 "));
     received.erase(0, end + 4);
@@ -130,7 +130,9 @@ class Connection {
     return text;
   }
   bool endedWell() const { return isWhole; }
-  double queued() const { return queueSeconds; }  // the last request that was answered, in seconds
+  // Of the last answer, in seconds.
+  double queued() const { return queueSeconds; }
+  double retryAfter() const { return retrySeconds; }
 
  private:
   bool readMore() {
@@ -149,6 +151,7 @@ class Connection {
   bool isWhole = false;  // the body came to its end
   size_t left = 0;
   double queueSeconds = 0;
+  double retrySeconds = 0;
   std::string received;
 };
 
@@ -230,9 +233,9 @@ Tally runCaller(const Options& options, unsigned caller, Clock::time_point end) 
       continue;
     }
     const std::string text = connection.rest();
-    if (status == 503 && connection.endedWell()) {
+    if (status == 503 && connection.endedWell() && connection.retryAfter() > 0) {
       ++tally.refused;
-      std::this_thread::sleep_for(kRetryAfter);
+      std::this_thread::sleep_for(std::chrono::duration<double>(connection.retryAfter()));
     } else {
       // Anything but the two ends this caller.
       ++tally.failed;

@@ -16,9 +16,6 @@ constexpr int kNotFound = 404;
 constexpr int kInternal = 500;
 constexpr int kUnavailable = 503;
 
-// Seconds after which asking again may be worth it.
-constexpr const char* kRetryAfter = "1";
-
 std::string_view typeOf(ErrorForm form, int status) {
   const bool isMessages = form == ErrorForm::Messages;
   switch (status) {
@@ -60,10 +57,11 @@ void answerJson(HttpExchange& exchange, const Json& body) {
   exchange.answer(kOk, kJsonType, jsonText(body));
 }
 
-void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error) {
+void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error,
+                 std::chrono::seconds retryAfter) {
   HttpHeaders headers;
   if (error.status == kUnavailable) {
-    headers.emplace_back("Retry-After", kRetryAfter);
+    headers.emplace_back("Retry-After", fmt::format("{}", retryAfter.count()));
   }
   exchange.answer(error.status, kJsonType, jsonText(errorBody(form, error)), headers);
 }
@@ -74,7 +72,8 @@ ApiError errorOf(GenerationFault fault, std::string_view message, std::string_vi
       return {kBadRequest, std::string(message), {}};
     case GenerationFault::TooLong:
       return {kBadRequest, std::string(message), std::string(prompt), "context_length_exceeded"};
-    case GenerationFault::Unavailable:
+    case GenerationFault::NoMemory:
+    case GenerationFault::ShuttingDown:
       return {kUnavailable, std::string(message), {}};
     case GenerationFault::Numbers:
       break;
@@ -127,7 +126,7 @@ void ApiSink::finished(size_t choice, const engine::Reply& reply) {
 
 void ApiSink::done() {
   if (isCut) {
-    fail({kUnavailable, "the server is shutting down", {}});
+    fail({kUnavailable, "the server is shutting down", {}}, kAfterRestart);
     return;
   }
   closed();
@@ -137,12 +136,13 @@ void ApiSink::done() {
 }
 
 void ApiSink::failed(GenerationFault fault, std::string_view message) {
-  fail(errorOf(fault, message, promptField()));
+  fail(errorOf(fault, message, promptField()),
+       fault == GenerationFault::ShuttingDown ? kAfterRestart : kSoon);
 }
 
-void ApiSink::fail(const ApiError& error) {
+void ApiSink::fail(const ApiError& error, std::chrono::seconds retryAfter) {
   if (!begun) {
-    answerError(*exchange, form, error);
+    answerError(*exchange, form, error, retryAfter);
     return;
   }
   broken(error);
@@ -156,10 +156,11 @@ void submit(const SharedModel& served, GenerationRequest request, std::shared_pt
       break;
     case Submission::QueueFull:
       answerError(exchange, form,
-                  {kUnavailable, "too many requests are waiting; try again later", {}});
+                  {kUnavailable, "too many requests are waiting; try again later", {}},
+                  served->services.queue->untilRoom());
       break;
     case Submission::ShuttingDown:
-      answerError(exchange, form, {kUnavailable, "the server is shutting down", {}});
+      answerError(exchange, form, {kUnavailable, "the server is shutting down", {}}, kAfterRestart);
       break;
   }
 }

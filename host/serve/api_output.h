@@ -1,6 +1,7 @@
 // What the interfaces answer with: JSON, errors in the form of each, events sent as they come.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -25,7 +26,12 @@ enum class ErrorForm : uint8_t { Completions, Messages };
 
 Json errorBody(ErrorForm form, const ApiError& error);
 void answerJson(HttpExchange& exchange, const Json& body);
-void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error);
+
+// When asking again may be worth it, told with status 503.
+constexpr std::chrono::seconds kSoon{1};           // memory comes and goes
+constexpr std::chrono::seconds kAfterRestart{10};  // as long as another process takes to be there
+void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error,
+                 std::chrono::seconds retryAfter = kSoon);
 
 // Of a request that the scheduler gave back. prompt: the field that its prompt comes from.
 ApiError errorOf(GenerationFault fault, std::string_view message, std::string_view prompt);
@@ -72,7 +78,7 @@ class ApiSink : public GenerationSink {
   uint64_t reasoningTokens = 0;  // of those
 
  private:
-  void fail(const ApiError& error);
+  void fail(const ApiError& error, std::chrono::seconds retryAfter);
   std::pair<std::string, std::string> timing() const;
 
   ErrorForm form;

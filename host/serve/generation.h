@@ -2,6 +2,7 @@
 // (host/serve/api_*.h) and what runs the model (host/serve/scheduler.h).
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -37,11 +38,11 @@ struct GenerationRequest {
 
 // Why a request cannot be fulfilled.
 enum class GenerationFault : uint8_t {
-  Request,      // what it says
-  TooLong,      // its prompt has more tokens than a conversation has positions
-  Unavailable,  // there is no memory, or the server ends before the reply has begun: another one,
-                // or a later one, may be
-  Numbers       // those of the model went wrong
+  Request,       // what it says
+  TooLong,       // its prompt has more tokens than a conversation has positions
+  NoMemory,      // at the moment
+  ShuttingDown,  // the server ends before the reply has begun
+  Numbers        // those of the model went wrong
 };
 
 // Of a request whose prompt has been read.
@@ -55,7 +56,7 @@ struct GenerationStart {
 // done() or failed(). A request whose cancel flag is raised has its choices finished with
 // ReplyEnd::Cancelled, started() or not; so have replies that are cut off when the server ends.
 // All but cancel() may throw std::bad_alloc, which costs this request alone: failed() is called
-// with Unavailable, and where that throws as well the sink is let go of.
+// with NoMemory, and where that throws as well the sink is let go of.
 class GenerationSink {
  public:
   virtual ~GenerationSink() = default;
@@ -80,6 +81,9 @@ class GenerationQueue {
 
   // Any thread. Requests are taken up in the order of their arrival.
   virtual Submission submit(GenerationRequest request, std::shared_ptr<GenerationSink> sink) = 0;
+
+  // Any thread. When it is full: until there should be room for a request.
+  virtual std::chrono::seconds untilRoom() const = 0;
 };
 
 }  // namespace zym

@@ -54,7 +54,7 @@ GenerationFault faultOf(const Status& status) {
     case StatusCode::InvalidFormat:
       return GenerationFault::Request;
     case StatusCode::IoError:
-      return GenerationFault::Unavailable;
+      return GenerationFault::NoMemory;
     default:
       return GenerationFault::Numbers;
   }
@@ -93,7 +93,9 @@ Status Scheduler::create(const std::shared_ptr<const engine::Model>& model,
 
 Scheduler::Scheduler(const SchedulerOptions& options,
                      std::vector<std::unique_ptr<ReplySlot>> conversations)
-    : room(options.parallel + options.queueLength), slots(std::move(conversations)) {
+    : room(options.parallel + options.queueLength),
+      queuePace(options.parallel),
+      slots(std::move(conversations)) {
   unwanted.reserve(room);
   others.reserve(slots.size());
   writers.reserve(slots.size());
@@ -177,6 +179,11 @@ SchedulerStatistics Scheduler::statistics() const {
   result.waiting = queue.size();
   result.running = running;
   return result;
+}
+
+std::chrono::seconds Scheduler::untilRoom() const {
+  const std::lock_guard lock(mutex);
+  return queuePace.untilRoom();
 }
 
 void Scheduler::work() {
@@ -269,7 +276,8 @@ void Scheduler::takeUp() {
       job = std::move(queue.front());
       queue.pop_front();
       ++running;
-      job->queueSeconds = secondsSince(job->arrival);
+      job->takenUp = Clock::now();
+      job->queueSeconds = std::chrono::duration<double>(job->takenUp - job->arrival).count();
       counts.queueTimes.add(job->queueSeconds);
     }
     if (job->encoded.ok()) {
@@ -502,7 +510,7 @@ void Scheduler::finish(const Job& job, size_t choice, const engine::Reply& reply
     counts.replyTokens += reply.tokens;
   }
   if (!hasTold([&] { job->sink->finished(choice, reply); })) {
-    fail(job, GenerationFault::Unavailable, kNoMemory);
+    fail(job, GenerationFault::NoMemory, kNoMemory);
   } else if (job->unfinished == 0) {
     end(job, job->wasCancelled ? &SchedulerStatistics::cancelled : &SchedulerStatistics::completed,
         [&] { job->sink->done(); });
@@ -521,7 +529,7 @@ void Scheduler::fail(const Job& job, GenerationFault fault, std::string_view mes
 }
 
 void Scheduler::turnAway(const Job& job) {
-  giveUp(job, GenerationFault::Unavailable, kServerEnds, &SchedulerStatistics::turnedAway);
+  giveUp(job, GenerationFault::ShuttingDown, kServerEnds, &SchedulerStatistics::turnedAway);
 }
 
 void Scheduler::giveUp(const Job& job, GenerationFault fault, std::string_view message,
@@ -546,10 +554,13 @@ void Scheduler::end(const Job& job, uint64_t SchedulerStatistics::*outcome, cons
     ++(counts.*outcome);
   }
   if (!hasTold(tell)) {
-    (void)hasTold([&] { job->sink->failed(GenerationFault::Unavailable, kNoMemory); });
+    (void)hasTold([&] { job->sink->failed(GenerationFault::NoMemory, kNoMemory); });
   }
   const std::lock_guard lock(mutex);
   --running;
+  if (job->takenUp != Clock::time_point()) {
+    queuePace.saw(secondsSince(job->takenUp));
+  }
 }
 
 void Scheduler::publish() {

@@ -29,6 +29,7 @@
 #include "engine/context.h"
 #include "engine/model.h"
 #include "host/serve/generation.h"
+#include "host/serve/queue_pace.h"
 #include "host/serve/slice_pace.h"
 #include "host/serve/time_histogram.h"
 
@@ -98,6 +99,7 @@ class Scheduler : public GenerationQueue {
   bool waitUntilIdle(std::chrono::milliseconds most);
 
   SchedulerStatistics statistics() const;  // any thread
+  std::chrono::seconds untilRoom() const override;
 
  private:
   using Job = std::shared_ptr<GenerationJob>;
@@ -148,6 +150,7 @@ class Scheduler : public GenerationQueue {
   bool isEnding = false;
   bool isIdle = true;
   SchedulerStatistics counts;
+  QueuePace queuePace;
 
   std::vector<std::unique_ptr<ReplySlot>> slots;
   std::deque<Choice> choices;  // of requests whose prompt has been read, in their order

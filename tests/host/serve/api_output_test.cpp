@@ -56,5 +56,44 @@ TEST_F(ApiOutput, AnswersSayHowLongTheirRequestWaited) {
   }
 }
 
+TEST_F(ApiOutput, AFullQueueSaysWhenThereIsRoom) {
+  service.queue.answer = Submission::QueueFull;
+  service.queue.room = std::chrono::seconds(17);
+  for (const Interface& to : kInterfaces) {
+    for (const bool isStreamed : {false, true}) {
+      const auto exchange = ask(to, isStreamed);
+      EXPECT_EQ(exchange->status, 503) << to.path;
+      EXPECT_EQ(header(*exchange, "Retry-After"), "17") << to.path;
+      EXPECT_NE(exchange->written.find("too many requests are waiting"), std::string::npos);
+      EXPECT_TRUE(exchange->ended) << to.path;
+    }
+  }
+}
+
+TEST_F(ApiOutput, AServerThatEndsSaysWhenAnotherOneMayBeThere) {
+  for (const Interface& to : kInterfaces) {
+    service.queue.answer = Submission::ShuttingDown;
+    EXPECT_EQ(header(*ask(to, true), "Retry-After"), "10") << to.path;
+    service.queue.answer = Submission::Accepted;
+    const auto turnedAway = ask(to, false);
+    service.queue.sink->failed(GenerationFault::ShuttingDown, "the server is shutting down");
+    EXPECT_EQ(turnedAway->status, 503) << to.path;
+    EXPECT_EQ(header(*turnedAway, "Retry-After"), "10") << to.path;
+    const auto cutOff = ask(to, false);
+    testing_support::play(*service.queue.sink, {}, testing_support::reply(ReplyEnd::Cancelled, 1));
+    EXPECT_EQ(cutOff->status, 503) << to.path;
+    EXPECT_EQ(header(*cutOff, "Retry-After"), "10") << to.path;
+  }
+}
+
+TEST_F(ApiOutput, WithoutMemoryAskingSoonMayHelp) {
+  for (const Interface& to : kInterfaces) {
+    const auto exchange = ask(to, false);
+    service.queue.sink->failed(GenerationFault::NoMemory, "out of memory");
+    EXPECT_EQ(exchange->status, 503) << to.path;
+    EXPECT_EQ(header(*exchange, "Retry-After"), "1") << to.path;
+  }
+}
+
 }  // namespace
 }  // namespace zym

@@ -2,6 +2,7 @@
 // queue that keeps what it is given, and a model that is opened but never run.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -115,7 +116,10 @@ class FakeQueue : public GenerationQueue {
     return answer;
   }
 
+  std::chrono::seconds untilRoom() const override { return room; }
+
   Submission answer = Submission::Accepted;
+  std::chrono::seconds room{1};
   GenerationRequest request;
   std::shared_ptr<GenerationSink> sink;  // null: nothing has been submitted
 };

@@ -384,6 +384,17 @@ TEST_F(SchedulerTest, TheLineHasABound) {
   EXPECT_EQ(4U, scheduler->statistics().accepted);
 }
 
+TEST_F(SchedulerTest, TheTimeUntilThereIsRoomFollowsTheRequests) {
+  start(1);
+  EXPECT_EQ(1s, scheduler->untilRoom());
+  const auto held = submitHeld();
+  std::this_thread::sleep_for(1050ms);
+  gate.open();
+  held->wait();
+  waitUntilIdle();
+  EXPECT_LE(2s, scheduler->untilRoom());
+}
+
 TEST_F(SchedulerTest, ATextDependsNeitherOnCompanyNorOnWhatWasRead) {
   start(3);
   std::vector<GenerationRequest> requests;
@@ -646,7 +657,7 @@ TEST_F(SchedulerTest, WhereTheServerEndsTheLineIsTurnedAwayAndRepliesGoOn) {
             scheduler->submit(ask("Hello", 2), std::make_shared<Caller>()));
   EXPECT_FALSE(scheduler->waitUntilIdle(0ms));
   gate.open();
-  EXPECT_EQ(GenerationFault::Unavailable, waiting->outcome().fault);
+  EXPECT_EQ(GenerationFault::ShuttingDown, waiting->outcome().fault);
   EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
   EXPECT_EQ(ReplyEnd::Limit, held->replies[0].end);
   waitUntilIdle();
@@ -691,7 +702,7 @@ TEST_F(SchedulerTest, APromptThatIsCutOffIsTurnedAway) {
   EXPECT_EQ(2U, scheduler->statistics().running);
   scheduler->cutOff();
   second.open();
-  EXPECT_EQ(GenerationFault::Unavailable, reader->outcome().fault);
+  EXPECT_EQ(GenerationFault::ShuttingDown, reader->outcome().fault);
   EXPECT_FALSE(reader->isStarted);
   writer->wait();
   EXPECT_EQ(ReplyEnd::Cancelled, writer->replies[0].end);
@@ -836,7 +847,7 @@ class SchedulerMemoryTest : public SchedulerTest {
     EXPECT_EQ(0U, counts.running + counts.waiting);
   }
   static void expectOutOfMemory(Caller& caller) {
-    EXPECT_EQ(GenerationFault::Unavailable, caller.outcome().fault);
+    EXPECT_EQ(GenerationFault::NoMemory, caller.outcome().fault);
     EXPECT_EQ("out of memory", caller.outcome().message);
   }
   void expectLetGoOf(std::shared_ptr<Forgetful> caller) {
