@@ -138,6 +138,21 @@ TEST_F(MessagesApi, FailureInTheMiddleOfAStream) {
   EXPECT_TRUE(exchange->ended);
 }
 
+// The model writes the arguments, as deep as its context is long.
+TEST_F(MessagesApi, ArgumentsWithoutBottom) {
+  const auto nested = [](size_t depth) {
+    return R"({"a":)" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
+  };
+  for (const bool isDeep : {false, true}) {
+    const auto exchange =
+        ask(R"("max_tokens": 9, "messages": [{"role": "user", "content": "hello"}])");
+    const std::string arguments = nested(isDeep ? 400'000 : 64);
+    play(*service.queue.sink, {call("f", arguments)}, reply(ReplyEnd::Stop, 1));
+    const Json block = Json::parse(exchange->written)["content"][0];
+    EXPECT_EQ(isDeep ? "{}" : arguments, block["input"].dump());
+  }
+}
+
 TEST_F(MessagesApi, BlocksOfAllKinds) {
   const auto exchange = ask(R"("max_tokens": 9,
     "system": [{"type": "text", "text": "Be brief.", "cache_control": {"type": "ephemeral"}},
