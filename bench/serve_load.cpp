@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -30,7 +31,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kSilenceSeconds = 600;  // far longer than an answer of a full queue should take
-constexpr std::chrono::seconds kRetryAfter(1);
 
 struct Options {
   uint16_t port = 0;
@@ -88,6 +88,8 @@ class Connection {
     const std::string_view head = std::string_view(received).substr(0, end + 2);
     isChunked = head.find("Transfer-Encoding: chunked\r\n") != std::string_view::npos;
     left = static_cast<size_t>(numberBehind(head, "Content-Length: "));
+    queueSeconds = numberBehind(head, "Server-Timing: queue;dur=") / 1e3;
+    retrySeconds = numberBehind(head, "Retry-After: ");
     const int status =
         static_cast<int>(numberBehind(head.substr(0, head.find("\r\n")), "HTTP/1.1 "));
     received.erase(0, end + 4);
@@ -128,6 +130,9 @@ class Connection {
     return text;
   }
   bool endedWell() const { return isWhole; }
+  // Of the last answer, in seconds.
+  double queued() const { return queueSeconds; }
+  double retryAfter() const { return retrySeconds; }
 
  private:
   bool readMore() {
@@ -145,6 +150,8 @@ class Connection {
   bool isChunked = false;
   bool isWhole = false;  // the body came to its end
   size_t left = 0;
+  double queueSeconds = 0;
+  double retrySeconds = 0;
   std::string received;
 };
 
@@ -155,6 +162,7 @@ struct Tally {
   unsigned failed = 0;
   uint64_t tokens = 0;
   std::vector<double> firstToken;  // seconds from the request
+  std::vector<double> queue;       // seconds until it was taken up, as the server says
   std::string failure;             // the last one
 
   void add(const Tally& other) {
@@ -163,6 +171,7 @@ struct Tally {
     failed += other.failed;
     tokens += other.tokens;
     firstToken.insert(firstToken.end(), other.firstToken.begin(), other.firstToken.end());
+    queue.insert(queue.end(), other.queue.begin(), other.queue.end());
     if (!other.failure.empty()) {
       failure = other.failure;
     }
@@ -209,6 +218,7 @@ void readAnswer(Connection& connection, Clock::time_point start, Tally& tally) {
   ++tally.answered;
   tally.tokens += static_cast<uint64_t>(numberBehind(all, "\"completion_tokens\":"));
   tally.firstToken.push_back(first > 0 ? first : secondsSince(start));
+  tally.queue.push_back(connection.queued());
 }
 
 Tally runCaller(const Options& options, unsigned caller, Clock::time_point end) {
@@ -223,9 +233,9 @@ Tally runCaller(const Options& options, unsigned caller, Clock::time_point end) 
       continue;
     }
     const std::string text = connection.rest();
-    if (status == 503 && connection.endedWell()) {
+    if (status == 503 && connection.endedWell() && connection.retryAfter() > 0) {
       ++tally.refused;
-      std::this_thread::sleep_for(kRetryAfter);
+      std::this_thread::sleep_for(std::chrono::duration<double>(connection.retryAfter()));
     } else {
       // Anything but the two ends this caller.
       ++tally.failed;
@@ -235,24 +245,13 @@ Tally runCaller(const Options& options, unsigned caller, Clock::time_point end) 
   return tally;
 }
 
-struct ServerState {
-  double residentMib = 0;
-  double queueSeconds = 0;
-  double takenUp = 0;  // requests that have left the queue
-};
-
-ServerState serverState(const Options& options) {
+double residentMib(const Options& options) {
   Connection connection(options.port);
   if (connection.ask("GET /metrics", "") != 200) {
     std::fprintf(stderr, "serve_load: no server with metrics at port %u\n", unsigned{options.port});
     std::exit(2);
   }
-  const std::string text = connection.rest();
-  return {numberBehind(text, "\nzym_resident_memory_bytes ") / (1 << 20),
-          numberBehind(text, "\nzym_queue_seconds_total "),
-          numberBehind(text, "{outcome=\"completed\"} ") +
-              numberBehind(text, "{outcome=\"cancelled\"} ") +
-              numberBehind(text, "{outcome=\"failed\"} ")};
+  return numberBehind(connection.rest(), "\nzym_resident_memory_bytes ") / (1 << 20);
 }
 
 // The least value that so large a share of them does not exceed; 0 of none.
@@ -261,12 +260,12 @@ double percentile(std::vector<double> values, double share) {
     return 0;
   }
   std::sort(values.begin(), values.end());
-  const auto rank = static_cast<size_t>(share * static_cast<double>(values.size()));
-  return values[std::min(rank, values.size() - 1)];
+  const auto rank = static_cast<size_t>(std::ceil(share * static_cast<double>(values.size())));
+  return values[std::clamp<size_t>(rank, 1, values.size()) - 1];
 }
 
 Tally measure(const Options& options, unsigned callers) {
-  const ServerState before = serverState(options);
+  const double before = residentMib(options);
   const Clock::time_point start = Clock::now();
   const Clock::time_point end = start + std::chrono::seconds(options.seconds);
   std::vector<Tally> tallies(callers);
@@ -278,17 +277,16 @@ Tally measure(const Options& options, unsigned callers) {
     thread.join();
   }
   const double seconds = secondsSince(start);
-  const ServerState after = serverState(options);
+  const double after = residentMib(options);
   Tally all;
   for (const Tally& tally : tallies) {
     all.add(tally);
   }
-  const double taken = after.takenUp - before.takenUp;
-  std::printf("| %7u | %8u | %7u | %6u | %9.2f | %9.2f | %10.2f | %8.1f | %6.0f | %6.0f |\n",
+  std::printf("| %7u | %8u | %7u | %6u | %9.2f | %9.2f | %9.3f | %9.3f | %8.1f | %6.0f | %6.0f |\n",
               callers, all.answered, all.refused, all.failed, percentile(all.firstToken, 0.5),
-              percentile(all.firstToken, 0.99),
-              taken > 0 ? (after.queueSeconds - before.queueSeconds) / taken : 0,
-              static_cast<double>(all.tokens) / seconds, before.residentMib, after.residentMib);
+              percentile(all.firstToken, 0.99), percentile(all.queue, 0.5),
+              percentile(all.queue, 0.99), static_cast<double>(all.tokens) / seconds, before,
+              after);
   std::fflush(stdout);
   return all;
 }
@@ -340,11 +338,11 @@ Options parse(int argc, char** argv) {
 int main(int argc, char** argv) {
   const Options options = parse(argc, argv);
   std::puts(
-      "| callers | answered | refused | failed | first p50 | first p99 | queue mean | tokens/s | "
-      "before |  after |");
+      "| callers | answered | refused | failed | first p50 | first p99 | queue p50 | queue p99 | "
+      "tokens/s | before |  after |");
   std::puts(
-      "|--------:|---------:|--------:|-------:|----------:|----------:|-----------:|---------:|"
-      "-------:|-------:|");
+      "|--------:|---------:|--------:|-------:|----------:|----------:|----------:|----------:|"
+      "---------:|-------:|-------:|");
   int status = 0;
   for (const unsigned callers : options.callers) {
     const Tally tally = measure(options, callers);
@@ -354,8 +352,8 @@ int main(int argc, char** argv) {
     }
   }
   std::puts(
-      "first: seconds until the first text of a reply; queue: seconds until a request was taken "
+      "first: seconds until the first text of a reply; queue: seconds until its request was taken "
       "up,");
-  std::puts("the mean; before, after: MiB of resident memory of the server");
+  std::puts("as its Server-Timing says; before, after: MiB of resident memory of the server");
   return status;
 }

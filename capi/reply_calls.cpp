@@ -201,12 +201,11 @@ void giveReply(ZYMContext& handle, const capi::ReplyOptions& options, ZYMEventCa
   out = owned.release();
 }
 
-void checkRoom(const engine::Context& context, size_t tokens) {
-  if (tokens > context.capacity()) {
-    throw Failure(ZYM_ERROR_ROOM, "the text takes " + std::to_string(tokens) +
-                                      " tokens, the context has " +
-                                      std::to_string(context.capacity()) + " positions");
+void checkReply(const kel::Status& status, const engine::Reply& reply) {
+  if (reply.lacksRoom) {
+    throw Failure(ZYM_ERROR_ROOM, status.message);
   }
+  capi::check(status, capi::Work::Arguments);
 }
 
 }  // namespace
@@ -223,15 +222,9 @@ ZYMStatus zym_context_reply(ZYMContext* context, const ZYMConversation* conversa
     const capi::ReplyOptions asked = capi::readReplyOptions(options, model, read.thinking);
     giveReply(used.handle, asked, callback, userData, out,
               [&](engine::Sampler& sampler, const engine::ReplySinks& sinks, engine::Reply& into) {
-                const kel::Status status = engine::generateReply(
-                    used.context(), sampler, read.request(), asked.engine, sinks, into);
-                if (!status.ok()) {
-                  engine::ChatTokens chat;
-                  if (engine::encodeChat(model, read.request(), chat).ok()) {
-                    checkRoom(used.context(), chat.tokens.size());
-                  }
-                }
-                capi::check(status, capi::Work::Arguments);
+                checkReply(engine::generateReply(used.context(), sampler, read.request(),
+                                                 asked.engine, sinks, into),
+                           into);
               });
   });
 }
@@ -246,12 +239,11 @@ ZYMStatus zym_context_continue(ZYMContext* context, const int32_t* ids, size_t c
     const std::span<const int32_t> prompt = capi::arrayOf(ids, count, "ids");
     const capi::ReplyOptions asked =
         capi::readReplyOptions(options, used.context().model(), /*thinking=*/false);
-    checkRoom(used.context(), count);
     giveReply(used.handle, asked, callback, userData, out,
               [&](engine::Sampler& sampler, const engine::ReplySinks& sinks, engine::Reply& into) {
-                capi::check(engine::generateText(used.context(), sampler, prompt, asked.engine,
-                                                 sinks, into),
-                            capi::Work::Arguments);
+                checkReply(engine::generateText(used.context(), sampler, prompt, asked.engine,
+                                                sinks, into),
+                           into);
               });
   });
 }

@@ -52,6 +52,7 @@ struct Reply {
   std::string stopString;  // that ended it
   Message message;         // of the assistant: to be appended for the next turn
   bool hasIncompleteCall = false;
+  bool lacksRoom = false;        // it failed, for the prompt has more tokens than the context holds
   uint64_t promptTokens = 0;     // of messages and generation prompt
   uint64_t reusedTokens = 0;     // of those, in place before
   uint64_t tokens = 0;           // generated

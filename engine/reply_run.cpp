@@ -41,6 +41,7 @@ Status ReplyRun::begin() {
     return over(status);
   }
   if (chat.tokens.size() > context.capacity()) {
+    reply.lacksRoom = true;
     return over(Status::invalid("the text takes " + std::to_string(chat.tokens.size()) +
                                 " tokens, the context has " + std::to_string(context.capacity()) +
                                 " positions"));

@@ -59,7 +59,7 @@ void checkRequest(const zym::GenerationRequest& request) {
 
 // Every choice says the same.
 void playAll(zym::GenerationSink& sink, size_t choices, const std::string& text) {
-  sink.started(10, 4);
+  sink.started({10, 4});
   for (size_t i = 0; i < choices; ++i) {
     for (const engine::ReplyEvent& event : {reasoning(text), answer(text), call(text, "{}")}) {
       sink.event(i, event);

@@ -196,10 +196,13 @@ class EngineBackend : public Backend, public Conversation {
     if (std::filesystem::exists(path, error) && !engine::isSessionFile(path)) {
       return Status::invalid(path + ": is no session file and is not written over; name another");
     }
+    if (lastQuestion() == messages.size()) {
+      return Status::invalid("nothing has been said that could be saved");
+    }
     engine::ChatTokens history;
     Status status = encodeChat(context->model(), request(messages), history);
     if (!status.ok()) {
-      return Status::invalid("nothing has been said that could be saved");
+      return {status.code, path + ": " + status.message};
     }
     // A file holds one place. Of the reply as it was generated the next turn cannot use what is
     // framed otherwise in a history, so the place is where the two part.

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "container/checksum.h"
+#include "engine/context.h"
 #include "host/chat/engine_backend.h"
 #include "host/cli/commands.h"
 #include "host/cli/model_argument.h"
@@ -47,6 +48,7 @@ struct ServeOptions {
   std::vector<std::string> names;
   size_t parallel = 4;
   size_t queueLength = 64;
+  uint64_t snapshotBytes = engine::kDefaultSnapshotBytes;
   unsigned graceSeconds = 30;
   bool isQuiet = false;
 };
@@ -227,6 +229,7 @@ kel::Status startScheduler(const ServeOptions& options, std::shared_ptr<const en
   wanted.parallel = options.parallel;
   wanted.queueLength = options.queueLength;
   wanted.context.positions = options.engine.positions;
+  wanted.context.snapshotBytes = options.snapshotBytes;
   wanted.context.cacheType = cacheTypeOf(options.engine.cache);
   return Scheduler::create(model, wanted, scheduler);
 }
@@ -304,6 +307,14 @@ void addModelOptions(CLI::App& command, ServeOptions& options) {
                   "Requests that wait beyond those; further ones are refused (default: 64)")
       ->check(CLI::Range(0, 100000))
       ->type_name("N");
+  command
+      .add_option_function<unsigned>(
+          "--snapshots",
+          [&options](unsigned mebibytes) { options.snapshotBytes = uint64_t{mebibytes} << 20; },
+          "MiB of states that are remembered to go back to, of all conversations together, besides "
+          "two of each (default: 1024)")
+      ->check(CLI::Range(0, 1 << 20))
+      ->type_name("MIB");
   command
       .add_option("--grace", options.graceSeconds,
                   "Seconds that running replies have when the server ends (default: 30)")

@@ -16,12 +16,6 @@ constexpr int kNotFound = 404;
 constexpr int kInternal = 500;
 constexpr int kUnavailable = 503;
 
-// Seconds after which asking again may be worth it.
-constexpr const char* kRetryAfter = "1";
-
-// The beginning of the engine's message for a prompt that has no room.
-constexpr std::string_view kTooLong = "the text takes ";
-
 std::string_view typeOf(ErrorForm form, int status) {
   const bool isMessages = form == ErrorForm::Messages;
   switch (status) {
@@ -63,25 +57,28 @@ void answerJson(HttpExchange& exchange, const Json& body) {
   exchange.answer(kOk, kJsonType, jsonText(body));
 }
 
-void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error) {
+void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error,
+                 std::chrono::seconds retryAfter) {
   HttpHeaders headers;
   if (error.status == kUnavailable) {
-    headers.emplace_back("Retry-After", kRetryAfter);
+    headers.emplace_back("Retry-After", fmt::format("{}", retryAfter.count()));
   }
   exchange.answer(error.status, kJsonType, jsonText(errorBody(form, error)), headers);
 }
 
-ApiError errorOf(const kel::Status& status, std::string_view prompt) {
-  if (status.message.starts_with(kTooLong)) {
-    return {kBadRequest, status.message, std::string(prompt), "context_length_exceeded"};
+ApiError errorOf(GenerationFault fault, std::string_view message, std::string_view prompt) {
+  switch (fault) {
+    case GenerationFault::Request:
+      return {kBadRequest, std::string(message), {}};
+    case GenerationFault::TooLong:
+      return {kBadRequest, std::string(message), std::string(prompt), "context_length_exceeded"};
+    case GenerationFault::NoMemory:
+    case GenerationFault::ShuttingDown:
+      return {kUnavailable, std::string(message), {}};
+    case GenerationFault::Numbers:
+      break;
   }
-  if (status.code == kel::StatusCode::InvalidFormat) {
-    return {kBadRequest, status.message, {}};
-  }
-  if (status.code == kel::StatusCode::IoError) {
-    return {kUnavailable, status.message, {}};
-  }
-  return {kInternal, status.message, {}};
+  return {kInternal, std::string(message), {}};
 }
 
 std::string serverEvent(std::string_view name, const Json& data) {
@@ -93,12 +90,24 @@ void ApiSink::send(std::string_view event, const Json& data) {
   exchange->write(serverEvent(event, data));
 }
 
-void ApiSink::started(uint64_t nPrompt, uint64_t nCached) {
-  promptTokens = nPrompt;
-  cachedTokens = nCached;
+// How long the request waited, in the header that browsers and collectors know.
+std::pair<std::string, std::string> ApiSink::timing() const {
+  return {"Server-Timing", fmt::format("queue;dur={:.3f}", queueSeconds * 1e3)};
+}
+
+void ApiSink::answerWhole(const Json& body) {
+  constexpr int kOk = 200;
+  exchange->answer(kOk, kJsonType, jsonText(body), {timing()});
+}
+
+void ApiSink::started(const GenerationStart& start) {
+  promptTokens = start.promptTokens;
+  cachedTokens = start.cachedTokens;
+  queueSeconds = start.queueSeconds;
   if (streamed) {
     constexpr int kOk = 200;
-    exchange->begin(kOk, kEventsType, {{"Cache-Control", "no-cache"}, {"X-Accel-Buffering", "no"}});
+    exchange->begin(kOk, kEventsType,
+                    {{"Cache-Control", "no-cache"}, {"X-Accel-Buffering", "no"}, timing()});
     begun = true;
     opened();
   }
@@ -117,7 +126,7 @@ void ApiSink::finished(size_t choice, const engine::Reply& reply) {
 
 void ApiSink::done() {
   if (isCut) {
-    fail({kUnavailable, "the server is shutting down", {}});
+    fail({kUnavailable, "the server is shutting down", {}}, kAfterRestart);
     return;
   }
   closed();
@@ -126,13 +135,14 @@ void ApiSink::done() {
   }
 }
 
-void ApiSink::failed(const kel::Status& status) {
-  fail(errorOf(status, promptField()));
+void ApiSink::failed(GenerationFault fault, std::string_view message) {
+  fail(errorOf(fault, message, promptField()),
+       fault == GenerationFault::ShuttingDown ? kAfterRestart : kSoon);
 }
 
-void ApiSink::fail(const ApiError& error) {
+void ApiSink::fail(const ApiError& error, std::chrono::seconds retryAfter) {
   if (!begun) {
-    answerError(*exchange, form, error);
+    answerError(*exchange, form, error, retryAfter);
     return;
   }
   broken(error);
@@ -146,10 +156,11 @@ void submit(const SharedModel& served, GenerationRequest request, std::shared_pt
       break;
     case Submission::QueueFull:
       answerError(exchange, form,
-                  {kUnavailable, "too many requests are waiting; try again later", {}});
+                  {kUnavailable, "too many requests are waiting; try again later", {}},
+                  served->services.queue->untilRoom());
       break;
     case Submission::ShuttingDown:
-      answerError(exchange, form, {kUnavailable, "the server is shutting down", {}});
+      answerError(exchange, form, {kUnavailable, "the server is shutting down", {}}, kAfterRestart);
       break;
   }
 }

@@ -1,13 +1,13 @@
 // What the interfaces answer with: JSON, errors in the form of each, events sent as they come.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
 
-#include "container/status.h"
 #include "host/serve/generation.h"
 #include "host/serve/http_exchange.h"
 #include "host/serve/json_fields.h"
@@ -26,10 +26,15 @@ enum class ErrorForm : uint8_t { Completions, Messages };
 
 Json errorBody(ErrorForm form, const ApiError& error);
 void answerJson(HttpExchange& exchange, const Json& body);
-void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error);
+
+// When asking again may be worth it, told with status 503.
+constexpr std::chrono::seconds kSoon{1};           // memory comes and goes
+constexpr std::chrono::seconds kAfterRestart{10};  // as long as another process takes to be there
+void answerError(HttpExchange& exchange, ErrorForm form, const ApiError& error,
+                 std::chrono::seconds retryAfter = kSoon);
 
 // Of a request that the scheduler gave back. prompt: the field that its prompt comes from.
-ApiError errorOf(const kel::Status& status, std::string_view prompt);
+ApiError errorOf(GenerationFault fault, std::string_view message, std::string_view prompt);
 
 // One server-sent event; without a name where it is empty.
 std::string serverEvent(std::string_view name, const Json& data);
@@ -46,12 +51,12 @@ class ApiSink : public GenerationSink {
         form(errorForm),
         streamed(isStreamed) {}
 
-  void started(uint64_t nPrompt, uint64_t nCached) final;
+  void started(const GenerationStart& start) final;
   void event(size_t choice, const engine::ReplyEvent& event) override = 0;
   void token(size_t choice, const engine::LogProbabilities& chosen) override;
   void finished(size_t choice, const engine::Reply& reply) final;
   void done() final;
-  void failed(const kel::Status& status) final;
+  void failed(GenerationFault fault, std::string_view message) final;
   const volatile int* cancel() const final { return exchange->gone(); }
 
  protected:
@@ -62,6 +67,7 @@ class ApiSink : public GenerationSink {
   virtual void broken(const ApiError& error) = 0;  // streamed: the event that says so
 
   void send(std::string_view event, const Json& data);
+  void answerWhole(const Json& body);  // buffered
   bool isStreamed() const { return streamed; }
 
   SharedModel served;
@@ -72,11 +78,13 @@ class ApiSink : public GenerationSink {
   uint64_t reasoningTokens = 0;  // of those
 
  private:
-  void fail(const ApiError& error);
+  void fail(const ApiError& error, std::chrono::seconds retryAfter);
+  std::pair<std::string, std::string> timing() const;
 
   ErrorForm form;
   bool streamed;
   bool begun = false;
+  double queueSeconds = 0;
   bool isCut = false;  // a reply was ended for no reason of its own
 };
 

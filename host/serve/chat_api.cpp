@@ -113,7 +113,7 @@ class ChatSink : public ApiSink {
         body["choices"].push_back(choiceObject(i));
       }
       body["usage"] = usage();
-      answerJson(*exchange, body);
+      answerWhole(body);
       return;
     }
     if (showsUsage) {

@@ -113,7 +113,7 @@ class CompletionSink : public ApiSink {
         body["choices"].push_back(choiceObject(i, echo + choices[i].text, choices[i].finishReason));
       }
       body["usage"] = usage();
-      answerJson(*exchange, body);
+      answerWhole(body);
       return;
     }
     if (showsUsage) {

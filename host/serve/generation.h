@@ -2,6 +2,7 @@
 // (host/serve/api_*.h) and what runs the model (host/serve/scheduler.h).
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -9,9 +10,9 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "container/status.h"
 #include "engine/chat_format.h"
 #include "engine/log_probabilities.h"
 #include "engine/reply.h"
@@ -35,24 +36,38 @@ struct GenerationRequest {
   std::optional<size_t> logProbabilities;  // of every token, with so many of the best
 };
 
+// Why a request cannot be fulfilled.
+enum class GenerationFault : uint8_t {
+  Request,       // what it says
+  TooLong,       // its prompt has more tokens than a conversation has positions
+  NoMemory,      // at the moment
+  ShuttingDown,  // the server ends before the reply has begun
+  Numbers        // those of the model went wrong
+};
+
+// Of a request whose prompt has been read.
+struct GenerationStart {
+  uint64_t promptTokens = 0;
+  uint64_t cachedTokens = 0;  // of those, in place before
+  double queueSeconds = 0;    // until it was taken up
+};
+
 // Told by the scheduler's thread, in order, which it must not keep waiting. Nothing comes after
 // done() or failed(). A request whose cancel flag is raised has its choices finished with
 // ReplyEnd::Cancelled, started() or not; so have replies that are cut off when the server ends.
+// All but cancel() may throw std::bad_alloc, which costs this request alone: failed() is called
+// with NoMemory, and where that throws as well the sink is let go of.
 class GenerationSink {
  public:
   virtual ~GenerationSink() = default;
 
-  // The prompt has been read: its tokens, and those of them that were in place before.
-  virtual void started(uint64_t promptTokens, uint64_t cachedTokens) = 0;
+  virtual void started(const GenerationStart& start) = 0;
   virtual void event(size_t choice, const engine::ReplyEvent& event) = 0;
   // Before the events of its text; only where log-probabilities are asked for.
   virtual void token(size_t choice, const engine::LogProbabilities& chosen) = 0;
   virtual void finished(size_t choice, const engine::Reply& reply) = 0;
   virtual void done() = 0;  // all choices are finished
-  // The request cannot be fulfilled: InvalidFormat for what it says, IoError where there is no
-  // memory, or where the server ends before its reply has begun (another one may be asked),
-  // Corrupted where its numbers went wrong.
-  virtual void failed(const kel::Status& status) = 0;
+  virtual void failed(GenerationFault fault, std::string_view message) = 0;
 
   // As engine::ReplySinks::cancel.
   virtual const volatile int* cancel() const = 0;
@@ -66,6 +81,9 @@ class GenerationQueue {
 
   // Any thread. Requests are taken up in the order of their arrival.
   virtual Submission submit(GenerationRequest request, std::shared_ptr<GenerationSink> sink) = 0;
+
+  // Any thread. When it is full: until there should be room for a request.
+  virtual std::chrono::seconds untilRoom() const = 0;
 };
 
 }  // namespace zym

@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "engine/chat_tokens.h"
+#include "engine/json_tree.h"
 #include "host/serve/api_output.h"
 #include "host/serve/messages_api.h"
 
@@ -67,7 +68,7 @@ class MessageSink : public ApiSink {
     if (!isStreamed()) {
       Json message = messageObject();
       message["usage"] = usage();
-      answerJson(*exchange, message);
+      answerWhole(message);
       return;
     }
     tell("message_delta",
@@ -150,10 +151,18 @@ class MessageSink : public ApiSink {
          {{"index", content.size()},
           {"delta", {{"type", "input_json_delta"}, {"partial_json", event.json}}}});
     tell("content_block_stop", {{"index", content.size()}});
-    const auto input = nlohmann::json::parse(event.json, nullptr, false);
-    // Discarded where a number is beyond what a double holds.
-    block["input"] = input.is_discarded() ? Json::object() : Json(input);
+    block["input"] = inputOf(event.json);
     content.push_back(std::move(block));
+  }
+
+  // Empty where a number is beyond what a double holds, and where there are more brackets within
+  // one another than a request may give back: each of them takes stack.
+  Json inputOf(const std::string& json) const {
+    if (engine::jsonDepth(json) > served->services.limits.depth) {
+      return Json::object();
+    }
+    const auto input = nlohmann::json::parse(json, nullptr, false);
+    return input.is_discarded() ? Json::object() : Json(input);
   }
 
   std::string id;
@@ -194,7 +203,7 @@ void answerTokenCount(const SharedModel& served, const std::shared_ptr<HttpExcha
                                                    .preserveThinking = request.preserveThinking},
                                                   tokens);
     if (!status.ok()) {
-      error = errorOf(status, "messages");
+      error = errorOf(GenerationFault::Request, status.message, "messages");
     }
   }
   if (error) {

@@ -28,6 +28,16 @@ class Text {
     sample(value);
   }
 
+  void histogram(std::string_view name, std::string_view help, const TimeHistogram& times) {
+    family(name, "histogram", help);
+    for (size_t i = 0; i < TimeHistogram::kBounds.size(); ++i) {
+      out += fmt::format("zym_{}_bucket{{le=\"{}\"}} {}\n", name, TimeHistogram::kBounds[i],
+                         times.countUpTo(i));
+    }
+    out += fmt::format("zym_{0}_bucket{{le=\"+Inf\"}} {1}\nzym_{0}_sum {2}\nzym_{0}_count {1}\n",
+                       name, times.count(), times.seconds());
+  }
+
   std::string out;
 
  private:
@@ -56,10 +66,14 @@ std::string metricsText(const SchedulerStatistics& statistics, const ServerLoad&
   text.counter("reply_tokens_total", "Tokens of finished replies", statistics.replyTokens);
   text.counter("passes_total", "Passes over tokens of replies, of one or several conversations",
                statistics.passes);
-  text.counter("queue_seconds_total", "Time that requests waited to be taken up",
-               statistics.queueSeconds);
   text.counter("prefill_seconds_total", "Time spent on reading prompts", statistics.prefillSeconds);
   text.counter("decode_seconds_total", "Time spent on writing replies", statistics.decodeSeconds);
+
+  text.histogram("queue_seconds", "Time that requests waited to be taken up",
+                 statistics.queueTimes);
+  text.histogram("first_token_seconds",
+                 "Time from a request's arrival to the first token of its reply",
+                 statistics.firstTokenTimes);
 
   text.gauge("queue_requests", "Requests that wait", statistics.waiting);
   text.gauge("running_requests", "Requests at work", statistics.running);

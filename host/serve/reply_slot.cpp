@@ -14,12 +14,12 @@ bool GenerationJob::isCancelled() const {
 void ReplySlot::take(std::shared_ptr<GenerationJob> wanted, size_t choiceIndex) {
   served = std::move(wanted);
   index = choiceIndex;
+  result = {};
   const GenerationRequest& request = served->request;
   constraint = request.makeConstraint ? request.makeConstraint() : nullptr;
   engine::ReplyOptions options = request.options;
   options.constraint = constraint.get();
   sampler.seed(request.seed + index);
-  result = {};
   steps = std::make_unique<engine::ReplyRun>(*kept, sampler, served->chat, request.tools,
                                              std::move(options), sinks(), result);
 }

@@ -23,9 +23,12 @@ struct GenerationJob {
   std::chrono::steady_clock::time_point arrival;
   engine::ChatTokens chat{};  // its prompt
   kel::Status encoded{};      // whether there is one; not looked at before it is taken up
+  std::chrono::steady_clock::time_point takenUp{};  // unset: it left the line by itself
+  double queueSeconds = 0;                          // until then
   bool isRead = false;
   size_t unfinished = 0;      // choices
   bool wasCancelled = false;  // one of them
+  bool isOver = false;        // its end has been told
 
   bool isCancelled() const;
 };

@@ -78,7 +78,7 @@ class ResponseSink : public ApiSink {
     if (isStreamed()) {
       tell(isCutShort ? "response.incomplete" : "response.completed", {{"response", body}});
     } else {
-      answerJson(*exchange, body);
+      answerWhole(body);
     }
   }
 

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <new>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "engine/chat_tokens.h"
@@ -22,17 +24,40 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+// Short enough for a string to hold it without memory.
+constexpr std::string_view kNoMemory = "out of memory";
+
 template <typename Step>
 Status withMemory(const Step& step) {
   try {
     return step();
   } catch (const std::bad_alloc&) {
-    return Status::ioError("not enough memory for the reply");
+    return Status::ioError(std::string(kNoMemory));
   }
 }
 
-Status serverEnds() {
-  return Status::ioError("the server is shutting down");
+// Whether there was the memory to tell it.
+template <typename Tell>
+bool hasTold(const Tell& tell) {
+  try {
+    tell();
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+constexpr std::string_view kServerEnds = "the server is shutting down";
+
+GenerationFault faultOf(const Status& status) {
+  switch (status.code) {
+    case StatusCode::InvalidFormat:
+      return GenerationFault::Request;
+    case StatusCode::IoError:
+      return GenerationFault::NoMemory;
+    default:
+      return GenerationFault::Numbers;
+  }
 }
 
 engine::Reply cancelledReply() {
@@ -68,7 +93,15 @@ Status Scheduler::create(const std::shared_ptr<const engine::Model>& model,
 
 Scheduler::Scheduler(const SchedulerOptions& options,
                      std::vector<std::unique_ptr<ReplySlot>> conversations)
-    : room(options.parallel + options.queueLength), slots(std::move(conversations)) {
+    : room(options.parallel + options.queueLength),
+      queuePace(options.parallel),
+      slots(std::move(conversations)) {
+  unwanted.reserve(room);
+  others.reserve(slots.size());
+  writers.reserve(slots.size());
+  contexts.reserve(slots.size());
+  tokens.reserve(slots.size());
+  outcomes.resize(slots.size());
   publish();
   thread = std::thread([this] { work(); });
 }
@@ -110,8 +143,8 @@ Submission Scheduler::admit(Job job) {
     if (job == nullptr) {
       return Submission::Accepted;
     }
-    ++counts.accepted;
     queue.push_back(std::move(job));
+    ++counts.accepted;
     isIdle = false;
   }
   arrival.notify_one();
@@ -148,6 +181,11 @@ SchedulerStatistics Scheduler::statistics() const {
   return result;
 }
 
+std::chrono::seconds Scheduler::untilRoom() const {
+  const std::lock_guard lock(mutex);
+  return queuePace.untilRoom();
+}
+
 void Scheduler::work() {
   while (waitForWork()) {
     dropUnwanted();
@@ -172,32 +210,28 @@ bool Scheduler::waitForWork() {
 
 // Callers that have gone away hold the places of others.
 void Scheduler::dropUnwanted() {
-  std::vector<Job> cancelled;
-  std::vector<Job> turnedAway;
+  bool ends = false;
   bool cuts = false;
   {
     const std::lock_guard lock(mutex);
-    std::vector<Job>& unwanted = isStopped ? turnedAway : cancelled;
+    ends = isStopped;
+    cuts = isCutOff;
     std::erase_if(queue, [&](const Job& job) {
-      const bool drops = isStopped || job->isCancelled();
+      const bool drops = ends || job->isCancelled();
       if (drops) {
         unwanted.push_back(job);
       }
       return drops;
     });
     running += unwanted.size();  // until they have been told
-    cuts = isCutOff;
   }
-  for (const Job& job : cancelled) {
-    finishRest(job, 0);
+  for (const Job& job : unwanted) {
+    ends ? turnAway(job) : finishRest(job, 0);
   }
-  for (const Job& job : turnedAway) {
-    fail(job, serverEnds(), &SchedulerStatistics::turnedAway);
-  }
+  unwanted.clear();
   for (const std::unique_ptr<ReplySlot>& slot : slots) {
     if (slot->is(ReplyRun::State::Reading) && slot->job()->isCancelled()) {
-      slot->run().cancel();  // whose turn to read it is has no part in it
-      sweep(*slot, Status::success());
+      cancel(*slot);  // whose turn to read it is has no part in it
     }
   }
   if (cuts) {
@@ -211,15 +245,23 @@ void Scheduler::cutReplies() {
       continue;
     }
     if (!slot->job()->isRead) {
-      fail(slot->job(), serverEnds(), &SchedulerStatistics::turnedAway);
+      turnAway(slot->job());
     } else {
-      slot->run().cancel();
-      sweep(*slot, Status::success());
+      cancel(*slot);
     }
   }
-  for (const Choice& choice : std::exchange(choices, {})) {
-    finish(choice.job, choice.index, cancelledReply());
+  while (!choices.empty()) {
+    const Choice next = std::move(choices.front());
+    choices.pop_front();
+    finish(next.job, next.index, cancelledReply());
   }
+}
+
+void Scheduler::cancel(ReplySlot& slot) {
+  sweep(slot, withMemory([&] {
+          slot.run().cancel();
+          return Status::success();
+        }));
 }
 
 void Scheduler::takeUp() {
@@ -234,12 +276,14 @@ void Scheduler::takeUp() {
       job = std::move(queue.front());
       queue.pop_front();
       ++running;
-      counts.queueSeconds += secondsSince(job->arrival);
+      job->takenUp = Clock::now();
+      job->queueSeconds = std::chrono::duration<double>(job->takenUp - job->arrival).count();
+      counts.queueTimes.add(job->queueSeconds);
     }
     if (job->encoded.ok()) {
       begin(job, 0);
     } else {
-      fail(job, job->encoded, &SchedulerStatistics::failed);
+      fail(job, faultOf(job->encoded), job->encoded.message);
     }
   }
 }
@@ -300,7 +344,7 @@ ReplySlot* Scheduler::freeSlot() {
 // than it keeps is left as it is, for its own caller to come back to: another one begins with a
 // copy.
 ReplySlot& Scheduler::slotFor(std::span<const engine::Token> wanted) {
-  std::vector<Context*> others;
+  others.clear();
   ReplySlot* best = freeSlot();
   for (const std::unique_ptr<ReplySlot>& slot : slots) {
     others.push_back(&slot->context());
@@ -364,7 +408,8 @@ void Scheduler::readPart(ReplySlot& slot, size_t most) {
 
 void Scheduler::promptRead(ReplySlot& slot) {
   const Job job = slot.job();
-  if (!job->isRead) {
+  const bool isFirst = !job->isRead;  // of its choices
+  if (isFirst) {
     job->isRead = true;
     const engine::Reply& reply = slot.reply();
     {
@@ -373,21 +418,35 @@ void Scheduler::promptRead(ReplySlot& slot) {
       counts.cachedTokens += reply.reusedTokens;
       counts.cacheHits += reply.reusedTokens > 0 ? 1 : 0;
     }
-    job->sink->started(reply.promptTokens, reply.reusedTokens);
-    for (size_t choice = 1; choice < job->request.choices; ++choice) {
-      choices.push_back({job, choice});
+    const Status told = withMemory([&] {
+      job->sink->started({.promptTokens = reply.promptTokens,
+                          .cachedTokens = reply.reusedTokens,
+                          .queueSeconds = job->queueSeconds});
+      for (size_t choice = 1; choice < job->request.choices; ++choice) {
+        choices.push_back({job, choice});
+      }
+      return Status::success();
+    });
+    if (!told.ok()) {
+      sweep(slot, told);
+      return;
     }
     takeUpChoices();
   }
   if (slot.is(ReplyRun::State::Read)) {
-    sweep(slot, withMemory([&] { return slot.run().start(); }));
+    const Status status = withMemory([&] { return slot.run().start(); });
+    if (isFirst && slot.reply().tokens > 0) {
+      const std::lock_guard lock(mutex);
+      counts.firstTokenTimes.add(secondsSince(job->arrival));
+    }
+    sweep(slot, status);
   }
 }
 
 void Scheduler::writeTokens() {
-  std::vector<ReplySlot*> writers;
-  std::vector<Context*> contexts;
-  std::vector<int32_t> tokens;
+  writers.clear();
+  contexts.clear();
+  tokens.clear();
   for (const std::unique_ptr<ReplySlot>& slot : slots) {
     if (slot->is(ReplyRun::State::Writing)) {
       writers.push_back(slot.get());
@@ -402,12 +461,15 @@ void Scheduler::writeTokens() {
   if (writers.size() == 1) {
     sweep(*writers[0], withMemory([&] { return writers[0]->run().write(); }));
   } else {
-    std::vector<Status> outcomes(writers.size());
-    Context::feedTogether(contexts, tokens, outcomes);
+    const Status fed = withMemory([&] {
+      Context::feedTogether(contexts, tokens, std::span(outcomes).first(writers.size()));
+      return Status::success();
+    });
     for (size_t i = 0; i < writers.size(); ++i) {
       // Another choice of the request may have failed it.
       if (writers[i]->is(ReplyRun::State::Writing)) {
-        sweep(*writers[i], withMemory([&] { return writers[i]->run().tokenFed(outcomes[i]); }));
+        sweep(*writers[i],
+              withMemory([&] { return writers[i]->run().tokenFed(fed.ok() ? outcomes[i] : fed); }));
       }
     }
   }
@@ -420,7 +482,7 @@ void Scheduler::writeTokens() {
 void Scheduler::sweep(ReplySlot& slot, const Status& status) {
   const Job job = slot.job();
   if (!status.ok()) {
-    fail(job, status, &SchedulerStatistics::failed);
+    fail(job, slot.reply().lacksRoom ? GenerationFault::TooLong : faultOf(status), status.message);
     if (status.code != StatusCode::InvalidFormat) {
       slot.context().reset();
     }
@@ -430,29 +492,28 @@ void Scheduler::sweep(ReplySlot& slot, const Status& status) {
     return;
   }
   const size_t choice = slot.choice();
-  const engine::Reply reply = slot.reply();
   slot.release(++uses);
-  finish(job, choice, reply);
+  finish(job, choice, slot.reply());  // is there until the slot is taken again
   if (!job->isRead) {
     finishRest(job, 1);
   }
 }
 
 void Scheduler::finish(const Job& job, size_t choice, const engine::Reply& reply) {
+  if (job->isOver) {
+    return;  // another choice has failed it
+  }
   job->wasCancelled |= reply.end == engine::ReplyEnd::Cancelled;
   --job->unfinished;
   {
     const std::lock_guard lock(mutex);
     counts.replyTokens += reply.tokens;
-    if (job->unfinished == 0) {
-      ++(job->wasCancelled ? counts.cancelled : counts.completed);
-    }
   }
-  job->sink->finished(choice, reply);
-  if (job->unfinished == 0) {
-    job->sink->done();
-    const std::lock_guard lock(mutex);
-    --running;
+  if (!hasTold([&] { job->sink->finished(choice, reply); })) {
+    fail(job, GenerationFault::NoMemory, kNoMemory);
+  } else if (job->unfinished == 0) {
+    end(job, job->wasCancelled ? &SchedulerStatistics::cancelled : &SchedulerStatistics::completed,
+        [&] { job->sink->done(); });
   }
 }
 
@@ -463,7 +524,16 @@ void Scheduler::finishRest(const Job& job, size_t firstChoice) {
   }
 }
 
-void Scheduler::fail(const Job& job, const Status& status, uint64_t SchedulerStatistics::*outcome) {
+void Scheduler::fail(const Job& job, GenerationFault fault, std::string_view message) {
+  giveUp(job, fault, message, &SchedulerStatistics::failed);
+}
+
+void Scheduler::turnAway(const Job& job) {
+  giveUp(job, GenerationFault::ShuttingDown, kServerEnds, &SchedulerStatistics::turnedAway);
+}
+
+void Scheduler::giveUp(const Job& job, GenerationFault fault, std::string_view message,
+                       uint64_t SchedulerStatistics::*outcome) {
   const Job failed = job;  // the slot's own is let go of
   for (const std::unique_ptr<ReplySlot>& slot : slots) {
     if (slot->job() == failed) {
@@ -471,13 +541,26 @@ void Scheduler::fail(const Job& job, const Status& status, uint64_t SchedulerSta
     }
   }
   std::erase_if(choices, [&](const Choice& choice) { return choice.job == failed; });
+  end(failed, outcome, [&] { failed->sink->failed(fault, message); });
+}
+
+// It counts as what the reply came to, also where there is no memory to tell of it: then there may
+// be some to say so, and else the sink is let go of with the job, without an end.
+template <typename Tell>
+void Scheduler::end(const Job& job, uint64_t SchedulerStatistics::*outcome, const Tell& tell) {
+  job->isOver = true;
   {
     const std::lock_guard lock(mutex);
     ++(counts.*outcome);
   }
-  failed->sink->failed(status);
+  if (!hasTold(tell)) {
+    (void)hasTold([&] { job->sink->failed(GenerationFault::NoMemory, kNoMemory); });
+  }
   const std::lock_guard lock(mutex);
   --running;
+  if (job->takenUp != Clock::time_point()) {
+    queuePace.saw(secondsSince(job->takenUp));
+  }
 }
 
 void Scheduler::publish() {

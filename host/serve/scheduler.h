@@ -21,6 +21,7 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -28,7 +29,9 @@
 #include "engine/context.h"
 #include "engine/model.h"
 #include "host/serve/generation.h"
+#include "host/serve/queue_pace.h"
 #include "host/serve/slice_pace.h"
+#include "host/serve/time_histogram.h"
 
 namespace zym {
 
@@ -53,13 +56,14 @@ struct SchedulerStatistics {
   uint64_t queueFull = 0;     // not accepted
   uint64_t shuttingDown = 0;  // likewise
 
-  uint64_t promptTokens = 0;  // of requests whose prompt has been read
-  uint64_t cachedTokens = 0;  // of those, in place before
-  uint64_t cacheHits = 0;     // requests with any
-  uint64_t readTokens = 0;    // fed of prompts, also of those that were given up
-  uint64_t replyTokens = 0;   // of choices that are finished
-  uint64_t passes = 0;        // over tokens of replies, one or several
-  double queueSeconds = 0;    // until requests were taken up
+  uint64_t promptTokens = 0;      // of requests whose prompt has been read
+  uint64_t cachedTokens = 0;      // of those, in place before
+  uint64_t cacheHits = 0;         // requests with any
+  uint64_t readTokens = 0;        // fed of prompts, also of those that were given up
+  uint64_t replyTokens = 0;       // of choices that are finished
+  uint64_t passes = 0;            // over tokens of replies, one or several
+  TimeHistogram queueTimes;       // of requests that were taken up, until then
+  TimeHistogram firstTokenTimes;  // of those that came to one, until then; the queue included
   double prefillSeconds = 0;
   double decodeSeconds = 0;
 
@@ -95,6 +99,7 @@ class Scheduler : public GenerationQueue {
   bool waitUntilIdle(std::chrono::milliseconds most);
 
   SchedulerStatistics statistics() const;  // any thread
+  std::chrono::seconds untilRoom() const override;
 
  private:
   using Job = std::shared_ptr<GenerationJob>;
@@ -123,8 +128,14 @@ class Scheduler : public GenerationQueue {
   void sweep(ReplySlot& slot, const kel::Status& status);
   void finish(const Job& job, size_t choice, const engine::Reply& reply);
   void finishRest(const Job& job, size_t firstChoice);
-  void fail(const Job& job, const kel::Status& status, uint64_t SchedulerStatistics::*outcome);
+  void fail(const Job& job, GenerationFault fault, std::string_view message);
+  void turnAway(const Job& job);
+  void giveUp(const Job& job, GenerationFault fault, std::string_view message,
+              uint64_t SchedulerStatistics::*outcome);
+  template <typename Tell>
+  void end(const Job& job, uint64_t SchedulerStatistics::*outcome, const Tell& tell);
   void cutReplies();
+  void cancel(ReplySlot& slot);
   void publish();
 
   const size_t room;  // for requests that wait or run
@@ -139,12 +150,22 @@ class Scheduler : public GenerationQueue {
   bool isEnding = false;
   bool isIdle = true;
   SchedulerStatistics counts;
+  QueuePace queuePace;
 
   std::vector<std::unique_ptr<ReplySlot>> slots;
   std::deque<Choice> choices;  // of requests whose prompt has been read, in their order
   SlicePace pace;
   size_t lastReader = 0;
   uint64_t uses = 0;
+
+  // Scratch of a turn, with room for all that there can be: memory that runs out may end a reply,
+  // but not in between them.
+  std::vector<Job> unwanted;
+  std::vector<engine::Context*> others;
+  std::vector<ReplySlot*> writers;
+  std::vector<engine::Context*> contexts;
+  std::vector<int32_t> tokens;
+  std::vector<kel::Status> outcomes;
 
   std::thread thread;
 };

@@ -50,6 +50,34 @@ TEST_F(ServeCommandTest, AnswersProgramsPeopleAndCollectors) {
   EXPECT_EQ(log().find("Who are you"), std::string::npos);
 }
 
+// Of a longer conversation there is more to remember, where that may take memory.
+TEST_F(ServeCommandTest, StatesToGoBackToHaveABudget) {
+  const auto bytesAfter = [&](int turns) {
+    json messages = json::array();
+    for (int i = 0; i < turns; ++i) {
+      messages.push_back({{"role", "user"}, {"content", "Say it again."}});
+      messages.push_back({{"role", "assistant"}, {"content", "Again."}});
+    }
+    messages.push_back({{"role", "user"}, {"content", "And again."}});
+    const json request = {{"messages", messages}, {"max_tokens", 1}};
+    // What the first one left behind is told of before the second one is taken up.
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(ask("POST", "/v1/chat/completions", request).status, 200);
+    }
+    const std::string metrics = ask("GET", "/metrics").body;
+    const std::string name = "\nzym_snapshot_bytes ";
+    return std::stoull(metrics.substr(metrics.find(name) + name.size()));
+  };
+  start({"--context", "512", "--parallel", "1", "--snapshots", "0"});
+  const auto least = bytesAfter(1);
+  EXPECT_GT(least, 0u);
+  EXPECT_EQ(bytesAfter(4), least);
+  kill(child, SIGTERM);
+  end();
+  start({"--context", "512", "--parallel", "1"});
+  EXPECT_GT(bytesAfter(4), least);
+}
+
 TEST_F(ServeCommandTest, KeysGuardAllButThePageAndTheHealth) {
   std::ofstream(folder / "keys") << "# people\nalpha\n";
   start({"--api-key-file", folder / "keys", "--quiet"});

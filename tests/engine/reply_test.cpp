@@ -169,6 +169,8 @@ TEST_F(DemoReply, EndsWhereTheContextIsFull) {
   EXPECT_EQ("the text takes " + std::to_string(chat.tokens.size()) + " tokens, the context has " +
                 std::to_string(chat.tokens.size() - 1) + " positions",
             status.message);
+  EXPECT_TRUE(none.lacksRoom);
+  EXPECT_FALSE(reply.lacksRoom);
   EXPECT_EQ(0U, context->position());
 }
 

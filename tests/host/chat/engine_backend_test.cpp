@@ -35,11 +35,19 @@ class EngineBackendTest : public testing::Test {
       tables.tokens.at(101) = "</think>";
       tables.tokenTypes.at(100) = tables.tokenTypes.at(101) = 3;
     });
+    write("open.zym", {},
+          "{% for message in messages %}{{ '<|im_start|>' + message['role'] + '\\n' + "
+          "message['content'] }}{% if message['role'] != 'assistant' %}{{ '<|im_end|>\\n' }}{% "
+          "endif %}{% endfor %}{% if add_generation_prompt %}{{ '<|im_start|>assistant\\n' }}{% "
+          "endif %}");
   }
   static void write(const std::string& name,
-                    const std::function<void(kel::TokenizerData&)>& editTables) {
-    kel::test::RandomModelSpec spec = {
-        .vocab = 110, .shape = kel::test::oddShape(), .statesShape = true};
+                    const std::function<void(kel::TokenizerData&)>& editTables,
+                    const std::string& chatTemplate = "") {
+    kel::test::RandomModelSpec spec = {.vocab = 110,
+                                       .shape = kel::test::oddShape(),
+                                       .statesShape = true,
+                                       .chatTemplate = chatTemplate};
     spec.tokenizer = kel::test::chatTables(spec.vocab);
     if (editTables) {
       editTables(spec.tokenizer);
@@ -267,6 +275,18 @@ TEST_F(EngineBackendTest, SavingWritesOverConversationsAlone) {
   const std::string twice = folder->file("twice.zyms");
   EXPECT_EQ("", backend->conversation()->save(twice).message);
   EXPECT_EQ("", backend->conversation()->save(twice).message);
+}
+
+// Also where the model's template would render it: the turns of open.zym stay open.
+TEST_F(EngineBackendTest, ASystemMessageAloneIsNoConversationToSave) {
+  for (const char* name : {"model.zym", "thinker.zym", "open.zym"}) {
+    const auto opened = open({.system = "Be brief."}, name);
+    EXPECT_EQ("nothing has been said that could be saved",
+              opened->conversation()->save(folder->file("system.zyms")).message)
+        << name;
+    EXPECT_EQ("", say(*opened, "abc").fault) << name;
+    EXPECT_EQ("", opened->conversation()->save(folder->file("system.zyms")).message) << name;
+  }
 }
 
 TEST_F(EngineBackendTest, OfAFileThatIsNoConversationNothingIsTaken) {

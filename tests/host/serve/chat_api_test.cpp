@@ -80,7 +80,7 @@ TEST_F(ChatApi, StreamedAnswer) {
   const auto exchange = ask(R"("stream": true)");
   GenerationSink& sink = *service.queue.sink;
   EXPECT_EQ(0, exchange->status) << "the prompt may yet be refused";
-  sink.started(10, 4);
+  sink.started({10, 4});
   EXPECT_EQ(200, exchange->status);
   EXPECT_EQ("text/event-stream", exchange->type);
   std::string expected = chunk(delta(R"({"role":"assistant","content":""})"));
@@ -159,7 +159,7 @@ TEST_F(ChatApi, SeveralChoices) {
   const auto exchange = ask(R"("n": 2, "stream": false)");
   EXPECT_EQ(2U, service.queue.request.choices);
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 0);
+  sink.started({10, 0});
   sink.event(1, answer("b"));
   sink.event(0, answer("a"));
   sink.finished(1, reply(ReplyEnd::Stop, 3));
@@ -185,7 +185,7 @@ TEST_F(ChatApi, LogProbabilitiesOfTheAnswerAlone) {
           kTools);
   EXPECT_EQ(2U, service.queue.request.logProbabilities);
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 0);
+  sink.started({10, 0});
   const int32_t a = kel::test::chatId("a");
   sink.token(0, chosen(a + 9, -1));  // reasoning
   sink.event(0, reasoning("j"));
@@ -217,7 +217,7 @@ TEST_F(ChatApi, LogProbabilitiesOfTheAnswerAlone) {
 TEST_F(ChatApi, LogProbabilitiesOfAWholeAnswer) {
   const auto exchange = ask(R"("logprobs": true)");
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 0);
+  sink.started({10, 0});
   const int32_t a = kel::test::chatId("a");
   for (const int32_t id : {a, a + 1}) {
     sink.token(0, {{id, -0.5}, {}});
@@ -234,7 +234,7 @@ TEST_F(ChatApi, LogProbabilitiesOfAWholeAnswer) {
 TEST_F(ChatApi, LogProbabilitiesShowSpacesAsSuch) {
   const auto exchange = ask(R"("logprobs": true)");
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 0);
+  sink.started({10, 0});
   sink.token(0, {{kel::test::chatId("\u2581"), -0.5}, {}});
   sink.event(0, answer(" "));
   sink.finished(0, reply(ReplyEnd::Stop, 3));
@@ -252,34 +252,33 @@ TEST_F(ChatApi, OutputIsValidUtf8) {
 
 TEST_F(ChatApi, WhatCannotBeFulfilled) {
   auto exchange = ask("");
-  service.queue.sink->failed(kel::Status::invalid("No user query found in messages."));
+  service.queue.sink->failed(GenerationFault::Request, "No user query found in messages.");
   EXPECT_EQ(400, exchange->status);
   EXPECT_EQ(R"({"error":{"message":"No user query found in messages.",)"
             R"("type":"invalid_request_error","param":null,"code":null}})",
             exchange->written);
 
   exchange = ask(R"("stream": true)");
-  service.queue.sink->failed(
-      kel::Status::invalid("the text takes 90 tokens, the context has 64 positions"));
+  service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
   EXPECT_EQ(400, exchange->status) << "streams have a status of their own until they begin";
   EXPECT_EQ("context_length_exceeded", Json::parse(exchange->written)["error"]["code"]);
   EXPECT_TRUE(exchange->ended);
 
   exchange = ask("");
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(500, exchange->status);
   EXPECT_EQ("server_error", Json::parse(exchange->written)["error"]["type"]);
 
   exchange = ask("");
-  service.queue.sink->failed({kel::StatusCode::IoError, "no memory"});
+  service.queue.sink->failed(GenerationFault::NoMemory, "no memory");
   EXPECT_EQ(503, exchange->status);
 }
 
 TEST_F(ChatApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(R"("stream": true)");
-  service.queue.sink->started(10, 0);
+  service.queue.sink->started({10, 0});
   exchange->written.clear();
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(
       "data: {\"error\":{\"message\":\"numbers went wrong\",\"type\":\"server_error\","
       "\"param\":null,\"code\":null}}\n\n",
@@ -303,7 +302,6 @@ TEST_F(ChatApi, NoRoomInTheQueue) {
     service.queue.answer = refusal;
     const auto exchange = ask(R"("stream": true)");
     EXPECT_EQ(503, exchange->status);
-    EXPECT_EQ((HttpHeaders{{"Retry-After", "1"}}), exchange->headers);
     EXPECT_EQ("server_error", Json::parse(exchange->written)["error"]["type"]);
   }
 }

@@ -64,7 +64,7 @@ TEST_F(CompletionApi, LogProbabilities) {
   EXPECT_EQ(1U, service.queue.request.logProbabilities);
   GenerationSink& sink = *service.queue.sink;
   const int32_t a = kel::test::chatId("a");
-  sink.started(2, 0);
+  sink.started({2, 0});
   sink.token(0, {{a, -0.5}, {{a + 1, -0.25}}});
   sink.token(0, {{a + 1, -1}, {}});
   sink.event(0, answer("ab"));
@@ -91,8 +91,7 @@ TEST_F(CompletionApi, Prompts) {
 
 TEST_F(CompletionApi, TextThatHasNoRoomIsThePromptsFault) {
   const auto exchange = ask(R"("prompt": "ab")");
-  service.queue.sink->failed(
-      kel::Status::invalid("the text takes 90 tokens, the context has 64 positions"));
+  service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
   EXPECT_EQ("prompt", Json::parse(exchange->written)["error"]["param"]);
 }
 

@@ -2,6 +2,7 @@
 // queue that keeps what it is given, and a model that is opened but never run.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -115,7 +116,10 @@ class FakeQueue : public GenerationQueue {
     return answer;
   }
 
+  std::chrono::seconds untilRoom() const override { return room; }
+
   Submission answer = Submission::Accepted;
+  std::chrono::seconds room{1};
   GenerationRequest request;
   std::shared_ptr<GenerationSink> sink;  // null: nothing has been submitted
 };
@@ -191,7 +195,7 @@ inline engine::Reply reply(engine::ReplyEnd end, uint64_t tokens,
 // One reply from beginning to end: a prompt of 10 tokens, 4 of them in place.
 inline void play(GenerationSink& sink, const std::vector<engine::ReplyEvent>& events,
                  const engine::Reply& reply) {
-  sink.started(10, 4);
+  sink.started({10, 4});
   for (const engine::ReplyEvent& event : events) {
     sink.event(0, event);
   }

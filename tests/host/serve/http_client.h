@@ -52,6 +52,9 @@ class HttpClient {
     close();
   }
 
+  // Says that nothing more will be sent, and goes on reading.
+  void endSending() const { shutdown(fd, SHUT_WR); }
+
   bool send(std::string_view bytes) const {
     while (!bytes.empty()) {
       const ssize_t count = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);

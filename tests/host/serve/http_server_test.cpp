@@ -187,6 +187,21 @@ TEST_F(HttpServerTest, CallerThatLeavesWhileItWaitsIsGone) {
   }
 }
 
+// A program that is killed closes its side in the same way: one that only reads on cannot be told
+// from it, and its reply would be written for nobody.
+TEST_F(HttpServerTest, CallerThatEndsItsSendingIsGone) {
+  start();
+  HttpClient caller = client();
+  caller.ask("POST", "/wait", "", "x");
+  const auto exchange = inbox.take();
+  ASSERT_NE(exchange, nullptr);
+  EXPECT_FALSE(isGone(*exchange));
+  caller.endSending();
+  EXPECT_TRUE(comesTrue([&] { return isGone(*exchange); }));
+  EXPECT_TRUE(caller.isClosed());
+  EXPECT_EQ(caller.take(), "");
+}
+
 TEST_F(HttpServerTest, CallerThatLeavesAnIdleStreamIsGone) {
   start();
   HttpClient caller = client();

@@ -117,7 +117,7 @@ TEST_F(MessagesApi, Errors) {
   EXPECT_EQ(404, exchange->status);
   EXPECT_EQ("not_found_error", Json::parse(exchange->written)["error"]["type"]);
   exchange = ask(kHello);
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ("api_error", Json::parse(exchange->written)["error"]["type"]);
   service.queue.answer = Submission::QueueFull;
   exchange = ask(kHello);
@@ -128,14 +128,29 @@ TEST_F(MessagesApi, Errors) {
 
 TEST_F(MessagesApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(kHello + R"(, "stream": true)");
-  service.queue.sink->started(10, 4);
+  service.queue.sink->started({10, 4});
   exchange->written.clear();
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(
       "event: error\ndata: {\"type\":\"error\",\"error\":{\"type\":\"api_error\","
       "\"message\":\"numbers went wrong\"}}\n\n",
       exchange->written);
   EXPECT_TRUE(exchange->ended);
+}
+
+// The model writes the arguments, as deep as its context is long.
+TEST_F(MessagesApi, ArgumentsWithoutBottom) {
+  const auto nested = [](size_t depth) {
+    return R"({"a":)" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
+  };
+  for (const bool isDeep : {false, true}) {
+    const auto exchange =
+        ask(R"("max_tokens": 9, "messages": [{"role": "user", "content": "hello"}])");
+    const std::string arguments = nested(isDeep ? 400'000 : 64);
+    play(*service.queue.sink, {call("f", arguments)}, reply(ReplyEnd::Stop, 1));
+    const Json block = Json::parse(exchange->written)["content"][0];
+    EXPECT_EQ(isDeep ? "{}" : arguments, block["input"].dump());
+  }
 }
 
 TEST_F(MessagesApi, BlocksOfAllKinds) {

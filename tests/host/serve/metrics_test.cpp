@@ -14,11 +14,13 @@ namespace {
 TEST(Metrics, EverySampleBelongsToAFamilyThatIsToldOfOnce) {
   std::istringstream lines(metricsText({}, {}));
   const std::regex help("# HELP (zym_[a-z_]+) [A-Z][^\\\\]*");
-  const std::regex type("# TYPE (zym_[a-z_]+) (counter|gauge)");
-  const std::regex sample("(zym_[a-z_]+)(\\{[a-z]+=\"[a-z_]+\"\\})? [0-9.e+-]+");
+  const std::regex type("# TYPE (zym_[a-z_]+) (counter|gauge|histogram)");
+  const std::regex sample("(zym_[a-z_]+)(\\{[a-z]+=\"[a-z0-9+.I_]+\"\\})? [0-9.e+-]+");
+  const std::regex part("(.*)_(bucket|sum|count)");
   std::set<std::string> told;
   std::set<std::string> series;
   std::string current;
+  bool isHistogram = false;
   std::string line;
   while (std::getline(lines, line)) {
     std::smatch match;
@@ -28,9 +30,12 @@ TEST(Metrics, EverySampleBelongsToAFamilyThatIsToldOfOnce) {
     } else if (std::regex_match(line, match, type)) {
       EXPECT_EQ(match[1], current);
       EXPECT_EQ(match[2] == "counter", current.ends_with("_total")) << line;
+      isHistogram = match[2] == "histogram";
     } else {
       ASSERT_TRUE(std::regex_match(line, match, sample)) << line;
-      EXPECT_EQ(match[1], current);
+      const std::string name = match[1];
+      EXPECT_EQ(isHistogram ? std::regex_replace(name, part, "$1") : name, current) << line;
+      EXPECT_EQ(isHistogram, std::regex_match(name, part)) << line;
       EXPECT_TRUE(series.insert(match[1].str() + match[2].str()).second) << line;
     }
   }
@@ -55,6 +60,24 @@ TEST(Metrics, NumbersAreThoseOfTheScheduler) {
         "zym_cached_prompt_tokens_total 60\n", "zym_decode_seconds_total 1.25\n",
         "zym_queue_requests 7\n", "zym_context_positions_used 12345678901\n", "zym_connections 8\n",
         "zym_resident_memory_bytes 9\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
+}
+
+TEST(Metrics, TimesAreHistograms) {
+  SchedulerStatistics statistics;
+  for (const double seconds : {0.002, 0.4, 0.4, 1000.0}) {
+    statistics.queueTimes.add(seconds);
+  }
+  statistics.firstTokenTimes.add(2.5);
+  const std::string text = metricsText(statistics, {});
+  for (const char* line :
+       {"# TYPE zym_queue_seconds histogram\n", "zym_queue_seconds_bucket{le=\"0.001\"} 0\n",
+        "zym_queue_seconds_bucket{le=\"0.0025\"} 1\n", "zym_queue_seconds_bucket{le=\"0.5\"} 3\n",
+        "zym_queue_seconds_bucket{le=\"300\"} 3\n", "zym_queue_seconds_bucket{le=\"+Inf\"} 4\n",
+        "zym_queue_seconds_sum 1000.802\n", "zym_queue_seconds_count 4\n",
+        "zym_first_token_seconds_bucket{le=\"1\"} 0\n",
+        "zym_first_token_seconds_bucket{le=\"2.5\"} 1\n", "zym_first_token_seconds_sum 2.5\n"}) {
     EXPECT_NE(text.find(line), std::string::npos) << line;
   }
 }

@@ -172,7 +172,7 @@ TEST_F(ResponsesApi, StreamedAnswer) {
 
 TEST_F(ResponsesApi, StreamedCall) {
   const auto exchange = ask(R"("input": "hello", "stream": true, )" + kTools);
-  service.queue.sink->started(10, 4);
+  service.queue.sink->started({10, 4});
   const size_t begin = exchange->written.size();
   service.queue.sink->event(0, call("look_up", R"({"a": 1})"));
   const std::string stream = exchange->written;
@@ -206,8 +206,8 @@ TEST_F(ResponsesApi, CutShortAnswers) {
 
 TEST_F(ResponsesApi, FailureInTheMiddleOfAStream) {
   const auto exchange = ask(R"("input": "hello", "stream": true)");
-  service.queue.sink->started(10, 4);
-  service.queue.sink->failed({kel::StatusCode::Corrupted, "numbers went wrong"});
+  service.queue.sink->started({10, 4});
+  service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   const std::string lines = eventsOf(exchange->written);
   const size_t last = lines.rfind("response.failed ");
   ASSERT_NE(std::string::npos, last);
@@ -222,7 +222,7 @@ TEST_F(ResponsesApi, LogProbabilities) {
                             R"( "reasoning.encrypted_content"], "top_logprobs": 0)");
   EXPECT_EQ(0U, service.queue.request.logProbabilities);
   GenerationSink& sink = *service.queue.sink;
-  sink.started(10, 4);
+  sink.started({10, 4});
   sink.token(0, {{kel::test::chatId("a"), -0.5}, {}});
   sink.event(0, answer("a"));
   sink.finished(0, reply(ReplyEnd::Stop, 1));
@@ -338,8 +338,7 @@ TEST_F(ResponsesApi, RefusedFields) {
 
 TEST_F(ResponsesApi, TextThatHasNoRoomIsTheInputsFault) {
   const auto exchange = ask(R"("input": "hello")");
-  service.queue.sink->failed(
-      kel::Status::invalid("the text takes 90 tokens, the context has 64 positions"));
+  service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
   EXPECT_EQ("input", Json::parse(exchange->written)["error"]["param"]);
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <cstring>
@@ -11,8 +12,14 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "engine/chat_tokens.h"
@@ -30,7 +37,6 @@ using engine::ReplyEnd;
 using engine::Role;
 using engine::testing_support::OpenedModel;
 using kel::Status;
-using kel::StatusCode;
 using namespace std::chrono_literals;
 
 constexpr uint64_t kVocab = 300;
@@ -160,12 +166,13 @@ class Caller : public GenerationSink {
   explicit Caller(std::string callerName = "", Log* callerLog = nullptr)
       : name(std::move(callerName)), log(callerLog) {}
 
-  void started(uint64_t promptTokens, uint64_t cachedTokens) override {
+  void started(const GenerationStart& start) override {
     EXPECT_FALSE(isStarted);
     note("started");
     isStarted = true;
-    prompt = promptTokens;
-    cached = cachedTokens;
+    prompt = start.promptTokens;
+    cached = start.cachedTokens;
+    queueSeconds = start.queueSeconds;
   }
   void event(size_t choice, const engine::ReplyEvent& event) override {
     EXPECT_TRUE(isStarted);
@@ -187,11 +194,11 @@ class Caller : public GenerationSink {
   }
   void done() override {
     note("done");
-    end(Status::success());
+    end({});
   }
-  void failed(const Status& status) override {
+  void failed(GenerationFault fault, std::string_view message) override {
     note("failed");
-    end(status);
+    end({fault, std::string(message)});
   }
   const volatile int* cancel() const override { return &flag; }
 
@@ -201,13 +208,19 @@ class Caller : public GenerationSink {
     std::unique_lock lock(mutex);
     changed.wait(lock, [this] { return isOver; });
   }
-  Status outcome() {
+  struct Outcome {
+    std::optional<GenerationFault> fault = {};
+    std::string message = {};
+
+    bool ok() const { return !fault; }
+  };
+  Outcome outcome() {
     wait();
     return result;
   }
   std::string text(size_t choice = 0) {
-    const Status status = outcome();
-    EXPECT_TRUE(status.ok()) << status.message;
+    const Outcome reached = outcome();
+    EXPECT_TRUE(reached.ok()) << reached.message;
     EXPECT_LT(choice, replies.size());
     EXPECT_EQ(told.at(choice), replies.at(choice).message.content);
     return told.at(choice);
@@ -218,6 +231,7 @@ class Caller : public GenerationSink {
   bool isStarted = false;
   uint64_t prompt = 0;
   uint64_t cached = 0;
+  double queueSeconds = 0;
   size_t ends = 0;
   std::vector<std::string> told;
   std::vector<Reply> replies;
@@ -229,10 +243,10 @@ class Caller : public GenerationSink {
       log->add(name + " " + what);
     }
   }
-  void end(const Status& status) {
+  void end(const Outcome& reached) {
     const std::lock_guard lock(mutex);
     EXPECT_FALSE(isOver);
-    result = status;
+    result = reached;
     isOver = true;
     changed.notify_all();
   }
@@ -243,7 +257,7 @@ class Caller : public GenerationSink {
   std::mutex mutex;
   std::condition_variable changed;
   bool isOver = false;
-  Status result;
+  Outcome result;
 };
 
 class SchedulerTest : public testing::Test {
@@ -310,9 +324,9 @@ TEST_F(SchedulerTest, ATextIsGoneOnWith) {
   GenerationRequest request = ask(std::vector<Message>(), 10);
   sharedModel().model->textEncoder().encode("Once upon a time", request.prompt);
   EXPECT_EQ(alone(request), submit(request)->text());
-  const Status status = submit(ask(std::vector<Message>(), 10))->outcome();
-  EXPECT_EQ(StatusCode::InvalidFormat, status.code);
-  EXPECT_EQ("there is no text to go on with", status.message);
+  const Caller::Outcome nothing = submit(ask(std::vector<Message>(), 10))->outcome();
+  EXPECT_EQ(GenerationFault::Request, nothing.fault);
+  EXPECT_EQ("there is no text to go on with", nothing.message);
 }
 
 TEST_F(SchedulerTest, RequestsAreTakenUpInTheOrderOfTheirArrival) {
@@ -332,6 +346,29 @@ TEST_F(SchedulerTest, RequestsAreTakenUpInTheOrderOfTheirArrival) {
             log.all());
 }
 
+TEST_F(SchedulerTest, TimesInTheLineAndToTheFirstTokenAreKept) {
+  start(1);
+  const auto held = submitHeld();
+  const auto waiting = submit(ask("Hello", 2));
+  const auto arrival = std::chrono::steady_clock::now();
+  const auto gone = submit(ask("Hello", 2));
+  gone->goAway();
+  const auto tooLong = submit(ask(std::string(kPositions, 'x'), 5));
+  std::this_thread::sleep_for(20ms);
+  const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - arrival;
+  gate.open();
+  waiting->wait();
+  tooLong->wait();
+  waitUntilIdle();
+  EXPECT_GE(waiting->queueSeconds, waited.count());
+  EXPECT_LT(held->queueSeconds, waiting->queueSeconds);
+  const SchedulerStatistics counts = scheduler->statistics();
+  EXPECT_EQ(3U, counts.queueTimes.count()) << "one left the line by itself";
+  EXPECT_GE(counts.queueTimes.seconds(), held->queueSeconds + waiting->queueSeconds);
+  EXPECT_EQ(2U, counts.firstTokenTimes.count()) << "one could not be fulfilled";
+  EXPECT_GE(counts.firstTokenTimes.seconds(), waiting->queueSeconds);
+}
+
 TEST_F(SchedulerTest, TheLineHasABound) {
   start(1, /*queueLength=*/2);
   const auto held = submitHeld();
@@ -345,6 +382,17 @@ TEST_F(SchedulerTest, TheLineHasABound) {
   EXPECT_EQ(alone(ask("Hello", 2)), submit(ask("Hello", 2))->text());
   EXPECT_EQ(1U, scheduler->statistics().queueFull);
   EXPECT_EQ(4U, scheduler->statistics().accepted);
+}
+
+TEST_F(SchedulerTest, TheTimeUntilThereIsRoomFollowsTheRequests) {
+  start(1);
+  EXPECT_EQ(1s, scheduler->untilRoom());
+  const auto held = submitHeld();
+  std::this_thread::sleep_for(1050ms);
+  gate.open();
+  held->wait();
+  waitUntilIdle();
+  EXPECT_LE(2s, scheduler->untilRoom());
 }
 
 TEST_F(SchedulerTest, ATextDependsNeitherOnCompanyNorOnWhatWasRead) {
@@ -609,7 +657,7 @@ TEST_F(SchedulerTest, WhereTheServerEndsTheLineIsTurnedAwayAndRepliesGoOn) {
             scheduler->submit(ask("Hello", 2), std::make_shared<Caller>()));
   EXPECT_FALSE(scheduler->waitUntilIdle(0ms));
   gate.open();
-  EXPECT_EQ(StatusCode::IoError, waiting->outcome().code);
+  EXPECT_EQ(GenerationFault::ShuttingDown, waiting->outcome().fault);
   EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
   EXPECT_EQ(ReplyEnd::Limit, held->replies[0].end);
   waitUntilIdle();
@@ -654,7 +702,7 @@ TEST_F(SchedulerTest, APromptThatIsCutOffIsTurnedAway) {
   EXPECT_EQ(2U, scheduler->statistics().running);
   scheduler->cutOff();
   second.open();
-  EXPECT_EQ(StatusCode::IoError, reader->outcome().code);
+  EXPECT_EQ(GenerationFault::ShuttingDown, reader->outcome().fault);
   EXPECT_FALSE(reader->isStarted);
   writer->wait();
   EXPECT_EQ(ReplyEnd::Cancelled, writer->replies[0].end);
@@ -678,10 +726,10 @@ TEST_F(SchedulerTest, ARequestThatCannotBeFulfilledFailsAlone) {
   const auto unfit = submit(ask(std::vector<Message>{message(Role::Assistant, "Me first")}, 5));
   const auto after = submit(ask("Hello", 5));
   gate.open();
-  EXPECT_EQ(StatusCode::InvalidFormat, tooLong->outcome().code);
+  EXPECT_EQ(GenerationFault::TooLong, tooLong->outcome().fault);
   EXPECT_NE(std::string::npos, tooLong->outcome().message.find("the context has 1500 positions"));
-  EXPECT_EQ(StatusCode::Corrupted, damaged->outcome().code);
-  EXPECT_EQ(StatusCode::InvalidFormat, unfit->outcome().code);
+  EXPECT_EQ(GenerationFault::Numbers, damaged->outcome().fault);
+  EXPECT_EQ(GenerationFault::Request, unfit->outcome().fault);
   EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
   EXPECT_EQ(alone(ask("Hello", 5)), after->text());
   waitUntilIdle();
@@ -697,7 +745,7 @@ TEST_F(SchedulerTest, AReplyThatGoesWrongLeavesThePassToTheOthers) {
   const auto wrong = submit(damaged);
   const auto right = submit(ask("What is new?", 30));
   gate.open();
-  EXPECT_EQ(StatusCode::Corrupted, wrong->outcome().code);
+  EXPECT_EQ(GenerationFault::Numbers, wrong->outcome().fault);
   EXPECT_EQ("~", wrong->told.at(0));
   EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
   EXPECT_EQ(alone(ask("What is new?", 30)), right->text());
@@ -707,7 +755,7 @@ TEST_F(SchedulerTest, AConversationThatWentWrongIsForgotten) {
   start(1);
   GenerationRequest damaged = ask("Hello", 5);
   damaged.options.sampling.logitBias = {{idOf("~"), 100.0F}};
-  EXPECT_EQ(StatusCode::Corrupted, submit(damaged)->outcome().code);
+  EXPECT_EQ(GenerationFault::Numbers, submit(damaged)->outcome().fault);
   waitUntilIdle();
   EXPECT_EQ(0U, scheduler->statistics().positionsUsed);
   EXPECT_EQ(alone(ask("Hello", 5)), submit(ask("Hello", 5))->text());
@@ -718,7 +766,7 @@ TEST_F(SchedulerTest, OneChoiceThatGoesWrongFailsTheRequest) {
   GenerationRequest damaged = ask("Hello", 5);
   damaged.options.sampling.logitBias = {{idOf("~"), 100.0F}};
   damaged.choices = 4;
-  EXPECT_EQ(StatusCode::Corrupted, submit(damaged)->outcome().code);
+  EXPECT_EQ(GenerationFault::Numbers, submit(damaged)->outcome().fault);
   EXPECT_EQ(alone(ask("Hello", 5)), submit(ask("Hello", 5))->text());
   waitUntilIdle();
   EXPECT_EQ(1U, scheduler->statistics().failed);
@@ -737,6 +785,151 @@ class OnlyLetter : public engine::ReplyConstraint {
  private:
   int32_t id;
 };
+
+// There is no memory for what it is to be told by some of its functions.
+class Forgetful : public Caller {
+ public:
+  explicit Forgetful(std::set<std::string> functions) : lacking(std::move(functions)) {}
+
+  void started(const GenerationStart& start) override {
+    remember("started");
+    Caller::started(start);
+  }
+  void event(size_t choice, const engine::ReplyEvent& event) override {
+    remember("event");
+    Caller::event(choice, event);
+  }
+  void token(size_t choice, const engine::LogProbabilities& chosen) override {
+    if (onToken) {
+      onToken();
+    }
+    remember("token");
+    if (choice == 0) {
+      Caller::token(choice, chosen);
+    }
+  }
+  void finished(size_t choice, const Reply& reply) override {
+    remember("finished");
+    Caller::finished(choice, reply);
+  }
+  void done() override {
+    remember("done");
+    Caller::done();
+  }
+  void failed(GenerationFault fault, std::string_view message) override {
+    remember("failed");
+    Caller::failed(fault, message);
+  }
+
+  std::function<void()> onToken;
+
+ private:
+  void remember(const std::string& function) const {
+    if (lacking.contains(function)) {
+      throw std::bad_alloc();
+    }
+  }
+
+  std::set<std::string> lacking;
+};
+
+// Running out of memory costs the request that it is needed for, and nobody else.
+class SchedulerMemoryTest : public SchedulerTest {
+ protected:
+  // The line goes on, every request was counted once, and the sink of a caller that could not even
+  // be told of its failure has been let go of.
+  void expectNoHarm() {
+    EXPECT_EQ(alone(ask("Hello", 5)), submit(ask("Hello", 5))->text());
+    waitUntilIdle();
+    const SchedulerStatistics counts = scheduler->statistics();
+    EXPECT_EQ(counts.accepted,
+              counts.completed + counts.cancelled + counts.failed + counts.turnedAway);
+    EXPECT_EQ(0U, counts.running + counts.waiting);
+  }
+  static void expectOutOfMemory(Caller& caller) {
+    EXPECT_EQ(GenerationFault::NoMemory, caller.outcome().fault);
+    EXPECT_EQ("out of memory", caller.outcome().message);
+  }
+  void expectLetGoOf(std::shared_ptr<Forgetful> caller) {
+    const std::weak_ptr<Forgetful> left = std::exchange(caller, nullptr);
+    waitUntilIdle();
+    EXPECT_TRUE(left.expired());
+  }
+};
+
+TEST_F(SchedulerMemoryTest, WhatCannotBeToldOfAReplyFailsIt) {
+  start(2);
+  for (const size_t choices : {1U, 3U}) {
+    GenerationRequest request = ask("Hello", 4);
+    request.choices = choices;
+    request.logProbabilities = 1;
+    for (const std::string function : {"started", "token", "event", "finished", "done"}) {
+      SCOPED_TRACE(function + " " + std::to_string(choices));
+      const auto told = std::make_shared<Forgetful>(std::set<std::string>{function});
+      submit(request, told);
+      expectOutOfMemory(*told);
+      auto untold = std::make_shared<Forgetful>(std::set<std::string>{function, "failed"});
+      submit(request, untold);
+      expectLetGoOf(std::move(untold));
+      expectNoHarm();
+    }
+  }
+}
+
+TEST_F(SchedulerMemoryTest, RepliesBesideItGoOn) {
+  start(2);
+  const auto held = submitHeld();
+  const auto forgetful = std::make_shared<Forgetful>(std::set<std::string>{"finished", "failed"});
+  submit(ask("Hello", 4), forgetful);
+  gate.open();
+  EXPECT_EQ(alone(ask("Hold on", 40)), held->text());
+  expectNoHarm();
+}
+
+TEST_F(SchedulerMemoryTest, FailuresThatCannotBeToldEndTheRequest) {
+  start(1);
+  const auto held = submitHeld();
+  auto tooLong = std::make_shared<Forgetful>(std::set<std::string>{"failed"});
+  submit(ask(std::string(kPositions, 'x'), 5), tooLong);
+  gate.open();
+  expectLetGoOf(std::move(tooLong));
+  expectNoHarm();
+}
+
+TEST_F(SchedulerMemoryTest, CallersThatWentAwayNeedNotBeTold) {
+  start(1);
+  const auto held = submitHeld();
+  GenerationRequest both = ask("Hello", 2);
+  both.choices = 2;
+  auto gone = std::make_shared<Forgetful>(std::set<std::string>{"finished"});
+  submit(both, gone);
+  gone->goAway();
+  auto silent = std::make_shared<Forgetful>(std::set<std::string>{"finished", "failed"});
+  submit(both, silent);
+  silent->goAway();
+  gate.open();
+  expectOutOfMemory(*gone);
+  expectLetGoOf(std::move(silent));
+  expectNoHarm();
+}
+
+// Text that might begin a stop string is held back, and comes when the reply is cut off.
+TEST_F(SchedulerMemoryTest, LastWordsOfAReplyThatIsCutOff) {
+  start(1);
+  GenerationRequest request = ask("Hello", 100);
+  request.logProbabilities = 1;
+  request.makeConstraint = [] { return std::make_unique<OnlyLetter>(idOf("a")); };
+  request.options.stops = {std::string(50, 'a') + "b"};
+  const auto caller = std::make_shared<Forgetful>(std::set<std::string>{"event"});
+  caller->onToken = [&, tokens = 0]() mutable {
+    if (++tokens == 3) {
+      scheduler->cutOff();
+    }
+  };
+  submit(request, caller);
+  expectOutOfMemory(*caller);
+  waitUntilIdle();
+}
 
 TEST_F(SchedulerTest, EveryChoiceHasAConstraintOfItsOwn) {
   start(2);
