@@ -17,8 +17,7 @@ struct HttpRefusal {
   bool isRefused() const { return status != 0; }
 };
 
-// {"error":{"message","type","param","code"}}, and for the paths of the messages interface, whose
-// clients look for it, "type":"error" beside it. Bytes that are no UTF-8 are replaced.
+// In the form of the interface at path. Bytes that are no UTF-8 are replaced.
 std::string refusalBody(const HttpRefusal& refusal, std::string_view path);
 
 }  // namespace zym

@@ -7,12 +7,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include "host/serve/api_error.h"
 #include "host/serve/http_certificate.h"
 #include "host/serve/http_channel.h"
 #include "host/serve/http_sockets.h"
@@ -66,6 +68,7 @@ struct Connection {
   HttpHeaders answerHeaders;
   std::string method;
   std::string path;
+  std::string_view lateAnswer;
   int status = 0;
   bool isWhole = true;      // all of the answer was sent
   uint64_t bodyBytes = 0;   // of the answer, where it is no channel's
@@ -98,6 +101,16 @@ std::string loggable(std::string_view text) {
     plain += byte < 0x20 || byte == 0x7f ? std::string("?") : std::string(1, c);
   }
   return plain;
+}
+
+// As bytes: what the library has begun to read it answers with nothing.
+std::string lateAnswerAt(std::string_view path) {
+  const std::string body =
+      refusalBody({408, "request_timeout", "the request took too long to come in", {}}, path);
+  return fmt::format(
+      "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Type: {}\r\n"
+      "Content-Length: {}\r\n\r\n{}",
+      kJson, body.size(), body);
 }
 
 HttpRefusal stoppingRefusal() {
@@ -148,6 +161,8 @@ class HttpServer::State {
   HttpService service;
   HttpCertificate certificate;
   std::shared_ptr<HttpBodyRoom> room;
+  std::string lateAnswer;
+  std::string lateMessagesAnswer;
   HttpWatch watch;
   HttpWorker worker;
   MHD_Daemon* daemon = nullptr;
@@ -173,15 +188,12 @@ kel::Status HttpServer::State::start(HttpServerOptions wanted, HttpService serve
   const milliseconds tick =
       std::clamp(std::min({limits.readTimeout, limits.writeTimeout, limits.idleTimeout}) / 4,
                  milliseconds(10), milliseconds(250));
-  const std::string lateBody =
-      refusalBody({408, "request_timeout", "the request took too long to come in", {}}, "");
-  const std::string late = fmt::format(
-      "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Type: {}\r\n"
-      "Content-Length: {}\r\n\r\n{}",
-      kJson, lateBody.size(), lateBody);
   // Bytes in the clear would mean nothing within TLS.
-  kel::Status status =
-      watch.start(tick, limits.writeTimeout, certificate.chain.empty() ? late : "");
+  if (certificate.chain.empty()) {
+    lateAnswer = lateAnswerAt("");
+    lateMessagesAnswer = lateAnswerAt("/v1/messages");
+  }
+  kel::Status status = watch.start(tick, limits.writeTimeout);
   if (status.ok()) {
     status = startDaemon();
   }
@@ -279,11 +291,15 @@ void* HttpServer::State::open(MHD_Connection* polled) {
   return connection;
 }
 
-void* HttpServer::State::noticeTarget(void* self, const char* /*target*/, MHD_Connection* polled) {
+void* HttpServer::State::noticeTarget(void* self, const char* target, MHD_Connection* polled) {
   auto& state = *static_cast<State*>(self);
   Connection& connection = contextOf(polled);
   connection.begunAt = Clock::now();
-  state.watch.readUntil(connection.id, connection.begunAt + state.service.limits.readTimeout, true);
+  const std::string_view path = std::string_view(target).substr(0, std::strcspn(target, "?"));
+  connection.lateAnswer =
+      errorFormOf(path) == ErrorForm::Messages ? state.lateMessagesAnswer : state.lateAnswer;
+  state.watch.readUntil(connection.id, connection.begunAt + state.service.limits.readTimeout,
+                        connection.lateAnswer);
   return nullptr;
 }
 
@@ -319,7 +335,7 @@ MHD_Result HttpServer::State::readHead(MHD_Connection* polled, Connection& conne
   connection.method = reading.request().method;
   connection.path = reading.request().path;
   connection.unprogressed = 0;
-  watch.readUntil(connection.id, Clock::now() + service.limits.readTimeout, true);
+  watch.readUntil(connection.id, Clock::now() + service.limits.readTimeout, connection.lateAnswer);
   return reading.refusesAtOnce() ? refuse(polled, connection) : MHD_YES;
 }
 
@@ -327,7 +343,8 @@ MHD_Result HttpServer::State::readBody(Connection& connection, std::string_view 
   connection.unprogressed += piece.size();
   if (connection.unprogressed >= kProgressBytes) {
     connection.unprogressed = 0;
-    watch.readUntil(connection.id, Clock::now() + service.limits.readTimeout, true);
+    watch.readUntil(connection.id, Clock::now() + service.limits.readTimeout,
+                    connection.lateAnswer);
   }
   return connection.reading->take(piece) ? MHD_YES : MHD_NO;
 }
@@ -404,7 +421,7 @@ MHD_Result HttpServer::State::refuse(MHD_Connection* polled, Connection& connect
   std::string body = refusal.code.empty() ? std::string() : refusalBody(refusal, connection.path);
   connection.bodyBytes = body.size();
   // The answer is short, and the library's own time-out does for it.
-  watch.readUntil(connection.id, Clock::time_point::max(), false);
+  watch.readUntil(connection.id, Clock::time_point::max());
   MHD_Response* response =
       MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY);
   return queue(polled, connection, response, refusal.status, body.empty() ? "" : kJson,
@@ -453,7 +470,7 @@ void HttpServer::State::finish(Connection& connection) {
     connection.isWhole = isAllTaken || connection.method == "HEAD";
     watch.release(connection.id);
   }
-  watch.readUntil(connection.id, Clock::now() + service.limits.idleTimeout, false);
+  watch.readUntil(connection.id, Clock::now() + service.limits.idleTimeout);
   logRequest(connection);
   connection.channel.reset();
   connection.reading.reset();

@@ -323,9 +323,23 @@ TEST_F(HttpServerTest, UnknownPathsAndMethodsAreToldOf) {
   answer = caller.read();
   EXPECT_EQ(answer.status, 405);
   EXPECT_EQ(answer.headers.at("allow"), "GET, HEAD, POST, OPTIONS");
+}
 
+TEST_F(HttpServerTest, RefusalsAreInTheFormOfTheInterfaceThatWasAsked) {
+  service.routes.add("POST", "/v1/messages", [](const std::shared_ptr<HttpExchange>&) {
+    throw std::runtime_error("numbers went wrong");
+  });
+  start();
+  HttpClient caller = client();
   caller.ask("POST", "/v1/messages/nothing", "", "{}");
-  EXPECT_EQ(nlohmann::json::parse(caller.read().body)["type"], "error");
+  EXPECT_EQ(caller.read().body, R"({"type":"error","error":{"type":"not_found_error",)"
+                                R"("message":"there is nothing at /v1/messages/nothing"}})");
+  caller.ask("GET", "/v1/messages");
+  EXPECT_EQ(caller.read().body, R"({"type":"error","error":{"type":"invalid_request_error",)"
+                                R"("message":"/v1/messages takes POST, OPTIONS"}})");
+  caller.ask("POST", "/v1/messages", "", "{}");
+  EXPECT_EQ(caller.read().body, R"({"type":"error","error":{"type":"api_error",)"
+                                R"("message":"the server failed at this request"}})");
 }
 
 TEST_F(HttpServerTest, MalformedRequestsAreRefused) {
