@@ -20,6 +20,7 @@
 #include "host/serve/http_sockets.h"
 #include "host/serve/http_watch.h"
 #include "host/serve/http_worker.h"
+#include "host/terminal/utf8.h"
 
 namespace zym {
 namespace {
@@ -93,16 +94,6 @@ void forgetAnswer(void* from) {
   delete static_cast<std::shared_ptr<HttpChannel>*>(from);
 }
 
-// Paths come from outside, and a line is a line.
-std::string loggable(std::string_view text) {
-  std::string plain;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    plain += byte < 0x20 || byte == 0x7f ? std::string("?") : std::string(1, c);
-  }
-  return plain;
-}
-
 // As bytes: what the library has begun to read it answers with nothing.
 std::string lateAnswerAt(std::string_view path) {
   const std::string body =
@@ -151,9 +142,10 @@ class HttpServer::State {
                    int status, const std::string& contentType, const HttpHeaders& headers);
   void finish(Connection& connection);
   void logRequest(const Connection& connection) const;
+  // Whatever a caller has put into it.
   void logLine(std::string_view line) const {
     if (options.log) {
-      options.log(line);
+      options.log(onOneLine(line));
     }
   }
 
@@ -358,8 +350,7 @@ MHD_Result HttpServer::State::dispatch(MHD_Connection* polled, Connection& conne
     return refuse(polled, connection);
   }
   if (options.logsBodies) {
-    logLine(connection.method + " " + loggable(connection.path) + " " +
-            loggable(reading.request().body));
+    logLine(connection.method + " " + connection.path + " " + reading.request().body);
   }
   const HttpHandler handler = *reading.handler();
   connection.answerHeaders = reading.answerHeaders();
@@ -487,12 +478,11 @@ void HttpServer::State::logRequest(const Connection& connection) const {
   }
   const auto ms = std::chrono::duration_cast<milliseconds>(Clock::now() - connection.begunAt);
   const bool hasChannel = connection.channel != nullptr;
-  logLine(fmt::format("{} {} {} {} {} ms {} bytes{}", connection.address, connection.method,
-                      loggable(connection.path),
-                      connection.status == 0 ? std::string("-") : std::to_string(connection.status),
-                      ms.count(),
-                      hasChannel ? connection.channel->pulledBytes() : connection.bodyBytes,
-                      connection.isWhole ? "" : " (cut off)"));
+  logLine(fmt::format(
+      "{} {} {} {} {} ms {} bytes{}", connection.address, connection.method, connection.path,
+      connection.status == 0 ? std::string("-") : std::to_string(connection.status), ms.count(),
+      hasChannel ? connection.channel->pulledBytes() : connection.bodyBytes,
+      connection.isWhole ? "" : " (cut off)"));
 }
 
 HttpServer::HttpServer() : state(std::make_unique<State>()) {}

@@ -390,6 +390,29 @@ TEST_F(HttpServerTest, ALineIsLoggedForEveryRequestAndNothingOfWhatItSays) {
   EXPECT_TRUE(log()[1].starts_with("127.0.0.1 GET /no?where 404 ")) << log()[1];
 }
 
+TEST_F(HttpServerTest, LinesOfTheLogControlNoTerminal) {
+  service.routes.add("GET", "/throws", [](const std::shared_ptr<HttpExchange>&) {
+    throw std::runtime_error("no \x1b[2J number");
+  });
+  options.logsBodies = true;
+  start();
+  HttpClient caller = client();
+  caller.ask("GET", "/a%9b2J%c2%9bb%e2%80%a8c%e2%80%aed%1b");
+  caller.read();
+  caller.ask("G\x1b[2JT", "/a");
+  caller.read();
+  caller.ask("POST", "/echo", "", "a\xc2\x9b\xe2\x80\xae");
+  caller.read();
+  caller.ask("GET", "/throws");
+  caller.read();
+  ASSERT_TRUE(comesTrue([&] { return log().size() == 7; }));
+  EXPECT_TRUE(log()[0].starts_with("127.0.0.1 GET /a?2J?b?c?d? 404 ")) << log()[0];
+  EXPECT_TRUE(log()[1].starts_with("127.0.0.1 G?[2JT /a 404 ")) << log()[1];
+  EXPECT_EQ(log()[2], "POST /echo a??");
+  EXPECT_EQ(log()[4], "GET /throws ");
+  EXPECT_EQ(log()[5], "http: no ?[2J number");
+}
+
 TEST_F(HttpServerTest, BodiesAreLoggedWhereThatIsAskedFor) {
   options.logsBodies = true;
   start();
