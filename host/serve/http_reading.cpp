@@ -55,7 +55,7 @@ bool isNameList(std::string_view text) {
 
 HttpRefusal tooLarge(size_t limit) {
   return {413,
-          "request_too_large",
+          RefusalReason::BodyTooLarge,
           "the body of a request has at most " + std::to_string(limit) + " bytes",
           {}};
 }
@@ -121,11 +121,11 @@ HttpRefusal HttpReading::faultOf(const HttpHead& head) {
   }
   if (!decodePath(head.rawPath, asked.path)) {
     asked.path = head.rawPath;
-    return {400, "invalid_path", "the path has a % that stands for no character", {}};
+    return {400, RefusalReason::InvalidPath, "the path has a % that stands for no character", {}};
   }
   if (bytes > service.limits.headerBytes) {
     return {431,
-            "headers_too_large",
+            RefusalReason::HeadTooLarge,
             "the head of a request has at most " + std::to_string(service.limits.headerBytes) +
                 " bytes",
             {}};
@@ -150,11 +150,11 @@ HttpRefusal HttpReading::faultOf(const HttpHead& head) {
 HttpRefusal HttpReading::faultOfCaller(const HttpHead& head) const {
   const bool hasHost = asked.headers.contains("host");
   if (repeatedHosts > 0 || (!hasHost && head.version != "HTTP/1.0")) {
-    return {400, "invalid_host", "a request has one Host header", {}};
+    return {400, RefusalReason::InvalidHost, "a request has one Host header", {}};
   }
   if (hasHost && !service.policy.knowsHost(header("host"), head.reached)) {
     return {403,
-            "invalid_host",
+            RefusalReason::InvalidHost,
             "this server is not called " + std::string(header("host")) +
                 "; --host-name gives it a name",
             {}};
@@ -164,7 +164,7 @@ HttpRefusal HttpReading::faultOfCaller(const HttpHead& head) const {
       asked.method == "GET" || asked.method == "HEAD" || asked.method == "OPTIONS";
   if (!origin.empty() && !onlyReads && !service.policy.admitsOrigin(origin, header("host"))) {
     return {403,
-            "invalid_origin",
+            RefusalReason::InvalidOrigin,
             "pages of " + std::string(origin) + " may not ask this server; --cors lets them",
             {}};
   }
@@ -172,7 +172,7 @@ HttpRefusal HttpReading::faultOfCaller(const HttpHead& head) const {
   // Browsers ask for leave without the headers that they ask leave for.
   if (!isOpen && asked.method != "OPTIONS" && !service.policy.admitsKeyOf(asked)) {
     return {401,
-            "invalid_api_key",
+            RefusalReason::InvalidKey,
             "no such API key; send one as \"Authorization: Bearer KEY\" or \"x-api-key: KEY\"",
             {{"WWW-Authenticate", "Bearer"}}};
   }
@@ -193,14 +193,14 @@ HttpRefusal HttpReading::faultOfTarget() const {
                                                                : "authorization, content-type");
       headers.emplace_back("Access-Control-Max-Age", "600");
     }
-    return {204, "", "", std::move(headers)};
+    return {204, std::nullopt, "", std::move(headers)};
   }
   if (match.allowed.empty()) {
-    return {404, "not_found", "there is nothing at " + asked.path, {}};
+    return {404, RefusalReason::NotFound, "there is nothing at " + asked.path, {}};
   }
   if (match.handler == nullptr) {
     return {405,
-            "method_not_allowed",
+            RefusalReason::MethodNotAllowed,
             asked.path + " takes " + match.allowed,
             {{"Allow", match.allowed}}};
   }
@@ -213,7 +213,10 @@ HttpRefusal HttpReading::faultOfLength() const {
   // Servers in front of this one could take another of two lengths for the right one.
   if (repeatedLengths > 0 || (isChunked && hasLength) ||
       (isChunked && lowerCase(header("transfer-encoding")) != "chunked")) {
-    return {400, "invalid_length", "the length of the body is told in more than one way", {}};
+    return {400,
+            RefusalReason::InvalidLength,
+            "the length of the body is told in more than one way",
+            {}};
   }
   if (hasLength && lengthOf(header("content-length")) > service.limits.bodyBytes) {
     return tooLarge(service.limits.bodyBytes);
@@ -226,7 +229,7 @@ bool HttpReading::refusesAtOnce() const {
     return false;
   }
   const bool isAskedFirst = asked.headers.contains("expect");
-  return isAskedFirst || refused.code == "invalid_length" ||
+  return isAskedFirst || refused.reason == RefusalReason::InvalidLength ||
          (asked.headers.contains("content-length") &&
           lengthOf(header("content-length")) > mostDropped());
 }
@@ -237,7 +240,7 @@ bool HttpReading::take(std::string_view piece) {
       refuse(tooLarge(service.limits.bodyBytes));
     } else if (!share->take(piece.size())) {
       refuse({503,
-              "overloaded",
+              RefusalReason::Overloaded,
               "the bodies of other requests take all the room; try again",
               {{"Retry-After", "1"}}});
     } else {

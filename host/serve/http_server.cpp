@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <exception>
 #include <nlohmann/json.hpp>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "host/serve/api_error.h"
+#include "host/serve/http_addresses.h"
 #include "host/serve/http_certificate.h"
 #include "host/serve/http_channel.h"
 #include "host/serve/http_sockets.h"
@@ -62,8 +64,11 @@ struct Connection {
   int fd = -1;
   std::string address;
   std::string reached;
+  std::string addressKey;  // in HttpAddresses
+  bool isUsed = false;     // a request of it has been read
   // Of the request at work.
-  Clock::time_point begunAt;
+  Clock::time_point begunAt = Clock::now();
+  bool isBegun = false;                // its first line is there
   std::optional<HttpReading> reading;  // from the end of its head to that of its body
   std::shared_ptr<HttpChannel> channel;
   HttpHeaders answerHeaders;
@@ -97,7 +102,7 @@ void forgetAnswer(void* from) {
 // As bytes: what the library has begun to read it answers with nothing.
 std::string lateAnswerAt(std::string_view path) {
   const std::string body =
-      refusalBody({408, "request_timeout", "the request took too long to come in", {}}, path);
+      refusalBody({408, RefusalReason::TooSlow, "the request took too long to come in", {}}, path);
   return fmt::format(
       "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Type: {}\r\n"
       "Content-Length: {}\r\n\r\n{}",
@@ -105,7 +110,7 @@ std::string lateAnswerAt(std::string_view path) {
 }
 
 HttpRefusal stoppingRefusal() {
-  return {503, "shutting_down", "the server is shutting down", {{"Retry-After", "10"}}};
+  return {503, RefusalReason::ShuttingDown, "the server is shutting down", {{"Retry-After", "10"}}};
 }
 
 }  // namespace
@@ -117,11 +122,13 @@ class HttpServer::State {
   uint16_t port() const { return options.port; }
   std::string url() const;
   size_t connectionCount() const { return watch.connectionCount(); }
+  RefusalNumbers refusals() const { return refused.numbers(); }
 
  private:
   kel::Status startDaemon();
 
   // Callbacks of the library, on its thread.
+  static MHD_Result admit(void* self, const sockaddr* address, socklen_t size);
   static void noticeConnection(void* self, MHD_Connection* polled, void** context,
                                MHD_ConnectionNotificationCode what);
   static void* noticeTarget(void* self, const char* target, MHD_Connection* polled);
@@ -132,16 +139,18 @@ class HttpServer::State {
   static Connection& contextOf(MHD_Connection* polled);
 
   void* open(MHD_Connection* polled);
+  void close(const Connection& connection);
   MHD_Result readHead(MHD_Connection* polled, Connection& connection, HttpHead head);
   MHD_Result readBody(Connection& connection, std::string_view piece);
   MHD_Result dispatch(MHD_Connection* polled, Connection& connection);
-  void callHandler(const HttpHandler& handler, const std::shared_ptr<HttpChannel>& channel) const;
+  void callHandler(const HttpHandler& handler, const std::shared_ptr<HttpChannel>& channel);
   MHD_Result goOn(MHD_Connection* polled, Connection& connection);
   MHD_Result refuse(MHD_Connection* polled, Connection& connection);
   MHD_Result queue(MHD_Connection* polled, Connection& connection, MHD_Response* response,
                    int status, const std::string& contentType, const HttpHeaders& headers);
-  void finish(Connection& connection);
-  void logRequest(const Connection& connection) const;
+  void finish(Connection& connection, bool isAnswered);
+  std::optional<RefusalReason> unansweredFor(const Connection& connection) const;
+  void logRequest(const Connection& connection, std::optional<RefusalReason> reason) const;
   // Whatever a caller has put into it.
   void logLine(std::string_view line) const {
     if (options.log) {
@@ -155,6 +164,8 @@ class HttpServer::State {
   std::shared_ptr<HttpBodyRoom> room;
   std::string lateAnswer;
   std::string lateMessagesAnswer;
+  HttpAddresses addresses;
+  RefusalCounts refused;
   HttpWatch watch;
   HttpWorker worker;
   MHD_Daemon* daemon = nullptr;
@@ -190,7 +201,7 @@ kel::Status HttpServer::State::start(HttpServerOptions wanted, HttpService serve
     status = startDaemon();
   }
   if (!status.ok()) {
-    close(std::exchange(listening, -1));
+    ::close(std::exchange(listening, -1));
   }
   return status;
 }
@@ -203,7 +214,6 @@ kel::Status HttpServer::State::startDaemon() {
   std::vector<MHD_OptionItem> items = {
       {MHD_OPTION_LISTEN_SOCKET, listening, nullptr},
       {MHD_OPTION_CONNECTION_LIMIT, limits.connections, nullptr},
-      {MHD_OPTION_PER_IP_CONNECTION_LIMIT, limits.perAddressConnections, nullptr},
       {MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(4 * limits.headerBytes), nullptr},
       {MHD_OPTION_CONNECTION_TIMEOUT, backstop, nullptr},
       {MHD_OPTION_STRICT_FOR_CLIENT, 1, nullptr},
@@ -219,8 +229,8 @@ kel::Status HttpServer::State::startDaemon() {
     items.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, certificate.key.data()});
   }
   items.push_back({MHD_OPTION_END, 0, nullptr});
-  daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, handle, this, MHD_OPTION_ARRAY,
-                            items.data(), MHD_OPTION_END);
+  daemon = MHD_start_daemon(flags, 0, admit, this, handle, this, MHD_OPTION_ARRAY, items.data(),
+                            MHD_OPTION_END);
   return daemon != nullptr ? kel::Status::success()
                            : kel::Status::ioError("http: the server cannot be started");
 }
@@ -249,7 +259,7 @@ void HttpServer::State::stop(milliseconds grace) {
   MHD_stop_daemon(std::exchange(daemon, nullptr));
   worker.stop();
   if (isOurs) {
-    close(listening);
+    ::close(listening);
   }
   listening = -1;
   watch.stop();
@@ -267,26 +277,66 @@ void HttpServer::State::noticeConnection(void* self, MHD_Connection* polled, voi
     *context = state.open(polled);
     return;
   }
-  const auto* connection = static_cast<Connection*>(*context);
-  state.watch.remove(connection->id);
-  delete connection;
+  const std::unique_ptr<Connection> connection(static_cast<Connection*>(*context));
+  state.close(*connection);
+}
+
+MHD_Result HttpServer::State::admit(void* self, const sockaddr* address, socklen_t /*size*/) {
+  auto& state = *static_cast<State*>(self);
+  const size_t most = state.service.limits.perAddressConnections;
+  if (state.addresses.countOf(HttpAddresses::keyOf(address)) < most) {
+    return MHD_YES;
+  }
+  state.refused.add(RefusalReason::AddressTooBusy);
+  return MHD_NO;
 }
 
 void* HttpServer::State::open(MHD_Connection* polled) {
   auto* connection = new Connection;
   connection->fd = MHD_get_connection_info(polled, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
-  connection->address =
-      addressText(MHD_get_connection_info(polled, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr);
+  const sockaddr* address =
+      MHD_get_connection_info(polled, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr;
+  connection->address = addressText(address);
+  connection->addressKey = HttpAddresses::keyOf(address);
+  addresses.enter(connection->addressKey);
   connection->reached = localAddress(connection->fd);
   noticeSilence(connection->fd, service.limits.writeTimeout);
   connection->id = watch.add(connection->fd, Clock::now() + service.limits.readTimeout);
   return connection;
 }
 
+void HttpServer::State::close(const Connection& connection) {
+  if (const auto reason = unansweredFor(connection); reason.has_value()) {
+    refused.add(*reason);
+    logRequest(connection, reason);
+  }
+  watch.remove(connection.id);
+  addresses.leave(connection.addressKey);
+}
+
+// Why a connection ends with a request of which no handler has heard.
+std::optional<RefusalReason> HttpServer::State::unansweredFor(const Connection& connection) const {
+  if (isForced || (connection.isUsed && !connection.isBegun)) {
+    return std::nullopt;
+  }
+  if (watch.isLate(connection.id)) {
+    return connection.isBegun ? std::optional(RefusalReason::TooSlow) : std::nullopt;
+  }
+  if (connection.reading.has_value() && connection.reading->refusal().reason.has_value()) {
+    return connection.reading->refusal().reason;
+  }
+  // Callers that go away in the middle, or without a word, are no fault of anybody's.
+  char next = 0;
+  const ssize_t left = recv(connection.fd, &next, 1, MSG_PEEK | MSG_DONTWAIT);
+  const bool isOpen = left > 0 || (left < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
+  return isOpen ? std::optional(RefusalReason::Malformed) : std::nullopt;
+}
+
 void* HttpServer::State::noticeTarget(void* self, const char* target, MHD_Connection* polled) {
   auto& state = *static_cast<State*>(self);
   Connection& connection = contextOf(polled);
   connection.begunAt = Clock::now();
+  connection.isBegun = true;
   const std::string_view path = std::string_view(target).substr(0, std::strcspn(target, "?"));
   connection.lateAnswer =
       errorFormOf(path) == ErrorForm::Messages ? state.lateMessagesAnswer : state.lateAnswer;
@@ -369,16 +419,15 @@ MHD_Result HttpServer::State::dispatch(MHD_Connection* polled, Connection& conne
 }
 
 void HttpServer::State::callHandler(const HttpHandler& handler,
-                                    const std::shared_ptr<HttpChannel>& channel) const {
+                                    const std::shared_ptr<HttpChannel>& channel) {
   const auto exchange = std::make_shared<Exchange>(channel);
   try {
     handler(exchange);
   } catch (const std::exception& fault) {
     logLine(std::string("http: ") + fault.what());
-    exchange->answer(500, kJson,
-                     refusalBody({500, "internal_error", "the server failed at this request", {}},
-                                 channel->request().path),
-                     {});
+    refused.add(RefusalReason::Failed);
+    const HttpRefusal failure{500, RefusalReason::Failed, "the server failed at this request", {}};
+    exchange->answer(500, kJson, refusalBody(failure, channel->request().path), {});
   }
 }
 
@@ -409,8 +458,12 @@ MHD_Result HttpServer::State::goOn(MHD_Connection* polled, Connection& connectio
 MHD_Result HttpServer::State::refuse(MHD_Connection* polled, Connection& connection) {
   const HttpRefusal& refusal = connection.reading->refusal();
   connection.answerHeaders = connection.reading->answerHeaders();
-  std::string body = refusal.code.empty() ? std::string() : refusalBody(refusal, connection.path);
+  std::string body =
+      refusal.reason.has_value() ? refusalBody(refusal, connection.path) : std::string();
   connection.bodyBytes = body.size();
+  if (refusal.reason.has_value()) {
+    refused.add(*refusal.reason);
+  }
   // The answer is short, and the library's own time-out does for it.
   watch.readUntil(connection.id, Clock::time_point::max());
   MHD_Response* response =
@@ -451,38 +504,50 @@ MHD_Result HttpServer::State::queue(MHD_Connection* polled, Connection& connecti
 }
 
 void HttpServer::State::noticeEnd(void* self, MHD_Connection* polled, void** /*context*/,
-                                  MHD_RequestTerminationCode /*how*/) {
-  static_cast<State*>(self)->finish(contextOf(polled));
+                                  MHD_RequestTerminationCode how) {
+  static_cast<State*>(self)->finish(contextOf(polled), how == MHD_REQUEST_TERMINATED_COMPLETED_OK);
 }
 
-void HttpServer::State::finish(Connection& connection) {
+void HttpServer::State::finish(Connection& connection, bool isAnswered) {
+  std::optional<RefusalReason> reason;
   if (connection.channel != nullptr) {
     const bool isAllTaken = connection.channel->detach();
     connection.isWhole = isAllTaken || connection.method == "HEAD";
     watch.release(connection.id);
+  } else if (connection.status == 0) {
+    reason = isAnswered ? RefusalReason::Malformed : unansweredFor(connection);
+  }
+  if (reason.has_value()) {
+    refused.add(*reason);
   }
   watch.readUntil(connection.id, Clock::now() + service.limits.idleTimeout);
-  logRequest(connection);
+  logRequest(connection, reason);
+  connection.isUsed = true;
+  connection.isBegun = false;
   connection.channel.reset();
   connection.reading.reset();
   connection.answerHeaders.clear();
   connection.method.clear();
+  connection.path.clear();
   connection.status = 0;
   connection.bodyBytes = 0;
   connection.isWhole = true;
 }
 
-void HttpServer::State::logRequest(const Connection& connection) const {
-  if (!options.log || connection.method.empty()) {
+void HttpServer::State::logRequest(const Connection& connection,
+                                   std::optional<RefusalReason> unanswered) const {
+  if (!options.log) {
     return;
   }
+  const auto orNone = [](const std::string& text) { return text.empty() ? "-" : text; };
   const auto ms = std::chrono::duration_cast<milliseconds>(Clock::now() - connection.begunAt);
   const bool hasChannel = connection.channel != nullptr;
-  logLine(fmt::format(
-      "{} {} {} {} {} ms {} bytes{}", connection.address, connection.method, connection.path,
-      connection.status == 0 ? std::string("-") : std::to_string(connection.status), ms.count(),
-      hasChannel ? connection.channel->pulledBytes() : connection.bodyBytes,
-      connection.isWhole ? "" : " (cut off)"));
+  logLine(fmt::format("{} {} {} {} {} ms {} bytes{}{}", connection.address,
+                      orNone(connection.method), orNone(connection.path),
+                      connection.status == 0 ? "-" : std::to_string(connection.status), ms.count(),
+                      hasChannel ? connection.channel->pulledBytes() : connection.bodyBytes,
+                      connection.isWhole ? "" : " (cut off)",
+                      unanswered.has_value() ? fmt::format(" ({})", codeOf(*unanswered)) : ""));
 }
 
 HttpServer::HttpServer() : state(std::make_unique<State>()) {}
@@ -501,6 +566,10 @@ uint16_t HttpServer::port() const {
 
 std::string HttpServer::url() const {
   return state->url();
+}
+
+RefusalNumbers HttpServer::refusals() const {
+  return state->refusals();
 }
 
 size_t HttpServer::connectionCount() const {

@@ -80,6 +80,11 @@ void HttpWatch::readUntil(uint64_t id, Clock::time_point time, std::string_view 
   watched.lateAnswer = lateAnswer;
 }
 
+bool HttpWatch::isLate(uint64_t id) const {
+  const std::scoped_lock lock(mutex);
+  return connections.at(id).isLate;
+}
+
 void HttpWatch::attend(uint64_t id, const std::shared_ptr<HttpChannel>& channel) {
   const std::scoped_lock lock(mutex);
   Watched& watched = connections.at(id);
@@ -148,6 +153,7 @@ void HttpWatch::checkTimes() {
     if (!isLate && (watched.channel == nullptr || !watched.channel->isStuck(now, writePatience))) {
       continue;
     }
+    watched.isLate = watched.isLate || isLate;
     // The polling side writes nothing while it reads a request.
     if (isLate && !watched.lateAnswer.empty()) {
       (void)send(watched.fd, watched.lateAnswer.data(), watched.lateAnswer.size(),

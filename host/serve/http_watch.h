@@ -37,6 +37,8 @@ class HttpWatch {
   // The connection is cut where that time comes before another call; Time::max(): no limit.
   // lateAnswer: what is sent before; empty: nothing. The text outlives the watch.
   void readUntil(uint64_t id, Clock::time_point time, std::string_view lateAnswer = {});
+  // Whether that time came.
+  bool isLate(uint64_t id) const;
   // A request has been read, and its answer is awaited or sent.
   void attend(uint64_t id, const std::shared_ptr<HttpChannel>& channel);
   void release(uint64_t id);
@@ -53,6 +55,7 @@ class HttpWatch {
     int fd = -1;
     Clock::time_point readUntil;
     std::string_view lateAnswer;
+    bool isLate = false;
     bool isArmed = false;  // the socket is in the set of descriptors
     std::shared_ptr<HttpChannel> channel;
   };
