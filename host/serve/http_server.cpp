@@ -22,7 +22,7 @@
 #include "host/serve/http_sockets.h"
 #include "host/serve/http_watch.h"
 #include "host/serve/http_worker.h"
-#include "host/terminal/utf8.h"
+#include "host/serve/log_line.h"
 
 namespace zym {
 namespace {

@@ -28,21 +28,6 @@ size_t announcedLength(uint8_t lead) {
   return 0;
 }
 
-// C0 and C1, which terminals obey alike.
-bool isControl(char32_t code) {
-  return code < 0x20 || (code >= 0x7F && code < 0xA0);
-}
-
-// What has the characters behind it drawn before it, or the like: Bidi_Control of Unicode.
-bool isDirection(char32_t code) {
-  return code == 0x061C || code == 0x200E || code == 0x200F || (code >= 0x202A && code <= 0x202E) ||
-         (code >= 0x2066 && code <= 0x2069);
-}
-
-bool isLineEnd(char32_t code) {
-  return code == 0x2028 || code == 0x2029;
-}
-
 }  // namespace
 
 size_t characterAt(std::string_view text, char32_t& code) {
@@ -139,26 +124,11 @@ std::string withoutControls(std::string_view text) {
   while (!text.empty()) {
     char32_t code = 0;
     const size_t length = std::max<size_t>(1, characterAt(text, code));
-    if (!isControl(code) || code == '\n' || code == '\t') {
+    const bool control = code < 0x20 || (code >= 0x7F && code < 0xA0);
+    if (!control || code == '\n' || code == '\t') {
       out += text.substr(0, length);
     }
     text.remove_prefix(length);
-  }
-  return out;
-}
-
-std::string onOneLine(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  while (!text.empty()) {
-    char32_t code = 0;
-    const size_t length = characterAt(text, code);
-    if (length == 0 || isControl(code) || isDirection(code) || isLineEnd(code)) {
-      out += '?';
-    } else {
-      out += text.substr(0, length);
-    }
-    text.remove_prefix(std::max<size_t>(1, length));
   }
   return out;
 }

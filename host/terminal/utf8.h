@@ -26,9 +26,5 @@ std::string normalised(std::string_view text);
 // text without control characters other than line feed and tab, for output to a terminal: what a
 // model writes must not move the cursor or change its colours.
 std::string withoutControls(std::string_view text);
-// text for a line of a log, which people read at a terminal: a question mark stands for every
-// character that ends the line, controls the terminal or has what follows drawn in another order,
-// and for every byte that belongs to no character.
-std::string onOneLine(std::string_view text);
 
 }  // namespace zym
