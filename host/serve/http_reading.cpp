@@ -19,9 +19,13 @@ int hexDigit(char c) {
   return letter >= 0 && letter < 6 ? 10 + letter : -1;
 }
 
-// False where a % is not followed by two digits, or stands for a zero byte.
+// False where a % is not followed by two digits, or stands for a zero byte; and for what a line of
+// HTTP cannot hold but as such.
 bool decodePath(std::string_view raw, std::string& path) {
   for (size_t i = 0; i < raw.size(); ++i) {
+    if (const auto byte = static_cast<unsigned char>(raw[i]); byte <= 0x20 || byte == 0x7f) {
+      return false;
+    }
     if (raw[i] != '%') {
       path += raw[i];
       continue;
@@ -50,6 +54,21 @@ bool isNameList(std::string_view text) {
   return std::all_of(text.begin(), text.end(), [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
            c == '_' || c == ',' || c == ' ';
+  });
+}
+
+// A token of HTTP.
+bool isHeaderName(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return c > ' ' && c < 0x7f &&
+           std::string_view("\"(),/:;<=>?@[\\]{}").find(c) == std::string::npos;
+  });
+}
+
+bool isHeaderValue(std::string_view text) {
+  return std::none_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte < 0x20 && byte != '\t') || byte == 0x7f;
   });
 }
 
@@ -115,13 +134,20 @@ std::string_view HttpReading::header(const std::string& name) const {
 }
 
 HttpRefusal HttpReading::faultOf(const HttpHead& head) {
+  // First: behind a request whose end is in doubt no other one is read, whatever else is wrong.
+  if (HttpRefusal fault = faultOfFraming(head); fault.isRefused()) {
+    return fault;
+  }
   size_t bytes = head.method.size() + head.rawPath.size();
   for (const auto& [name, value] : head.headers) {
     bytes += name.size() + value.size() + 4;
   }
   if (!decodePath(head.rawPath, asked.path)) {
     asked.path = head.rawPath;
-    return {400, RefusalReason::InvalidPath, "the path has a % that stands for no character", {}};
+    return {400,
+            RefusalReason::InvalidPath,
+            "the path has a blank, or a % that stands for no character",
+            {}};
   }
   if (bytes > service.limits.headerBytes) {
     return {431,
@@ -207,18 +233,32 @@ HttpRefusal HttpReading::faultOfTarget() const {
   return {};
 }
 
-HttpRefusal HttpReading::faultOfLength() const {
+// Where a server in front of this one could see another body than this one does, or another header,
+// one request could be hidden in another.
+HttpRefusal HttpReading::faultOfFraming(const HttpHead& head) const {
+  const HttpHeaders last = {{"Connection", "close"}};
+  for (const auto& [name, value] : head.headers) {
+    if (!isHeaderName(name) || !isHeaderValue(value)) {
+      return {400, RefusalReason::InvalidHeader, "a header has characters that none has", last};
+    }
+  }
   const bool isChunked = asked.headers.contains("transfer-encoding");
   const bool hasLength = asked.headers.contains("content-length");
-  // Servers in front of this one could take another of two lengths for the right one.
-  if (repeatedLengths > 0 || (isChunked && hasLength) ||
-      (isChunked && lowerCase(header("transfer-encoding")) != "chunked")) {
-    return {400,
-            RefusalReason::InvalidLength,
-            "the length of the body is told in more than one way",
-            {}};
+  if (repeatedLengths > 0 || (isChunked && hasLength)) {
+    return {400, RefusalReason::InvalidLength,
+            "the length of the body is told in more than one way", last};
   }
-  if (hasLength && lengthOf(header("content-length")) > service.limits.bodyBytes) {
+  if (isChunked &&
+      (head.version == "HTTP/1.0" || lowerCase(header("transfer-encoding")) != "chunked")) {
+    return {400, RefusalReason::InvalidLength,
+            "a body comes with its length or, from HTTP/1.1 on, in chunks", last};
+  }
+  return {};
+}
+
+HttpRefusal HttpReading::faultOfLength() const {
+  if (asked.headers.contains("content-length") &&
+      lengthOf(header("content-length")) > service.limits.bodyBytes) {
     return tooLarge(service.limits.bodyBytes);
   }
   return {};
@@ -230,6 +270,7 @@ bool HttpReading::refusesAtOnce() const {
   }
   const bool isAskedFirst = asked.headers.contains("expect");
   return isAskedFirst || refused.reason == RefusalReason::InvalidLength ||
+         refused.reason == RefusalReason::InvalidHeader ||
          (asked.headers.contains("content-length") &&
           lengthOf(header("content-length")) > mostDropped());
 }

@@ -10,10 +10,10 @@ namespace {
 
 // In the order of RefusalReason.
 constexpr std::array<std::string_view, kRefusalReasons> kCodes = {
-    "invalid_path",      "invalid_host",    "invalid_origin",     "invalid_length",
-    "invalid_api_key",   "not_found",       "method_not_allowed", "request_too_large",
-    "headers_too_large", "request_timeout", "overloaded",         "shutting_down",
-    "internal_error",    "malformed",       "address_too_busy"};
+    "invalid_header",    "invalid_path",      "invalid_host",    "invalid_origin",
+    "invalid_length",    "invalid_api_key",   "not_found",       "method_not_allowed",
+    "request_too_large", "headers_too_large", "request_timeout", "overloaded",
+    "shutting_down",     "internal_error",    "malformed",       "address_too_busy"};
 
 }  // namespace
 

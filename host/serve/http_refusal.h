@@ -14,6 +14,7 @@
 namespace zym {
 
 enum class RefusalReason : uint8_t {
+  InvalidHeader,
   InvalidPath,
   InvalidHost,
   InvalidOrigin,

@@ -216,7 +216,8 @@ kel::Status HttpServer::State::startDaemon() {
       {MHD_OPTION_CONNECTION_LIMIT, limits.connections, nullptr},
       {MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(4 * limits.headerBytes), nullptr},
       {MHD_OPTION_CONNECTION_TIMEOUT, backstop, nullptr},
-      {MHD_OPTION_STRICT_FOR_CLIENT, 1, nullptr},
+      // The library would answer a request without a Host header, and that twice.
+      {MHD_OPTION_STRICT_FOR_CLIENT, 0, nullptr},
       {MHD_OPTION_UNESCAPE_CALLBACK, reinterpret_cast<intptr_t>(leaveEscapes), nullptr},
       {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(noticeTarget), this},
       {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(noticeConnection), this},

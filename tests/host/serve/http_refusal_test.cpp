@@ -66,7 +66,11 @@ TEST_F(HttpRefusalTest, WhatCallersGetWrongIsCountedByItsReason) {
   caller.send("GET /health HTTP/1.1\r\nHost: evil.example\r\n\r\n");
   EXPECT_EQ(caller.read().status, 403);
   EXPECT_TRUE(countsOne(RefusalReason::InvalidHost));
-  EXPECT_EQ(ask("POST", "/echo", key + "Transfer-Encoding: gzip\r\n"), 400);
+  EXPECT_EQ(ask("GET", "/health", "X-Odd : a\r\n"), 400);
+  EXPECT_TRUE(countsOne(RefusalReason::InvalidHeader));
+  HttpClient second = client();
+  second.ask("POST", "/echo", key + "Transfer-Encoding: gzip\r\n");
+  EXPECT_EQ(second.read().status, 400);
   EXPECT_TRUE(countsOne(RefusalReason::InvalidLength));
 }
 

@@ -349,6 +349,8 @@ TEST_F(HttpServerTest, MalformedRequestsAreRefused) {
       {"GET /wait%00 HTTP/1.1\r\n" + host + "\r\n", 400},
       {"GET /wait%4 HTTP/1.1\r\n" + host + "\r\n", 400},
       {"GET /%zz HTTP/1.1\r\n" + host + "\r\n", 400},
+      {"GET /health HTTP/1.1 HTTP/1.1\r\n" + host + "\r\n", 400},
+      {"GET /health\x0bHTTP/1.1 HTTP/1.1\r\n" + host + "\r\n", 400},
       {"GET /health HTTP/1.1\r\n\r\n", 400},
       {"GET /health HTTP/1.1\r\n" + host + host + "\r\n", 400},
       {"POST /echo HTTP/1.1\r\n" + host +
@@ -375,6 +377,68 @@ TEST_F(HttpServerTest, MalformedRequestsAreRefused) {
   HttpClient caller = client();
   caller.ask("GET", "/health");
   EXPECT_EQ(caller.read().status, 200);
+}
+
+TEST_F(HttpServerTest, RequestWithoutAHostIsAnsweredOnce) {
+  start();
+  HttpClient caller = client();
+  caller.send("GET /health HTTP/1.1\r\n\r\n");
+  const HttpAnswer answer = caller.read();
+  EXPECT_EQ(answer.status, 400);
+  EXPECT_EQ(nlohmann::json::parse(answer.body)["error"]["code"], "invalid_host");
+  caller.ask("GET", "/health");
+  EXPECT_EQ(caller.read().status, 200);
+}
+
+TEST_F(HttpServerTest, HandlersHearOfWholeRequestsOnly) {
+  start();
+  for (const char* part :
+       {"POST /wait HTTP/1.1\r\nHost: localhost\r\nContent-Length: 9\r\n\r\nabcdefgh",
+        "POST /wait HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: chunked\r\n\r\n"
+        "5\r\nhello\r\n"}) {
+    HttpClient caller = client();
+    caller.send(part);
+    caller.close();
+  }
+  EXPECT_TRUE(comesTrue([&] { return log().size() == 2; }));
+  client().ask("POST", "/wait", "", "whole");
+  const auto exchange = inbox.take();
+  ASSERT_NE(exchange, nullptr);
+  EXPECT_EQ(exchange->request().body, "whole");
+}
+
+TEST_F(HttpServerTest, NothingIsReadBehindARequestWhoseEndIsInDoubt) {
+  start();
+  const std::string hidden = "GET /health HTTP/1.1\r\nHost: localhost\r\n\r\n";
+  const std::string length = "Content-Length: " + std::to_string(hidden.size());
+  // Also where the request is refused for something else.
+  for (const std::string path : {"/echo", "/nowhere", "/%zz"}) {
+    const std::string begin = "POST " + path + " HTTP/1.1\r\nHost: localhost\r\n";
+    const std::string begin10 = "POST " + path + " HTTP/1.0\r\nHost: localhost\r\n";
+    const std::string chunked = "Transfer-Encoding: chunked";
+    for (const auto& [head, code] : std::initializer_list<std::pair<std::string, std::string>>{
+             {begin + "Content-Length : 5\r\n\r\n", "invalid_header"},
+             {begin + "Content-Length\t: 5\r\n\r\n", "invalid_header"},
+             {begin + "Transfer-Encoding : chunked\r\n\r\n", "invalid_header"},
+             {begin + "X: y\r" + chunked + "\r\nContent-Length: 0\r\n\r\n", "invalid_header"},
+             {begin + "Content-Length: 0\r\n" + length + "\r\n\r\n", "invalid_length"},
+             {begin + "Content-Length: 0\r\n" + chunked + "\r\n\r\n0\r\n\r\n", "invalid_length"},
+             {begin + chunked + "\r\n" + chunked + "\r\n\r\n0\r\n\r\n", "invalid_length"},
+             {begin + "Transfer-Encoding: identity\r\n\r\n", "invalid_length"},
+             {begin + "Transfer-Encoding: \x0b" + "chunked\r\n\r\n", "invalid_header"},
+             {begin10 + "Connection: keep-alive\r\n" + chunked + "\r\n\r\n0\r\n\r\n",
+              "invalid_length"}}) {
+      SCOPED_TRACE(head);
+      HttpClient caller = client();
+      caller.send(head + hidden);
+      const HttpAnswer answer = caller.read();
+      EXPECT_EQ(answer.status, 400);
+      EXPECT_EQ(nlohmann::json::parse(answer.body)["error"]["code"], code);
+      EXPECT_EQ(answer.headers.at("connection"), "close");
+      EXPECT_TRUE(caller.isClosed());
+      EXPECT_EQ(caller.take(), "");
+    }
+  }
 }
 
 TEST_F(HttpServerTest, ALineIsLoggedForEveryRequestAndNothingOfWhatItSays) {
