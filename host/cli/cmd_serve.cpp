@@ -159,6 +159,7 @@ HttpRoutes routesOf(const ApiServices& services, const Scheduler& scheduler,
     const MemoryUse memory = memoryUse();
     exchange->answer(200, kMetricsType,
                      metricsText(scheduler.statistics(), {.connections = server.connectionCount(),
+                                                          .refusals = server.refusals(),
                                                           .residentBytes = memory.resident,
                                                           .mappedBytes = memory.file}));
   });

@@ -12,45 +12,10 @@ constexpr const char* kJsonType = "application/json";
 constexpr const char* kEventsType = "text/event-stream";
 
 constexpr int kBadRequest = 400;
-constexpr int kNotFound = 404;
 constexpr int kInternal = 500;
 constexpr int kUnavailable = 503;
 
-std::string_view typeOf(ErrorForm form, int status) {
-  const bool isMessages = form == ErrorForm::Messages;
-  switch (status) {
-    case kUnavailable:
-      return isMessages ? "overloaded_error" : "server_error";
-    case kInternal:
-      return isMessages ? "api_error" : "server_error";
-    case kNotFound:
-      return isMessages ? "not_found_error" : "invalid_request_error";
-    default:
-      return "invalid_request_error";
-  }
-}
-
-Json orNull(const std::string& text) {
-  return text.empty() ? Json() : Json(text);
-}
-
 }  // namespace
-
-std::string jsonText(const Json& json) {
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-Json errorBody(ErrorForm form, const ApiError& error) {
-  const std::string_view type = typeOf(form, error.status);
-  if (form == ErrorForm::Messages) {
-    return {{"type", "error"}, {"error", {{"type", type}, {"message", error.message}}}};
-  }
-  return {{"error",
-           {{"message", error.message},
-            {"type", type},
-            {"param", orNull(error.param)},
-            {"code", orNull(error.code)}}}};
-}
 
 void answerJson(HttpExchange& exchange, const Json& body) {
   constexpr int kOk = 200;

@@ -8,23 +8,13 @@
 #include <string>
 #include <string_view>
 
+#include "host/serve/api_error.h"
 #include "host/serve/generation.h"
 #include "host/serve/http_exchange.h"
-#include "host/serve/json_fields.h"
 #include "host/serve/served_model.h"
 
 namespace zym {
 
-using Json = nlohmann::ordered_json;
-
-// On one line; valid UTF-8 whatever the strings hold.
-std::string jsonText(const Json& json);
-
-// How an interface words its errors: those of the completions, chat and responses, or that of
-// messages.
-enum class ErrorForm : uint8_t { Completions, Messages };
-
-Json errorBody(ErrorForm form, const ApiError& error);
 void answerJson(HttpExchange& exchange, const Json& body);
 
 // When asking again may be worth it, told with status 503.

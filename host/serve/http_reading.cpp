@@ -19,9 +19,13 @@ int hexDigit(char c) {
   return letter >= 0 && letter < 6 ? 10 + letter : -1;
 }
 
-// False where a % is not followed by two digits, or stands for a zero byte.
+// False where a % is not followed by two digits, or stands for a zero byte; and for what a line of
+// HTTP cannot hold but as such.
 bool decodePath(std::string_view raw, std::string& path) {
   for (size_t i = 0; i < raw.size(); ++i) {
+    if (const auto byte = static_cast<unsigned char>(raw[i]); byte <= 0x20 || byte == 0x7f) {
+      return false;
+    }
     if (raw[i] != '%') {
       path += raw[i];
       continue;
@@ -53,9 +57,24 @@ bool isNameList(std::string_view text) {
   });
 }
 
+// A token of HTTP.
+bool isHeaderName(std::string_view text) {
+  return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+    return c > ' ' && c < 0x7f &&
+           std::string_view("\"(),/:;<=>?@[\\]{}").find(c) == std::string::npos;
+  });
+}
+
+bool isHeaderValue(std::string_view text) {
+  return std::none_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return (byte < 0x20 && byte != '\t') || byte == 0x7f;
+  });
+}
+
 HttpRefusal tooLarge(size_t limit) {
   return {413,
-          "request_too_large",
+          RefusalReason::BodyTooLarge,
           "the body of a request has at most " + std::to_string(limit) + " bytes",
           {}};
 }
@@ -115,17 +134,24 @@ std::string_view HttpReading::header(const std::string& name) const {
 }
 
 HttpRefusal HttpReading::faultOf(const HttpHead& head) {
+  // First: behind a request whose end is in doubt no other one is read, whatever else is wrong.
+  if (HttpRefusal fault = faultOfFraming(head); fault.isRefused()) {
+    return fault;
+  }
   size_t bytes = head.method.size() + head.rawPath.size();
   for (const auto& [name, value] : head.headers) {
     bytes += name.size() + value.size() + 4;
   }
   if (!decodePath(head.rawPath, asked.path)) {
     asked.path = head.rawPath;
-    return {400, "invalid_path", "the path has a % that stands for no character", {}};
+    return {400,
+            RefusalReason::InvalidPath,
+            "the path has a blank, or a % that stands for no character",
+            {}};
   }
   if (bytes > service.limits.headerBytes) {
     return {431,
-            "headers_too_large",
+            RefusalReason::HeadTooLarge,
             "the head of a request has at most " + std::to_string(service.limits.headerBytes) +
                 " bytes",
             {}};
@@ -150,11 +176,11 @@ HttpRefusal HttpReading::faultOf(const HttpHead& head) {
 HttpRefusal HttpReading::faultOfCaller(const HttpHead& head) const {
   const bool hasHost = asked.headers.contains("host");
   if (repeatedHosts > 0 || (!hasHost && head.version != "HTTP/1.0")) {
-    return {400, "invalid_host", "a request has one Host header", {}};
+    return {400, RefusalReason::InvalidHost, "a request has one Host header", {}};
   }
   if (hasHost && !service.policy.knowsHost(header("host"), head.reached)) {
     return {403,
-            "invalid_host",
+            RefusalReason::InvalidHost,
             "this server is not called " + std::string(header("host")) +
                 "; --host-name gives it a name",
             {}};
@@ -164,7 +190,7 @@ HttpRefusal HttpReading::faultOfCaller(const HttpHead& head) const {
       asked.method == "GET" || asked.method == "HEAD" || asked.method == "OPTIONS";
   if (!origin.empty() && !onlyReads && !service.policy.admitsOrigin(origin, header("host"))) {
     return {403,
-            "invalid_origin",
+            RefusalReason::InvalidOrigin,
             "pages of " + std::string(origin) + " may not ask this server; --cors lets them",
             {}};
   }
@@ -172,7 +198,7 @@ HttpRefusal HttpReading::faultOfCaller(const HttpHead& head) const {
   // Browsers ask for leave without the headers that they ask leave for.
   if (!isOpen && asked.method != "OPTIONS" && !service.policy.admitsKeyOf(asked)) {
     return {401,
-            "invalid_api_key",
+            RefusalReason::InvalidKey,
             "no such API key; send one as \"Authorization: Bearer KEY\" or \"x-api-key: KEY\"",
             {{"WWW-Authenticate", "Bearer"}}};
   }
@@ -193,29 +219,46 @@ HttpRefusal HttpReading::faultOfTarget() const {
                                                                : "authorization, content-type");
       headers.emplace_back("Access-Control-Max-Age", "600");
     }
-    return {204, "", "", std::move(headers)};
+    return {204, std::nullopt, "", std::move(headers)};
   }
   if (match.allowed.empty()) {
-    return {404, "not_found", "there is nothing at " + asked.path, {}};
+    return {404, RefusalReason::NotFound, "there is nothing at " + asked.path, {}};
   }
   if (match.handler == nullptr) {
     return {405,
-            "method_not_allowed",
+            RefusalReason::MethodNotAllowed,
             asked.path + " takes " + match.allowed,
             {{"Allow", match.allowed}}};
   }
   return {};
 }
 
-HttpRefusal HttpReading::faultOfLength() const {
+// Where a server in front of this one could see another body than this one does, or another header,
+// one request could be hidden in another.
+HttpRefusal HttpReading::faultOfFraming(const HttpHead& head) const {
+  const HttpHeaders last = {{"Connection", "close"}};
+  for (const auto& [name, value] : head.headers) {
+    if (!isHeaderName(name) || !isHeaderValue(value)) {
+      return {400, RefusalReason::InvalidHeader, "a header has characters that none has", last};
+    }
+  }
   const bool isChunked = asked.headers.contains("transfer-encoding");
   const bool hasLength = asked.headers.contains("content-length");
-  // Servers in front of this one could take another of two lengths for the right one.
-  if (repeatedLengths > 0 || (isChunked && hasLength) ||
-      (isChunked && lowerCase(header("transfer-encoding")) != "chunked")) {
-    return {400, "invalid_length", "the length of the body is told in more than one way", {}};
+  if (repeatedLengths > 0 || (isChunked && hasLength)) {
+    return {400, RefusalReason::InvalidLength,
+            "the length of the body is told in more than one way", last};
   }
-  if (hasLength && lengthOf(header("content-length")) > service.limits.bodyBytes) {
+  if (isChunked &&
+      (head.version == "HTTP/1.0" || lowerCase(header("transfer-encoding")) != "chunked")) {
+    return {400, RefusalReason::InvalidLength,
+            "a body comes with its length or, from HTTP/1.1 on, in chunks", last};
+  }
+  return {};
+}
+
+HttpRefusal HttpReading::faultOfLength() const {
+  if (asked.headers.contains("content-length") &&
+      lengthOf(header("content-length")) > service.limits.bodyBytes) {
     return tooLarge(service.limits.bodyBytes);
   }
   return {};
@@ -226,7 +269,8 @@ bool HttpReading::refusesAtOnce() const {
     return false;
   }
   const bool isAskedFirst = asked.headers.contains("expect");
-  return isAskedFirst || refused.code == "invalid_length" ||
+  return isAskedFirst || refused.reason == RefusalReason::InvalidLength ||
+         refused.reason == RefusalReason::InvalidHeader ||
          (asked.headers.contains("content-length") &&
           lengthOf(header("content-length")) > mostDropped());
 }
@@ -237,7 +281,7 @@ bool HttpReading::take(std::string_view piece) {
       refuse(tooLarge(service.limits.bodyBytes));
     } else if (!share->take(piece.size())) {
       refuse({503,
-              "overloaded",
+              RefusalReason::Overloaded,
               "the bodies of other requests take all the room; try again",
               {{"Retry-After", "1"}}});
     } else {

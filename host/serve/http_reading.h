@@ -82,6 +82,7 @@ class HttpReading {
  private:
   void judge(const HttpHead& head);
   HttpRefusal faultOf(const HttpHead& head);
+  HttpRefusal faultOfFraming(const HttpHead& head) const;
   HttpRefusal faultOfCaller(const HttpHead& head) const;
   HttpRefusal faultOfTarget() const;
   HttpRefusal faultOfLength() const;

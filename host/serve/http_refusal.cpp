@@ -1,39 +1,36 @@
 #include "host/serve/http_refusal.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
+
+#include "host/serve/api_error.h"
 
 namespace zym {
 namespace {
 
-const char* errorType(int status) {
-  switch (status) {
-    case 401:
-      return "authentication_error";
-    case 403:
-      return "permission_error";
-    case 404:
-      return "not_found_error";
-    case 500:
-      return "server_error";
-    case 503:
-      return "overloaded_error";
-    default:
-      return "invalid_request_error";
-  }
-}
+// In the order of RefusalReason.
+constexpr std::array<std::string_view, kRefusalReasons> kCodes = {
+    "invalid_header",    "invalid_path",      "invalid_host",    "invalid_origin",
+    "invalid_length",    "invalid_api_key",   "not_found",       "method_not_allowed",
+    "request_too_large", "headers_too_large", "request_timeout", "overloaded",
+    "shutting_down",     "internal_error",    "malformed",       "address_too_busy"};
 
 }  // namespace
 
+std::string_view codeOf(RefusalReason reason) {
+  return kCodes[static_cast<size_t>(reason)];
+}
+
 std::string refusalBody(const HttpRefusal& refusal, std::string_view path) {
-  nlohmann::ordered_json body;
-  if (path.starts_with("/v1/messages")) {
-    body["type"] = "error";
-  }
-  body["error"] = {{"message", refusal.message},
-                   {"type", errorType(refusal.status)},
-                   {"param", nullptr},
-                   {"code", refusal.code}};
-  return body.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+  return jsonText(errorBody(
+      errorFormOf(path),
+      {refusal.status, refusal.message, {}, std::string(codeOf(refusal.reason.value()))}));
+}
+
+RefusalNumbers RefusalCounts::numbers() const {
+  RefusalNumbers numbers{};
+  std::copy(counts.begin(), counts.end(), numbers.begin());
+  return numbers;
 }
 
 }  // namespace zym

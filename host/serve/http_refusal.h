@@ -1,6 +1,11 @@
 // What the transport itself answers a request that no handler gets to see.
 #pragma once
 
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -8,17 +13,55 @@
 
 namespace zym {
 
+enum class RefusalReason : uint8_t {
+  InvalidHeader,
+  InvalidPath,
+  InvalidHost,
+  InvalidOrigin,
+  InvalidLength,
+  InvalidKey,
+  NotFound,
+  MethodNotAllowed,
+  BodyTooLarge,
+  HeadTooLarge,
+  TooSlow,
+  Overloaded,
+  ShuttingDown,
+  Failed,          // by an exception of its handler
+  Malformed,       // no HTTP, or a head beyond all limits: the library's own answer, or none
+  AddressTooBusy,  // a connection that is closed, whatever would have been asked
+  Count
+};
+
+constexpr size_t kRefusalReasons = static_cast<size_t>(RefusalReason::Count);
+
+// For programs: "invalid_host".
+std::string_view codeOf(RefusalReason reason);
+
 struct HttpRefusal {
-  int status = 0;    // 0: not refused
-  std::string code;  // for programs: "invalid_host"
+  int status = 0;                       // 0: not refused
+  std::optional<RefusalReason> reason;  // none: an answer of the transport that refuses nothing
   std::string message;
   HttpHeaders headers;
 
   bool isRefused() const { return status != 0; }
 };
 
-// {"error":{"message","type","param","code"}}, and for the paths of the messages interface, whose
-// clients look for it, "type":"error" beside it. Bytes that are no UTF-8 are replaced.
+// Of one that has a reason, in the form of the interface at path. Bytes that are no UTF-8 are
+// replaced.
 std::string refusalBody(const HttpRefusal& refusal, std::string_view path);
+
+// By reason.
+using RefusalNumbers = std::array<uint64_t, kRefusalReasons>;
+
+// Any thread.
+class RefusalCounts {
+ public:
+  void add(RefusalReason reason) { ++counts[static_cast<size_t>(reason)]; }
+  RefusalNumbers numbers() const;
+
+ private:
+  std::array<std::atomic<uint64_t>, kRefusalReasons> counts{};
+};
 
 }  // namespace zym

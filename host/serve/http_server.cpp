@@ -7,17 +7,22 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <utility>
 #include <vector>
 
+#include "host/serve/api_error.h"
+#include "host/serve/http_addresses.h"
 #include "host/serve/http_certificate.h"
 #include "host/serve/http_channel.h"
 #include "host/serve/http_sockets.h"
 #include "host/serve/http_watch.h"
 #include "host/serve/http_worker.h"
+#include "host/serve/log_line.h"
 
 namespace zym {
 namespace {
@@ -59,13 +64,17 @@ struct Connection {
   int fd = -1;
   std::string address;
   std::string reached;
+  std::string addressKey;  // in HttpAddresses
+  bool isUsed = false;     // a request of it has been read
   // Of the request at work.
-  Clock::time_point begunAt;
+  Clock::time_point begunAt = Clock::now();
+  bool isBegun = false;                // its first line is there
   std::optional<HttpReading> reading;  // from the end of its head to that of its body
   std::shared_ptr<HttpChannel> channel;
   HttpHeaders answerHeaders;
   std::string method;
   std::string path;
+  std::string_view lateAnswer;
   int status = 0;
   bool isWhole = true;      // all of the answer was sent
   uint64_t bodyBytes = 0;   // of the answer, where it is no channel's
@@ -90,18 +99,18 @@ void forgetAnswer(void* from) {
   delete static_cast<std::shared_ptr<HttpChannel>*>(from);
 }
 
-// Paths come from outside, and a line is a line.
-std::string loggable(std::string_view text) {
-  std::string plain;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    plain += byte < 0x20 || byte == 0x7f ? std::string("?") : std::string(1, c);
-  }
-  return plain;
+// As bytes: what the library has begun to read it answers with nothing.
+std::string lateAnswerAt(std::string_view path) {
+  const std::string body =
+      refusalBody({408, RefusalReason::TooSlow, "the request took too long to come in", {}}, path);
+  return fmt::format(
+      "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Type: {}\r\n"
+      "Content-Length: {}\r\n\r\n{}",
+      kJson, body.size(), body);
 }
 
 HttpRefusal stoppingRefusal() {
-  return {503, "shutting_down", "the server is shutting down", {{"Retry-After", "10"}}};
+  return {503, RefusalReason::ShuttingDown, "the server is shutting down", {{"Retry-After", "10"}}};
 }
 
 }  // namespace
@@ -113,11 +122,13 @@ class HttpServer::State {
   uint16_t port() const { return options.port; }
   std::string url() const;
   size_t connectionCount() const { return watch.connectionCount(); }
+  RefusalNumbers refusals() const { return refused.numbers(); }
 
  private:
   kel::Status startDaemon();
 
   // Callbacks of the library, on its thread.
+  static MHD_Result admit(void* self, const sockaddr* address, socklen_t size);
   static void noticeConnection(void* self, MHD_Connection* polled, void** context,
                                MHD_ConnectionNotificationCode what);
   static void* noticeTarget(void* self, const char* target, MHD_Connection* polled);
@@ -128,19 +139,22 @@ class HttpServer::State {
   static Connection& contextOf(MHD_Connection* polled);
 
   void* open(MHD_Connection* polled);
+  void close(const Connection& connection);
   MHD_Result readHead(MHD_Connection* polled, Connection& connection, HttpHead head);
   MHD_Result readBody(Connection& connection, std::string_view piece);
   MHD_Result dispatch(MHD_Connection* polled, Connection& connection);
-  void callHandler(const HttpHandler& handler, const std::shared_ptr<HttpChannel>& channel) const;
+  void callHandler(const HttpHandler& handler, const std::shared_ptr<HttpChannel>& channel);
   MHD_Result goOn(MHD_Connection* polled, Connection& connection);
   MHD_Result refuse(MHD_Connection* polled, Connection& connection);
   MHD_Result queue(MHD_Connection* polled, Connection& connection, MHD_Response* response,
                    int status, const std::string& contentType, const HttpHeaders& headers);
-  void finish(Connection& connection);
-  void logRequest(const Connection& connection) const;
+  void finish(Connection& connection, bool isAnswered);
+  std::optional<RefusalReason> unansweredFor(const Connection& connection) const;
+  void logRequest(const Connection& connection, std::optional<RefusalReason> reason) const;
+  // Whatever a caller has put into it.
   void logLine(std::string_view line) const {
     if (options.log) {
-      options.log(line);
+      options.log(onOneLine(line));
     }
   }
 
@@ -148,6 +162,10 @@ class HttpServer::State {
   HttpService service;
   HttpCertificate certificate;
   std::shared_ptr<HttpBodyRoom> room;
+  std::string lateAnswer;
+  std::string lateMessagesAnswer;
+  HttpAddresses addresses;
+  RefusalCounts refused;
   HttpWatch watch;
   HttpWorker worker;
   MHD_Daemon* daemon = nullptr;
@@ -173,20 +191,17 @@ kel::Status HttpServer::State::start(HttpServerOptions wanted, HttpService serve
   const milliseconds tick =
       std::clamp(std::min({limits.readTimeout, limits.writeTimeout, limits.idleTimeout}) / 4,
                  milliseconds(10), milliseconds(250));
-  const std::string lateBody =
-      refusalBody({408, "request_timeout", "the request took too long to come in", {}}, "");
-  const std::string late = fmt::format(
-      "HTTP/1.1 408 Request Timeout\r\nConnection: close\r\nContent-Type: {}\r\n"
-      "Content-Length: {}\r\n\r\n{}",
-      kJson, lateBody.size(), lateBody);
   // Bytes in the clear would mean nothing within TLS.
-  kel::Status status =
-      watch.start(tick, limits.writeTimeout, certificate.chain.empty() ? late : "");
+  if (certificate.chain.empty()) {
+    lateAnswer = lateAnswerAt("");
+    lateMessagesAnswer = lateAnswerAt("/v1/messages");
+  }
+  kel::Status status = watch.start(tick, limits.writeTimeout);
   if (status.ok()) {
     status = startDaemon();
   }
   if (!status.ok()) {
-    close(std::exchange(listening, -1));
+    ::close(std::exchange(listening, -1));
   }
   return status;
 }
@@ -199,10 +214,10 @@ kel::Status HttpServer::State::startDaemon() {
   std::vector<MHD_OptionItem> items = {
       {MHD_OPTION_LISTEN_SOCKET, listening, nullptr},
       {MHD_OPTION_CONNECTION_LIMIT, limits.connections, nullptr},
-      {MHD_OPTION_PER_IP_CONNECTION_LIMIT, limits.perAddressConnections, nullptr},
       {MHD_OPTION_CONNECTION_MEMORY_LIMIT, static_cast<intptr_t>(4 * limits.headerBytes), nullptr},
       {MHD_OPTION_CONNECTION_TIMEOUT, backstop, nullptr},
-      {MHD_OPTION_STRICT_FOR_CLIENT, 1, nullptr},
+      // The library would answer a request without a Host header, and that twice.
+      {MHD_OPTION_STRICT_FOR_CLIENT, 0, nullptr},
       {MHD_OPTION_UNESCAPE_CALLBACK, reinterpret_cast<intptr_t>(leaveEscapes), nullptr},
       {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(noticeTarget), this},
       {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(noticeConnection), this},
@@ -215,8 +230,8 @@ kel::Status HttpServer::State::startDaemon() {
     items.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, certificate.key.data()});
   }
   items.push_back({MHD_OPTION_END, 0, nullptr});
-  daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, handle, this, MHD_OPTION_ARRAY,
-                            items.data(), MHD_OPTION_END);
+  daemon = MHD_start_daemon(flags, 0, admit, this, handle, this, MHD_OPTION_ARRAY, items.data(),
+                            MHD_OPTION_END);
   return daemon != nullptr ? kel::Status::success()
                            : kel::Status::ioError("http: the server cannot be started");
 }
@@ -245,7 +260,7 @@ void HttpServer::State::stop(milliseconds grace) {
   MHD_stop_daemon(std::exchange(daemon, nullptr));
   worker.stop();
   if (isOurs) {
-    close(listening);
+    ::close(listening);
   }
   listening = -1;
   watch.stop();
@@ -263,27 +278,71 @@ void HttpServer::State::noticeConnection(void* self, MHD_Connection* polled, voi
     *context = state.open(polled);
     return;
   }
-  const auto* connection = static_cast<Connection*>(*context);
-  state.watch.remove(connection->id);
-  delete connection;
+  const std::unique_ptr<Connection> connection(static_cast<Connection*>(*context));
+  state.close(*connection);
+}
+
+MHD_Result HttpServer::State::admit(void* self, const sockaddr* address, socklen_t /*size*/) {
+  auto& state = *static_cast<State*>(self);
+  const size_t most = state.service.limits.perAddressConnections;
+  if (state.addresses.countOf(HttpAddresses::keyOf(address)) < most) {
+    return MHD_YES;
+  }
+  state.refused.add(RefusalReason::AddressTooBusy);
+  return MHD_NO;
 }
 
 void* HttpServer::State::open(MHD_Connection* polled) {
   auto* connection = new Connection;
   connection->fd = MHD_get_connection_info(polled, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
-  connection->address =
-      addressText(MHD_get_connection_info(polled, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr);
+  const sockaddr* address =
+      MHD_get_connection_info(polled, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr;
+  connection->address = addressText(address);
+  connection->addressKey = HttpAddresses::keyOf(address);
+  addresses.enter(connection->addressKey);
   connection->reached = localAddress(connection->fd);
   noticeSilence(connection->fd, service.limits.writeTimeout);
   connection->id = watch.add(connection->fd, Clock::now() + service.limits.readTimeout);
   return connection;
 }
 
-void* HttpServer::State::noticeTarget(void* self, const char* /*target*/, MHD_Connection* polled) {
+void HttpServer::State::close(const Connection& connection) {
+  if (const auto reason = unansweredFor(connection); reason.has_value()) {
+    refused.add(*reason);
+    logRequest(connection, reason);
+  }
+  watch.remove(connection.id);
+  addresses.leave(connection.addressKey);
+}
+
+// Why a connection ends with a request of which no handler has heard.
+std::optional<RefusalReason> HttpServer::State::unansweredFor(const Connection& connection) const {
+  if (isForced || (connection.isUsed && !connection.isBegun)) {
+    return std::nullopt;
+  }
+  if (watch.isLate(connection.id)) {
+    return connection.isBegun ? std::optional(RefusalReason::TooSlow) : std::nullopt;
+  }
+  if (connection.reading.has_value() && connection.reading->refusal().reason.has_value()) {
+    return connection.reading->refusal().reason;
+  }
+  // Callers that go away in the middle, or without a word, are no fault of anybody's.
+  char next = 0;
+  const ssize_t left = recv(connection.fd, &next, 1, MSG_PEEK | MSG_DONTWAIT);
+  const bool isOpen = left > 0 || (left < 0 && (errno == EAGAIN || errno == EWOULDBLOCK));
+  return isOpen ? std::optional(RefusalReason::Malformed) : std::nullopt;
+}
+
+void* HttpServer::State::noticeTarget(void* self, const char* target, MHD_Connection* polled) {
   auto& state = *static_cast<State*>(self);
   Connection& connection = contextOf(polled);
   connection.begunAt = Clock::now();
-  state.watch.readUntil(connection.id, connection.begunAt + state.service.limits.readTimeout, true);
+  connection.isBegun = true;
+  const std::string_view path = std::string_view(target).substr(0, std::strcspn(target, "?"));
+  connection.lateAnswer =
+      errorFormOf(path) == ErrorForm::Messages ? state.lateMessagesAnswer : state.lateAnswer;
+  state.watch.readUntil(connection.id, connection.begunAt + state.service.limits.readTimeout,
+                        connection.lateAnswer);
   return nullptr;
 }
 
@@ -319,7 +378,7 @@ MHD_Result HttpServer::State::readHead(MHD_Connection* polled, Connection& conne
   connection.method = reading.request().method;
   connection.path = reading.request().path;
   connection.unprogressed = 0;
-  watch.readUntil(connection.id, Clock::now() + service.limits.readTimeout, true);
+  watch.readUntil(connection.id, Clock::now() + service.limits.readTimeout, connection.lateAnswer);
   return reading.refusesAtOnce() ? refuse(polled, connection) : MHD_YES;
 }
 
@@ -327,7 +386,8 @@ MHD_Result HttpServer::State::readBody(Connection& connection, std::string_view 
   connection.unprogressed += piece.size();
   if (connection.unprogressed >= kProgressBytes) {
     connection.unprogressed = 0;
-    watch.readUntil(connection.id, Clock::now() + service.limits.readTimeout, true);
+    watch.readUntil(connection.id, Clock::now() + service.limits.readTimeout,
+                    connection.lateAnswer);
   }
   return connection.reading->take(piece) ? MHD_YES : MHD_NO;
 }
@@ -341,8 +401,7 @@ MHD_Result HttpServer::State::dispatch(MHD_Connection* polled, Connection& conne
     return refuse(polled, connection);
   }
   if (options.logsBodies) {
-    logLine(connection.method + " " + loggable(connection.path) + " " +
-            loggable(reading.request().body));
+    logLine(connection.method + " " + connection.path + " " + reading.request().body);
   }
   const HttpHandler handler = *reading.handler();
   connection.answerHeaders = reading.answerHeaders();
@@ -361,16 +420,15 @@ MHD_Result HttpServer::State::dispatch(MHD_Connection* polled, Connection& conne
 }
 
 void HttpServer::State::callHandler(const HttpHandler& handler,
-                                    const std::shared_ptr<HttpChannel>& channel) const {
+                                    const std::shared_ptr<HttpChannel>& channel) {
   const auto exchange = std::make_shared<Exchange>(channel);
   try {
     handler(exchange);
   } catch (const std::exception& fault) {
     logLine(std::string("http: ") + fault.what());
-    exchange->answer(500, kJson,
-                     refusalBody({500, "internal_error", "the server failed at this request", {}},
-                                 channel->request().path),
-                     {});
+    refused.add(RefusalReason::Failed);
+    const HttpRefusal failure{500, RefusalReason::Failed, "the server failed at this request", {}};
+    exchange->answer(500, kJson, refusalBody(failure, channel->request().path), {});
   }
 }
 
@@ -401,10 +459,14 @@ MHD_Result HttpServer::State::goOn(MHD_Connection* polled, Connection& connectio
 MHD_Result HttpServer::State::refuse(MHD_Connection* polled, Connection& connection) {
   const HttpRefusal& refusal = connection.reading->refusal();
   connection.answerHeaders = connection.reading->answerHeaders();
-  std::string body = refusal.code.empty() ? std::string() : refusalBody(refusal, connection.path);
+  std::string body =
+      refusal.reason.has_value() ? refusalBody(refusal, connection.path) : std::string();
   connection.bodyBytes = body.size();
+  if (refusal.reason.has_value()) {
+    refused.add(*refusal.reason);
+  }
   // The answer is short, and the library's own time-out does for it.
-  watch.readUntil(connection.id, Clock::time_point::max(), false);
+  watch.readUntil(connection.id, Clock::time_point::max());
   MHD_Response* response =
       MHD_create_response_from_buffer(body.size(), body.data(), MHD_RESPMEM_MUST_COPY);
   return queue(polled, connection, response, refusal.status, body.empty() ? "" : kJson,
@@ -443,39 +505,50 @@ MHD_Result HttpServer::State::queue(MHD_Connection* polled, Connection& connecti
 }
 
 void HttpServer::State::noticeEnd(void* self, MHD_Connection* polled, void** /*context*/,
-                                  MHD_RequestTerminationCode /*how*/) {
-  static_cast<State*>(self)->finish(contextOf(polled));
+                                  MHD_RequestTerminationCode how) {
+  static_cast<State*>(self)->finish(contextOf(polled), how == MHD_REQUEST_TERMINATED_COMPLETED_OK);
 }
 
-void HttpServer::State::finish(Connection& connection) {
+void HttpServer::State::finish(Connection& connection, bool isAnswered) {
+  std::optional<RefusalReason> reason;
   if (connection.channel != nullptr) {
     const bool isAllTaken = connection.channel->detach();
     connection.isWhole = isAllTaken || connection.method == "HEAD";
     watch.release(connection.id);
+  } else if (connection.status == 0) {
+    reason = isAnswered ? RefusalReason::Malformed : unansweredFor(connection);
   }
-  watch.readUntil(connection.id, Clock::now() + service.limits.idleTimeout, false);
-  logRequest(connection);
+  if (reason.has_value()) {
+    refused.add(*reason);
+  }
+  watch.readUntil(connection.id, Clock::now() + service.limits.idleTimeout);
+  logRequest(connection, reason);
+  connection.isUsed = true;
+  connection.isBegun = false;
   connection.channel.reset();
   connection.reading.reset();
   connection.answerHeaders.clear();
   connection.method.clear();
+  connection.path.clear();
   connection.status = 0;
   connection.bodyBytes = 0;
   connection.isWhole = true;
 }
 
-void HttpServer::State::logRequest(const Connection& connection) const {
-  if (!options.log || connection.method.empty()) {
+void HttpServer::State::logRequest(const Connection& connection,
+                                   std::optional<RefusalReason> unanswered) const {
+  if (!options.log) {
     return;
   }
+  const auto orNone = [](const std::string& text) { return text.empty() ? "-" : text; };
   const auto ms = std::chrono::duration_cast<milliseconds>(Clock::now() - connection.begunAt);
   const bool hasChannel = connection.channel != nullptr;
-  logLine(fmt::format("{} {} {} {} {} ms {} bytes{}", connection.address, connection.method,
-                      loggable(connection.path),
-                      connection.status == 0 ? std::string("-") : std::to_string(connection.status),
-                      ms.count(),
+  logLine(fmt::format("{} {} {} {} {} ms {} bytes{}{}", connection.address,
+                      orNone(connection.method), orNone(connection.path),
+                      connection.status == 0 ? "-" : std::to_string(connection.status), ms.count(),
                       hasChannel ? connection.channel->pulledBytes() : connection.bodyBytes,
-                      connection.isWhole ? "" : " (cut off)"));
+                      connection.isWhole ? "" : " (cut off)",
+                      unanswered.has_value() ? fmt::format(" ({})", codeOf(*unanswered)) : ""));
 }
 
 HttpServer::HttpServer() : state(std::make_unique<State>()) {}
@@ -494,6 +567,10 @@ uint16_t HttpServer::port() const {
 
 std::string HttpServer::url() const {
   return state->url();
+}
+
+RefusalNumbers HttpServer::refusals() const {
+  return state->refusals();
 }
 
 size_t HttpServer::connectionCount() const {

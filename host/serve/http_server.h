@@ -15,6 +15,7 @@
 
 #include "container/status.h"
 #include "host/serve/http_reading.h"
+#include "host/serve/http_refusal.h"
 
 namespace zym {
 
@@ -42,6 +43,8 @@ class HttpServer {
   std::string url() const;
 
   size_t connectionCount() const;
+  // Requests that no handler has answered, and connections that were closed unheard.
+  RefusalNumbers refusals() const;
 
   // Listens no longer, refuses what still comes by open connections, and waits until the requests
   // at work have their answers; after grace the others are cut off. Exchanges may outlive it.

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -18,11 +19,9 @@ HttpWatch::~HttpWatch() {
   stop();
 }
 
-kel::Status HttpWatch::start(std::chrono::milliseconds every, std::chrono::milliseconds patience,
-                             std::string late) {
+kel::Status HttpWatch::start(std::chrono::milliseconds every, std::chrono::milliseconds patience) {
   tick = every;
   writePatience = patience;
-  lateAnswer = std::move(late);
   events = epoll_create1(EPOLL_CLOEXEC);
   waker = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   epoll_event event{};
@@ -74,11 +73,16 @@ void HttpWatch::remove(uint64_t id) {
   connections.erase(id);
 }
 
-void HttpWatch::readUntil(uint64_t id, Clock::time_point time, bool isBegun) {
+void HttpWatch::readUntil(uint64_t id, Clock::time_point time, std::string_view lateAnswer) {
   const std::scoped_lock lock(mutex);
   Watched& watched = connections.at(id);
   watched.readUntil = time;
-  watched.isBegun = isBegun;
+  watched.lateAnswer = lateAnswer;
+}
+
+bool HttpWatch::isLate(uint64_t id) const {
+  const std::scoped_lock lock(mutex);
+  return connections.at(id).isLate;
 }
 
 void HttpWatch::attend(uint64_t id, const std::shared_ptr<HttpChannel>& channel) {
@@ -149,9 +153,11 @@ void HttpWatch::checkTimes() {
     if (!isLate && (watched.channel == nullptr || !watched.channel->isStuck(now, writePatience))) {
       continue;
     }
+    watched.isLate = watched.isLate || isLate;
     // The polling side writes nothing while it reads a request.
-    if (isLate && watched.isBegun && !lateAnswer.empty()) {
-      (void)send(watched.fd, lateAnswer.data(), lateAnswer.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (isLate && !watched.lateAnswer.empty()) {
+      (void)send(watched.fd, watched.lateAnswer.data(), watched.lateAnswer.size(),
+                 MSG_NOSIGNAL | MSG_DONTWAIT);
     }
     // The polling side sees the end of the connection, and closes it.
     shutdown(watched.fd, SHUT_RDWR);

@@ -10,7 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <string>
+#include <string_view>
 #include <thread>
 
 #include "container/status.h"
@@ -27,18 +27,18 @@ class HttpWatch {
   HttpWatch(const HttpWatch&) = delete;
   HttpWatch& operator=(const HttpWatch&) = delete;
 
-  // tick: how often the times are looked at. lateAnswer: what is sent to a caller whose request has
-  // begun and takes too long, before its connection is closed; empty: nothing.
-  kel::Status start(std::chrono::milliseconds tick, std::chrono::milliseconds writePatience,
-                    std::string lateAnswer);
+  // tick: how often the times are looked at.
+  kel::Status start(std::chrono::milliseconds tick, std::chrono::milliseconds writePatience);
   void stop();
 
   // A connection, from its beginning until just before its socket is closed.
   uint64_t add(int fd, Clock::time_point readUntil);
   void remove(uint64_t id);
-  // The connection is cut where that time comes before another call. isBegun: some of a request is
-  // there. Time::max(): no limit.
-  void readUntil(uint64_t id, Clock::time_point time, bool isBegun);
+  // The connection is cut where that time comes before another call; Time::max(): no limit.
+  // lateAnswer: what is sent before; empty: nothing. The text outlives the watch.
+  void readUntil(uint64_t id, Clock::time_point time, std::string_view lateAnswer = {});
+  // Whether that time came.
+  bool isLate(uint64_t id) const;
   // A request has been read, and its answer is awaited or sent.
   void attend(uint64_t id, const std::shared_ptr<HttpChannel>& channel);
   void release(uint64_t id);
@@ -54,7 +54,8 @@ class HttpWatch {
   struct Watched {
     int fd = -1;
     Clock::time_point readUntil;
-    bool isBegun = false;
+    std::string_view lateAnswer;
+    bool isLate = false;
     bool isArmed = false;  // the socket is in the set of descriptors
     std::shared_ptr<HttpChannel> channel;
   };
@@ -73,7 +74,6 @@ class HttpWatch {
   bool isStopping = false;
   std::chrono::milliseconds tick{};
   std::chrono::milliseconds writePatience{};
-  std::string lateAnswer;
   int events = -1;  // epoll
   int waker = -1;   // eventfd, 0 in the set
   std::thread thread;

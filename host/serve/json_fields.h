@@ -22,18 +22,9 @@
 #include <vector>
 
 #include "engine/json_text.h"
+#include "host/serve/api_error.h"
 
 namespace zym {
-
-// What is wrong with a request, or why it is not answered.
-struct ApiError {
-  int status = 0;  // of HTTP; 0: nothing is wrong
-  std::string message;
-  std::string param;      // the field, as a path: "messages[2].content"
-  std::string code = {};  // for programs, where there is one
-
-  explicit operator bool() const { return status != 0; }
-};
 
 // One JSON object, nested at most so deep. Repeated keys are no fault: the last one counts.
 bool isJsonObject(std::string_view text, size_t mostDepth, ApiError& error);

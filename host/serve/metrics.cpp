@@ -44,18 +44,33 @@ class Text {
   std::string_view current;
 };
 
+// One family for both: whoever misses a reply looks in one place.
+void writeOutcomes(const SchedulerStatistics& statistics, const RefusalNumbers& refusals,
+                   Text& text) {
+  text.family(
+      "requests_total", "counter",
+      "Requests for replies by what became of them, and all that were refused by the reason");
+  const auto outcome = [&](std::string_view name, uint64_t count) {
+    text.sample(count, fmt::format("{{outcome=\"{}\"}}", name));
+  };
+  outcome("completed", statistics.completed);
+  outcome("cancelled", statistics.cancelled);
+  outcome("failed", statistics.failed);
+  outcome("turned_away", statistics.turnedAway);
+  outcome("queue_full", statistics.queueFull);
+  for (size_t i = 0; i < kRefusalReasons; ++i) {
+    const auto reason = static_cast<RefusalReason>(i);
+    // By the transport, or by the queue, which stops taking requests a moment before.
+    const uint64_t others = reason == RefusalReason::ShuttingDown ? statistics.shuttingDown : 0;
+    outcome(codeOf(reason), refusals[i] + others);
+  }
+}
+
 }  // namespace
 
 std::string metricsText(const SchedulerStatistics& statistics, const ServerLoad& load) {
   Text text;
-  text.family("requests_total", "counter", "Requests for replies, by what became of them");
-  text.sample(statistics.completed, "{outcome=\"completed\"}");
-  text.sample(statistics.cancelled, "{outcome=\"cancelled\"}");
-  text.sample(statistics.failed, "{outcome=\"failed\"}");
-  text.sample(statistics.turnedAway, "{outcome=\"turned_away\"}");
-  text.sample(statistics.queueFull, "{outcome=\"queue_full\"}");
-  text.sample(statistics.shuttingDown, "{outcome=\"shutting_down\"}");
-
+  writeOutcomes(statistics, load.refusals, text);
   text.counter("prompt_tokens_total", "Tokens of prompts that were read to their end",
                statistics.promptTokens);
   text.counter("cached_prompt_tokens_total", "Those of them that were in place before",

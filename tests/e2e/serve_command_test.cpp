@@ -45,6 +45,8 @@ TEST_F(ServeCommandTest, AnswersProgramsPeopleAndCollectors) {
   const HttpAnswer nothing = ask("GET", "/nothing");
   EXPECT_EQ(nothing.status, 404);
   EXPECT_EQ(json::parse(nothing.body)["error"]["code"], "not_found");
+  EXPECT_NE(ask("GET", "/metrics").body.find("zym_requests_total{outcome=\"not_found\"} 1\n"),
+            std::string::npos);
 
   EXPECT_NE(log().find("127.0.0.1 POST /v1/chat/completions 200 "), std::string::npos);
   EXPECT_EQ(log().find("Who are you"), std::string::npos);

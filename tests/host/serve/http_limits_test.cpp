@@ -196,6 +196,19 @@ TEST_F(HttpLimitsTest, SlowBodiesAreCutOffWithAWord) {
   EXPECT_TRUE(caller.isClosed());
 }
 
+TEST_F(HttpLimitsTest, WordToSlowCallersIsInTheFormOfTheInterface) {
+  service.limits.readTimeout = milliseconds(200);
+  start();
+  for (const char* beginning : {"POST /v1/messages?beta=true HTTP/1.1\r\nHost: local",
+                                "POST /v1/messages HTTP/1.1\r\nHost: localhost\r\n"
+                                "Content-Length: 9\r\n\r\n{"}) {
+    HttpClient caller = client();
+    caller.send(beginning);
+    EXPECT_EQ(caller.read().body, R"({"type":"error","error":{"type":"timeout_error",)"
+                                  R"("message":"the request took too long to come in"}})");
+  }
+}
+
 TEST_F(HttpLimitsTest, SilentAndIdleConnectionsAreClosed) {
   service.limits.readTimeout = milliseconds(200);
   service.limits.idleTimeout = milliseconds(300);

@@ -338,9 +338,23 @@ TEST_F(HttpServerTest, UnknownPathsAndMethodsAreToldOf) {
   answer = caller.read();
   EXPECT_EQ(answer.status, 405);
   EXPECT_EQ(answer.headers.at("allow"), "GET, HEAD, POST, OPTIONS");
+}
 
+TEST_F(HttpServerTest, RefusalsAreInTheFormOfTheInterfaceThatWasAsked) {
+  service.routes.add("POST", "/v1/messages", [](const std::shared_ptr<HttpExchange>&) {
+    throw std::runtime_error("numbers went wrong");
+  });
+  start();
+  HttpClient caller = client();
   caller.ask("POST", "/v1/messages/nothing", "", "{}");
-  EXPECT_EQ(nlohmann::json::parse(caller.read().body)["type"], "error");
+  EXPECT_EQ(caller.read().body, R"({"type":"error","error":{"type":"not_found_error",)"
+                                R"("message":"there is nothing at /v1/messages/nothing"}})");
+  caller.ask("GET", "/v1/messages");
+  EXPECT_EQ(caller.read().body, R"({"type":"error","error":{"type":"invalid_request_error",)"
+                                R"("message":"/v1/messages takes POST, OPTIONS"}})");
+  caller.ask("POST", "/v1/messages", "", "{}");
+  EXPECT_EQ(caller.read().body, R"({"type":"error","error":{"type":"api_error",)"
+                                R"("message":"the server failed at this request"}})");
 }
 
 TEST_F(HttpServerTest, MalformedRequestsAreRefused) {
@@ -350,6 +364,8 @@ TEST_F(HttpServerTest, MalformedRequestsAreRefused) {
       {"GET /wait%00 HTTP/1.1\r\n" + host + "\r\n", 400},
       {"GET /wait%4 HTTP/1.1\r\n" + host + "\r\n", 400},
       {"GET /%zz HTTP/1.1\r\n" + host + "\r\n", 400},
+      {"GET /health HTTP/1.1 HTTP/1.1\r\n" + host + "\r\n", 400},
+      {"GET /health\x0bHTTP/1.1 HTTP/1.1\r\n" + host + "\r\n", 400},
       {"GET /health HTTP/1.1\r\n\r\n", 400},
       {"GET /health HTTP/1.1\r\n" + host + host + "\r\n", 400},
       {"POST /echo HTTP/1.1\r\n" + host +
@@ -378,6 +394,68 @@ TEST_F(HttpServerTest, MalformedRequestsAreRefused) {
   EXPECT_EQ(caller.read().status, 200);
 }
 
+TEST_F(HttpServerTest, RequestWithoutAHostIsAnsweredOnce) {
+  start();
+  HttpClient caller = client();
+  caller.send("GET /health HTTP/1.1\r\n\r\n");
+  const HttpAnswer answer = caller.read();
+  EXPECT_EQ(answer.status, 400);
+  EXPECT_EQ(nlohmann::json::parse(answer.body)["error"]["code"], "invalid_host");
+  caller.ask("GET", "/health");
+  EXPECT_EQ(caller.read().status, 200);
+}
+
+TEST_F(HttpServerTest, HandlersHearOfWholeRequestsOnly) {
+  start();
+  for (const char* part :
+       {"POST /wait HTTP/1.1\r\nHost: localhost\r\nContent-Length: 9\r\n\r\nabcdefgh",
+        "POST /wait HTTP/1.1\r\nHost: localhost\r\nTransfer-Encoding: chunked\r\n\r\n"
+        "5\r\nhello\r\n"}) {
+    HttpClient caller = client();
+    caller.send(part);
+    caller.close();
+  }
+  EXPECT_TRUE(comesTrue([&] { return log().size() == 2; }));
+  client().ask("POST", "/wait", "", "whole");
+  const auto exchange = inbox.take();
+  ASSERT_NE(exchange, nullptr);
+  EXPECT_EQ(exchange->request().body, "whole");
+}
+
+TEST_F(HttpServerTest, NothingIsReadBehindARequestWhoseEndIsInDoubt) {
+  start();
+  const std::string hidden = "GET /health HTTP/1.1\r\nHost: localhost\r\n\r\n";
+  const std::string length = "Content-Length: " + std::to_string(hidden.size());
+  // Also where the request is refused for something else.
+  for (const std::string path : {"/echo", "/nowhere", "/%zz"}) {
+    const std::string begin = "POST " + path + " HTTP/1.1\r\nHost: localhost\r\n";
+    const std::string begin10 = "POST " + path + " HTTP/1.0\r\nHost: localhost\r\n";
+    const std::string chunked = "Transfer-Encoding: chunked";
+    for (const auto& [head, code] : std::initializer_list<std::pair<std::string, std::string>>{
+             {begin + "Content-Length : 5\r\n\r\n", "invalid_header"},
+             {begin + "Content-Length\t: 5\r\n\r\n", "invalid_header"},
+             {begin + "Transfer-Encoding : chunked\r\n\r\n", "invalid_header"},
+             {begin + "X: y\r" + chunked + "\r\nContent-Length: 0\r\n\r\n", "invalid_header"},
+             {begin + "Content-Length: 0\r\n" + length + "\r\n\r\n", "invalid_length"},
+             {begin + "Content-Length: 0\r\n" + chunked + "\r\n\r\n0\r\n\r\n", "invalid_length"},
+             {begin + chunked + "\r\n" + chunked + "\r\n\r\n0\r\n\r\n", "invalid_length"},
+             {begin + "Transfer-Encoding: identity\r\n\r\n", "invalid_length"},
+             {begin + "Transfer-Encoding: \x0b" + "chunked\r\n\r\n", "invalid_header"},
+             {begin10 + "Connection: keep-alive\r\n" + chunked + "\r\n\r\n0\r\n\r\n",
+              "invalid_length"}}) {
+      SCOPED_TRACE(head);
+      HttpClient caller = client();
+      caller.send(head + hidden);
+      const HttpAnswer answer = caller.read();
+      EXPECT_EQ(answer.status, 400);
+      EXPECT_EQ(nlohmann::json::parse(answer.body)["error"]["code"], code);
+      EXPECT_EQ(answer.headers.at("connection"), "close");
+      EXPECT_TRUE(caller.isClosed());
+      EXPECT_EQ(caller.take(), "");
+    }
+  }
+}
+
 TEST_F(HttpServerTest, ALineIsLoggedForEveryRequestAndNothingOfWhatItSays) {
   start();
   HttpClient caller = client();
@@ -389,6 +467,29 @@ TEST_F(HttpServerTest, ALineIsLoggedForEveryRequestAndNothingOfWhatItSays) {
   EXPECT_TRUE(log()[0].starts_with("127.0.0.1 POST /echo 200 ")) << log()[0];
   EXPECT_TRUE(log()[0].ends_with(" ms 13 bytes")) << log()[0];
   EXPECT_TRUE(log()[1].starts_with("127.0.0.1 GET /no?where 404 ")) << log()[1];
+}
+
+TEST_F(HttpServerTest, LinesOfTheLogControlNoTerminal) {
+  service.routes.add("GET", "/throws", [](const std::shared_ptr<HttpExchange>&) {
+    throw std::runtime_error("no \x1b[2J number");
+  });
+  options.logsBodies = true;
+  start();
+  HttpClient caller = client();
+  caller.ask("GET", "/a%9b2J%c2%9bb%e2%80%a8c%e2%80%aed%1b");
+  caller.read();
+  caller.ask("G\x1b[2JT", "/a");
+  caller.read();
+  caller.ask("POST", "/echo", "", "a\xc2\x9b\xe2\x80\xae");
+  caller.read();
+  caller.ask("GET", "/throws");
+  caller.read();
+  ASSERT_TRUE(comesTrue([&] { return log().size() == 7; }));
+  EXPECT_TRUE(log()[0].starts_with("127.0.0.1 GET /a?2J?b?c?d? 404 ")) << log()[0];
+  EXPECT_TRUE(log()[1].starts_with("127.0.0.1 G?[2JT /a 404 ")) << log()[1];
+  EXPECT_EQ(log()[2], "POST /echo a??");
+  EXPECT_EQ(log()[4], "GET /throws ");
+  EXPECT_EQ(log()[5], "http: no ?[2J number");
 }
 
 TEST_F(HttpServerTest, BodiesAreLoggedWhereThatIsAskedFor) {

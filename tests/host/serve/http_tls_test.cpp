@@ -173,6 +173,21 @@ TEST_F(HttpTlsTest, CallersInTheClearAreNotServed) {
   EXPECT_EQ(caller.take().find("HTTP/1.1"), std::string::npos);
 }
 
+TEST_F(HttpTlsTest, HandshakesThatStallAreCutOff) {
+  service.limits.readTimeout = std::chrono::milliseconds(200);
+  start();
+  // The beginning of a record of 512 bytes, whose rest does not come.
+  for (const std::string& begun : {std::string(), std::string("\x16\x03\x01\x02\x00\x01", 6)}) {
+    testing_support::HttpClient caller = client();
+    caller.send(begun);
+    EXPECT_TRUE(caller.isClosed());
+    EXPECT_TRUE(comesTrue([&] { return server.connectionCount() == 0; }));
+  }
+  TlsClient caller(server.port(), pem.certificate);
+  caller.send("GET /health HTTP/1.1\r\nHost: localhost\r\n\r\n");
+  EXPECT_TRUE(caller.readUntil("{\"status\":\"ok\"}"));
+}
+
 TEST_F(HttpTlsTest, FilesThatCannotBeUsedAreToldOf) {
   const auto fault = [&](const std::string& certificate, const std::string& key) {
     HttpServer unstarted;

@@ -82,5 +82,22 @@ TEST(Metrics, TimesAreHistograms) {
   }
 }
 
+TEST(Metrics, RefusalsOfTheTransportAreOutcomesByTheirReason) {
+  SchedulerStatistics statistics;
+  statistics.shuttingDown = 20;
+  ServerLoad load;
+  for (size_t i = 0; i < kRefusalReasons; ++i) {
+    load.refusals[i] = 100 + i;
+  }
+  const std::string text = metricsText(statistics, load);
+  for (size_t i = 0; i < kRefusalReasons; ++i) {
+    const auto reason = static_cast<RefusalReason>(i);
+    const size_t others = reason == RefusalReason::ShuttingDown ? 20 : 0;
+    const std::string line = "zym_requests_total{outcome=\"" + std::string(codeOf(reason)) +
+                             "\"} " + std::to_string(100 + i + others) + "\n";
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
+}
+
 }  // namespace
 }  // namespace zym
