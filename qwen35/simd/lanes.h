@@ -40,13 +40,13 @@
 //   Levels<bits>(scale, min), store(codes, at)
 //              Stores code * scale - min, rounded once, for the 32 codes of a V::Half::Bytes, at
 //              most 4 or 5 bits each.
-//   Scales(V::Half::Codes), of<s>()
-//              The scale code of sub-block s, and of s + 2 in the second half, as addProducts takes
-//              it.
+//   Scales(V::Half::Codes)
+//              The scale codes of a super-block.
 //   Sums       Integer sums, of every sub-block in Bytes eight lanes: zeroSums.
-//   addProducts(sums, codes, limbs, scale)
+//   addProducts<s>(sums, low, high, lowLimbs, highLimbs, scales)
 //              Adds scale * code * limb for every code: that of element i to lane i / 4 of its
-//              sub-block.
+//              sub-block. low: the codes of sub-block s, and of s + 2 in the second half; high:
+//              those of s + 1, and of s + 3.
 //   toFloats(sums)     The sums of each lane over the sub-blocks, as a V::Half::F.
 //
 // Layers and kernels are in unnamed namespaces and take nothing from inline code of other headers:

@@ -225,20 +225,6 @@ struct Emulated {
       std::memcpy(scale, codes.scale, sizeof scale);
     }
 
-    // Of the sub-blocks of Bytes.
-    struct OfBytes {
-      int32_t scale[kSubBlocks];
-    };
-
-    template <int kSub>
-    OfBytes of() const {
-      OfBytes out;
-      for (size_t half = 0; half < kSubBlocks; ++half) {
-        out.scale[half] = scale[kSub + 2 * half];
-      }
-      return out;
-    }
-
     uint8_t scale[kSubBlocksOfBlock];
   };
 
@@ -248,12 +234,15 @@ struct Emulated {
 
   static Sums zeroSums() { return {}; }
 
-  static Sums addProducts(Sums sums, Bytes codes, const int8_t* limbs,
-                          typename Scales::OfBytes scale) {
+  template <int kSub>
+  static Sums addProducts(Sums sums, Bytes low, Bytes high, const int8_t* lowLimbs,
+                          const int8_t* highLimbs, const Scales& scales) {
     for (size_t half = 0; half < kSubBlocks; ++half) {
+      const size_t sub = kSub + 2 * half;
       for (size_t i = 0; i < kSubLen; ++i) {
-        const int32_t product = codes.code[half][i] * limbs[half * kSubLen + i];
-        sums.lane[half][i / 4] += scale.scale[half] * product;
+        const size_t at = half * kSubLen + i;
+        sums.lane[half][i / 4] += scales.scale[sub] * low.code[half][i] * lowLimbs[at] +
+                                  scales.scale[sub + 1] * high.code[half][i] * highLimbs[at];
       }
     }
     return sums;
