@@ -60,20 +60,31 @@ struct LimbSums {
 
 // Bytes number kBytes of a super-block's codes: their low nibbles are those of sub-block kSub (and
 // kSub + 2 where Bytes hold two), their high ones those of the next.
+template <typename V, typename Format, int kBytes>
+struct CodeBytes {
+  static constexpr int kSub = kBytes * 2 * V::kSubBlocks;
+
+  explicit CodeBytes(const uint8_t* super) {
+    const uint8_t* at = super + Format::kNibbles + kBytes * kSubLen * V::kSubBlocks;
+    const typename V::Bytes nibbles = V::loadBytes(at);
+    low = V::lowNibbles(nibbles);
+    high = V::highNibbles(nibbles);
+    if constexpr (Format::kBits == 5) {
+      const typename V::Bytes bits = V::loadFifths(super + kHeaderBytes);
+      low = V::template withFifths<kSub>(low, bits);
+      high = V::template withFifths<kSub + 1>(high, bits);
+    }
+  }
+
+  typename V::Bytes low;
+  typename V::Bytes high;
+};
+
 template <typename V, typename Format, int kBytes, bool kLast>
 void addCodes(const uint8_t* super, const typename V::Scales& scales, Limbs limbs,
               LimbSums<V, kLast>& sums) {
-  constexpr int kSub = kBytes * 2 * V::kSubBlocks;
-  const uint8_t* at = super + Format::kNibbles + kBytes * kSubLen * V::kSubBlocks;
-  const typename V::Bytes nibbles = V::loadBytes(at);
-  typename V::Bytes low = V::lowNibbles(nibbles);
-  typename V::Bytes high = V::highNibbles(nibbles);
-  if constexpr (Format::kBits == 5) {
-    const typename V::Bytes bits = V::loadFifths(super + kHeaderBytes);
-    low = V::template withFifths<kSub>(low, bits);
-    high = V::template withFifths<kSub + 1>(high, bits);
-  }
-  sums.template add<kSub>(low, high, scales, limbs);
+  const CodeBytes<V, Format, kBytes> codes(super);
+  sums.template add<codes.kSub>(codes.low, codes.high, scales, limbs);
 }
 
 template <typename V, typename Format, bool kLast>

@@ -197,6 +197,9 @@ struct Avx2 {
   }
 
   static F toFloats(Sums sums) { return _mm256_cvtepi32_ps(sums); }
+
+  // Sixteen registers hold no row in words, and reading them again costs what they save.
+  static constexpr bool kTakesWords = false;
 };
 
 }  // namespace

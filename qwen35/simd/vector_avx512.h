@@ -173,6 +173,36 @@ struct Avx512 {
     return _mm256_cvtepi32_ps(
         _mm256_add_epi32(_mm512_castsi512_si256(sums), _mm512_extracti64x4_epi64(sums, 1)));
   }
+
+  // ---- products of words
+
+  static constexpr bool kTakesWords = true;
+
+  struct WordScales : Scales {
+    using Scales::Scales;
+
+    template <int kSub>
+    __m512i of() const {
+      constexpr auto kPlaces = static_cast<int>(0x80008000u | kSub << 16 | kSub);
+      return _mm512_shuffle_epi8(codes, halves<kPlaces, kPlaces + 0x00020002>());
+    }
+  };
+
+  using Words = __m512i;
+
+  static Words evenWords(Bytes codes, __m512i scales) {
+    return _mm512_maddubs_epi16(codes, scales);
+  }
+  static Words oddWords(Bytes codes, __m512i scales) {
+    return _mm512_maddubs_epi16(codes, _mm512_slli_epi16(scales, 8));
+  }
+  static Words allWords(int16_t word) { return _mm512_set1_epi16(word); }
+  static Words loadWords(const int16_t* at) { return loadBytes(at); }
+  static Words addedWords(Words a, Words b) { return _mm512_add_epi16(a, b); }
+
+  static Sums addWordProducts(Sums sums, Words words, Words inputs) {
+    return _mm512_dpwssd_epi32(sums, words, inputs);
+  }
 };
 
 }  // namespace

@@ -246,6 +246,10 @@ struct Neon {
   }
 
   static F toFloats(Sums sums) { return {vcvtq_f32_s32(sums.low), vcvtq_f32_s32(sums.high)}; }
+
+  // Products of words go to lanes one by one here: they take as many instructions as those of
+  // bytes.
+  static constexpr bool kTakesWords = false;
 };
 
 }  // namespace

@@ -258,6 +258,66 @@ struct Emulated {
     });
   }
 
+  // ---- products of words
+
+  static constexpr bool kTakesWords = kSubBlocks == 2;
+
+  struct WordScales : Scales {
+    using Scales::Scales;
+
+    template <int kSub>
+    Bytes of() const {
+      return eachCode(
+          [&](size_t half, size_t i) { return i % 2 == 0 ? this->scale[kSub + 2 * half] : 0; });
+    }
+  };
+
+  struct Words {
+    int16_t word[kSubBlocks][kSubLen / 2];
+  };
+
+  static Words evenWords(Bytes codes, Bytes scales) {
+    return eachWord(
+        [&](size_t half, size_t i) { return codes.code[half][2 * i] * scales.code[half][2 * i]; });
+  }
+  static Words oddWords(Bytes codes, Bytes scales) {
+    return eachWord([&](size_t half, size_t i) {
+      return codes.code[half][2 * i + 1] * scales.code[half][2 * i];
+    });
+  }
+  static Words allWords(int16_t word) {
+    return eachWord([&](size_t, size_t) { return word; });
+  }
+  static Words loadWords(const int16_t* at) {
+    return eachWord([&](size_t half, size_t i) { return at[half * (kSubLen / 2) + i]; });
+  }
+  static Words addedWords(Words a, Words b) {
+    return eachWord([&](size_t half, size_t i) { return a.word[half][i] + b.word[half][i]; });
+  }
+
+  // Sums on the way may pass 2^31 and come back.
+  static Sums addWordProducts(Sums sums, Words words, Words inputs) {
+    for (size_t half = 0; half < kSubBlocks; ++half) {
+      for (size_t i = 0; i < kSubLen / 2; ++i) {
+        const int32_t product = words.word[half][i] * inputs.word[half][i];
+        int32_t& lane = sums.lane[half][i / 2];
+        lane = static_cast<int32_t>(static_cast<uint32_t>(lane) + static_cast<uint32_t>(product));
+      }
+    }
+    return sums;
+  }
+
+  template <typename Value>
+  static Words eachWord(const Value& value) {
+    Words out;
+    for (size_t half = 0; half < kSubBlocks; ++half) {
+      for (size_t i = 0; i < kSubLen / 2; ++i) {
+        out.word[half][i] = static_cast<int16_t>(value(half, i));
+      }
+    }
+    return out;
+  }
+
   // ---- loops
 
   template <typename Value>
