@@ -235,6 +235,32 @@ void rowsInCache(benchmark::State& state, const qwen35::KernelTable& table, Quan
   state.SetItemsProcessed(static_cast<int64_t>(kCachedRows * kCachedCols) * state.iterations());
 }
 
+void severalInCache(benchmark::State& state, const qwen35::KernelTable& table, QuantType type,
+                    size_t inputs) {
+  const std::vector<uint8_t> weights = weight_rows::randomRows(type, kCachedRows, kCachedCols, 1);
+  const size_t groups = qwen35::quantisedGroups(kCachedCols);
+  std::vector<float> y(kCachedRows * inputs);
+  std::vector<qwen35::QuantisedInput> quantised(inputs * groups);
+  std::vector<qwen35::InputWords> words(inputs * kCachedCols / qwen35::kChunk);
+  for (size_t i = 0; i < inputs; ++i) {
+    const std::vector<float> x = randomFloats(kCachedCols, static_cast<uint32_t>(2 + i));
+    qwen35::QuantisedInput* groupsOfInput = quantised.data() + i * groups;
+    table.quantiseInput(x.data(), kCachedCols, groupsOfInput);
+    for (size_t b = 0; b < kCachedCols / qwen35::kChunk; ++b) {
+      table.splitInput(groupsOfInput[b / qwen35::kGroupSuperBlocks], b % qwen35::kGroupSuperBlocks,
+                       words[b * inputs + i]);
+    }
+  }
+  const auto product = type == QuantType::Q4_K ? table.severalQ4K : table.severalQ5K;
+  for ([[maybe_unused]] auto step : state) {
+    product(weights.data(), quantised.data(), words.data(), inputs, y.data(), kCachedRows,
+            kCachedCols);
+    benchmark::DoNotOptimize(y.data());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(kCachedRows * kCachedCols * inputs) *
+                          state.iterations());
+}
+
 void decodeInCache(benchmark::State& state, const qwen35::KernelTable& table, QuantType type) {
   const std::vector<uint8_t> weights =
       weight_rows::randomRows(type, kCachedRows, qwen35::kChunk, 1);
@@ -279,6 +305,17 @@ void registerTable(const qwen35::KernelTable& table) {
     benchmark::RegisterBenchmark(
         (prefix + "decode/" + name).c_str(),
         [&table, type](benchmark::State& state) { decodeInCache(state, table, type); });
+  }
+  if (table.severalQ4K != nullptr) {
+    for (const QuantType type : {QuantType::Q4_K, QuantType::Q5_K}) {
+      for (const size_t inputs : {2, 4, 8}) {
+        benchmark::RegisterBenchmark(
+            (prefix + "several/" + kel::quantTypeName(type) + "/" + std::to_string(inputs)).c_str(),
+            [&table, type, inputs](benchmark::State& state) {
+              severalInCache(state, table, type, inputs);
+            });
+      }
+    }
   }
   for (const size_t tokens : {4, 16, 128}) {
     benchmark::RegisterBenchmark(

@@ -45,6 +45,8 @@ enum Kernel {
   Exponentials,
   SigmoidGate,
   SiluGate,
+  SeveralQ4K,
+  SeveralQ5K,
   kKernelCount
 };
 
@@ -52,12 +54,14 @@ constexpr const char* kKernelNames[kKernelCount] = {
     "dot",          "rowsF32",          "rowsBf16",   "rowsQ80",         "rowsQ4K",
     "rowsQ5K",      "quantiseInput",    "decodeBf16", "decodeQ80",       "decodeQ4K",
     "decodeQ5K",    "addChunkProducts", "foldSums",   "addWeightedRows", "deltaStep",
-    "exponentials", "sigmoidGate",      "siluGate"};
+    "exponentials", "sigmoidGate",      "siluGate",   "severalQ4K",      "severalQ5K"};
 
 constexpr size_t kHeaderBytes = 7;
 constexpr size_t kMaxRows = 20;    // a tile of 16 rows, and more
 constexpr size_t kMaxCols = 4800;  // a span of 4,096 elements, and more
 constexpr size_t kMaxDim = 80;
+constexpr size_t kMaxInputs = 11;         // eight at once, and more
+constexpr size_t kMaxSeveralCols = 1600;  // of each of several inputs
 
 enum class Floats { AnyBits, BelowTwo, Steps, kCount };
 
@@ -197,6 +201,42 @@ std::vector<float> quantisedRowSums(Call call, qwen35::QuantisedRowsProduct prod
   Floating out(call.source, call.rows);
   product(weights.data(), groups.data(), out.data(), call.rows, blocks * 256);
   return out.result();
+}
+
+// Of several inputs, from tables that take them at once; from others one by one.
+std::vector<float> severalRowSums(Call call, const KernelTable& table,
+                                  qwen35::QuantisedRowsProducts several,
+                                  qwen35::QuantisedRowsProduct product, size_t blockBytes) {
+  const size_t blocks = call.cols % kMaxSeveralCols / 256;
+  const size_t nGroups = qwen35::quantisedGroups(blocks * 256);
+  const size_t nInputs = call.cols % kMaxInputs + 1;
+  std::vector<QuantisedInput> groups;
+  for (size_t i = 0; i < nInputs; ++i) {
+    const std::vector<QuantisedInput> one =
+        call.quantises ? groupsOfFloats(call.source, blocks) : anyGroups(call.source, blocks);
+    groups.insert(groups.end(), one.begin(), one.end());
+  }
+  const Weights weights(call.source, call.rows * blocks * blockBytes);
+  std::vector<float> out(call.rows * nInputs);
+  if (several == nullptr) {
+    std::vector<float> sums(call.rows);
+    for (size_t i = 0; i < nInputs; ++i) {
+      product(weights.data(), groups.data() + i * nGroups, sums.data(), call.rows, blocks * 256);
+      for (size_t r = 0; r < call.rows; ++r) {
+        out[r * nInputs + i] = sums[r];
+      }
+    }
+    return out;
+  }
+  std::vector<qwen35::InputWords> words(blocks * nInputs);
+  for (size_t i = 0; i < nInputs; ++i) {
+    for (size_t b = 0; b < blocks; ++b) {
+      table.splitInput(groups[i * nGroups + b / 4], b % 4, words[b * nInputs + i]);
+    }
+  }
+  several(weights.data(), groups.data(), words.data(), nInputs, out.data(), call.rows,
+          blocks * 256);
+  return out;
 }
 
 std::vector<float> quantised(Call call, const KernelTable& table) {
@@ -345,8 +385,12 @@ std::vector<float> results(const Call& call, const KernelTable& table) {
       return exponentialsOf(call, table);
     case SigmoidGate:
       return gated(call, table.sigmoidGate);
-    default:
+    case SiluGate:
       return gated(call, table.siluGate);
+    case SeveralQ4K:
+      return severalRowSums(call, table, table.severalQ4K, table.rowsQ4K, kQ4KBytes);
+    default:
+      return severalRowSums(call, table, table.severalQ5K, table.rowsQ5K, kQ5KBytes);
   }
 }
 

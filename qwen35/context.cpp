@@ -96,6 +96,8 @@ void Context::layOut(const Model& m, size_t ffnWidth) {
     forms.quantised = reinterpret_cast<QuantisedInput*>(raw);
     place(raw, tokens * groups);  // a quarter would do
     forms.finite = reinterpret_cast<uint8_t*>(raw);
+    place(raw, tokens * widest / kChunk * sizeof(InputWords) / sizeof(float));
+    forms.words = reinterpret_cast<InputWords*>(raw);
     for (MatmulScratch& s : perThread) {
       place(s.rows, std::max(kTileRows * kChunk, widest));
       place(s.parts, partFloats);

@@ -49,16 +49,13 @@ struct Matrix {
   size_t stride;                          // bytes from row to row
   RowsProduct product;                    // of whole rows; null for types that are decoded first
   QuantisedRowsProduct quantisedProduct;  // null for all but the K formats
+  QuantisedRowsProducts severalProduct;   // the same of several inputs; null in some tables
 };
 
 Matrix matrixOf(const KernelTable& kernels, const kel::TensorView& weights) {
-  Matrix m{static_cast<const uint8_t*>(weights.data),
-           weights.type,
-           rowCount(weights),
-           weights.dims[0],
-           rowBytes(weights.type, weights.dims[0]),
-           nullptr,
-           nullptr};
+  Matrix m{
+      static_cast<const uint8_t*>(weights.data), weights.type, rowCount(weights), weights.dims[0],
+      rowBytes(weights.type, weights.dims[0]),   nullptr,      nullptr,           nullptr};
   switch (m.type) {
     case QuantType::F32:
       m.product = kernels.rowsF32;
@@ -71,9 +68,11 @@ Matrix matrixOf(const KernelTable& kernels, const kel::TensorView& weights) {
       break;
     case QuantType::Q4_K:
       m.quantisedProduct = kernels.rowsQ4K;
+      m.severalProduct = kernels.severalQ4K;
       break;
     case QuantType::Q5_K:
       m.quantisedProduct = kernels.rowsQ5K;
+      m.severalProduct = kernels.severalQ5K;
       break;
     default:
       break;
@@ -92,11 +91,11 @@ bool multipliesTiles(QuantType type, size_t count, size_t cols, Arithmetic arith
   return count >= kTileTokens && cols % kLanes == 0;
 }
 
-const QuantisedInput* quantisedToken(const MatmulInput& input, size_t token) {
+// Whether tokens [first, first + count) could be quantised.
+bool areQuantised(const MatmulInput& input, size_t first, size_t count) {
   const size_t groups = quantisedGroups(input.cols);
-  const uint8_t* finite = input.finite + token * groups;
-  const bool whole = std::all_of(finite, finite + groups, [](uint8_t f) { return f != 0; });
-  return whole ? input.quantised + token * groups : nullptr;
+  const uint8_t* finite = input.finite + first * groups;
+  return std::all_of(finite, finite + count * groups, [](uint8_t f) { return f != 0; });
 }
 
 // Rows [first, first + count) of a matrix, and where their products go.
@@ -117,18 +116,30 @@ struct Piece {
   }
 };
 
+// Row by row for all tokens.
+void multiplyTogether(const Piece& piece, const MatmulInput& input, const MatmulScratch& scratch) {
+  piece.matrix.severalProduct(piece.data(), input.quantised, input.words, input.count, scratch.sums,
+                              piece.count, input.cols);
+  for (size_t token = 0; token < input.count; ++token) {
+    piece.store(token, scratch.sums + token, input.count);
+  }
+}
+
 // Row by row for each token: the rows are in L2 after the first.
 void multiplyRows(const KernelTable& kernels, const Piece& piece, const MatmulInput& input,
                   const MatmulScratch& scratch) {
   const Matrix& m = piece.matrix;
+  if (m.severalProduct != nullptr && input.count > 1 && areQuantised(input, 0, input.count)) {
+    multiplyTogether(piece, input, scratch);
+    return;
+  }
   for (size_t token = 0; token < input.count; ++token) {
     const float* x = input.x + token * input.cols;
-    const QuantisedInput* quantised =
-        m.quantisedProduct == nullptr ? nullptr : quantisedToken(input, token);
     if (m.product != nullptr) {
       m.product(piece.data(), x, scratch.sums, piece.count, m.cols);
-    } else if (quantised != nullptr) {
-      m.quantisedProduct(piece.data(), quantised, scratch.sums, piece.count, m.cols);
+    } else if (m.quantisedProduct != nullptr && areQuantised(input, token, 1)) {
+      m.quantisedProduct(piece.data(), input.quantised + token * quantisedGroups(input.cols),
+                         scratch.sums, piece.count, m.cols);
     } else {
       // An input that is too large or not finite: floats carry that on as they should.
       for (size_t i = 0; i < piece.count; ++i) {
@@ -286,6 +297,7 @@ MatmulInput matmulInput(const float* x, size_t count, size_t cols, Arithmetic ar
     } else if (isKFormat(user.weights->type)) {
       input.quantised = buffers.quantised;
       input.finite = buffers.finite;
+      input.words = count > 1 ? buffers.words : nullptr;
     }
   }
   return input;
@@ -308,10 +320,15 @@ void prepareInput(const KernelTable& kernels, const MatmulInput& input, size_t t
     const size_t firstGroup = token * quantisedGroups(input.cols);
     for (size_t i = at; i < at + len; i += kGroupLen) {
       const size_t group = firstGroup + i / kGroupLen;
-      input.finite[group] =
-          kernels.quantiseInput(x + i, std::min(kGroupLen, at + len - i), input.quantised + group)
-              ? 1
-              : 0;
+      const size_t groupLen = std::min(kGroupLen, at + len - i);
+      const bool isFinite = kernels.quantiseInput(x + i, groupLen, input.quantised + group);
+      input.finite[group] = isFinite ? 1 : 0;
+      if (input.words != nullptr && kernels.splitInput != nullptr) {
+        for (size_t block = 0; block < groupLen / kChunk; ++block) {
+          kernels.splitInput(input.quantised[group], block,
+                             input.words[(i / kChunk + block) * input.count + token]);
+        }
+      }
     }
   }
 }

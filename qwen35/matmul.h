@@ -37,6 +37,9 @@ struct MatmulInput {
   // reads them.
   QuantisedInput* quantised = nullptr;
   uint8_t* finite = nullptr;
+
+  // Their words, [chunks][count]; null where `quantised` is, and for one vector.
+  InputWords* words = nullptr;
 };
 
 // Room for those forms, shared by all products of a pass: they follow one another.
@@ -44,6 +47,7 @@ struct MatmulBuffers {
   float* packed;              // [chunks of the widest input][tokens][kChunk]
   QuantisedInput* quantised;  // [tokens][groups of the widest input]
   uint8_t* finite;            // the same
+  InputWords* words;          // [chunks of the widest input][tokens]
 };
 
 // One member's own scratch. Aligned to 64 bytes.

@@ -66,6 +66,12 @@ using RowsProduct = void (*)(const void* weights, const float* x, float* out, si
 using QuantisedRowsProduct = void (*)(const void* weights, const QuantisedInput* x, float* out,
                                       size_t rows, size_t cols);
 
+// The same of several inputs: out[r * inputs + i], with the bits of the product of one input. x:
+// [inputs][quantisedGroups(cols)]; words: [cols / 256][inputs].
+using QuantisedRowsProducts = void (*)(const void* weights, const QuantisedInput* x,
+                                       const InputWords* words, size_t inputs, float* out,
+                                       size_t rows, size_t cols);
+
 struct KernelTable {
   const char* name;  // "scalar", "avx2", ...
 
@@ -87,6 +93,12 @@ struct KernelTable {
   // Quantised dot products. The scales and minimums are those of the decoders of quant/blocks.h.
   QuantisedRowsProduct rowsQ4K;
   QuantisedRowsProduct rowsQ5K;
+
+  // The same of several inputs, for which a row is unpacked once, and the words of super-block
+  // `block` of a group for them. Null in tables that gain nothing by that.
+  QuantisedRowsProducts severalQ4K;
+  QuantisedRowsProducts severalQ5K;
+  void (*splitInput)(const QuantisedInput& group, size_t block, InputWords& words);
 
   // Quantises an input for them: cols, a multiple of 256, floats into quantisedGroups(cols)
   // groups. False, with groups unspecified, when an element is not below kInputLimit in magnitude.

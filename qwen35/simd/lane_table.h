@@ -6,6 +6,7 @@
 #include "qwen35/simd/kernel_table.h"
 #include "qwen35/simd/lanes.h"
 #include "qwen35/simd/quantised_rows.h"
+#include "qwen35/simd/quantised_several.h"
 #include "qwen35/simd/rows.h"
 #include "qwen35/simd/tiles.h"
 
@@ -26,6 +27,9 @@ constexpr KernelTable laneTable(const char* name) {
       .rowsQ80 = blockRows<H, Q80Rows<H>>,
       .rowsQ4K = quantisedRows<V, Q4K>,
       .rowsQ5K = quantisedRows<V, Q5K>,
+      .severalQ4K = quantisedSeveral<V, Q4K>(),
+      .severalQ5K = quantisedSeveral<V, Q5K>(),
+      .splitInput = V::kTakesWords ? splitSuperBlock : nullptr,
       .quantiseInput = quantiseInput<V>,
       .decodeBf16 = decodeBf16<V>,
       .decodeQ80 = decodeQ80<V>,

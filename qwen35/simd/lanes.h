@@ -40,14 +40,22 @@
 //   Levels<bits>(scale, min), store(codes, at)
 //              Stores code * scale - min, rounded once, for the 32 codes of a V::Half::Bytes, at
 //              most 4 or 5 bits each.
-//   Scales(V::Half::Codes), of<s>()
-//              The scale code of sub-block s, and of s + 2 in the second half, as addProducts takes
-//              it.
+//   Scales(V::Half::Codes)
+//              The scale codes of a super-block.
 //   Sums       Integer sums, of every sub-block in Bytes eight lanes: zeroSums.
-//   addProducts(sums, codes, limbs, scale)
+//   addProducts<s>(sums, low, high, lowLimbs, highLimbs, scales)
 //              Adds scale * code * limb for every code: that of element i to lane i / 4 of its
-//              sub-block.
+//              sub-block. low: the codes of sub-block s, and of s + 2 in the second half; high:
+//              those of s + 1, and of s + 3.
 //   toFloats(sums)     The sums of each lane over the sub-blocks, as a V::Half::F.
+//   kTakesWords        Whether products of words are worth their unpacking. If so, kSubBlocks is 2:
+//   WordScales(V::Half::Codes), of<s>()
+//              The scale code of sub-block s, and of s + 2 in the second half, in every even byte.
+//   Words      The even or the odd elements of Bytes. evenWords(codes, scales) and oddWords(codes,
+//              scales) are scale code times code. loadWords, addedWords; allWords: one word
+//              everywhere.
+//   addWordProducts(sums, words, inputs)
+//              Adds word * input: every pair of words to one lane.
 //
 // Layers and kernels are in unnamed namespaces and take nothing from inline code of other headers:
 // the linker could pick such a copy, compiled for wider instructions, for the whole program, and an

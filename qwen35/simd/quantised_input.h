@@ -43,6 +43,16 @@ struct alignas(64) QuantisedInput {
   bool keepsLastLimb[kGroupSuperBlocks];
 };
 
+// The upper limbs of a super-block as words, for products of several inputs. Limbs 1 and 2 are one
+// number, shifted by kMiddleShift so that it fits. [pair][odd]: the even elements of both
+// sub-blocks of a pair of limbs, or the odd ones, the first sub-block first.
+struct alignas(64) InputWords {
+  int16_t middle[4][2][32];  // limb[2] * 256 + limb[1] + kMiddleShift
+  int16_t upper[4][2][32];   // limb[3]
+};
+
+constexpr int16_t kMiddleShift = 128;
+
 // Groups of an input of `cols` elements, a multiple of 256.
 constexpr size_t quantisedGroups(size_t cols) {
   return (cols / 256 + kGroupSuperBlocks - 1) / kGroupSuperBlocks;

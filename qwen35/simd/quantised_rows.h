@@ -34,11 +34,16 @@ struct LimbSums {
     }
   }
 
-  template <typename Scale>
-  void add(typename V::Bytes codes, Scale scale, const int8_t (*limbs)[2][kSubLen], size_t half) {
+  // low: the codes of sub-block kSub, high: those of the next.
+  template <int kSub>
+  void add(typename V::Bytes low, typename V::Bytes high, const typename V::Scales& scales,
+           Limbs limbs) {
+    constexpr size_t kSlot = kSub / 4 * 2;
+    constexpr size_t kHalf = kSub % 4 / 2;
 #pragma GCC unroll 4
     for (size_t p = kFirst; p < kInputLimbs; ++p) {
-      sum[p] = V::addProducts(sum[p], codes, limbs[p][half], scale);
+      sum[p] = V::template addProducts<kSub>(sum[p], low, high, limbs[kSlot][p][kHalf],
+                                             limbs[kSlot + 1][p][kHalf], scales);
     }
   }
 
@@ -55,23 +60,31 @@ struct LimbSums {
 
 // Bytes number kBytes of a super-block's codes: their low nibbles are those of sub-block kSub (and
 // kSub + 2 where Bytes hold two), their high ones those of the next.
+template <typename V, typename Format, int kBytes>
+struct CodeBytes {
+  static constexpr int kSub = kBytes * 2 * V::kSubBlocks;
+
+  explicit CodeBytes(const uint8_t* super) {
+    const uint8_t* at = super + Format::kNibbles + kBytes * kSubLen * V::kSubBlocks;
+    const typename V::Bytes nibbles = V::loadBytes(at);
+    low = V::lowNibbles(nibbles);
+    high = V::highNibbles(nibbles);
+    if constexpr (Format::kBits == 5) {
+      const typename V::Bytes bits = V::loadFifths(super + kHeaderBytes);
+      low = V::template withFifths<kSub>(low, bits);
+      high = V::template withFifths<kSub + 1>(high, bits);
+    }
+  }
+
+  typename V::Bytes low;
+  typename V::Bytes high;
+};
+
 template <typename V, typename Format, int kBytes, bool kLast>
 void addCodes(const uint8_t* super, const typename V::Scales& scales, Limbs limbs,
               LimbSums<V, kLast>& sums) {
-  constexpr int kSub = kBytes * 2 * V::kSubBlocks;
-  constexpr size_t kSlot = kSub / 4 * 2;
-  constexpr size_t kHalf = kSub % 4 / 2;
-  const uint8_t* at = super + Format::kNibbles + kBytes * kSubLen * V::kSubBlocks;
-  const typename V::Bytes nibbles = V::loadBytes(at);
-  typename V::Bytes low = V::lowNibbles(nibbles);
-  typename V::Bytes high = V::highNibbles(nibbles);
-  if constexpr (Format::kBits == 5) {
-    const typename V::Bytes bits = V::loadFifths(super + kHeaderBytes);
-    low = V::template withFifths<kSub>(low, bits);
-    high = V::template withFifths<kSub + 1>(high, bits);
-  }
-  sums.add(low, scales.template of<kSub>(), limbs[kSlot], kHalf);
-  sums.add(high, scales.template of<kSub + 1>(), limbs[kSlot + 1], kHalf);
+  const CodeBytes<V, Format, kBytes> codes(super);
+  sums.template add<codes.kSub>(codes.low, codes.high, scales, limbs);
 }
 
 template <typename V, typename Format, bool kLast>

@@ -187,12 +187,19 @@ struct Avx2 {
 
   static Sums zeroSums() { return _mm256_setzero_si256(); }
 
-  static Sums addProducts(Sums sums, Bytes codes, const int8_t* limbs, __m256i scale) {
-    const __m256i words = _mm256_maddubs_epi16(codes, loadBytes(limbs));
-    return _mm256_add_epi32(sums, _mm256_madd_epi16(words, scale));
+  template <int kSub>
+  static Sums addProducts(Sums sums, Bytes low, Bytes high, const int8_t* lowLimbs,
+                          const int8_t* highLimbs, const Scales& scales) {
+    const __m256i first = _mm256_maddubs_epi16(low, loadBytes(lowLimbs));
+    const __m256i second = _mm256_maddubs_epi16(high, loadBytes(highLimbs));
+    sums = _mm256_add_epi32(sums, _mm256_madd_epi16(first, scales.of<kSub>()));
+    return _mm256_add_epi32(sums, _mm256_madd_epi16(second, scales.of<kSub + 1>()));
   }
 
   static F toFloats(Sums sums) { return _mm256_cvtepi32_ps(sums); }
+
+  // Sixteen registers hold no row in words, and reading them again costs what they save.
+  static constexpr bool kTakesWords = false;
 };
 
 }  // namespace

@@ -136,16 +136,16 @@ struct Avx512 {
 
   // ---- products of codes and limbs
 
-  // The scale codes of eight sub-blocks, as the low words of 32 bits.
+  // The scale codes of eight sub-blocks, in every group of 16 bytes.
   struct Scales {
     Scales() = default;
-    explicit Scales(const Half::Codes& all)
-        : codes(_mm512_castsi256_si512(_mm256_cvtepu8_epi32(all.bytes))) {}
+    explicit Scales(const Half::Codes& all) : codes(_mm512_broadcast_i32x4(all.bytes)) {}
 
+    // Pairs of words: the scale codes of kSub and kSub + 1, in the second half of the two behind.
     template <int kSub>
-    __m512i of() const {
-      const __m512i places = halves<kSub, kSub + 2>();
-      return _mm512_permutexvar_epi32(places, codes);
+    __m512i pairs() const {
+      constexpr auto kPlaces = static_cast<int>(0x80008000u | (kSub + 1) << 16 | kSub);
+      return _mm512_shuffle_epi8(codes, halves<kPlaces, kPlaces + 0x00020002>());
     }
 
     __m512i codes;
@@ -155,16 +155,53 @@ struct Avx512 {
 
   static Sums zeroSums() { return _mm512_setzero_si512(); }
 
-  // Four products of a code below 32 and a limb fit 16 bits, so that the pair of words that they
-  // fill is times the pair of the scale and what lies above it, 0.
-  static Sums addProducts(Sums sums, Bytes codes, const int8_t* limbs, __m512i scale) {
-    const __m512i fours = _mm512_dpbusd_epi32(_mm512_setzero_si512(), codes, loadBytes(limbs));
-    return _mm512_dpwssd_epi32(sums, fours, scale);
+  // Four products of a code below 32 and a limb fit 16 bits: those of the low and those of the high
+  // nibbles share 32 bits, and one product of words takes the scales of both.
+  template <int kSub>
+  static Sums addProducts(Sums sums, Bytes low, Bytes high, const int8_t* lowLimbs,
+                          const int8_t* highLimbs, const Scales& scales) {
+    constexpr __mmask64 kUpperWords = 0xCCCCCCCCCCCCCCCC;
+    const __m512i lowerToUpper = _mm512_set4_epi32(0x0D0C0000, 0x09080000, 0x05040000, 0x01000000);
+    const __m512i none = _mm512_setzero_si512();
+    const __m512i first = _mm512_dpbusd_epi32(none, low, loadBytes(lowLimbs));
+    const __m512i second = _mm512_dpbusd_epi32(none, high, loadBytes(highLimbs));
+    const __m512i both = _mm512_mask_shuffle_epi8(first, kUpperWords, second, lowerToUpper);
+    return _mm512_dpwssd_epi32(sums, both, scales.pairs<kSub>());
   }
 
   static Half::F toFloats(Sums sums) {
     return _mm256_cvtepi32_ps(
         _mm256_add_epi32(_mm512_castsi512_si256(sums), _mm512_extracti64x4_epi64(sums, 1)));
+  }
+
+  // ---- products of words
+
+  static constexpr bool kTakesWords = true;
+
+  struct WordScales : Scales {
+    using Scales::Scales;
+
+    template <int kSub>
+    __m512i of() const {
+      constexpr auto kPlaces = static_cast<int>(0x80008000u | kSub << 16 | kSub);
+      return _mm512_shuffle_epi8(codes, halves<kPlaces, kPlaces + 0x00020002>());
+    }
+  };
+
+  using Words = __m512i;
+
+  static Words evenWords(Bytes codes, __m512i scales) {
+    return _mm512_maddubs_epi16(codes, scales);
+  }
+  static Words oddWords(Bytes codes, __m512i scales) {
+    return _mm512_maddubs_epi16(codes, _mm512_slli_epi16(scales, 8));
+  }
+  static Words allWords(int16_t word) { return _mm512_set1_epi16(word); }
+  static Words loadWords(const int16_t* at) { return loadBytes(at); }
+  static Words addedWords(Words a, Words b) { return _mm512_add_epi16(a, b); }
+
+  static Sums addWordProducts(Sums sums, Words words, Words inputs) {
+    return _mm512_dpwssd_epi32(sums, words, inputs);
   }
 };
 

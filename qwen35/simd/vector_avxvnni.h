@@ -49,9 +49,12 @@ struct AvxVnni : Avx2 {
 
   // Four products of a code below 32 and a limb fit 16 bits, so that the pair of words that they
   // fill is times the pair of the scale and what lies above it, 0.
-  static Sums addProducts(Sums sums, Bytes codes, const int8_t* limbs, __m256i scale) {
-    const __m256i fours = addBytes(_mm256_setzero_si256(), codes, loadBytes(limbs));
-    return addWords(sums, fours, scale);
+  template <int kSub>
+  static Sums addProducts(Sums sums, Bytes low, Bytes high, const int8_t* lowLimbs,
+                          const int8_t* highLimbs, const Scales& scales) {
+    const __m256i first = addBytes(_mm256_setzero_si256(), low, loadBytes(lowLimbs));
+    const __m256i second = addBytes(_mm256_setzero_si256(), high, loadBytes(highLimbs));
+    return addWords(addWords(sums, first, scales.of<kSub>()), second, scales.of<kSub + 1>());
   }
 };
 

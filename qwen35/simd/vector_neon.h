@@ -216,16 +216,6 @@ struct Neon {
     explicit Scales(const Codes& codes)
         : words(vreinterpretq_s16_u16(vmovl_u8(codes.scaleBytes))) {}
 
-    template <int kSub>
-    struct One {
-      int16x8_t words;
-    };
-
-    template <int kSub>
-    One<kSub> of() const {
-      return {words};
-    }
-
     int16x8_t words;
   };
 
@@ -236,10 +226,17 @@ struct Neon {
 
   static Sums zeroSums() { return {vdupq_n_s32(0), vdupq_n_s32(0)}; }
 
+  template <int kSub>
+  static Sums addProducts(Sums sums, Bytes low, Bytes high, const int8_t* lowLimbs,
+                          const int8_t* highLimbs, const Scales& scales) {
+    sums = addScaled<kSub>(sums, low, lowLimbs, scales);
+    return addScaled<kSub + 1>(sums, high, highLimbs, scales);
+  }
+
   // Codes below 32 are the same in signed bytes, and four products with limbs fit 16 bits. Words
   // are multiplied in half of the time of double words, on cores with one multiplier of integers.
   template <int kSub>
-  static Sums addProducts(Sums sums, Bytes codes, const int8_t* limbs, Scales::One<kSub> scale) {
+  static Sums addScaled(Sums sums, Bytes codes, const int8_t* limbs, const Scales& scale) {
     const int32x4_t none = vdupq_n_s32(0);
     const int32x4_t low = vdotq_s32(none, vreinterpretq_s8_u8(codes.low), vld1q_s8(limbs));
     const int32x4_t high = vdotq_s32(none, vreinterpretq_s8_u8(codes.high), vld1q_s8(limbs + 16));
@@ -249,6 +246,10 @@ struct Neon {
   }
 
   static F toFloats(Sums sums) { return {vcvtq_f32_s32(sums.low), vcvtq_f32_s32(sums.high)}; }
+
+  // Products of words go to lanes one by one here: they take as many instructions as those of
+  // bytes.
+  static constexpr bool kTakesWords = false;
 };
 
 }  // namespace

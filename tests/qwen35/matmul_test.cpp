@@ -28,6 +28,7 @@ using kel::QuantType;
 using kel::TensorView;
 using qwen35::Arithmetic;
 using qwen35::Context;
+using qwen35::InputWords;
 using qwen35::KernelTable;
 using qwen35::Matmul;
 using qwen35::MatmulInput;
@@ -375,14 +376,15 @@ class PreparedInput : public ::testing::Test {
       : x(randomFloats(kTokens * kCols, 14)),
         packed(kTokens * kCols, kUntouched),
         quantised(kTokens * kGroups),
-        finite(kTokens * kGroups, 2) {
+        finite(kTokens * kGroups, 2),
+        words(kTokens * kCols / qwen35::kChunk) {
     x[kCols + 1500] = std::numeric_limits<float>::infinity();
     const Weights tiles(QuantType::F32, 1, kCols, 15);
     const Weights quantisedRows(QuantType::Q4_K, 1, kCols, 16);
     const TensorView views[] = {tiles.view(), quantisedRows.view()};
     const Matmul users[] = {{&views[0], nullptr, 1}, {&views[1], nullptr, 1}};
     in = qwen35::matmulInput(x.data(), kTokens, kCols, Arithmetic::SingleToken, users,
-                             {packed.data(), quantised.data(), finite.data()});
+                             {packed.data(), quantised.data(), finite.data(), words.data()});
   }
 
   void expectFilled(const KernelTable& table) const {
@@ -400,6 +402,9 @@ class PreparedInput : public ::testing::Test {
         EXPECT_EQ(isFinite ? 1 : 0, finite[at]) << token << " " << g;
         if (isFinite) {
           expectGroup(table, token, g);
+          if (table.splitInput != nullptr) {
+            expectWords(token, g);
+          }
         }
       }
     }
@@ -409,6 +414,7 @@ class PreparedInput : public ::testing::Test {
   std::vector<float> packed;
   std::vector<QuantisedInput> quantised;
   std::vector<uint8_t> finite;
+  std::vector<InputWords> words;
   MatmulInput in;
 
  private:
@@ -429,6 +435,23 @@ class PreparedInput : public ::testing::Test {
     EXPECT_EQ(0, std::memcmp(expected.limbs, got.limbs, sizeof got.limbs)) << token << " " << g;
     EXPECT_EQ(sumsOf(expected), sumsOf(got)) << token << " " << g;
     EXPECT_TRUE(std::ranges::equal(expected.scales, got.scales)) << token << " " << g;
+  }
+
+  // Element i of a sub-block: the even ones first, then the odd ones.
+  void expectWords(size_t token, size_t g) const {
+    const size_t blocks = std::min<size_t>(4, kCols / qwen35::kChunk - 4 * g);
+    for (size_t b = 0; b < blocks; ++b) {
+      const InputWords& got = words[(4 * g + b) * kTokens + token];
+      for (size_t pair = 0; pair < 4; ++pair) {
+        const auto& limbs = quantised[token * kGroups + g].limbs[b][pair];
+        for (size_t i = 0; i < 64; ++i) {
+          const auto limb = [&](size_t p) { return limbs[p][i / 32][i % 32]; };
+          const size_t at = i / 32 * 16 + i % 32 / 2;
+          ASSERT_EQ(256 * limb(2) + limb(1) + 128, got.middle[pair][i % 2][at]) << b << " " << i;
+          ASSERT_EQ(limb(3), got.upper[pair][i % 2][at]) << b << " " << i;
+        }
+      }
+    }
   }
 };
 

@@ -8,6 +8,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -18,6 +19,7 @@
 namespace {
 
 using kel::QuantType;
+using qwen35::InputWords;
 using qwen35::KernelTable;
 using qwen35::QuantisedInput;
 using weight_rows::bits;
@@ -323,6 +325,124 @@ TEST(QuantisedProducts, OfAnyBitPatternAreTheSameBits) {
         EXPECT_EQ(expected, bits(dotProducts(*table, type, weights, x, 12)))
             << label(*table, type, seed);
       }
+    }
+  }
+}
+
+// Several inputs as the products of several take them, and each by itself.
+struct SeveralInputs {
+  std::vector<std::vector<QuantisedInput>> each;
+  std::vector<QuantisedInput> all;
+  std::vector<InputWords> words;
+};
+
+SeveralInputs severalInputs(const KernelTable& table,
+                            const std::vector<std::vector<QuantisedInput>>& each, size_t blocks) {
+  SeveralInputs out{each, {}, std::vector<InputWords>(blocks * each.size())};
+  for (size_t i = 0; i < each.size(); ++i) {
+    out.all.insert(out.all.end(), each[i].begin(), each[i].end());
+    for (size_t b = 0; b < blocks; ++b) {
+      table.splitInput(each[i][b / 4], b % 4, out.words[b * each.size() + i]);
+    }
+  }
+  return out;
+}
+
+void expectEachInputsSums(const KernelTable& table, QuantType type,
+                          const std::vector<std::vector<QuantisedInput>>& each,
+                          const std::vector<uint8_t>& weights, size_t rows, size_t cols) {
+  const SeveralInputs inputs = severalInputs(table, each, cols / kSuper);
+  std::vector<uint8_t> moved(weights.size() + 1);
+  std::copy(weights.begin(), weights.end(), moved.begin() + 1);
+  std::vector<float> out(rows * each.size() + 1, 12345.0f);
+  (type == QuantType::Q4_K ? table.severalQ4K : table.severalQ5K)(
+      moved.data() + 1, inputs.all.data(), inputs.words.data(), each.size(), out.data(), rows,
+      cols);
+  EXPECT_EQ(12345.0f, out.back()) << table.name;
+  for (size_t i = 0; i < each.size(); ++i) {
+    const std::vector<float> expected = dotProducts(scalar(), type, weights, each[i], rows, cols);
+    for (size_t r = 0; r < rows; ++r) {
+      EXPECT_EQ(bits(expected[r]), bits(out[r * each.size() + i]))
+          << label(table, type, cols) << " row " << r << " input " << i << " of " << each.size();
+    }
+  }
+}
+
+std::vector<const KernelTable*> tablesOfSeveralInputs() {
+  std::vector<const KernelTable*> tables = qwen35::testedTables();
+  std::erase_if(tables, [](const KernelTable* table) { return table->severalQ4K == nullptr; });
+  return tables;
+}
+
+// Around eight inputs, whose rows are unpacked once, sixteen rows, and sixteen super-blocks, a
+// span.
+TEST(QuantisedProducts, OfSeveralInputsAreThoseOfEach) {
+  for (const QuantType type : kQuantisedTypes) {
+    for (const auto& [nInputs, rows, blocks] : {std::tuple{1, 1, 1},
+                                                {2, 15, 3},
+                                                {3, 16, 5},
+                                                {5, 17, 16},
+                                                {8, 9, 17},
+                                                {9, 33, 10},
+                                                {17, 3, 33},
+                                                {2, 0, 4},
+                                                {4, 2, 0}}) {
+      const size_t cols = static_cast<size_t>(blocks) * kSuper;
+      std::vector<std::vector<QuantisedInput>> each;
+      for (int i = 0; i < nInputs; ++i) {
+        each.push_back(quantised(scalar(), randomFloats(cols, static_cast<uint32_t>(20 + i))));
+      }
+      const std::vector<uint8_t> weights = randomRows(type, static_cast<size_t>(rows), cols, 16);
+      for (const KernelTable* table : tablesOfSeveralInputs()) {
+        expectEachInputsSums(*table, type, each, weights, static_cast<size_t>(rows), cols);
+      }
+    }
+  }
+}
+
+TEST(QuantisedProducts, OfSeveralInputsOfAnyRangeAreThoseOfEach) {
+  constexpr size_t kCols = 5 * kSuper;
+  std::vector<std::vector<QuantisedInput>> each;
+  for (const std::vector<float>& x : inputs(kCols)) {
+    each.push_back(quantised(scalar(), x));
+  }
+  for (const QuantType type : kQuantisedTypes) {
+    for (uint32_t seed = 0; seed < 10; ++seed) {
+      const std::vector<uint8_t> weights = randomRows(type, 5, kCols, seed, Scales::AnyBits);
+      for (const KernelTable* table : tablesOfSeveralInputs()) {
+        expectEachInputsSums(*table, type, each, weights, 5, kCols);
+      }
+    }
+  }
+}
+
+// Limbs at their ends: the largest codes and scales with the largest limbs of one sign pass 2^31 in
+// a lane unless they are taken as what they are.
+TEST(QuantisedProducts, OfSeveralInputsWithExtremeLimbsAreThoseOfEach) {
+  std::vector<std::vector<QuantisedInput>> each;
+  for (const int8_t first : {int8_t{-128}, int8_t{127}, int8_t{-1}, int8_t{0}}) {
+    for (const int8_t second : {int8_t{-128}, int8_t{127}, int8_t{1}}) {
+      std::vector<QuantisedInput> input(1);
+      std::memset(static_cast<void*>(input.data()), 0, sizeof(QuantisedInput));
+      for (size_t b = 0; b < 4; ++b) {
+        input[0].scales[b] = 1.0f;
+        for (auto& pair : input[0].limbs[b]) {
+          std::memset(pair[1], first, sizeof pair[1]);
+          std::memset(pair[2], second, sizeof pair[2]);
+          std::memset(pair[3], b % 2 == 0 ? 127 : -128, sizeof pair[3]);
+        }
+      }
+      each.push_back(input);
+    }
+  }
+  for (const QuantType type : kQuantisedTypes) {
+    std::vector<uint8_t> weights(4 * weight_rows::blockBytes(type), 0xFF);
+    for (size_t b = 0; b < 4; ++b) {
+      weight_rows::put16(weights, b * weight_rows::blockBytes(type), kel::quant::f32ToF16(1.0f));
+      weight_rows::put16(weights, b * weight_rows::blockBytes(type) + 2, 0);
+    }
+    for (const KernelTable* table : tablesOfSeveralInputs()) {
+      expectEachInputsSums(*table, type, each, weights, 1, 4 * kSuper);
     }
   }
 }

@@ -225,20 +225,6 @@ struct Emulated {
       std::memcpy(scale, codes.scale, sizeof scale);
     }
 
-    // Of the sub-blocks of Bytes.
-    struct OfBytes {
-      int32_t scale[kSubBlocks];
-    };
-
-    template <int kSub>
-    OfBytes of() const {
-      OfBytes out;
-      for (size_t half = 0; half < kSubBlocks; ++half) {
-        out.scale[half] = scale[kSub + 2 * half];
-      }
-      return out;
-    }
-
     uint8_t scale[kSubBlocksOfBlock];
   };
 
@@ -248,12 +234,15 @@ struct Emulated {
 
   static Sums zeroSums() { return {}; }
 
-  static Sums addProducts(Sums sums, Bytes codes, const int8_t* limbs,
-                          typename Scales::OfBytes scale) {
+  template <int kSub>
+  static Sums addProducts(Sums sums, Bytes low, Bytes high, const int8_t* lowLimbs,
+                          const int8_t* highLimbs, const Scales& scales) {
     for (size_t half = 0; half < kSubBlocks; ++half) {
+      const size_t sub = kSub + 2 * half;
       for (size_t i = 0; i < kSubLen; ++i) {
-        const int32_t product = codes.code[half][i] * limbs[half * kSubLen + i];
-        sums.lane[half][i / 4] += scale.scale[half] * product;
+        const size_t at = half * kSubLen + i;
+        sums.lane[half][i / 4] += scales.scale[sub] * low.code[half][i] * lowLimbs[at] +
+                                  scales.scale[sub + 1] * high.code[half][i] * highLimbs[at];
       }
     }
     return sums;
@@ -267,6 +256,66 @@ struct Emulated {
       }
       return static_cast<float>(sum);
     });
+  }
+
+  // ---- products of words
+
+  static constexpr bool kTakesWords = kSubBlocks == 2;
+
+  struct WordScales : Scales {
+    using Scales::Scales;
+
+    template <int kSub>
+    Bytes of() const {
+      return eachCode(
+          [&](size_t half, size_t i) { return i % 2 == 0 ? this->scale[kSub + 2 * half] : 0; });
+    }
+  };
+
+  struct Words {
+    int16_t word[kSubBlocks][kSubLen / 2];
+  };
+
+  static Words evenWords(Bytes codes, Bytes scales) {
+    return eachWord(
+        [&](size_t half, size_t i) { return codes.code[half][2 * i] * scales.code[half][2 * i]; });
+  }
+  static Words oddWords(Bytes codes, Bytes scales) {
+    return eachWord([&](size_t half, size_t i) {
+      return codes.code[half][2 * i + 1] * scales.code[half][2 * i];
+    });
+  }
+  static Words allWords(int16_t word) {
+    return eachWord([&](size_t, size_t) { return word; });
+  }
+  static Words loadWords(const int16_t* at) {
+    return eachWord([&](size_t half, size_t i) { return at[half * (kSubLen / 2) + i]; });
+  }
+  static Words addedWords(Words a, Words b) {
+    return eachWord([&](size_t half, size_t i) { return a.word[half][i] + b.word[half][i]; });
+  }
+
+  // Sums on the way may pass 2^31 and come back.
+  static Sums addWordProducts(Sums sums, Words words, Words inputs) {
+    for (size_t half = 0; half < kSubBlocks; ++half) {
+      for (size_t i = 0; i < kSubLen / 2; ++i) {
+        const int32_t product = words.word[half][i] * inputs.word[half][i];
+        int32_t& lane = sums.lane[half][i / 2];
+        lane = static_cast<int32_t>(static_cast<uint32_t>(lane) + static_cast<uint32_t>(product));
+      }
+    }
+    return sums;
+  }
+
+  template <typename Value>
+  static Words eachWord(const Value& value) {
+    Words out;
+    for (size_t half = 0; half < kSubBlocks; ++half) {
+      for (size_t i = 0; i < kSubLen / 2; ++i) {
+        out.word[half][i] = static_cast<int16_t>(value(half, i));
+      }
+    }
+    return out;
   }
 
   // ---- loops
