@@ -34,7 +34,7 @@ inline void splitSuperBlock(const QuantisedInput& group, size_t block, InputWord
         const size_t at = half * kSubLen / 2 + i / 2;
         const int middle = limbs[2][half][i] * 256 + limbs[1][half][i] + kMiddleShift;
         words.middle[pair][i % 2][at] = static_cast<int16_t>(middle);
-        words.upper[pair][i % 2][at] = limbs[3][half][i];
+        words.upper[pair][i % 2][at] = static_cast<int16_t>(limbs[3][half][i]);
       }
     }
   }
