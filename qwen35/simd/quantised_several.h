@@ -32,9 +32,10 @@ inline void splitSuperBlock(const QuantisedInput& group, size_t block, InputWord
     for (size_t half = 0; half < 2; ++half) {
       for (size_t i = 0; i < kSubLen; ++i) {
         const size_t at = half * kSubLen / 2 + i / 2;
-        const int middle = limbs[2][half][i] * 256 + limbs[1][half][i] + kMiddleShift;
-        words.middle[pair][i % 2][at] = static_cast<int16_t>(middle);
-        words.upper[pair][i % 2][at] = static_cast<int16_t>(limbs[3][half][i]);
+        const int lower = limbs[2][half][i] * 256 + limbs[1][half][i];
+        const int upper = +limbs[3][half][i];
+        words.middle[pair][i % 2][at] = static_cast<int16_t>(lower + kMiddleShift);
+        words.upper[pair][i % 2][at] = static_cast<int16_t>(upper);
       }
     }
   }
