@@ -199,17 +199,18 @@ void addSuperBlock(const uint8_t* super, size_t stride, const InputBlocks& input
   }
 }
 
-// Inputs of one product, at most kInputsTogether of `all`.
+// Inputs [first, first + count) of one product, at most kInputsTogether.
 struct SeveralInputs {
-  const QuantisedInput* x;  // [count][groups]
-  const InputWords* words;  // [super-blocks][all], the first `count`
+  const QuantisedInput* x;  // [all][groups]
+  const InputWords* words;  // [super-blocks][all]
   size_t groups;
   size_t all;
+  size_t first;
   size_t count;
 
   InputBlocks at(size_t block) const {
-    return {x + block / kGroupSuperBlocks, groups, words + block * all, count,
-            block % kGroupSuperBlocks};
+    return {x + first * groups + block / kGroupSuperBlocks, groups, words + block * all + first,
+            count, block % kGroupSuperBlocks};
   }
 };
 
@@ -254,7 +255,7 @@ void severalRows(const void* weights, const QuantisedInput* x, const InputWords*
     const size_t nRows = rows - r < kRowsTogether ? rows - r : kRowsTogether;
     for (size_t i = 0; i < inputs; i += kInputsTogether) {
       const size_t count = inputs - i < kInputsTogether ? inputs - i : kInputsTogether;
-      const SeveralInputs taken{x + i * groups, words + i, groups, inputs, count};
+      const SeveralInputs taken{x, words, groups, inputs, i, count};
       severalTile<V, Format>(row, stride, nRows, blocks, taken, out + r * inputs + i);
     }
   }

@@ -386,7 +386,7 @@ TEST(QuantisedProducts, OfSeveralInputsAreThoseOfEach) {
                                                 {9, 33, 10},
                                                 {17, 3, 33},
                                                 {2, 0, 4},
-                                                {4, 2, 0}}) {
+                                                {9, 2, 0}}) {
       const size_t cols = static_cast<size_t>(blocks) * kSuper;
       std::vector<std::vector<QuantisedInput>> each;
       for (int i = 0; i < nInputs; ++i) {
