@@ -308,7 +308,7 @@ std::vector<float> weightedRows(Call call, const KernelTable& table) {
 }
 
 std::vector<float> deltaStepped(Call call, const KernelTable& table) {
-  const size_t keyDim = call.cols % kMaxDim;
+  const size_t keyDim = call.cols % kMaxDim + 1;  // no head is without keys
   const size_t valueDim = call.rows % kMaxDim;
   const float decay = call.source.number();
   const float beta = call.source.number();
