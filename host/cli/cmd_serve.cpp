@@ -160,6 +160,7 @@ HttpRoutes routesOf(const ApiServices& services, const Scheduler& scheduler,
     exchange->answer(200, kMetricsType,
                      metricsText(scheduler.statistics(), {.connections = server.connectionCount(),
                                                           .refusals = server.refusals(),
+                                                          .answers = server.answers(),
                                                           .residentBytes = memory.resident,
                                                           .mappedBytes = memory.file}));
   });

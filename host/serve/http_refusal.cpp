@@ -27,6 +27,16 @@ std::string refusalBody(const HttpRefusal& refusal, std::string_view path) {
       {refusal.status, refusal.message, {}, std::string(codeOf(refusal.reason.value()))}));
 }
 
+AnswerNumbers AnswerCounts::numbers() const {
+  AnswerNumbers numbers;
+  for (size_t status = 0; status < counts.size(); ++status) {
+    if (const uint64_t count = counts[status]; count > 0) {
+      numbers.emplace(static_cast<int>(status), count);
+    }
+  }
+  return numbers;
+}
+
 RefusalNumbers RefusalCounts::numbers() const {
   RefusalNumbers numbers{};
   std::copy(counts.begin(), counts.end(), numbers.begin());

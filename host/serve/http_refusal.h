@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -53,6 +54,20 @@ std::string refusalBody(const HttpRefusal& refusal, std::string_view path);
 
 // By reason.
 using RefusalNumbers = std::array<uint64_t, kRefusalReasons>;
+
+// By status.
+using AnswerNumbers = std::map<int, uint64_t>;
+
+// Any thread.
+class AnswerCounts {
+ public:
+  // A status of HTTP.
+  void add(int status) { ++counts[static_cast<size_t>(status) % counts.size()]; }
+  AnswerNumbers numbers() const;
+
+ private:
+  std::array<std::atomic<uint64_t>, 600> counts{};
+};
 
 // Any thread.
 class RefusalCounts {

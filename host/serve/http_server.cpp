@@ -123,6 +123,7 @@ class HttpServer::State {
   std::string url() const;
   size_t connectionCount() const { return watch.connectionCount(); }
   RefusalNumbers refusals() const { return refused.numbers(); }
+  AnswerNumbers answers() const { return answered.numbers(); }
 
  private:
   kel::Status startDaemon();
@@ -166,6 +167,7 @@ class HttpServer::State {
   std::string lateMessagesAnswer;
   HttpAddresses addresses;
   RefusalCounts refused;
+  AnswerCounts answered;
   HttpWatch watch;
   HttpWorker worker;
   MHD_Daemon* daemon = nullptr;
@@ -499,6 +501,7 @@ MHD_Result HttpServer::State::queue(MHD_Connection* polled, Connection& connecti
     add("Connection", "close");
   }
   connection.status = status;
+  answered.add(status);
   const MHD_Result result = MHD_queue_response(polled, static_cast<unsigned>(status), response);
   MHD_destroy_response(response);
   return result;
@@ -571,6 +574,10 @@ std::string HttpServer::url() const {
 
 RefusalNumbers HttpServer::refusals() const {
   return state->refusals();
+}
+
+AnswerNumbers HttpServer::answers() const {
+  return state->answers();
 }
 
 size_t HttpServer::connectionCount() const {

@@ -45,6 +45,8 @@ class HttpServer {
   size_t connectionCount() const;
   // Requests that no handler has answered, and connections that were closed unheard.
   RefusalNumbers refusals() const;
+  // All answers that were begun, by their status.
+  AnswerNumbers answers() const;
 
   // Listens no longer, refuses what still comes by open connections, and waits until the requests
   // at work have their answers; after grace the others are cut off. Exchanges may outlive it.

@@ -71,6 +71,10 @@ void writeOutcomes(const SchedulerStatistics& statistics, const RefusalNumbers& 
 std::string metricsText(const SchedulerStatistics& statistics, const ServerLoad& load) {
   Text text;
   writeOutcomes(statistics, load.refusals, text);
+  text.family("http_answers_total", "counter", "Answers to requests of any kind, by their status");
+  for (const auto& [status, count] : load.answers) {
+    text.sample(count, fmt::format("{{status=\"{}\"}}", status));
+  }
   text.counter("prompt_tokens_total", "Tokens of prompts that were read to their end",
                statistics.promptTokens);
   text.counter("cached_prompt_tokens_total", "Those of them that were in place before",

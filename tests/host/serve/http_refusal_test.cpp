@@ -96,6 +96,17 @@ TEST_F(HttpRefusalTest, WhatIsServedIsNoRefusal) {
   EXPECT_EQ(server.refusals(), RefusalNumbers{});
 }
 
+TEST_F(HttpRefusalTest, AnswersAreCountedByTheirStatus) {
+  start();
+  HttpClient caller = client();
+  for (const auto& [path, status] :
+       {std::pair{"/health", 200}, {"/nowhere", 404}, {"/health", 200}}) {
+    caller.ask("GET", path);
+    EXPECT_EQ(caller.read().status, status);
+  }
+  EXPECT_EQ(server.answers(), (AnswerNumbers{{200, 2}, {404, 1}}));
+}
+
 TEST_F(HttpRefusalTest, WhatIsNoHttpIsMalformed) {
   start();
   const std::string host = "Host: localhost\r\n";

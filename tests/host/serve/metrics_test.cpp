@@ -99,5 +99,16 @@ TEST(Metrics, RefusalsOfTheTransportAreOutcomesByTheirReason) {
   }
 }
 
+TEST(Metrics, AnswersAreToldByTheirStatus) {
+  ServerLoad load;
+  load.answers = {{200, 17}, {400, 3}};
+  const std::string text = metricsText({}, load);
+  for (const char* line :
+       {"# TYPE zym_http_answers_total counter\nzym_http_answers_total{status=\"200\"} 17\n",
+        "zym_http_answers_total{status=\"400\"} 3\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
+}
+
 }  // namespace
 }  // namespace zym
