@@ -15,7 +15,7 @@ constexpr const char* kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
 struct ServerLoad {
   size_t connections = 0;
   RefusalNumbers refusals{};
-  AnswerNumbers answers;
+  AnswerNumbers answers{};
   uint64_t residentBytes = 0;  // of the process
   uint64_t mappedBytes = 0;    // of these, of files: the model's weights
 };
