@@ -1,5 +1,5 @@
 // zym bench: how fast a model runs here, and how close to the memory's own speed.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <chrono>

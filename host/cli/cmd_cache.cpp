@@ -1,5 +1,5 @@
 // zym cache: the containers that were made from models of other forms.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <chrono>

@@ -1,5 +1,5 @@
 // zym convert: a container from a GGUF file or a checkpoint directory.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstdio>
 #include <filesystem>

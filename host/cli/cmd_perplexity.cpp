@@ -1,5 +1,5 @@
 // zym perplexity: how well a model foretells a text, and how far it is from a reference.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <memory>

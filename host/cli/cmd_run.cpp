@@ -1,5 +1,5 @@
 // zym run: completions, or chat turns, from the command line.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstdio>
 #include <functional>

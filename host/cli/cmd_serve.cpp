@@ -1,5 +1,5 @@
 // zym serve: the model behind the interfaces that programs speak to hosted ones, and a chat page.
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/stat.h>

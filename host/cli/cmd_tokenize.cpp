@@ -1,5 +1,5 @@
 // zym tokenize: the ids and pieces that a model reads a text as, and the text of ids.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstdint>
 #include <cstdio>

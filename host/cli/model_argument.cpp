@@ -1,6 +1,6 @@
 #include "host/cli/model_argument.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <array>
 #include <csignal>
