@@ -1,7 +1,7 @@
 // How the importers word and code their failures.
 #pragma once
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <string>
 #include <string_view>

@@ -1,6 +1,6 @@
 #include "convert/source_type.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstring>
 #include <iterator>

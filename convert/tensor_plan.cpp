@@ -1,5 +1,7 @@
 #include "convert/tensor_plan.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <set>
 #include <string_view>

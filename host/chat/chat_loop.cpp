@@ -1,6 +1,6 @@
 #include "host/chat/chat_loop.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "host/chat/open_failure.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
 // zym bench: how fast a model runs here, and how close to the memory's own speed.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <chrono>
@@ -299,31 +299,31 @@ int bench(const BenchOptions& options) {
 
 }  // namespace
 
-void addBench(CLI::App& program, Action& action) {
+void addBench(const Command& program, Action& action) {
   auto options = std::make_shared<BenchOptions>();
-  CLI::App* command = program.add_subcommand("bench", "Measure speed and memory");
-  options->model = addModel(*command, options->engine);
-  command->add_option("--repetitions", options->repetitions, "Runs to take the median of")
-      ->check(CLI::Range(1, 1000))
-      ->capture_default_str();
-  command->add_option("--prompt", options->prompt, "Positions of the prefill, framing and all")
-      ->check(CLI::Range(1, 262144))
-      ->capture_default_str();
-  command->add_option("--steps", options->steps, "Decode steps timed in each repetition")
-      ->check(CLI::Range(1, 4096))
-      ->capture_default_str();
+  const Command command = program.addCommand("bench", "Measure speed and memory");
+  options->model = addModel(command, options->engine);
+  command.addOption("--repetitions", options->repetitions, "Runs to take the median of")
+      .range(1, 1000)
+      .showDefault();
+  command.addOption("--prompt", options->prompt, "Positions of the prefill, framing and all")
+      .range(1, 262144)
+      .showDefault();
+  command.addOption("--steps", options->steps, "Decode steps timed in each repetition")
+      .range(1, 4096)
+      .showDefault();
   command
-      ->add_option("--at", options->at,
-                   "Measure decoding at this depth: with so many positions filled before "
-                   "(default: those of the prompt)")
-      ->check(CLI::Range(1, 262144))
-      ->type_name("N");
-  command->add_flag("--json", options->json, "One JSON object");
-  addExamples(*command,
+      .addOption("--at", options->at,
+                 "Measure decoding at this depth: with so many positions filled before "
+                 "(default: those of the prompt)")
+      .range(1, 262144)
+      .typeName("N");
+  command.addFlag("--json", options->json, "One JSON object");
+  addExamples(command,
               "  zym bench model.zym\n"
               "  zym bench model.zym --at 4000 --repetitions 3\n"
               "  zym bench model.zym --threads 2 --json");
-  command->callback([options, &action] {
+  command.onCall([options, &action] {
     action = onModel(options->model, options->engine.model, [options] { return bench(*options); });
   });
 }

@@ -1,5 +1,5 @@
 // zym cache: the containers that were made from models of other forms.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <chrono>
@@ -188,40 +188,39 @@ int clear(const ClearOptions& options) {
   return status;
 }
 
-void addList(CLI::App& cache, Action& action) {
+void addList(const Command& cache, Action& action) {
   auto json = std::make_shared<bool>(false);
-  CLI::App* command = cache.add_subcommand("list", "Show what is in the cache");
-  command->add_flag("--json", *json, "Everything as one JSON object");
-  addExamples(*command, "  zym cache list");
-  command->callback([json, &action] { action = [json] { return list(*json); }; });
+  const Command command = cache.addCommand("list", "Show what is in the cache");
+  command.addFlag("--json", *json, "Everything as one JSON object");
+  addExamples(command, "  zym cache list");
+  command.onCall([json, &action] { action = [json] { return list(*json); }; });
 }
 
-void addClear(CLI::App& cache, Action& action) {
+void addClear(const Command& cache, Action& action) {
   auto options = std::make_shared<ClearOptions>();
-  CLI::App* command =
-      cache.add_subcommand("clear", "Remove containers from the cache; the models stay");
-  command->add_option("MODEL", options->models, "Only those of these models (default: all)");
+  const Command command =
+      cache.addCommand("clear", "Remove containers from the cache; the models stay");
+  command.addOption("MODEL", options->models, "Only those of these models (default: all)");
   command
-      ->add_option("--older-than", options->olderThanDays,
-                   "Only those that were not used for so many days")
-      ->check(CLI::Range(0, 100'000))
-      ->type_name("DAYS");
-  addExamples(*command,
+      .addOption("--older-than", options->olderThanDays,
+                 "Only those that were not used for so many days")
+      .range(0, 100'000)
+      .typeName("DAYS");
+  addExamples(command,
               "  zym cache clear\n"
               "  zym cache clear model.gguf\n"
               "  zym cache clear --older-than 30");
-  command->callback([options, &action] { action = [options] { return clear(*options); }; });
+  command.onCall([options, &action] { action = [options] { return clear(*options); }; });
 }
 
 }  // namespace
 
-void addCache(CLI::App& program, Action& action) {
-  CLI::App* command = program.add_subcommand(
-      "cache", "Show or remove the containers made from GGUF files and folders");
-  command->require_subcommand(1);
-  addList(*command, action);
-  addClear(*command, action);
-  addExamples(*command,
+void addCache(const Command& program, Action& action) {
+  const Command command =
+      program.addGroup("cache", "Show or remove the containers made from GGUF files and folders");
+  addList(command, action);
+  addClear(command, action);
+  addExamples(command,
               "  zym cache list\n"
               "  zym cache clear --older-than 30");
 }

@@ -32,25 +32,25 @@ int chat(const ChatOptions& options) {
 
 }  // namespace
 
-void addChat(CLI::App& program, Action& action) {
+void addChat(const Command& program, Action& action) {
   auto options = std::make_shared<ChatOptions>();
-  CLI::App* command = program.add_subcommand("chat", "Talk with a model");
-  const auto model = addModel(*command, options->engine);
+  const Command command = program.addCommand("chat", "Talk with a model");
+  const auto model = addModel(command, options->engine);
   command
-      ->add_option("--session", options->loop.session,
-                   "Keep the conversation in a file, and take it up again where there is one")
-      ->type_name("FILE");
-  command->add_flag("--stats", options->loop.showsUse,
-                    "Show after every reply what it took: tokens, speed, positions");
-  addRaw(*command, options->engine.raw);
-  addReply(*command, options->engine);
-  addSampling(*command, options->engine.sampling);
-  addExamples(*command,
+      .addOption("--session", options->loop.session,
+                 "Keep the conversation in a file, and take it up again where there is one")
+      .typeName("FILE");
+  command.addFlag("--stats", options->loop.showsUse,
+                  "Show after every reply what it took: tokens, speed, positions");
+  addRaw(command, options->engine.raw);
+  addReply(command, options->engine);
+  addSampling(command, options->engine.sampling);
+  addExamples(command,
               "  zym chat model.zym\n"
               "  zym chat model.zym --session talk.zyms --system 'Be brief.'\n"
               "  zym chat model.zym --temperature 0.7 --top-k 40 --seed 1\n"
               "  printf 'Hello\\nWho are you?\\n' | zym chat model.zym --greedy");
-  command->callback([options, model, &action] {
+  command.onCall([options, model, &action] {
     action = onModel(model, options->engine.model, [options] { return chat(*options); });
   });
 }

@@ -102,16 +102,16 @@ int check(const CheckCommand& command, const ModelArgument& model) {
 
 }  // namespace
 
-void addCheck(CLI::App& program, Action& action) {
+void addCheck(const Command& program, Action& action) {
   auto chosen = std::make_shared<CheckCommand>();
-  CLI::App* command = program.add_subcommand("check", "Tell whether a model can be run");
-  const auto model = addModelArgument(*command);
-  command->add_flag("--full", chosen->full,
-                    "Look at every weight for values that are not finite, not at vectors alone");
-  addExamples(*command,
+  const Command command = program.addCommand("check", "Tell whether a model can be run");
+  const auto model = addModelArgument(command);
+  command.addFlag("--full", chosen->full,
+                  "Look at every weight for values that are not finite, not at vectors alone");
+  addExamples(command,
               "  zym check model.zym && zym chat model.zym\n"
               "  zym check model.zym --full");
-  command->callback([chosen, model, &action] {
+  command.onCall([chosen, model, &action] {
     action = onModel(model, chosen->file, [chosen, model] { return check(*chosen, *model); });
   });
 }

@@ -20,24 +20,24 @@ const std::map<std::string, Script>& scripts() {
 
 }  // namespace
 
-void addCompletion(CLI::App& program, Action& action) {
+void addCompletion(const Command& program, Action& action) {
   auto shell = std::make_shared<std::string>();
-  CLI::App* command =
-      program.add_subcommand("completion", "Print a shell's completion script for zym");
-  command->add_option("SHELL", *shell, "Whose script")
-      ->required()
-      ->type_name("bash|fish|zsh")
-      ->check([](const std::string& name) {
+  const Command command =
+      program.addCommand("completion", "Print a shell's completion script for zym");
+  command.addOption("SHELL", *shell, "Whose script")
+      .required()
+      .typeName("bash|fish|zsh")
+      .check([](const std::string& name) {
         return scripts().count(name) == 1
                    ? std::string()
                    : "\"" + name + "\" is no shell that it knows: bash, fish or zsh";
       });
-  addExamples(*command,
+  addExamples(command,
               "  zym completion fish >~/.config/fish/completions/zym.fish\n"
               "  source <(zym completion bash)");
-  command->callback([shell, &program, &action] {
-    action = [shell, &program] {
-      std::fputs(scripts().at(*shell)(commandLineOf(program)).c_str(), stdout);
+  command.onCall([shell, program, &action] {
+    action = [shell, program] {
+      std::fputs(scripts().at(*shell)(commandLineOf(program.parsed())).c_str(), stdout);
       return 0;
     };
   });

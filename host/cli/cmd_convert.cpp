@@ -1,5 +1,5 @@
 // zym convert: a container from a GGUF file or a checkpoint directory.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -14,6 +14,7 @@
 #include "host/cli/commands.h"
 #include "host/cli/threads.h"
 #include "host/inspect/conversion_report.h"
+#include "host/serve/lower_case.h"
 #include "host/terminal/interrupt.h"
 #include "host/terminal/progress.h"
 #include "host/terminal/terminal.h"
@@ -90,27 +91,26 @@ int convert(ConvertOptions options, const std::string& planFile) {
 
 // Adds an option of which find turns a word into a value, or into none when the word is unknown.
 template <typename Value>
-void addChoice(CLI::App& command, const std::string& option, const std::string& words,
-               const std::string& what, std::optional<Value> (*find)(std::string_view),
-               std::optional<Value>& chosen) {
-  command
-      .add_option_function<std::string>(
+Option addChoice(const Command& command, const std::string& option, const std::string& words,
+                 const std::string& what, std::optional<Value> (*find)(std::string_view),
+                 std::optional<Value>& chosen) {
+  return command
+      .addOptionFunction<std::string>(
           option,
           [=, &chosen](const std::string& word) {
             chosen = find(word);
             if (!chosen) {
-              throw CLI::ValidationError(
-                  fmt::format("{} is one of {}, not \"{}\"", option, words, word));
+              refuseUse(fmt::format("{} is one of {}, not \"{}\"", option, words, word));
             }
           },
           what)
-      ->type_name(words);
+      .typeName(words);
 }
 
 // As with types and presets, capitals count as small letters.
 std::optional<kel::convert::VocabularyForm> vocabularyFormByName(std::string_view word) {
   using kel::convert::VocabularyForm;
-  const std::string name = CLI::detail::to_lower(std::string(word));
+  const std::string name = lowerCase(word);
   if (name == "alphabet") {
     return VocabularyForm::Alphabet;
   }
@@ -128,43 +128,43 @@ struct ConvertCommand {
 
 }  // namespace
 
-void addConvert(CLI::App& program, Action& action) {
+void addConvert(const Command& program, Action& action) {
   constexpr const char* kTypes = "f32|bf16|q8_0|q5_k|q4_k";
   auto chosen = std::make_shared<ConvertCommand>();
   ConvertOptions& options = chosen->options;
-  CLI::App* command =
-      program.add_subcommand("convert", "Make a container from a GGUF file or a checkpoint folder");
-  command->add_option("SRC", options.source, "GGUF file, or folder with config.json")->required();
-  command->add_option("DST", options.target, "Container file to write (.zym)");
-  addChoice(*command, "--type", kTypes, "Type of all matrices (default: kept where possible)",
-            kel::convert::storageTypeByName, options.storage.type);
-  addChoice(*command, "--embedding-type", kTypes, "Type of the embedding",
+  const Command command =
+      program.addCommand("convert", "Make a container from a GGUF file or a checkpoint folder");
+  command.addOption("SRC", options.source, "GGUF file, or folder with config.json").required();
+  command.addOption("DST", options.target, "Container file to write (.zym)");
+  const Option type =
+      addChoice(command, "--type", kTypes, "Type of all matrices (default: kept where possible)",
+                kel::convert::storageTypeByName, options.storage.type);
+  addChoice(command, "--embedding-type", kTypes, "Type of the embedding",
             kel::convert::storageTypeByName, options.storage.embeddingType);
-  addChoice(*command, "--preset", "small|balanced|best|full", "Types by size, instead of --type",
-            kel::convert::presetByName, options.storage.preset);
-  command->get_option("--preset")->excludes("--type");
+  addChoice(command, "--preset", "small|balanced|best|full", "Types by size, instead of --type",
+            kel::convert::presetByName, options.storage.preset)
+      .excludes(type);
   command
-      ->add_option("--plan", chosen->planFile,
-                   "File of lines \"PATTERN TYPE\": the first that matches a tensor's name counts")
-      ->type_name("FILE");
-  addChoice(*command, "--vocab", "alphabet|raw",
+      .addOption("--plan", chosen->planFile,
+                 "File of lines \"PATTERN TYPE\": the first that matches a tensor's name counts")
+      .typeName("FILE");
+  addChoice(command, "--vocab", "alphabet|raw",
             "How tokens are stored: in the byte alphabet (default), or as bytes",
             vocabularyFormByName, chosen->vocabulary);
-  command->add_option("--name", options.name, "Name of the model (default: the source's)")
-      ->type_name("NAME");
-  command->add_flag("--keep-mtp", options.keepPrediction,
-                    "Keep the layer of multi-token prediction");
-  command->add_flag("--dry-run", options.dryRun,
-                    "Say what would be stored how, and write nothing; needs no DST");
-  command->add_flag("--force", options.force, "Replace DST where it exists");
-  addExamples(*command,
+  command.addOption("--name", options.name, "Name of the model (default: the source's)")
+      .typeName("NAME");
+  command.addFlag("--keep-mtp", options.keepPrediction, "Keep the layer of multi-token prediction");
+  command.addFlag("--dry-run", options.dryRun,
+                  "Say what would be stored how, and write nothing; needs no DST");
+  command.addFlag("--force", options.force, "Replace DST where it exists");
+  addExamples(command,
               "  zym convert model.gguf model.zym\n"
               "  zym convert checkpoint/ model.zym --preset balanced\n"
               "  zym convert checkpoint/ model.zym --type q8_0 --embedding-type bf16\n"
               "  zym convert checkpoint/ --plan types.plan --dry-run");
-  command->callback([chosen, &action] {
+  command.onCall([chosen, &action] {
     if (chosen->options.target.empty() && !chosen->options.dryRun) {
-      throw CLI::RequiredError("DST");
+      askFor("DST");
     }
     if (chosen->vocabulary) {
       chosen->options.vocabulary = *chosen->vocabulary;

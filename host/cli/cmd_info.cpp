@@ -48,18 +48,18 @@ int info(const InfoOptions& options) {
 
 }  // namespace
 
-void addInfo(CLI::App& program, Action& action) {
+void addInfo(const Command& program, Action& action) {
   auto options = std::make_shared<InfoOptions>();
-  CLI::App* command = program.add_subcommand("info", "Show what a model holds");
-  const auto model = addModelArgument(*command);
-  command->add_option("--tensors", options->pattern, "Only the tensors whose names match")
-      ->type_name("PATTERN");
-  command->add_flag("--json", options->json, "Everything as one JSON object");
-  addExamples(*command,
+  const Command command = program.addCommand("info", "Show what a model holds");
+  const auto model = addModelArgument(command);
+  command.addOption("--tensors", options->pattern, "Only the tensors whose names match")
+      .typeName("PATTERN");
+  command.addFlag("--json", options->json, "Everything as one JSON object");
+  addExamples(command,
               "  zym info model.zym\n"
               "  zym info model.zym --tensors 'blk.0.*'\n"
               "  zym info model.zym --json");
-  command->callback([options, model, &action] {
+  command.onCall([options, model, &action] {
     action = onModel(model, options->file, [options] { return info(*options); });
   });
 }

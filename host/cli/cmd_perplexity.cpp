@@ -1,5 +1,5 @@
 // zym perplexity: how well a model foretells a text, and how far it is from a reference.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <memory>
@@ -236,42 +236,43 @@ int perplexity(const PerplexityOptions& options) {
 
 }  // namespace
 
-void addPerplexity(CLI::App& program, Action& action) {
+void addPerplexity(const Command& program, Action& action) {
   auto options = std::make_shared<PerplexityOptions>();
-  CLI::App* command = program.add_subcommand(
+  const Command command = program.addCommand(
       "perplexity", "Measure how well a model foretells a text, or how far it is from another");
-  options->given = addModelArgument(*command);
-  command->add_option("FILE", options->file, "The text; \"-\": read it from standard input")
-      ->required();
+  options->given = addModelArgument(command);
+  command.addOption("FILE", options->file, "The text; \"-\": read it from standard input")
+      .required();
   command
-      ->add_option("--reference", options->givenReference->given,
-                   "Compare with this model, such as the same weights in a larger type")
-      ->type_name("MODEL");
-  auto* window = command
-                     ->add_option("--window", options->window,
-                                  "Tokens that are read into an empty context at a time (default: "
-                                  "2048, or as many as the model has room for)")
-                     ->check(CLI::Range(2, 262144))
-                     ->type_name("N");
+      .addOption("--reference", options->givenReference->given,
+                 "Compare with this model, such as the same weights in a larger type")
+      .typeName("MODEL");
+  const Option window =
+      command
+          .addOption("--window", options->window,
+                     "Tokens that are read into an empty context at a time (default: "
+                     "2048, or as many as the model has room for)")
+          .range(2, 262144)
+          .typeName("N");
   command
-      ->add_option("--stride", options->stride,
-                   "Tokens from one window to the next (default: half the window, so that what "
-                   "counts has half a window in front of it)")
-      ->check(CLI::Range(1, 262144))
-      ->type_name("N");
+      .addOption("--stride", options->stride,
+                 "Tokens from one window to the next (default: half the window, so that what "
+                 "counts has half a window in front of it)")
+      .range(1, 262144)
+      .typeName("N");
   command
-      ->add_option("--cache", options->cache,
-                   "Type of the attention caches; bf16 takes half the memory, and rounds")
-      ->transform(CLI::IsMember({"f32", "bf16"}, CLI::ignore_case))
-      ->type_name("f32|bf16");
-  command->add_flag("--json", options->json, "One JSON object");
-  addExamples(*command,
+      .addOption("--cache", options->cache,
+                 "Type of the attention caches; bf16 takes half the memory, and rounds")
+      .oneOf({"f32", "bf16"})
+      .typeName("f32|bf16");
+  command.addFlag("--json", options->json, "One JSON object");
+  addExamples(command,
               "  zym perplexity model.zym text.txt\n"
               "  zym perplexity model-q4.zym text.txt --reference model-bf16.zym\n"
               "  zym perplexity model.zym text.txt --window 512 --json");
-  command->callback([options, window, &action] {
-    if (window->count() > 0 && options->stride > options->window) {
-      throw CLI::ValidationError("--stride is at most --window");
+  command.onCall([options, window, &action] {
+    if (window.count() > 0 && options->stride > options->window) {
+      refuseUse("--stride is at most --window");
     }
     options->givenReference->withoutCache = options->given->withoutCache;
     Action perform = [options] { return perplexity(*options); };

@@ -1,5 +1,5 @@
 // zym run: completions, or chat turns, from the command line.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstdio>
 #include <functional>
@@ -165,41 +165,43 @@ int run(const RunOptions& options) {
 
 }  // namespace
 
-void addRun(CLI::App& program, Action& action) {
+void addRun(const Command& program, Action& action) {
   auto options = std::make_shared<RunOptions>();
-  CLI::App* command = program.add_subcommand("run", "Complete a text, or answer chat messages");
-  const auto model = addModel(*command, options->engine);
-  auto* input = command->add_option("INPUT", options->standardInput,
-                                    "\"-\": read the prompt from standard input");
-  input->type_name("")->check(checkInputWord);
+  const Command command = program.addCommand("run", "Complete a text, or answer chat messages");
+  const auto model = addModel(command, options->engine);
+  const Option input = command.addOption("INPUT", options->standardInput,
+                                         "\"-\": read the prompt from standard input");
+  input.typeName("").check(checkInputWord);
   // Each -p takes one word exactly as it stands on the command line: an option that is a list would
   // take the words after it as well, and split a text in brackets.
-  auto* prompt = command
-                     ->add_option_function<std::string>(
-                         "-p,--prompt",
-                         [options](const std::string& text) { options->prompts.push_back(text); },
-                         "Prompt; may be repeated: with --chat the turns of one conversation")
-                     ->type_name("TEXT")
-                     ->trigger_on_parse();
-  auto* file = command->add_option("-f,--file", options->file, "Read the prompt from a file")
-                   ->type_name("FILE");
-  auto* chat = command->add_flag("--chat", options->chat, "Frame each prompt as a chat message");
-  command->add_flag("--each", options->each,
-                    "With --chat: every prompt is a conversation of its own");
-  command->add_flag("--json", options->json, "One JSON object per reply");
-  addRaw(*command, options->engine.raw);
-  for (CLI::Option* option : addReply(*command, options->engine)) {
-    option->needs(chat);
+  const Option prompt =
+      command
+          .addOptionFunction<std::string>(
+              "-p,--prompt",
+              [options](const std::string& text) { options->prompts.push_back(text); },
+              "Prompt; may be repeated: with --chat the turns of one conversation")
+          .typeName("TEXT")
+          .repeatable();
+  const Option file =
+      command.addOption("-f,--file", options->file, "Read the prompt from a file").typeName("FILE");
+  const Option chat =
+      command.addFlag("--chat", options->chat, "Frame each prompt as a chat message");
+  command.addFlag("--each", options->each,
+                  "With --chat: every prompt is a conversation of its own");
+  command.addFlag("--json", options->json, "One JSON object per reply");
+  addRaw(command, options->engine.raw);
+  for (const Option& option : addReply(command, options->engine)) {
+    option.needs(chat);
   }
-  addSampling(*command, options->engine.sampling);
-  addExamples(*command,
+  addSampling(command, options->engine.sampling);
+  addExamples(command,
               "  zym run model.zym --chat -p 'Who are you?'\n"
               "  zym run model.zym --chat -p 'Hello' -p 'Who are you?' --json\n"
               "  zym run model.zym -f story.txt --temperature 0.8 --top-k 40 --seed 7\n"
               "  echo 'Once upon a time' | zym run model.zym -");
-  command->callback([options, model, prompt, file, input, &action] {
-    if (prompt->count() + file->count() + input->count() == 0) {
-      throw CLI::RequiredError("a prompt (-p TEXT, -f FILE or -)");
+  command.onCall([options, model, prompt, file, input, &action] {
+    if (prompt.count() + file.count() + input.count() == 0) {
+      askFor("a prompt (-p TEXT, -f FILE or -)");
     }
     action = onModel(model, options->engine.model, [options] { return run(*options); });
   });

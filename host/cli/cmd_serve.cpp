@@ -1,5 +1,5 @@
 // zym serve: the model behind the interfaces that programs speak to hosted ones, and a chat page.
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/random.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -262,13 +262,13 @@ int serve(ServeOptions& options) {
 }
 
 // A list of which every mention gives one.
-CLI::Option* addList(CLI::App& command, const char* name, const char* type, const char* what,
-                     std::vector<std::string>& list) {
+Option addList(const Command& command, const char* name, const char* type, const char* what,
+               std::vector<std::string>& list) {
   return command
-      .add_option_function<std::string>(
+      .addOptionFunction<std::string>(
           name, [&list](const std::string& word) { list.push_back(word); }, what)
-      ->type_name(type)
-      ->trigger_on_parse();
+      .typeName(type)
+      .repeatable();
 }
 
 // What is compared with headers must be as it stands there: another spelling would let nobody in.
@@ -286,121 +286,121 @@ std::string originFault(const std::string& origin) {
   return isOrigin || origin == "*" ? "" : origin + " is no origin, as https://example.org";
 }
 
-void addSeconds(CLI::App& command, const char* name, const char* what, milliseconds& time) {
+void addSeconds(const Command& command, const char* name, const char* what, milliseconds& time) {
   command
-      .add_option_function<unsigned>(
+      .addOptionFunction<unsigned>(
           name, [&time](unsigned count) { time = seconds(count); }, what)
-      ->check(CLI::Range(1, 86400))
-      ->type_name("SECONDS");
+      .range(1, 86400)
+      .typeName("SECONDS");
 }
 
-void addModelOptions(CLI::App& command, ServeOptions& options) {
+void addModelOptions(const Command& command, ServeOptions& options) {
   addList(command, "--name", "NAME",
           "Name that requests call the model by (default: that of its file); may be repeated",
           options.names);
   addContext(command, options.engine);
   command
-      .add_option("--parallel", options.parallel,
-                  "Conversations that are kept, and answered together (default: 4)")
-      ->check(CLI::Range(1, 64))
-      ->type_name("N");
+      .addOption("--parallel", options.parallel,
+                 "Conversations that are kept, and answered together (default: 4)")
+      .range(1, 64)
+      .typeName("N");
   command
-      .add_option("--queue", options.queueLength,
-                  "Requests that wait beyond those; further ones are refused (default: 64)")
-      ->check(CLI::Range(0, 100000))
-      ->type_name("N");
+      .addOption("--queue", options.queueLength,
+                 "Requests that wait beyond those; further ones are refused (default: 64)")
+      .range(0, 100000)
+      .typeName("N");
   command
-      .add_option_function<unsigned>(
+      .addOptionFunction<unsigned>(
           "--snapshots",
           [&options](unsigned mebibytes) { options.snapshotBytes = uint64_t{mebibytes} << 20; },
           "MiB of states that are remembered to go back to, of all conversations together, besides "
           "two of each (default: 1024)")
-      ->check(CLI::Range(0, 1 << 20))
-      ->type_name("MIB");
+      .range(0, 1 << 20)
+      .typeName("MIB");
   command
-      .add_option("--grace", options.graceSeconds,
-                  "Seconds that running replies have when the server ends (default: 30)")
-      ->check(CLI::Range(0, 86400))
-      ->type_name("SECONDS");
+      .addOption("--grace", options.graceSeconds,
+                 "Seconds that running replies have when the server ends (default: 30)")
+      .range(0, 86400)
+      .typeName("SECONDS");
 }
 
-void addReach(CLI::App& command, ServeOptions& options) {
+void addReach(const Command& command, ServeOptions& options) {
   command
-      .add_option("--address", options.http.address,
-                  "Address to listen at (default: 127.0.0.1, this machine alone)")
-      ->type_name("ADDRESS");
-  command.add_option("--port", options.http.port, "Port to listen at; 0: any (default: 8080)")
-      ->check(CLI::Range(0, 65535))
-      ->type_name("N");
-  auto* certificate = command
-                          .add_option("--cert", options.http.certFile,
-                                      "Certificate in PEM, with those that vouch for it: TLS")
-                          ->type_name("FILE");
-  auto* key =
-      command.add_option("--key", options.http.keyFile, "Its key in PEM")->type_name("FILE");
-  certificate->needs(key);
-  key->needs(certificate);
+      .addOption("--address", options.http.address,
+                 "Address to listen at (default: 127.0.0.1, this machine alone)")
+      .typeName("ADDRESS");
+  command.addOption("--port", options.http.port, "Port to listen at; 0: any (default: 8080)")
+      .range(0, 65535)
+      .typeName("N");
+  const Option certificate = command
+                                 .addOption("--cert", options.http.certFile,
+                                            "Certificate in PEM, with those that vouch for it: TLS")
+                                 .typeName("FILE");
+  const Option key =
+      command.addOption("--key", options.http.keyFile, "Its key in PEM").typeName("FILE");
+  certificate.needs(key);
+  key.needs(certificate);
   command
-      .add_option("--api-key-file", options.keyFile,
-                  "File of keys, one a line, of which callers have to show one")
-      ->type_name("FILE");
+      .addOption("--api-key-file", options.keyFile,
+                 "File of keys, one a line, of which callers have to show one")
+      .typeName("FILE");
   addList(command, "--host-name", "NAME",
           "Name of this server besides localhost and its address; may be repeated",
           options.policy.hostNames)
-      ->check(hostNameFault);
+      .check(hostNameFault);
   addList(command, "--cors", "ORIGIN",
           "Origin of pages elsewhere that may ask, as https://example.org; may be repeated",
           options.policy.origins)
-      ->check(originFault);
+      .check(originFault);
 }
 
-void addLimits(CLI::App& command, ServeOptions& options) {
+void addLimits(const Command& command, ServeOptions& options) {
   HttpLimits& limits = options.limits;
   command
-      .add_option("--connections", limits.connections,
-                  "Open connections at most; further ones wait (default: 4096)")
-      ->check(CLI::Range(1, 1000000))
-      ->type_name("N");
+      .addOption("--connections", limits.connections,
+                 "Open connections at most; further ones wait (default: 4096)")
+      .range(1, 1000000)
+      .typeName("N");
   command
-      .add_option("--connections-per-address", limits.perAddressConnections,
-                  "The same of one address; further ones are closed (default: 1024)")
-      ->check(CLI::Range(1, 1000000))
-      ->type_name("N");
+      .addOption("--connections-per-address", limits.perAddressConnections,
+                 "The same of one address; further ones are closed (default: 1024)")
+      .range(1, 1000000)
+      .typeName("N");
   command
-      .add_option_function<unsigned>(
+      .addOptionFunction<unsigned>(
           "--max-body",
           [&limits](unsigned mebibytes) {
             limits.bodyBytes = size_t{mebibytes} << 20;
             limits.bodiesBytes = std::max(limits.bodiesBytes, 4 * limits.bodyBytes);
           },
           "MiB of a request at most (default: 16)")
-      ->check(CLI::Range(1, 1024))
-      ->type_name("MIB");
+      .range(1, 1024)
+      .typeName("MIB");
   addSeconds(command, "--read-timeout",
              "For a request's head, and each 64 KiB of its body (default: 30)", limits.readTimeout);
   addSeconds(command, "--write-timeout",
              "For a caller to read some more of its answer (default: 30)", limits.writeTimeout);
-  command.add_flag("--quiet", options.isQuiet, "No line for every request");
-  command.add_flag("--log-prompts", options.http.logsBodies, "Log what people have written, too");
+  command.addFlag("--quiet", options.isQuiet, "No line for every request");
+  command.addFlag("--log-prompts", options.http.logsBodies, "Log what people have written, too");
 }
 
 }  // namespace
 
-void addServe(CLI::App& program, Action& action) {
+void addServe(const Command& program, Action& action) {
   auto options = std::make_shared<ServeOptions>();
   options->http.port = 8080;
-  CLI::App* command =
-      program.add_subcommand("serve", "Answer programs by HTTP, and people by a chat page");
-  const auto model = addModelArgument(*command);
-  addModelOptions(*command, *options);
-  addReach(*command, *options);
-  addLimits(*command, *options);
+  const Command command =
+      program.addCommand("serve", "Answer programs by HTTP, and people by a chat page");
+  const auto model = addModelArgument(command);
+  addModelOptions(command, *options);
+  addReach(command, *options);
+  addLimits(command, *options);
   addExamples(
-      *command,
+      command,
       "  zym serve model.zym\n"
       "  zym serve model.zym --parallel 8 --context 16384 --port 9000\n"
       "  zym serve model.zym --address 0.0.0.0 --api-key-file keys --cert c.pem --key k.pem");
-  command->callback([options, model, &action] {
+  command.onCall([options, model, &action] {
     action = onModel(model, options->engine.model, [options, model] {
       if (options->names.empty()) {
         options->names.push_back(nameOf(model->given));

@@ -1,5 +1,5 @@
 // zym tokenize: the ids and pieces that a model reads a text as, and the text of ids.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -185,39 +185,40 @@ int tokenize(const TokenizeOptions& options) {
 
 }  // namespace
 
-void addTokenize(CLI::App& program, Action& action) {
+void addTokenize(const Command& program, Action& action) {
   auto options = std::make_shared<TokenizeOptions>();
-  CLI::App* command =
-      program.add_subcommand("tokenize", "Show the tokens of a text, or the text of tokens");
-  const auto model = addModelArgument(*command);
-  auto* text =
-      command->add_option("TEXT", options->text, "The text; \"-\": read it from standard input");
-  text->type_name("");
-  auto* more = command->add_option("ID", options->moreIds, "With --ids: further ids");
-  more->type_name("");
-  auto* file = command->add_option("-f,--file", options->file, "Read the text from a file")
-                   ->type_name("FILE")
-                   ->excludes(text);
-  auto* ids = command->add_flag("--ids", options->ids, "The text is ids: show what they spell");
+  const Command command =
+      program.addCommand("tokenize", "Show the tokens of a text, or the text of tokens");
+  const auto model = addModelArgument(command);
+  const Option text =
+      command.addOption("TEXT", options->text, "The text; \"-\": read it from standard input");
+  text.typeName("");
+  const Option more = command.addOption("ID", options->moreIds, "With --ids: further ids");
+  more.typeName("");
+  const Option file = command.addOption("-f,--file", options->file, "Read the text from a file")
+                          .typeName("FILE")
+                          .excludes(text);
+  const Option ids =
+      command.addFlag("--ids", options->ids, "The text is ids: show what they spell");
   command
-      ->add_flag("--plugin-rules", options->pluginRules,
-                 "The tokens that a runtime library reads, by the container format's rules")
-      ->excludes(ids);
-  command->add_flag("--json", options->json, "One JSON object");
-  addRaw(*command, options->raw);
-  addExamples(*command,
+      .addFlag("--plugin-rules", options->pluginRules,
+               "The tokens that a runtime library reads, by the container format's rules")
+      .excludes(ids);
+  command.addFlag("--json", options->json, "One JSON object");
+  addRaw(command, options->raw);
+  addExamples(command,
               "  zym tokenize model.zym 'Hello there'\n"
               "  zym tokenize model.zym --raw '<|im_start|>user'\n"
               "  zym tokenize model.zym --plugin-rules -f main.cpp\n"
               "  zym tokenize model.zym -f story.txt --json\n"
               "  zym tokenize model.zym --ids 9707 1052");
-  command->callback([options, model, text, more, file, &action] {
-    if (text->count() + file->count() == 0) {
-      throw CLI::RequiredError("a text (TEXT, -f FILE or -)");
+  command.onCall([options, model, text, more, file, &action] {
+    if (text.count() + file.count() == 0) {
+      askFor("a text (TEXT, -f FILE or -)");
     }
-    if (more->count() > 0 && !options->ids) {
-      throw CLI::ValidationError("\"" + options->moreIds.front() +
-                                 "\" is one word too many; put the whole text in quotes");
+    if (more.count() > 0 && !options->ids) {
+      refuseUse("\"" + options->moreIds.front() +
+                "\" is one word too many; put the whole text in quotes");
     }
     action = onModel(model, options->model, [options] { return tokenize(*options); });
   });

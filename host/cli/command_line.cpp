@@ -1,5 +1,7 @@
 #include "host/cli/command_line.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <array>
 

@@ -1,11 +1,13 @@
 // What may be typed after `zym`, read off the options that the program parses with.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 #include <string_view>
 #include <vector>
+
+namespace CLI {
+class App;
+}  // namespace CLI
 
 namespace zym {
 

@@ -7,57 +7,57 @@
 namespace zym {
 namespace {
 
-CLI::Option* addSetting(CLI::App& command, const char* name, const char* what, Sampling& sampling) {
+Option addSetting(const Command& command, const char* name, const char* what, Sampling& sampling) {
   return command
-      .add_option_function<std::string>(
+      .addOptionFunction<std::string>(
           std::string("--") + name,
           [name, &sampling](const std::string& value) {
             const kel::Status status = setSampling(name, value, sampling);
             if (!status.ok()) {
-              throw CLI::ValidationError(status.message);
+              refuseUse(status.message);
             }
           },
           what)
-      ->type_name("VALUE");
+      .typeName("VALUE");
 }
 
-void addStop(CLI::App& command, EngineOptions& options) {
+void addStop(const Command& command, EngineOptions& options) {
   command
-      .add_option_function<std::string>(
+      .addOptionFunction<std::string>(
           "--stop",
           [&options](const std::string& text) {
             if (text.empty()) {
-              throw CLI::ValidationError("--stop: an empty text ends nothing");
+              refuseUse("--stop: an empty text ends nothing");
             }
             options.stops.push_back(text);
           },
           "Text that ends a reply and is no part of it; may be repeated")
-      ->type_name("TEXT")
-      ->trigger_on_parse();
+      .typeName("TEXT")
+      .repeatable();
 }
 
 }  // namespace
 
-std::shared_ptr<ModelArgument> addModel(CLI::App& command, EngineOptions& options) {
+std::shared_ptr<ModelArgument> addModel(const Command& command, EngineOptions& options) {
   auto model = addModelArgument(command);
   command
-      .add_option("--plugin", options.plugin,
-                  "Runtime library to use instead of the program's own engine (else ZYM_PLUGIN)")
-      ->type_name("FILE");
+      .addOption("--plugin", options.plugin,
+                 "Runtime library to use instead of the program's own engine (else ZYM_PLUGIN)")
+      .typeName("FILE");
   return model;
 }
 
-void addSampling(CLI::App& command, Sampling& sampling) {
-  auto* temperature =
+void addSampling(const Command& command, Sampling& sampling) {
+  const Option temperature =
       addSetting(command, "temperature",
                  "Randomness; 0 takes the best token always (default of this and the following: "
                  "what the model's makers recommend)",
                  sampling);
   command
-      .add_flag_callback(
+      .addFlagFunction(
           "--greedy", [&sampling] { sampling.temperature = 0.0F; },
           "Take the best token always: temperature 0")
-      ->excludes(temperature);
+      .excludes(temperature);
   addSetting(command, "top-k", "Sample among this many best tokens", sampling);
   addSetting(command, "top-p",
              "Sample among the fewest best tokens with this share of the probability; 1: among all",
@@ -76,59 +76,59 @@ void addSampling(CLI::App& command, Sampling& sampling) {
   addSetting(command, "logit-bias",
              "Added to the score of a token, -100 to 100, or -inf, which bans it; may be repeated",
              sampling)
-      ->type_name("ID=VALUE")
-      ->trigger_on_parse();
+      .typeName("ID=VALUE")
+      .repeatable();
   addSetting(command, "seed", "Start of the random numbers, or \"random\", the default", sampling);
 }
 
-void addContext(CLI::App& command, EngineOptions& options) {
+void addContext(const Command& command, EngineOptions& options) {
   command
-      .add_option("--context", options.positions,
-                  "Positions of the context, at most the model's own (default: those, at most "
-                  "32768)")
-      ->check(CLI::Range(int64_t{1}, int64_t{1} << 31))
-      ->type_name("N");
+      .addOption("--context", options.positions,
+                 "Positions of the context, at most the model's own (default: those, at most "
+                 "32768)")
+      .range(int64_t{1}, int64_t{1} << 31)
+      .typeName("N");
   command
-      .add_option_function<std::string>(
+      .addOptionFunction<std::string>(
           "--cache",
           [&options](const std::string& type) {
             if (type != "f32" && type != "bf16") {
-              throw CLI::ValidationError("--cache is one of f32|bf16, not \"" + type + "\"");
+              refuseUse("--cache is one of f32|bf16, not \"" + type + "\"");
             }
             options.cache = type;
           },
           "Type of the attention caches: bf16 takes half of the memory of f32, the default")
-      ->type_name("f32|bf16");
+      .typeName("f32|bf16");
 }
 
-ConversationOptions addReply(CLI::App& command, EngineOptions& options) {
+ConversationOptions addReply(const Command& command, EngineOptions& options) {
   command
-      .add_option("--max-tokens", options.maxTokens,
-                  "Tokens of a reply at most (default: as many as the context has room for)")
-      ->check(CLI::Range(1, 262144))
-      ->type_name("N");
+      .addOption("--max-tokens", options.maxTokens,
+                 "Tokens of a reply at most (default: as many as the context has room for)")
+      .range(1, 262144)
+      .typeName("N");
   addStop(command, options);
   addContext(command, options);
-  auto* system =
-      command.add_option("--system", options.system, "System message in front of the conversation")
-          ->type_name("TEXT");
-  auto* think = command.add_flag_callback(
+  const Option system =
+      command.addOption("--system", options.system, "System message in front of the conversation")
+          .typeName("TEXT");
+  const Option think = command.addFlagFunction(
       "--think", [&options] { options.thinking = true; },
       "Let the model think before it answers (default of models from 4B up)");
-  auto* noThink = command
-                      .add_flag_callback(
-                          "--no-think", [&options] { options.thinking = false; },
-                          "Let the model answer at once (default of smaller models)")
-                      ->excludes(think);
+  const Option noThink = command
+                             .addFlagFunction(
+                                 "--no-think", [&options] { options.thinking = false; },
+                                 "Let the model answer at once (default of smaller models)")
+                             .excludes(think);
   return {system, think, noThink};
 }
 
-void addRaw(CLI::App& command, bool& raw) {
-  command.add_flag("--raw", raw, "Let special tokens in the text take effect");
+void addRaw(const Command& command, bool& raw) {
+  command.addFlag("--raw", raw, "Let special tokens in the text take effect");
 }
 
-void addExamples(CLI::App& command, const std::string& lines) {
-  command.footer("Examples:\n" + lines);
+void addExamples(const Command& command, const std::string& lines) {
+  command.setFooter("Examples:\n" + lines);
 }
 
 }  // namespace zym

@@ -1,6 +1,6 @@
 #include "host/cli/model_argument.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <array>
 #include <csignal>
@@ -155,12 +155,12 @@ int openModel(const ModelArgument& model, TemporaryContainer& temporary, std::st
 
 }  // namespace
 
-std::shared_ptr<ModelArgument> addModelArgument(CLI::App& command) {
+std::shared_ptr<ModelArgument> addModelArgument(const Command& command) {
   auto model = std::make_shared<ModelArgument>();
-  command.add_option("MODEL", model->given, "Container (.zym), GGUF file or checkpoint folder")
-      ->required();
-  command.add_flag("--no-cache", model->withoutCache,
-                   "Keep no container of a GGUF file or folder: convert it for this run alone");
+  command.addOption("MODEL", model->given, "Container (.zym), GGUF file or checkpoint folder")
+      .required();
+  command.addFlag("--no-cache", model->withoutCache,
+                  "Keep no container of a GGUF file or folder: convert it for this run alone");
   return model;
 }
 

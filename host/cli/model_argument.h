@@ -1,8 +1,6 @@
 // The word MODEL of the commands: whatever it names, they see a container.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <memory>
 #include <string>
 
@@ -16,7 +14,7 @@ struct ModelArgument {
 };
 
 // Adds MODEL and --no-cache.
-std::shared_ptr<ModelArgument> addModelArgument(CLI::App& command);
+std::shared_ptr<ModelArgument> addModelArgument(const Command& command);
 
 // What opens MODEL, sets container to the path of a container of it, and then carries out the
 // command. A GGUF file or a checkpoint folder is converted unless the cache has its container;

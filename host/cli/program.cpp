@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 #include <langinfo.h>
+#include <CLI/CLI.hpp>
 
 #include <clocale>
 #include <cstdio>
@@ -80,17 +81,18 @@ void hideTypesOfPositionals(CLI::App& program) {
 
 }  // namespace
 
-void addCommands(CLI::App& program, Action& action) {
-  program.set_version_flag("--version", versionText);
-  program.require_subcommand(1);
-  program.fallthrough();
+void addCommands(CLI::App& parsed, Action& action) {
+  parsed.set_version_flag("--version", versionText);
+  parsed.require_subcommand(1);
+  parsed.fallthrough();
+  const Command program(parsed);
   program
-      .add_option_function<int>("--threads", setThreads,
-                                "Threads to compute with, at most the processors that it may use "
-                                "(default: OMP_NUM_THREADS, else one for each physical core)")
-      ->check(CLI::Range(1, 1024))
-      ->type_name("N")
-      ->trigger_on_parse();
+      .addOptionFunction<int>("--threads", setThreads,
+                              "Threads to compute with, at most the processors that it may use "
+                              "(default: OMP_NUM_THREADS, else one for each physical core)")
+      .range(1, 1024)
+      .typeName("N")
+      .repeatable();
   addChat(program, action);
   addRun(program, action);
   addServe(program, action);
@@ -106,7 +108,7 @@ void addCommands(CLI::App& program, Action& action) {
               "  zym chat model.gguf\n"
               "  zym convert model.gguf model.zym\n"
               "  zym COMMAND --help");
-  hideTypesOfPositionals(program);
+  hideTypesOfPositionals(parsed);
 }
 
 int runProgram(int argc, const char* const* argv) {

@@ -1,6 +1,6 @@
 #include "host/cli/threads.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <climits>

@@ -1,6 +1,6 @@
 #include "host/cli/token_ids.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <charconv>

@@ -1,9 +1,12 @@
 // What is wrong with a command line, for people.
 #pragma once
 
-#include <CLI/CLI.hpp>
-
 #include <string>
+
+namespace CLI {
+class App;
+class ParseError;
+}  // namespace CLI
 
 namespace zym {
 

@@ -1,6 +1,6 @@
 #include "host/inspect/container_check.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "host/inspect/damage_check.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <optional>

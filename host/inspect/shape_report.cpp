@@ -1,6 +1,6 @@
 #include "host/inspect/shape_report.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <iterator>

@@ -1,6 +1,6 @@
 #include "host/inspect/value_check.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <atomic>

@@ -1,6 +1,6 @@
 #include "host/measure/bench_measure.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <charconv>

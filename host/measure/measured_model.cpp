@@ -1,6 +1,6 @@
 #include "host/measure/measured_model.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <chrono>

@@ -1,7 +1,7 @@
 #include "host/models/conversion_cache.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,7 +1,7 @@
 #include "host/models/temporary_container.h"
 
 #include <fcntl.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>

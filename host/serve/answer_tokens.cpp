@@ -1,6 +1,6 @@
 #include "host/serve/answer_tokens.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <utility>

@@ -1,6 +1,6 @@
 #include "host/serve/api_output.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <utility>
 

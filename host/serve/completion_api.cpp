@@ -1,6 +1,6 @@
 #include "host/serve/completion_api.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <charconv>
 #include <utility>

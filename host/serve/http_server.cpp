@@ -1,6 +1,6 @@
 #include "host/serve/http_server.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 #include <microhttpd.h>
 #include <sys/socket.h>
 #include <unistd.h>

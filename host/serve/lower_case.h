@@ -1,4 +1,4 @@
-// Names of hosts and headers, which mean the same in any case.
+// Names of hosts, headers and choices, which mean the same in any case.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
 // The request of POST /v1/messages.
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <array>
 #include <optional>

@@ -1,6 +1,6 @@
 #include "host/serve/metrics.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <string_view>
 

@@ -1,7 +1,7 @@
 #include "host/serve/model_list_api.h"
 
 #include <fmt/chrono.h>
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <ctime>
 #include <string>

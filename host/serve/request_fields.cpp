@@ -1,6 +1,6 @@
 #include "host/serve/request_fields.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <array>
 #include <charconv>

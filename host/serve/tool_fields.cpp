@@ -1,6 +1,6 @@
 #include "host/serve/tool_fields.h"
 
-#include <fmt/format.h>
+#include <fmt/core.h>
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,6 @@
 // The manual page and docs/zym.md against the options that the program really takes.
 #include <gtest/gtest.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <fstream>
