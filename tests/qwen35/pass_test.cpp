@@ -153,8 +153,11 @@ class PassOnThreads : public ::testing::Test {
 
 TEST_F(PassOnThreads, AndWithEveryInstructionSetGivesTheSameBits) {
   const Tokens tokens = prompt(kInstrumented ? 3 : 5);
-  const std::vector<size_t> threadCounts =
-      kInstrumented ? std::vector<size_t>{3} : std::vector<size_t>{1, 2, 3, 7};
+  // Every table with every number of threads would be the same twice over.
+  const auto threadCounts = [](const qwen35::KernelTable* table) {
+    const bool all = !kInstrumented && table == qwen35::supportedKernels().back();
+    return all ? std::vector<size_t>{1, 2, 3, 7} : std::vector<size_t>{3};
+  };
   for (const Arithmetic arithmetic : {Arithmetic::SingleToken, Arithmetic::Batch}) {
     Handle reference(mixedModel().path, kTokens);
     std::vector<float> logits;
@@ -163,7 +166,7 @@ TEST_F(PassOnThreads, AndWithEveryInstructionSetGivesTheSameBits) {
     const Bits expectedLogits = bits(logits);
     const std::vector<Bits> expectedState = stateOf(reference.model);
     for (const qwen35::KernelTable* table : qwen35::supportedKernels()) {
-      for (const size_t threads : threadCounts) {
+      for (const size_t threads : threadCounts(table)) {
         omp_set_num_threads(static_cast<int>(threads));
         Handle handle(mixedModel().path, kTokens);
         const Bits hidden =

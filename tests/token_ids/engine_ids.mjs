@@ -10,7 +10,7 @@ import { join } from "node:path";
 
 import { packageEncoders } from "./package_encoder.mjs";
 
-const kRandomTexts = 100000;
+const kRandomTexts = 20000;
 const kShownDifferences = 10;
 const [encodeLines, zym, corpus, sources, work] = process.argv.slice(2);
 const { full, plain } = packageEncoders();
