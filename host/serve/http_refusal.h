@@ -1,4 +1,5 @@
-// What the transport itself answers a request that no handler gets to see.
+// What the transport itself answers a request that no handler gets to see, and the counts of that
+// and of all answers.
 #pragma once
 
 #include <array>
