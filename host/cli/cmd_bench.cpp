@@ -44,10 +44,12 @@ struct BenchOptions {
 struct BenchReport {
   double createSeconds = 0;
   ModelWork work;
-  bool fitsCaches = false;            // weights that need not come from memory
-  double bandwidth = 0;               // bytes a second
-  double multiplyPeak = 0;            // multiply-adds a second
-  std::vector<double> prefillSpeeds;  // tokens a second, one for each repetition
+  bool fitsCaches = false;             // weights that need not come from memory
+  std::vector<double> bandwidths;      // bytes a second, beside the repetitions
+  std::vector<double> readShares;      // of them, that decoding reaches
+  std::vector<double> multiplyPeaks;   // multiply-adds a second, beside the repetitions
+  std::vector<double> multiplyShares;  // of them, that the prefill's products reach
+  std::vector<double> prefillSpeeds;   // tokens a second, one for each repetition
   std::vector<double> decodeSpeeds;
   uint64_t prefillPositions = 0;
   uint64_t decodeDepth = 0;  // positions filled before the decode steps
@@ -123,64 +125,89 @@ class BenchProgress {
   uint64_t begun = 0;
 };
 
-Status measureOnce(MeasuredModel& measured, const BenchOptions& options, BenchProgress& progress,
-                   BenchReport& report) {
+// The machine's limits, beside which the repetitions are measured.
+struct Limits {
+  ShareOfLimit reads;       // bytes a second
+  ShareOfLimit multiplies;  // multiply-adds a second
+};
+
+size_t probedBytes() {
+  return bandwidthBufferBytes(lastLevelCacheBytes(), memoryBytes());
+}
+
+Status prefillOnce(MeasuredModel& measured, const BenchOptions& options, BenchProgress& progress,
+                   ShareOfLimit& multiplies, BenchReport& report) {
   PrefillRun prefill;
-  Status status = measured.prefill(options.prompt, prefill, progress.next(options.prompt));
+  multiplies.beforeMeasurement();
+  const Status status = measured.prefill(options.prompt, prefill, progress.next(options.prompt));
   if (!status.ok()) {
     return status;
   }
+  const double speed = static_cast<double>(prefill.positions) / prefill.seconds;
+  multiplies.afterMeasurement(speed * static_cast<double>(report.work.multiplyAddsPerPrefillToken));
+  report.prefillSpeeds.push_back(speed);
   report.prefillPositions = prefill.positions;
-  report.prefillSpeeds.push_back(static_cast<double>(prefill.positions) / prefill.seconds);
-  if (options.at > 0) {
-    status = measured.prefill(options.at, prefill, progress.next(options.at));
-  }
-  if (!status.ok()) {
-    return status;
-  }
   report.decodeDepth = prefill.positions;
+  return status;
+}
+
+// Weights that the caches hold have no limit of reads.
+Status decodeOnce(MeasuredModel& measured, const BenchOptions& options, BenchProgress& progress,
+                  ShareOfLimit& reads, BenchReport& report) {
   std::vector<double> stepMs;
-  status =
+  if (!report.fitsCaches) {
+    reads.beforeMeasurement();
+  }
+  const Status status =
       measured.decode(decodeDepth(options), options.steps, stepMs, progress.next(options.steps));
   if (status.ok() && stepMs.empty()) {
     return Status::invalid("the model gives no text to measure");
   }
+  if (!status.ok()) {
+    return status;
+  }
+  const double speed = 1000 / spreadOf(stepMs).median;
+  if (!report.fitsCaches) {
+    reads.afterMeasurement(speed * static_cast<double>(report.work.weightBytes));
+  }
+  report.decodeSpeeds.push_back(speed);
+  return status;
+}
+
+Status measureOnce(MeasuredModel& measured, const BenchOptions& options, BenchProgress& progress,
+                   Limits& limits, BenchReport& report) {
+  Status status = prefillOnce(measured, options, progress, limits.multiplies, report);
+  if (status.ok() && options.at > 0) {
+    PrefillRun prefill;
+    status = measured.prefill(options.at, prefill, progress.next(options.at));
+    report.decodeDepth = prefill.positions;
+  }
   if (status.ok()) {
-    report.decodeSpeeds.push_back(1000 / spreadOf(stepMs).median);
+    status = decodeOnce(measured, options, progress, limits.reads, report);
   }
   return status;
 }
 
 Status measureRepeatedly(MeasuredModel& measured, const BenchOptions& options,
                          BenchReport& report) {
+  const size_t bufferBytes = probedBytes();
+  const auto probeReads = [&] { return readBandwidth(bufferBytes, report.threads); };
+  Limits limits{ShareOfLimit(probeReads),
+                ShareOfLimit([&] { return multiplyPeak(report.threads, report.kernels); })};
   BenchProgress progress(options);
   Status status = measured.warmUp();
   for (int i = 0; status.ok() && i < options.repetitions; ++i) {
-    status = measureOnce(measured, options, progress, report);
+    status = measureOnce(measured, options, progress, limits, report);
   }
+  if (!status.ok()) {
+    return status;
+  }
+  report.memory = memoryUse();
+  report.bandwidths = report.fitsCaches ? std::vector<double>{probeReads()} : limits.reads.limits();
+  report.readShares = limits.reads.shares();
+  report.multiplyPeaks = limits.multiplies.limits();
+  report.multiplyShares = limits.multiplies.shares();
   return status;
-}
-
-// Bytes of weights that decoding reads in a second.
-double decodeReads(const BenchReport& report) {
-  return spreadOf(report.decodeSpeeds).median * static_cast<double>(report.work.weightBytes);
-}
-
-// Multiply-adds that the prefill's products do in a second.
-double prefillMultiplies(const BenchReport& report) {
-  return spreadOf(report.prefillSpeeds).median *
-         static_cast<double>(report.work.multiplyAddsPerPrefillToken);
-}
-
-// After the measurements, so that a repeated probe meets the machine as they did.
-void probeMachine(BenchReport& report) {
-  const uint64_t cacheBytes = lastLevelCacheBytes();
-  const size_t bufferBytes = bandwidthBufferBytes(cacheBytes, memoryBytes());
-  report.fitsCaches = report.work.weightBytes <= cacheBytes;
-  const auto probeReads = [&] { return readBandwidth(bufferBytes, report.threads); };
-  report.bandwidth = report.fitsCaches ? probeReads() : limitAbove(decodeReads(report), probeReads);
-  report.multiplyPeak = limitAbove(prefillMultiplies(report),
-                                   [&] { return multiplyPeak(report.threads, report.kernels); });
 }
 
 Status measure(const BenchOptions& options, BenchReport& report) {
@@ -194,38 +221,34 @@ Status measure(const BenchOptions& options, BenchReport& report) {
   if (status.ok()) {
     status = checkSizes(*measured, options);
   }
-  if (status.ok()) {
-    status = measureRepeatedly(*measured, options, report);
-  }
   if (!status.ok()) {
     return status;
   }
-  report.memory = memoryUse();
-  probeMachine(report);
-  return status;
+  report.fitsCaches = report.work.weightBytes <= lastLevelCacheBytes();
+  return measureRepeatedly(*measured, options, report);
 }
 
-// Part of the machine's read bandwidth that decoding reaches. Without a value when the weights fit
-// the caches: they need not come from memory.
-std::optional<double> bandwidthShare(const BenchReport& report) {
-  if (report.fitsCaches || report.bandwidth <= 0) {
-    return std::nullopt;
+// Without a value where nothing was found.
+std::optional<double> medianOf(const std::vector<double>& values) {
+  return values.empty() ? std::nullopt : std::optional(spreadOf(values).median);
+}
+
+std::string spreadText(const std::vector<double>& values, double unit = 1) {
+  const Spread spread = spreadOf(values);
+  return fmt::format("{:>9.2f} {:>9.2f} {:>9.2f}", spread.median / unit, spread.min / unit,
+                     spread.max / unit);
+}
+
+std::string limitText(const std::vector<double>& limits, double unit) {
+  return limits.empty() ? fmt::format("{:>29}", "none: no memory to probe")
+                        : spreadText(limits, unit);
+}
+
+std::string shareText(const std::vector<double>& shares, bool fitsCaches) {
+  if (fitsCaches) {
+    return fmt::format("{:>29}", "none: weights fit the caches");
   }
-  return decodeReads(report) / report.bandwidth;
-}
-
-// Part of the machine's single-precision multiply-adds that the prefill's products reach.
-double multiplyShare(const BenchReport& report) {
-  return report.multiplyPeak > 0 ? prefillMultiplies(report) / report.multiplyPeak : 0;
-}
-
-std::string spreadText(const std::vector<double>& speeds) {
-  const Spread spread = spreadOf(speeds);
-  return fmt::format("{:>9.2f} {:>9.2f} {:>9.2f}", spread.median, spread.min, spread.max);
-}
-
-std::string shareText(std::optional<double> share) {
-  return share ? fmt::format("{:.0f} %", *share * 100) : "none: the weights fit the caches";
+  return limitText(shares, 0.01);
 }
 
 void printTable(const BenchOptions& options, const BenchReport& report) {
@@ -238,14 +261,16 @@ void printTable(const BenchOptions& options, const BenchReport& report) {
              spreadText(report.decodeSpeeds));
   fmt::print("| {:<33} | {:>29} |\n", "weights read for a token",
              bytesText(report.work.weightBytes));
-  fmt::print("| {:<33} | {:>27}/s |\n", "read bandwidth of the machine",
-             bytesText(static_cast<uint64_t>(report.bandwidth)));
-  fmt::print("| {:<33} | {:>29} |\n", "decode, share of it", shareText(bandwidthShare(report)));
+  fmt::print("| {:<33} | {} |\n", "read bandwidth found, GB/s",
+             limitText(report.bandwidths, 1e9));
+  fmt::print("| {:<33} | {} |\n", "decode, share of it, %",
+             shareText(report.readShares, report.fitsCaches));
   fmt::print("| {:<33} | {:>27.1f} G |\n", "multiply-adds of a prefill token",
              static_cast<double>(report.work.multiplyAddsPerPrefillToken) / 1e9);
-  fmt::print("| {:<33} | {:>25.1f} G/s |\n", "multiply-adds of the machine",
-             report.multiplyPeak / 1e9);
-  fmt::print("| {:<33} | {:>29} |\n", "prefill, share of them", shareText(multiplyShare(report)));
+  fmt::print("| {:<33} | {} |\n", "multiply-adds found, G/s",
+             limitText(report.multiplyPeaks, 1e9));
+  fmt::print("| {:<33} | {} |\n", "prefill, share of them, %",
+             shareText(report.multiplyShares, false));
   fmt::print("| {:<33} | {:>26.3f} s |\n", "create", report.createSeconds);
   fmt::print("| {:<33} | {:>29} |\n", "resident memory", bytesText(report.memory.resident));
   fmt::print("| {:<33} | {:>29} |\n", "of that pages of files", bytesText(report.memory.file));
@@ -260,7 +285,9 @@ nlohmann::ordered_json spreadJson(const std::vector<double>& speeds) {
 }
 
 void printJson(const BenchOptions& options, const BenchReport& report) {
-  const std::optional<double> share = bandwidthShare(report);
+  const auto json = [](const std::optional<double>& value) {
+    return value ? nlohmann::ordered_json(*value) : nullptr;
+  };
   const nlohmann::ordered_json all = {
       {"model", options.model->given},
       {"threads", report.threads},
@@ -271,11 +298,11 @@ void printJson(const BenchOptions& options, const BenchReport& report) {
       {"decodeDepth", report.decodeDepth},
       {"decodeTokensPerSecond", spreadJson(report.decodeSpeeds)},
       {"weightBytes", report.work.weightBytes},
-      {"readBytesPerSecond", report.bandwidth},
-      {"decodeBandwidthShare", share ? nlohmann::ordered_json(*share) : nullptr},
+      {"readBytesPerSecond", json(medianOf(report.bandwidths))},
+      {"decodeBandwidthShare", json(medianOf(report.readShares))},
       {"multiplyAddsPerPrefillToken", report.work.multiplyAddsPerPrefillToken},
-      {"multiplyAddsPerSecond", report.multiplyPeak},
-      {"prefillMultiplyShare", multiplyShare(report)},
+      {"multiplyAddsPerSecond", json(medianOf(report.multiplyPeaks))},
+      {"prefillMultiplyShare", json(medianOf(report.multiplyShares))},
       {"createSeconds", report.createSeconds},
       {"residentBytes", report.memory.resident},
       {"residentFileBytes", report.memory.file}};

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "container/model_tensors.h"
 
@@ -121,6 +122,19 @@ double limitAbove(double rate, const std::function<double()>& probe) {
     limit = probe();
   }
   return std::max(limit, rate);
+}
+
+void ShareOfLimit::afterMeasurement(double rate) {
+  const double first = std::exchange(before, 0);
+  const double behind = probe();
+  if (std::max(first, behind) <= 0) {
+    return;
+  }
+  bool isAsked = false;
+  const double limit = limitAbove(
+      rate, [&] { return std::exchange(isAsked, true) ? probe() : std::max(first, behind); });
+  found.push_back(limit);
+  reached.push_back(rate / limit);
 }
 
 Status learnFillingCost(Backend& backend, FillingCost& cost) {

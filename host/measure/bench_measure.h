@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <utility>
 #include <vector>
 
 #include "container/model_shape.h"
@@ -51,6 +52,29 @@ struct PrefillRun {
 // few times while the rate is above it, since a probe has its bad moments too. At last the rate
 // itself, which the machine has shown to be possible.
 double limitAbove(double rate, const std::function<double()>& probe);
+
+// What part of a limit of the machine each measurement reaches. Where others use the machine the
+// limit changes within seconds, so it is probed before and after every measurement, and the greater
+// answer is that measurement's.
+class ShareOfLimit {
+ public:
+  explicit ShareOfLimit(std::function<double()> limitProbe) : probe(std::move(limitProbe)) {}
+
+  void beforeMeasurement() { before = probe(); }
+  // rate: what was measured, in the unit of the probe. A probe that answers 0 has found nothing,
+  // and where both did the measurement has no share.
+  void afterMeasurement(double rate);
+
+  // One for each measurement that has a share.
+  const std::vector<double>& limits() const { return found; }
+  const std::vector<double>& shares() const { return reached; }
+
+ private:
+  std::function<double()> probe;
+  double before = 0;
+  std::vector<double> found;
+  std::vector<double> reached;
+};
 
 // Called with the positions, or decode steps, that a measurement has done so far; may be null. No
 // decode step includes the time that the call takes.

@@ -88,6 +88,42 @@ TEST(BenchMeasureTest, ARateThatNoProbeReachesIsTheLimit) {
   EXPECT_LE(probes.asked, 5U);
 }
 
+TEST(BenchMeasureTest, AShareIsOfTheGreaterLimitBeforeAndBehindItsMeasurement) {
+  Probes probes({100, 80, 40, 200});
+  ShareOfLimit share(std::ref(probes));
+  share.beforeMeasurement();
+  share.afterMeasurement(50);
+  share.beforeMeasurement();
+  share.afterMeasurement(50);
+  EXPECT_EQ(share.limits(), (std::vector<double>{100, 200}));
+  EXPECT_EQ(share.shares(), (std::vector<double>{0.5, 0.25}));
+  EXPECT_EQ(probes.asked, 4U);
+}
+
+TEST(BenchMeasureTest, NoLimitBesideAMeasurementIsBelowIt) {
+  Probes probes({100, 80, 90, 160, 300});
+  ShareOfLimit share(std::ref(probes));
+  share.beforeMeasurement();
+  share.afterMeasurement(120);
+  EXPECT_EQ(share.limits(), std::vector<double>{160});
+  EXPECT_EQ(share.shares(), std::vector<double>{0.75});
+}
+
+TEST(BenchMeasureTest, WhereNoLimitIsFoundThereIsNoShare) {
+  Probes nothing({0});
+  ShareOfLimit none(std::ref(nothing));
+  none.beforeMeasurement();
+  none.afterMeasurement(120);
+  EXPECT_TRUE(none.limits().empty());
+  EXPECT_TRUE(none.shares().empty());
+
+  Probes late({0, 240});
+  ShareOfLimit once(std::ref(late));
+  once.beforeMeasurement();
+  once.afterMeasurement(120);
+  EXPECT_EQ(once.shares(), std::vector<double>{0.5});
+}
+
 // Positions that a prefill of so many fills.
 uint64_t prefilled(CountingBackend& backend, uint64_t positions) {
   FillingCost cost;
