@@ -87,9 +87,11 @@ void addCodes(const uint8_t* super, const typename V::Scales& scales, Limbs limb
   sums.template add<codes.kSub>(codes.low, codes.high, scales, limbs);
 }
 
+// Inlined for both: a call would have registers saved for every super-block, also without one.
 template <typename V, typename Format, bool kLast>
-typename V::Half::F blockValue(const uint8_t* super, const typename V::Scales& scales,
-                               Limbs limbs) {
+[[gnu::always_inline]] inline typename V::Half::F blockValue(const uint8_t* super,
+                                                             const typename V::Scales& scales,
+                                                             Limbs limbs) {
   LimbSums<V, kLast> sums;
   addCodes<V, Format, 0>(super, scales, limbs, sums);
   addCodes<V, Format, 1>(super, scales, limbs, sums);

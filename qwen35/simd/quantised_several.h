@@ -167,11 +167,19 @@ template <typename V, size_t kRows>
   }
 }
 
+// Not inlined: the words of rows are to keep their registers.
+template <typename V, typename Format>
+[[gnu::noinline]] typename V::Half::F valueWithLastLimb(const uint8_t* super,
+                                                        const typename V::Scales& scales,
+                                                        Limbs limbs) {
+  return blockValue<V, Format, true>(super, scales, limbs);
+}
+
 template <typename V, typename Format>
 void addWithLastLimb(const uint8_t* super, const UnpackedRow<V>& row, const InputBlocks::One& one,
                      size_t block, RowSums<V>& sums) {
   const typename V::Scales scales{typename V::Half::Codes(subBlockCodes(super))};
-  sums.add(row, blockValue<V, Format, true>(super, scales, one.group->limbs[block]), *one.group,
+  sums.add(row, valueWithLastLimb<V, Format>(super, scales, one.group->limbs[block]), *one.group,
            block);
 }
 
