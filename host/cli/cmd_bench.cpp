@@ -139,7 +139,7 @@ Status prefillOnce(MeasuredModel& measured, const BenchOptions& options, BenchPr
                    ShareOfLimit& multiplies, BenchReport& report) {
   PrefillRun prefill;
   multiplies.beforeMeasurement();
-  const Status status = measured.prefill(options.prompt, prefill, progress.next(options.prompt));
+  Status status = measured.prefill(options.prompt, prefill, progress.next(options.prompt));
   if (!status.ok()) {
     return status;
   }
@@ -158,7 +158,7 @@ Status decodeOnce(MeasuredModel& measured, const BenchOptions& options, BenchPro
   if (!report.fitsCaches) {
     reads.beforeMeasurement();
   }
-  const Status status =
+  Status status =
       measured.decode(decodeDepth(options), options.steps, stepMs, progress.next(options.steps));
   if (status.ok() && stepMs.empty()) {
     return Status::invalid("the model gives no text to measure");
@@ -261,14 +261,12 @@ void printTable(const BenchOptions& options, const BenchReport& report) {
              spreadText(report.decodeSpeeds));
   fmt::print("| {:<33} | {:>29} |\n", "weights read for a token",
              bytesText(report.work.weightBytes));
-  fmt::print("| {:<33} | {} |\n", "read bandwidth found, GB/s",
-             limitText(report.bandwidths, 1e9));
+  fmt::print("| {:<33} | {} |\n", "read bandwidth found, GB/s", limitText(report.bandwidths, 1e9));
   fmt::print("| {:<33} | {} |\n", "decode, share of it, %",
              shareText(report.readShares, report.fitsCaches));
   fmt::print("| {:<33} | {:>27.1f} G |\n", "multiply-adds of a prefill token",
              static_cast<double>(report.work.multiplyAddsPerPrefillToken) / 1e9);
-  fmt::print("| {:<33} | {} |\n", "multiply-adds found, G/s",
-             limitText(report.multiplyPeaks, 1e9));
+  fmt::print("| {:<33} | {} |\n", "multiply-adds found, G/s", limitText(report.multiplyPeaks, 1e9));
   fmt::print("| {:<33} | {} |\n", "prefill, share of them, %",
              shareText(report.multiplyShares, false));
   fmt::print("| {:<33} | {:>26.3f} s |\n", "create", report.createSeconds);
