@@ -10,6 +10,7 @@
 
 #include "tests/engine/talking.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/instrumented.h"
 
 namespace engine {
 namespace {
@@ -33,14 +34,17 @@ void PrintTo(const Size& size, std::ostream* out) {
   *out << size.name;
 }
 
+// Four, as all fours are alike and those of 27B would take minutes; or one of each kind.
+constexpr uint32_t kLayers = kel::test::kInstrumented ? 2 : 4;
+
 // Heads and output heads of the sizes; hidden sizes in their proportion where two have the same
-// heads. Four layers, as all fours are alike and those of 27B would take minutes.
+// heads.
 std::vector<Size> sizes() {
   std::vector<Size> all;
   for (const NamedShape& named : kel::test::familyShapes()) {
     kel::ModelShape shape = named.shape;
-    shape.layers = 4;
-    shape.fullLayers = kel::LayerSet::every(4, 4);
+    shape.layers = kLayers;
+    shape.fullLayers = kel::LayerSet::every(kLayers, kLayers);
     all.push_back({named.name, shape, named.name == "9B" ? 96U : 32U});
     if (named.name == "08B") {
       all.push_back({"2B", shape, 64});

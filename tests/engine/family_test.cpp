@@ -10,6 +10,7 @@
 #include "tests/engine/engine_models.h"
 #include "tests/qwen35/tested_tables.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/instrumented.h"
 #include "tests/support/reference_model.h"
 
 namespace engine {
@@ -102,7 +103,9 @@ class FamilyBits : public testing::TestWithParam<NamedShape> {
   const OpenedModel opened{
       specOf(GetParam().shape, GetParam().shape.headDim == 256 ? 256 : 36,
              {QuantType::Q4_K, QuantType::Q8_0, QuantType::Q5_K, QuantType::BF16, QuantType::F32})};
-  const std::vector<int32_t> prompt = {1, 2, 3, 5, 8, 13, 21, 34, 55, 89, 144, 233};
+  const std::vector<int32_t> prompt =
+      kel::test::kInstrumented ? std::vector<int32_t>{1, 2, 3, 5, 8, 13}
+                               : std::vector<int32_t>{1, 2, 3, 5, 8, 13, 21, 34, 55, 89, 144, 233};
   const std::vector<uint32_t> expected = bits(opened, {.positions = 32, .threads = 1}, {prompt});
 };
 
@@ -120,7 +123,7 @@ TEST_P(FamilyBits, DoNotDependOnTheInstructionSet) {
 }
 
 TEST_P(FamilyBits, DoNotDependOnHowThePromptIsCut) {
-  for (const size_t cut : {1, 4, 11}) {
+  for (const size_t cut : {size_t{1}, size_t{4}, prompt.size() - 1}) {
     const auto at = prompt.begin() + static_cast<std::ptrdiff_t>(cut);
     EXPECT_EQ(expected, bits(opened, {.positions = 32, .threads = 2},
                              {{prompt.begin(), at}, {at, prompt.end()}}))

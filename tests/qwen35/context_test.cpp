@@ -31,12 +31,13 @@ Tokens prompt(size_t n) {
 class PassContext : public testing::Test {
  protected:
   // Weights that are multiplied by each kind of prepared input, and both kinds of layers.
-  static const std::string& model() {
+  static const ModelFile& model() {
     static const ModelFile file({.hidden = 256,
                                  .ffn = 256,
                                  .types = {QuantType::Q4_K, QuantType::Q8_0},
-                                 .layerKinds = "LFFFFFFF"});
-    return file.path;
+                                 .layerKinds = "LFFFFFFF",
+                                 .blocks = 8});
+    return file;
   }
 
   // Hidden states and logits of all tokens, and of one more behind them in the other arithmetic.

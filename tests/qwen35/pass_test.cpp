@@ -30,6 +30,10 @@ using Tokens = std::vector<size_t>;
 constexpr size_t kTokens = 70;
 constexpr size_t kLengthStep = kInstrumented ? 9 : 1;
 constexpr int kCuts = kInstrumented ? 1 : 4;
+// Of both kinds. In a model of one type they are alike; in one of all types, each kind of matrix
+// has been of every type after 20.
+constexpr size_t kLayersOfOneType = 4;
+constexpr size_t kMixedLayers = kInstrumented ? 8 : 20;
 constexpr QuantType kTypes[] = {QuantType::F32, QuantType::BF16, QuantType::Q8_0, QuantType::Q4_K,
                                 QuantType::Q5_K};
 
@@ -76,20 +80,22 @@ std::vector<Bits> stateOf(const qwen35::Model& m) {
   return out;
 }
 
-ModelFile modelOf(const std::vector<QuantType>& types) {
-  return ModelFile({.hidden = 256, .ffn = 256, .vocab = 301, .types = types, .biases = true});
+ModelFile modelOf(const std::vector<QuantType>& types, size_t layers) {
+  return ModelFile(
+      {.hidden = 256, .ffn = 256, .vocab = 301, .types = types, .biases = true, .blocks = layers});
 }
 
 const ModelFile& mixedModel() {
   static const ModelFile file =
-      modelOf({QuantType::Q4_K, QuantType::Q8_0, QuantType::Q5_K, QuantType::BF16, QuantType::F32});
+      modelOf({QuantType::Q4_K, QuantType::Q8_0, QuantType::Q5_K, QuantType::BF16, QuantType::F32},
+              kMixedLayers);
   return file;
 }
 
 // What tokens leave behind and give when each is a pass of its own.
 struct OneByOne {
-  OneByOne(const std::string& path, const Tokens& tokens, Arithmetic arithmetic)
-      : handle(path, kTokens) {
+  OneByOne(const ModelFile& file, const Tokens& tokens, Arithmetic arithmetic)
+      : handle(file, kTokens) {
     for (const size_t token : tokens) {
       std::vector<float> row;
       append(hidden, bits(handle.pass({token}, arithmetic, &row)));
@@ -103,10 +109,10 @@ struct OneByOne {
 };
 
 TEST(Pass, EveryLengthGivesTheBitsOfSingleTokens) {
-  const ModelFile file({.biases = true, .layerKinds = "FFFFFFFL"});
+  const ModelFile file({.biases = true, .layerKinds = "FFFFFFFL", .blocks = 8});
   const Tokens tokens = prompt(kTokens);
-  OneByOne single(file.path, tokens, Arithmetic::Batch);
-  Handle batch(file.path, kTokens);
+  OneByOne single(file, tokens, Arithmetic::Batch);
+  Handle batch(file, kTokens);
   for (size_t length = 1; length <= kTokens; length += kLengthStep) {
     batch.reset();
     const Bits actual = bits(batch.pass(part(tokens, 0, length), Arithmetic::Batch));
@@ -120,15 +126,15 @@ TEST(Pass, EveryLengthGivesTheBitsOfSingleTokens) {
 // The single-token arithmetic for several tokens at once: what verifies guessed tokens.
 TEST(Pass, SeveralTokensGiveTheBitsOfSingleTokensInBothArithmeticsForEveryType) {
   for (const QuantType type : kTypes) {
-    const ModelFile file = modelOf({type});
+    const ModelFile file = modelOf({type}, kLayersOfOneType);
     const Tokens tokens = prompt(kInstrumented ? 3 : 8);
     for (const Arithmetic arithmetic : {Arithmetic::SingleToken, Arithmetic::Batch}) {
-      OneByOne single(file.path, tokens, arithmetic);
+      OneByOne single(file, tokens, arithmetic);
       for (const size_t count : {2, 3, 5, 8}) {
         if (count > tokens.size()) {
           continue;
         }
-        Handle several(file.path, kTokens);
+        Handle several(file, kTokens);
         std::vector<float> logits;
         const Bits hidden = bits(several.pass(part(tokens, 0, count), arithmetic, &logits));
         EXPECT_TRUE(std::equal(hidden.begin(), hidden.end(), single.hidden.begin()))
@@ -159,7 +165,7 @@ TEST_F(PassOnThreads, AndWithEveryInstructionSetGivesTheSameBits) {
     return all ? std::vector<size_t>{1, 2, 3, 7} : std::vector<size_t>{3};
   };
   for (const Arithmetic arithmetic : {Arithmetic::SingleToken, Arithmetic::Batch}) {
-    Handle reference(mixedModel().path, kTokens);
+    Handle reference(mixedModel(), kTokens);
     std::vector<float> logits;
     const qwen35::ContextOptions plain{.threads = 1, .kernels = qwen35::supportedKernels().front()};
     const Bits expected = bits(reference.pass(tokens, arithmetic, &logits, plain));
@@ -168,7 +174,7 @@ TEST_F(PassOnThreads, AndWithEveryInstructionSetGivesTheSameBits) {
     for (const qwen35::KernelTable* table : qwen35::supportedKernels()) {
       for (const size_t threads : threadCounts(table)) {
         omp_set_num_threads(static_cast<int>(threads));
-        Handle handle(mixedModel().path, kTokens);
+        Handle handle(mixedModel(), kTokens);
         const Bits hidden =
             bits(handle.pass(tokens, arithmetic, &logits, {.threads = threads, .kernels = table}));
         EXPECT_EQ(expected, hidden) << table->name << " " << threads;
@@ -182,9 +188,9 @@ TEST_F(PassOnThreads, AndWithEveryInstructionSetGivesTheSameBits) {
 TEST(Pass, ArithmeticsDifferForTheKFormatsAlone) {
   const Tokens tokens = prompt(kInstrumented ? 2 : 12);
   for (const QuantType type : kTypes) {
-    const ModelFile file = modelOf({type});
-    OneByOne single(file.path, tokens, Arithmetic::SingleToken);
-    OneByOne batch(file.path, tokens, Arithmetic::Batch);
+    const ModelFile file = modelOf({type}, kLayersOfOneType);
+    OneByOne single(file, tokens, Arithmetic::SingleToken);
+    OneByOne batch(file, tokens, Arithmetic::Batch);
     const bool isKFormat = type == QuantType::Q4_K || type == QuantType::Q5_K;
     EXPECT_EQ(!isKFormat, single.logits == batch.logits) << kel::quantTypeName(type);
     float largest = 0.0f;
@@ -202,11 +208,11 @@ TEST(Pass, ArithmeticsDifferForTheKFormatsAlone) {
 TEST(Pass, ResultsDoNotDependOnTheCut) {
   const Tokens tokens = prompt(kTokens);
   for (const Arithmetic arithmetic : {Arithmetic::Batch, Arithmetic::SingleToken}) {
-    Handle whole(mixedModel().path, kTokens);
+    Handle whole(mixedModel(), kTokens);
     const Bits expected = bits(whole.pass(tokens, arithmetic));
     std::mt19937 generator(10);
     for (int cut = 0; cut < kCuts; ++cut) {
-      Handle handle(mixedModel().path, kTokens);
+      Handle handle(mixedModel(), kTokens);
       Bits actual;
       for (size_t at = 0; at < kTokens;) {
         const size_t count = std::min<size_t>(1 + generator() % 20, kTokens - at);
@@ -221,8 +227,8 @@ TEST(Pass, ResultsDoNotDependOnTheCut) {
 
 TEST(Pass, TheEntrancesAreSinglePassesOfTheSingleTokenArithmetic) {
   const Tokens tokens = prompt(3);
-  OneByOne single(mixedModel().path, tokens, Arithmetic::SingleToken);
-  Handle handle(mixedModel().path, kTokens);
+  OneByOne single(mixedModel(), tokens, Arithmetic::SingleToken);
+  Handle handle(mixedModel(), kTokens);
   Bits hidden = bits(handle.hidden(tokens[0]));
   append(hidden, bits(handle.hidden(tokens[1])));
   EXPECT_TRUE(std::equal(hidden.begin(), hidden.end(), single.hidden.begin()));
@@ -233,8 +239,8 @@ TEST(Pass, TheEntrancesAreSinglePassesOfTheSingleTokenArithmetic) {
 
 TEST(Pass, OnlyTheLastLogitsAreWrittenUnlessAllAreAskedFor) {
   const Tokens tokens = prompt(4);
-  OneByOne single(mixedModel().path, tokens, Arithmetic::Batch);
-  Handle handle(mixedModel().path, kTokens);
+  OneByOne single(mixedModel(), tokens, Arithmetic::Batch);
+  Handle handle(mixedModel(), kTokens);
   const size_t n = handle.model.nEmbd;
   std::vector<float> embeddings(tokens.size() * n);
   for (size_t i = 0; i < tokens.size(); ++i) {
@@ -267,8 +273,8 @@ TEST(Pass, ATokenThatIsNotFiniteLeavesTheOthersAlone) {
                           .types = {QuantType::Q4_K, QuantType::Q5_K},
                           .edit = breakRow});
     const Tokens tokens = {1, 2, 7, 3};
-    OneByOne single(file.path, tokens, Arithmetic::SingleToken);
-    Handle several(file.path, kTokens);
+    OneByOne single(file, tokens, Arithmetic::SingleToken);
+    Handle several(file, kTokens);
     const std::vector<float> hidden = several.pass(tokens, Arithmetic::SingleToken);
     const Bits actual = bits(hidden);
     EXPECT_TRUE(std::equal(actual.begin(), actual.begin() + 2 * 256, single.hidden.begin()));
@@ -281,23 +287,23 @@ TEST(Pass, ATokenThatIsNotFiniteLeavesTheOthersAlone) {
 
 TEST(Pass, WithoutRoomForAllItsTokensAttentionStoresNothing) {
   const ModelFile file({.layerKinds = "F"});
-  Handle handle(file.path, 6);
+  Handle handle(file, 6);
   handle.pass(prompt(4), Arithmetic::Batch);
   const std::vector<Bits> before = stateOf(handle.model);
   const Bits hidden = bits(handle.pass(prompt(3), Arithmetic::Batch));
   EXPECT_EQ(before, stateOf(handle.model));
   // The layers add their feed-forward alone, as where attention is switched off.
   const kel::test::ScopedEnv ablate("QWEN35_ABLATE", "lin");
-  Handle without(file.path, 6);
+  Handle without(file, 6);
   EXPECT_EQ(bits(without.pass(prompt(3), Arithmetic::Batch)), hidden);
 }
 
 TEST(Snapshot, GoesBackToWhereThePassBegan) {
   const ModelFile file;
   const Tokens tokens = prompt(20);
-  Handle expected(file.path);
+  Handle expected(file);
   expected.pass(part(tokens, 0, 5), Arithmetic::Batch);
-  Handle handle(file.path);
+  Handle handle(file);
   handle.pass(part(tokens, 0, 5), Arithmetic::Batch);
   qwen35::Snapshot before(handle.model);
   handle.pass(part(tokens, 5, 9), Arithmetic::Batch, nullptr, {}, &before);
@@ -310,7 +316,7 @@ TEST(Snapshot, GoesBackToWhereThePassBegan) {
 
 TEST(Snapshot, LeavesTheStatesOfSkippedLayersAlone) {
   const ModelFile file;
-  Handle handle(file.path);
+  Handle handle(file);
   handle.pass(prompt(5), Arithmetic::Batch);
   const std::vector<Bits> expected = stateOf(handle.model);
   qwen35::Snapshot before(handle.model);

@@ -15,9 +15,28 @@
 
 namespace kel::test {
 
+struct ModelFile {
+  explicit ModelFile(const RandomModelSpec& spec = {})
+      : path(folder.file("model.zym")), layers(static_cast<uint32_t>(spec.blocks)) {
+    if (const kel::Status status = writeRandomModel(path, spec); !status.ok()) {
+      throw std::runtime_error(status.message);
+    }
+  }
+
+  TempDir folder;
+  std::string path;
+  uint32_t layers;
+};
+
 // One more handle on a model file.
 struct Handle {
-  explicit Handle(const std::string& path, size_t maxCtx = 64) {
+  // For what is the same of every layer, a few of them will do.
+  explicit Handle(const ModelFile& file, size_t maxCtx = 64)
+      : Handle(file.path, maxCtx, file.layers) {}
+
+  explicit Handle(const std::string& path, size_t maxCtx = 64,
+                  uint32_t layers = kel::kFixedShape.layers) {
+    model.shape.layers = layers;
     if (!loader.open(path.c_str()).ok() || !qwen35::initLayers(loader, model, maxCtx) ||
         !qwen35::bindModel(loader, model, maxCtx)) {
       throw std::runtime_error("model does not open");
@@ -95,17 +114,6 @@ struct Handle {
     qwen35::embedRow(model, token, row.data());
     return row;
   }
-};
-
-struct ModelFile {
-  explicit ModelFile(const RandomModelSpec& spec = {}) : path(folder.file("model.zym")) {
-    if (const kel::Status status = writeRandomModel(path, spec); !status.ok()) {
-      throw std::runtime_error(status.message);
-    }
-  }
-
-  TempDir folder;
-  std::string path;
 };
 
 }  // namespace kel::test
