@@ -295,6 +295,21 @@ void quantiseInCache(benchmark::State& state, const qwen35::KernelTable& table) 
   state.SetItemsProcessed(static_cast<int64_t>(kCachedCols) * state.iterations());
 }
 
+// One token's convolution over the channels of a layer of the 4B model.
+void convolveInCache(benchmark::State& state, const qwen35::KernelTable& table) {
+  constexpr size_t kChannels = 8192;
+  constexpr size_t kTaps = 4;
+  const std::vector<float> taps = randomFloats(kChannels * kTaps, 1);
+  std::vector<float> history = randomFloats(kChannels * (kTaps - 1), 2);
+  const std::vector<float> in = randomFloats(kChannels, 3);
+  std::vector<float> out(kChannels);
+  for ([[maybe_unused]] auto step : state) {
+    table.convolve(taps.data(), kTaps, kTaps, history.data(), in.data(), out.data(), kChannels);
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(kChannels) * state.iterations());
+}
+
 void registerTable(const qwen35::KernelTable& table) {
   const std::string prefix = std::string("cached/") + table.name + "/";
   for (const QuantType type : weight_rows::kProductTypes) {
@@ -325,6 +340,9 @@ void registerTable(const qwen35::KernelTable& table) {
   benchmark::RegisterBenchmark(
       (prefix + "quantiseInput").c_str(),
       [&table](benchmark::State& state) { quantiseInCache(state, table); });
+  benchmark::RegisterBenchmark((prefix + "convolve").c_str(), [&table](benchmark::State& state) {
+    convolveInCache(state, table);
+  });
 }
 
 const bool kRegistered = [] {

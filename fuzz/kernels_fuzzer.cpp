@@ -47,6 +47,7 @@ enum Kernel {
   SiluGate,
   SeveralQ4K,
   SeveralQ5K,
+  Convolve,
   kKernelCount
 };
 
@@ -54,12 +55,15 @@ constexpr const char* kKernelNames[kKernelCount] = {
     "dot",          "rowsF32",          "rowsBf16",   "rowsQ80",         "rowsQ4K",
     "rowsQ5K",      "quantiseInput",    "decodeBf16", "decodeQ80",       "decodeQ4K",
     "decodeQ5K",    "addChunkProducts", "foldSums",   "addWeightedRows", "deltaStep",
-    "exponentials", "sigmoidGate",      "siluGate",   "severalQ4K",      "severalQ5K"};
+    "exponentials", "sigmoidGate",      "siluGate",   "severalQ4K",      "severalQ5K",
+    "convolve"};
 
 constexpr size_t kHeaderBytes = 7;
 constexpr size_t kMaxRows = 20;    // a tile of 16 rows, and more
 constexpr size_t kMaxCols = 4800;  // a span of 4,096 elements, and more
 constexpr size_t kMaxDim = 80;
+constexpr size_t kMaxTaps = 6;
+constexpr size_t kMaxChannels = 300;
 constexpr size_t kMaxInputs = 11;         // eight at once, and more
 constexpr size_t kMaxSeveralCols = 1600;  // of each of several inputs
 
@@ -324,6 +328,21 @@ std::vector<float> deltaStepped(Call call, const KernelTable& table) {
   return out;
 }
 
+std::vector<float> convolved(Call call, const KernelTable& table) {
+  const size_t nTaps = call.rows % kMaxTaps + 1;
+  const size_t stride = nTaps + call.rows / kMaxTaps;
+  const size_t channels = call.cols % kMaxChannels;
+  Floating taps(call.source, channels * stride);
+  Floating history(call.source, channels * (nTaps - 1));
+  Floating in(call.source, channels);
+  Floating out(call.source, channels);
+  table.convolve(taps.data(), stride, nTaps, history.data(), in.data(), out.data(), channels);
+  std::vector<float> both = out.result();
+  const std::vector<float> moved = history.result();
+  both.insert(both.end(), moved.begin(), moved.end());
+  return both;
+}
+
 std::vector<float> exponentialsOf(Call call, const KernelTable& table) {
   const float shift = call.source.number();
   Floating x(call.source, call.cols);
@@ -389,8 +408,10 @@ std::vector<float> results(const Call& call, const KernelTable& table) {
       return gated(call, table.siluGate);
     case SeveralQ4K:
       return severalRowSums(call, table, table.severalQ4K, table.rowsQ4K, kQ4KBytes);
-    default:
+    case SeveralQ5K:
       return severalRowSums(call, table, table.severalQ5K, table.rowsQ5K, kQ5KBytes);
+    default:
+      return convolved(call, table);
   }
 }
 

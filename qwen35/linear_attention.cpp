@@ -9,8 +9,6 @@ namespace qwen35 {
 
 namespace {
 
-constexpr size_t kFamilyTaps = 4;
-
 // The tokens of a sequence between the projections of one layer.
 class Mixer {
  public:
@@ -72,28 +70,12 @@ class Mixer {
     }
   }
 
-  // The taps over an input and those before it, for `count` channels from `begin` on; then the
-  // inputs move up. The state keeps raw projections, before convolution and activation. The
-  // compiler unrolls kTaps; 0 stands for any number.
-  template <size_t kTaps>
+  // Channels from `begin` on, activated. The state keeps raw projections, before convolution and
+  // activation.
   void convolve(const float* in, float* out, size_t begin, size_t count) const {
     const size_t stride = layer.ssmConv1d->dims[0];
-    const size_t earlier = kTaps == 0 ? history : kTaps - 1;
-    for (size_t c = begin; c < begin + count; ++c) {
-      const float* tap = floats(layer.ssmConv1d) + c * stride;
-      float* past = layer.convState.data() + c * earlier;
-      float sum = 0.0f;
-      for (size_t i = 0; i < earlier; ++i) {
-        sum = std::fma(tap[i], past[i], sum);
-      }
-      out[c] = std::fma(tap[earlier], in[c], sum);
-      for (size_t i = 0; i + 1 < earlier; ++i) {
-        past[i] = past[i + 1];
-      }
-      if (earlier > 0) {
-        past[earlier - 1] = in[c];
-      }
-    }
+    w.kernels().convolve(floats(layer.ssmConv1d) + begin * stride, stride, history + 1,
+                         layer.convState.data() + begin * history, in + begin, out + begin, count);
     w.kernels().sigmoidGate(out + begin, out + begin, out + begin, count);
   }
 
@@ -105,12 +87,7 @@ class Mixer {
       if (inputs != nullptr && !replays) {
         std::copy_n(in + begin, count, kept + begin);
       }
-      float* out = at.conv + token * channels;
-      if (history == kFamilyTaps - 1) {
-        convolve<kFamilyTaps>(in, out, begin, count);
-      } else {
-        convolve<0>(in, out, begin, count);
-      }
+      convolve(in, at.conv + token * channels, begin, count);
     }
   }
 

@@ -140,6 +140,16 @@ struct KernelTable {
   void (*deltaStep)(float* state, const float* q, const float* k, float* v, size_t keyDim,
                     size_t valueDim, float decay, float beta, float scale);
 
+  // The next output of a causal convolution for each of `channels` channels, after which its inputs
+  // move up. Channel c has nTaps >= 1 taps at taps + c * stride (stride >= nTaps). history:
+  // [channels][nTaps - 1], earlier inputs from the oldest on; in, out: [channels]. For every c,
+  // with its own tap and past:
+  //   sum = fma(tap[i], past[i], sum) from 0 in rising i; out[c] = fma(tap[nTaps - 1], in[c], sum)
+  //   past[i] = past[i + 1] in rising i; its last = in[c]
+  // Nothing that is written overlaps anything else.
+  void (*convolve)(const float* taps, size_t stride, size_t nTaps, float* history, const float* in,
+                   float* out, size_t channels);
+
   // Elementwise, n of any size. Of the operations around the exponential each is rounded to single
   // precision. out may be any of the inputs; partly it overlaps none.
 

@@ -345,6 +345,22 @@ void deltaStep(float* state, const float* q, const float* k, float* v, size_t ke
   }
 }
 
+void convolve(const float* taps, size_t stride, size_t nTaps, float* history, const float* in,
+              float* out, size_t channels) {
+  for (size_t c = 0; c < channels; ++c) {
+    float* past = history + c * (nTaps - 1);
+    float sum = 0.0f;
+    for (size_t i = 0; i + 1 < nTaps; ++i) {
+      sum = std::fma(taps[c * stride + i], past[i], sum);
+    }
+    out[c] = std::fma(taps[c * stride + nTaps - 1], in[c], sum);
+    if (nTaps > 1) {
+      std::copy(past + 1, past + nTaps - 1, past);
+      past[nTaps - 2] = in[c];
+    }
+  }
+}
+
 float exponential(float x) {
   constexpr double kRounder = 0x1.8p52;
   constexpr double kReciprocalFactorials[] = {
@@ -409,6 +425,7 @@ const KernelTable& scalarKernels() {
       .foldSums = foldSums,
       .addWeightedRows = addWeightedRows,
       .deltaStep = deltaStep,
+      .convolve = convolve,
       .exponentials = exponentials,
       .sigmoidGate = sigmoidGate,
       .siluGate = siluGate,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "qwen35/simd/columns.h"
+#include "qwen35/simd/convolution.h"
 #include "qwen35/simd/exponential.h"
 #include "qwen35/simd/kernel_table.h"
 #include "qwen35/simd/lanes.h"
@@ -39,6 +40,7 @@ constexpr KernelTable laneTable(const char* name) {
       .foldSums = foldSums<V>,
       .addWeightedRows = addWeightedRows<V>,
       .deltaStep = deltaStep<V>,
+      .convolve = convolve,
       .exponentials = exponentials<V>,
       .sigmoidGate = sigmoidGate<V>,
       .siluGate = siluGate<V>,

@@ -496,4 +496,134 @@ TEST(KernelVariants, DeltaStepFromZeroStateScalesTheValue) {
   }
 }
 
+// All inputs that the channels of a convolution have had, [channels] each, the latest last.
+class ConvolutionInputs {
+ public:
+  // The history's, which the convolution starts with.
+  ConvolutionInputs(const std::vector<float>& history, size_t channels, size_t earlier)
+      : inputs(earlier, std::vector<float>(channels)) {
+    for (size_t i = 0; i < history.size(); ++i) {
+      inputs[i % earlier][i / earlier] = history[i];
+    }
+  }
+
+  void add(const std::vector<float>& next) { inputs.push_back(next); }
+
+  // Input i of channel c of the latest `count`, from the oldest on.
+  float latest(size_t count, size_t i, size_t c) const {
+    return inputs[inputs.size() - count + i][c];
+  }
+
+  std::vector<float> history(size_t channels, size_t earlier) const {
+    std::vector<float> out(channels * earlier);
+    for (size_t i = 0; i < out.size(); ++i) {
+      out[i] = latest(earlier, i % earlier, i / earlier);
+    }
+    return out;
+  }
+
+ private:
+  std::vector<std::vector<float>> inputs;
+};
+
+struct Convolution {
+  size_t channels;
+  size_t nTaps;
+  size_t stride;
+  std::vector<float> taps;
+  std::vector<float> history;
+
+  std::string label(const KernelTable& table) const {
+    return std::string(table.name) + " " + std::to_string(channels) + " channels, " +
+           std::to_string(nTaps) + " taps in " + std::to_string(stride);
+  }
+};
+
+Convolution convolution(size_t channels, size_t nTaps, size_t stride, float unusual) {
+  return {channels, nTaps, stride, withUnusual(channels * stride, 141, unusual),
+          withUnusual(channels * (nTaps - 1), 142, unusual)};
+}
+
+// Steps that follow one another, so that each sees what the ones before have left.
+void expectConvolution(const KernelTable& table, const Convolution& c,
+                       const std::vector<std::vector<float>>& steps) {
+  Guarded taps(c.taps);
+  Guarded history(c.history);
+  ConvolutionInputs inputs(c.history, c.channels, c.nTaps - 1);
+  for (const std::vector<float>& step : steps) {
+    inputs.add(step);
+    std::vector<float> expected(c.channels, 0.0f);
+    for (size_t channel = 0; channel < c.channels; ++channel) {
+      for (size_t i = 0; i < c.nTaps; ++i) {
+        expected[channel] = std::fma(c.taps[channel * c.stride + i],
+                                     inputs.latest(c.nTaps, i, channel), expected[channel]);
+      }
+    }
+    Guarded in(step);
+    Guarded out(c.channels);
+    table.convolve(taps.data(), c.stride, c.nTaps, history.data(), in.data(), out.data(),
+                   c.channels);
+    EXPECT_EQ(bits(expected), bits(out.checked())) << c.label(table);
+    EXPECT_EQ(bits(inputs.history(c.channels, c.nTaps - 1)), bits(history.checked()))
+        << c.label(table);
+    EXPECT_EQ(bits(step), bits(in.checked())) << c.label(table);
+  }
+  EXPECT_EQ(bits(c.taps), bits(taps.checked())) << c.label(table);
+}
+
+TEST(KernelVariants, ConvolutionFollowsTheContract) {
+  for (const KernelTable* table : qwen35::testedTables()) {
+    for (const size_t channels : {0, 1, 3, 7, 8, 9, 15, 16, 17, 31, 33, 128}) {
+      std::vector<std::vector<float>> steps;
+      for (uint32_t step = 0; step < 6; ++step) {
+        steps.push_back(randomFloats(channels, 150 + step));
+      }
+      for (const size_t nTaps : {1, 2, 3, 4, 5}) {
+        for (const size_t beyond : {0, 1, 3}) {
+          expectConvolution(*table, convolution(channels, nTaps, nTaps + beyond, 0.5f), steps);
+        }
+      }
+    }
+  }
+}
+
+TEST(KernelVariants, ConvolutionOfUnusualFloatsFollowsTheContract) {
+  constexpr size_t kChannels = 43;
+  for (const KernelTable* table : qwen35::testedTables()) {
+    for (const size_t nTaps : {1, 2, 4, 5}) {
+      for (const float unusual : kUnusual) {
+        expectConvolution(
+            *table, convolution(kChannels, nTaps, nTaps, unusual),
+            {withUnusual(kChannels, 161, unusual), randomFloats(kChannels, 162),
+             std::vector<float>(kChannels, unusual), std::vector<float>(kChannels, unusual)});
+      }
+    }
+  }
+}
+
+TEST(KernelVariants, ConvolutionIsAccurateToItsRoundings) {
+  constexpr size_t kChannels = 100;
+  for (const size_t nTaps : {1, 2, 4, 5}) {
+    Convolution c = convolution(kChannels, nTaps, nTaps, 0.5f);
+    const std::vector<float> before = c.history;
+    const std::vector<float> in = randomFloats(kChannels, 171);
+    std::vector<float> out(kChannels);
+    scalar().convolve(c.taps.data(), nTaps, nTaps, c.history.data(), in.data(), out.data(),
+                      kChannels);
+    for (size_t channel = 0; channel < kChannels; ++channel) {
+      double exact = 0.0;
+      double magnitude = 0.0;
+      for (size_t i = 0; i < nTaps; ++i) {
+        const float x = i + 1 < nTaps ? before[channel * (nTaps - 1) + i] : in[channel];
+        const double product =
+            static_cast<double>(c.taps[channel * nTaps + i]) * static_cast<double>(x);
+        exact += product;
+        magnitude += std::abs(product);
+      }
+      EXPECT_NEAR(exact, out[channel], 1.01 * 0x1p-24 * static_cast<double>(nTaps) * magnitude)
+          << c.label(scalar()) << " channel " << channel;
+    }
+  }
+}
+
 }  // namespace
