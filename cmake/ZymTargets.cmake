@@ -37,6 +37,11 @@ if(ZYM_SANITIZE)
   target_compile_options(zym_options INTERFACE
     -fsanitize=${ZYM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(zym_options INTERFACE -fsanitize=${ZYM_SANITIZE})
+  # Programs with a sanitizer's runtime are large: the default linker takes seconds for each.
+  find_program(ZYM_LLD ld.lld)
+  if(ZYM_LLD AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_link_options(zym_options INTERFACE -fuse-ld=lld)
+  endif()
 endif()
 if(ZYM_FUZZ)
   # The libraries need the fuzzer's counters too: its search follows the code that inputs reach.
