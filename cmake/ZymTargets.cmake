@@ -118,9 +118,10 @@ target_link_libraries(zym_test_options INTERFACE zym_options zym_idle_options)
 include(EmulatedTests)
 
 # zym_add_test(name SOURCES ... DEPS ... [LABELS ...] [TIMEOUT s] [JSON]): a GoogleTest program whose
-# test cases become CTest tests of their own, except in a cross-build that leaves it out. Idle OpenMP
-# threads sleep: tests run beside each other, and threads that spin for work take the processor from
-# those that have some. JSON: most of its sources read that.
+# test cases become CTest tests of their own, except in a cross-build that leaves it out. With the
+# sanitizers and through an emulator, where the start of a process takes longer than most cases, the
+# program is one test. Idle OpenMP threads sleep: tests run beside each other, and threads that spin
+# for work take the processor from those that have some. JSON: most of its sources read that.
 function(zym_add_test name)
   cmake_parse_arguments(ARG "JSON" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
@@ -141,12 +142,14 @@ function(zym_add_test name)
     set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
     return()
   endif()
-  set(filter)
-  if(CMAKE_CROSSCOMPILING AND DEFINED zym_emulated_filter_${name})
-    set(filter TEST_FILTER "${zym_emulated_filter_${name}}")
+  if(ZYM_SANITIZE OR CMAKE_CROSSCOMPILING)
+    add_test(NAME ${name} COMMAND ${name} --gtest_brief=1 ${zym_emulated_filter_${name}})
+    set_tests_properties(${name} PROPERTIES
+      TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
+  else()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+      PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 ${filter}
-    PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
 endfunction()
 
 # zym_add_benchmark(name SOURCES ... DEPS ...): a Google Benchmark program.
