@@ -37,6 +37,11 @@ if(ZYM_SANITIZE)
   target_compile_options(zym_options INTERFACE
     -fsanitize=${ZYM_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(zym_options INTERFACE -fsanitize=${ZYM_SANITIZE})
+  # Programs with a sanitizer's runtime are large: the default linker takes seconds for each.
+  find_program(ZYM_LLD ld.lld)
+  if(ZYM_LLD AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    target_link_options(zym_options INTERFACE -fuse-ld=lld)
+  endif()
 endif()
 if(ZYM_FUZZ)
   # The libraries need the fuzzer's counters too: its search follows the code that inputs reach.
@@ -113,9 +118,10 @@ target_link_libraries(zym_test_options INTERFACE zym_options zym_idle_options)
 include(EmulatedTests)
 
 # zym_add_test(name SOURCES ... DEPS ... [LABELS ...] [TIMEOUT s] [JSON]): a GoogleTest program whose
-# test cases become CTest tests of their own, except in a cross-build that leaves it out. Idle OpenMP
-# threads sleep: tests run beside each other, and threads that spin for work take the processor from
-# those that have some. JSON: most of its sources read that.
+# test cases become CTest tests of their own, except in a cross-build that leaves it out. With the
+# sanitizers and through an emulator, where the start of a process takes longer than most cases, the
+# program is one test. Idle OpenMP threads sleep: tests run beside each other, and threads that spin
+# for work take the processor from those that have some. JSON: most of its sources read that.
 function(zym_add_test name)
   cmake_parse_arguments(ARG "JSON" "TIMEOUT" "SOURCES;DEPS;LABELS" ${ARGN})
   if(NOT ARG_TIMEOUT)
@@ -136,12 +142,14 @@ function(zym_add_test name)
     set_target_properties(${name} PROPERTIES EXCLUDE_FROM_ALL ON)
     return()
   endif()
-  set(filter)
-  if(CMAKE_CROSSCOMPILING AND DEFINED zym_emulated_filter_${name})
-    set(filter TEST_FILTER "${zym_emulated_filter_${name}}")
+  if(ZYM_SANITIZE OR CMAKE_CROSSCOMPILING)
+    add_test(NAME ${name} COMMAND ${name} --gtest_brief=1 ${zym_emulated_filter_${name}})
+    set_tests_properties(${name} PROPERTIES
+      TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
+  else()
+    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+      PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 ${filter}
-    PROPERTIES TIMEOUT ${ARG_TIMEOUT} ENVIRONMENT OMP_WAIT_POLICY=passive LABELS "${ARG_LABELS}")
 endfunction()
 
 # zym_add_benchmark(name SOURCES ... DEPS ...): a Google Benchmark program.
@@ -162,7 +170,7 @@ function(zym_add_fuzzer name)
     target_compile_options(${name} PRIVATE -fsanitize=fuzzer)
     target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   else()
-    target_link_libraries(${name} PRIVATE zym_replay_main)
+    target_link_libraries(${name} PRIVATE zym_test_options zym_replay_main)
     add_test(NAME fuzz.${name} COMMAND ${name} "${PROJECT_SOURCE_DIR}/fuzz/seeds/${name}")
   endif()
 endfunction()

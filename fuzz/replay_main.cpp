@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <string>
 #include <system_error>
-#include <vector>
+
+#include "tests/support/file_contents.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -18,8 +18,7 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     std::error_code error;
     for (const auto& entry : std::filesystem::directory_iterator(argv[i], error)) {
-      std::ifstream file(entry.path(), std::ios::binary);
-      const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
+      const std::string bytes = kel::test::contentsOf(entry.path());
       LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
       ++replayed;
     }

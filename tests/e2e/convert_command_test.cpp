@@ -14,12 +14,14 @@
 #include "container/zym2_reader.h"
 #include "tests/convert/slow_checkpoint.h"
 #include "tests/e2e/fixture.h"
+#include "tests/support/file_contents.h"
 
 namespace zym {
 namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
+using kel::test::contentsOf;
 using testing_support::Outcome;
 
 constexpr const char* kDemo = ZYM_DEMO_FOLDER;
@@ -85,11 +87,6 @@ class ConvertCommandTest : public testing_support::ProgramTest {
   fs::path output = folder / "output";
 };
 
-std::string read(const fs::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 TEST_F(ConvertCommandTest, ConvertedCheckpointPassesTheCheck) {
   const Outcome outcome = zym({"convert", kDemo, target()});
   EXPECT_EQ(outcome.status, 0);
@@ -104,13 +101,13 @@ TEST_F(ConvertCommandTest, ConvertedCheckpointPassesTheCheck) {
 // Messages went into the container, which took the place of standard error.
 TEST_F(ConvertCommandTest, ClosedStreamsLeaveTheContainerAlone) {
   ASSERT_EQ(zym({"convert", kDemo, target()}).status, 0);
-  const std::string expected = read(target());
+  const std::string expected = contentsOf(target());
   for (const char* closed : {"<&-", "<&- 2>&-", "<&- 2>&- >/dev/null"}) {
     const Outcome outcome = testing_support::runProcess(
         {"sh", "-c",
          std::string(ZYM_PROGRAM) + " convert " + kDemo + " " + target() + " --force " + closed});
     EXPECT_EQ(outcome.status, 0) << closed;
-    EXPECT_TRUE(read(target()) == expected) << closed;
+    EXPECT_TRUE(contentsOf(target()) == expected) << closed;
   }
 }
 
@@ -200,10 +197,10 @@ TEST_F(ConvertCommandTest, NameIsTheSourcesUnlessGiven) {
 
 TEST_F(ConvertCommandTest, BytesDoNotDependOnTheThreads) {
   ASSERT_EQ(zym({"convert", kDemo, target(), "--type", "q4_k", "--threads", "1"}).status, 0);
-  const std::string one = read(target());
+  const std::string one = contentsOf(target());
   ASSERT_EQ(zym({"convert", kDemo, target(), "--type", "q4_k", "--threads", "3", "--force"}).status,
             0);
-  EXPECT_TRUE(one == read(target()));
+  EXPECT_TRUE(one == contentsOf(target()));
 }
 
 TEST_F(ConvertCommandTest, ADryRunNeedsNoTargetAndWritesNothing) {
@@ -263,7 +260,7 @@ TEST_F(ConvertCommandTest, TruncatedSourceIsOneClearLine) {
 
 TEST_F(ConvertCommandTest, OtherArchitectureIsOneClearLine) {
   const fs::path copy = damagedDemo();
-  Json config = Json::parse(read(copy / "config.json"));
+  Json config = Json::parse(contentsOf(copy / "config.json"));
   config["num_hidden_layers"] = 24;
   std::ofstream(copy / "config.json") << config;
   expectRefused({copy, target()}, "24");
@@ -279,7 +276,7 @@ TEST_F(ConvertCommandTest, ExistingTargetIsRefusedUnlessForced) {
   EXPECT_EQ(refused.status, 1);
   EXPECT_EQ(refused.err,
             "zym: " + target() + ": exists already; --force replaces it, or choose another name\n");
-  EXPECT_EQ(read(target()), "precious");
+  EXPECT_EQ(contentsOf(target()), "precious");
   EXPECT_EQ(zym({"convert", kDemo, target(), "--force"}).status, 0);
   EXPECT_EQ(zym({"check", target()}).status, 0);
 }
@@ -289,7 +286,7 @@ TEST_F(ConvertCommandTest, FailureKeepsTheTargetThatWasToBeReplaced) {
   const fs::path copy = damagedDemo();
   fs::resize_file(copy / "model.safetensors", 20'000'000);
   EXPECT_EQ(zym({"convert", copy, target(), "--force"}).status, 1);
-  EXPECT_EQ(read(target()), "precious");
+  EXPECT_EQ(contentsOf(target()), "precious");
 }
 
 TEST_F(ConvertCommandTest, UnusableTargetIsOneClearLine) {
@@ -346,7 +343,7 @@ class StoppedConversionTest : public ConvertCommandTest {
   bool waitForOutput() const {
     const auto until = std::chrono::steady_clock::now() + kPatience;
     while (std::chrono::steady_clock::now() < until) {
-      std::string process = read(folder / "pid");
+      std::string process = contentsOf(folder / "pid");
       if (process.ends_with('\n')) {
         process.pop_back();
         if (writesOutput(process)) {
@@ -389,7 +386,7 @@ TEST_F(StoppedConversionTest, ClosedTerminalLeavesTheOldTarget) {
   std::ofstream(target()) << "precious";
   const Outcome outcome = stoppedBy("HUP");
   EXPECT_EQ(outcome.status, 128 + SIGHUP);
-  EXPECT_EQ(read(target()), "precious");
+  EXPECT_EQ(contentsOf(target()), "precious");
   EXPECT_EQ(std::distance(fs::directory_iterator(output), fs::directory_iterator()), 1);
 }
 

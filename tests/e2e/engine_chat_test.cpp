@@ -7,6 +7,7 @@
 #include "tests/e2e/terminal_fixture.h"
 #include "tests/support/chat_model.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/random_model.h"
 #include "tests/support/scoped_env.h"
 
@@ -14,6 +15,7 @@ namespace zym {
 namespace {
 
 using Json = nlohmann::json;
+using kel::test::contentsOf;
 using testing_support::Outcome;
 using Words = std::vector<std::string>;
 
@@ -100,7 +102,7 @@ class EngineChatTest : public testing_support::TerminalTest {
   bool catchesCtrlC() {
     const std::string status = "/proc/" + std::to_string(child) + "/status";
     for (int i = 0; i < 1000; ++i) {
-      const std::string text = textOf(status);
+      const std::string text = contentsOf(status);
       const size_t at = text.find("SigCgt:\t");
       if (at != std::string::npos &&
           (std::stoull(text.substr(at + 8, 16), nullptr, 16) & (1ULL << (SIGINT - 1))) != 0) {
@@ -196,7 +198,7 @@ TEST_F(EngineChatTest, ASessionGoesOnWhereItEnded) {
 
 TEST_F(EngineChatTest, ASessionThatCannotBeTakenUpIsLeftAlone) {
   chat("abc\n", {"--session", session});
-  const std::string whole = textOf(session);
+  const std::string whole = contentsOf(session);
   const auto refusal = [&](const std::string& bytes, const Words& options = {}) {
     std::ofstream(session, std::ios::binary) << bytes;
     Words words = {"--session", session};
@@ -204,7 +206,7 @@ TEST_F(EngineChatTest, ASessionThatCannotBeTakenUpIsLeftAlone) {
     const Outcome outcome = chat("def\n", words);
     EXPECT_EQ(outcome.status, 1);
     EXPECT_EQ(outcome.out, "");
-    EXPECT_EQ(textOf(session), bytes) << outcome.err;
+    EXPECT_EQ(contentsOf(session), bytes) << outcome.err;
     return outcome.err;
   };
   const std::string line = "zym: " + session + ": ";
@@ -347,7 +349,7 @@ TEST_F(EngineChatTest, TheLastMessageComesBackIntoTheLine) {
   ASSERT_TRUE(waitFor("> "));
   type("/save " + session + "\r");
   ASSERT_TRUE(waitFor("Saved to"));
-  const std::string bytes = textOf(session);
+  const std::string bytes = contentsOf(session);
   EXPECT_NE(bytes.find(R"({"role":"user","content":"/first line\nthird"})"), std::string::npos);
   EXPECT_EQ(bytes.find("second"), std::string::npos);
 }
@@ -365,7 +367,7 @@ TEST_F(EngineChatTest, AMessageThatLooksLikeACommandComesBackAsAMessage) {
   ASSERT_TRUE(waitFor("> "));
   type("/save " + session + "\r");
   ASSERT_TRUE(waitFor("Saved to"));
-  EXPECT_NE(textOf(session).find(R"("content":"/etc/x")"), std::string::npos);
+  EXPECT_NE(contentsOf(session).find(R"("content":"/etc/x")"), std::string::npos);
 }
 
 TEST_F(EngineChatTest, RemarksFitANarrowTerminal) {

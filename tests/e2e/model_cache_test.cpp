@@ -17,6 +17,7 @@
 #include "tests/convert/slow_checkpoint.h"
 #include "tests/e2e/fixture.h"
 #include "tests/support/demo_gguf.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/scoped_env.h"
 
 namespace zym {
@@ -24,6 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
+using kel::test::contentsOf;
 using kel::test::ScopedEnv;
 using testing_support::Outcome;
 
@@ -288,10 +290,6 @@ class StoppedOpeningTest : public ModelCacheTest {
                   .status,
               0);
   }
-  static std::string read(const std::string& path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
   static bool eventually(const std::function<bool()>& holds) {
     const auto until = std::chrono::steady_clock::now() + kPatience;
     while (!holds() && std::chrono::steady_clock::now() < until) {
@@ -301,7 +299,7 @@ class StoppedOpeningTest : public ModelCacheTest {
   }
   // Whether the command has made its place in the cache, and said that it converts.
   bool converts(const std::string& name) const {
-    return read(messages(name)).starts_with(converting(slow));
+    return contentsOf(messages(name)).starts_with(converting(slow));
   }
   bool hasPlaceOfConversion() const {
     return std::any_of(
@@ -323,7 +321,7 @@ TEST_P(StoppedOpeningBySignal, KeepsNothing) {
   stop(name, "only");
   command.join();
   EXPECT_EQ(outcome.status, 128 + number);
-  EXPECT_EQ(read(messages("only")), converting(slow) + "zym: stopped; nothing was kept\n");
+  EXPECT_EQ(contentsOf(messages("only")), converting(slow) + "zym: stopped; nothing was kept\n");
   EXPECT_TRUE(fs::is_empty(cache));
 }
 
@@ -340,7 +338,7 @@ TEST_F(StoppedOpeningTest, CtrlCEndsTheWaitForAnotherProcess) {
   std::thread waiter = start("second", second);
   const std::string waiting =
       "(another process converts " + slow + "; waiting for it, Ctrl-C stops)\n";
-  EXPECT_TRUE(eventually([&] { return read(messages("second")) == waiting; }));
+  EXPECT_TRUE(eventually([&] { return contentsOf(messages("second")) == waiting; }));
   stop("INT", "second");
   waiter.join();
   EXPECT_EQ(second.status, 130);

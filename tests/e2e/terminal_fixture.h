@@ -10,8 +10,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -158,11 +156,6 @@ class TerminalTest : public ProgramTest {
   bool edits() const {
     termios settings{};
     return tcgetattr(terminal, &settings) == 0 && (settings.c_lflag & tcflag_t{ICANON}) == 0;
-  }
-
-  static std::string textOf(const std::string& path) {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
   }
 
   int waitForExit() {

@@ -1,9 +1,12 @@
 // zym chat at a terminal.
 #include "host/terminal/history_file.h"
 #include "tests/e2e/terminal_fixture.h"
+#include "tests/support/file_contents.h"
 
 namespace zym {
 namespace {
+
+using kel::test::contentsOf;
 
 class TerminalTest : public testing_support::TerminalTest {};
 
@@ -145,7 +148,7 @@ TEST_F(TerminalTest, HistoryKeepsWhatOtherChatsAddMeanwhile) {
   ASSERT_TRUE(HistoryFile(file).append("typed elsewhere").ok());
   type("typed here\r");
   ASSERT_TRUE(waitFor("heard 1: typed here"));
-  EXPECT_EQ(textOf(file), "_HiStOrY_V2_\ntyped elsewhere\ntyped here\n");
+  EXPECT_EQ(contentsOf(file), "_HiStOrY_V2_\ntyped elsewhere\ntyped here\n");
 }
 
 TEST_F(TerminalTest, MessagesOfSeveralLinesComeBackWhole) {
@@ -413,7 +416,7 @@ TEST_F(TerminalTest, WithoutStandardErrorTheTerminalEditsAndEchoes) {
   ASSERT_TRUE(waitFor("heard 2: hellp"));
   type("\x04");
   EXPECT_EQ(waitForExit(), 0);
-  EXPECT_EQ(textOf(errors),
+  EXPECT_EQ(contentsOf(errors),
             "Type a message. /help lists the commands.\n"
             "Leave with /quit, Ctrl-D, or Ctrl-C once more.\n");
 }

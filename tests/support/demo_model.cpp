@@ -2,8 +2,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
@@ -11,6 +9,7 @@
 
 #include "container/zym2_writer.h"
 #include "quant/blocks.h"
+#include "tests/support/file_contents.h"
 
 namespace kel::test {
 
@@ -23,11 +22,11 @@ constexpr size_t kKeyHeads = 16;  // key heads; the checkpoint groups value head
 constexpr size_t kHeadDim = 128;
 
 std::string readFile(const std::string& name) {
-  std::ifstream file(std::string(ZYM_DEMO_FOLDER) + "/" + name, std::ios::binary);
-  if (!file) {
+  std::string contents = contentsOf(std::string(ZYM_DEMO_FOLDER) + "/" + name);
+  if (contents.empty()) {
     throw std::runtime_error("cannot read " + name);
   }
-  return {std::istreambuf_iterator<char>(file), {}};
+  return contents;
 }
 
 // One tensor in float, rows outermost.

@@ -5,17 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "tests/support/file_contents.h"
+
 namespace kel::test {
 
 inline std::vector<char> readLibrary(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  return contentsOf<std::vector<char>>(path);
 }
 
 template <typename Record>

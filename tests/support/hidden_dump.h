@@ -3,11 +3,11 @@
 
 #include <cstdint>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "tests/support/file_contents.h"
 
 namespace kel::test {
 
@@ -18,8 +18,7 @@ struct DumpRecord {
 };
 
 inline std::vector<DumpRecord> readHiddenDump(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+  const std::string bytes = contentsOf(path);
   size_t at = 0;
   const auto take = [&](void* out, size_t n) {
     if (bytes.size() - at < n) {

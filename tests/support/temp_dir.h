@@ -6,11 +6,12 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
+
+#include "tests/support/file_contents.h"
 
 namespace kel::test {
 
@@ -41,11 +42,10 @@ class TempDir {
 };
 
 inline Bytes readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
+  if (!std::filesystem::is_regular_file(path)) {
     throw std::runtime_error("cannot read " + path);
   }
-  return {std::istreambuf_iterator<char>(in), {}};
+  return contentsOf<Bytes>(path);
 }
 
 inline void writeFile(const std::string& path, const Bytes& bytes) {

@@ -3,7 +3,6 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
-#include <fstream>
 #include <iterator>
 #include <regex>
 #include <set>
@@ -11,18 +10,16 @@
 #include <vector>
 
 #include "host/cli/commands.h"
+#include "tests/support/file_contents.h"
 
 namespace zym {
 namespace {
 
-std::string textOf(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
+using kel::test::contentsOf;
 
 // The manual page with its dashes as they are printed.
 std::string manualPage() {
-  std::string text = textOf(ZYM_MANUAL_PAGE);
+  std::string text = contentsOf(ZYM_MANUAL_PAGE);
   text.erase(std::remove(text.begin(), text.end(), '\\'), text.end());
   return text;
 }
@@ -121,7 +118,7 @@ TEST_F(ManualTest, ThePageTellsOfNoOthers) {
 }
 
 TEST_F(ManualTest, TheDocumentTellsOfEveryCommandAndOption) {
-  const std::string text = textOf(ZYM_PROGRAM_DOCUMENT);
+  const std::string text = contentsOf(ZYM_PROGRAM_DOCUMENT);
   expectOwnOptions(program, text);
   for (const CLI::App* command : program.get_subcommands(nullptr)) {
     EXPECT_NE(text.find("| `zym " + command->get_name() + " "), std::string::npos)
@@ -131,7 +128,7 @@ TEST_F(ManualTest, TheDocumentTellsOfEveryCommandAndOption) {
 }
 
 TEST_F(ManualTest, TheDocumentTellsOfNoOthers) {
-  expectNoOthers(textOf(ZYM_PROGRAM_DOCUMENT));
+  expectNoOthers(contentsOf(ZYM_PROGRAM_DOCUMENT));
 }
 
 }  // namespace

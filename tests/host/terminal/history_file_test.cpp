@@ -11,10 +11,11 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/file_contents.h"
 
 namespace zym {
 namespace {
@@ -26,10 +27,7 @@ class HistoryFileTest : public testing::Test {
  protected:
   void TearDown() override { fs::remove_all(folder); }
 
-  std::string text() const {
-    std::ifstream in(path);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
+  std::string text() const { return kel::test::contentsOf(path); }
   void write(const std::string& content) const {
     fs::create_directories(folder);
     std::ofstream(path) << content;
