@@ -1,8 +1,10 @@
 #include "host/terminal/interrupt.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <initializer_list>
@@ -20,7 +22,16 @@ volatile std::sig_atomic_t cancellable = 0;
 volatile std::sig_atomic_t leavesAtOnce = 0;
 volatile std::sig_atomic_t cancelledBy = SIGINT;
 
+// The thread in waitForInput. Read by signal handlers.
+std::atomic<bool> someoneWaits{false};
+std::atomic<pthread_t> waiter;
+static_assert(std::atomic<bool>::is_always_lock_free &&
+              std::atomic<pthread_t>::is_always_lock_free);
+
 void onInterrupt(int number) {
+  if (isPassedToWaiter(number)) {
+    return;
+  }
   if (cancellable != 0 && cancelRequested != 0 && leavesAtOnce != 0) {
     giveTerminalBack();
     _exit(kInterruptedExit);
@@ -95,6 +106,8 @@ bool waitForInput(int fd, const std::function<void()>& beforeWaiting) {
   }
   // These are blocked except during the wait: one that came between the test of its flag and the
   // wait would not end the wait.
+  waiter = pthread_self();
+  someoneWaits = true;
   pthread_sigmask(SIG_BLOCK, &noticed, &before);
   pollfd ready{fd, POLLIN, 0};
   while (interrupted == 0) {
@@ -108,11 +121,20 @@ bool waitForInput(int fd, const std::function<void()>& beforeWaiting) {
   // When bytes are ready too, ppoll may return without delivering a pending Ctrl-C. Unblocking
   // delivers it here, before the bytes are read.
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  someoneWaits = false;
   if (interrupted == 0) {
     return true;
   }
   interrupted = 0;
   return false;
+}
+
+bool isPassedToWaiter(int number) {
+  if (!someoneWaits) {
+    return false;
+  }
+  const pthread_t target = waiter;
+  return pthread_equal(target, pthread_self()) == 0 && pthread_kill(target, number) == 0;
 }
 
 }  // namespace zym

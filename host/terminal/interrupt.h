@@ -43,4 +43,9 @@ int cancelledExit();
 // after each other signal; it misses neither a SIGCONT nor a SIGWINCH.
 bool waitForInput(int fd, const std::function<void()>& beforeWaiting = nullptr);
 
+// For signal handlers: whether another thread waits for input, which is then sent the signal
+// instead. A process's signal goes to any thread that does not block it, such as those of a team
+// that has nothing to do; the wait would not notice.
+bool isPassedToWaiter(int number);
+
 }  // namespace zym

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <string_view>
 
+#include "host/terminal/interrupt.h"
+
 namespace zym {
 namespace {
 
@@ -73,6 +75,9 @@ void obey(int number) {
 }
 
 void onSignal(int number) {
+  if (isPassedToWaiter(number)) {
+    return;
+  }
   const int error = errno;
   if (number == SIGWINCH) {
     resized = 1;

@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <thread>
 #include <vector>
+
+#include "host/terminal/terminal_modes.h"
 
 namespace zym {
 namespace {
@@ -65,6 +68,70 @@ TEST(InterruptTest, WaitForInputEndsWithAnInterrupt) {
   close(pipe[1]);
   EXPECT_TRUE(waitForInput(pipe[0]));  // its end can be read
   close(pipe[0]);
+}
+
+// The kernel gives a process's signal to a thread that does not block it, as the waiting one does
+// before it waits.
+class WaitWithAnotherThread : public testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(pipe2(input, O_CLOEXEC), 0);
+    other = std::thread([this] {
+      const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+      while (!ended && std::chrono::steady_clock::now() < until) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+      if (!ended) {
+        gaveUp = true;
+        EXPECT_EQ(write(input[1], "x", 1), 1);
+      }
+    });
+  }
+  void TearDown() override {
+    ended = true;
+    other.join();
+    EXPECT_FALSE(gaveUp) << "the wait has not ended";
+    close(input[0]);
+    close(input[1]);
+  }
+  // Returns when the other thread has handled the signal, at the latest after a second.
+  void sendToTheOther(int number) {
+    pthread_kill(other.native_handle(), number);
+    sigset_t pending;
+    for (int i = 0; i < 100; ++i) {
+      sigpending(&pending);
+      if (sigismember(&pending, number) != 0) {
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+
+  int input[2];
+  std::atomic<bool> ended{false};
+  std::atomic<bool> gaveUp{false};
+  std::thread other;
+};
+
+TEST_F(WaitWithAnotherThread, EndsWithAnInterruptThatTheOtherIsGiven) {
+  catchInterrupts();
+  EXPECT_FALSE(waitForInput(input[0], [this] { sendToTheOther(SIGINT); }));
+}
+
+TEST_F(WaitWithAnotherThread, NoticesASizeOfTheTerminalThatTheOtherIsToldOf) {
+  TerminalModes modes(input[0], input[1]);
+  bool wasSent = false;
+  bool wasResized = false;
+  EXPECT_TRUE(waitForInput(input[0], [&] {
+    wasResized = modes.wasResized();
+    if (!wasSent) {
+      wasSent = true;
+      sendToTheOther(SIGWINCH);
+    } else {
+      EXPECT_EQ(write(input[1], "x", 1), 1);
+    }
+  }));
+  EXPECT_TRUE(wasResized);
 }
 
 TEST(InterruptTest, NewSpanIsNotCancelled) {
