@@ -67,8 +67,11 @@ TEST(PromptParts, RepliesDoNotDependOnTheTurnsOfAQ80Model) {
   const kel::test::TempDir folder;
   kel::test::writeSensitiveChatModel(folder.file("m.zym"), QuantType::Q8_0);
   const Handle handle = testing_abi::createHandle(folder.file("m.zym"));
-  for (const auto& [first, second] : {std::pair{1, 1}, {60, 3}, {110, 2}, {5, 130}}) {
-    expectTheSameInTwoTurns(handle, message(first), message(second));
+  expectTheSameInTwoTurns(handle, message(1), message(1));
+  expectTheSameInTwoTurns(handle, message(110), message(2));
+  if (!kel::test::kInstrumented) {
+    expectTheSameInTwoTurns(handle, message(60), message(3));
+    expectTheSameInTwoTurns(handle, message(5), message(130));
   }
 }
 
