@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "host/cli/commands.h"
+#include "tests/support/patterns.h"
 
 namespace zym {
 namespace {
@@ -35,11 +35,10 @@ std::string partOf(const std::string& text, const std::string& heading, const st
 
 // Whole words that are options: "-f" is not part of "--file".
 std::set<std::string> optionsIn(const std::string& text) {
-  static const std::regex kOption("(^|[^-A-Za-z0-9_<.])(--[a-z][a-z-]*[a-z]|-[a-z])(?![-a-z])");
+  const std::string option = "(^|[^-A-Za-z0-9_<.])(--[a-z][a-z-]*[a-z]|-[a-z])(?![-a-z])";
   std::set<std::string> found;
-  for (std::sregex_iterator it(text.begin(), text.end(), kOption); it != std::sregex_iterator();
-       ++it) {
-    found.insert((*it)[2]);
+  for (const auto& match : kel::test::matchesIn(text, option)) {
+    found.insert(match[2]);
   }
   return found;
 }
