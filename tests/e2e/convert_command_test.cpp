@@ -14,11 +14,13 @@
 #include "container/zym2_reader.h"
 #include "tests/convert/slow_checkpoint.h"
 #include "tests/e2e/fixture.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
 namespace fs = std::filesystem;
+using kel::test::parseJson;
 using Json = nlohmann::json;
 using testing_support::Outcome;
 
@@ -56,7 +58,7 @@ class ConvertCommandTest : public testing_support::ProgramTest {
     words.insert(words.end(), arguments.begin(), arguments.end());
     const Outcome outcome = zym(words);
     EXPECT_EQ(outcome.status, 0) << outcome.err;
-    return Json::parse(zym({"info", target(), "--json"}).out);
+    return parseJson(zym({"info", target(), "--json"}).out);
   }
   static std::string typeOf(const Json& report, const std::string& tensor) {
     for (const Json& entry : report["tensors"]) {
@@ -263,7 +265,7 @@ TEST_F(ConvertCommandTest, TruncatedSourceIsOneClearLine) {
 
 TEST_F(ConvertCommandTest, OtherArchitectureIsOneClearLine) {
   const fs::path copy = damagedDemo();
-  Json config = Json::parse(read(copy / "config.json"));
+  Json config = parseJson(read(copy / "config.json"));
   config["num_hidden_layers"] = 24;
   std::ofstream(copy / "config.json") << config;
   expectRefused({copy, target()}, "24");

@@ -6,6 +6,7 @@
 #include "tests/e2e/terminal_fixture.h"
 #include "tests/support/chat_model.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/json_text.h"
 #include "tests/support/patterns.h"
 #include "tests/support/random_model.h"
 #include "tests/support/scoped_env.h"
@@ -13,6 +14,7 @@
 namespace zym {
 namespace {
 
+using kel::test::parseJson;
 using Json = nlohmann::json;
 using kel::test::matches;
 using kel::test::matchesIn;
@@ -78,7 +80,7 @@ class EngineChatTest : public testing_support::TerminalTest {
     options.push_back("--json");
     const Outcome outcome = run(options);
     EXPECT_EQ(outcome.status, 0) << outcome.err;
-    return Json::parse(outcome.out);
+    return parseJson(outcome.out);
   }
 
   // What the lines of --stats count.
@@ -262,7 +264,7 @@ TEST_F(EngineChatTest, JsonTellsWhatAReplyTookAndHowItEnded) {
   EXPECT_EQ(greedy["usage"]["replyTokens"], 6);
   EXPECT_EQ(greedy["usage"]["promptTokens"], 22);  // "user\nabc" with marks, and the beginning
   EXPECT_EQ(greedy["usage"]["reusedTokens"], 0);
-  EXPECT_GT(greedy["usage"]["seconds"], 0);
+  EXPECT_GT(greedy["usage"]["seconds"].get<double>(), 0);
   EXPECT_FALSE(greedy.contains("seed")) << "nothing is drawn";
   const std::string reply = greedy["reply"];
   const Json stopped = runJson({"--chat", "--greedy", "--max-tokens", "6", "--stop", "none",
@@ -272,7 +274,7 @@ TEST_F(EngineChatTest, JsonTellsWhatAReplyTookAndHowItEnded) {
   EXPECT_EQ(stopped["reply"], reply.substr(0, reply.find(reply.substr(2, 1))));
   const Outcome full = run({"--greedy", "--context", "12", "-p", "abc", "--json"});
   EXPECT_EQ(full.status, 1);
-  EXPECT_EQ(Json::parse(full.out)["end"], "context-full");
+  EXPECT_EQ(parseJson(full.out)["end"], "context-full");
 }
 
 TEST_F(EngineChatTest, TheSeedThatIsShownGivesTheReplyAgain) {
