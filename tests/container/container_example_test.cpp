@@ -2,11 +2,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "container/zym_loader.h"
 #include "tests/support/container_samples.h"
+#include "tests/support/patterns.h"
 
 namespace {
 
@@ -19,11 +19,11 @@ constexpr size_t kExampleBytes = 613;
 Bytes exampleOfTheDocument() {
   Bytes bytes(kExampleBytes, 0);
   std::ifstream document(ZYM_CONTAINER_DOCUMENT);
-  const std::regex listing("^([0-9a-f]{4})  ((?:[0-9a-f]{2} )+).*");
+  const std::string listing = "([0-9a-f]{4})  ((?:[0-9a-f]{2} )+).*";
   std::string line;
   while (std::getline(document, line)) {
-    std::smatch match;
-    if (!std::regex_match(line, match, listing)) {
+    const test::PatternMatch match = test::wholeMatch(line, listing);
+    if (match.empty()) {
       continue;
     }
     size_t at = std::stoul(match[1], nullptr, 16);

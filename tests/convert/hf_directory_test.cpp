@@ -7,6 +7,7 @@
 #include "convert/hf_config.h"
 #include "tests/convert/converted.h"
 #include "tests/convert/tiny_model.h"
+#include "tests/support/json_text.h"
 
 namespace {
 
@@ -14,13 +15,13 @@ using namespace kel::test;
 using nlohmann::json;
 
 json config() {
-  return json::parse(tinyDirectory({}, "BF16").config);
+  return parseJson(tinyDirectory({}, "BF16").config);
 }
 
 // As read from a file, where numbers have no sign they do not need.
 std::string message(const json& file) {
   kel::convert::HfConfig out;
-  return readHfConfig(json::parse(file.dump()), out).message;
+  return readHfConfig(parseJson(file.dump()), out).message;
 }
 
 std::string with(const std::string& field, const json& value) {
@@ -46,7 +47,7 @@ TEST(HfConfig, ShapeIsWhatTheFileStates) {
   stated.valueHeads = 12;
   stated.keyDim = 40;
   stated.valueDim = 48;
-  json file = json::parse(tinyDirectory({}, "BF16", stated).config);
+  json file = parseJson(tinyDirectory({}, "BF16", stated).config);
   kel::ModelShape expected{.layers = 10,
                            .fullLayers = kel::LayerSet::every(5, 10),
                            .queryHeads = 6,

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tests/convert/tiny_model.h"
+#include "tests/support/json_text.h"
 
 namespace kel::test {
 
@@ -21,7 +22,7 @@ inline void writeSlowCheckpoint(const std::string& folder) {
     }
     tensor.holeBytes *= kWidth / kTinyFeedForward;
   }
-  nlohmann::json config = nlohmann::json::parse(source.config);
+  nlohmann::json config = parseJson(source.config);
   nlohmann::json& sizes = config.contains("text_config") ? config["text_config"] : config;
   sizes["intermediate_size"] = kWidth;
   source.config = config.dump();

@@ -5,13 +5,13 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "tests/e2e/process.h"
+#include "tests/support/patterns.h"
 #include "tests/support/temp_dir.h"
 
 namespace zym {
@@ -28,12 +28,11 @@ std::string outputOf(std::vector<std::string> words) {
   return outcome.out;
 }
 
-Words matches(const std::string& text, const std::string& pattern) {
-  const std::regex regex(pattern);
+// What the pattern's group finds.
+Words wordsIn(const std::string& text, const std::string& pattern) {
   Words found;
-  for (std::sregex_iterator it(text.begin(), text.end(), regex); it != std::sregex_iterator();
-       ++it) {
-    found.insert((*it)[1]);
+  for (const auto& match : kel::test::matchesIn(text, pattern)) {
+    found.insert(match[1]);
   }
   return found;
 }
@@ -42,7 +41,7 @@ Words matches(const std::string& text, const std::string& pattern) {
 Words longOptionsOf(const std::vector<std::string>& command) {
   std::vector<std::string> words = command;
   words.emplace_back("--help");
-  return matches(outputOf(words), "\n  (?:-[a-z],)?(--[a-z-]+)");
+  return wordsIn(outputOf(words), "\n  (?:-[a-z],)?(--[a-z-]+)");
 }
 
 // Of a command, or of the program's own.
@@ -56,14 +55,14 @@ Words commands() {
   std::string help = outputOf({"--help"});
   help.erase(0, help.find("\nSubcommands:"));
   help.resize(help.find("\n\n"));  // examples follow
-  return matches(help, "\n  ([a-z]+) ");
+  return wordsIn(help, "\n  ([a-z]+) ");
 }
 
 // The words that the program names when an option gets another one.
 Words choicesOf(const std::string& option) {
   const Outcome refused = runProcess({ZYM_PROGRAM, "convert", "a", "b", option, "?"});
   const std::string list = refused.err.substr(0, refused.err.find(", not "));
-  return matches(list, "(?:^|is one of |\\|)([a-z0-9_]+)(?=\\||$)");
+  return wordsIn(list, "(?:^|is one of |\\|)([a-z0-9_]+)(?=\\||$)");
 }
 
 class CompletionTest : public testing::Test {
@@ -77,7 +76,7 @@ class CompletionTest : public testing::Test {
     line.insert(line.end(), words.begin(), words.end());
     const Outcome outcome = runProcess(line);
     EXPECT_EQ(outcome.err, "");
-    return matches(outcome.out, "([^\n]+)\n");
+    return wordsIn(outcome.out, "([^\n]+)\n");
   }
 
   void addFiles() const {
@@ -125,10 +124,10 @@ TEST_F(CompletionTest, BashOffersModelsAndFoldersWhereAModelStands) {
 
 TEST_F(CompletionTest, FishKnowsEveryCommandAndOption) {
   const std::string script = outputOf({"completion", "fish"});
-  EXPECT_EQ(matches(script, "'__fish_use_subcommand' -a ([a-z]+) "), commands());
-  const Words shared = matches(script, "zym(?: -s [a-z])? -l ([a-z-]+)");
+  EXPECT_EQ(wordsIn(script, "'__fish_use_subcommand' -a ([a-z]+) "), commands());
+  const Words shared = wordsIn(script, "zym(?: -s [a-z])? -l ([a-z-]+)");
   for (const std::string& command : commands()) {
-    Words offered = matches(script, "from " + command + "'(?: -s [a-z])? -l ([a-z-]+)");
+    Words offered = wordsIn(script, "from " + command + "'(?: -s [a-z])? -l ([a-z-]+)");
     offered.insert(shared.begin(), shared.end());
     Words options;
     for (const std::string& option : allOptionsOf(command)) {
@@ -140,12 +139,12 @@ TEST_F(CompletionTest, FishKnowsEveryCommandAndOption) {
 
 TEST_F(CompletionTest, ZshKnowsEveryCommandAndOption) {
   const std::string script = outputOf({"completion", "zsh"});
-  EXPECT_EQ(matches(script, "\n        '([a-z]+):"), commands());
+  EXPECT_EQ(wordsIn(script, "\n        '([a-z]+):"), commands());
   for (const std::string& command : commands()) {
     const size_t begin = script.find("\n        " + command + ")\n");
     ASSERT_NE(begin, std::string::npos) << command;
     const std::string own = script.substr(begin, script.find(";;", begin) - begin);
-    EXPECT_EQ(matches(own, "[)*](--[a-z-]+)=?\\["), allOptionsOf(command)) << command;
+    EXPECT_EQ(wordsIn(own, "[)*](--[a-z-]+)=?\\["), allOptionsOf(command)) << command;
   }
 }
 

@@ -15,6 +15,7 @@
 #include "tests/convert/slow_checkpoint.h"
 #include "tests/e2e/fixture.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
@@ -22,6 +23,7 @@ namespace {
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
 using kel::test::contentsOf;
+using kel::test::parseJson;
 using testing_support::Outcome;
 
 constexpr const char* kDemo = ZYM_DEMO_FOLDER;
@@ -58,7 +60,7 @@ class ConvertCommandTest : public testing_support::ProgramTest {
     words.insert(words.end(), arguments.begin(), arguments.end());
     const Outcome outcome = zym(words);
     EXPECT_EQ(outcome.status, 0) << outcome.err;
-    return Json::parse(zym({"info", target(), "--json"}).out);
+    return parseJson(zym({"info", target(), "--json"}).out);
   }
   static std::string typeOf(const Json& report, const std::string& tensor) {
     for (const Json& entry : report["tensors"]) {
@@ -260,7 +262,7 @@ TEST_F(ConvertCommandTest, TruncatedSourceIsOneClearLine) {
 
 TEST_F(ConvertCommandTest, OtherArchitectureIsOneClearLine) {
   const fs::path copy = damagedDemo();
-  Json config = Json::parse(contentsOf(copy / "config.json"));
+  Json config = parseJson(contentsOf(copy / "config.json"));
   config["num_hidden_layers"] = 24;
   std::ofstream(copy / "config.json") << config;
   expectRefused({copy, target()}, "24");

@@ -11,11 +11,13 @@
 #include "tests/e2e/fixture.h"
 #include "tests/support/demo_model.h"
 #include "tests/support/instrumented.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
 using kel::test::DemoTurn;
+using kel::test::parseJson;
 using testing_support::Outcome;
 using Chat = std::vector<DemoTurn>;
 
@@ -64,7 +66,7 @@ class DemoChatsTest : public testing_support::ProgramTest,
     for (const DemoTurn& turn : turns) {
       std::string line;
       ASSERT_TRUE(std::getline(lines, line)) << "no reply to: " << turn.user;
-      const auto reply = nlohmann::json::parse(line);
+      const auto reply = parseJson(line);
       EXPECT_EQ(reply["prompt"], turn.user);
       EXPECT_EQ(reply["reply"], turn.reply) << "to: " << turn.user;
       EXPECT_EQ(reply["end"], "stop");

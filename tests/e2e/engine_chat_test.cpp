@@ -1,13 +1,14 @@
 // zym chat and run over the program's own engine, with a small random model: what is said is
 // without meaning, but the same every time.
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <stdexcept>
 
 #include "tests/e2e/terminal_fixture.h"
 #include "tests/support/chat_model.h"
 #include "tests/support/family_shapes.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/json_text.h"
+#include "tests/support/patterns.h"
 #include "tests/support/random_model.h"
 #include "tests/support/scoped_env.h"
 
@@ -16,6 +17,9 @@ namespace {
 
 using Json = nlohmann::json;
 using kel::test::contentsOf;
+using kel::test::matches;
+using kel::test::matchesIn;
+using kel::test::parseJson;
 using testing_support::Outcome;
 using Words = std::vector<std::string>;
 
@@ -78,7 +82,7 @@ class EngineChatTest : public testing_support::TerminalTest {
     options.push_back("--json");
     const Outcome outcome = run(options);
     EXPECT_EQ(outcome.status, 0) << outcome.err;
-    return Json::parse(outcome.out);
+    return parseJson(outcome.out);
   }
 
   // What the lines of --stats count.
@@ -88,12 +92,10 @@ class EngineChatTest : public testing_support::TerminalTest {
     int reply = -1;
   };
   static std::vector<Use> usesIn(const std::string& text) {
-    static const std::regex kUse(
-        R"(\(read (\d+) tokens, [0-9.]+/s; reused (\d+); reply (\d+) tokens)");
     std::vector<Use> uses;
-    for (std::sregex_iterator it(text.begin(), text.end(), kUse); it != std::sregex_iterator();
-         ++it) {
-      uses.push_back({std::stoi((*it)[1]), std::stoi((*it)[2]), std::stoi((*it)[3])});
+    for (const auto& match :
+         matchesIn(text, R"(\(read (\d+) tokens, [0-9.]+/s; reused (\d+); reply (\d+) tokens)")) {
+      uses.push_back({std::stoi(match[1]), std::stoi(match[2]), std::stoi(match[3])});
     }
     return uses;
   }
@@ -145,10 +147,14 @@ TEST_F(EngineChatTest, ASystemMessageHoldsForTheConversation) {
   const Outcome outcome =
       chat("/system\nabc\n/system Be brief.\n/system\ndef\n/reset\n/system\n/system -\n/system\n",
            {"--stats"});
-  EXPECT_EQ(
-      std::regex_replace(outcome.err, std::regex(R"(\(cut.*\)\n\(read.*\)\n)"), "*\n"),
-      "There is no system message.\n*\n(the next message has the conversation read again)\n"
-      "Be brief.\n*\nThe conversation is forgotten.\nBe brief.\nThere is no system message.\n");
+  const std::string cutReply = R"(\(cut.*\)\n\(read.*\)\n)";
+  EXPECT_TRUE(matches(outcome.err, R"(There is no system message\.\n)" + cutReply +
+                                       R"(\(the next message has the conversation read again\)\n)"
+                                       R"(Be brief\.\n)" +
+                                       cutReply +
+                                       R"(The conversation is forgotten\.\nBe brief\.\n)"
+                                       R"(There is no system message\.\n)"))
+      << outcome.err;
   EXPECT_LE(usesIn(outcome.err).at(1).reused, 1) << "the first mark at most";
 }
 
@@ -229,11 +235,10 @@ TEST_F(EngineChatTest, ContextShowsWhatTheConversationTakes) {
   const Outcome outcome = zym({"chat", model, "--max-tokens", "6", "--seed", "7", "--no-think"},
                               "abc\n/retry\n/context\n");
   const std::string shown = outcome.err.substr(outcome.err.find("positions"));
-  EXPECT_TRUE(std::regex_match(
-      shown,
-      std::regex("positions  \\d+ of 32768\nmessages   2\nread       \\d+ tokens of prompts\n"
-                 "reused     [1-9]\\d* tokens of prompts\nsnapshots  \\d+, [0-9.]+ [kM]?B\n"
-                 "prompts    [0-9.]+ tokens/s\nreplies    [0-9.]+ tokens/s\nseed       7\n")))
+  EXPECT_TRUE(matches(shown,
+                      "positions  \\d+ of 32768\nmessages   2\nread       \\d+ tokens of prompts\n"
+                      "reused     [1-9]\\d* tokens of prompts\nsnapshots  \\d+, [0-9.]+ [kM]?B\n"
+                      "prompts    [0-9.]+ tokens/s\nreplies    [0-9.]+ tokens/s\nseed       7\n"))
       << shown;
 }
 
@@ -261,7 +266,7 @@ TEST_F(EngineChatTest, JsonTellsWhatAReplyTookAndHowItEnded) {
   EXPECT_EQ(greedy["usage"]["replyTokens"], 6);
   EXPECT_EQ(greedy["usage"]["promptTokens"], 22);  // "user\nabc" with marks, and the beginning
   EXPECT_EQ(greedy["usage"]["reusedTokens"], 0);
-  EXPECT_GT(greedy["usage"]["seconds"], 0);
+  EXPECT_GT(greedy["usage"]["seconds"].get<double>(), 0);
   EXPECT_FALSE(greedy.contains("seed")) << "nothing is drawn";
   const std::string reply = greedy["reply"];
   const Json stopped = runJson({"--chat", "--greedy", "--max-tokens", "6", "--stop", "none",
@@ -271,7 +276,7 @@ TEST_F(EngineChatTest, JsonTellsWhatAReplyTookAndHowItEnded) {
   EXPECT_EQ(stopped["reply"], reply.substr(0, reply.find(reply.substr(2, 1))));
   const Outcome full = run({"--greedy", "--context", "12", "-p", "abc", "--json"});
   EXPECT_EQ(full.status, 1);
-  EXPECT_EQ(Json::parse(full.out)["end"], "context-full");
+  EXPECT_EQ(parseJson(full.out)["end"], "context-full");
 }
 
 TEST_F(EngineChatTest, TheSeedThatIsShownGivesTheReplyAgain) {

@@ -18,6 +18,7 @@
 #include "tests/e2e/fixture.h"
 #include "tests/support/demo_gguf.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/json_text.h"
 #include "tests/support/scoped_env.h"
 
 namespace zym {
@@ -26,6 +27,7 @@ namespace {
 namespace fs = std::filesystem;
 using Json = nlohmann::json;
 using kel::test::contentsOf;
+using kel::test::parseJson;
 using kel::test::ScopedEnv;
 using testing_support::Outcome;
 
@@ -54,7 +56,7 @@ class ModelCacheTest : public testing_support::ProgramTest {
     kel::test::writeDemoGguf(path);
     return path;
   }
-  Json entries() const { return Json::parse(zym({"cache", "list", "--json"}).out)["entries"]; }
+  Json entries() const { return parseJson(zym({"cache", "list", "--json"}).out)["entries"]; }
   std::string converting(const std::string& given) const {
     return "(converting " + given + " into " + cache.string() +
            ", once; `zym cache list` shows what is there)\n";
@@ -98,13 +100,13 @@ TEST_F(ModelCacheTest, GgufFileAnswersAndIsConvertedOnce) {
 TEST_F(ModelCacheTest, EveryCommandTakesAFolder) {
   EXPECT_EQ(zym({"check", ZYM_DEMO_FOLDER}).out,
             ZYM_DEMO_FOLDER ": can be run\nthe runtime library can run it too\n");
-  EXPECT_EQ(Json::parse(zym({"info", ZYM_DEMO_FOLDER, "--json"}).out)["metadata"]["general.name"],
+  EXPECT_EQ(parseJson(zym({"info", ZYM_DEMO_FOLDER, "--json"}).out)["metadata"]["general.name"],
             "demo");
-  EXPECT_EQ(Json::parse(zym({"tokenize", ZYM_DEMO_FOLDER, "--json", " "}).out)["ids"].size(), 1U);
+  EXPECT_EQ(parseJson(zym({"tokenize", ZYM_DEMO_FOLDER, "--json", " "}).out)["ids"].size(), 1U);
   EXPECT_EQ(zym({"chat", ZYM_DEMO_FOLDER, "--greedy"}, std::string(kQuestion) + "\n").out, kAnswer);
-  const Json report = Json::parse(zym({"bench", ZYM_DEMO_FOLDER, "--json", "--repetitions", "1",
-                                       "--prompt", "4", "--steps", "2"})
-                                      .out);
+  const Json report = parseJson(zym({"bench", ZYM_DEMO_FOLDER, "--json", "--repetitions", "1",
+                                     "--prompt", "4", "--steps", "2"})
+                                    .out);
   EXPECT_EQ(report["model"], ZYM_DEMO_FOLDER);
   EXPECT_EQ(entries().size(), 1U);
 }

@@ -13,11 +13,13 @@
 #include "qwen35/simd/instruction_sets.h"
 #include "tests/e2e/fixture.h"
 #include "tests/support/instrumented.h"
+#include "tests/support/json_text.h"
 #include "tests/support/scoped_env.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseJson;
 using Json = nlohmann::json;
 using testing_support::Outcome;
 using testing_support::writeSmallModel;
@@ -386,17 +388,17 @@ TEST_F(ProgramTest, RunJsonIsAnObjectALine) {
   const Outcome outcome =
       zym({"run", model, "--chat", "--json", "-p", "say \xC3\xA9", "-p", "limit"});
   const size_t cut = outcome.out.find('\n');
-  const Json first = Json::parse(outcome.out.substr(0, cut));
+  const Json first = parseJson(outcome.out.substr(0, cut));
   EXPECT_EQ(first["prompt"], "say \xC3\xA9");
   EXPECT_EQ(first["end"], "stop");
-  const Json second = Json::parse(outcome.out.substr(cut + 1));
+  const Json second = parseJson(outcome.out.substr(cut + 1));
   EXPECT_EQ(second["end"], "limit");
   EXPECT_EQ(second["pieces"], 96);
   EXPECT_EQ(outcome.err, "(the reply was cut at 96 tokens)\n");
 }
 
 TEST_F(ProgramTest, RunJsonDoesNotGuessTheEndOfACompletion) {
-  const Json line = Json::parse(zym({"run", model, "--json", "-p", "a"}).out);
+  const Json line = parseJson(zym({"run", model, "--json", "-p", "a"}).out);
   EXPECT_EQ(line["reply"], "a and so on");
   EXPECT_TRUE(line["end"].is_null());
   EXPECT_FALSE(line.contains("pieces"));
@@ -551,7 +553,7 @@ TEST_F(ProgramTest, InfoSaysWhenNoTensorMatches) {
 }
 
 TEST_F(ProgramTest, InfoJsonHoldsTheWholeTable) {
-  const Json report = Json::parse(zym({"info", model, "--json"}).out);
+  const Json report = parseJson(zym({"info", model, "--json"}).out);
   EXPECT_EQ(report["metadata"]["general.architecture"], "qwen35");
   EXPECT_EQ(report["tensors"].size(), 426U);
   EXPECT_EQ(report["tokenizer"]["tokens"], 4);
@@ -560,7 +562,7 @@ TEST_F(ProgramTest, InfoJsonHoldsTheWholeTable) {
 TEST_F(ProgramTest, TokenizeShowsIdsAndPieces) {
   const Outcome outcome = zym({"tokenize", model, "--raw", " <|im_end|>"});
   EXPECT_EQ(outcome.out, "      0  \" \"\n      1  \"<|im_end|>\"\n");
-  const Json report = Json::parse(zym({"tokenize", model, "--json", " "}).out);
+  const Json report = parseJson(zym({"tokenize", model, "--json", " "}).out);
   EXPECT_EQ(report["ids"], Json::array({0}));
 }
 
@@ -580,7 +582,7 @@ TEST_F(ProgramTest, TokenizeTurnsIdsIntoText) {
   EXPECT_EQ(zym({"tokenize", model, "--ids", "1,0 1"}).out, text);
   EXPECT_EQ(zym({"tokenize", "--ids", model, "-"}, "[1,\n 0,\n 1]\n").out, text);
   EXPECT_EQ(zym({"tokenize", model, "--ids", "-f", write("ids.txt", "1\n0\n1\n")}).out, text);
-  const Json report = Json::parse(zym({"tokenize", model, "--ids", "--json", "1", "0"}).out);
+  const Json report = parseJson(zym({"tokenize", model, "--ids", "--json", "1", "0"}).out);
   EXPECT_EQ(report, Json({{"ids", {1, 0}}, {"text", "<|im_end|> "}}));
   expectFault(zym({"tokenize", model, "--ids", "1", "4"}), 1,
               "the vocabulary has no token 4; its last one is 3");
@@ -618,7 +620,7 @@ TEST_F(ProgramTest, TokenizeShowsTheEnginesTokensOrThoseOfTheContainersRules) {
   const auto ids = [&](const std::vector<std::string>& options) {
     std::vector<std::string> words = {"tokenize", model, "--json", ");\n"};
     words.insert(words.end(), options.begin(), options.end());
-    return Json::parse(zym(words).out)["ids"];
+    return parseJson(zym(words).out)["ids"];
   };
   EXPECT_EQ(ids({}), Json::array({5}));
   EXPECT_EQ(ids({"--plugin-rules"}), Json::array({2}));  // ");" is no token of its own here
@@ -641,7 +643,7 @@ TEST_F(ProgramTest, TokenizeOfNothingShowsNothing) {
     EXPECT_EQ(outcome.status, 0);
     EXPECT_EQ(outcome.out + outcome.err, "");
   }
-  EXPECT_EQ(Json::parse(zym({"tokenize", model, "--json", ""}).out),
+  EXPECT_EQ(parseJson(zym({"tokenize", model, "--json", ""}).out),
             Json({{"ids", Json::array()}, {"pieces", Json::array()}}));
   EXPECT_EQ(zym({"tokenize", model, "--ids", "-"}).out, "\n");
 }
@@ -671,25 +673,28 @@ TEST_F(ProgramTest, BenchReportsEveryMeasure) {
   // No bar in a pipe, and no plain line so soon.
   EXPECT_TRUE(outcome.err.starts_with("(--threads 1000: ")) << outcome.err;
   EXPECT_EQ(std::count(outcome.err.begin(), outcome.err.end(), '\n'), 1) << outcome.err;
-  const Json report = Json::parse(outcome.out);
+  const Json report = parseJson(outcome.out);
   EXPECT_EQ(report["threads"], qwen35::usableProcessors());  // no more run
   EXPECT_EQ(report["kernels"], "scalar");
   EXPECT_EQ(report["repetitions"], 2);
-  EXPECT_GE(report["prefillPositions"], 20);
+  EXPECT_GE(report["prefillPositions"].get<int>(), 20);
   for (const char* speed : {"prefillTokensPerSecond", "decodeTokensPerSecond"}) {
-    EXPECT_GT(report[speed]["min"], 0) << speed;
-    EXPECT_LE(report[speed]["min"], report[speed]["median"]) << speed;
-    EXPECT_LE(report[speed]["median"], report[speed]["max"]) << speed;
+    const double least = report[speed]["min"];
+    const double median = report[speed]["median"];
+    const double most = report[speed]["max"];
+    EXPECT_GT(least, 0) << speed;
+    EXPECT_LE(least, median) << speed;
+    EXPECT_LE(median, most) << speed;
   }
   for (const char* measure :
        {"weightBytes", "readBytesPerSecond", "multiplyAddsPerPrefillToken", "multiplyAddsPerSecond",
         "prefillMultiplyShare", "createSeconds", "residentBytes", "residentFileBytes"}) {
-    EXPECT_GT(report[measure], 0) << measure;
+    EXPECT_GT(report[measure].get<double>(), 0) << measure;
   }
-  EXPECT_LE(report["prefillMultiplyShare"], 1);
+  EXPECT_LE(report["prefillMultiplyShare"].get<double>(), 1);
   // Of weights that fit the caches there is no share.
   const Json& share = report["decodeBandwidthShare"];
-  EXPECT_TRUE(share.is_null() || (share > 0 && share <= 1)) << share;
+  EXPECT_TRUE(share.is_null() || (share.get<double>() > 0 && share.get<double>() <= 1)) << share;
 }
 
 }  // namespace

@@ -10,10 +10,12 @@
 
 #include "tests/e2e/served_program.h"
 #include "tests/support/instrumented.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseJson;
 using nlohmann::json;
 using testing_support::HttpAnswer;
 using testing_support::HttpClient;
@@ -28,10 +30,10 @@ TEST_F(ServeCommandTest, AnswersProgramsPeopleAndCollectors) {
   start({"--name", "first", "--name", "second", "--parallel", "2", "--context", "512"});
   const HttpAnswer reply = ask("POST", "/v1/chat/completions", chatRequest());
   ASSERT_EQ(reply.status, 200) << reply.body;
-  const json chat = json::parse(reply.body);
+  const json chat = parseJson(reply.body);
   EXPECT_EQ(chat["model"], "first");
   EXPECT_NE(chat["choices"][0]["message"]["content"], "");
-  EXPECT_EQ(json::parse(ask("GET", "/v1/models").body)["data"].size(), 2u);
+  EXPECT_EQ(parseJson(ask("GET", "/v1/models").body)["data"].size(), 2u);
   EXPECT_EQ(ask("GET", "/health").body, "{\"status\":\"ok\"}");
 
   const HttpAnswer page = ask("GET", "/");
@@ -44,7 +46,7 @@ TEST_F(ServeCommandTest, AnswersProgramsPeopleAndCollectors) {
 
   const HttpAnswer nothing = ask("GET", "/nothing");
   EXPECT_EQ(nothing.status, 404);
-  EXPECT_EQ(json::parse(nothing.body)["error"]["code"], "not_found");
+  EXPECT_EQ(parseJson(nothing.body)["error"]["code"], "not_found");
   EXPECT_NE(ask("GET", "/metrics").body.find("zym_requests_total{outcome=\"not_found\"} 1\n"),
             std::string::npos);
 
@@ -174,7 +176,7 @@ TEST_F(ServeCommandTest, HostileTextsAreRefusedWithAWordAndHarmNobody) {
       ASSERT_TRUE(caller.ask("POST", to.path, "", body));
       const HttpAnswer answer = caller.read();
       ASSERT_EQ(answer.status, 400) << answer.body;
-      const json error = json::parse(answer.body);
+      const json error = parseJson(answer.body);
       EXPECT_NE(error["error"]["message"], "");
       EXPECT_EQ(error["error"]["type"], "invalid_request_error");
     }
@@ -191,7 +193,7 @@ TEST_F(ServeCommandTest, SlowCallersAreToldAndGivenUp) {
   EXPECT_EQ(ask("POST", "/v1/chat/completions", chatRequest()).status, 200);
   const HttpAnswer answer = slow.read();
   EXPECT_EQ(answer.status, 408);
-  EXPECT_NE(json::parse(answer.body)["error"]["message"], "");
+  EXPECT_NE(parseJson(answer.body)["error"]["message"], "");
   EXPECT_TRUE(slow.isClosed());
 }
 
@@ -224,7 +226,7 @@ TEST_F(ServeCommandTest, ManyConnectionsAtOnceAreServed) {
   for (HttpClient& caller : callers) {
     const HttpAnswer answer = caller.read();
     ASSERT_TRUE(answer.status == 200 || answer.status == 503) << answer.status << answer.body;
-    EXPECT_TRUE(json::parse(answer.body).contains(answer.status == 200 ? "choices" : "error"));
+    EXPECT_TRUE(parseJson(answer.body).contains(answer.status == 200 ? "choices" : "error"));
     answered += answer.status == 200 ? 1 : 0;
   }
   EXPECT_GE(answered, 5u);  // two at work and three that wait

@@ -5,11 +5,13 @@
 #include <sstream>
 
 #include "tests/e2e/served_program.h"
+#include "tests/support/json_text.h"
 #include "tests/support/scoped_env.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseJson;
 using nlohmann::json;
 
 const std::string kIndent = "    ";
@@ -66,7 +68,7 @@ Said readAnswer(const std::string& body) {
   Said said;
   said.isStream = body.starts_with("data: ") || body.starts_with("event: ");
   if (!said.isStream) {
-    said.objects.push_back(json::parse(body));
+    said.objects.push_back(parseJson(body));
     said.isComplete = true;
     return said;
   }
@@ -76,7 +78,7 @@ Said readAnswer(const std::string& body) {
     if (line == "data: [DONE]") {
       said.isComplete = true;
     } else if (line.starts_with("data: ")) {
-      said.objects.push_back(json::parse(line.substr(6)));
+      said.objects.push_back(parseJson(line.substr(6)));
       const std::string type = said.objects.back().value("type", "");
       // Incomplete: at a limit, as the words that are drawn may have it.
       said.isComplete =
@@ -123,7 +125,7 @@ TEST_F(ServingExamplesTest, AreAnsweredAsTheyStand) {
     if (example.command.find("\"json_schema\"") != std::string::npos) {
       asked.insert("a form");
       const json form =
-          json::parse(said.objects.at(0)["choices"][0]["message"]["content"].get<std::string>());
+          parseJson(said.objects.at(0)["choices"][0]["message"]["content"].get<std::string>());
       EXPECT_TRUE(form.at("continent").is_string());
       EXPECT_TRUE(form.at("capital").is_boolean());
     }

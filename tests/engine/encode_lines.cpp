@@ -13,10 +13,12 @@
 
 #include "container/zym2_reader.h"
 #include "engine/text_encoder.h"
+#include "tests/support/json_text.h"
 #include "tokenizer/tokenizer.h"
 
 namespace {
 
+using kel::test::parseJson;
 using nlohmann::json;
 
 int complain(const std::string& what) {
@@ -65,7 +67,7 @@ int encodeLines(const std::string& container, bool raw) {
   const engine::TextEncoder encoder(tokenizer, form);
   std::string line;
   while (std::getline(std::cin, line)) {
-    const auto text = json::parse(line).get<std::string>();
+    const auto text = parseJson(line).get<std::string>();
     std::vector<int32_t> ids;
     if (raw) {
       encoder.encodeWithSpecials(text, ids);

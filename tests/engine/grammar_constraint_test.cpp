@@ -21,12 +21,14 @@
 #include "tests/engine/constraint_vocabulary.h"
 #include "tests/support/demo_model.h"
 #include "tests/support/json_schema_check.h"
+#include "tests/support/json_text.h"
 #include "tests/support/temp_dir.h"
 
 namespace engine {
 namespace {
 
 using kel::test::Json;
+using kel::test::parseJson;
 using testing_support::ConstraintVocabulary;
 using Random = std::mt19937;
 
@@ -127,7 +129,7 @@ std::string randomText(GrammarConstraint& constraint, const VocabularyTrie& trie
 void expectValid(const std::string& text, const std::string& schema) {
   const std::optional<Json> document = kel::test::strictlyParsed(text);
   ASSERT_TRUE(document.has_value()) << text;
-  const Json root = Json::parse(schema);
+  const Json root = parseJson(schema);
   EXPECT_TRUE(kel::test::satisfies(*document, root, root)) << text << "\n" << schema;
 }
 

@@ -16,10 +16,12 @@
 #include "engine/reply_parser.h"
 #include "tests/engine/constraint_vocabulary.h"
 #include "tests/support/json_schema_check.h"
+#include "tests/support/json_text.h"
 
 namespace engine {
 namespace {
 
+using kel::test::parseJson;
 using testing_support::ConstraintVocabulary;
 
 const std::vector<Tool>& tools() {
@@ -229,8 +231,7 @@ void expectCalls(const std::string& text, size_t most) {
   ReplyParser parser(false, tools());
   parser.text(text, events);
   parser.finish(events);
-  const kel::test::Json schema =
-      kel::test::Json::parse(tools().front().json)["function"]["parameters"];
+  const kel::test::Json schema = parseJson(tools().front().json)["function"]["parameters"];
   size_t nCalls = 0;
   for (const ReplyEvent& event : events) {
     EXPECT_NE(event.kind, ReplyEvent::Kind::Answer) << text;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -10,6 +11,7 @@
 #include "container/zym_loader.h"
 #include "tests/convert/gguf_builder.h"
 #include "tests/support/demo_model.h"
+#include "tests/support/json_text.h"
 #include "tests/support/temp_dir.h"
 
 namespace kel::test {
@@ -59,7 +61,8 @@ void addTokenizer(const TokenizerData& tables, GgufBuilder& file) {
   file.texts("tokenizer.ggml.merges", tables.merges);
   file.u32("tokenizer.ggml.eos_token_id", static_cast<uint32_t>(tables.eosId));
   std::ifstream config(ZYM_DEMO_FOLDER "/tokenizer_config.json");
-  file.text("tokenizer.chat_template", nlohmann::json::parse(config).at("chat_template"));
+  const std::string text{std::istreambuf_iterator<char>(config), {}};
+  file.text("tokenizer.chat_template", parseJson(text).at("chat_template"));
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "tests/support/demo_model.h"
+#include "tests/support/json_text.h"
 
 #include <cmath>
 #include <cstring>
@@ -40,7 +41,7 @@ class Checkpoint {
   Checkpoint() : bytes(readFile("model.safetensors")) {
     uint64_t headerBytes = 0;
     std::memcpy(&headerBytes, bytes.data(), sizeof(headerBytes));
-    header = json::parse(bytes.substr(8, headerBytes));
+    header = parseJson(bytes.substr(8, headerBytes));
     dataStart = 8 + headerBytes;
   }
 
@@ -201,7 +202,7 @@ void writeFullLayer(const Checkpoint& from, const std::string& layer, const std:
 }
 
 kel::TokenizerData tokenizerTables() {
-  const json file = json::parse(readFile("tokenizer.json"));
+  const json file = parseJson(readFile("tokenizer.json"));
   const json& model = file["model"];
   kel::TokenizerData tables;
   tables.tokens.resize(model["vocab"].size() + file["added_tokens"].size());
@@ -216,7 +217,7 @@ kel::TokenizerData tokenizerTables() {
   for (const json& rule : model["merges"]) {
     tables.merges.push_back(rule);
   }
-  tables.eosId = json::parse(readFile("expected.json"))["eos_token_id"];
+  tables.eosId = parseJson(readFile("expected.json"))["eos_token_id"];
   return tables;
 }
 
@@ -246,7 +247,7 @@ void writeDemoModel(const std::string& path, kel::QuantType matrices) {
 }
 
 DemoExpectations demoExpectations() {
-  const json file = json::parse(readFile("expected.json"));
+  const json file = parseJson(readFile("expected.json"));
   DemoExpectations expected;
   for (const json& chat : file["chats"]) {
     std::vector<DemoTurn>& turns = expected.chats.emplace_back();

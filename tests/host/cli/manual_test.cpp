@@ -4,13 +4,13 @@
 
 #include <algorithm>
 #include <iterator>
-#include <regex>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "host/cli/commands.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/patterns.h"
 
 namespace zym {
 namespace {
@@ -32,11 +32,10 @@ std::string partOf(const std::string& text, const std::string& heading, const st
 
 // Whole words that are options: "-f" is not part of "--file".
 std::set<std::string> optionsIn(const std::string& text) {
-  static const std::regex kOption("(^|[^-A-Za-z0-9_<.])(--[a-z][a-z-]*[a-z]|-[a-z])(?![-a-z])");
+  const std::string option = "(^|[^-A-Za-z0-9_<.])(--[a-z][a-z-]*[a-z]|-[a-z])(?![-a-z])";
   std::set<std::string> found;
-  for (std::sregex_iterator it(text.begin(), text.end(), kOption); it != std::sregex_iterator();
-       ++it) {
-    found.insert((*it)[2]);
+  for (const auto& match : kel::test::matchesIn(text, option)) {
+    found.insert(match[2]);
   }
   return found;
 }

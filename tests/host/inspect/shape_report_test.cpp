@@ -9,12 +9,14 @@
 #include "host/inspect/container_report.h"
 #include "tests/host/model_file.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/json_text.h"
 #include "tests/support/random_model.h"
 #include "tests/support/temp_dir.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseOrderedJson;
 using Json = nlohmann::ordered_json;
 
 class ShapeReportTest : public testing::Test {
@@ -66,7 +68,7 @@ TEST_F(ShapeReportTest, LargeCountsAreInMillions) {
 
 TEST_F(ShapeReportTest, JsonHoldsEveryNumber) {
   writeOdd();
-  EXPECT_EQ(Json::parse(R"({"isStated": true, "layers": 5, "fullAttentionLayers": [1, 2],
+  EXPECT_EQ(parseOrderedJson(R"({"isStated": true, "layers": 5, "fullAttentionLayers": [1, 2],
     "predictionLayers": 0, "hidden": 8, "feedForward": 16, "vocabulary": 40, "context": 300,
     "ownOutputHead": false, "queryHeads": 6, "keyValueHeads": 2, "headDimensions": 40,
     "rotatedDimensions": 12, "rotaryBase": 10000.0, "linearKeyHeads": 3, "linearValueHeads": 9,

@@ -9,10 +9,12 @@
 
 #include "host/serve/api_output.h"
 #include "tests/host/serve/fake_service.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseOrderedJson;
 using namespace testing_support;
 using engine::ReplyEnd;
 using engine::Role;
@@ -133,7 +135,7 @@ TEST_F(ChatApi, StreamedCalls) {
 }
 
 TEST_F(ChatApi, CallsOfAWholeAnswer) {
-  const Json body = Json::parse(
+  const Json body = parseOrderedJson(
       answerTo(kTools, {call("look_up", R"({"word": "a"})")}, reply(ReplyEnd::Stop, 9)));
   EXPECT_EQ(R"({"role":"assistant","content":null,"refusal":null,"tool_calls":[)"
             R"({"id":"call_000000000000000400000000","type":"function",)"
@@ -145,12 +147,12 @@ TEST_F(ChatApi, CallsOfAWholeAnswer) {
 TEST_F(ChatApi, CallsThatAreCutShortAreNone) {
   const engine::ReplyEvent cut = {
       engine::ReplyEvent::Kind::CallIncomplete, "<tool_call>\n<function=lo", {}, "{}"};
-  Json body = Json::parse(answerTo(kTools, {answer("So: "), cut}, reply(ReplyEnd::Limit, 9)));
+  Json body = parseOrderedJson(answerTo(kTools, {answer("So: "), cut}, reply(ReplyEnd::Limit, 9)));
   EXPECT_EQ("So: ", body["choices"][0]["message"]["content"]);
   EXPECT_FALSE(body["choices"][0]["message"].contains("tool_calls"));
   EXPECT_EQ("length", body["choices"][0]["finish_reason"]);
   // Where the model itself ended there, its words are the answer.
-  body = Json::parse(answerTo(kTools, {answer("So: "), cut}, reply(ReplyEnd::Stop, 9)));
+  body = parseOrderedJson(answerTo(kTools, {answer("So: "), cut}, reply(ReplyEnd::Stop, 9)));
   EXPECT_EQ("So: <tool_call>\n<function=lo", body["choices"][0]["message"]["content"]);
   EXPECT_EQ("stop", body["choices"][0]["finish_reason"]);
 }
@@ -166,7 +168,7 @@ TEST_F(ChatApi, SeveralChoices) {
   sink.event(0, answer("A"));
   sink.finished(0, reply(ReplyEnd::ContextFull, 4));
   sink.done();
-  const Json body = Json::parse(exchange->written);
+  const Json body = parseOrderedJson(exchange->written);
   ASSERT_EQ(2U, body["choices"].size());
   EXPECT_EQ("aA", body["choices"][0]["message"]["content"]);
   EXPECT_EQ("length", body["choices"][0]["finish_reason"]);
@@ -208,7 +210,7 @@ TEST_F(ChatApi, LogProbabilitiesOfTheAnswerAlone) {
   sink.token(0, chosen(a + 2, -1));
   exchange->written.clear();
   sink.event(0, answer("c"));
-  const Json event = Json::parse(exchange->written.substr(6));
+  const Json event = parseOrderedJson(exchange->written.substr(6));
   const Json& content = event["choices"][0]["logprobs"]["content"];
   ASSERT_EQ(1U, content.size()) << "neither the framing of the call nor what is in it";
   EXPECT_EQ("c", content[0]["token"]);
@@ -228,7 +230,7 @@ TEST_F(ChatApi, LogProbabilitiesOfAWholeAnswer) {
   sink.done();
   EXPECT_EQ(R"({"content":[{"token":"a","logprob":-0.5,"bytes":[97],"top_logprobs":[]},)"
             R"({"token":"b","logprob":-0.5,"bytes":[98],"top_logprobs":[]}],"refusal":null})",
-            Json::parse(exchange->written)["choices"][0]["logprobs"].dump());
+            parseOrderedJson(exchange->written)["choices"][0]["logprobs"].dump());
 }
 
 TEST_F(ChatApi, LogProbabilitiesShowSpacesAsSuch) {
@@ -239,14 +241,15 @@ TEST_F(ChatApi, LogProbabilitiesShowSpacesAsSuch) {
   sink.event(0, answer(" "));
   sink.finished(0, reply(ReplyEnd::Stop, 3));
   sink.done();
-  EXPECT_EQ(" ", Json::parse(exchange->written)["choices"][0]["logprobs"]["content"][0]["token"]);
+  EXPECT_EQ(" ",
+            parseOrderedJson(exchange->written)["choices"][0]["logprobs"]["content"][0]["token"]);
 }
 
 TEST_F(ChatApi, OutputIsValidUtf8) {
-  const Json body = Json::parse(answerTo("",
-                                         {answer("a\xFF"
-                                                 "b")},
-                                         reply(ReplyEnd::Stop, 3)));
+  const Json body = parseOrderedJson(answerTo("",
+                                              {answer("a\xFF"
+                                                      "b")},
+                                              reply(ReplyEnd::Stop, 3)));
   EXPECT_EQ("a\uFFFDb", body["choices"][0]["message"]["content"]);
 }
 
@@ -261,13 +264,13 @@ TEST_F(ChatApi, WhatCannotBeFulfilled) {
   exchange = ask(R"("stream": true)");
   service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
   EXPECT_EQ(400, exchange->status) << "streams have a status of their own until they begin";
-  EXPECT_EQ("context_length_exceeded", Json::parse(exchange->written)["error"]["code"]);
+  EXPECT_EQ("context_length_exceeded", parseOrderedJson(exchange->written)["error"]["code"]);
   EXPECT_TRUE(exchange->ended);
 
   exchange = ask("");
   service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
   EXPECT_EQ(500, exchange->status);
-  EXPECT_EQ("server_error", Json::parse(exchange->written)["error"]["type"]);
+  EXPECT_EQ("server_error", parseOrderedJson(exchange->written)["error"]["type"]);
 
   exchange = ask("");
   service.queue.sink->failed(GenerationFault::NoMemory, "no memory");
@@ -302,7 +305,7 @@ TEST_F(ChatApi, NoRoomInTheQueue) {
     service.queue.answer = refusal;
     const auto exchange = ask(R"("stream": true)");
     EXPECT_EQ(503, exchange->status);
-    EXPECT_EQ("server_error", Json::parse(exchange->written)["error"]["type"]);
+    EXPECT_EQ("server_error", parseOrderedJson(exchange->written)["error"]["type"]);
   }
 }
 
@@ -384,7 +387,8 @@ TEST_F(ChatApi, RefusedMessages) {
     const auto exchange = service.ask("POST", kPath, R"({"messages": )" + refused.messages + "}");
     EXPECT_EQ(400, exchange->status) << refused.messages;
     EXPECT_EQ(nullptr, service.queue.sink) << refused.messages;
-    EXPECT_EQ(refused.param, Json::parse(exchange->written)["error"]["param"]) << refused.messages;
+    EXPECT_EQ(refused.param, parseOrderedJson(exchange->written)["error"]["param"])
+        << refused.messages;
   }
   EXPECT_EQ(R"({"error":{"message":"messages[0].content[0].type \"image_url\" is not supported: )"
             R"(contents are text","type":"invalid_request_error",)"
@@ -425,7 +429,8 @@ TEST_F(ChatApi, RefusedFields) {
     const auto exchange = ask(refused.fields);
     EXPECT_EQ(400, exchange->status) << refused.fields;
     EXPECT_EQ(nullptr, service.queue.sink) << refused.fields;
-    EXPECT_EQ(refused.param, Json::parse(exchange->written)["error"]["param"]) << refused.fields;
+    EXPECT_EQ(refused.param, parseOrderedJson(exchange->written)["error"]["param"])
+        << refused.fields;
   }
 }
 

@@ -2,12 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "host/serve/embedded_files.h"
+#include "tests/support/patterns.h"
 
 namespace zym {
 namespace {
@@ -49,12 +49,11 @@ TEST(ChatPage, StandsAtTheRootAsHtml) {
 }
 
 TEST(ChatPage, CarriesEveryFileThatItsFilesName) {
-  const std::regex link(R"re((?:href|src)="([a-z_]+\.[a-z]+)"|from '\./([a-z_.]+)')re");
+  const std::string link = R"re((?:href|src)="([a-z_]+\.[a-z]+)"|from '\./([a-z_.]+)')re";
   size_t found = 0;
   for (const EmbeddedFile& file : embeddedFiles()) {
-    const std::string text(file.text);
-    for (std::sregex_iterator at(text.begin(), text.end(), link), none; at != none; ++at) {
-      AnsweredExchange exchange("/" + (*at)[1].str() + (*at)[2].str());
+    for (const auto& match : kel::test::matchesIn(std::string(file.text), link)) {
+      AnsweredExchange exchange("/" + match[1] + match[2]);
       EXPECT_TRUE(answerChatPage(exchange)) << file.name << ": " << exchange.asked.path;
       ++found;
     }

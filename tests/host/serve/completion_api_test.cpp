@@ -8,10 +8,12 @@
 
 #include "host/serve/api_output.h"
 #include "tests/host/serve/fake_service.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseOrderedJson;
 using namespace testing_support;
 using engine::ReplyEnd;
 
@@ -73,7 +75,7 @@ TEST_F(CompletionApi, LogProbabilities) {
   sink.done();
   EXPECT_EQ(R"({"tokens":["a","b"],"token_logprobs":[-0.5,-1.0],"top_logprobs":[{"b":-0.25},{}],)"
             R"("text_offset":[0,1]})",
-            Json::parse(exchange->written)["choices"][0]["logprobs"].dump());
+            parseOrderedJson(exchange->written)["choices"][0]["logprobs"].dump());
 }
 
 TEST_F(CompletionApi, Prompts) {
@@ -92,7 +94,7 @@ TEST_F(CompletionApi, Prompts) {
 TEST_F(CompletionApi, TextThatHasNoRoomIsThePromptsFault) {
   const auto exchange = ask(R"("prompt": "ab")");
   service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
-  EXPECT_EQ("prompt", Json::parse(exchange->written)["error"]["param"]);
+  EXPECT_EQ("prompt", parseOrderedJson(exchange->written)["error"]["param"]);
 }
 
 TEST_F(CompletionApi, RefusedFields) {
@@ -121,7 +123,8 @@ TEST_F(CompletionApi, RefusedFields) {
     const auto exchange = ask(refused.fields);
     EXPECT_EQ(400, exchange->status) << refused.fields;
     EXPECT_EQ(nullptr, service.queue.sink) << refused.fields;
-    EXPECT_EQ(refused.param, Json::parse(exchange->written)["error"]["param"]) << refused.fields;
+    EXPECT_EQ(refused.param, parseOrderedJson(exchange->written)["error"]["param"])
+        << refused.fields;
   }
 }
 

@@ -7,10 +7,12 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/host/serve/serve_fixture.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseJson;
 using std::chrono::milliseconds;
 using testing_support::comesTrue;
 using testing_support::HttpAnswer;
@@ -19,7 +21,7 @@ using testing_support::isGone;
 using HttpLimitsTest = testing_support::ServeTest;
 
 std::string errorCode(const HttpAnswer& answer) {
-  return nlohmann::json::parse(answer.body)["error"]["code"];
+  return parseJson(answer.body)["error"]["code"];
 }
 
 size_t threadCount() {

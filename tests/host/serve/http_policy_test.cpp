@@ -6,10 +6,12 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/host/serve/serve_fixture.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseJson;
 using testing_support::HttpAnswer;
 using testing_support::HttpClient;
 using HttpPolicyTest = testing_support::ServeTest;
@@ -92,7 +94,7 @@ TEST_F(HttpPolicyTest, KeysAreAskedForWhereThereAreSome) {
     const HttpAnswer answer = caller.read();
     EXPECT_EQ(answer.status, 401) << headers;
     EXPECT_EQ(answer.headers.at("www-authenticate"), "Bearer");
-    EXPECT_EQ(nlohmann::json::parse(answer.body)["error"]["code"], "invalid_api_key");
+    EXPECT_EQ(parseJson(answer.body)["error"]["code"], "invalid_api_key");
   }
   for (const char* headers : {"Authorization: Bearer alpha\r\n", "Authorization: bearer beta\r\n",
                               "X-API-Key: beta\r\n"}) {

@@ -7,10 +7,12 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/host/serve/serve_fixture.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseJson;
 using testing_support::comesTrue;
 using testing_support::HttpAnswer;
 using testing_support::HttpClient;
@@ -316,7 +318,7 @@ TEST_F(HttpServerTest, FailureOfAHandlerIsAnAnswer) {
   caller.ask("GET", "/throws");
   const HttpAnswer answer = caller.read();
   EXPECT_EQ(answer.status, 500);
-  EXPECT_EQ(nlohmann::json::parse(answer.body)["error"]["type"], "server_error");
+  EXPECT_EQ(parseJson(answer.body)["error"]["type"], "server_error");
   caller.ask("GET", "/health");
   EXPECT_EQ(caller.read().status, 200);
 }
@@ -328,7 +330,7 @@ TEST_F(HttpServerTest, UnknownPathsAndMethodsAreToldOf) {
   HttpAnswer answer = caller.read();
   EXPECT_EQ(answer.status, 404);
   EXPECT_EQ(answer.headers.at("content-type"), "application/json");
-  const auto error = nlohmann::json::parse(answer.body);
+  const auto error = parseJson(answer.body);
   EXPECT_EQ(error["error"]["message"], "there is nothing at /nowhere\xef\xbf\xbd");
   EXPECT_EQ(error["error"]["code"], "not_found");
   EXPECT_TRUE(error["error"]["param"].is_null());
@@ -400,7 +402,7 @@ TEST_F(HttpServerTest, RequestWithoutAHostIsAnsweredOnce) {
   caller.send("GET /health HTTP/1.1\r\n\r\n");
   const HttpAnswer answer = caller.read();
   EXPECT_EQ(answer.status, 400);
-  EXPECT_EQ(nlohmann::json::parse(answer.body)["error"]["code"], "invalid_host");
+  EXPECT_EQ(parseJson(answer.body)["error"]["code"], "invalid_host");
   caller.ask("GET", "/health");
   EXPECT_EQ(caller.read().status, 200);
 }
@@ -448,7 +450,7 @@ TEST_F(HttpServerTest, NothingIsReadBehindARequestWhoseEndIsInDoubt) {
       caller.send(head + hidden);
       const HttpAnswer answer = caller.read();
       EXPECT_EQ(answer.status, 400);
-      EXPECT_EQ(nlohmann::json::parse(answer.body)["error"]["code"], code);
+      EXPECT_EQ(parseJson(answer.body)["error"]["code"], code);
       EXPECT_EQ(answer.headers.at("connection"), "close");
       EXPECT_TRUE(caller.isClosed());
       EXPECT_EQ(caller.take(), "");

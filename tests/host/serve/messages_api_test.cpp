@@ -8,10 +8,12 @@
 
 #include "host/serve/api_output.h"
 #include "tests/host/serve/fake_service.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseOrderedJson;
 using namespace testing_support;
 using engine::ReplyEnd;
 using engine::Role;
@@ -29,7 +31,7 @@ class MessagesApi : public testing::Test {
                 const engine::Reply& reply) {
     const auto exchange = ask(fields);
     play(*service.queue.sink, events, reply);
-    return Json::parse(exchange->written);
+    return parseOrderedJson(exchange->written);
   }
 
   FakeService service;
@@ -115,15 +117,15 @@ TEST_F(MessagesApi, Errors) {
             exchange->written);
   exchange = ask(kHello + R"(, "model": "larger")");
   EXPECT_EQ(404, exchange->status);
-  EXPECT_EQ("not_found_error", Json::parse(exchange->written)["error"]["type"]);
+  EXPECT_EQ("not_found_error", parseOrderedJson(exchange->written)["error"]["type"]);
   exchange = ask(kHello);
   service.queue.sink->failed(GenerationFault::Numbers, "numbers went wrong");
-  EXPECT_EQ("api_error", Json::parse(exchange->written)["error"]["type"]);
+  EXPECT_EQ("api_error", parseOrderedJson(exchange->written)["error"]["type"]);
   service.queue.answer = Submission::QueueFull;
   exchange = ask(kHello);
   EXPECT_EQ(503, exchange->status);
   EXPECT_EQ((HttpHeaders{{"Retry-After", "1"}}), exchange->headers);
-  EXPECT_EQ("overloaded_error", Json::parse(exchange->written)["error"]["type"]);
+  EXPECT_EQ("overloaded_error", parseOrderedJson(exchange->written)["error"]["type"]);
 }
 
 TEST_F(MessagesApi, FailureInTheMiddleOfAStream) {
@@ -148,7 +150,7 @@ TEST_F(MessagesApi, ArgumentsWithoutBottom) {
         ask(R"("max_tokens": 9, "messages": [{"role": "user", "content": "hello"}])");
     const std::string arguments = nested(isDeep ? 400'000 : 64);
     play(*service.queue.sink, {call("f", arguments)}, reply(ReplyEnd::Stop, 1));
-    const Json block = Json::parse(exchange->written)["content"][0];
+    const Json block = parseOrderedJson(exchange->written)["content"][0];
     EXPECT_EQ(isDeep ? "{}" : arguments, block["input"].dump());
   }
 }
@@ -238,7 +240,7 @@ TEST_F(MessagesApi, RefusedFields) {
     const auto exchange = ask(refused.fields);
     EXPECT_EQ(400, exchange->status) << refused.fields;
     EXPECT_EQ(nullptr, service.queue.sink) << refused.fields;
-    EXPECT_EQ(refused.message, Json::parse(exchange->written)["error"]["message"]);
+    EXPECT_EQ(refused.message, parseOrderedJson(exchange->written)["error"]["message"]);
   }
 }
 
@@ -261,7 +263,7 @@ TEST_F(MessagesApi, CountsTokens) {
         service.ask("POST", "/v1/messages/count_tokens",
                     R"({"messages": [{"role": "user", "content": "hello"}])" + fields + "}");
     EXPECT_EQ(200, exchange->status) << exchange->written;
-    return Json::parse(exchange->written)["input_tokens"].get<int>();
+    return parseOrderedJson(exchange->written)["input_tokens"].get<int>();
   };
   // Of the vocabulary's characters: <|im_start|>user\nhello<|im_end|>\n<|im_start|>assistant\n
   // <think>\n\n</think>\n\n

@@ -3,40 +3,44 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
 
+#include "tests/support/patterns.h"
+
 namespace zym {
 namespace {
 
+using kel::test::PatternMatch;
+using kel::test::wholeMatch;
+
 TEST(Metrics, EverySampleBelongsToAFamilyThatIsToldOfOnce) {
   std::istringstream lines(metricsText({}, {}));
-  const std::regex help("# HELP (zym_[a-z_]+) [A-Z][^\\\\]*");
-  const std::regex type("# TYPE (zym_[a-z_]+) (counter|gauge|histogram)");
-  const std::regex sample("(zym_[a-z_]+)(\\{[a-z]+=\"[a-z0-9+.I_]+\"\\})? [0-9.e+-]+");
-  const std::regex part("(.*)_(bucket|sum|count)");
+  const std::string help = "# HELP (zym_[a-z_]+) [A-Z][^\\\\]*";
+  const std::string type = "# TYPE (zym_[a-z_]+) (counter|gauge|histogram)";
+  const std::string sample = "(zym_[a-z_]+)(\\{[a-z]+=\"[a-z0-9+.I_]+\"\\})? [0-9.e+-]+";
+  const std::string part = "(.*)_(bucket|sum|count)";
   std::set<std::string> told;
   std::set<std::string> series;
   std::string current;
   bool isHistogram = false;
   std::string line;
   while (std::getline(lines, line)) {
-    std::smatch match;
-    if (std::regex_match(line, match, help)) {
-      current = match[1];
+    if (const PatternMatch family = wholeMatch(line, help); !family.empty()) {
+      current = family[1];
       EXPECT_TRUE(told.insert(current).second) << line;
-    } else if (std::regex_match(line, match, type)) {
-      EXPECT_EQ(match[1], current);
-      EXPECT_EQ(match[2] == "counter", current.ends_with("_total")) << line;
-      isHistogram = match[2] == "histogram";
+    } else if (const PatternMatch kind = wholeMatch(line, type); !kind.empty()) {
+      EXPECT_EQ(kind[1], current);
+      EXPECT_EQ(kind[2] == "counter", current.ends_with("_total")) << line;
+      isHistogram = kind[2] == "histogram";
     } else {
-      ASSERT_TRUE(std::regex_match(line, match, sample)) << line;
-      const std::string name = match[1];
-      EXPECT_EQ(isHistogram ? std::regex_replace(name, part, "$1") : name, current) << line;
-      EXPECT_EQ(isHistogram, std::regex_match(name, part)) << line;
-      EXPECT_TRUE(series.insert(match[1].str() + match[2].str()).second) << line;
+      const PatternMatch value = wholeMatch(line, sample);
+      ASSERT_FALSE(value.empty()) << line;
+      const PatternMatch ofHistogram = wholeMatch(value[1], part);
+      EXPECT_EQ(isHistogram, !ofHistogram.empty()) << line;
+      EXPECT_EQ(ofHistogram.empty() ? value[1] : ofHistogram[1], current) << line;
+      EXPECT_TRUE(series.insert(value[1] + value[2]).second) << line;
     }
   }
   EXPECT_GE(told.size(), 15u);

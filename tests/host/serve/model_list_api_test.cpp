@@ -7,10 +7,12 @@
 
 #include "host/serve/api_output.h"
 #include "tests/host/serve/fake_service.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseOrderedJson;
 using namespace testing_support;
 
 const std::string kSmall =
@@ -22,7 +24,7 @@ class ModelListApi : public testing::Test {
   std::string paramOf(const std::string& path, const std::string& body) {
     const auto exchange = service.ask("POST", path, body);
     EXPECT_EQ(400, exchange->status) << body;
-    return Json::parse(exchange->written)["error"]["param"].dump();
+    return parseOrderedJson(exchange->written)["error"]["param"].dump();
   }
 
   FakeService service;
@@ -31,7 +33,7 @@ class ModelListApi : public testing::Test {
 TEST_F(ModelListApi, ListsEveryName) {
   const auto exchange = service.ask("GET", "/v1/models", "");
   EXPECT_EQ(200, exchange->status);
-  const Json body = Json::parse(exchange->written);
+  const Json body = parseOrderedJson(exchange->written);
   EXPECT_EQ("list", body["object"]);
   ASSERT_EQ(2U, body["data"].size());
   EXPECT_EQ(kSmall, body["data"][0].dump());
@@ -44,7 +46,7 @@ TEST_F(ModelListApi, ListsEveryName) {
 TEST_F(ModelListApi, GivesOneByItsName) {
   EXPECT_EQ(kSmall, service.ask("GET", "/v1/models/small", "")->written);
   EXPECT_EQ("other-name",
-            Json::parse(service.ask("GET", "/v1/models/other-name", "")->written)["id"]);
+            parseOrderedJson(service.ask("GET", "/v1/models/other-name", "")->written)["id"]);
   EXPECT_EQ("", service.routes.find("GET", "/v1/models/larger").allowed);
 }
 
@@ -57,9 +59,9 @@ TEST_F(ModelListApi, TokenizesAndBack) {
   EXPECT_EQ(
       R"({"tokens":[101],"count":1})",
       service.ask("POST", "/tokenize", R"({"text": "<tool_call>", "special": true})")->written);
-  EXPECT_EQ(
-      11,
-      Json::parse(service.ask("POST", "/tokenize", R"({"text": "<tool_call>"})")->written)["count"])
+  EXPECT_EQ(11,
+            parseOrderedJson(
+                service.ask("POST", "/tokenize", R"({"text": "<tool_call>"})")->written)["count"])
       << "plain text by itself";
   EXPECT_EQ(
       R"({"text":"a b<tool_call>"})",

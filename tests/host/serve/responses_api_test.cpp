@@ -7,10 +7,12 @@
 #include <vector>
 
 #include "tests/host/serve/fake_service.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
+using kel::test::parseOrderedJson;
 using namespace testing_support;
 using engine::ReplyEnd;
 using engine::Role;
@@ -196,7 +198,7 @@ TEST_F(ResponsesApi, CutShortAnswers) {
   const std::string lines = eventsOf(exchange->written);
   const size_t last = lines.rfind("response.incomplete ");
   ASSERT_NE(std::string::npos, last);
-  const Json body = Json::parse(lines.substr(last + 20))["response"];
+  const Json body = parseOrderedJson(lines.substr(last + 20))["response"];
   EXPECT_EQ("incomplete", body["status"]);
   EXPECT_EQ(R"({"reason":"max_output_tokens"})", body["incomplete_details"].dump());
   EXPECT_EQ(6, body["max_output_tokens"]);
@@ -211,7 +213,7 @@ TEST_F(ResponsesApi, FailureInTheMiddleOfAStream) {
   const std::string lines = eventsOf(exchange->written);
   const size_t last = lines.rfind("response.failed ");
   ASSERT_NE(std::string::npos, last);
-  const Json body = Json::parse(lines.substr(last + 16))["response"];
+  const Json body = parseOrderedJson(lines.substr(last + 16))["response"];
   EXPECT_EQ("failed", body["status"]);
   EXPECT_EQ(R"({"code":"server_error","message":"numbers went wrong"})", body["error"].dump());
   EXPECT_TRUE(exchange->ended);
@@ -228,7 +230,7 @@ TEST_F(ResponsesApi, LogProbabilities) {
   sink.finished(0, reply(ReplyEnd::Stop, 1));
   sink.done();
   EXPECT_EQ(R"([{"token":"a","logprob":-0.5,"bytes":[97],"top_logprobs":[]}])",
-            Json::parse(exchange->written)["output"][0]["content"][0]["logprobs"].dump());
+            parseOrderedJson(exchange->written)["output"][0]["content"][0]["logprobs"].dump());
 }
 
 TEST_F(ResponsesApi, SettingsAreRepeated) {
@@ -237,7 +239,7 @@ TEST_F(ResponsesApi, SettingsAreRepeated) {
       R"( "temperature": 0.25, "parallel_tool_calls": false, "reasoning": {"effort": "low"}, )" +
       kTools);
   play(*service.queue.sink, {}, reply(ReplyEnd::Stop, 1));
-  const Json body = Json::parse(exchange->written);
+  const Json body = parseOrderedJson(exchange->written);
   EXPECT_EQ("Be brief.", body["instructions"]);
   EXPECT_EQ(R"({"k":"v"})", body["metadata"].dump());
   EXPECT_EQ(0.25, body["temperature"]);
@@ -332,14 +334,15 @@ TEST_F(ResponsesApi, RefusedFields) {
     const auto exchange = ask(refused.fields);
     EXPECT_EQ(400, exchange->status) << refused.fields;
     EXPECT_EQ(nullptr, service.queue.sink) << refused.fields;
-    EXPECT_EQ(refused.param, Json::parse(exchange->written)["error"]["param"]) << refused.fields;
+    EXPECT_EQ(refused.param, parseOrderedJson(exchange->written)["error"]["param"])
+        << refused.fields;
   }
 }
 
 TEST_F(ResponsesApi, TextThatHasNoRoomIsTheInputsFault) {
   const auto exchange = ask(R"("input": "hello")");
   service.queue.sink->failed(GenerationFault::TooLong, "there is no room for it");
-  EXPECT_EQ("input", Json::parse(exchange->written)["error"]["param"]);
+  EXPECT_EQ("input", parseOrderedJson(exchange->written)["error"]["param"]);
 }
 
 TEST_F(ResponsesApi, FieldsThatAgentsSend) {

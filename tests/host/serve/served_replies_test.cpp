@@ -19,11 +19,13 @@
 #include "tests/host/serve/fake_service.h"
 #include "tests/support/alphabet_vocabulary.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/json_text.h"
 
 namespace zym {
 namespace {
 
 using engine::testing_support::OpenedModel;
+using kel::test::parseOrderedJson;
 using testing_support::FakeExchange;
 
 constexpr uint64_t kVocab = 110;
@@ -84,7 +86,7 @@ class ServedReplies : public testing::Test {
   Json chat(const std::string& fields) {
     const auto exchange = ask("/v1/chat/completions", fields);
     EXPECT_EQ(200, exchange->status) << exchange->written;
-    return Json::parse(exchange->written);
+    return parseOrderedJson(exchange->written);
   }
 
   std::unique_ptr<Scheduler> scheduler;
@@ -104,7 +106,7 @@ std::string streamedContent(const std::string& stream) {
   size_t at = 0;
   while ((at = stream.find("data: {", at)) != std::string::npos) {
     const size_t end = stream.find("\n\n", at);
-    const Json chunk = Json::parse(stream.substr(at + 6, end - at - 6));
+    const Json chunk = parseOrderedJson(stream.substr(at + 6, end - at - 6));
     for (const Json& choice : chunk["choices"]) {
       content += choice["delta"].value("content", "");
     }
@@ -157,7 +159,7 @@ TEST_F(ServedReplies, LongPromptsAreNamedAsSuch) {
       ask("/v1/chat/completions",
           R"("stream": true, "messages": [{"role": "user", "content": ")" + words + "\"}]");
   EXPECT_EQ(400, exchange->status);
-  EXPECT_EQ("context_length_exceeded", Json::parse(exchange->written)["error"]["code"]);
+  EXPECT_EQ("context_length_exceeded", parseOrderedJson(exchange->written)["error"]["code"]);
 }
 
 TEST_F(ServedReplies, ConversationsThatCannotBeFramed) {
@@ -165,7 +167,8 @@ TEST_F(ServedReplies, ConversationsThatCannotBeFramed) {
       ask("/v1/messages", R"("max_tokens": 5, "messages": [{"role": "user", "content":)"
                           R"( "<tool_response>a</tool_response>"}])");
   EXPECT_EQ(400, exchange->status);
-  EXPECT_EQ("No user query found in messages.", Json::parse(exchange->written)["error"]["message"]);
+  EXPECT_EQ("No user query found in messages.",
+            parseOrderedJson(exchange->written)["error"]["message"]);
 }
 
 TEST_F(ServedReplies, FollowASchema) {
@@ -177,7 +180,7 @@ TEST_F(ServedReplies, FollowASchema) {
            R"( ["red", "blue"]}}, "required": ["fine", "word"], "additionalProperties": false}}})");
   ASSERT_EQ(4U, body["choices"].size());
   for (const Json& choice : body["choices"]) {
-    const Json answer = Json::parse(choice["message"]["content"].get<std::string>());
+    const Json answer = parseOrderedJson(choice["message"]["content"].get<std::string>());
     EXPECT_TRUE(answer["fine"].is_boolean());
     EXPECT_EQ(1U, (std::set<std::string>{"red", "blue"}.count(answer["word"])));
     EXPECT_EQ("stop", choice["finish_reason"]);
@@ -190,7 +193,7 @@ TEST_F(ServedReplies, SchemasThatAreNotSupported) {
           kHello + R"(, "response_format": {"type": "json_schema", "json_schema": {"schema":)"
                    R"( {"type": "string", "pattern": "a"}}})");
   EXPECT_EQ(400, exchange->status);
-  const Json error = Json::parse(exchange->written)["error"];
+  const Json error = parseOrderedJson(exchange->written)["error"];
   EXPECT_EQ("response_format.json_schema.schema", error["param"]);
   EXPECT_NE(std::string::npos, error["message"].get<std::string>().find("\"pattern\""));
 }
@@ -211,7 +214,7 @@ TEST_F(ServedReplies, CallTheToolThatIsNamed) {
   ASSERT_EQ(1U, choice["message"]["tool_calls"].size());
   const Json& call = choice["message"]["tool_calls"][0]["function"];
   EXPECT_EQ("look_up", call["name"]);
-  EXPECT_TRUE(Json::parse(call["arguments"].get<std::string>())["exact"].is_boolean());
+  EXPECT_TRUE(parseOrderedJson(call["arguments"].get<std::string>())["exact"].is_boolean());
 }
 
 TEST_F(ServedReplies, CallNothingWhereTheyMustNot) {
@@ -237,13 +240,13 @@ TEST_F(ServedReplies, OtherInterfacesSayTheSame) {
   const std::string content =
       chat(kHello + R"(, "max_tokens": 20)" + settings)["choices"][0]["message"]["content"];
   const Json message =
-      Json::parse(ask("/v1/messages", kHello + R"(, "max_tokens": 20)" + settings)->written);
+      parseOrderedJson(ask("/v1/messages", kHello + R"(, "max_tokens": 20)" + settings)->written);
   EXPECT_EQ(content, message["content"][0]["text"]);
   EXPECT_EQ("max_tokens", message["stop_reason"]);
-  const Json response = Json::parse(
+  const Json response = parseOrderedJson(
       ask("/v1/responses", R"("input": "hello", "max_output_tokens": 20)" + settings)->written);
   EXPECT_EQ(content, response["output"][0]["content"][0]["text"]);
-  const Json text = Json::parse(
+  const Json text = parseOrderedJson(
       ask("/v1/completions",
           R"("prompt": "<|im_start|>user\nhello<|im_end|>\n<|im_start|>assistant\n<think>\n\n)"
           R"(</think>\n\n", "max_tokens": 20)" +
