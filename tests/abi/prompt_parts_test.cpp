@@ -61,8 +61,8 @@ void expectTheSameInTwoTurns(const Handle& handle, const std::string& first,
   EXPECT_EQ(inOne.drawn.pieces, inTwo.drawn.pieces) << first.size() << " " << second.size();
 }
 
-// The framing of a message takes 19 tokens and every character one. A batch holds 128: the later
-// pairs fill more than one, by a message and by both together.
+// The framing of a message takes 19 tokens and every character one. A batch holds 128: a message of
+// 130 characters fills more than one, one of 110 does with the message behind it.
 TEST(PromptParts, RepliesDoNotDependOnTheTurnsOfAQ80Model) {
   const kel::test::TempDir folder;
   kel::test::writeSensitiveChatModel(folder.file("m.zym"), QuantType::Q8_0);
