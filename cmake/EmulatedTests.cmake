@@ -34,9 +34,3 @@ set(zym_emulated_tests
   tables_test exports_test public_header_test probe_test
   # tests/host
   host_test)
-
-# Of a program with a filter of its own, the cases that it chooses. The largest shapes go through the
-# same code as the others.
-if(CMAKE_CROSSCOMPILING)
-  set(zym_emulated_filter_family_test "--gtest_filter=-*/27B:*/Heads24On4And48On16")
-endif()
