@@ -104,10 +104,10 @@ bool waitForInput(int fd, const std::function<void()>& beforeWaiting) {
   for (const int number : {SIGINT, SIGCONT, SIGWINCH}) {
     sigaddset(&noticed, number);
   }
-  // These are blocked except during the wait: one that came between the test of its flag and the
-  // wait would not end the wait.
   waiter = pthread_self();
   someoneWaits = true;
+  // These are blocked except during the wait: one that came between the test of its flag and the
+  // wait would not end the wait.
   pthread_sigmask(SIG_BLOCK, &noticed, &before);
   pollfd ready{fd, POLLIN, 0};
   while (interrupted == 0) {

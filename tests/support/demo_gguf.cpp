@@ -1,8 +1,6 @@
 #include "tests/support/demo_gguf.h"
 
 #include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
@@ -11,6 +9,7 @@
 #include "container/zym_loader.h"
 #include "tests/convert/gguf_builder.h"
 #include "tests/support/demo_model.h"
+#include "tests/support/file_contents.h"
 #include "tests/support/json_text.h"
 #include "tests/support/temp_dir.h"
 
@@ -60,9 +59,8 @@ void addTokenizer(const TokenizerData& tables, GgufBuilder& file) {
   file.array("tokenizer.ggml.token_type", 5, tables.tokenTypes);
   file.texts("tokenizer.ggml.merges", tables.merges);
   file.u32("tokenizer.ggml.eos_token_id", static_cast<uint32_t>(tables.eosId));
-  std::ifstream config(ZYM_DEMO_FOLDER "/tokenizer_config.json");
-  const std::string text{std::istreambuf_iterator<char>(config), {}};
-  file.text("tokenizer.chat_template", parseJson(text).at("chat_template"));
+  const std::string config = contentsOf(ZYM_DEMO_FOLDER "/tokenizer_config.json");
+  file.text("tokenizer.chat_template", parseJson(config).at("chat_template"));
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include "tests/support/demo_model.h"
-#include "tests/support/json_text.h"
 
 #include <cmath>
 #include <cstring>
@@ -11,6 +10,7 @@
 #include "container/zym2_writer.h"
 #include "quant/blocks.h"
 #include "tests/support/file_contents.h"
+#include "tests/support/json_text.h"
 
 namespace kel::test {
 

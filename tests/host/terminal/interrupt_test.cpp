@@ -94,7 +94,8 @@ class WaitWithAnotherThread : public testing::Test {
     close(input[0]);
     close(input[1]);
   }
-  // Returns when the other thread has handled the signal, at the latest after a second.
+  // Returns when the signal has come back to this thread, which blocks it; at the latest after a
+  // second.
   void sendToTheOther(int number) {
     pthread_kill(other.native_handle(), number);
     sigset_t pending;
