@@ -40,14 +40,14 @@ Model modelOfWidth(size_t nEmbd) {
 
 Context::Context(const Model& m, const ContextOptions& options)
     : table(options.kernels == nullptr ? &qwen35::kernels() : options.kernels),
-      workers(options.threads == 0 ? openMpThreads() : options.threads),
       tokens(options.maxTokens),
-      positions(m.maxCtx) {
+      positions(m.maxCtx),
+      workers(options.threads == 0 ? openMpThreads() : options.threads) {
   layOut(m, widestFfn(m));
 }
 
 Context::Context(size_t nEmbd, size_t ffnWidth)
-    : table(&qwen35::kernels()), workers(openMpThreads()), tokens(1) {
+    : table(&qwen35::kernels()), tokens(1), workers(openMpThreads()) {
   layOut(modelOfWidth(nEmbd), ffnWidth);
 }
 

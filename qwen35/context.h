@@ -94,13 +94,13 @@ class Context {
   void layOut(const Model& m, size_t ffnWidth);
 
   const KernelTable* table;
-  Team workers;
   size_t tokens;
   size_t positions = 0;
   StateBuffer memory;
   PassBuffers at{};
   MatmulBuffers forms{};
   std::vector<MatmulScratch> perThread;
+  Team workers;  // last: aligned to cache lines, it would leave gaps between the others
 };
 
 // The residual stream as the next block finds it: a + b, to be stored in sum, row by row of nEmbd
