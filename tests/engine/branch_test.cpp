@@ -1,7 +1,6 @@
 // Taking over what another context has read.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -9,15 +8,16 @@
 #include "engine/context.h"
 #include "tests/engine/engine_models.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/float_bits.h"
 
 namespace engine {
 namespace {
 
+using kel::test::Bits;
 using kel::test::RandomModelSpec;
 using qwen35::CacheType;
 using testing_support::feed;
 using testing_support::OpenedModel;
-using Bits = std::vector<uint32_t>;
 
 const OpenedModel& sharedModel() {
   static const OpenedModel opened([] {
@@ -43,11 +43,7 @@ std::vector<Token> operator+(std::vector<Token> a, const std::vector<Token>& b) 
 }
 
 Bits bits(const Context& context) {
-  Bits result;
-  for (const float logit : context.logits()) {
-    result.push_back(std::bit_cast<uint32_t>(logit));
-  }
-  return result;
+  return kel::test::bitsOf(context.logits());
 }
 
 // Feeds what is not in place.

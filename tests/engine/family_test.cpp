@@ -2,7 +2,6 @@
 // precision; and their bits, whatever they are computed with.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -10,6 +9,7 @@
 #include "tests/engine/engine_models.h"
 #include "tests/qwen35/tested_tables.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/float_bits.h"
 #include "tests/support/instrumented.h"
 #include "tests/support/reference_model.h"
 
@@ -17,6 +17,7 @@ namespace engine {
 namespace {
 
 using kel::QuantType;
+using kel::test::Bits;
 using kel::test::NamedShape;
 using kel::test::RandomModelSpec;
 using testing_support::feed;
@@ -80,17 +81,16 @@ TEST(Family, NothingNeedBeAPowerOfTwo) {
 }
 
 // Bits of the logits after a prompt that is fed in the given pieces, and after a generated token.
-std::vector<uint32_t> bits(const OpenedModel& opened, const ContextOptions& options,
-                           const std::vector<std::vector<int32_t>>& pieces) {
+Bits bits(const OpenedModel& opened, const ContextOptions& options,
+          const std::vector<std::vector<int32_t>>& pieces) {
   const auto context = opened.context(options);
   for (const std::vector<int32_t>& piece : pieces) {
     feed(*context, piece);
   }
-  std::vector<uint32_t> result;
+  Bits result;
   for (int step = 0; step < 2; ++step) {
-    for (const float logit : context->logits()) {
-      result.push_back(std::bit_cast<uint32_t>(logit));
-    }
+    const Bits logits = kel::test::bitsOf(context->logits());
+    result.insert(result.end(), logits.begin(), logits.end());
     if (step == 0) {
       EXPECT_TRUE(context->feedToken(9).ok());
     }
@@ -106,7 +106,7 @@ class FamilyBits : public testing::TestWithParam<NamedShape> {
   const std::vector<int32_t> prompt =
       kel::test::kInstrumented ? std::vector<int32_t>{1, 2, 3, 5, 8, 13}
                                : std::vector<int32_t>{1, 2, 3, 5, 8, 13, 21, 34, 55, 89, 144, 233};
-  const std::vector<uint32_t> expected = bits(opened, {.positions = 32, .threads = 1}, {prompt});
+  const Bits expected = bits(opened, {.positions = 32, .threads = 1}, {prompt});
 };
 
 TEST_P(FamilyBits, DoNotDependOnTheThreads) {

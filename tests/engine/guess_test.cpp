@@ -1,7 +1,6 @@
 // Guessing ahead changes nothing: neither logits nor state.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdint>
 #include <vector>
 
@@ -9,11 +8,13 @@
 #include "engine/prompt_lookup.h"
 #include "tests/engine/engine_models.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/float_bits.h"
 
 namespace engine {
 namespace {
 
 using kel::QuantType;
+using kel::test::bitsOf;
 using testing_support::feed;
 using testing_support::OpenedModel;
 
@@ -34,14 +35,6 @@ const OpenedModel& oddModel() {
   return opened;
 }
 
-std::vector<uint32_t> bits(std::span<const float> logits) {
-  std::vector<uint32_t> result;
-  for (const float logit : logits) {
-    result.push_back(std::bit_cast<uint32_t>(logit));
-  }
-  return result;
-}
-
 class Guess : public testing::TestWithParam<const OpenedModel* (*)()> {
  protected:
   const OpenedModel& model = *GetParam()();
@@ -56,10 +49,10 @@ TEST_P(Guess, LogitsBehindEachTokenAreThoseOfSingleTokens) {
   ASSERT_TRUE(guessing->feedGuess(tokens).ok());
   for (size_t i = 0; i < tokens.size(); ++i) {
     ASSERT_TRUE(plain->feedToken(tokens[i]).ok());
-    EXPECT_EQ(bits(plain->logits()), bits(guessing->logitsBehind(i))) << i;
+    EXPECT_EQ(bitsOf(plain->logits()), bitsOf(guessing->logitsBehind(i))) << i;
   }
   ASSERT_TRUE(guessing->keep(tokens.size()).ok());
-  EXPECT_EQ(bits(plain->logits()), bits(guessing->logits()));
+  EXPECT_EQ(bitsOf(plain->logits()), bitsOf(guessing->logits()));
   EXPECT_EQ(plain->tokens(), guessing->tokens());
 }
 
@@ -76,16 +69,16 @@ TEST_P(Guess, TokensThatAreTakenBackLeaveNothingBehind) {
       ASSERT_TRUE(plain->feedToken(tokens[i]).ok());
     }
     EXPECT_EQ(plain->tokens(), guessing->tokens());
-    EXPECT_EQ(bits(plain->logits()), bits(guessing->logits()));
+    EXPECT_EQ(bitsOf(plain->logits()), bitsOf(guessing->logits()));
     for (const int32_t token : {30, 31}) {
       ASSERT_TRUE(plain->feedToken(token).ok());
       ASSERT_TRUE(guessing->feedGuess(std::vector<int32_t>{token, 7, 7}).ok());
       ASSERT_TRUE(guessing->keep(1).ok());
-      EXPECT_EQ(bits(plain->logits()), bits(guessing->logits())) << kept;
+      EXPECT_EQ(bitsOf(plain->logits()), bitsOf(guessing->logits())) << kept;
     }
     feed(*plain, {5, 6});
     feed(*guessing, {5, 6});
-    EXPECT_EQ(bits(plain->logits()), bits(guessing->logits())) << kept;
+    EXPECT_EQ(bitsOf(plain->logits()), bitsOf(guessing->logits())) << kept;
     EXPECT_EQ(4 - kept + 4, guessing->statistics().rejectedGuesses);
     EXPECT_EQ(kept - 1, guessing->statistics().acceptedGuesses);
     EXPECT_EQ(kept + 2, guessing->statistics().generatedTokens);

@@ -1,17 +1,18 @@
 // Going back to a place in a context, instead of reading again.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdint>
 #include <vector>
 
 #include "engine/context.h"
 #include "tests/engine/engine_models.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/float_bits.h"
 
 namespace engine {
 namespace {
 
+using kel::test::Bits;
 using kel::test::RandomModelSpec;
 using testing_support::feed;
 using testing_support::OpenedModel;
@@ -51,15 +52,11 @@ size_t feedRest(Context& context, const std::vector<Token>& tokens) {
   return tokens.size() - kept;
 }
 
-std::vector<uint32_t> bits(const Context& context) {
-  std::vector<uint32_t> result;
-  for (const float logit : context.logits()) {
-    result.push_back(std::bit_cast<uint32_t>(logit));
-  }
-  return result;
+Bits bits(const Context& context) {
+  return kel::test::bitsOf(context.logits());
 }
 
-std::vector<uint32_t> bitsAfresh(const std::vector<Token>& tokens) {
+Bits bitsAfresh(const std::vector<Token>& tokens) {
   const auto context = sharedModel().context({});
   feedRest(*context, tokens);
   return bits(*context);
@@ -98,7 +95,7 @@ TEST(Resume, ARetryFeedsOnlyWhatIsBehindTheLastPlace) {
   feedRest(*context, message);
   context->remember();
   feedRest(*context, message + opening);
-  const std::vector<uint32_t> expected = bits(*context);
+  const Bits expected = bits(*context);
   generate(*context, 30);
   EXPECT_EQ(4U, feedRest(*context, message + opening));
   EXPECT_EQ(expected, bits(*context));
@@ -159,7 +156,7 @@ TEST(Resume, TheSameTextAgainNeedsNothingWhileItsLogitsAreThere) {
   const auto context = sharedModel().context({});
   const std::vector<Token> whole = text(60, 1);
   feedRest(*context, whole);
-  const std::vector<uint32_t> expected = bits(*context);
+  const Bits expected = bits(*context);
   EXPECT_EQ(60U, context->resume(whole));
   EXPECT_EQ(expected, bits(*context));
   context->remember();

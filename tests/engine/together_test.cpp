@@ -1,7 +1,6 @@
 // Several contexts in one pass: each as if it were alone.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <limits>
@@ -15,17 +14,18 @@
 #include "tests/engine/engine_models.h"
 #include "tests/qwen35/tested_tables.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/float_bits.h"
 
 namespace engine {
 namespace {
 
 using kel::QuantType;
+using kel::test::Bits;
 using kel::test::TensorPlan;
 using qwen35::CacheType;
 using testing_support::feed;
 using testing_support::OpenedModel;
 using Contexts = std::vector<std::unique_ptr<Context>>;
-using Bits = std::vector<uint32_t>;
 
 const OpenedModel& mixedModel() {
   static const OpenedModel opened({.hidden = 256,
@@ -45,11 +45,7 @@ const OpenedModel& oddModel() {
 }
 
 Bits bits(const Context& context) {
-  Bits result;
-  for (const float logit : context.logits()) {
-    result.push_back(std::bit_cast<uint32_t>(logit));
-  }
-  return result;
+  return kel::test::bitsOf(context.logits());
 }
 
 std::shared_ptr<Passes> passesOf(const OpenedModel& model, const PassesOptions& options) {

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cstring>
 #include <filesystem>
 #include <set>
@@ -13,6 +12,7 @@
 #include "container/model_tensors.h"
 #include "qwen35/layer_tensors.h"
 #include "tests/support/bound_views.h"
+#include "tests/support/float_bits.h"
 #include "tests/support/odd_weights.h"
 #include "tests/support/opened_model.h"
 
@@ -20,6 +20,7 @@ namespace {
 
 using kel::QuantType;
 using kel::TensorKind;
+using kel::test::bitsOf;
 using kel::test::Handle;
 using kel::test::ModelFile;
 
@@ -47,23 +48,15 @@ class OddAddresses : public testing::Test {
   static inline std::string* shifted = nullptr;
 };
 
-std::vector<uint32_t> bits(const std::vector<float>& values) {
-  std::vector<uint32_t> out;
-  for (const float value : values) {
-    out.push_back(std::bit_cast<uint32_t>(value));
-  }
-  return out;
-}
-
 TEST_F(OddAddresses, LeaveEveryBitOfTheResults) {
   Handle plain(file->path);
   Handle odd(*shifted);
   ASSERT_TRUE(isOdd(odd.model.tokEmbd->data));
   const std::vector<size_t> prompt = {10, 11, 12, 13, 14};
-  EXPECT_EQ(bits(plain.pass(prompt, qwen35::Arithmetic::Batch)),
-            bits(odd.pass(prompt, qwen35::Arithmetic::Batch)));
+  EXPECT_EQ(bitsOf(plain.pass(prompt, qwen35::Arithmetic::Batch)),
+            bitsOf(odd.pass(prompt, qwen35::Arithmetic::Batch)));
   for (const size_t token : {3U, 4U}) {
-    EXPECT_EQ(bits(plain.logits(token)), bits(odd.logits(token))) << token;
+    EXPECT_EQ(bitsOf(plain.logits(token)), bitsOf(odd.logits(token))) << token;
   }
 }
 

@@ -3,17 +3,19 @@
 #include <gtest/gtest.h>
 #include <omp.h>
 
-#include <bit>
 #include <cstdint>
 #include <functional>
 #include <thread>
 #include <vector>
 
+#include "tests/support/float_bits.h"
 #include "tests/support/opened_model.h"
 
 namespace {
 
 using kel::QuantType;
+using kel::test::Bits;
+using kel::test::bitsOf;
 using kel::test::Handle;
 using kel::test::ModelFile;
 
@@ -28,22 +30,14 @@ const ModelFile& mixedModel() {
   return file;
 }
 
-std::vector<uint32_t> bits(const std::vector<float>& values) {
-  std::vector<uint32_t> result;
-  for (const float f : values) {
-    result.push_back(std::bit_cast<uint32_t>(f));
-  }
-  return result;
-}
-
 // Bits of the logits after the given tokens.
-std::vector<uint32_t> logitBits(const std::string& path, const std::vector<size_t>& tokens) {
+Bits logitBits(const std::string& path, const std::vector<size_t>& tokens) {
   Handle handle(path);
   std::vector<float> logits;
   for (const size_t token : tokens) {
     logits = handle.logits(token);
   }
-  return bits(logits);
+  return bitsOf(logits);
 }
 
 class ModelDeterminism : public ::testing::Test {
@@ -56,7 +50,7 @@ class ModelDeterminism : public ::testing::Test {
 
 TEST_F(ModelDeterminism, LogitsDoNotDependOnTheThreadCount) {
   omp_set_num_threads(1);
-  const std::vector<uint32_t> expected = logitBits(mixedModel().path, tokens);
+  const Bits expected = logitBits(mixedModel().path, tokens);
   for (const int count : {2, 3, 7}) {
     omp_set_num_threads(count);
     EXPECT_EQ(expected, logitBits(mixedModel().path, tokens)) << count;
@@ -67,10 +61,10 @@ TEST_F(ModelDeterminism, TwoHandlesOnTwoHostThreadsDoNotMeet) {
   const ModelFile file;
   const std::vector<size_t> first = {1, 2, 3, 4, 5, 6};
   const std::vector<size_t> second = {9, 8, 7, 9, 8, 7};
-  const std::vector<uint32_t> expectedFirst = logitBits(file.path, first);
-  const std::vector<uint32_t> expectedSecond = logitBits(mixedModel().path, second);
-  std::vector<uint32_t> gotFirst;
-  std::vector<uint32_t> gotSecond;
+  const Bits expectedFirst = logitBits(file.path, first);
+  const Bits expectedSecond = logitBits(mixedModel().path, second);
+  Bits gotFirst;
+  Bits gotSecond;
   std::thread one([&] { gotFirst = logitBits(file.path, first); });
   std::thread two([&] { gotSecond = logitBits(mixedModel().path, second); });
   one.join();

@@ -12,6 +12,7 @@
 
 #include "qwen35/forward.h"
 #include "qwen35/snapshot.h"
+#include "tests/support/float_bits.h"
 #include "tests/support/instrumented.h"
 #include "tests/support/opened_model.h"
 #include "tests/support/scoped_env.h"
@@ -19,12 +20,13 @@
 namespace {
 
 using kel::QuantType;
+using kel::test::Bits;
+using kel::test::bitsOf;
 using kel::test::Handle;
 using kel::test::kInstrumented;
 using kel::test::ModelFile;
 using qwen35::Arithmetic;
 
-using Bits = std::vector<uint32_t>;
 using Tokens = std::vector<size_t>;
 
 constexpr size_t kTokens = 70;
@@ -36,18 +38,6 @@ constexpr size_t kLayersOfOneType = 4;
 constexpr size_t kMixedLayers = kInstrumented ? 8 : 20;
 constexpr QuantType kTypes[] = {QuantType::F32, QuantType::BF16, QuantType::Q8_0, QuantType::Q4_K,
                                 QuantType::Q5_K};
-
-Bits bits(const float* values, size_t n) {
-  Bits out;
-  for (size_t i = 0; i < n; ++i) {
-    out.push_back(std::bit_cast<uint32_t>(values[i]));
-  }
-  return out;
-}
-
-Bits bits(const std::vector<float>& values) {
-  return bits(values.data(), values.size());
-}
 
 Tokens prompt(size_t n) {
   Tokens tokens(n);
@@ -74,7 +64,7 @@ std::vector<Bits> stateOf(const qwen35::Model& m) {
     out.push_back({static_cast<uint32_t>(layer.pos)});
     for (const qwen35::StateBuffer* buffer :
          {&layer.ssmState, &layer.convState, &layer.kCache, &layer.vCache}) {
-      out.push_back(bits(buffer->data(), buffer->size()));
+      out.push_back(bitsOf(*buffer));
     }
   }
   return out;
@@ -98,8 +88,8 @@ struct OneByOne {
       : handle(file, kTokens) {
     for (const size_t token : tokens) {
       std::vector<float> row;
-      append(hidden, bits(handle.pass({token}, arithmetic, &row)));
-      append(logits, bits(row));
+      append(hidden, bitsOf(handle.pass({token}, arithmetic, &row)));
+      append(logits, bitsOf(row));
     }
   }
 
@@ -115,7 +105,7 @@ TEST(Pass, EveryLengthGivesTheBitsOfSingleTokens) {
   Handle batch(file, kTokens);
   for (size_t length = 1; length <= kTokens; length += kLengthStep) {
     batch.reset();
-    const Bits actual = bits(batch.pass(part(tokens, 0, length), Arithmetic::Batch));
+    const Bits actual = bitsOf(batch.pass(part(tokens, 0, length), Arithmetic::Batch));
     EXPECT_TRUE(std::equal(actual.begin(), actual.end(), single.hidden.begin())) << length;
   }
   batch.reset();
@@ -136,10 +126,10 @@ TEST(Pass, SeveralTokensGiveTheBitsOfSingleTokensInBothArithmeticsForEveryType) 
         }
         Handle several(file, kTokens);
         std::vector<float> logits;
-        const Bits hidden = bits(several.pass(part(tokens, 0, count), arithmetic, &logits));
+        const Bits hidden = bitsOf(several.pass(part(tokens, 0, count), arithmetic, &logits));
         EXPECT_TRUE(std::equal(hidden.begin(), hidden.end(), single.hidden.begin()))
             << kel::quantTypeName(type) << " " << count;
-        const Bits all = bits(logits);
+        const Bits all = bitsOf(logits);
         EXPECT_TRUE(std::equal(all.begin(), all.end(), single.logits.begin()))
             << kel::quantTypeName(type) << " " << count;
         if (count == tokens.size()) {
@@ -168,17 +158,17 @@ TEST_F(PassOnThreads, AndWithEveryInstructionSetGivesTheSameBits) {
     Handle reference(mixedModel(), kTokens);
     std::vector<float> logits;
     const qwen35::ContextOptions plain{.threads = 1, .kernels = qwen35::supportedKernels().front()};
-    const Bits expected = bits(reference.pass(tokens, arithmetic, &logits, plain));
-    const Bits expectedLogits = bits(logits);
+    const Bits expected = bitsOf(reference.pass(tokens, arithmetic, &logits, plain));
+    const Bits expectedLogits = bitsOf(logits);
     const std::vector<Bits> expectedState = stateOf(reference.model);
     for (const qwen35::KernelTable* table : qwen35::supportedKernels()) {
       for (const size_t threads : threadCounts(table)) {
         omp_set_num_threads(static_cast<int>(threads));
         Handle handle(mixedModel(), kTokens);
-        const Bits hidden =
-            bits(handle.pass(tokens, arithmetic, &logits, {.threads = threads, .kernels = table}));
+        const Bits hidden = bitsOf(
+            handle.pass(tokens, arithmetic, &logits, {.threads = threads, .kernels = table}));
         EXPECT_EQ(expected, hidden) << table->name << " " << threads;
-        EXPECT_EQ(expectedLogits, bits(logits)) << table->name << " " << threads;
+        EXPECT_EQ(expectedLogits, bitsOf(logits)) << table->name << " " << threads;
         EXPECT_EQ(expectedState, stateOf(handle.model)) << table->name << " " << threads;
       }
     }
@@ -209,14 +199,14 @@ TEST(Pass, ResultsDoNotDependOnTheCut) {
   const Tokens tokens = prompt(kTokens);
   for (const Arithmetic arithmetic : {Arithmetic::Batch, Arithmetic::SingleToken}) {
     Handle whole(mixedModel(), kTokens);
-    const Bits expected = bits(whole.pass(tokens, arithmetic));
+    const Bits expected = bitsOf(whole.pass(tokens, arithmetic));
     std::mt19937 generator(10);
     for (int cut = 0; cut < kCuts; ++cut) {
       Handle handle(mixedModel(), kTokens);
       Bits actual;
       for (size_t at = 0; at < kTokens;) {
         const size_t count = std::min<size_t>(1 + generator() % 20, kTokens - at);
-        append(actual, bits(handle.pass(part(tokens, at, count), arithmetic)));
+        append(actual, bitsOf(handle.pass(part(tokens, at, count), arithmetic)));
         at += count;
       }
       EXPECT_EQ(expected, actual);
@@ -229,10 +219,10 @@ TEST(Pass, TheEntrancesAreSinglePassesOfTheSingleTokenArithmetic) {
   const Tokens tokens = prompt(3);
   OneByOne single(mixedModel(), tokens, Arithmetic::SingleToken);
   Handle handle(mixedModel(), kTokens);
-  Bits hidden = bits(handle.hidden(tokens[0]));
-  append(hidden, bits(handle.hidden(tokens[1])));
+  Bits hidden = bitsOf(handle.hidden(tokens[0]));
+  append(hidden, bitsOf(handle.hidden(tokens[1])));
   EXPECT_TRUE(std::equal(hidden.begin(), hidden.end(), single.hidden.begin()));
-  const Bits logits = bits(handle.logits(tokens[2]));
+  const Bits logits = bitsOf(handle.logits(tokens[2]));
   EXPECT_TRUE(std::equal(logits.begin(), logits.end(), single.logits.begin() + 2 * 301));
   EXPECT_EQ(stateOf(single.handle.model), stateOf(handle.model));
 }
@@ -255,7 +245,7 @@ TEST(Pass, OnlyTheLastLogitsAreWrittenUnlessAllAreAskedFor) {
            .logits = logits.data()});
   EXPECT_EQ(5.0f, logits.back());
   logits.pop_back();
-  EXPECT_EQ(Bits(single.logits.end() - 301, single.logits.end()), bits(logits));
+  EXPECT_EQ(Bits(single.logits.end() - 301, single.logits.end()), bitsOf(logits));
 }
 
 // An input that is not finite cannot be quantised: its rows are decoded, beside quantised ones.
@@ -276,7 +266,7 @@ TEST(Pass, ATokenThatIsNotFiniteLeavesTheOthersAlone) {
     OneByOne single(file, tokens, Arithmetic::SingleToken);
     Handle several(file, kTokens);
     const std::vector<float> hidden = several.pass(tokens, Arithmetic::SingleToken);
-    const Bits actual = bits(hidden);
+    const Bits actual = bitsOf(hidden);
     EXPECT_TRUE(std::equal(actual.begin(), actual.begin() + 2 * 256, single.hidden.begin()));
     EXPECT_TRUE(std::all_of(hidden.begin(), hidden.begin() + 2 * 256,
                             [](float f) { return std::isfinite(f); }));
@@ -290,12 +280,12 @@ TEST(Pass, WithoutRoomForAllItsTokensAttentionStoresNothing) {
   Handle handle(file, 6);
   handle.pass(prompt(4), Arithmetic::Batch);
   const std::vector<Bits> before = stateOf(handle.model);
-  const Bits hidden = bits(handle.pass(prompt(3), Arithmetic::Batch));
+  const Bits hidden = bitsOf(handle.pass(prompt(3), Arithmetic::Batch));
   EXPECT_EQ(before, stateOf(handle.model));
   // The layers add their feed-forward alone, as where attention is switched off.
   const kel::test::ScopedEnv ablate("QWEN35_ABLATE", "lin");
   Handle without(file, 6);
-  EXPECT_EQ(bits(without.pass(prompt(3), Arithmetic::Batch)), hidden);
+  EXPECT_EQ(bitsOf(without.pass(prompt(3), Arithmetic::Batch)), hidden);
 }
 
 TEST(Snapshot, GoesBackToWhereThePassBegan) {
@@ -309,9 +299,9 @@ TEST(Snapshot, GoesBackToWhereThePassBegan) {
   handle.pass(part(tokens, 5, 9), Arithmetic::Batch, nullptr, {}, &before);
   before.restore(handle.model);
   handle.position = 5;
-  EXPECT_EQ(bits(expected.pass(part(tokens, 5, 3), Arithmetic::Batch)),
-            bits(handle.pass(part(tokens, 5, 3), Arithmetic::Batch)));
-  EXPECT_EQ(bits(expected.logits(1)), bits(handle.logits(1)));
+  EXPECT_EQ(bitsOf(expected.pass(part(tokens, 5, 3), Arithmetic::Batch)),
+            bitsOf(handle.pass(part(tokens, 5, 3), Arithmetic::Batch)));
+  EXPECT_EQ(bitsOf(expected.logits(1)), bitsOf(handle.logits(1)));
 }
 
 TEST(Snapshot, LeavesTheStatesOfSkippedLayersAlone) {

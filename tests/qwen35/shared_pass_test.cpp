@@ -20,19 +20,21 @@
 #include "qwen35/snapshot.h"
 #include "tests/qwen35/tested_tables.h"
 #include "tests/support/family_shapes.h"
+#include "tests/support/float_bits.h"
 #include "tests/support/instrumented.h"
 #include "tests/support/opened_model.h"
 
 namespace {
 
 using kel::QuantType;
+using kel::test::Bits;
+using kel::test::bitsOf;
 using kel::test::kInstrumented;
 using kel::test::ModelFile;
 using kel::test::RandomModelSpec;
 using qwen35::Arithmetic;
 using qwen35::CacheType;
 
-using Bits = std::vector<uint32_t>;
 using Tokens = std::vector<size_t>;
 
 constexpr size_t kVocab = 101;
@@ -40,14 +42,6 @@ constexpr size_t kPositions = 96;
 constexpr size_t kMostTokens = 40;  // of a pass
 constexpr QuantType kTypes[] = {QuantType::F32, QuantType::BF16, QuantType::Q8_0, QuantType::Q4_K,
                                 QuantType::Q5_K};
-
-Bits bits(const float* values, size_t n) {
-  Bits out;
-  for (size_t i = 0; i < n; ++i) {
-    out.push_back(std::bit_cast<uint32_t>(values[i]));
-  }
-  return out;
-}
 
 RandomModelSpec specOf(const std::vector<QuantType>& types) {
   return {.hidden = 256,
@@ -129,8 +123,8 @@ void feedAlone(qwen35::Context& context, Conversation& c, const Tokens& tokens,
            .logits = logits.data(),
            .allLogits = true});
   c.position += tokens.size();
-  c.hidden = bits(hidden.data(), hidden.size());
-  c.logits = bits(logits.data(), logits.size());
+  c.hidden = bitsOf(hidden);
+  c.logits = bitsOf(logits);
 }
 
 // A token of a pass of its own, one after the other.
@@ -180,8 +174,8 @@ void feedShared(qwen35::Context& context, const std::vector<Turn>& turns) {
     Conversation& c = *turns[s].conversation;
     const auto& [first, n] = std::pair(sequences[s].first, sequences[s].count);
     c.position += n;
-    c.hidden = bits(hidden.data() + first * width, n * width);
-    c.logits = bits(logits.data() + first * kVocab, n * kVocab);
+    c.hidden = bitsOf({hidden.data() + first * width, n * width});
+    c.logits = bitsOf({logits.data() + first * kVocab, n * kVocab});
   }
 }
 
