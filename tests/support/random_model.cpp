@@ -40,40 +40,47 @@ class Random {
   uint64_t state;
 };
 
-template <typename T>
-void append(std::vector<uint8_t>& out, T value) {
-  const size_t at = out.size();
-  out.resize(at + sizeof value);
-  std::memcpy(out.data() + at, &value, sizeof value);
-}
+// Writes one value behind another, into bytes that have room for all.
+class ValueWriter {
+ public:
+  explicit ValueWriter(std::vector<uint8_t>& out) : at(out.data()) {}
 
-void appendRandomBytes(std::vector<uint8_t>& out, size_t n, Random& random) {
-  const size_t at = out.size();
-  out.resize(at + n);
-  for (size_t i = 0; i < n; i += sizeof(uint64_t)) {
-    const uint64_t bits = random.next();
-    std::memcpy(out.data() + at + i, &bits, std::min(n - i, sizeof bits));
+  template <typename T>
+  void put(T value) {
+    std::memcpy(at, &value, sizeof value);
+    at += sizeof value;
   }
-}
+  void putRandomBytes(size_t n, Random& random) {
+    for (size_t i = 0; i < n; i += sizeof(uint64_t)) {
+      const uint64_t bits = random.next();
+      const size_t count = std::min(n - i, sizeof bits);
+      std::memcpy(at, &bits, count);
+      at += count;
+    }
+  }
+
+ private:
+  uint8_t* at;
+};
 
 // Blocks of random codes. The scales below make the decoded values' root mean square about `rms`
 // and, in the formats with a minimum, their mean about zero.
-void appendBlock(std::vector<uint8_t>& out, QuantType type, float rms, Random& random) {
+void putBlock(ValueWriter& out, QuantType type, float rms, Random& random) {
   const float scale = rms * random.uniform(0.8f, 1.2f);
   switch (type) {
     case QuantType::Q8_0:
-      append(out, f32ToF16(scale / 74.0f));
-      appendRandomBytes(out, 32, random);
+      out.put(f32ToF16(scale / 74.0f));
+      out.putRandomBytes(32, random);
       break;
     case QuantType::Q4_K:
-      append(out, f32ToF16(scale / 258.0f));
-      append(out, f32ToF16(scale / 258.0f * 7.5f));
-      appendRandomBytes(out, 12 + 128, random);
+      out.put(f32ToF16(scale / 258.0f));
+      out.put(f32ToF16(scale / 258.0f * 7.5f));
+      out.putRandomBytes(12 + 128, random);
       break;
     case QuantType::Q5_K:
-      append(out, f32ToF16(scale / 527.0f));
-      append(out, f32ToF16(scale / 527.0f * 15.5f));
-      appendRandomBytes(out, 12 + 32 + 128, random);
+      out.put(f32ToF16(scale / 527.0f));
+      out.put(f32ToF16(scale / 527.0f * 15.5f));
+      out.putRandomBytes(12 + 32 + 128, random);
       break;
     default:
       throw std::invalid_argument("no random blocks of this type");
@@ -250,21 +257,22 @@ std::vector<uint8_t> tensorBytes(const TensorPlan& plan, uint64_t seed) {
   const float bound = rms * std::sqrt(3.0f);  // of a uniform value with that root mean square
   const float low = isVector ? plan.low : -bound;
   const float high = isVector ? plan.high : bound;
-  std::vector<uint8_t> out;
-  out.reserve(n / blockLength(plan.type) * blockBytes(plan.type));
-  for (uint64_t i = 0; i < n; i += blockLength(plan.type)) {
+  const uint64_t blocks = (n + blockLength(plan.type) - 1) / blockLength(plan.type);
+  std::vector<uint8_t> bytes(blocks * blockBytes(plan.type));
+  ValueWriter out(bytes);
+  for (uint64_t block = 0; block < blocks; ++block) {
     if (plan.type == QuantType::F32) {
-      append(out, random.uniform(low, high));
+      out.put(random.uniform(low, high));
     } else if (plan.type == QuantType::BF16) {
       const float value = random.uniform(low, high);
       uint32_t bits;
       std::memcpy(&bits, &value, sizeof bits);
-      append(out, static_cast<uint16_t>(bits >> 16));
+      out.put(static_cast<uint16_t>(bits >> 16));
     } else {
-      appendBlock(out, plan.type, rms, random);
+      putBlock(out, plan.type, rms, random);
     }
   }
-  return out;
+  return bytes;
 }
 
 kel::Status writeRandomModel(const std::string& path, const RandomModelSpec& spec) {
