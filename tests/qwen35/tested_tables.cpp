@@ -16,9 +16,7 @@ bool isAvx2(const KernelTable* table) {
 }
 #endif
 
-}  // namespace
-
-std::vector<const KernelTable*> testedTables() {
+std::vector<const KernelTable*> allTables() {
   std::vector<const KernelTable*> tables = supportedKernels();
 #ifdef ZYM_HAVE_AVXVNNI_EVEX
   // A machine that runs the AVX2 table has all that the other one needs beside these two.
@@ -29,6 +27,14 @@ std::vector<const KernelTable*> testedTables() {
 #endif
   tables.insert(tables.end(),
                 {&emulatedAvx2Kernels(), &emulatedAvx512Kernels(), &emulatedOddKernels()});
+  return tables;
+}
+
+}  // namespace
+
+const std::vector<const KernelTable*>& testedTables() {
+  // Asking a virtual machine's processor what it can do takes long.
+  static const std::vector<const KernelTable*> tables = allTables();
   return tables;
 }
 

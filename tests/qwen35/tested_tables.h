@@ -9,6 +9,6 @@ namespace qwen35 {
 
 // supportedKernels(), the scalar one first, then the emulated ones, and that of AVX-VNNI in the
 // encoding of AVX-512 where the processor has it.
-std::vector<const KernelTable*> testedTables();
+const std::vector<const KernelTable*>& testedTables();
 
 }  // namespace qwen35
