@@ -23,6 +23,7 @@ class Mixer {
         layer(mixed),
         first(sequence.first),
         end(sequence.first + sequence.count),
+        begins(sequence.pos == 0),
         before(sequence.before == nullptr ? nullptr : &sequence.before->layer(layerIdx)),
         inputs(sequence.replay == nullptr ? nullptr : &sequence.replay->layer(layerIdx)),
         replays(mode == Mode::Replays),
@@ -44,6 +45,9 @@ class Mixer {
     }
     for (size_t h = g; h < m.ssmHeads; h += m.ssmGroups) {
       convolveAll(2 * keyFloats + h * valueDim, valueDim);
+      if (begins) {
+        layer.ssmState.populate(h * keyDim * valueDim, keyDim * valueDim);
+      }
       saveHead(h);
       for (size_t token = first; token < end; ++token) {
         openGates(token, h);
@@ -80,6 +84,9 @@ class Mixer {
   }
 
   void convolveAll(size_t begin, size_t count) const {
+    if (begins) {
+      layer.convState.populate(begin * history, count * history);
+    }
     saveChannels(begin, count);
     for (size_t token = first; token < end; ++token) {
       float* kept = inputs == nullptr ? nullptr : inputs->qkv.data() + (token - first) * channels;
@@ -142,6 +149,7 @@ class Mixer {
   Layer& layer;
   size_t first;  // token of the pass
   size_t end;
+  bool begins;  // the sequence: nothing may have touched its state yet
   Snapshot::LayerState* before;
   Replay::LayerInputs* inputs;
   bool replays;

@@ -22,8 +22,8 @@ void resetModel(Model& m) {
   for (size_t l = 0; l < m.layers.size(); ++l) {
     Layer& layer = m.layers[l];
     layer.pos = 0;
-    std::fill(layer.ssmState.begin(), layer.ssmState.end(), 0.0f);
-    std::fill(layer.convState.begin(), layer.convState.end(), 0.0f);
+    layer.ssmState.fillWithZeros();
+    layer.convState.fillWithZeros();
     layer.kCache.clear();
     layer.vCache.clear();
   }

@@ -1,6 +1,7 @@
 #include "qwen35/state_buffer.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -32,14 +33,32 @@ StateBuffer::~StateBuffer() {
   }
 }
 
+void StateBuffer::populate([[maybe_unused]] size_t begin, [[maybe_unused]] size_t n) {
+#ifdef MADV_POPULATE_WRITE
+  if (filled) {
+    return;
+  }
+  static const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  uint8_t* bytes = reinterpret_cast<uint8_t*>(floats);  // begins with a page
+  const size_t first = begin * sizeof(float) / page * page;
+  madvise(bytes + first, (begin + n) * sizeof(float) - first, MADV_POPULATE_WRITE);
+#endif
+}
+
 void StateBuffer::clear() {
   if (floats == nullptr) {
     return;
   }
+  filled = false;
   // Refused for memory that the process has locked.
   if (madvise(floats, count * sizeof(float), MADV_DONTNEED) != 0) {
-    std::fill_n(floats, count, 0.0f);
+    fillWithZeros();
   }
+}
+
+void StateBuffer::fillWithZeros() {
+  std::fill_n(floats, count, 0.0f);
+  filled = true;
 }
 
 }  // namespace qwen35

@@ -1,6 +1,7 @@
 #include "qwen35/linear_attention.h"
 
 #include <gtest/gtest.h>
+#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -9,6 +10,8 @@
 #include <vector>
 
 #include "tests/support/hand_tensors.h"
+#include "tests/support/instrumented.h"
+#include "tests/support/page_faults.h"
 #include "tests/support/scoped_env.h"
 
 namespace {
@@ -136,6 +139,28 @@ TEST_F(LinearAttention, ValueHead17ReadsKeyHead1) {
     const bool written = std::any_of(S, S + kHeadState, [](float f) { return f != 0.0f; });
     EXPECT_EQ(h == 1 || h == 17, written) << h;
   }
+}
+
+TEST_F(LinearAttention, TheFirstTokenMapsAPageOfItsStateOnce) {
+  if (!kel::test::canPopulatePages() || kel::test::kInstrumented) {
+    GTEST_SKIP() << "not on this system, or sanitizers map pages of their own for each";
+  }
+  const int threads = omp_get_max_threads();
+  omp_set_num_threads(1);
+  const std::vector<float> x = tensors.randomVector(kHidden);
+  const auto faultsOfAStep = [&] {
+    const size_t before = kel::test::pageFaults();
+    step(x);
+    return kel::test::pageFaults() - before;
+  };
+  faultsOfAStep();
+  const size_t mapped = faultsOfAStep();
+  layer.ssmState = qwen35::StateBuffer(layer.ssmState.size());
+  layer.convState = qwen35::StateBuffer(layer.convState.size());
+  const size_t fresh = faultsOfAStep();
+  omp_set_num_threads(threads);
+  const size_t bytes = (layer.ssmState.size() + layer.convState.size()) * sizeof(float);
+  EXPECT_LT(fresh, mapped + bytes / kel::test::pageBytes() + 12);
 }
 
 TEST_F(LinearAttention, NodecayKeepsTheStateUndecayed) {
