@@ -42,7 +42,6 @@ class ModelCacheTest : public testing_support::ProgramTest {
     unsetenv("ZYM_PLUGIN");  // the program generates by itself
     setenv("OMP_NUM_THREADS", "1", 1);
     setenv("XDG_CACHE_HOME", (folder / "caches").c_str(), 1);
-    setenv("TMPDIR", temporary.c_str(), 1);
     fs::create_directory(temporary);
   }
 
@@ -73,6 +72,7 @@ class ModelCacheTest : public testing_support::ProgramTest {
   }
 
   fs::path temporary = folder / "temporary";
+  ScopedEnv temporaryFolder{"TMPDIR", temporary.c_str()};
   fs::path cache = folder / "caches" / "zym";
 };
 
